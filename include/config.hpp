@@ -1,0 +1,57 @@
+// The daemon's settings: one plain record, its defaults, and the reader of the configuration file.
+//
+// Owns nothing but its strings and keeps no state between calls, so nothing survives (or suffers from) a crash.
+// The record is filled on the main thread before anything else runs and is only read afterwards; it holds no lock.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace zqu {
+
+// All settings of the daemon, with their defaults. Every member can be set by a line of the configuration file whose
+// key is the member's name. No combination of values is refused here; validate() reports the unusable ones.
+struct Config {
+    // Scheme and host of the mirror, without a path; trailing slashes are ignored. Empty: no mirror is configured.
+    std::string mirror_base_url = "https://definitions.zelgw.example";
+    // Path below the base URL where the INI files and the archives lie.
+    std::string mirror_subdir = "rhex/deffiles/def5-2";
+    // Definition flavour: part of the names of the mirror's files and of the definition files.
+    std::string flavor = "v2";
+    // File of PEM certificates that the mirror's certificate is verified with (CURLOPT_CAINFO(3)). Empty: the
+    // certificate authorities built into libcurl.
+    std::string ca_path;
+    // Version of the engine that the definitions serve; only repeated in the status file.
+    std::string engine_version;
+    // Root of the snapshot store.
+    std::string def_root = "/usr/local/zelgw/opt/av/quorin/defs";
+    // Path of the status file. A literal of its own on purpose: moving def_root does not move it.
+    std::string status_path = "/usr/local/zelgw/opt/av/quorin/defs/manifest/status.json";
+    // Seconds between two checks. 0: the next check follows at once.
+    std::uint32_t poll_interval_s = 900;
+    // Up to this many seconds, less one, are added to every wait. 0: none.
+    std::uint32_t poll_jitter_s = 120;
+    // Number of snapshots kept by pruning, the one in service included.
+    std::uint32_t retained_snapshots = 3;
+    // Time-out of one whole HTTP transfer, in seconds. 0: none (CURLOPT_TIMEOUT(3)).
+    std::uint32_t http_timeout_s = 300;
+
+    // Sets the defaults above.
+    Config() = default;
+
+    // Overlays cfg with the settings in the file at path: lines of "key = value", split at the first "=" and trimmed;
+    // a line that begins with "#", is blank or holds no "=" is skipped, and so is a key that names no member. The last
+    // of several lines with one key wins. Text values are stored as they stand, also when empty. Numbers are read by
+    // std::stoul in base 10 and keep their low 32 bits: "-1" gives 4294967295, "4294967296" gives 0, "900s" gives 900.
+    //
+    // Returns false, with cfg untouched, only when the file cannot be opened; true after reading it to its end, or to
+    // the first failed read. Throws what std::stoul throws (std::invalid_argument, std::out_of_range) for a number
+    // without digits or beyond 64 bits; the lines before it have taken effect then. Logs nothing.
+    [[nodiscard]] static bool load(const std::string& path, Config& cfg);
+
+    // Returns true when the settings are usable; reason is left as it was. Otherwise returns false and sets reason to
+    // one line that says what is missing: the mirror first, then the flavour. Nothing else is examined. Logs nothing.
+    [[nodiscard]] bool validate(std::string& reason) const;
+};
+
+}  // namespace zqu

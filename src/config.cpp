@@ -1,0 +1,86 @@
+#include "config.hpp"
+
+#include <cctype>
+#include <fstream>
+#include <utility>
+
+namespace zqu {
+namespace {
+
+std::string trim(std::string s) {
+    const auto space = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
+    while (!s.empty() && space(s.back())) {
+        s.pop_back();
+    }
+    std::size_t start = 0;
+    while (start < s.size() && space(s[start])) {
+        ++start;
+    }
+    return s.substr(start);
+}
+
+// Keeps the low 32 bits of whatever strtoul accepts, without a range check: intended.
+std::uint32_t to_number(const std::string& value) {
+    return static_cast<std::uint32_t>(std::stoul(value));
+}
+
+void set_field(Config& cfg, const std::string& key, const std::string& value) {
+    static constexpr std::pair<const char*, std::string Config::*> texts[] = {
+        {"mirror_base_url", &Config::mirror_base_url},
+        {"mirror_subdir", &Config::mirror_subdir},
+        {"flavor", &Config::flavor},
+        {"ca_path", &Config::ca_path},
+        {"engine_version", &Config::engine_version},
+        {"def_root", &Config::def_root},
+        {"status_path", &Config::status_path},
+    };
+    static constexpr std::pair<const char*, std::uint32_t Config::*> numbers[] = {
+        {"poll_interval_s", &Config::poll_interval_s},
+        {"poll_jitter_s", &Config::poll_jitter_s},
+        {"retained_snapshots", &Config::retained_snapshots},
+        {"http_timeout_s", &Config::http_timeout_s},
+    };
+    for (const auto& [name, field] : texts) {
+        if (key == name) {
+            cfg.*field = value;
+        }
+    }
+    for (const auto& [name, field] : numbers) {
+        if (key == name) {
+            cfg.*field = to_number(value);
+        }
+    }
+}
+
+}  // namespace
+
+bool Config::load(const std::string& path, Config& cfg) {
+    std::ifstream in(path);
+    if (!in) {
+        return false;
+    }
+    std::string line;
+    while (std::getline(in, line)) {
+        line = trim(line);
+        const auto equals = line.find('=');
+        if (line.empty() || line.front() == '#' || equals == std::string::npos) {
+            continue;
+        }
+        set_field(cfg, trim(line.substr(0, equals)), trim(line.substr(equals + 1)));
+    }
+    return true;
+}
+
+bool Config::validate(std::string& reason) const {
+    if (mirror_base_url.empty()) {
+        reason = "mirror_base_url is not set (the updater will idle, performing no checks)";
+        return false;
+    }
+    if (flavor.empty()) {
+        reason = "flavor is not set";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace zqu
