@@ -1,0 +1,168 @@
+"""The daemon as a daemon: its loop, its waits and its signals."""
+
+import os
+import signal
+import time
+
+import pytest
+from conftest import snapshot_listing
+
+STARTED = "info zel_quorin_updater loop started (interval={}s jitter={}s)"
+STOPPED = "info zel_quorin_updater loop stopped"
+
+
+def wait_for(condition, process):
+    """Waits until the condition holds, for as long as the process lives and half a minute at most."""
+    for _ in range(3000):
+        if condition():
+            return
+        assert process.poll() is None, "the daemon ended before its time"
+        time.sleep(0.01)
+    raise AssertionError("it never came to that")
+
+
+def active(gateway):
+    link = gateway.root / "active"
+    return os.readlink(link) if link.is_symlink() else None
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
+def test_signal_during_the_wait_ends_the_daemon_with_status_zero(gateway, mirror, number):
+    mirror.publish("1001")
+    gateway.settings.update(poll_interval_s=600, poll_jitter_s=0)
+    daemon = gateway.start()
+    wait_for(lambda: gateway.status_path.exists() and active(gateway), daemon)
+    daemon.send_signal(number)
+    assert daemon.wait(timeout=30) == 0
+    assert gateway.take_log() == [
+        STARTED.format(600, 0),
+        "info published def snapshot 1001",
+        "info def snapshot updated: none -> 1001",
+        STOPPED,
+    ]
+
+
+def test_signal_during_a_cycle_lets_it_end(gateway, mirror):
+    mirror.publish("1001")
+    gateway.settings.update(poll_interval_s=600, poll_jitter_s=0)
+    # The signal comes with the first flush, in the midst of the update.
+    process = gateway.run(
+        "--config", gateway.config_path,
+        prefix=["strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=fsync:signal=TERM:when=1"],
+    )
+    assert process.returncode == 0
+    assert gateway.take_log() == [
+        STARTED.format(600, 0),
+        "info published def snapshot 1001",
+        "info def snapshot updated: none -> 1001",
+        STOPPED,
+    ]
+    assert gateway.listing() == snapshot_listing("1001", "1001")
+
+
+def test_signal_during_a_single_cycle_lets_it_end(gateway, mirror):
+    mirror.publish("1001")
+    prefix = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=fsync:signal=INT:when=1"]
+    assert gateway.run_once(prefix=prefix) == [
+        "info published def snapshot 1001",
+        "info def snapshot updated: none -> 1001",
+    ]
+
+
+def test_other_signals_keep_their_effect(gateway, mirror):
+    mirror.publish("1001")
+    gateway.settings.update(poll_interval_s=600)
+    daemon = gateway.start()
+    wait_for(lambda: gateway.status_path.exists(), daemon)
+    daemon.send_signal(signal.SIGHUP)
+    assert daemon.wait(timeout=30) == -signal.SIGHUP
+
+
+def test_signal_before_the_handlers_are_there_ends_the_process_at_once(gateway):
+    # The first thing opened for reading after the libraries is the configuration.
+    process = gateway.run(
+        "--config", gateway.config_path, "--once",
+        prefix=["strace", "-f", "-qq", "-o", "/dev/null", "-P", gateway.folder / "updater.conf",
+                "-e", "inject=openat:signal=TERM:when=1"],
+    )
+    assert process.returncode in (-signal.SIGTERM, 128 + signal.SIGTERM)
+    assert gateway.take_log() == []
+
+
+def test_loop_picks_up_releases_and_survives_failures(gateway, mirror):
+    gateway.settings.update(poll_interval_s=1, poll_jitter_s=0)
+    daemon = gateway.start()
+    wait_for(lambda: gateway.status_path.exists(), daemon)
+    mirror.publish("1001")
+    wait_for(lambda: active(gateway) == "snapshots/1001", daemon)
+    mirror.write("antivir-v2-hit.ini", "defId=gone\n")
+    wait_for(lambda: b"complete-info fetch failed for gone" in gateway.status_path.read_bytes(), daemon)
+    mirror.publish("1002")
+    wait_for(lambda: active(gateway) == "snapshots/1002", daemon)
+    daemon.send_signal(signal.SIGTERM)
+    assert daemon.wait(timeout=30) == 0
+    lines = [line for line in gateway.take_log() if not line.startswith("err GET ")]
+    assert lines == [
+        STARTED.format(1, 0),
+        "info published def snapshot 1001",
+        "info def snapshot updated: none -> 1001",
+        "info published def snapshot 1002",
+        "info def snapshot updated: 1001 -> 1002",
+        STOPPED,
+    ]
+
+
+def test_slices_last_one_second_and_share_one_record(gateway, mirror):
+    mirror.publish("1001")
+    gateway.settings.update(poll_interval_s=2, poll_jitter_s=0)
+    process = gateway.run("--config", gateway.config_path, calls=True, ZQU_SLEEPS="5")
+    assert process.returncode == 0
+    assert [line for line in gateway.take_log() if line.startswith("nanosleep")] == ["nanosleep 1 0 same"] * 5
+
+
+def looping_release(mirror):
+    """A release whose first definition file is a link to itself, so that its status cannot be told."""
+    import zipfile
+
+    import archives
+
+    link = zipfile.ZipInfo("antivir-v2.def")
+    link.external_attr = 0o120777 << 16
+    link.create_system = 3
+    archives.write_zip(mirror.path("loop.zip"), [(link, b"antivir-v2.def"), *mirror.entries("1001")[1:]])
+    mirror.announce("1001", "loop.zip")
+
+
+def test_exception_in_the_loop_is_logged_and_the_waits_shrink(gateway, mirror):
+    looping_release(mirror)
+    gateway.settings.update(poll_interval_s=8, poll_jitter_s=0)
+    process = gateway.run("--config", gateway.config_path, calls=True, ZQU_SLEEPS="16")
+    assert process.returncode == 0
+    lines = [line for line in gateway.take_log() if line.startswith(("err", "info", "nanosleep"))]
+    exception = (
+        "err run_once exception: filesystem error: status: Too many levels of symbolic links "
+        f"[{gateway.root}/snapshots/1001/antivir-v2.def]"
+    )
+    slices = [exception] + ["nanosleep 1 0 same"] * 8
+    slices += [exception] + ["nanosleep 1 0 same"] * 4
+    slices += [exception] + ["nanosleep 1 0 same"] * 2
+    slices += [exception] + ["nanosleep 1 0 same"] * 1
+    slices += [exception] + ["nanosleep 1 0 same"] * 1
+    assert lines == [STARTED.format(8, 0), *slices, STOPPED]
+    assert not gateway.status_path.exists()
+
+
+def test_exception_in_a_single_cycle_ends_the_process_without_a_status(gateway, mirror):
+    looping_release(mirror)
+    process = gateway.run("--config", gateway.config_path, "--once")
+    assert process.returncode == -signal.SIGABRT
+    assert process.stdout == ""
+    assert gateway.take_log() == []
+    assert not gateway.status_path.exists()
+    assert gateway.listing() == [
+        "snapshots/",
+        "snapshots/1001/",
+        "snapshots/1001/aivsecon-v2.def",
+        "snapshots/1001/antivir-v2.def -> antivir-v2.def",
+        "snapshots/1001/antivir-v2.ini",
+    ]
