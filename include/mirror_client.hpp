@@ -67,7 +67,7 @@ public:
 
 private:
     const Config& cfg_;
-    void* curl_;  // the easy handle (CURL is void), or null when libcurl could not create one
+    void* curl_ = nullptr;  // the easy handle (CURL is void), or null when libcurl could not create one
 };
 
 }  // namespace zqu

@@ -20,6 +20,9 @@ public:
     // Creates the directories of the store (SnapshotStore's constructor) and libcurl's handle.
     explicit Updater(const Config& cfg);
 
+    // Destroys the store, then the mirror client, which releases its handle.
+    ~Updater() = default;
+
     // Both components refer to the copy inside, so an Updater stays where it was built.
     Updater(const Updater&) = delete;
     Updater& operator=(const Updater&) = delete;

@@ -123,7 +123,7 @@ CURLcode transfer(CURL* curl, const Config& cfg, const std::string& url, WriteCa
 
 }  // namespace
 
-MirrorClient::MirrorClient(const Config& cfg) : cfg_(cfg), curl_(nullptr) {
+MirrorClient::MirrorClient(const Config& cfg) : cfg_(cfg) {
     curl_global_init(CURL_GLOBAL_ALL);
     curl_ = curl_easy_init();
 }

@@ -154,8 +154,7 @@ class Nginx:
             for name, port in self.ports.items()
         )
         temporary = "\n            ".join(
-            f"{kind}_temp_path {self.folder}/{kind};"
-            for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
+            f"{kind}_temp_path {self.folder}/{kind};" for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
         )
         text = f"""
         daemon off;
@@ -208,9 +207,12 @@ class Gateway:
 
     def run(self, *arguments, prefix=(), **environment):
         """Runs the daemon to its end; returns the finished process with its output."""
+        variables = self.environment(**environment)
+        if "strace" in prefix:
+            variables["ASAN_OPTIONS"] += ":detect_leaks=0"  # the leak check does not work under ptrace(2)
         return subprocess.run(
             [*prefix, DAEMON, *arguments],
-            env=self.environment(**environment),
+            env=variables,
             stdin=subprocess.DEVNULL,
             capture_output=True,
             text=True,

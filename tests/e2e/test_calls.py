@@ -87,8 +87,10 @@ def test_digest_is_computed_in_blocks_of_64_kib(gateway, mirror):
     entries = mirror.entries("1001", size=150_000)
     mirror.publish("1001", entries)
     cab_size = mirror.path("antivir-v2-1001.cab").stat().st_size
-    calls = only(run(gateway), *(f"EVP_{name}" for name in (
-        "MD_CTX_new", "DigestInit_ex", "DigestUpdate", "DigestFinal_ex", "MD_CTX_free")))
+    calls = only(
+        run(gateway),
+        *(f"EVP_{name}" for name in ("MD_CTX_new", "DigestInit_ex", "DigestUpdate", "DigestFinal_ex", "MD_CTX_free")),
+    )
 
     def digest(size):
         blocks = [65536] * (size // 65536) + ([size % 65536] if size % 65536 else [])
@@ -110,8 +112,12 @@ def test_file_of_whole_blocks_is_hashed_without_an_empty_update(gateway, mirror)
 
 
 @pytest.mark.parametrize(
-    "fault, freed", [("EVP_MD_CTX_new:1:0", []), ("EVP_DigestInit_ex:1:0", ["EVP_MD_CTX_free"]),
-                     ("EVP_DigestInit_ex:1:2", ["EVP_MD_CTX_free"])]
+    "fault, freed",
+    [
+        ("EVP_MD_CTX_new:1:0", []),
+        ("EVP_DigestInit_ex:1:0", ["EVP_MD_CTX_free"]),
+        ("EVP_DigestInit_ex:1:2", ["EVP_MD_CTX_free"]),
+    ],
 )
 def test_refused_digest_is_a_mismatch(gateway, mirror, fault, freed):
     mirror.publish("1001")
@@ -214,8 +220,9 @@ def test_failed_open_of_the_archive_is_logged_and_frees_both_handles(gateway, mi
     assert only(calls, "archive_read_free", "archive_write_free") == ["archive_read_free", "archive_write_free"]
 
 
-@pytest.mark.parametrize("number, name", [(1, "/antivir-v2.def"), (2, "/aivsecon-v2.def"), (3, "/antivir-v2.ini"),
-                                          (4, "")])
+@pytest.mark.parametrize(
+    "number, name", [(1, "/antivir-v2.def"), (2, "/aivsecon-v2.def"), (3, "/antivir-v2.ini"), (4, "")]
+)
 @pytest.mark.parametrize("call, text", [("open", "fsync: open %s failed"), ("fsync", "fsync: %s failed")])
 def test_failed_flush_of_a_file_is_a_warning_only(gateway, mirror, call, text, number, name):
     mirror.publish("1001")
@@ -245,7 +252,7 @@ def test_publication_makes_its_calls_in_order(gateway, mirror):
     mirror.publish("1001")
     calls = only(run(gateway), "unlink", "symlink", "rename", "open", "fsync", "close", "info")
     link = f"{gateway.root}/active"
-    assert calls[calls.index(f'unlink "{link}.tmp"') :] == [
+    assert calls[calls.index(f'unlink "{link}.tmp"') : -1] == [
         f'unlink "{link}.tmp"',
         f'symlink "snapshots/1001" "{link}.tmp"',
         f'rename "{link}.tmp" "{link}"',

@@ -47,7 +47,8 @@ def test_signal_during_a_cycle_lets_it_end(gateway, mirror):
     gateway.settings.update(poll_interval_s=600, poll_jitter_s=0)
     # The signal comes with the first flush, in the midst of the update.
     process = gateway.run(
-        "--config", gateway.config_path,
+        "--config",
+        gateway.config_path,
         prefix=["strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=fsync:signal=TERM:when=1"],
     )
     assert process.returncode == 0
@@ -81,9 +82,20 @@ def test_other_signals_keep_their_effect(gateway, mirror):
 def test_signal_before_the_handlers_are_there_ends_the_process_at_once(gateway):
     # The first thing opened for reading after the libraries is the configuration.
     process = gateway.run(
-        "--config", gateway.config_path, "--once",
-        prefix=["strace", "-f", "-qq", "-o", "/dev/null", "-P", gateway.folder / "updater.conf",
-                "-e", "inject=openat:signal=TERM:when=1"],
+        "--config",
+        gateway.config_path,
+        "--once",
+        prefix=[
+            "strace",
+            "-f",
+            "-qq",
+            "-o",
+            "/dev/null",
+            "-P",
+            gateway.folder / "updater.conf",
+            "-e",
+            "inject=openat:signal=TERM:when=1",
+        ],
     )
     assert process.returncode in (-signal.SIGTERM, 128 + signal.SIGTERM)
     assert gateway.take_log() == []

@@ -176,7 +176,7 @@ def test_program_links_its_libraries_dynamically():
     for library in ("libcurl.so.4", "libcrypto.so.3", "libarchive.so.13"):
         assert library in needed
     for library in ("libgcab", "libCLI", "libglib"):
-        assert library not in subprocess.run(
-            ["readelf", "-d", DAEMON], capture_output=True, text=True, check=True
-        ).stdout
+        assert (
+            library not in subprocess.run(["readelf", "-d", DAEMON], capture_output=True, text=True, check=True).stdout
+        )
     assert (BUILD / "libzqu_core.a").exists()
