@@ -1,4 +1,4 @@
-"""Archives for the tests: CABs by libgcab, ZIPs by zipfile, and CABs of several folders or LZX, which neither writes."""
+"""Archives for the tests: CABs by libgcab, ZIPs by zipfile, and what neither writes: CABs of several folders, LZX."""
 
 import struct
 import zipfile
