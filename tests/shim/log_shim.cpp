@@ -33,7 +33,7 @@ void append(const std::string& line) {
     }
 }
 
-void log(int priority, const char* format, std::va_list arguments) {
+__attribute__((format(printf, 2, 0))) void log(int priority, const char* format, std::va_list arguments) {
     static constexpr const char* names[] = {"emerg", "alert", "crit", "err", "warning", "notice", "info", "debug"};
     char* text = nullptr;
     if (vasprintf(&text, format, arguments) < 0) {
