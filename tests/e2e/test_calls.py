@@ -338,3 +338,9 @@ def test_exception_of_another_type_is_not_caught_by_the_loop(gateway, mirror):
     )
     assert process.returncode == -signal.SIGABRT
     assert messages(gateway.take_log()) == ["info zel_quorin_updater loop started (interval=900s jitter=120s)"]
+
+
+def test_entry_without_a_name_is_refused(gateway, mirror):
+    mirror.publish("1001")
+    assert messages(run(gateway, "archive_entry_pathname:1:0")) == ["err run_once: staging failed: CAB extract"]
+    assert gateway.listing() == ["snapshots/"]

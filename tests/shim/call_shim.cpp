@@ -124,6 +124,9 @@ ZQU_INTERPOSE(CURLcode, curl_easy_perform, (CURL * curl), (curl), return static_
 ZQU_INTERPOSE(void, curl_easy_cleanup, (CURL * curl), (curl), return, " ", curl)
 ZQU_INTERPOSE(void, curl_global_cleanup, (), (), return, "")
 
+#ifdef __clang__
+#pragma clang diagnostic ignored "-Wvarargs"  // the option is promoted to an int: such is libcurl's interface
+#endif
 extern "C" CURLcode curl_easy_setopt(CURL* curl, CURLoption option, ...) {
     static const auto real = next<CURLcode (*)(CURL*, CURLoption, ...)>(&curl_easy_setopt, "curl_easy_setopt");
     std::va_list arguments;

@@ -14,7 +14,7 @@
 #include <string>
 
 // glibc's own entry point for syslog under _FORTIFY_SOURCE; no header declares it.
-extern "C" void __syslog_chk(int priority, int flag, const char* format, ...);
+extern "C" __attribute__((format(printf, 3, 4))) void __syslog_chk(int priority, int flag, const char* format, ...);
 
 namespace {
 
