@@ -186,7 +186,7 @@ private:
 
     // The lock is held to the end, so that the main thread neither makes nor says anything more.
     [[noreturn]] void end_by(int signal) {
-        setlogmask(LOG_MASK(LOG_EMERG));
+        setlogmask(LOG_MASK(LOG_EMERG));  // nor the core library, whose files vanish under it
         clear_progress();
         undo();
         complain(std::string("ended by signal: ") + strsignal(signal));
@@ -283,13 +283,13 @@ std::string index_name(const Options& options) {
 
 fs::path folder(const Options& options) {
     const auto start = std::min(options.subdir.find_first_not_of('/'), options.subdir.size());
-    return fs::absolute(options.mirror) / options.subdir.substr(start);
+    return fs::path(options.mirror) / options.subdir.substr(start);
 }
 
 std::string folder_url(const std::string& mirror) {
     static const char digits[] = "0123456789ABCDEF";
     std::string url = "file://";
-    for (const char c : fs::absolute(mirror).string()) {
+    for (const char c : mirror) {
         const auto byte = static_cast<unsigned char>(c);
         if (c == '/' || unusable_name(std::string(1, c) + "-").empty()) {
             url += c;
@@ -397,6 +397,15 @@ void move(const fs::path& from, const fs::path& to) {
     }
 }
 
+// Unpacks into the working directory, which folder becomes: libarchive makes anew the parents that it finds missing,
+// but never those of ".". Otherwise it would bring back what the end by a signal has just removed.
+bool extract_into(const fs::path& folder, const fs::path& archive) {
+    if (chdir(folder.c_str()) != 0) {
+        fail_errno("cannot enter " + folder.string());
+    }
+    return zqu::verifier::extract(archive, ".");
+}
+
 // ---- Packing ----
 
 Source open_source(const std::string& path, const std::string& name) {
@@ -472,6 +481,7 @@ void pack_cab(const fs::path& archive, const std::string& index, const std::stri
     const Handle<GFileOutputStream, g_object_unref> file(
         g_file_create(path.get(), G_FILE_CREATE_NONE, nullptr, &status.error));
     status.require(file ? TRUE : FALSE);
+    // Not through a buffered stream: libgcab takes a short write for a whole one.
     auto* const stream = reinterpret_cast<GOutputStream*>(file.get());
     status.require(gcab_cabinet_write_simple(cabinet.get(), stream, nullptr, nullptr, nullptr, &status.error));
     status.require(g_output_stream_close(stream, nullptr, &status.error));
@@ -480,7 +490,9 @@ void pack_cab(const fs::path& archive, const std::string& index, const std::stri
 void require_zip(archive* writer, la_ssize_t result) {
     if (result < ARCHIVE_OK) {
         const char* text = archive_error_string(writer);
-        fail(std::string("cannot write the archive: ") + (text != nullptr ? text : "libarchive failed"));
+        const int error = archive_errno(writer);
+        fail(std::string("cannot write the archive: ") + (text != nullptr ? text : "libarchive failed") +
+             (error > 0 ? std::string(": ") + std::strerror(error) : ""));
     }
 }
 
@@ -589,7 +601,8 @@ zqu::CompleteInfo require_release(const Options& options, const std::vector<Sour
     if (fs::space(folder(options)).available < needed) {
         fail("no room in " + folder(options).string() + " to unpack the archive and check it: No space left on device");
     }
-    const bool extracted = zqu::verifier::extract(archive, unpacked);
+    make_folder(unpacked, 0700);
+    const bool extracted = extract_into(unpacked, archive);
     const auto index = zqu::verifier::parse_def_index(read_text(unpacked / index_name(options)));
     for (const auto& source : sources) {
         const auto entry = index.find(source.name);
@@ -649,7 +662,8 @@ void publish(const Options& options, Run& run) {
 
 // ---- check ----
 
-bool say(const char* verdict, const std::string& text) {
+bool say(Run& run, const char* verdict, const std::string& text) {
+    run.phase("");  // clears the progress, and says nothing more once a signal is ending the run
     std::printf("%-8s %s\n", verdict, text.c_str());
     std::fflush(stdout);  // in step with what the core library logs
     return std::string(verdict) != "FAULT";
@@ -657,7 +671,7 @@ bool say(const char* verdict, const std::string& text) {
 
 fs::path make_temp(Run& run) {
     return run.make_scratch([] {
-        std::string path = fs::temp_directory_path() / "zqu-mirror-XXXXXX";
+        std::string path = fs::absolute(fs::temp_directory_path()) / "zqu-mirror-XXXXXX";
         if (mkdtemp(path.data()) == nullptr) {
             fail_errno("cannot create a folder like " + path);
         }
@@ -668,54 +682,52 @@ fs::path make_temp(Run& run) {
 // Downloads the archive into stage as the daemon does, and compares it with what the complete-info INI says of it.
 bool check_archive(zqu::MirrorClient& client, const zqu::CompleteInfo& info, const fs::path& stage, Run& run) {
     if (info.cab_name.find('/') != std::string::npos || info.cab_name == "." || info.cab_name == "..") {
-        return say("FAULT", "the archive's name is a path: " + info.cab_name);
+        return say(run, "FAULT", "the archive's name is a path: " + info.cab_name);
     }
     const fs::path archive = stage / info.cab_name;
     run.phase("downloading " + info.cab_name, archive.string() + ".part");
-    const bool downloaded = client.download_cab(info.cab_name, archive);
-    run.phase("");
-    if (!downloaded) {
-        return say("FAULT", info.cab_name + " cannot be downloaded");
+    if (!client.download_cab(info.cab_name, archive)) {
+        return say(run, "FAULT", info.cab_name + " cannot be downloaded");
     }
     const std::string size = std::to_string(fs::file_size(archive));
-    say("ok", info.cab_name + " can be downloaded: " + size + " bytes");
+    say(run, "ok", info.cab_name + " can be downloaded: " + size + " bytes");
     if (std::to_string(info.size) != size) {
-        say("warning", "def.Current.size is another size: " + std::to_string(info.size));
+        say(run, "warning", "def.Current.size is another size: " + std::to_string(info.size));
     }
     if (!zqu::verifier::verify(archive, info.sha256)) {
-        return say("FAULT", info.cab_name + " does not have the digest " + info.sha256);
+        return say(run, "FAULT", info.cab_name + " does not have the digest " + info.sha256);
     }
-    return say("ok", info.cab_name + " has the digest " + info.sha256);
+    return say(run, "ok", info.cab_name + " has the digest " + info.sha256);
 }
 
-bool check_definition(const fs::path& file, const std::map<std::string, std::string>& index) {
+bool check_definition(const fs::path& file, const std::map<std::string, std::string>& index, Run& run) {
     const std::string name = file.filename();
     const auto entry = index.find(name);
     if (!fs::exists(file)) {
-        return say("FAULT", name + " is not in the archive");
+        return say(run, "FAULT", name + " is not in the archive");
     }
     if (entry == index.end()) {
-        return say("warning", name + " has no digest in the index: clients take it unchecked");
+        return say(run, "warning", name + " has no digest in the index: clients take it unchecked");
     }
     if (!zqu::verifier::verify(file, entry->second)) {
-        return say("FAULT", name + " does not have the digest that the index gives");
+        return say(run, "FAULT", name + " does not have the digest that the index gives");
     }
-    return say("ok", name + " has the digest that the index gives");
+    return say(run, "ok", name + " has the digest that the index gives");
 }
 
 // Unpacks the archive in its folder, where nothing but its entries remains, and looks at each of them.
-bool check_entries(const Options& options, const fs::path& archive) {
+bool check_entries(const Options& options, const fs::path& archive, Run& run) {
     const fs::path stage = archive.parent_path();
-    if (!zqu::verifier::extract(archive, stage)) {
-        return say("FAULT", archive.filename().string() + " cannot be unpacked");
+    if (!extract_into(stage, archive)) {
+        return say(run, "FAULT", archive.filename().string() + " cannot be unpacked");
     }
-    say("ok", archive.filename().string() + " can be unpacked");
+    say(run, "ok", archive.filename().string() + " can be unpacked");
     fs::remove(archive);
     const std::string antivir = "antivir-" + options.flavor + ".def";
     const std::string aivsecon = "aivsecon-" + options.flavor + ".def";
     const auto index = zqu::verifier::parse_def_index(read_text(stage / index_name(options)));
-    bool usable = check_definition(stage / antivir, index);
-    usable = check_definition(stage / aivsecon, index) && usable;
+    bool usable = check_definition(stage / antivir, index, run);
+    usable = check_definition(stage / aivsecon, index, run) && usable;
     std::set<std::string> others;
     for (const auto& entry : fs::directory_iterator(stage)) {
         others.insert(entry.path().filename());
@@ -724,7 +736,7 @@ bool check_entries(const Options& options, const fs::path& archive) {
         others.erase(expected);
     }
     for (const auto& other : others) {
-        say("warning", other + " is in the archive too: clients drop it");
+        say(run, "warning", other + " is in the archive too: clients drop it");
     }
     return usable;
 }
@@ -734,20 +746,20 @@ bool check(const Options& options, Run& run) {
     zqu::MirrorClient client(cfg);
     const auto id = client.fetch_defid();
     if (!id) {
-        return say("FAULT", hit_name(options) + " names no release");
+        return say(run, "FAULT", hit_name(options) + " names no release");
     }
-    say("ok", hit_name(options) + " names " + *id);
+    say(run, "ok", hit_name(options) + " names " + *id);
     const std::string info_name = "antivir-" + options.flavor + "-c-" + *id + ".ini";
     const auto info = client.fetch_complete_info(*id);
     if (!info) {
-        return say("FAULT", info_name + " names no archive");
+        return say(run, "FAULT", info_name + " names no archive");
     }
-    say("ok", info_name + " names " + info->cab_name);
+    say(run, "ok", info_name + " names " + info->cab_name);
     if (info->defid != *id) {
-        say("warning", "def.Current.defId is another id: " + info->defid);
+        say(run, "warning", "def.Current.defId is another id: " + info->defid);
     }
     const fs::path stage = make_temp(run);
-    return check_archive(client, *info, stage, run) && check_entries(options, stage / info->cab_name);
+    return check_archive(client, *info, stage, run) && check_entries(options, stage / info->cab_name, run);
 }
 
 // ---- Command line ----
@@ -815,9 +827,12 @@ void add_check(CLI::App& app, Options& options) {
     command->footer(std::string(about_check) + "\n" + about_exit);
 }
 
-int run(const CLI::App& app, const Options& options) {
+int run(const CLI::App& app, Options options) {
     try {
         Run run;
+        if (!is_url(options.mirror)) {
+            options.mirror = fs::absolute(options.mirror);
+        }
         if (app.got_subcommand("publish")) {
             publish(options, run);
             return EXIT_SUCCESS;
