@@ -9,8 +9,10 @@
 #include <libgcab.h>
 #include <limits.h>
 #include <openssl/evp.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/file.h>
+#include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -95,11 +97,12 @@ void complain(std::string text) {
 
 class Fd {
 public:
-    Fd(const fs::path& path, int flags) : fd_(open(path.c_str(), flags | O_CLOEXEC, 0666)) {
+    Fd(int fd, const std::string& what) : fd_(fd) {
         if (fd_ < 0) {
-            fail_errno("cannot open " + path.string());
+            fail_errno("cannot open " + what);
         }
     }
+    Fd(const fs::path& path, int flags) : Fd(open(path.c_str(), flags | O_CLOEXEC, 0666), path.string()) {}
     ~Fd() { close(fd_); }
     Fd(const Fd&) = delete;
     Fd& operator=(const Fd&) = delete;
@@ -114,10 +117,6 @@ private:
 class Run {
 public:
     Run() {
-        sigemptyset(&signals_);
-        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-            sigaddset(&signals_, signal);
-        }
         pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
         watcher_ = std::thread([this] { watch(); });
     }
@@ -136,7 +135,7 @@ public:
     // Does what makes path appear, and remembers to remove it. A signal waits meanwhile.
     template <typename Action>
     void make(const fs::path& path, Action action) {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto lock = hold();
         action();
         made_.push_back(path);
     }
@@ -144,14 +143,14 @@ public:
     // Makes the folder, whose path action returns, that is removed however the run ends, with all that it holds.
     template <typename Action>
     fs::path make_scratch(Action action) {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto lock = hold();
         return scratch_ = action();
     }
 
     // Does what makes the run's work good: nothing but the scratch folder is undone afterwards, by no signal either.
     template <typename Action>
     void commit(Action action) {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto lock = hold();
         action();
         made_.clear();
         committed_ = true;
@@ -159,7 +158,7 @@ public:
 
     // Names what is going on now. Its bytes are those told to advance(), or the size of the file that grows.
     void phase(const std::string& text, const fs::path& growing = {}) {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto lock = hold();
         clear_progress();
         phase_ = text;
         growing_ = growing;
@@ -169,22 +168,28 @@ public:
     void advance(std::size_t bytes) { bytes_ += bytes; }
 
 private:
+    // A signal is taken under the lock only, by whichever thread comes first: one that came before the commit wins.
+    [[nodiscard]] std::unique_lock<std::mutex> hold() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        const timespec at_once{};
+        const int signal = sigtimedwait(&signals_, nullptr, &at_once);
+        if (signal > 0 && !committed_ && !over_) {
+            end_by(signal);
+        }
+        return lock;
+    }
+
     void watch() {
-        const timespec tick{0, 500'000'000};
+        constexpr int tick_ms = 500;
         while (!over_) {
-            const int signal = sigtimedwait(&signals_, nullptr, &tick);
-            if (over_) {
-                return;
-            }
-            const std::unique_lock<std::mutex> lock(mutex_);
-            if (signal > 0 && !committed_) {
-                end_by(signal);
-            }
+            pollfd arrival{arrivals_.get(), POLLIN, 0};
+            poll(&arrival, 1, tick_ms);
+            const auto lock = hold();
             show_progress();
         }
     }
 
-    // The lock is held to the end, so that the main thread neither makes nor says anything more.
+    // The lock is held to the end, so that the other thread neither makes nor says anything more.
     [[noreturn]] void end_by(int signal) {
         setlogmask(LOG_MASK(LOG_EMERG));  // nor the core library, whose files vanish under it
         clear_progress();
@@ -222,7 +227,17 @@ private:
         }
     }
 
-    sigset_t signals_{};
+    static sigset_t ending_signals() {
+        sigset_t signals;
+        sigemptyset(&signals);
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+            sigaddset(&signals, signal);
+        }
+        return signals;
+    }
+
+    const sigset_t signals_ = ending_signals();
+    const Fd arrivals_{signalfd(-1, &signals_, SFD_CLOEXEC), "a signalfd"};
     std::mutex mutex_;
     std::vector<fs::path> made_;
     fs::path scratch_;
