@@ -429,7 +429,7 @@ Source open_source(const std::string& path, const std::string& name) {
     if (fstat(file.get(), &source.before) != 0 || !S_ISREG(source.before.st_mode)) {
         fail(path + " is not a regular file");
     }
-    source.path = fs::canonical(path);  // libgcab takes the size of a symbolic link for that of the file
+    source.path = fs::absolute(path);  // the working directory changes when archives are unpacked
     source.name = name;
     return source;
 }
