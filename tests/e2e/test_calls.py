@@ -344,3 +344,26 @@ def test_entry_without_a_name_is_refused(gateway, mirror):
     mirror.publish("1001")
     assert messages(run(gateway, "archive_entry_pathname:1:0")) == ["err run_once: staging failed: CAB extract"]
     assert gateway.listing() == ["snapshots/"]
+
+
+def run_with_injection(gateway, path, injection):
+    """One cycle in which strace makes a system call on that path fail; the messages."""
+    prefix = ["strace", "-f", "-qq", "-o", "/dev/null", "-P", path, "-e", f"inject={injection}"]
+    return gateway.run_once(prefix=prefix)
+
+
+def test_read_error_in_the_archive_is_a_mismatch(gateway, mirror):
+    mirror.publish("1001", mirror.entries("1001", size=200_000))
+    path = f"{gateway.root}/snapshots/1001/antivir-v2-1001.cab"
+    lines = run_with_injection(gateway, path, "read:error=EIO:when=1")
+    assert lines == ["err run_once: staging failed: CAB sha256 mismatch"]
+
+
+@pytest.mark.parametrize("injection", ["openat:error=EACCES:when=3", "read:error=EIO:when=1"])
+def test_unreadable_index_is_an_empty_one(gateway, mirror, injection):
+    entries = mirror.entries("1001")
+    entries[2] = (entries[2][0], b"antivir-v2.def.sha256 = 00\n")  # would be a mismatch
+    mirror.publish("1001", entries)
+    path = f"{gateway.root}/snapshots/1001/antivir-v2.ini"
+    lines = run_with_injection(gateway, path, injection)
+    assert lines == ["info published def snapshot 1001", "info def snapshot updated: none -> 1001"]
