@@ -4,7 +4,7 @@ import signal
 import subprocess
 
 import pytest
-from conftest import BUILD, DAEMON, Gateway
+from conftest import DAEMON, Gateway
 
 DEFAULT_CONFIG = "/usr/local/zelgw/opt/av/quorin/etc/zel_quorin_updater.conf"
 OPENED = "open zel_quorin_updater 3 24"
@@ -169,14 +169,3 @@ def test_log_is_closed_before_the_transfer_handle_is_released(idle):
     idle.run("--config", idle.config_path, "--once", calls=True)
     names = [line.split(" 0x")[0] for line in whole_log(idle)]
     assert names[names.index(IDLE_GET) + 1 :] == ["closelog", "close", "curl_easy_cleanup", "curl_global_cleanup"]
-
-
-def test_program_links_its_libraries_dynamically():
-    needed = subprocess.run(["ldd", DAEMON], capture_output=True, text=True, check=True).stdout
-    for library in ("libcurl.so.4", "libcrypto.so.3", "libarchive.so.13"):
-        assert library in needed
-    for library in ("libgcab", "libCLI", "libglib"):
-        assert (
-            library not in subprocess.run(["readelf", "-d", DAEMON], capture_output=True, text=True, check=True).stdout
-        )
-    assert (BUILD / "libzqu_core.a").exists()
