@@ -33,7 +33,8 @@ struct Config {
     std::uint32_t poll_jitter_s = 120;
     // Number of snapshots kept by pruning, the one in service included.
     std::uint32_t retained_snapshots = 3;
-    // Time-out of one whole HTTP transfer, in seconds. 0: none (CURLOPT_TIMEOUT(3)).
+    // Time-out of one whole HTTP transfer, in seconds. 0: none (CURLOPT_TIMEOUT(3)). libcurl refuses more than 2147483
+    // (a signed 32-bit number of milliseconds), and there is none then, either.
     std::uint32_t http_timeout_s = 300;
 
     // Sets the defaults above.

@@ -10,8 +10,9 @@
 namespace zqu::verifier {
 
 // Returns true when the SHA-256 (FIPS 180-4) of the file at path, in hexadecimal, equals expected without regard to
-// letter case. False when it differs in a digit or in length, and whenever the file cannot be read, also for an empty
-// expected. Streams: the memory used does not depend on the file's size. Logs nothing.
+// letter case. False when it differs in a digit or in length, and whenever the file cannot be opened, also for an empty
+// expected. A read error ends the file early: what was read until then is hashed. Streams: the memory used does not
+// depend on the file's size. Logs nothing.
 [[nodiscard]] bool verify(const std::string& path, const std::string& expected);
 
 // Unpacks the CAB or ZIP archive at cab_path flat into dest_dir, which is created with its parents when missing: each

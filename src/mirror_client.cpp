@@ -3,10 +3,10 @@
 #include <curl/curl.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 
 namespace zqu {
@@ -47,10 +47,9 @@ bool iequals(const std::string& a, const std::string& b) {
 
 // The value of the first line with that key, in whatever section it stands: the lookup is flat on purpose.
 std::optional<std::string> ini_lookup(const std::string& text, const std::string& key) {
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line)) {
-        line = trim(line);
+    for (std::size_t start = 0, end = 0; start < text.size(); start = end + 1) {
+        end = std::min(text.find('\n', start), text.size());
+        const std::string line = trim(text.substr(start, end - start));
         if (line.empty() || line.front() == ';' || line.front() == '#' || line.front() == '[') {
             continue;
         }

@@ -12,8 +12,8 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
-#include <sstream>
 #include <string>
+#include <vector>
 
 #include "verifier.hpp"
 
@@ -34,12 +34,17 @@ void set_versions(SnapshotStore::Status& st, const std::string& version) {
     st.aivsecon_def_version = version;
 }
 
-// The file's content; empty when it is missing or cannot be read.
+// The file's content; empty when it is missing or cannot be read. Not by a stream's operator<<, which would take a
+// failed allocation for the end of the file, and an index cut short leaves files unchecked.
 std::string read_file(const std::string& path) {
-    const std::ifstream in(path, std::ios::in | std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text ? text.str() : "";
+    std::ifstream in(path, std::ios::in | std::ios::binary);
+    std::vector<char> block(65536);
+    std::string text;
+    while (in) {
+        in.read(block.data(), static_cast<std::streamsize>(block.size()));
+        text.append(block.data(), static_cast<std::size_t>(in.gcount()));
+    }
+    return in.bad() ? "" : text;
 }
 
 // Returns what is wrong with the definition files in stage, or "". A file that the index does not name is accepted as

@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <sstream>
 #include <vector>
 
 namespace zqu::verifier {
@@ -135,7 +134,7 @@ bool copy_data(archive* reader, archive* writer) {
     la_int64_t offset = 0;
     int result = archive_read_data_block(reader, &block, &size, &offset);
     while (result == ARCHIVE_OK) {
-        // A failed write is not looked at here: the digest check of the extracted file catches it.
+        // A failed write is not looked at: the extracted file's digest, where the index gives one, catches it.
         archive_write_data_block(writer, block, size, offset);
         result = archive_read_data_block(reader, &block, &size, &offset);
     }
@@ -196,10 +195,9 @@ std::map<std::string, std::string> parse_def_index(const std::string& text) {
     static const std::string digest_suffix = ".sha256";
     static const std::string file_suffix = ".def";
     std::map<std::string, std::string> index;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line)) {
-        line = trim(line);
+    for (std::size_t start = 0, end = 0; start < text.size(); start = end + 1) {
+        end = std::min(text.find('\n', start), text.size());
+        const std::string line = trim(text.substr(start, end - start));
         const auto equals = line.find('=');
         if (line.empty() || line.front() == ';' || line.front() == '#' || line.front() == '[' ||
             equals == std::string::npos) {

@@ -8,6 +8,7 @@ import socket
 import subprocess
 import sys
 import textwrap
+import time
 from datetime import datetime, timedelta
 
 import pytest
@@ -119,10 +120,15 @@ class Nginx:
     def url(self, certificate="good", host="localhost"):
         return f"https://{host}:{self.ports[certificate]}"
 
-    def requests(self, subdir):
-        """The paths requested below a subdirectory so far, with the status answered."""
-        lines = (self.folder / "access.log").read_text().splitlines()
-        return [line.replace(f"/{subdir}/", "") for line in lines if f"/{subdir}/" in line]
+    def requests(self, subdir, count):
+        """The paths requested below a subdirectory, with the status answered; waits until there are so many."""
+        for _ in range(3000):  # nginx writes its log after the answer
+            lines = (self.folder / "access.log").read_text().splitlines()
+            found = [line.replace(f"/{subdir}/", "") for line in lines if f"/{subdir}/" in line]
+            if len(found) >= count:
+                break
+            time.sleep(0.01)
+        return found
 
     def stop(self):
         self.process.terminate()

@@ -4,8 +4,9 @@ when one of them fails."""
 import re
 import signal
 
+import archives
 import pytest
-from conftest import snapshot_listing
+from conftest import SANITIZED, snapshot_listing
 
 
 def run(gateway, fault=""):
@@ -50,14 +51,15 @@ def curl_calls(calls):
 
 def test_every_transfer_sets_the_same_options_in_order(gateway, mirror, nginx):
     mirror.publish("1001")
-    gateway.settings["http_timeout_s"] = 77
+    timeout = 4294967295  # libcurl refuses it, and that is not looked at
+    gateway.settings["http_timeout_s"] = timeout
     base = f"{nginx.url()}/{mirror.subdir}/antivir-v2-"
     assert curl_calls(run(gateway)) == [
         "curl_global_init 3",
         "curl_easy_init",
-        *options(f"{base}hit.ini", 77, nginx.ca_path),
-        *options(f"{base}c-1001.ini", 77, nginx.ca_path),
-        *options(f"{base}1001.cab", 77, nginx.ca_path),
+        *options(f"{base}hit.ini", timeout, nginx.ca_path),
+        *options(f"{base}c-1001.ini", timeout, nginx.ca_path),
+        *options(f"{base}1001.cab", timeout, nginx.ca_path),
         "curl_easy_cleanup",
         "curl_global_cleanup",
     ]
@@ -123,8 +125,23 @@ def test_refused_digest_is_a_mismatch(gateway, mirror, fault, freed):
     mirror.publish("1001")
     calls = run(gateway, fault)
     assert messages(calls) == ["err run_once: staging failed: CAB sha256 mismatch"]
+    assert only(calls, "EVP_DigestUpdate", "EVP_DigestFinal_ex") == []
     assert only(calls, "EVP_MD_CTX_free") == freed
     gateway.expect_status("", "CAB sha256 mismatch")
+
+
+def test_failed_update_of_the_digest_is_not_looked_at(gateway, mirror):
+    mirror.publish("1001")
+    calls = run(gateway, "EVP_DigestUpdate:1:0")
+    assert only(calls, "EVP_DigestFinal_ex", "EVP_MD_CTX_free") == ["EVP_DigestFinal_ex 0", "EVP_MD_CTX_free"]
+    assert messages(calls) == ["err run_once: staging failed: CAB sha256 mismatch"]
+
+
+def test_failed_end_of_the_digest_is_not_looked_at(gateway, mirror):
+    mirror.publish("1001")
+    calls = run(gateway, "EVP_DigestFinal_ex:1:0")  # gives no digest, of the length preset
+    assert only(calls, "EVP_MD_CTX_free") == ["EVP_MD_CTX_free"]
+    assert messages(calls) == ["err run_once: staging failed: CAB sha256 mismatch"]
 
 
 def archive_calls(calls):
@@ -189,12 +206,13 @@ def test_any_other_result_for_an_entry_is_a_failure_without_a_message(gateway, m
     mirror.publish("1001")
     calls = run(gateway, f"archive_write_header:2:{result}")
     assert messages(calls) == ["err run_once: staging failed: CAB extract"]
+    assert only(calls, "remove") == []  # the archive goes with the staging directory
     assert only(calls, "fsync") == []
     assert only(calls, "archive_read_free", "archive_write_free") == ["archive_read_free", "archive_write_free"]
     assert gateway.listing() == ["snapshots/"]
 
 
-@pytest.mark.parametrize("result", [-10, -20, -25, -30])
+@pytest.mark.parametrize("result", [2, -10, -20, -25, -30])
 def test_failed_data_read_is_a_failure_without_a_message(gateway, mirror, result):
     mirror.publish("1001")
     calls = run(gateway, f"archive_read_data_block:2:{result}")
@@ -248,6 +266,14 @@ def test_descriptors_are_closed_after_each_flush(gateway, mirror):
     assert calls[1:-1] == ["open", "fsync", "close"] * 5
 
 
+def test_failed_flush_is_logged_after_the_descriptor_is_closed(gateway, mirror):
+    mirror.publish("1001")
+    calls = only(run(gateway, "fsync:2:5"), "open", "fsync", "close", "warning")
+    path = f"{gateway.root}/snapshots/1001/aivsecon-v2.def"
+    start = calls.index(f'open "{path}" 0')
+    assert calls[start : start + 4] == [f'open "{path}" 0', "fsync", "close", f"warning fsync: {path} failed"]
+
+
 def test_publication_makes_its_calls_in_order(gateway, mirror):
     mirror.publish("1001")
     calls = only(run(gateway), "unlink", "symlink", "rename", "open", "fsync", "close", "info")
@@ -278,8 +304,12 @@ def test_failed_rename_of_the_link_removes_it(gateway, mirror):
     mirror.publish("1001")
     calls = run(gateway, "rename:2:28")
     link = f"{gateway.root}/active"
-    assert messages(calls) == ["err publish: rename to active failed"]
-    assert only(calls, "unlink") == [f'unlink "{link}.tmp"'] * 2
+    assert only(calls, "unlink", "rename", "err")[-3:] == [
+        f'rename "{link}.tmp" "{link}"',
+        "err publish: rename to active failed",
+        f'unlink "{link}.tmp"',
+    ]
+    assert len(only(calls, "unlink")) == 2
     assert gateway.listing() == snapshot_listing(None, "1001")
     gateway.expect_status("", "publish/flip failed")
 
@@ -300,13 +330,11 @@ def test_short_write_aborts_the_download(gateway, mirror, nginx):
     mirror.publish("1001")
     calls = run(gateway, "fwrite:1:28")
     cab = "antivir-v2-1001.cab"
-    assert messages(calls) == [
-        f"err download_cab {nginx.url()}/{mirror.subdir}/{cab}: Failed writing received data to disk/application",
-        "err run_once: staging failed: download CAB",
-    ]
-    assert only(calls, "fclose", "remove", "rename") == [
+    assert only(calls, "fclose", "remove", "rename", "err") == [
         "fclose",
+        f"err download_cab {nginx.url()}/{mirror.subdir}/{cab}: Failed writing received data to disk/application",
         f'remove "{gateway.root}/snapshots/1001/{cab}.part"',
+        "err run_once: staging failed: download CAB",
     ]
 
 
@@ -367,3 +395,95 @@ def test_unreadable_index_is_an_empty_one(gateway, mirror, injection):
     path = f"{gateway.root}/snapshots/1001/antivir-v2.ini"
     lines = run_with_injection(gateway, path, injection)
     assert lines == ["info published def snapshot 1001", "info def snapshot updated: none -> 1001"]
+
+
+def disk_trace(gateway, *arguments, status=0):
+    """One cycle under strace: the system calls that change the disk, in order, and the writes to the log."""
+    trace = gateway.folder / "trace"
+    calls = "mkdir,unlink,unlinkat,rmdir,openat,symlink,rename,write,getdents64"
+    prefix = ["strace", "-f", "-qq", "-s", "200", "-o", trace, "-e", f"trace={calls}"]
+    process = gateway.run("--config", gateway.config_path, "--once", *arguments, prefix=prefix)
+    assert process.returncode == status
+    return [line.split(maxsplit=1)[1] for line in trace.read_text().splitlines()]
+
+
+def position(trace, *words):
+    """Where the only call with all these words stands."""
+    found = [number for number, line in enumerate(trace) if all(word in line for word in words)]
+    assert len(found) == 1, (words, found)
+    return found[0]
+
+
+def test_success_is_logged_after_pruning_and_the_status(gateway, mirror):
+    gateway.settings["retained_snapshots"] = 1
+    mirror.publish("1001")
+    gateway.run_once()
+    mirror.publish("1002")
+    trace = disk_trace(gateway)
+    published = position(trace, "write(", "published def snapshot 1002")
+    pruned = position(trace, "rmdir(", 'snapshots/1001"')
+    status = position(trace, "openat(", str(gateway.status_path))
+    updated = position(trace, "write(", "def snapshot updated: 1001 -> 1002")
+    assert published < pruned < status < updated
+
+
+def test_failed_staging_is_logged_then_removed_then_told_by_the_status(gateway, mirror):
+    mirror.publish("1001")
+    mirror.write("antivir-v2-1001.cab", b"tampered")
+    trace = disk_trace(gateway)
+    logged = position(trace, "write(", "run_once: staging failed: CAB sha256 mismatch")
+    removed = position(trace, "rmdir(", 'snapshots/1001"')
+    status = position(trace, "openat(", str(gateway.status_path))
+    assert logged < removed < status
+
+
+def test_directories_are_made_after_the_handle_in_order(gateway):
+    gateway.settings.update(mirror_base_url="file:///nowhere", mirror_subdir="x")
+    trace = disk_trace(gateway)
+    snapshots = position(trace, "mkdir(", "/snapshots")
+    status = position(trace, "mkdir(", str(gateway.status_path.parent))
+    assert snapshots < status
+    gateway.take_log()
+    injected = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=mkdir:signal=KILL:when=1"]
+    (gateway.root / "snapshots").rmdir()
+    gateway.run("--config", gateway.config_path, "--once", calls=True, prefix=injected)
+    assert "curl_easy_init" in gateway.log_path.read_text()
+
+
+def test_snapshot_whose_time_cannot_be_read_counts_as_the_oldest(gateway, mirror):
+    for version in ("1001", "1002", "1003"):
+        mirror.publish(version)
+        gateway.run_once()
+    mirror.publish("1004")
+    # Neither its time can be read nor can it be removed, which counts all the same.
+    lines = run_with_injection(gateway, f"{gateway.root}/snapshots/1002", "newfstatat,openat,unlinkat:error=EACCES")
+    assert lines == ["info published def snapshot 1004", "info def snapshot updated: 1003 -> 1004"]
+    assert gateway.listing() == snapshot_listing("1004", "1001", "1002", "1003", "1004")
+
+
+def test_descriptor_zero_is_flushed_like_any_other(gateway, mirror):
+    mirror.publish("1001")
+    lines = gateway.run_once(prefix=["sh", "-c", 'exec "$@" <&-', "sh"], calls=True)
+    assert only(lines, "fsync") == ["fsync"] * 5
+    assert gateway.listing() == snapshot_listing("1001", "1001")
+
+
+def test_failed_allocation_while_the_index_is_read_leaves_nothing_unchecked(gateway, mirror):
+    if SANITIZED:
+        pytest.skip("the sanitizers reserve more address space than the limit leaves")
+    entries = mirror.entries("1001")
+    entries[1] = (entries[1][0], b"tampered")
+    entries[2] = (entries[2][0], b"; " + b"x" * 200_000_000 + b"\n" + entries[2][1])
+    archives.write_zip(mirror.path("big.zip"), entries)
+    mirror.announce("1001", "big.zip")
+    process = gateway.run("--config", gateway.config_path, "--once", prefix=["prlimit", "--as=250000000"])
+    assert process.returncode == -signal.SIGABRT
+    assert "bad_alloc" in process.stderr
+    assert messages(gateway.take_log()) == []
+    assert not (gateway.root / "active").exists()
+
+
+def test_single_cycle_runs_even_after_a_stop_signal(gateway, mirror):
+    mirror.publish("1001")
+    calls = run(gateway, "curl_global_init:1:term")
+    assert messages(calls) == ["info published def snapshot 1001", "info def snapshot updated: none -> 1001"]

@@ -25,16 +25,15 @@ def test_first_update_publishes_the_release(gateway, mirror):
 def test_check_with_nothing_new_asks_for_the_hit_ini_only(gateway, mirror, nginx):
     mirror.publish("1001")
     gateway.run_once()
-    before = len(nginx.requests(mirror.subdir))
     assert gateway.run_once() == []
-    assert nginx.requests(mirror.subdir)[before:] == ["antivir-v2-hit.ini 200"]
+    assert nginx.requests(mirror.subdir, 4)[3:] == ["antivir-v2-hit.ini 200"]
     gateway.expect_status("1001")
 
 
 def test_an_update_makes_three_requests_in_order(gateway, mirror, nginx):
     mirror.publish("1001")
     gateway.run_once()
-    assert nginx.requests(mirror.subdir) == [
+    assert nginx.requests(mirror.subdir, 3) == [
         "antivir-v2-hit.ini 200",
         "antivir-v2-c-1001.ini 200",
         "antivir-v2-1001.cab 200",
@@ -180,12 +179,11 @@ def test_directories_inside_the_archive_are_flattened(gateway, mirror):
 def test_announcement_of_another_archive_format_is_refused(gateway, mirror):
     mirror.write("release.tar", b"neither a CAB nor a ZIP" * 1000)
     mirror.announce("1001", "release.tar")
-    lines = gateway.run_once()
     stage = f"{gateway.root}/snapshots/1001"
-    assert lines == [
+    assert gateway.run_once() == [
         f"err extract: cannot open {stage}/release.tar: Unrecognized archive format",
         "err run_once: staging failed: CAB extract",
-    ] or lines == ["err run_once: staging failed: CAB missing antivir-v2.def"]
+    ]
     assert gateway.listing() == ["snapshots/"]
 
 

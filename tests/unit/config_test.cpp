@@ -38,7 +38,7 @@ protected:
     void TearDown() override { EXPECT_EQ(log_.take(), std::vector<std::string>{}); }
 };
 
-TEST_F(ConfigTest, DefaultsAreTheDocumentedOnes) {
+TEST_F(ConfigTest, DefaultsAreTheirLiterals) {
     const Config c;
     EXPECT_EQ(c.mirror_base_url, "https://definitions.zelgw.example");
     EXPECT_EQ(c.mirror_subdir, "rhex/deffiles/def5-2");
@@ -53,7 +53,7 @@ TEST_F(ConfigTest, DefaultsAreTheDocumentedOnes) {
     EXPECT_EQ(c.http_timeout_s, 300U);
 }
 
-TEST_F(ConfigTest, FieldsStandInTheDocumentedOrder) {
+TEST_F(ConfigTest, FieldsStandInTheirOrder) {
     const Config c;
     const auto at = [&c](const auto& field) {
         return reinterpret_cast<const char*>(&field) - reinterpret_cast<const char*>(&c);
@@ -141,6 +141,10 @@ TEST_F(ConfigTest, TrailingCommentIsPartOfTheValue) {
 
 TEST_F(ConfigTest, QuotationMarksAreKept) {
     EXPECT_EQ(loaded("flavor = \"v 2\"\n").flavor, "\"v 2\"");
+}
+
+TEST_F(ConfigTest, OnlyBlanksAreTrimmed) {
+    EXPECT_EQ(loaded("flavor = \x01v\xC4\xA0\n").flavor, "\x01v\xC4\xA0");
 }
 
 TEST_F(ConfigTest, KeysAreCaseSensitive) {

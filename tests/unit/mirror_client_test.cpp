@@ -1,14 +1,29 @@
 #include "mirror_client.hpp"
 
+#include <curl/curl.h>
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
+#include <memory>
 #include <ostream>
 #include <type_traits>
 
 #include "http_server.hpp"
 #include "support.hpp"
+
+namespace {
+
+bool no_handle = false;  // libcurl can create none
+
+}  // namespace
+
+extern "C" CURL* curl_easy_init() {
+    static const auto real = reinterpret_cast<decltype(&curl_easy_init)>(dlsym(RTLD_NEXT, "curl_easy_init"));
+    return no_handle ? nullptr : real();
+}
 
 namespace zqu::test {
 namespace {
@@ -41,7 +56,7 @@ TEST_F(MirrorClientTest, IsNeitherCopiedNorMoved) {
     EXPECT_EQ(CompleteInfo().defid + CompleteInfo().cab_name + CompleteInfo().sha256, "");
 }
 
-TEST_F(MirrorClientTest, DefaultsGiveTheDocumentedUrls) {
+TEST_F(MirrorClientTest, DefaultsGiveTheirUrls) {
     cfg_ = Config();
     EXPECT_EQ(client_.hit_ini_url(), "https://definitions.zelgw.example/rhex/deffiles/def5-2/antivir-v2-hit.ini");
     EXPECT_EQ(client_.complete_ini_url("1234"),
@@ -149,7 +164,9 @@ TEST_F(MirrorClientTest, UnreachableMirrorFails) {
 
 TEST_F(MirrorClientTest, TimeoutEndsAWholeTransfer) {
     cfg_.http_timeout_s = 1;
-    server_.http.Get("/slow", [](const httplib::Request&, httplib::Response& response) {
+    std::atomic<int> slow_requests{0};
+    server_.http.Get("/slow", [&](const httplib::Request&, httplib::Response& response) {
+        ++slow_requests;
         response.set_chunked_content_provider("text/plain", [](std::size_t, httplib::DataSink& sink) {
             usleep(50'000);
             return sink.write("x", 1);
@@ -158,6 +175,7 @@ TEST_F(MirrorClientTest, TimeoutEndsAWholeTransfer) {
     std::string body;
     EXPECT_FALSE(client_.http_get_string(server_.url() + "/slow", body));
     EXPECT_EQ(log_.take(), Lines{"err GET " + server_.url() + "/slow: Timeout was reached"});
+    EXPECT_EQ(slow_requests, 1);
 }
 
 TEST_F(MirrorClientTest, DefidComesFromTheHitIni) {
@@ -184,7 +202,7 @@ std::ostream& operator<<(std::ostream& out, const HitCase& c) {
 
 class HitIniTest : public MirrorClientTest, public ::testing::WithParamInterface<HitCase> {};
 
-TEST_P(HitIniTest, IsReadAsDescribed) {
+TEST_P(HitIniTest, IsReadFlatAndTrimmed) {
     server_.serve(hit, GetParam().text);
     EXPECT_EQ(client_.fetch_defid(), GetParam().defid);
     EXPECT_EQ(log_.take(), GetParam().defid ? Lines{} : Lines{"err parse_hit_defid: no [Current] defId"});
@@ -205,6 +223,7 @@ INSTANTIATE_TEST_SUITE_P(
                       HitCase{"CarriageReturns", "[Current]\r\ndefId=1234\r\n", "1234"},
                       HitCase{"BlanksOfEveryKind", " \t\v\f defId \t\v\f=\t\v\f a b \t\v\f\r\n", "a b"},
                       HitCase{"FurtherEqualsSigns", "defId = YWJj==\n", "YWJj=="},
+                      HitCase{"OnlyBlanksAreTrimmed", "defId=\x01\xC4\n", "\x01\xC4"},
                       HitCase{"ValueIsNotScreened", "defId=../../x\n", "../../x"}),
     [](const auto& param) { return param.param.verdict; });
 
@@ -248,7 +267,9 @@ INSTANTIATE_TEST_SUITE_P(Case, IncompleteInfoTest,
                          ::testing::Values("", "def.Current.name=x\n", "def.Current.SHA256=y\n",
                                            "def.Current.name=\ndef.Current.SHA256=y\n",
                                            "def.Current.name=x\ndef.Current.SHA256=\n",
-                                           "name=x\nSHA256=y\n[def.Current]\nname=x\nSHA256=y\n"));
+                                           "name=x\nSHA256=y\n[def.Current]\nname=x\nSHA256=y\n",
+                                           "def\x0e"
+                                           "Current.name=x\ndef.Current.SHA256=y\n"));
 
 class SizeTest : public MirrorClientTest, public ::testing::WithParamInterface<std::pair<const char*, long>> {};
 
@@ -349,6 +370,35 @@ TEST_F(MirrorClientTest, OneHandleServesTransferAfterTransfer) {
         EXPECT_FALSE(client_.download_cab("none", dir_ / "dest"));
     }
     EXPECT_EQ(log_.take().size(), 3U);
+}
+
+class NoHandleTest : public MirrorClientTest {
+protected:
+    NoHandleTest() {
+        no_handle = true;
+        bare_ = std::make_unique<MirrorClient>(cfg_);
+        no_handle = false;
+    }
+
+    std::unique_ptr<MirrorClient> bare_;
+};
+
+TEST_F(NoHandleTest, GetFailsWithoutAMessageAndLeavesTheBody) {
+    std::string body = "former content";
+    EXPECT_FALSE(bare_->http_get_string(server_.url() + "/x", body));
+    EXPECT_EQ(body, "former content");
+}
+
+TEST_F(NoHandleTest, DownloadFailsWithoutAMessageOrAFile) {
+    EXPECT_FALSE(bare_->download_cab("x.cab", dir_ / "dest"));
+    EXPECT_FALSE(bare_->download_cab("x.cab", dir_ / "none/dest"));
+    EXPECT_EQ(listing(dir_.path()), Lines{});
+}
+
+TEST_F(NoHandleTest, NothingIsFetchedAndNothingLogged) {
+    EXPECT_EQ(bare_->fetch_defid(), std::nullopt);
+    EXPECT_FALSE(bare_->fetch_complete_info("1234"));
+    EXPECT_EQ(server_.requests, Lines{});
 }
 
 TEST(MirrorClientLifetimeTest, ClientsComeAndGo) {

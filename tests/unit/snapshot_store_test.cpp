@@ -147,6 +147,14 @@ TEST_F(SnapshotStoreTest, PublicationReplacesTheLink) {
                                   "info published def snapshot 101"}));
 }
 
+TEST_F(SnapshotStoreTest, RepublishingReplacesTheLinkAllTheSame) {
+    SnapshotStore store(cfg_);
+    fs::create_symlink("/elsewhere/1", root() + "/active");
+    EXPECT_TRUE(store.publish("1"));
+    EXPECT_EQ(active(), "snapshots/1");
+    EXPECT_EQ(log_.take(), Lines{"info published def snapshot 1"});
+}
+
 TEST_F(SnapshotStoreTest, PublicationReplacesARegularFile) {
     SnapshotStore store(cfg_);
     write_file(root() + "/active", "in the way");
@@ -489,8 +497,10 @@ TEST_F(StatusTest, FileWithoutPermissionIsSilentAndKept) {
 
 TEST_F(StatusTest, FullDiskIsSilent) {
     const SnapshotStore store(cfg_);
-    cfg_.status_path = "/dev/full";
+    cfg_.status_path = dir_ / "full";  // a link, lest a broken daemon damages the device itself
+    fs::create_symlink("/dev/full", cfg_.status_path);
     EXPECT_NO_THROW(store.write_status({}));
+    EXPECT_EQ(fs::read_symlink(cfg_.status_path), "/dev/full");
 }
 
 TEST_F(StatusTest, FileIsRewrittenInPlace) {

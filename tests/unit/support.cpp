@@ -145,6 +145,8 @@ void write_zip(const std::string& path, const std::vector<ArchiveEntry>& entries
         archive_entry_set_filetype(entry.get(), item.type);
         archive_entry_set_perm(entry.get(), item.mode);
         archive_entry_set_mtime(entry.get(), item.mtime, 0);
+        archive_entry_set_uid(entry.get(), item.owner);
+        archive_entry_set_gid(entry.get(), item.owner);
         archive_entry_set_size(entry.get(), static_cast<la_int64_t>(item.content.size()));
         if (!item.link_target.empty()) {
             archive_entry_set_symlink(entry.get(), item.link_target.c_str());

@@ -76,6 +76,7 @@ struct ArchiveEntry {
     unsigned int mode = 0644;
     std::string link_target{};
     std::time_t mtime = 1'700'000'000;
+    int owner = 0;  // user and group
 };
 
 void write_zip(const std::string& path, const std::vector<ArchiveEntry>& entries);

@@ -148,6 +148,18 @@ TEST_F(UpdaterTest, OldSnapshotsArePrunedAfterPublication) {
     static_cast<void>(log_.take());
 }
 
+TEST_F(UpdaterTest, CurrentSnapshotPrunesNothing) {
+    for (const char* id : {"1", "2", "3"}) {
+        mirror_.publish(id);
+        EXPECT_TRUE(run());
+    }
+    static_cast<void>(log_.take());
+    const Lines before = listing(cfg_.def_root);
+    cfg_.retained_snapshots = 1;
+    EXPECT_FALSE(run());
+    EXPECT_EQ(listing(cfg_.def_root), before);
+}
+
 TEST_F(UpdaterTest, FlavorNamesTheFiles) {
     Mirror mirror("v9");
     mirror.publish("1");
@@ -155,6 +167,16 @@ TEST_F(UpdaterTest, FlavorNamesTheFiles) {
     EXPECT_TRUE(run());
     EXPECT_EQ(listing(cfg_.def_root + "/active/"), (Lines{"aivsecon-v9.def", "antivir-v9.def"}));
     static_cast<void>(log_.take());
+}
+
+TEST_F(UpdaterTest, FlavorNamesTheIndex) {
+    Mirror mirror("v9");
+    auto entries = mirror.release_entries("1");
+    entries[0].content += "tampered";
+    mirror.publish("1", entries);
+    cfg_ = mirror.config(dir_.path());
+    EXPECT_FALSE(run());
+    EXPECT_EQ(log_.take(), Lines{"err run_once: staging failed: sha256 mismatch antivir-v9.def"});
 }
 
 TEST_F(UpdaterTest, MissingHitIniFails) {
@@ -187,6 +209,23 @@ TEST_F(UpdaterTest, MissingArchiveFails) {
     mirror_.remove("release-2.cab");
     expect_refused("download CAB",
                    {"err download_cab " + mirror_.url("release-2.cab") + ": Couldn't read a file:// file"});
+}
+
+TEST_F(UpdaterTest, ArchiveNameWithASlashHasNoDirectoryToGoTo) {
+    install_first();
+    mirror_.publish("2");
+    mirror_.write("antivir-v2-c-2.ini", "def.Current.name=sub/x.cab\ndef.Current.SHA256=00\n");
+    const std::string part = cfg_.def_root + "/snapshots/2/sub/x.cab.part";
+    expect_refused("download CAB", {"err download_cab: cannot create " + part});
+}
+
+TEST_F(UpdaterTest, ArchiveNamedLikeADefinitionFileTakesItAway) {
+    install_first();
+    mirror_.publish("2");
+    const std::string bytes = read_file(mirror_.path("release-2.cab"));
+    mirror_.write("antivir-v2.def", bytes);
+    mirror_.write("antivir-v2-c-2.ini", "def.Current.name=antivir-v2.def\ndef.Current.SHA256=" + sha256(bytes) + "\n");
+    expect_refused("CAB missing antivir-v2.def");
 }
 
 TEST_F(UpdaterTest, TamperedArchiveIsRefused) {
@@ -254,6 +293,14 @@ TEST_F(UpdaterTest, DanglingLinkInPlaceOfAFileIsMissing) {
     expect_refused("CAB missing antivir-v2.def");
 }
 
+TEST_F(UpdaterTest, DirectoryInPlaceOfAnUnindexedFileIsAccepted) {
+    mirror_.publish("1", {mirror_.release_entries("1")[1]});
+    make_dirs(cfg_.def_root + "/snapshots/1/antivir-v2.def");
+    EXPECT_TRUE(run());
+    EXPECT_EQ(listing(cfg_.def_root + "/snapshots/1"), (Lines{"aivsecon-v2.def", "antivir-v2.def/"}));
+    static_cast<void>(log_.take());
+}
+
 TEST_F(UpdaterTest, WrongFirstFileIsReportedAndTheSecondNotExamined) {
     install_first();
     auto entries = mirror_.release_entries("2");
@@ -316,10 +363,20 @@ TEST_F(UpdaterTest, DirectoryInPlaceOfTheIndexIsAnEmptyIndex) {
     static_cast<void>(log_.take());
 }
 
+TEST_F(UpdaterTest, IndexLongerThanABlockIsReadWhole) {
+    install_first();
+    auto entries = mirror_.release_entries("2");
+    entries[2].content = "; " + std::string(200'000, 'x') + "\naivsecon-v2.def.sha256 = 00\n";
+    mirror_.publish("2", entries);
+    expect_refused("sha256 mismatch aivsecon-v2.def");
+}
+
 TEST_F(UpdaterTest, NothingButTheTwoFilesStays) {
     auto entries = mirror_.release_entries("1");
     entries.push_back({"readme.txt", "x"});
     entries.push_back({"antivir-v2.DEF", "x"});
+    entries.push_back({"antivir-v2.def.sig", "x"});
+    entries.push_back({"xantivir-v2.def", "x"});
     entries.push_back({"link", "", 0120000, 0777, "/etc"});
     entries.push_back({"release-1.cab.part", "x"});
     mirror_.publish("1", entries);

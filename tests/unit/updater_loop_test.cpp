@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <ostream>
 
 #include "http_server.hpp"
@@ -47,6 +48,7 @@ protected:
     }
 
     void answer(httplib::Response& response) {
+        on_check();
         if (cycles_ > 0) {
             waits_.push_back(static_cast<std::uint32_t>(clock_.sleeps.size() - slept_));
         }
@@ -83,12 +85,41 @@ protected:
     LogCapture log_;
     FakeClock clock_;
     volatile std::sig_atomic_t stop_ = 0;
+    std::function<void()> on_check = [] {};  // called in the midst of every cycle
     std::vector<bool> throwing_;
     std::size_t cycles_ = 0;
     std::size_t slept_ = 0;
     Waits waits_;
     Server server_;  // last: its thread is gone before what it uses
 };
+
+TEST_F(RunLoopTest, TimeOfACheckIsReadOnceAtItsStart) {
+    on_check = [this] { clock_.now = *clock_.now + 7; };
+    static_cast<void>(waits_after({}));
+    const std::string times = "  \"last_check_epoch\": 1800000000,\n  \"last_success_epoch\": 1800000000,\n";
+    EXPECT_NE(read_file(cfg_.status_path).find(times), std::string::npos);
+    static_cast<void>(log_.take());
+}
+
+TEST_F(RunLoopTest, TimeOfAPublicationIsThatOfTheCheck) {
+    std::filesystem::remove(cfg_.def_root + "/active");
+    on_check = [this] { clock_.now = *clock_.now + 7; };
+    static_cast<void>(waits_after({}));
+    const std::string times = "  \"last_check_epoch\": 1800000000,\n  \"last_success_epoch\": 1800000000,\n";
+    EXPECT_NE(read_file(cfg_.status_path).find(times), std::string::npos);
+    EXPECT_EQ(log_.take(), loop_log({"info published def snapshot good", "info def snapshot updated: none -> good"}));
+}
+
+TEST_F(RunLoopTest, VersionInServiceIsReadBeforeTheMirrorIsAsked) {
+    std::filesystem::remove(cfg_.def_root + "/active");
+    std::filesystem::create_symlink("snapshots/former", cfg_.def_root + "/active");
+    on_check = [this] {
+        std::filesystem::remove(cfg_.def_root + "/active");
+        std::filesystem::create_symlink("snapshots/good", cfg_.def_root + "/active");
+    };
+    static_cast<void>(waits_after({}));
+    EXPECT_EQ(log_.take(), loop_log({"info published def snapshot good", "info def snapshot updated: former -> good"}));
+}
 
 TEST_F(RunLoopTest, StopBeforeTheFirstCycleRunsNone) {
     stop_ = 1;
@@ -236,6 +267,15 @@ TEST_F(RunLoopTest, NegativeRemainderWrapsTheWait) {
     static_cast<void>(log_.take());
 }
 
+TEST_F(RunLoopTest, ProcessIdIsWidenedWithItsSign) {
+    clock_.pid = -1;
+    cfg_.poll_jitter_s = 1000;
+    // 1800000000 - 2654435761 is -854435761
+    cfg_.poll_interval_s = 761 + 5;
+    EXPECT_EQ(waits_after({false}), Waits{5});
+    static_cast<void>(log_.take());
+}
+
 TEST_F(RunLoopTest, SumOfIntervalAndJitterWrapsAround) {
     cfg_.poll_interval_s = 4294967295U;
     cfg_.poll_jitter_s = 120;
@@ -278,8 +318,8 @@ TEST_F(RunLoopTest, InterruptionThatRaisesTheFlagStillFinishesTheSlice) {
 }
 
 TEST_F(RunLoopTest, SliceThatFailsOtherwiseCountsAsDone) {
-    clock_.on_sleep = [](const timespec*, timespec*) {
-        errno = EINVAL;
+    clock_.on_sleep = [this](const timespec*, timespec*) {
+        errno = clock_.sleeps.size() % 2 == 0 ? EINVAL : EFAULT;
         return -1;
     };
     EXPECT_EQ(waits_after({false}), Waits{3});

@@ -99,6 +99,11 @@ TEST_F(VerifyTest, UnreadableFileMatchesNothing) {
     EXPECT_FALSE(verifier::verify(path_, ""));
 }
 
+TEST_F(VerifyTest, ReadErrorEndsTheFileEarly) {
+    // A directory can be opened, and its first read fails.
+    EXPECT_TRUE(verifier::verify(dir_.path(), sha256("")));
+}
+
 class ExtractTest : public ::testing::Test {
 protected:
     bool extract() { return verifier::extract(archive_, dest_); }
@@ -146,6 +151,26 @@ TEST_F(ExtractTest, LaterEntryReplacesAnEarlierOneOfTheSameLastName) {
     EXPECT_EQ(read_file(dest_ + "/x"), "second");
 }
 
+TEST_F(ExtractTest, DoubledNameIsFlushedTwice) {
+    write_zip(archive_, {{"a/x", "1", 0100000, 0000}, {"b/x", "2", 0100000, 0000}});
+    const AsOrdinaryUser user({dir_.path(), archive_});
+    EXPECT_TRUE(extract());
+    EXPECT_EQ(log_.take(), Lines(2, "warning fsync: open " + dest_ + "/x failed"));
+}
+
+TEST_F(ExtractTest, OutputPathHasASlashOfItsOwn) {
+    write_zip(archive_, {{"x", "1", 0100000, 0000}});
+    const AsOrdinaryUser user({dir_.path(), archive_});
+    EXPECT_TRUE(verifier::extract(archive_, dest_ + "/"));
+    EXPECT_EQ(log_.take(), Lines{"warning fsync: open " + dest_ + "//x failed"});
+}
+
+TEST_F(ExtractTest, DestinationThatIsNoDirectoryGivesAFlushWarningOnly) {
+    write_zip(archive_, {});
+    EXPECT_TRUE(verifier::extract(archive_, archive_));
+    EXPECT_EQ(log_.take(), Lines{"warning fsync: open " + archive_ + " failed"});
+}
+
 TEST_F(ExtractTest, FilesThatWereThereAreReplaced) {
     make_dirs(dest_);
     write_file(dest_ + "/x", "something much longer than the new content");
@@ -190,7 +215,15 @@ TEST_F(ExtractTest, PermissionsAndTimesComeFromTheArchive) {
     ASSERT_EQ(stat((dest_ + "/x").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777U, 0604U);
     EXPECT_EQ(st.st_mtime, 1'234'567'890);
+}
+
+TEST_F(ExtractTest, OwnershipDoesNotComeFromTheArchive) {
+    write_zip(archive_, {{"x", "1", 0100000, 0644, "", 1'700'000'000, 12345}});
+    EXPECT_TRUE(extract());
+    struct stat st {};
+    ASSERT_EQ(stat((dest_ + "/x").c_str(), &st), 0);
     EXPECT_EQ(st.st_uid, geteuid());
+    EXPECT_EQ(st.st_gid, getegid());
 }
 
 TEST_F(ExtractTest, MissingArchiveIsAnErrorWithTheLibrarysText) {
@@ -199,16 +232,10 @@ TEST_F(ExtractTest, MissingArchiveIsAnErrorWithTheLibrarysText) {
     EXPECT_EQ(listing(dest_), Lines{});
 }
 
-TEST_F(ExtractTest, UnrecognisedFileEndsAtItsFirstHeader) {
-    // libarchive opens any file; that this is no archive shows only at the first header, which ends the extraction.
+TEST_F(ExtractTest, UnrecognisedFileCannotBeOpened) {
     write_file(archive_, "this is neither a CAB nor a ZIP archive, only a line of text\n");
-    const bool result = extract();
-    const Lines log = log_.take();
-    if (result) {
-        EXPECT_EQ(log, Lines{});
-    } else {
-        EXPECT_EQ(log, Lines{"err extract: cannot open " + archive_ + ": Unrecognized archive format"});
-    }
+    EXPECT_FALSE(extract());
+    EXPECT_EQ(log_.take(), Lines{"err extract: cannot open " + archive_ + ": Unrecognized archive format"});
     EXPECT_EQ(listing(dest_), Lines{});
 }
 
@@ -273,6 +300,14 @@ TEST(ParseDefIndexTest, SectionsDoNotMatter) {
 
 TEST(ParseDefIndexTest, BlanksOfEveryKindAreTrimmed) {
     EXPECT_EQ(verifier::parse_def_index(" \t\v\f x.def.sha256 \t\v\f=\t\v\f 1 \t\v\f\r\n"), (Index{{"x.def", "1"}}));
+}
+
+TEST(ParseDefIndexTest, OnlyBlanksAreTrimmedAndOnlyLettersLowered) {
+    EXPECT_EQ(verifier::parse_def_index("\x01x.def.sha256=\xC4\x01\n"), (Index{{"\x01x.def", "\xC4\x01"}}));
+    EXPECT_EQ(verifier::parse_def_index("x.def.sha256=[@\xC0\n"), (Index{{"x.def", "[@\xC0"}}));
+    EXPECT_EQ(verifier::parse_def_index("x\x0e"
+                                        "def.sha256=1\nx.def\x0esha256=1\n"),
+              Index{});
 }
 
 TEST(ParseDefIndexTest, ValueMayBeEmptyOrHoldEqualsSigns) {
