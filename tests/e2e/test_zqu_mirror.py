@@ -48,8 +48,13 @@ def sha256(data):
 def tree(root):
     """Everything below root, and root: permissions and content. Empty when there is no root."""
     paths = [root, *sorted(root.rglob("*"))] if root.exists() else []
-    return {str(path.relative_to(root)): (oct(stat.S_IMODE(path.stat().st_mode)),
-                                          path.read_bytes() if path.is_file() else None) for path in paths}
+    return {
+        str(path.relative_to(root)): (
+            oct(stat.S_IMODE(path.stat().st_mode)),
+            path.read_bytes() if path.is_file() else None,
+        )
+        for path in paths
+    }
 
 
 def release_files(root):
@@ -102,16 +107,19 @@ def flags_of(extension):
 
 
 def clean_check(id, archive, data):
-    return (f"ok       antivir-v2-hit.ini names {id}\n"
-            f"ok       antivir-v2-c-{id}.ini names {archive}\n"
-            f"ok       {archive} can be downloaded: {len(data)} bytes\n"
-            f"ok       {archive} has the digest {sha256(data)}\n"
-            f"ok       {archive} can be unpacked\n"
-            "ok       antivir-v2.def has the digest that the index gives\n"
-            "ok       aivsecon-v2.def has the digest that the index gives\n")
+    return (
+        f"ok       antivir-v2-hit.ini names {id}\n"
+        f"ok       antivir-v2-c-{id}.ini names {archive}\n"
+        f"ok       {archive} can be downloaded: {len(data)} bytes\n"
+        f"ok       {archive} has the digest {sha256(data)}\n"
+        f"ok       {archive} can be unpacked\n"
+        "ok       antivir-v2.def has the digest that the index gives\n"
+        "ok       aivsecon-v2.def has the digest that the index gives\n"
+    )
 
 
 # ---- Publishing ----
+
 
 def test_a_release_is_written_whole_and_readable_by_everybody(mirror_tool_place, mirror_tool_format):
     place, extension = mirror_tool_place, mirror_tool_format
@@ -125,11 +133,15 @@ def test_a_release_is_written_whole_and_readable_by_everybody(mirror_tool_place,
         "rhex/deffiles": ("0o755", None),
         "rhex/deffiles/def5-2": ("0o755", None),
         f"{SUBDIR}/antivir-v2-hit.ini": ("0o644", b"[Current]\ndefId = 20240131.007\n"),
-        f"{SUBDIR}/antivir-v2-c-20240131.007.ini": ("0o644", (
-            "def.Current.defId = 20240131.007\n"
-            f"def.Current.name = {archive}\n"
-            f"def.Current.SHA256 = {sha256(data)}\n"
-            f"def.Current.size = {len(data)}\n").encode()),
+        f"{SUBDIR}/antivir-v2-c-20240131.007.ini": (
+            "0o644",
+            (
+                "def.Current.defId = 20240131.007\n"
+                f"def.Current.name = {archive}\n"
+                f"def.Current.SHA256 = {sha256(data)}\n"
+                f"def.Current.size = {len(data)}\n"
+            ).encode(),
+        ),
         f"{SUBDIR}/{archive}": ("0o644", data),
     }
     assert place.check() == (0, clean_check("20240131.007", archive, data), "")
@@ -139,8 +151,9 @@ def test_the_daemon_takes_the_release(mirror_tool_place, mirror_tool_format):
     place = mirror_tool_place
     assert place.publish("20240131.007", *flags_of(mirror_tool_format))[0] == 0
     root = place.base / "gateway"
-    (place.base / "conf").write_text(f"mirror_base_url = file://{place.mirror}\ndef_root = {root}\n"
-                                     f"status_path = {root}/status.json\n")
+    (place.base / "conf").write_text(
+        f"mirror_base_url = file://{place.mirror}\ndef_root = {root}\n" f"status_path = {root}/status.json\n"
+    )
     subprocess.run([DAEMON, "--once", "--config", place.base / "conf"], check=True, timeout=60)
     assert os.readlink(root / "active") == "snapshots/20240131.007"
     served = {path.name: path.read_bytes() for path in (root / "active/").iterdir()}
@@ -149,7 +162,9 @@ def test_the_daemon_takes_the_release(mirror_tool_place, mirror_tool_format):
     assert (status["active_version"], status["last_error"]) == ("20240131.007", "")
     # Modification times carry over (a CAB's are even seconds), and nobody else may write the definitions.
     assert [int((root / "active" / name).stat().st_mtime) for name in ("antivir-v2.def", "aivsecon-v2.def")] == [
-        1583298368, 1614834370]
+        1583298368,
+        1614834370,
+    ]
     modes = {"cab": "0o555", "zip": "0o644"}
     assert oct(stat.S_IMODE((root / "active/antivir-v2.def").stat().st_mode)) == modes[mirror_tool_format]
 
@@ -162,8 +177,10 @@ def test_the_cab_is_compressed_and_intact_for_other_programs(mirror_tool_place):
     assert archive.read_bytes()[:4] == b"MSCF"
     done = subprocess.run(["cabextract", "-t", archive], capture_output=True, timeout=60, check=True)
     hashes = re.findall(r"^  (\S+)  OK\s+([0-9a-f]{32})$", done.stdout.decode(), re.M)
-    index = (f"antivir-v2.def.sha256 = {sha256(place.antivir.read_bytes())}\n"
-             f"aivsecon-v2.def.sha256 = {sha256(place.aivsecon.read_bytes())}\n").encode()
+    index = (
+        f"antivir-v2.def.sha256 = {sha256(place.antivir.read_bytes())}\n"
+        f"aivsecon-v2.def.sha256 = {sha256(place.aivsecon.read_bytes())}\n"
+    ).encode()
     md5 = [hashlib.md5(data).hexdigest() for data in (index, place.antivir.read_bytes(), place.aivsecon.read_bytes())]
     assert hashes == list(zip(["antivir-v2.ini", "antivir-v2.def", "aivsecon-v2.def"], md5))
 
@@ -173,9 +190,11 @@ def test_the_zip_is_deflated_and_intact_for_other_programs(mirror_tool_place):
     assert place.publish("1", "--zip")[0] == 0
     with zipfile.ZipFile(place.dir / "antivir-v2-c-1.zip") as archive:
         assert archive.testzip() is None
-        assert [(entry.filename, entry.compress_type, oct(entry.external_attr >> 16)) for entry in
-                archive.infolist()] == [(name, zipfile.ZIP_DEFLATED, "0o100644") for name in
-                                        ("antivir-v2.ini", "antivir-v2.def", "aivsecon-v2.def")]
+        assert [
+            (entry.filename, entry.compress_type, oct(entry.external_attr >> 16)) for entry in archive.infolist()
+        ] == [
+            (name, zipfile.ZIP_DEFLATED, "0o100644") for name in ("antivir-v2.ini", "antivir-v2.def", "aivsecon-v2.def")
+        ]
         assert archive.read("antivir-v2.def") == place.antivir.read_bytes()
 
 
@@ -210,7 +229,12 @@ def test_flavor_and_subdir_reach_every_name(mirror_tool_place):
     words = ["--flavor", "v3-beta", "--subdir", "/a/b/"]
     assert place.publish("1", *words)[0] == 0
     assert [str(path.relative_to(place.mirror)) for path in sorted(place.mirror.rglob("*"))] == [
-        "a", "a/b", "a/b/antivir-v3-beta-c-1.cab", "a/b/antivir-v3-beta-c-1.ini", "a/b/antivir-v3-beta-hit.ini"]
+        "a",
+        "a/b",
+        "a/b/antivir-v3-beta-c-1.cab",
+        "a/b/antivir-v3-beta-c-1.ini",
+        "a/b/antivir-v3-beta-hit.ini",
+    ]
     assert place.check(*words)[0] == 0
     assert place.check()[0] == 1
 
@@ -239,8 +263,12 @@ def test_the_same_release_again_succeeds_and_goes_back_to_it(mirror_tool_place):
     place.publish_old()
     assert place.check()[1].startswith("ok       antivir-v2-hit.ini names old\n")
     data = (place.dir / "antivir-v2-c-1.cab").read_bytes()
-    again = (0, "1 was published before with this content and is current now: antivir-v2-c-1.cab, "
-                f"{len(data)} bytes, SHA-256 {sha256(data)}\n", "")
+    again = (
+        0,
+        "1 was published before with this content and is current now: antivir-v2-c-1.cab, "
+        f"{len(data)} bytes, SHA-256 {sha256(data)}\n",
+        "",
+    )
     assert place.publish("1") == again
     assert place.publish("1", "--zip") == again
     assert {name: entry for name, entry in tree(place.mirror).items() if "-c-old." not in name} == first
@@ -258,10 +286,40 @@ def test_a_time_that_a_cab_cannot_tell_becomes_its_nearest(mirror_tool_place, ti
 
 # ---- Refusals ----
 
-@pytest.mark.parametrize("id, reason", [
-    ("", DOTS_RULE), (".", DOTS_RULE), ("..", DOTS_RULE)] + [(id, NAME_RULE) for id in (
-        "a/b", "/", "../x", "a\nb", "a\n", " a", "a ", "a b", "\ta", "a\x01", "a\x7f", "a#b", "a?b", "a%41", "a=b",
-        "a\\b", "a\"b", "a<b", "a[1]", "a{b}", "a|b", "a^b", "a`b", "\u00e9")])
+
+@pytest.mark.parametrize(
+    "id, reason",
+    [("", DOTS_RULE), (".", DOTS_RULE), ("..", DOTS_RULE)]
+    + [
+        (id, NAME_RULE)
+        for id in (
+            "a/b",
+            "/",
+            "../x",
+            "a\nb",
+            "a\n",
+            " a",
+            "a ",
+            "a b",
+            "\ta",
+            "a\x01",
+            "a\x7f",
+            "a#b",
+            "a?b",
+            "a%41",
+            "a=b",
+            "a\\b",
+            'a"b',
+            "a<b",
+            "a[1]",
+            "a{b}",
+            "a|b",
+            "a^b",
+            "a`b",
+            "\u00e9",
+        )
+    ],
+)
 def test_an_id_that_clients_could_not_fetch_is_refused_and_the_mirror_is_untouched(mirror_tool_place, id, reason):
     place = mirror_tool_place
     place.require_refused(f"--id: {reason} (see zqu-mirror --help)", id=id, code=2)
@@ -269,15 +327,34 @@ def test_an_id_that_clients_could_not_fetch_is_refused_and_the_mirror_is_untouch
     place.require_refused(f"--id: {reason} (see zqu-mirror --help)", id=id, code=2)
 
 
-@pytest.mark.parametrize("flavor, reason", [("", DOTS_RULE), ("..", DOTS_RULE), ("a/b", NAME_RULE), ("a b", NAME_RULE),
-                                            ("a=b", NAME_RULE), ("a\n", NAME_RULE)])
-def test_a_flavor_that_clients_could_not_fetch_is_refused_and_the_mirror_is_untouched(mirror_tool_place, flavor,
-                                                                                     reason):
+@pytest.mark.parametrize(
+    "flavor, reason",
+    [
+        ("", DOTS_RULE),
+        ("..", DOTS_RULE),
+        ("a/b", NAME_RULE),
+        ("a b", NAME_RULE),
+        ("a=b", NAME_RULE),
+        ("a\n", NAME_RULE),
+    ],
+)
+def test_a_flavor_that_clients_could_not_fetch_is_refused_and_the_mirror_is_untouched(
+    mirror_tool_place, flavor, reason
+):
     mirror_tool_place.require_refused(f"--flavor: {reason} (see zqu-mirror --help)", "--flavor", flavor, code=2)
 
 
-@pytest.mark.parametrize("subdir, reason", [("..", DOTS_RULE), ("a/../b", DOTS_RULE), ("a/..", DOTS_RULE),
-                                            ("./a", DOTS_RULE), ("a b", NAME_RULE), ("a%2fb", NAME_RULE)])
+@pytest.mark.parametrize(
+    "subdir, reason",
+    [
+        ("..", DOTS_RULE),
+        ("a/../b", DOTS_RULE),
+        ("a/..", DOTS_RULE),
+        ("./a", DOTS_RULE),
+        ("a b", NAME_RULE),
+        ("a%2fb", NAME_RULE),
+    ],
+)
 def test_a_subdir_that_leads_elsewhere_is_refused_and_the_mirror_is_untouched(mirror_tool_place, subdir, reason):
     mirror_tool_place.require_refused(f"--subdir: {reason} (see zqu-mirror --help)", "--subdir", subdir, code=2)
 
@@ -310,14 +387,19 @@ def test_what_is_no_regular_file_is_refused_and_the_mirror_is_untouched(mirror_t
     place.require_refused(f"{place.antivir} is not a regular file")
 
 
-@pytest.mark.parametrize("call, error, line", [("openat", "EACCES", "cannot open {}: Permission denied"),
-                                               ("read", "EIO", "cannot read {}: Input/output error")])
+@pytest.mark.parametrize(
+    "call, error, line",
+    [("openat", "EACCES", "cannot open {}: Permission denied"), ("read", "EIO", "cannot read {}: Input/output error")],
+)
 def test_an_unreadable_file_is_refused_and_the_mirror_is_untouched(mirror_tool_place, call, error, line):
     place = mirror_tool_place
     place.publish_old()
     before = tree(place.mirror)
     assert traced(place, "new", f"inject={call}:error={error}:when=1", [place.aivsecon]) == (
-        1, "", f"zqu-mirror: {line.format(place.aivsecon)}\n")
+        1,
+        "",
+        f"zqu-mirror: {line.format(place.aivsecon)}\n",
+    )
     assert tree(place.mirror) == before
 
 
@@ -355,15 +437,19 @@ def test_more_than_a_cab_holds_is_refused_with_the_way_out_and_the_mirror_is_unt
     index = 2 * 64 + len("antivir-v2.def.sha256 = \naivsecon-v2.def.sha256 = \n")
     place.aivsecon.write_bytes(b"")
     os.truncate(place.antivir, CAB_CAPACITY - index + 1)
-    place.require_refused(f"the definitions do not fit into a CAB, which holds {CAB_CAPACITY} bytes with the index: "
-                          "use --zip")
+    place.require_refused(
+        f"the definitions do not fit into a CAB, which holds {CAB_CAPACITY} bytes with the index: " "use --zip"
+    )
 
 
 def test_a_missing_subcommand_or_option_is_a_usage_error():
     assert run() == (2, "", "zqu-mirror: A subcommand is required (see zqu-mirror --help)\n")
     assert run("publish", "m", "a", "b") == (2, "", "zqu-mirror: --id is required (see zqu-mirror --help)\n")
     assert run("check", "/nonexistent") == (
-        2, "", "zqu-mirror: MIRROR: must be a folder or an http(s) URL (see zqu-mirror --help)\n")
+        2,
+        "",
+        "zqu-mirror: MIRROR: must be a folder or an http(s) URL (see zqu-mirror --help)\n",
+    )
 
 
 def test_help_and_version_are_answered():
@@ -377,6 +463,7 @@ def test_help_and_version_are_answered():
 
 
 # ---- No room ----
+
 
 def require_each_limit_refused(place, limits, publish):
     """Publishes under growing limits: each failure must be one line and leave no trace, and at last one succeeds."""
@@ -407,6 +494,7 @@ def test_a_full_disk_at_any_point_leaves_the_mirror_untouched(mirror_tool_place,
         def publish(pages):
             subprocess.run(["mount", "-o", f"remount,size={pages * 4}k", place.mirror], check=True)
             return place.publish("new", *flags_of(mirror_tool_format))
+
         used = shutil.disk_usage(place.mirror).used // 4096
         assert len(require_each_limit_refused(place, range(used, used + 256), publish)) > 2
     finally:
@@ -418,19 +506,43 @@ def test_a_file_size_limit_at_any_point_leaves_the_mirror_untouched(mirror_tool_
     place.publish_old()
 
     def publish(limit):
-        return place.publish("new", *flags_of(mirror_tool_format),
-                             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit)))
+        return place.publish(
+            "new",
+            *flags_of(mirror_tool_format),
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit)),
+        )
+
     limits = [0, 1, 20, 35, 100, 200, *range(4096, 100000, 4096)]
     assert require_each_limit_refused(place, limits, publish)
 
 
 # ---- Failing and dying at every system call ----
 
+
 def traced(place, id, injection, paths, log="/dev/null", mirror=None):
     """Publishes under strace, which counts and interferes with the calls that name or use one of the paths."""
     words = [word for path in paths for word in ("-P", str(path))]
-    done = subprocess.run(["strace", "-D", "-y", "-o", log, "-e", injection, *words, TOOL, "publish", "--id", id,
-                           mirror or place.mirror, place.antivir, place.aivsecon], capture_output=True, timeout=120)
+    done = subprocess.run(
+        [
+            "strace",
+            "-D",
+            "-y",
+            "-o",
+            log,
+            "-e",
+            injection,
+            *words,
+            TOOL,
+            "publish",
+            "--id",
+            id,
+            mirror or place.mirror,
+            place.antivir,
+            place.aivsecon,
+        ],
+        capture_output=True,
+        timeout=120,
+    )
     return done.returncode, done.stdout.decode(), done.stderr.decode()
 
 
@@ -438,8 +550,15 @@ def touched_paths(mirror):
     """All that a publish of "new" may name on the mirror."""
     top = [mirror, mirror / "rhex", mirror / "rhex/deffiles", mirror / SUBDIR]
     work = mirror / SUBDIR / WORK
-    inside = ["archive", "info", "hit", "unpacked", "unpacked/antivir-v2.ini", "unpacked/antivir-v2.def",
-              "unpacked/aivsecon-v2.def"]
+    inside = [
+        "archive",
+        "info",
+        "hit",
+        "unpacked",
+        "unpacked/antivir-v2.ini",
+        "unpacked/antivir-v2.def",
+        "unpacked/aivsecon-v2.def",
+    ]
     final = ["antivir-v2-hit.ini", "antivir-v2-c-new.ini", "antivir-v2-c-new.cab"]
     relative = ["./antivir-v2.ini", "./antivir-v2.def", "./aivsecon-v2.def"]  # unpacked from within
     return [*top, work, *(work / name for name in inside), *(mirror / SUBDIR / name for name in final), *relative]
@@ -469,8 +588,13 @@ def test_a_kill_at_any_system_call_leaves_a_whole_release_and_the_next_publish_c
         outcomes = []
         while True:
             mirror = copy_of(place.mirror, f"{call}-{len(outcomes) + 1}")
-            code = traced(place, "new", f"inject={call}:signal=KILL:when={len(outcomes) + 1}", touched_paths(mirror),
-                          mirror=mirror)[0]
+            code = traced(
+                place,
+                "new",
+                f"inject={call}:signal=KILL:when={len(outcomes) + 1}",
+                touched_paths(mirror),
+                mirror=mirror,
+            )[0]
             if code == 0:
                 assert tree(mirror) == new
                 return call, outcomes
@@ -500,8 +624,9 @@ def test_no_room_at_any_system_call_leaves_the_mirror_untouched(mirror_tool_plac
 
     def fail_at(number):
         mirror = copy_of(place.mirror, f"copy-{number}")
-        code, out, err = traced(place, "new", f"inject={call}:error=ENOSPC:when={number}", touched_paths(mirror),
-                                mirror=mirror)
+        code, out, err = traced(
+            place, "new", f"inject={call}:error=ENOSPC:when={number}", touched_paths(mirror), mirror=mirror
+        )
         left = tree(mirror)
         shutil.rmtree(mirror)
         if code == 0:  # a call whose failure does no harm, such as the removal of a temporary
@@ -524,8 +649,11 @@ def test_the_hit_ini_is_moved_last_and_everything_is_flushed_before(mirror_tool_
     log = place.base / "log"
     assert traced(place, "new", "trace=fsync,rename", touched_paths(place.mirror), log)[0] == 0
     text = log.read_text().replace(str(place.dir), "D").replace(WORK, "W")
-    steps = [re.sub(r"^(\w+)\((?:\d+<)?(.*?)>?\) += 0$", r"\1 \2", line).replace('"', "")
-             for line in text.splitlines() if not line.startswith("+++")]
+    steps = [
+        re.sub(r"^(\w+)\((?:\d+<)?(.*?)>?\) += 0$", r"\1 \2", line).replace('"', "")
+        for line in text.splitlines()
+        if not line.startswith("+++")
+    ]
     assert steps == [
         "fsync D/W/archive",
         "fsync D/W/info",
@@ -544,6 +672,7 @@ def test_the_hit_ini_is_moved_last_and_everything_is_flushed_before(mirror_tool_
 
 # ---- Stopped in the middle ----
 
+
 class Stopped:
     """A publish that stands still before its first call of a kind on a path."""
 
@@ -552,8 +681,21 @@ class Stopped:
         log.unlink(missing_ok=True)
         words = tool_args or ["publish", "--id", id, place.mirror, place.antivir, place.aivsecon]
         self.process = subprocess.Popen(
-            ["strace", "-D", "-o", log, "-P", str(path), "-e", f"inject={call}:signal=STOP:when={number}", TOOL,
-             *words], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            [
+                "strace",
+                "-D",
+                "-o",
+                log,
+                "-P",
+                str(path),
+                "-e",
+                f"inject={call}:signal=STOP:when={number}",
+                TOOL,
+                *words,
+            ],
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+        )
         while not (log.exists() and "--- stopped by SIGSTOP ---" in log.read_text()):
             assert self.process.poll() is None, "ended without having been stopped"
 
@@ -574,8 +716,9 @@ class Stopped:
         return self.process.returncode, out.decode(), err.decode()
 
 
-@pytest.mark.parametrize("number, words", [(signal.SIGINT, "Interrupt"), (signal.SIGTERM, "Terminated"),
-                                           (signal.SIGHUP, "Hangup")])
+@pytest.mark.parametrize(
+    "number, words", [(signal.SIGINT, "Interrupt"), (signal.SIGTERM, "Terminated"), (signal.SIGHUP, "Hangup")]
+)
 @pytest.mark.parametrize("where", ["archive", "info", "./antivir-v2.def", "hit"])
 def test_a_signal_ends_the_run_and_the_mirror_is_untouched(mirror_tool_place, number, words, where):
     place = mirror_tool_place
@@ -596,8 +739,12 @@ def test_a_second_publish_is_refused_while_the_first_is_at_work(mirror_tool_plac
         assert first.finish()[0] == 0
     assert place.publish("other")[0] == 0
     assert release_files(place.mirror) == [
-        "antivir-v2-c-new.cab", "antivir-v2-c-new.ini", "antivir-v2-c-other.cab", "antivir-v2-c-other.ini",
-        "antivir-v2-hit.ini"]
+        "antivir-v2-c-new.cab",
+        "antivir-v2-c-new.ini",
+        "antivir-v2-c-other.cab",
+        "antivir-v2-c-other.ini",
+        "antivir-v2-hit.ini",
+    ]
 
 
 def append(path):
@@ -616,8 +763,11 @@ def rewrite_in_secret(path):
     os.utime(path, ns=(times.st_atime_ns, times.st_mtime_ns))
 
 
-@pytest.mark.parametrize("change", [append, replace, Path.unlink, lambda path: os.truncate(path, 5)],
-                         ids=["grown", "replaced", "removed", "cut short"])
+@pytest.mark.parametrize(
+    "change",
+    [append, replace, Path.unlink, lambda path: os.truncate(path, 5)],
+    ids=["grown", "replaced", "removed", "cut short"],
+)
 def test_a_file_that_changes_while_it_is_read_is_refused_and_the_mirror_is_untouched(mirror_tool_place, change):
     place = mirror_tool_place
     place.publish_old()
@@ -634,8 +784,11 @@ def test_a_file_that_changes_with_its_time_put_back_is_refused_and_the_mirror_is
     before = tree(place.mirror)
     with Stopped(place, place.dir / WORK / "archive") as stopped:
         rewrite_in_secret(place.antivir)
-        assert stopped.finish() == (1, "", "zqu-mirror: the archive does not unpack to what was read: "
-                                           f"is there room in {place.dir}?\n")
+        assert stopped.finish() == (
+            1,
+            "",
+            "zqu-mirror: the archive does not unpack to what was read: " f"is there room in {place.dir}?\n",
+        )
     assert tree(place.mirror) == before
 
 
@@ -643,8 +796,11 @@ def test_progress_is_shown_on_a_terminal_and_cleared(mirror_tool_place):
     place = mirror_tool_place
     os.truncate(place.antivir, 500_000_000)
     master, slave = pty.openpty()
-    process = subprocess.Popen([TOOL, "publish", "--id", "1", place.mirror, place.antivir, place.aivsecon],
-                               stdout=subprocess.DEVNULL, stderr=slave)
+    process = subprocess.Popen(
+        [TOOL, "publish", "--id", "1", place.mirror, place.antivir, place.aivsecon],
+        stdout=subprocess.DEVNULL,
+        stderr=slave,
+    )
     os.close(slave)
     shown = b""
     while True:
@@ -659,11 +815,17 @@ def test_progress_is_shown_on_a_terminal_and_cleared(mirror_tool_place):
 
 # ---- Checking ----
 
+
 def hand_made(place, entries=None, id="7", hit="[Current]\ndefId = 7\n", **changes):
     """A mirror made by hand: entries of its ZIP, and lines of its complete-info INI (None drops one)."""
     antivir, aivsecon = b"one", b"two"
-    contents = {"antivir-v2.def": antivir, "aivsecon-v2.def": aivsecon, "antivir-v2.ini": (
-        f"antivir-v2.def.sha256 = {sha256(antivir)}\naivsecon-v2.def.sha256 = {sha256(aivsecon)}\n").encode()}
+    contents = {
+        "antivir-v2.def": antivir,
+        "aivsecon-v2.def": aivsecon,
+        "antivir-v2.ini": (
+            f"antivir-v2.def.sha256 = {sha256(antivir)}\naivsecon-v2.def.sha256 = {sha256(aivsecon)}\n"
+        ).encode(),
+    }
     contents.update(entries or {})
     place.dir.mkdir(parents=True)
     with zipfile.ZipFile(place.dir / "x.zip", "w") as archive:
@@ -674,17 +836,26 @@ def hand_made(place, entries=None, id="7", hit="[Current]\ndefId = 7\n", **chang
     lines = {"defId": id, "name": "x.zip", "SHA256": sha256(data), "size": str(len(data)), **changes}
     (place.dir / "antivir-v2-hit.ini").write_text(hit)
     (place.dir / f"antivir-v2-c-{id}.ini").write_text(
-        "".join(f"def.Current.{key} = {value}\n" for key, value in lines.items() if value is not None))
+        "".join(f"def.Current.{key} = {value}\n" for key, value in lines.items() if value is not None)
+    )
     return data
 
 
 def steps(data, **instead):
     """The lines of a clean check of a mirror made by hand, up to the first one that a fault takes the place of."""
-    lines = {"hit": "ok       antivir-v2-hit.ini names 7", "info": "ok       antivir-v2-c-7.ini names x.zip",
-             "defid": None, "download": f"ok       x.zip can be downloaded: {len(data)} bytes", "size": None,
-             "digest": f"ok       x.zip has the digest {sha256(data)}", "unpack": "ok       x.zip can be unpacked",
-             "antivir": "ok       antivir-v2.def has the digest that the index gives",
-             "aivsecon": "ok       aivsecon-v2.def has the digest that the index gives", "others": None, **instead}
+    lines = {
+        "hit": "ok       antivir-v2-hit.ini names 7",
+        "info": "ok       antivir-v2-c-7.ini names x.zip",
+        "defid": None,
+        "download": f"ok       x.zip can be downloaded: {len(data)} bytes",
+        "size": None,
+        "digest": f"ok       x.zip has the digest {sha256(data)}",
+        "unpack": "ok       x.zip can be unpacked",
+        "antivir": "ok       antivir-v2.def has the digest that the index gives",
+        "aivsecon": "ok       aivsecon-v2.def has the digest that the index gives",
+        "others": None,
+        **instead,
+    }
     text = ""
     for step, line in lines.items():
         text += f"{line}\n" if line else ""
@@ -712,17 +883,28 @@ UNCHECKED = "warning  {} has no digest in the index: clients take it unchecked"
 ONLY_AIVSECON = f"aivsecon-v2.def.sha256 = {sha256(b'two')}\n".encode()
 
 
-@pytest.mark.parametrize("made, instead", [
-    ({}, {}),
-    ({"defId": "8"}, {"defid": "warning  def.Current.defId is another id: 8"}),
-    ({"size": "5"}, {"size": "warning  def.Current.size is another size: 5"}),
-    ({"size": None}, {"size": "warning  def.Current.size is another size: 0"}),
-    ({"entries": {"b": b"", "sub/a": b""}}, {"others": "warning  a is in the archive too: clients drop it\n"
-                                                      "warning  b is in the archive too: clients drop it"}),
-    ({"entries": {"antivir-v2.ini": ONLY_AIVSECON}}, {"antivir": UNCHECKED.format("antivir-v2.def")}),
-    ({"entries": {"antivir-v2.ini": None}}, {"antivir": UNCHECKED.format("antivir-v2.def"),
-                                             "aivsecon": UNCHECKED.format("aivsecon-v2.def")}),
-], ids=["nothing", "other id", "other size", "no size", "further entries", "one entry missing", "no index"])
+@pytest.mark.parametrize(
+    "made, instead",
+    [
+        ({}, {}),
+        ({"defId": "8"}, {"defid": "warning  def.Current.defId is another id: 8"}),
+        ({"size": "5"}, {"size": "warning  def.Current.size is another size: 5"}),
+        ({"size": None}, {"size": "warning  def.Current.size is another size: 0"}),
+        (
+            {"entries": {"b": b"", "sub/a": b""}},
+            {
+                "others": "warning  a is in the archive too: clients drop it\n"
+                "warning  b is in the archive too: clients drop it"
+            },
+        ),
+        ({"entries": {"antivir-v2.ini": ONLY_AIVSECON}}, {"antivir": UNCHECKED.format("antivir-v2.def")}),
+        (
+            {"entries": {"antivir-v2.ini": None}},
+            {"antivir": UNCHECKED.format("antivir-v2.def"), "aivsecon": UNCHECKED.format("aivsecon-v2.def")},
+        ),
+    ],
+    ids=["nothing", "other id", "other size", "no size", "further entries", "one entry missing", "no index"],
+)
 def test_what_a_client_bears_is_at_most_a_warning(mirror_tool_place, mirror_tool_temp, made, instead):
     data, code, out, err = check_made(mirror_tool_place, mirror_tool_temp, **made)
     assert (code, out, err) == (0, steps(data, **instead), "")
@@ -731,28 +913,62 @@ def test_what_a_client_bears_is_at_most_a_warning(mirror_tool_place, mirror_tool
 NO_INFO = "zqu-mirror: parse_complete_info: missing def.Current.name/SHA256\n"
 
 
-@pytest.mark.parametrize("made, instead, logged", [
-    ({"hit": "[Current]\n"}, {"hit": "FAULT    antivir-v2-hit.ini names no release"},
-     "zqu-mirror: parse_hit_defid: no [Current] defId\n"),
-    ({"hit": "defId = 9\n"}, {"hit": "ok       antivir-v2-hit.ini names 9",
-                              "info": "FAULT    antivir-v2-c-9.ini names no archive"},
-     "zqu-mirror: GET file://{}/antivir-v2-c-9.ini: Couldn't read a file:// file\n"),
-    ({"name": None}, {"info": "FAULT    antivir-v2-c-7.ini names no archive"}, NO_INFO),
-    ({"SHA256": ""}, {"info": "FAULT    antivir-v2-c-7.ini names no archive"}, NO_INFO),
-    ({"name": "y.zip"}, {"info": "ok       antivir-v2-c-7.ini names y.zip",
-                         "download": "FAULT    y.zip cannot be downloaded"},
-     "zqu-mirror: download_cab file://{}/y.zip: Couldn't read a file:// file\n"),
-    ({"name": "../y.zip"}, {"info": "ok       antivir-v2-c-7.ini names ../y.zip",
-                            "download": "FAULT    the archive's name is a path: ../y.zip"}, ""),
-    ({"SHA256": "00"}, {"digest": "FAULT    x.zip does not have the digest 00"}, ""),
-    ({"entries": {"antivir-v2.def": b"bad"}},
-     {"antivir": "FAULT    antivir-v2.def does not have the digest that the index gives"}, ""),
-    ({"entries": {"aivsecon-v2.def": b"bad"}},
-     {"aivsecon": "FAULT    aivsecon-v2.def does not have the digest that the index gives"}, ""),
-    ({"entries": {"antivir-v2.def": None}}, {"antivir": "FAULT    antivir-v2.def is not in the archive"}, ""),
-    ({"entries": {"aivsecon-v2.def": None}}, {"aivsecon": "FAULT    aivsecon-v2.def is not in the archive"}, ""),
-], ids=["no id", "no info", "no name", "no digest", "no archive", "a path", "other digest", "antivir damaged",
-        "aivsecon damaged", "antivir missing", "aivsecon missing"])
+@pytest.mark.parametrize(
+    "made, instead, logged",
+    [
+        (
+            {"hit": "[Current]\n"},
+            {"hit": "FAULT    antivir-v2-hit.ini names no release"},
+            "zqu-mirror: parse_hit_defid: no [Current] defId\n",
+        ),
+        (
+            {"hit": "defId = 9\n"},
+            {"hit": "ok       antivir-v2-hit.ini names 9", "info": "FAULT    antivir-v2-c-9.ini names no archive"},
+            "zqu-mirror: GET file://{}/antivir-v2-c-9.ini: Couldn't read a file:// file\n",
+        ),
+        ({"name": None}, {"info": "FAULT    antivir-v2-c-7.ini names no archive"}, NO_INFO),
+        ({"SHA256": ""}, {"info": "FAULT    antivir-v2-c-7.ini names no archive"}, NO_INFO),
+        (
+            {"name": "y.zip"},
+            {"info": "ok       antivir-v2-c-7.ini names y.zip", "download": "FAULT    y.zip cannot be downloaded"},
+            "zqu-mirror: download_cab file://{}/y.zip: Couldn't read a file:// file\n",
+        ),
+        (
+            {"name": "../y.zip"},
+            {
+                "info": "ok       antivir-v2-c-7.ini names ../y.zip",
+                "download": "FAULT    the archive's name is a path: ../y.zip",
+            },
+            "",
+        ),
+        ({"SHA256": "00"}, {"digest": "FAULT    x.zip does not have the digest 00"}, ""),
+        (
+            {"entries": {"antivir-v2.def": b"bad"}},
+            {"antivir": "FAULT    antivir-v2.def does not have the digest that the index gives"},
+            "",
+        ),
+        (
+            {"entries": {"aivsecon-v2.def": b"bad"}},
+            {"aivsecon": "FAULT    aivsecon-v2.def does not have the digest that the index gives"},
+            "",
+        ),
+        ({"entries": {"antivir-v2.def": None}}, {"antivir": "FAULT    antivir-v2.def is not in the archive"}, ""),
+        ({"entries": {"aivsecon-v2.def": None}}, {"aivsecon": "FAULT    aivsecon-v2.def is not in the archive"}, ""),
+    ],
+    ids=[
+        "no id",
+        "no info",
+        "no name",
+        "no digest",
+        "no archive",
+        "a path",
+        "other digest",
+        "antivir damaged",
+        "aivsecon damaged",
+        "antivir missing",
+        "aivsecon missing",
+    ],
+)
 def test_what_a_client_fails_on_is_a_fault_with_the_reason(mirror_tool_place, mirror_tool_temp, made, instead, logged):
     place = mirror_tool_place
     data, code, out, err = check_made(place, mirror_tool_temp, **made)
@@ -807,12 +1023,28 @@ http {{
 def make_certificates(base):
     def openssl(*words):
         subprocess.run(["openssl", *words], cwd=base, check=True, capture_output=True, timeout=60)
+
     key = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes"]
     openssl("req", "-x509", *key, "-keyout", "ca.key", "-out", "ca.pem", "-subj", "/CN=test authority", "-days", "2")
     openssl("req", *key, "-keyout", "server.key", "-out", "server.csr", "-subj", "/CN=mirror")
     (base / "names").write_text("subjectAltName=IP:127.0.0.1\n")
-    openssl("x509", "-req", "-in", "server.csr", "-CA", "ca.pem", "-CAkey", "ca.key", "-CAcreateserial", "-out",
-            "server.pem", "-days", "2", "-extfile", "names")
+    openssl(
+        "x509",
+        "-req",
+        "-in",
+        "server.csr",
+        "-CA",
+        "ca.pem",
+        "-CAkey",
+        "ca.key",
+        "-CAcreateserial",
+        "-out",
+        "server.pem",
+        "-days",
+        "2",
+        "-extfile",
+        "names",
+    )
 
 
 @pytest.fixture(scope="session")
@@ -823,8 +1055,11 @@ def mirror_tool_server(tmp_path_factory):
     with socket.create_server(("127.0.0.1", 0)) as listener:
         port = listener.getsockname()[1]
         (base / "conf").write_text(NGINX.format(base=base, port=port, user="user root;" if os.geteuid() == 0 else ""))
-        server = subprocess.Popen(["/usr/sbin/nginx", "-p", base, "-c", base / "conf", "-e", base / "error.log"],
-                                  env={**os.environ, "NGINX": f"{listener.fileno()};"}, pass_fds=[listener.fileno()])
+        server = subprocess.Popen(
+            ["/usr/sbin/nginx", "-p", base, "-c", base / "conf", "-e", base / "error.log"],
+            env={**os.environ, "NGINX": f"{listener.fileno()};"},
+            pass_fds=[listener.fileno()],
+        )
     yield base, f"https://127.0.0.1:{port}"
     server.terminate()
     server.wait(timeout=30)
@@ -838,13 +1073,17 @@ def test_a_mirror_behind_https_is_checked_with_its_authority(mirror_tool_server,
     checked = place.check("--ca", base / "ca.pem", mirror=url, env=mirror_tool_temp)
     assert checked == (0, clean_check("20240131.007", "antivir-v2-c-20240131.007.cab", data), "")
     missing = place.check("--ca", base / "ca.pem", "--flavor", "v9", mirror=url, env=mirror_tool_temp)
-    assert missing == (1, "FAULT    antivir-v9-hit.ini names no release\n",
-                       f"zqu-mirror: GET {url}/{SUBDIR}/antivir-v9-hit.ini: HTTP response code said error\n")
+    assert missing == (
+        1,
+        "FAULT    antivir-v9-hit.ini names no release\n",
+        f"zqu-mirror: GET {url}/{SUBDIR}/antivir-v9-hit.ini: HTTP response code said error\n",
+    )
 
 
 def test_a_mirror_whose_authority_is_unknown_is_a_fault(mirror_tool_server, mirror_tool_place):
     _, url = mirror_tool_server
     code, out, err = mirror_tool_place.check(mirror=url)
     assert (code, out) == (1, "FAULT    antivir-v2-hit.ini names no release\n")
-    assert err == (f"zqu-mirror: GET {url}/{SUBDIR}/antivir-v2-hit.ini: "
-                   "SSL peer certificate or SSH remote key was not OK\n")
+    assert err == (
+        f"zqu-mirror: GET {url}/{SUBDIR}/antivir-v2-hit.ini: " "SSL peer certificate or SSH remote key was not OK\n"
+    )
