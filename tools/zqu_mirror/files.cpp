@@ -1,0 +1,103 @@
+#include "files.hpp"
+
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <vector>
+
+#include "failure.hpp"
+#include "handle.hpp"
+
+namespace zqu::mirror_tool {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::size_t block_size = 65536;
+constexpr mode_t file_mode = 0666;
+
+void flush(const Fd& file, const fs::path& path) {
+    if (fsync(file.get()) != 0) {
+        fail_errno("cannot flush " + path.string());
+    }
+}
+
+}  // namespace
+
+Fd::Fd(int fd, const std::string& what) : fd_(fd) {
+    if (fd_ < 0) {
+        fail_errno("cannot open " + what);
+    }
+}
+
+Fd::Fd(const fs::path& path, int flags) : Fd(open(path.c_str(), flags | O_CLOEXEC, file_mode), path.string()) {}
+
+Fd::~Fd() {
+    close(fd_);
+}
+
+void read_blocks(const fs::path& path, const std::function<void(const char*, std::size_t)>& consume) {
+    const Fd file(path, O_RDONLY);
+    std::vector<char> block(block_size);
+    for (ssize_t count = 1; count > 0;) {
+        count = read(file.get(), block.data(), block.size());
+        if (count < 0) {
+            fail_errno("cannot read " + path.string());
+        }
+        consume(block.data(), static_cast<std::size_t>(count));
+    }
+}
+
+std::string sha256(const fs::path& path, const std::function<void(std::size_t)>& progress) {
+    const Handle<EVP_MD_CTX, EVP_MD_CTX_free> ctx(EVP_MD_CTX_new());
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    bool done = ctx && EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) == 1;
+    read_blocks(path, [&](const char* data, std::size_t size) {
+        done = done && EVP_DigestUpdate(ctx.get(), data, size) == 1;
+        progress(size);
+    });
+    if (!done || EVP_DigestFinal_ex(ctx.get(), digest, &length) != 1) {
+        fail("cannot compute SHA-256 digests");
+    }
+    std::string hex;
+    for (const unsigned char byte : std::vector<unsigned char>(digest, digest + length)) {
+        static const char digits[] = "0123456789abcdef";
+        hex = hex + digits[byte >> 4] + digits[byte & 0x0F];
+    }
+    return hex;
+}
+
+void write_text(const fs::path& path, const std::string& text) {
+    const Fd file(path, O_WRONLY | O_CREAT | O_EXCL);
+    for (std::size_t done = 0; done < text.size();) {
+        const ssize_t count = write(file.get(), text.data() + done, text.size() - done);
+        if (count < 0) {
+            fail_errno("cannot write " + path.string());
+        }
+        done += static_cast<std::size_t>(count);
+    }
+    flush(file, path);
+}
+
+void flush(const fs::path& path) {
+    flush(Fd(path, O_RDONLY), path);
+}
+
+void make_folder(const fs::path& path, mode_t mode) {
+    if (mkdir(path.c_str(), mode) != 0) {
+        fail_errno("cannot create " + path.string());
+    }
+}
+
+void move(const fs::path& from, const fs::path& to) {
+    if (rename(from.c_str(), to.c_str()) != 0) {
+        fail_errno("cannot create " + to.string());
+    }
+}
+
+}  // namespace zqu::mirror_tool

@@ -1,0 +1,57 @@
+// Descriptors and whole files: reading, writing, flushing, moving, digests.
+//
+// Stateless but for Fd. What fails throws std::system_error with the path and the reason, unless a function says more;
+// what it had begun stays as it is. All may be called from any thread.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <string>
+
+namespace zqu::mirror_tool {
+
+// Owns an open descriptor and closes it in the end, ignoring what close(2) says.
+class Fd {
+public:
+    // Takes over fd. Throws "cannot open <what>" with errno's reason when it is negative.
+    Fd(int fd, const std::string& what);
+
+    // Opens path by open(2), close-on-exec, with permissions 0666 less the umask for a file that flags make.
+    Fd(const std::filesystem::path& path, int flags);
+
+    ~Fd();
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+
+    // The descriptor, which stays owned.
+    [[nodiscard]] int get() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+// Reads the file from its start to its end and gives each piece to consume; the last piece is empty. The memory used
+// does not depend on the file's size. What consume throws passes through.
+void read_blocks(const std::filesystem::path& path, const std::function<void(const char*, std::size_t)>& consume);
+
+// The SHA-256 (FIPS 180-4) of the file in lower-case hexadecimal. Tells progress how many bytes each step has read.
+// Throws std::runtime_error when libcrypto cannot compute it.
+[[nodiscard]] std::string sha256(const std::filesystem::path& path, const std::function<void(std::size_t)>& progress);
+
+// Makes the file, which must not exist, with text as its content, and flushes it to disk (not its name: flush the
+// folder for that).
+void write_text(const std::filesystem::path& path, const std::string& text);
+
+// Flushes what was written to a file, or the names in a folder, to disk (fsync(2)).
+void flush(const std::filesystem::path& path);
+
+// Makes one folder, whose parent must exist, with these permissions less the umask.
+void make_folder(const std::filesystem::path& path, mode_t mode);
+
+// rename(2): to appears, or is replaced, in one step.
+void move(const std::filesystem::path& from, const std::filesystem::path& to);
+
+}  // namespace zqu::mirror_tool

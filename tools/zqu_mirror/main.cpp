@@ -1,0 +1,149 @@
+// zqu-mirror: publishes releases on a definition mirror, and checks a mirror the way a client reads it.
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <string>
+
+#include "check.hpp"
+#include "failure.hpp"
+#include "names.hpp"
+#include "options.hpp"
+#include "publish.hpp"
+#include "run.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+using zqu::mirror_tool::complain;
+using zqu::mirror_tool::is_url;
+using zqu::mirror_tool::Options;
+using zqu::mirror_tool::Run;
+using zqu::mirror_tool::unusable_name;
+using zqu::mirror_tool::unusable_subdir;
+
+// Carries out a command; returns whether the exit status is to tell of success.
+using Command = bool (*)(const Options& options, Run& run);
+
+constexpr const char* about =
+    "Runs an internal mirror of antivirus definitions for zel_quorin_updater: publishes releases on it, and checks it "
+    "as a client would.";
+
+constexpr const char* about_exit =
+    "Exit status: 0 done, or a client would succeed; 1 failed, or a client would fail; 2 wrong command line;\n"
+    "128 + n ended by signal n.";
+
+constexpr const char* about_publish =
+    "Writes the release and then, in one step, makes it current. Clients see the old release or the new one, whole.\n"
+    "When anything fails, one line says why and the mirror is left as it was. Publishing the same content again makes\n"
+    "that release current again, which is how to go back to it; an id never gets other content.\n"
+    "The mirror's disk needs room for the archive and, for the check before the release becomes current, for the\n"
+    "unpacked definitions. A CAB holds 2147450880 bytes with its index; --zip has no such limit.\n\n"
+    "Examples:\n"
+    "  zqu-mirror publish --id 20240131.007 /srv/mirror antivir.def aivsecon.def\n"
+    "  zqu-mirror publish --flavor v3 --zip --id 20240131.008 /srv/mirror big.def small.def\n";
+
+constexpr const char* about_check =
+    "Reads the mirror with the daemon's own code, downloads and unpacks the current release below $TMPDIR (/tmp), "
+    "and\n"
+    "prints one line per step: ok, warning (clients succeed all the same) or FAULT (clients fail).\n\n"
+    "Examples:\n"
+    "  zqu-mirror check /srv/mirror\n"
+    "  zqu-mirror check --ca /etc/ssl/fleet-ca.pem https://mirror.example\n";
+
+bool publish(const Options& options, Run& run) {
+    zqu::mirror_tool::publish(options, run);
+    return true;
+}
+
+bool check(const Options& options, Run& run) {
+    openlog("zqu-mirror", LOG_PERROR, LOG_USER);  // the core library's reasons, for the person too
+    return zqu::mirror_tool::check(options, run);
+}
+
+void add_common(CLI::App& command, Options& options) {
+    command.add_option("--flavor", options.flavor, "Definition flavor")->capture_default_str()->check(unusable_name);
+    command.add_option("--subdir", options.subdir, "Folder below the mirror's root")
+        ->capture_default_str()
+        ->check(unusable_subdir);
+}
+
+void add_publish(CLI::App& app, Options& options, Command& chosen) {
+    CLI::App* command = app.add_subcommand("publish", "Publish a release and make it current");
+    const auto no_folder = [](const std::string& mirror) {
+        return mirror.empty() || is_url(mirror) ? std::string("must be a folder") : std::string();
+    };
+    add_common(*command, options);
+    command->add_option("--id", options.id, "Id of the release")->required()->check(unusable_name);
+    command->add_flag("--zip", options.zip, "Pack a ZIP instead of a CAB");
+    command->add_option("MIRROR", options.mirror, "Root folder of the mirror; created when missing")
+        ->required()
+        ->check(no_folder);
+    command->add_option("ANTIVIR", options.antivir, "The antivir definition file")->required();
+    command->add_option("AIVSECON", options.aivsecon, "The aivsecon definition file")->required();
+    command->callback([&chosen] { chosen = publish; });
+    command->footer(std::string(about_publish) + "\n" + about_exit);
+}
+
+void add_check(CLI::App& app, Options& options, Command& chosen) {
+    CLI::App* command = app.add_subcommand("check", "Check what clients find on a mirror");
+    const auto no_mirror = [](const std::string& mirror) {
+        const bool web = mirror.rfind("http://", 0) == 0 || mirror.rfind("https://", 0) == 0;
+        return web || fs::is_directory(mirror) ? std::string() : std::string("must be a folder or an http(s) URL");
+    };
+    add_common(*command, options);
+    command->add_option("--ca", options.ca, "PEM file of the certificates to trust")->check(CLI::ExistingFile);
+    command->add_option("MIRROR", options.mirror, "Root folder of the mirror, or its URL: scheme and host")
+        ->required()
+        ->check(no_mirror);
+    command->callback([&chosen] { chosen = check; });
+    command->footer(std::string(about_check) + "\n" + about_exit);
+}
+
+int carry_out(Command command, Options options) {
+    Run run;
+    if (!is_url(options.mirror)) {
+        options.mirror = fs::absolute(options.mirror);
+    }
+    return command(options, run) ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+int parse_and_carry_out(int argc, char** argv) {
+    constexpr int wrong_command_line = 2;
+    Options options;
+    Command chosen = nullptr;
+    CLI::App app(about, "zqu-mirror");
+    app.set_version_flag("--version", "zqu-mirror " ZQU_VERSION);
+    app.require_subcommand(1);
+    app.footer(std::string("Each command has its own --help.\n\n") + about_exit);
+    add_publish(app, options, chosen);
+    add_check(app, options, chosen);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        complain(std::string(e.what()) + " (see zqu-mirror --help)");
+        return wrong_command_line;
+    }
+    return carry_out(chosen, options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    umask(022);                                   // whoever publishes, the web server must be able to read it
+    setenv("GIO_USE_VFS", "local", 1);            // no session bus, no helpers
+    static_cast<void>(signal(SIGPIPE, SIG_IGN));  // writes fail instead, and the run
+    static_cast<void>(signal(SIGXFSZ, SIG_IGN));  // cleans up behind itself
+    try {
+        return parse_and_carry_out(argc, argv);
+    } catch (const std::exception& e) {
+        complain(e.what());
+        return EXIT_FAILURE;
+    }
+}

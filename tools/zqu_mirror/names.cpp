@@ -1,0 +1,58 @@
+#include "names.hpp"
+
+#include <algorithm>
+#include <sstream>
+
+namespace zqu::mirror_tool {
+
+// The daemon puts ids, flavors and subfolders into URLs and paths as they stand. What survives that unencoded is a path
+// segment's characters (RFC 3986, section 3.3) without the percent sign; "=" would part the index's keys.
+std::string unusable_name(const std::string& name) {
+    static const std::string marks = "-._~!$&'()*+,;:@";
+    const auto usable = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+               marks.find(c) != std::string::npos;
+    };
+    if (name.empty() || name == "." || name == "..") {
+        return "must not be empty, \".\" or \"..\"";
+    }
+    if (!std::all_of(name.begin(), name.end(), usable)) {
+        return "may hold only letters, digits and " + marks + " (clients could not fetch it otherwise)";
+    }
+    return "";
+}
+
+std::string unusable_subdir(const std::string& subdir) {
+    std::istringstream in(subdir);
+    std::string reason;
+    for (std::string part; reason.empty() && std::getline(in, part, '/');) {
+        reason = part.empty() ? "" : unusable_name(part);
+    }
+    return reason;
+}
+
+std::string stem(const std::string& flavor, const std::string& id) {
+    return "antivir-" + flavor + "-c-" + id;
+}
+
+std::string info_name(const std::string& flavor, const std::string& id) {
+    return stem(flavor, id) + ".ini";
+}
+
+std::string hit_name(const std::string& flavor) {
+    return "antivir-" + flavor + "-hit.ini";
+}
+
+std::string index_name(const std::string& flavor) {
+    return "antivir-" + flavor + ".ini";
+}
+
+std::string antivir_name(const std::string& flavor) {
+    return "antivir-" + flavor + ".def";
+}
+
+std::string aivsecon_name(const std::string& flavor) {
+    return "aivsecon-" + flavor + ".def";
+}
+
+}  // namespace zqu::mirror_tool

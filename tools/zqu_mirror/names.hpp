@@ -1,0 +1,31 @@
+// The names on a mirror and inside an archive, and what a name may hold.
+//
+// Pure functions; none fails.
+#pragma once
+
+#include <string>
+
+namespace zqu::mirror_tool {
+
+// Why name cannot be an id or a flavor, for a usage error; empty when it can be.
+[[nodiscard]] std::string unusable_name(const std::string& name);
+
+// Why subdir cannot be the folder below a mirror's root; empty when it can be. Slashes at either end or in a row are
+// no fault.
+[[nodiscard]] std::string unusable_subdir(const std::string& subdir);
+
+// The archive and the INI that describes it share a stem, so that no two flavors and ids share an archive.
+[[nodiscard]] std::string stem(const std::string& flavor, const std::string& id);
+
+// The complete-info INI, which describes one release.
+[[nodiscard]] std::string info_name(const std::string& flavor, const std::string& id);
+
+// The hit INI, which names the current release.
+[[nodiscard]] std::string hit_name(const std::string& flavor);
+
+// The digest index inside an archive, and the two definition files.
+[[nodiscard]] std::string index_name(const std::string& flavor);
+[[nodiscard]] std::string antivir_name(const std::string& flavor);
+[[nodiscard]] std::string aivsecon_name(const std::string& flavor);
+
+}  // namespace zqu::mirror_tool

@@ -1,0 +1,138 @@
+#include "publish.hpp"
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "failure.hpp"
+#include "files.hpp"
+#include "mirror_client.hpp"
+#include "names.hpp"
+#include "pack.hpp"
+#include "sources.hpp"
+#include "unpack.hpp"
+#include "verifier.hpp"
+#include "workplace.hpp"
+
+namespace zqu::mirror_tool {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+void require_short_name(const Options& options) {
+    // The daemon downloads by way of "<archive>.part".
+    if (stem(options.flavor, options.id).size() + std::string(".cab.part").size() > NAME_MAX) {
+        fail("the id and the flavor are too long for a file name");
+    }
+}
+
+// Opens and measures the sources; they are read only after all that can be refused has been refused.
+std::vector<Source> open_sources(const Options& options) {
+    std::vector<Source> sources{open_source(options.antivir, antivir_name(options.flavor)),
+                                open_source(options.aivsecon, aivsecon_name(options.flavor))};
+    std::uintmax_t total =
+        index_text(sources).size() + std::uintmax_t{2} * 64;  // as long as it will be with its digests
+    for (const auto& source : sources) {
+        total += static_cast<std::uintmax_t>(source.before.st_size);
+    }
+    if (!options.zip && total > cab_capacity) {
+        fail("the definitions do not fit into a CAB, which holds " + std::to_string(cab_capacity) +
+             " bytes with the index: use --zip");
+    }
+    return sources;
+}
+
+std::string sha256_with_progress(const fs::path& path, Run& run) {
+    return sha256(path, [&run](std::size_t bytes) { run.advance(bytes); });
+}
+
+// Puts the archive and the INI that describes it into place; nothing names them yet.
+void add_release(const Options& options, const std::vector<Source>& sources, Workplace& place, Run& run) {
+    const fs::path archive = place.work("archive");
+    const std::string name = stem(options.flavor, options.id) + (options.zip ? ".zip" : ".cab");
+    run.phase("packing", archive);
+    const time_t newest = std::max(sources[0].before.st_mtim.tv_sec, sources[1].before.st_mtim.tv_sec);
+    (options.zip ? pack_zip : pack_cab)(archive, index_text(sources), index_name(options.flavor), sources, newest);
+    flush(archive);
+    run.phase("reading the archive");
+    write_text(place.work("info"), "def.Current.defId = " + options.id + "\ndef.Current.name = " + name +
+                                       "\ndef.Current.SHA256 = " + sha256_with_progress(archive, run) +
+                                       "\ndef.Current.size = " + std::to_string(fs::file_size(archive)) + "\n");
+    place.add("archive", name);
+    place.add("info", info_name(options.flavor, options.id));
+    flush(place.folder());
+}
+
+void require_room(const fs::path& folder, const std::vector<Source>& sources) {
+    const auto needed = static_cast<std::uintmax_t>(sources[0].before.st_size + sources[1].before.st_size);
+    if (fs::space(folder).available < needed) {
+        fail("no room in " + folder.string() + " to unpack the archive and check it: No space left on device");
+    }
+}
+
+// Requires that the release, read with the daemon's own code, gives back the sources.
+zqu::CompleteInfo require_release(const Options& options, const std::vector<Source>& sources, const Workplace& place) {
+    const zqu::Config cfg = client_config(options);
+    const auto info = zqu::MirrorClient(cfg).fetch_complete_info(options.id);
+    const fs::path unpacked = place.work("unpacked");
+    const std::string archive = info ? place.folder() / info->cab_name : fs::path();
+    if (!info || info->defid != options.id || !zqu::verifier::verify(archive, info->sha256)) {
+        fail(options.id + " is on the mirror, but its INI file and its archive do not match");
+    }
+    require_room(place.folder(), sources);
+    make_folder(unpacked, 0700);
+    const bool extracted = extract_into(unpacked, archive);
+    const auto index = read_index(unpacked, options.flavor);
+    for (const auto& source : sources) {
+        const auto entry = index.find(source.name);
+        if (extracted && entry != index.end() && entry->second != source.digest) {
+            fail(options.id + " was published before with other content: take a new id");
+        }
+        if (entry == index.end() || !zqu::verifier::verify(unpacked / source.name, source.digest)) {
+            fail("the archive does not unpack to what was read: is there room in " + place.folder().string() + "?");
+        }
+    }
+    return *info;
+}
+
+void report(const Options& options, const zqu::CompleteInfo& info, bool known) {
+    const std::string done =
+        known ? options.id + " was published before with this content and is current now" : "published " + options.id;
+    std::printf("%s: %s, %ju bytes, SHA-256 %s\n", done.c_str(), info.cab_name.c_str(),
+                fs::file_size(folder(options) / info.cab_name), info.sha256.c_str());
+}
+
+}  // namespace
+
+void publish(const Options& options, Run& run) {
+    require_short_name(options);
+    std::vector<Source> sources = open_sources(options);
+    run.phase("reading the definitions");
+    for (auto& source : sources) {
+        source.digest = sha256_with_progress(source.path, run);
+    }
+    Workplace place(folder(options), run);
+    const bool known = fs::exists(place.folder() / info_name(options.flavor, options.id));
+    try {
+        if (!known) {
+            add_release(options, sources, place, run);
+        }
+        run.phase("checking the archive");
+    } catch (const std::exception&) {
+        std::for_each(sources.begin(), sources.end(), require_unchanged);  // the better explanation
+        throw;
+    }
+    std::for_each(sources.begin(), sources.end(), require_unchanged);
+    const zqu::CompleteInfo info = require_release(options, sources, place);
+    place.make_current(options.flavor, options.id);
+    run.phase("");
+    report(options, info, known);
+}
+
+}  // namespace zqu::mirror_tool

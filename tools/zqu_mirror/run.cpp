@@ -1,0 +1,127 @@
+#include "run.hpp"
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/signalfd.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <system_error>
+
+#include "failure.hpp"
+
+namespace zqu::mirror_tool {
+
+namespace fs = std::filesystem;
+
+Run::Run() : arrivals_(signalfd(-1, &signals_, SFD_CLOEXEC), "a signalfd"), on_terminal_(isatty(STDERR_FILENO) == 1) {
+    pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
+    watcher_ = std::thread([this] { watch(); });
+}
+
+Run::~Run() {
+    over_ = true;
+    pthread_kill(watcher_.native_handle(), SIGHUP);
+    watcher_.join();  // never returns when the watcher is ending the process
+    clear_progress();
+    undo();
+}
+
+void Run::make(const fs::path& path, const std::function<void()>& action) {
+    const auto lock = hold();
+    action();
+    made_.push_back(path);
+}
+
+fs::path Run::make_scratch(const std::function<fs::path()>& action) {
+    const auto lock = hold();
+    return scratch_ = action();
+}
+
+void Run::commit(const std::function<void()>& action) {
+    const auto lock = hold();
+    action();
+    made_.clear();
+    committed_ = true;
+}
+
+void Run::phase(const std::string& text, const fs::path& growing) {
+    const auto lock = hold();
+    clear_progress();
+    phase_ = text;
+    growing_ = growing;
+    bytes_ = 0;
+}
+
+// A signal is taken under the lock only, by whichever thread comes first: one that came before the commit wins.
+std::unique_lock<std::mutex> Run::hold() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    const timespec at_once{};
+    const int signal = sigtimedwait(&signals_, nullptr, &at_once);
+    if (signal > 0 && !committed_ && !over_) {
+        end_by(signal);
+    }
+    return lock;
+}
+
+void Run::watch() {
+    constexpr int tick_ms = 500;
+    while (!over_) {
+        pollfd arrival{arrivals_.get(), POLLIN, 0};
+        poll(&arrival, 1, tick_ms);
+        const auto lock = hold();
+        show_progress();
+    }
+}
+
+// The lock is held to the end, so that the other thread neither makes nor says anything more.
+void Run::end_by(int signal) {
+    setlogmask(LOG_MASK(LOG_EMERG));  // nor the core library, whose files vanish under it
+    clear_progress();
+    undo();
+    complain(std::string("ended by signal: ") + strsignal(signal));
+    _exit(128 + signal);
+}
+
+void Run::undo() {
+    std::error_code ignored;
+    // The main thread may still be adding files to the scratch folder when a signal ends the run.
+    for (int attempts = 0; !scratch_.empty() && fs::exists(scratch_, ignored) && attempts < 100; ++attempts) {
+        fs::remove_all(scratch_, ignored);
+    }
+    for (auto path = made_.rbegin(); path != made_.rend(); ++path) {
+        fs::remove(*path, ignored);
+    }
+}
+
+void Run::show_progress() {
+    if (!on_terminal_ || phase_.empty()) {
+        return;
+    }
+    std::error_code missing;
+    const std::uintmax_t size = growing_.empty() ? bytes_.load() : fs::file_size(growing_, missing);
+    const unsigned long long megabytes = missing ? 0 : size / 1'000'000;
+    std::fprintf(stderr, "\033[Kzqu-mirror: %s: %llu MB\r", phase_.c_str(), megabytes);
+    shown_ = true;
+}
+
+void Run::clear_progress() {
+    if (shown_) {
+        std::fputs("\033[K", stderr);
+        shown_ = false;
+    }
+}
+
+sigset_t Run::ending_signals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        sigaddset(&signals, signal);
+    }
+    return signals;
+}
+
+}  // namespace zqu::mirror_tool

@@ -1,0 +1,83 @@
+// One run of a command: what must not outlive it when it ends early, the signals that may end it, and the progress
+// shown on a terminal meanwhile.
+//
+// Everything made through the run is removed when the run ends without commit(), be it by an exception or by SIGINT,
+// SIGTERM or SIGHUP. A run that is killed removes nothing. One thread works with the run; a thread of the run's own
+// takes the signals, because neither the core library nor libgcab can be interrupted in their work.
+#pragma once
+
+#include <atomic>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "files.hpp"
+
+namespace zqu::mirror_tool {
+
+// Any member may end the process when a signal has come before the commit: it undoes what the run made, says
+// "ended by signal: <name>" on standard error and exits with 128 + the signal's number. No destructor runs then.
+class Run {
+public:
+    // Blocks the three signals in the calling thread, for good, and starts the thread that takes them. Throws
+    // std::system_error when there is no descriptor or no thread to be had. At most one at a time, and made before
+    // any other thread of the process.
+    Run();
+
+    // Undoes what was made, the newest first, and removes the scratch folder. What cannot be removed stays, silently.
+    ~Run();
+
+    Run(const Run&) = delete;
+    Run& operator=(const Run&) = delete;
+
+    // Does what makes path appear, and remembers to remove it. A signal waits meanwhile. When action throws, which
+    // passes through, path is not remembered. action must not call the run.
+    void make(const std::filesystem::path& path, const std::function<void()>& action);
+
+    // Makes the folder, whose path action returns, that is removed however the run ends, with all that it holds.
+    // Returns that path. When action throws, which passes through, there is no such folder. One per run; action must
+    // not call the run.
+    std::filesystem::path make_scratch(const std::function<std::filesystem::path()>& action);
+
+    // Does what makes the run's work good: nothing but the scratch folder is undone afterwards, by no signal either.
+    // When action throws, which passes through, everything is still to be undone. action must not call the run.
+    void commit(const std::function<void()>& action);
+
+    // Names what is going on now; nothing is shown while text is empty. Its bytes are those told to advance(), or the
+    // size of the file that grows. Clears what is shown.
+    void phase(const std::string& text, const std::filesystem::path& growing = {});
+
+    // Adds to the bytes of the phase. Never ends the process.
+    void advance(std::size_t bytes) { bytes_ += bytes; }
+
+private:
+    [[nodiscard]] std::unique_lock<std::mutex> hold();
+    void watch();
+    [[noreturn]] void end_by(int signal);
+    void undo();
+    void show_progress();
+    void clear_progress();
+    static sigset_t ending_signals();
+
+    const sigset_t signals_ = ending_signals();
+    const Fd arrivals_;
+    std::mutex mutex_;  // for all that follows, and for standard error
+    std::vector<std::filesystem::path> made_;
+    std::filesystem::path scratch_;
+    bool committed_ = false;
+    const bool on_terminal_;
+    bool shown_ = false;
+    std::string phase_;
+    std::filesystem::path growing_;
+    std::atomic<std::uintmax_t> bytes_{0};
+    std::atomic<bool> over_{false};
+    std::thread watcher_;
+};
+
+}  // namespace zqu::mirror_tool

@@ -1,0 +1,52 @@
+// Write access to a mirror's folder, for one run at a time: files are written in a work folder inside it, and moved
+// from there to their names.
+//
+// A release becomes current by one rename(2), that of the hit INI. What is moved before that is undone when the run
+// fails or is ended by a signal. A run that is killed leaves its work folder, which the next one removes, and perhaps
+// files that the hit INI does not name. For the thread that works with the run.
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include "files.hpp"
+#include "run.hpp"
+
+namespace zqu::mirror_tool {
+
+class Workplace {
+public:
+    // Makes folder, an absolute path, with the parents that are missing (on disk then, and undone with the run), locks
+    // it (flock(2), which leaves nothing behind), and makes an empty work folder in it. Keeps a reference to run, which
+    // must outlive the workplace and removes the work folder. Throws std::runtime_error when another workplace holds
+    // the lock, and std::system_error when folder or work folder cannot be made.
+    Workplace(const std::filesystem::path& folder, Run& run);
+
+    // Unlocks the folder.
+    ~Workplace() = default;
+
+    Workplace(const Workplace&) = delete;
+    Workplace& operator=(const Workplace&) = delete;
+
+    // The mirror's folder.
+    [[nodiscard]] const std::filesystem::path& folder() const { return folder_; }
+
+    // The path of a file or folder in the work folder.
+    [[nodiscard]] std::filesystem::path work(const std::string& name) const;
+
+    // Moves a file from the work folder to its name in the mirror's folder, replacing what has that name. Undone with
+    // the run. The file must have been flushed before; its name is on disk after flush(folder()).
+    void add(const std::string& work_name, const std::string& name);
+
+    // Makes the release current whose files are all in place and on disk: writes the flavor's hit INI and commits the
+    // run by moving it into place. Throws std::system_error when that fails, and the mirror is as it was;
+    // std::runtime_error when the release is current but the folder cannot be flushed.
+    void make_current(const std::string& flavor, const std::string& id);
+
+private:
+    std::filesystem::path folder_;
+    Fd locked_;
+    Run& run_;
+};
+
+}  // namespace zqu::mirror_tool
