@@ -134,7 +134,8 @@ bool copy_data(archive* reader, archive* writer) {
     la_int64_t offset = 0;
     int result = archive_read_data_block(reader, &block, &size, &offset);
     while (result == ARCHIVE_OK) {
-        // A failed write is not looked at: the extracted file's digest, where the index gives one, catches it.
+        // A failed write is not looked at: intended. The file's digest catches it where the index gives one, which an
+        // index that was itself written to a full disk does not.
         archive_write_data_block(writer, block, size, offset);
         result = archive_read_data_block(reader, &block, &size, &offset);
     }

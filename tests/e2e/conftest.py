@@ -20,6 +20,8 @@ import archives  # noqa: E402
 REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ.get("ZQU_BUILD_DIR", REPOSITORY / "build")).resolve()
 DAEMON = BUILD / "zel_quorin_updater"
+for proxy in ("http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"):
+    os.environ.pop(proxy, None)  # libcurl would send the requests to this machine's servers through it
 SANITIZED = b"__asan_init" in DAEMON.read_bytes()
 ENGINE = "engine 7"
 
@@ -152,26 +154,26 @@ class Nginx:
             f"""
             server {{
                 listen 127.0.0.1:{port} ssl;
-                ssl_certificate {self.folder}/{name}.pem;
-                ssl_certificate_key {self.folder}/{name}.pem;
-                root {self.root};
+                ssl_certificate "{self.folder}/{name}.pem";
+                ssl_certificate_key "{self.folder}/{name}.pem";
+                root "{self.root}";
                 location /moved/ {{ rewrite ^/moved/(.*)$ /$1 redirect; }}
             }}"""
             for name, port in self.ports.items()
         )
         temporary = "\n            ".join(
-            f"{kind}_temp_path {self.folder}/{kind};" for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
+            f'{kind}_temp_path "{self.folder}/{kind}";' for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
         )
         text = f"""
         daemon off;
         {"user root;" if os.geteuid() == 0 else ""}
         worker_processes 1;
-        pid {self.folder}/nginx.pid;
+        pid "{self.folder}/nginx.pid";
         events {{ }}
         http {{
             {temporary}
             log_format plain "$uri $status";
-            access_log {self.folder}/access.log plain;
+            access_log "{self.folder}/access.log" plain;
             {servers}
         }}
         """
@@ -186,6 +188,7 @@ class Gateway:
         self.root = folder / "defs"
         self.status_path = folder / "status" / "status.json"
         self.log_path = folder / "log"
+        self.daemons = []
         self.settings = {
             "engine_version": ENGINE,
             "def_root": self.root,
@@ -201,12 +204,13 @@ class Gateway:
         return path
 
     def environment(self, calls=False, **extra):
-        shims = [BUILD / "libzqu_log_shim.so"]
+        shims = ["libzqu_log_shim.so"]
         result = {**os.environ, "ZQU_LOG_FILE": str(self.log_path), **extra}
         if calls:
-            shims.insert(0, BUILD / "libzqu_call_shim.so")
+            shims.insert(0, "libzqu_call_shim.so")
             result["ZQU_CALL_FILE"] = str(self.log_path)
-        result["LD_PRELOAD"] = " ".join(map(str, shims))
+        result["LD_PRELOAD"] = " ".join(shims)
+        result["LD_LIBRARY_PATH"] = str(BUILD)  # the path may hold a blank, which would part it in LD_PRELOAD
         # A sanitizer's run-time library cannot come first when something is preloaded.
         result["ASAN_OPTIONS"] = os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
         return result
@@ -232,10 +236,15 @@ class Gateway:
         return self.take_log()
 
     def start(self, **environment):
-        """Starts the loop."""
-        return subprocess.Popen(
-            [DAEMON, "--config", self.config_path], env=self.environment(**environment), stdin=subprocess.DEVNULL
-        )
+        """Starts the loop, which end_all() ends at the latest."""
+        command = [DAEMON, "--config", self.config_path]
+        self.daemons.append(subprocess.Popen(command, env=self.environment(**environment), stdin=subprocess.DEVNULL))
+        return self.daemons[-1]
+
+    def end_all(self):
+        for daemon in self.daemons:
+            daemon.kill()
+            daemon.wait()
 
     def take_log(self):
         """All lines logged so far, less those of opening and closing the log; forgets them."""
@@ -286,7 +295,9 @@ def mirror(nginx, tmp_path):
 
 @pytest.fixture
 def gateway(nginx, mirror, tmp_path):
-    return Gateway(tmp_path, mirror_base_url=nginx.url(), mirror_subdir=mirror.subdir, ca_path=nginx.ca_path)
+    machine = Gateway(tmp_path, mirror_base_url=nginx.url(), mirror_subdir=mirror.subdir, ca_path=nginx.ca_path)
+    yield machine
+    machine.end_all()
 
 
 @pytest.fixture

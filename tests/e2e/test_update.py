@@ -216,3 +216,44 @@ def test_peak_memory_stays_flat(gateway, mirror, tmp_path):
     print("peak resident size:", peak.read_text().strip(), "KiB")
     if not SANITIZED:
         assert int(peak.read_text()) < 20 * 1024  # KiB
+
+
+def on_small_disk(gateway, kibibytes):
+    """Puts the definitions root on a file system of its own of that size."""
+    gateway.root.mkdir()
+    subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={kibibytes}k", "tmpfs", gateway.root], check=True)
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="needs root to mount a small file system")
+@pytest.mark.parametrize("kibibytes", range(80, 320, 12))
+def test_full_disk_is_refused_when_the_index_comes_first(gateway, mirror, kibibytes):
+    """The index comes first, as zqu-mirror writes it, and is there before the disk is full."""
+    names = archives.definition_names()
+    files = [(name, os.urandom(100_000)) for name in names]
+    index = "".join(f"{name}.sha256={sha256(content)}\n" for name, content in files)
+    mirror.publish("1001", [("antivir-v2.ini", index.encode() + b"; " * 4000), *files])
+    on_small_disk(gateway, kibibytes)
+    try:
+        lines = gateway.run_once()
+        assert lines[-1].startswith("err run_once: staging failed: ")
+        assert gateway.listing() == ["snapshots/"]
+        subprocess.run(["mount", "-o", "remount,size=1m", gateway.root], check=True)
+        assert gateway.run_once() == published("1001")
+        assert gateway.active_files() == dict(files)
+    finally:
+        subprocess.run(["umount", gateway.root], check=True)
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="needs root to mount a small file system")
+def test_full_disk_before_the_index_leaves_the_files_unchecked(gateway, mirror):
+    """A failed write is not looked at, and an index that is not there checks nothing: hence the index comes first."""
+    names = archives.definition_names()
+    files = [(name, os.urandom(40_000)) for name in names]
+    index = "".join(f"{name}.sha256={sha256(content)}\n" for name, content in files)
+    mirror.publish("1001", [*files, ("antivir-v2.ini", index.encode())])
+    on_small_disk(gateway, 140)
+    try:
+        assert gateway.run_once() == published("1001")
+        assert gateway.active_files() != dict(files)
+    finally:
+        subprocess.run(["umount", gateway.root], check=True)

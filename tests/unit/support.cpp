@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -26,6 +27,14 @@ namespace fs = std::filesystem;
 
 constexpr uid_t nobody = 65534;
 
+// libcurl would send the requests to the servers of these tests through a proxy that the environment names.
+const bool without_proxies = [] {
+    for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
+        unsetenv(name);
+    }
+    return true;
+}();
+
 thread_local FakeClock* fake_clock = nullptr;  // of the thread under test only, not of a server beside it
 
 void require(bool condition, const char* what) {
@@ -34,8 +43,17 @@ void require(bool condition, const char* what) {
     }
 }
 
-std::string joined(const std::string& subdir) {
-    return "/" + subdir + "/";
+// The path as part of a URL (RFC 3986, section 2.1).
+std::string percent_encoded(const std::string& path) {
+    std::ostringstream url;
+    for (const char c : path) {
+        if (std::isalnum(static_cast<unsigned char>(c)) != 0 || std::string("/-._~").find(c) != std::string::npos) {
+            url << c;
+        } else {
+            url << '%' << std::hex << std::uppercase << int{static_cast<unsigned char>(c)};
+        }
+    }
+    return url.str();
 }
 
 }  // namespace
@@ -185,7 +203,7 @@ Mirror::Mirror(std::string flavor) : flavor_(std::move(flavor)) {
 
 Config Mirror::config(const std::string& root) const {
     Config cfg;
-    cfg.mirror_base_url = "file://" + dir_.path();
+    cfg.mirror_base_url = "file://" + percent_encoded(dir_.path());
     cfg.flavor = flavor_;
     cfg.engine_version = "engine 7";
     cfg.def_root = root + "/defs";
@@ -224,11 +242,11 @@ void Mirror::remove(const std::string& name) const {
 }
 
 std::string Mirror::path(const std::string& name) const {
-    return dir_.path() + joined(Config().mirror_subdir) + name;
+    return dir_ / (Config().mirror_subdir + "/" + name);
 }
 
 std::string Mirror::url(const std::string& name) const {
-    return "file://" + path(name);
+    return "file://" + percent_encoded(path(name));
 }
 
 FakeClock::FakeClock() {
