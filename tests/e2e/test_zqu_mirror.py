@@ -35,6 +35,11 @@ def run(*args, **options):
     return done.returncode, done.stdout.decode(), done.stderr.decode()
 
 
+def under_strace():
+    """The environment of a tool that strace runs: the leak check does not work under ptrace(2)."""
+    return {**os.environ, "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"}
+
+
 def noise(size, seed):
     """Bytes that do not compress, the same in each run."""
     blocks = (hashlib.sha256(f"{seed} {i}".encode()).digest() for i in range(size // 32 + 1))
@@ -465,6 +470,16 @@ def test_help_and_version_are_answered():
 # ---- No room ----
 
 
+def without_zip_leaks(place):
+    """The environment of a publish that may fail to write a ZIP: libarchive then frees neither its zlib stream nor its
+    block buffer. What these refer to, such as the writer, goes unseen too: the publishes that succeed look for that."""
+    suppressions = place.base / "suppressions"
+    suppressions.write_text("leak:deflateInit2_\nleak:archive_write_open2\n")
+    options = f"{os.environ.get('LSAN_OPTIONS', '')}:suppressions={suppressions}:print_suppressions=0"
+    whole_stacks = os.environ.get("ASAN_OPTIONS", "") + ":fast_unwind_on_malloc=0"  # libarchive has no frame pointers
+    return {**os.environ, "LSAN_OPTIONS": options, "ASAN_OPTIONS": whole_stacks}
+
+
 def require_each_limit_refused(place, limits, publish):
     """Publishes under growing limits: each failure must be one line and leave no trace, and at last one succeeds."""
     before = tree(place.mirror)
@@ -490,10 +505,11 @@ def test_a_full_disk_at_any_point_leaves_the_mirror_untouched(mirror_tool_place,
         pytest.skip("mounting is not permitted here")
     try:
         place.publish_old()
+        environment = without_zip_leaks(place) if mirror_tool_format == "zip" else None
 
         def publish(pages):
             subprocess.run(["mount", "-o", f"remount,size={pages * 4}k", place.mirror], check=True)
-            return place.publish("new", *flags_of(mirror_tool_format))
+            return place.publish("new", *flags_of(mirror_tool_format), env=environment)
 
         used = shutil.disk_usage(place.mirror).used // 4096
         assert len(require_each_limit_refused(place, range(used, used + 256), publish)) > 2
@@ -504,11 +520,13 @@ def test_a_full_disk_at_any_point_leaves_the_mirror_untouched(mirror_tool_place,
 def test_a_file_size_limit_at_any_point_leaves_the_mirror_untouched(mirror_tool_place, mirror_tool_format):
     place = mirror_tool_place
     place.publish_old()
+    environment = without_zip_leaks(place) if mirror_tool_format == "zip" else None
 
     def publish(limit):
         return place.publish(
             "new",
             *flags_of(mirror_tool_format),
+            env=environment,
             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit)),
         )
 
@@ -540,6 +558,7 @@ def traced(place, id, injection, paths, log="/dev/null", mirror=None):
             place.antivir,
             place.aivsecon,
         ],
+        env=under_strace(),
         capture_output=True,
         timeout=120,
     )
@@ -583,6 +602,18 @@ def test_a_kill_at_any_system_call_leaves_a_whole_release_and_the_next_publish_c
     calls = calls_made(place, reference)
     new = tree(reference)
     assert {"mkdir", "openat", "write", "fsync", "rename", "unlinkat", "rmdir"} <= set(calls)
+    names_after = {}  # what a client finds on a mirror and the next publish heals, by the mirror's whole content
+
+    def heal(mirror):
+        """Checks and heals what a kill has left, unless another kill has left just the same; returns the release."""
+        left = frozenset(tree(mirror).items())
+        if left not in names_after:
+            code, out, err = place.check(mirror=mirror)
+            assert (code, err) == (0, "")
+            assert place.publish("new", mirror=mirror)[0] == 0
+            assert tree(mirror) == new
+            names_after[left] = re.match("ok       antivir-v2-hit.ini names (old|new)\n", out).group(1)
+        return names_after[left]
 
     def kill_each(call):
         outcomes = []
@@ -599,11 +630,7 @@ def test_a_kill_at_any_system_call_leaves_a_whole_release_and_the_next_publish_c
                 assert tree(mirror) == new
                 return call, outcomes
             assert code == -signal.SIGKILL
-            code, out, err = place.check(mirror=mirror)
-            assert (code, err) == (0, "")
-            outcomes.append(re.match("ok       antivir-v2-hit.ini names (old|new)\n", out).group(1))
-            assert place.publish("new", mirror=mirror)[0] == 0
-            assert tree(mirror) == new
+            outcomes.append(heal(mirror))
             shutil.rmtree(mirror)
 
     with ThreadPoolExecutor(4) as pool:
@@ -693,6 +720,7 @@ class Stopped:
                 TOOL,
                 *words,
             ],
+            env=under_strace(),
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
         )
