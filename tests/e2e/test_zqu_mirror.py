@@ -595,6 +595,30 @@ def copy_of(mirror, name):
     return Path(shutil.copytree(mirror, mirror.parent / name))
 
 
+def test_a_failed_publish_undoes_its_work_before_it_gives_up_the_lock(mirror_tool_place):
+    place = mirror_tool_place
+    place.publish_old()
+    before = tree(place.mirror)
+    log = place.base / "calls"
+    paths = touched_paths(place.mirror)
+    # The third rename is the hit INI's, and fails; -e is given twice, for what is shown and for what is done.
+    shown = "trace=flock,close,unlink,unlinkat,rmdir,rename"
+    injected = ["-e", "inject=rename:error=EIO:when=3"]
+    command = ["strace", "-D", "-y", "-o", log, "-e", shown, *injected]
+    command += [word for path in paths for word in ("-P", str(path))]
+    command += [TOOL, "publish", "--id", "new", place.mirror, place.antivir, place.aivsecon]
+    done = subprocess.run(command, env=under_strace(), capture_output=True, timeout=120)
+    assert done.returncode == 1
+    assert tree(place.mirror) == before
+    calls = log.read_text().splitlines()
+    locked = next(line.split("(")[1].split("<")[0] for line in calls if line.startswith("flock("))
+    lock_at = next(i for i, line in enumerate(calls) if line.startswith("flock("))
+    unlocked = next(i for i, line in enumerate(calls) if i > lock_at and line.startswith(f"close({locked}<"))
+    undone = [i for i, line in enumerate(calls) if line.startswith(("unlink", "rmdir"))]
+    assert len(undone) >= 3
+    assert max(undone) < unlocked
+
+
 def test_a_kill_at_any_system_call_leaves_a_whole_release_and_the_next_publish_cleans_up(mirror_tool_place):
     place = mirror_tool_place
     place.publish_old()
@@ -946,16 +970,19 @@ NO_INFO = "zqu-mirror: parse_complete_info: missing def.Current.name/SHA256\n"
     [
         (
             {"hit": "[Current]\n"},
-            {"hit": "FAULT    antivir-v2-hit.ini names no release"},
+            {"hit": "FAULT    antivir-v2-hit.ini cannot be fetched, or names no release"},
             "zqu-mirror: parse_hit_defid: no [Current] defId\n",
         ),
         (
             {"hit": "defId = 9\n"},
-            {"hit": "ok       antivir-v2-hit.ini names 9", "info": "FAULT    antivir-v2-c-9.ini names no archive"},
+            {
+                "hit": "ok       antivir-v2-hit.ini names 9",
+                "info": "FAULT    antivir-v2-c-9.ini cannot be fetched, or names no archive",
+            },
             "zqu-mirror: GET file://{}/antivir-v2-c-9.ini: Couldn't read a file:// file\n",
         ),
-        ({"name": None}, {"info": "FAULT    antivir-v2-c-7.ini names no archive"}, NO_INFO),
-        ({"SHA256": ""}, {"info": "FAULT    antivir-v2-c-7.ini names no archive"}, NO_INFO),
+        ({"name": None}, {"info": "FAULT    antivir-v2-c-7.ini cannot be fetched, or names no archive"}, NO_INFO),
+        ({"SHA256": ""}, {"info": "FAULT    antivir-v2-c-7.ini cannot be fetched, or names no archive"}, NO_INFO),
         (
             {"name": "y.zip"},
             {"info": "ok       antivir-v2-c-7.ini names y.zip", "download": "FAULT    y.zip cannot be downloaded"},
@@ -1103,7 +1130,7 @@ def test_a_mirror_behind_https_is_checked_with_its_authority(mirror_tool_server,
     missing = place.check("--ca", base / "ca.pem", "--flavor", "v9", mirror=url, env=mirror_tool_temp)
     assert missing == (
         1,
-        "FAULT    antivir-v9-hit.ini names no release\n",
+        "FAULT    antivir-v9-hit.ini cannot be fetched, or names no release\n",
         f"zqu-mirror: GET {url}/{SUBDIR}/antivir-v9-hit.ini: HTTP response code said error\n",
     )
 
@@ -1111,7 +1138,7 @@ def test_a_mirror_behind_https_is_checked_with_its_authority(mirror_tool_server,
 def test_a_mirror_whose_authority_is_unknown_is_a_fault(mirror_tool_server, mirror_tool_place):
     _, url = mirror_tool_server
     code, out, err = mirror_tool_place.check(mirror=url)
-    assert (code, out) == (1, "FAULT    antivir-v2-hit.ini names no release\n")
+    assert (code, out) == (1, "FAULT    antivir-v2-hit.ini cannot be fetched, or names no release\n")
     assert err == (
         f"zqu-mirror: GET {url}/{SUBDIR}/antivir-v2-hit.ini: " "SSL peer certificate or SSH remote key was not OK\n"
     )

@@ -105,13 +105,13 @@ bool check(const Options& options, Run& run) {
     zqu::MirrorClient client(cfg);
     const auto id = client.fetch_defid();
     if (!id) {
-        return say(run, "FAULT", hit_name(options.flavor) + " names no release");
+        return say(run, "FAULT", hit_name(options.flavor) + " cannot be fetched, or names no release");
     }
     say(run, "ok", hit_name(options.flavor) + " names " + *id);
     const std::string name = info_name(options.flavor, *id);
     const auto info = client.fetch_complete_info(*id);
     if (!info) {
-        return say(run, "FAULT", name + " names no archive");
+        return say(run, "FAULT", name + " cannot be fetched, or names no archive");
     }
     say(run, "ok", name + " names " + info->cab_name);
     if (info->defid != *id) {

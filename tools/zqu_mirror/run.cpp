@@ -97,6 +97,13 @@ void Run::undo() {
     }
 }
 
+void Run::clean_up() {
+    const auto lock = hold();
+    undo();
+    scratch_.clear();
+    made_.clear();
+}
+
 void Run::show_progress() {
     if (!on_terminal_ || phase_.empty()) {
         return;

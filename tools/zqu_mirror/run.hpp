@@ -49,6 +49,10 @@ public:
     // When action throws, which passes through, everything is still to be undone. action must not call the run.
     void commit(const std::function<void()>& action);
 
+    // Undoes at once what would be undone at the end: whoever holds a lock on where it happens calls this before giving
+    // it up. Without effect on what was committed.
+    void clean_up();
+
     // Names what is going on now; nothing is shown while text is empty. Its bytes are those told to advance(), or the
     // size of the file that grows. Clears what is shown.
     void phase(const std::string& text, const std::filesystem::path& growing = {});

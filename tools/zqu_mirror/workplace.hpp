@@ -18,12 +18,13 @@ class Workplace {
 public:
     // Makes folder, an absolute path, with the parents that are missing (on disk then, and undone with the run), locks
     // it (flock(2), which leaves nothing behind), and makes an empty work folder in it. Keeps a reference to run, which
-    // must outlive the workplace and removes the work folder. Throws std::runtime_error when another workplace holds
+    // must outlive the workplace. Throws std::runtime_error when another workplace holds
     // the lock, and std::system_error when folder or work folder cannot be made.
     Workplace(const std::filesystem::path& folder, Run& run);
 
-    // Unlocks the folder.
-    ~Workplace() = default;
+    // Removes the work folder, undoes what was not committed, and only then unlocks the folder: the next run must not
+    // meet what is about to vanish.
+    ~Workplace() { run_.clean_up(); }
 
     Workplace(const Workplace&) = delete;
     Workplace& operator=(const Workplace&) = delete;
