@@ -397,6 +397,15 @@ def test_unreadable_index_is_an_empty_one(gateway, mirror, injection):
     assert lines == ["info published def snapshot 1001", "info def snapshot updated: none -> 1001"]
 
 
+def test_index_that_cannot_be_read_to_its_end_is_an_empty_one(gateway, mirror):
+    entries = mirror.entries("1001")
+    entries[2] = (entries[2][0], b"antivir-v2.def.sha256 = 00\n" + b"; padding\n" * 20_000)
+    mirror.publish("1001", entries)
+    path = f"{gateway.root}/snapshots/1001/antivir-v2.ini"
+    lines = run_with_injection(gateway, path, "read:error=EIO:when=2")
+    assert lines == ["info published def snapshot 1001", "info def snapshot updated: none -> 1001"]
+
+
 def disk_trace(gateway, *arguments, status=0):
     """One cycle under strace: the system calls that change the disk, in order, and the writes to the log."""
     trace = gateway.folder / "trace"
@@ -450,22 +459,20 @@ def test_directories_are_made_after_the_handle_in_order(gateway):
     assert "curl_easy_init" in gateway.log_path.read_text()
 
 
-def test_snapshot_whose_time_cannot_be_read_counts_as_the_oldest(gateway, mirror):
+@pytest.mark.parametrize("unreadable", ["1001", "1002", "1003", "1004"])
+def test_snapshot_whose_time_cannot_be_read_counts_as_the_oldest(gateway, mirror, unreadable):
     for version in ("1001", "1002", "1003"):
         mirror.publish(version)
         gateway.run_once()
-    mirror.publish("1004")
+    (gateway.root / "snapshots" / "1004").mkdir()
+    mirror.publish("1005")
+    gateway.settings["retained_snapshots"] = 4
     # Neither its time can be read nor can it be removed, which counts all the same.
-    lines = run_with_injection(gateway, f"{gateway.root}/snapshots/1002", "newfstatat,openat,unlinkat:error=EACCES")
-    assert lines == ["info published def snapshot 1004", "info def snapshot updated: 1003 -> 1004"]
-    assert gateway.listing() == snapshot_listing("1004", "1001", "1002", "1003", "1004")
-
-
-def test_descriptor_zero_is_flushed_like_any_other(gateway, mirror):
-    mirror.publish("1001")
-    lines = gateway.run_once(prefix=["sh", "-c", 'exec "$@" <&-', "sh"], calls=True)
-    assert only(lines, "fsync") == ["fsync"] * 5
-    assert gateway.listing() == snapshot_listing("1001", "1001")
+    path = f"{gateway.root}/snapshots/{unreadable}"
+    lines = run_with_injection(gateway, path, "newfstatat,openat,unlinkat:error=EACCES")
+    assert lines == ["info published def snapshot 1005", "info def snapshot updated: 1003 -> 1005"]
+    versions = sorted(path.name for path in (gateway.root / "snapshots").iterdir())
+    assert versions == ["1001", "1002", "1003", "1004", "1005"]
 
 
 def test_failed_allocation_while_the_index_is_read_leaves_nothing_unchecked(gateway, mirror):

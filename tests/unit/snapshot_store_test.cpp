@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <limits>
@@ -145,6 +146,17 @@ TEST_F(SnapshotStoreTest, PublicationReplacesTheLink) {
     EXPECT_EQ(listing(root()), (Lines{"active -> snapshots/101", "snapshots/"}));
     EXPECT_EQ(log_.take(), (Lines{"info published def snapshot 100", "info published def snapshot 101",
                                   "info published def snapshot 101"}));
+}
+
+TEST_F(SnapshotStoreTest, DescriptorZeroIsClosedAfterTheFlushLikeAnyOther) {
+    SnapshotStore store(cfg_);
+    const int kept = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    EXPECT_TRUE(store.publish("1"));
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+    dup2(kept, STDIN_FILENO);
+    close(kept);
+    static_cast<void>(log_.take());
 }
 
 TEST_F(SnapshotStoreTest, RepublishingReplacesTheLinkAllTheSame) {

@@ -1,5 +1,6 @@
 #include "verifier.hpp"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -149,6 +150,17 @@ TEST_F(ExtractTest, LaterEntryReplacesAnEarlierOneOfTheSameLastName) {
     write_zip(archive_, {{"a/x", "first, and longer"}, {"b/x", "second"}});
     EXPECT_TRUE(extract());
     EXPECT_EQ(read_file(dest_ + "/x"), "second");
+}
+
+TEST_F(ExtractTest, DescriptorZeroIsADescriptorLikeAnyOther) {
+    write_zip(archive_, {{"x", "1"}});
+    const int kept = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    EXPECT_TRUE(extract());
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);  // closed again
+    dup2(kept, STDIN_FILENO);
+    close(kept);
+    EXPECT_EQ(log_.take(), Lines{});
 }
 
 TEST_F(ExtractTest, DoubledNameIsFlushedTwice) {
