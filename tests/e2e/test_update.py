@@ -245,13 +245,16 @@ def test_full_disk_is_refused_when_the_index_comes_first(gateway, mirror, kibiby
 
 
 @pytest.mark.skipif(os.geteuid() != 0, reason="needs root to mount a small file system")
-def test_full_disk_before_the_index_leaves_the_files_unchecked(gateway, mirror):
-    """A failed write is not looked at, and an index that is not there checks nothing: hence the index comes first."""
-    names = archives.definition_names()
-    files = [(name, os.urandom(40_000)) for name in names]
-    index = "".join(f"{name}.sha256={sha256(content)}\n" for name, content in files)
-    mirror.publish("1001", [*files, ("antivir-v2.ini", index.encode())])
-    on_small_disk(gateway, 140)
+@pytest.mark.parametrize("index_first", [False, True], ids=["index_last", "index_first"])
+def test_full_disk_before_the_index_leaves_the_files_unchecked(gateway, mirror, index_first):
+    """A failed write is not looked at, and an index that is not there checks nothing.
+
+    With the index first that takes a disk which the archive alone fills to its last block."""
+    files = [(name, os.urandom(40_000)) for name in archives.definition_names()]
+    index = ("antivir-v2.ini", "".join(f"{name}.sha256={sha256(content)}\n" for name, content in files).encode())
+    mirror.publish("1001", [index, *files] if index_first else [*files, index])
+    archive_blocks = -(-mirror.path("antivir-v2-1001.cab").stat().st_size // 4096)
+    on_small_disk(gateway, archive_blocks * 4 if index_first else 140)
     try:
         assert gateway.run_once() == published("1001")
         assert gateway.active_files() != dict(files)
