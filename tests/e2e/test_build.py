@@ -4,7 +4,7 @@ import shutil
 import subprocess
 
 import pytest
-from conftest import DAEMON, REPOSITORY, SANITIZED
+from machines import DAEMON, REPOSITORY, SANITIZED
 
 
 def output_of(*command):

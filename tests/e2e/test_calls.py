@@ -6,7 +6,7 @@ import signal
 
 import archives
 import pytest
-from conftest import SANITIZED, snapshot_listing
+from machines import SANITIZED, snapshot_listing
 
 
 def run(gateway, fault=""):

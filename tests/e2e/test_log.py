@@ -6,7 +6,7 @@ import socket
 import subprocess
 
 import pytest
-from conftest import DAEMON, SANITIZED
+from machines import DAEMON, SANITIZED
 
 LOG_ERR, LOG_WARNING, LOG_INFO, LOG_DAEMON = 3, 4, 6, 3 << 3
 

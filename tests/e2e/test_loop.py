@@ -2,23 +2,12 @@
 
 import os
 import signal
-import time
 
 import pytest
-from conftest import snapshot_listing
+from machines import snapshot_listing, wait_for
 
 STARTED = "info zel_quorin_updater loop started (interval={}s jitter={}s)"
 STOPPED = "info zel_quorin_updater loop stopped"
-
-
-def wait_for(condition, process):
-    """Waits until the condition holds, for as long as the process lives and half a minute at most."""
-    for _ in range(3000):
-        if condition():
-            return
-        assert process.poll() is None, "the daemon ended before its time"
-        time.sleep(0.01)
-    raise AssertionError("it never came to that")
 
 
 def active(gateway):

@@ -4,7 +4,7 @@ import signal
 import subprocess
 
 import pytest
-from conftest import DAEMON, Gateway
+from machines import DAEMON, Gateway
 
 DEFAULT_CONFIG = "/usr/local/zelgw/opt/av/quorin/etc/zel_quorin_updater.conf"
 OPENED = "open zel_quorin_updater 3 24"

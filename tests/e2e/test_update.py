@@ -7,11 +7,8 @@ import zipfile
 
 import archives
 import pytest
-from conftest import SANITIZED, sha256, snapshot_listing
-
-
-def published(version, former="none"):
-    return [f"info published def snapshot {version}", f"info def snapshot updated: {former} -> {version}"]
+from machines import SANITIZED, published, snapshot_listing
+from mirrors import sha256
 
 
 def test_first_update_publishes_the_release(gateway, mirror):

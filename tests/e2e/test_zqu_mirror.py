@@ -18,11 +18,10 @@ from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
+from machines import BUILD, DAEMON, REPOSITORY
+from mirrors import sha256
 
-REPOSITORY = Path(__file__).resolve().parents[2]
-BUILD = Path(os.environ.get("ZQU_BUILD_DIR", REPOSITORY / "build")).resolve()
 TOOL = BUILD / "zqu-mirror"
-DAEMON = BUILD / "zel_quorin_updater"
 SUBDIR = "rhex/deffiles/def5-2"
 WORK = ".zqu-mirror.work"
 CAB_CAPACITY = 65535 * 32768
@@ -44,10 +43,6 @@ def noise(size, seed):
     """Bytes that do not compress, the same in each run."""
     blocks = (hashlib.sha256(f"{seed} {i}".encode()).digest() for i in range(size // 32 + 1))
     return b"".join(blocks)[:size]
-
-
-def sha256(data):
-    return hashlib.sha256(data).hexdigest()
 
 
 def tree(root):

@@ -1,0 +1,50 @@
+"""What all tests share: a certificate authority and an nginx per session, and a gateway per test."""
+
+import socket
+
+import pytest
+from machines import Gateway
+from mirrors import Mirror, Nginx
+
+
+def pytest_addoption(parser):
+    parser.addoption("--all", action="store_true", help="also run the long tests, and the long form of the others")
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "long: takes minutes; runs with --all only")
+
+
+def pytest_collection_modifyitems(config, items):
+    if config.getoption("--all"):
+        return
+    long = [item for item in items if item.get_closest_marker("long")]
+    config.hook.pytest_deselected(items=long)
+    items[:] = [item for item in items if item not in long]
+
+
+@pytest.fixture(scope="session")
+def nginx(tmp_path_factory):
+    server = Nginx(tmp_path_factory.mktemp("nginx"))
+    yield server
+    server.stop()
+
+
+@pytest.fixture
+def mirror(nginx, tmp_path):
+    return Mirror(nginx.root, f"defs-{tmp_path.name}")
+
+
+@pytest.fixture
+def gateway(nginx, mirror, tmp_path):
+    machine = Gateway(tmp_path, mirror_base_url=nginx.url(), mirror_subdir=mirror.subdir, ca_path=nginx.ca_path)
+    yield machine
+    machine.end_all()
+
+
+@pytest.fixture
+def closed_port():
+    """A loopback port on which nothing listens, and nothing will."""
+    with socket.socket() as holder:
+        holder.bind(("127.0.0.1", 0))
+        yield holder.getsockname()[1]

@@ -1,0 +1,157 @@
+"""A gateway that runs the daemon, and how its definitions root has to look."""
+
+import json
+import os
+import pathlib
+import subprocess
+import textwrap
+import time
+
+import archives
+
+REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
+BUILD = pathlib.Path(os.environ.get("ZQU_BUILD_DIR", REPOSITORY / "build")).resolve()
+DAEMON = BUILD / "zel_quorin_updater"
+for proxy in ("http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"):
+    os.environ.pop(proxy, None)  # libcurl would send the requests to this machine's servers through it
+SANITIZED = b"__asan_init" in DAEMON.read_bytes()
+ENGINE = "engine 7"
+
+
+def listing(root):
+    """Everything below root, sorted: directories with a trailing slash, links with their target."""
+    names = []
+    for folder, folders, files in os.walk(root):
+        for name in folders + files:
+            path = os.path.join(folder, name)
+            relative = os.path.relpath(path, root)
+            if os.path.islink(path):
+                names.append(f"{relative} -> {os.readlink(path)}")
+            else:
+                names.append(relative + ("/" if os.path.isdir(path) else ""))
+    return sorted(names)
+
+
+def snapshot_listing(active, *versions, flavor="v2"):
+    """The listing of a definitions root that holds just these whole snapshots."""
+    names = ["snapshots/"] + ([f"active -> snapshots/{active}"] if active else [])
+    for version in versions:
+        names.append(f"snapshots/{version}/")
+        names += [f"snapshots/{version}/{name}" for name in archives.definition_names(flavor)]
+    return sorted(names)
+
+
+def published(version, former="none"):
+    """The log lines of a cycle that puts a release into service."""
+    return [f"info published def snapshot {version}", f"info def snapshot updated: {former} -> {version}"]
+
+
+def wait_for(condition, process):
+    """Waits until the condition holds, for as long as the process lives and half a minute at most."""
+    for _ in range(3000):
+        if condition():
+            return
+        assert process.poll() is None, "the daemon ended before its time"
+        time.sleep(0.01)
+    raise AssertionError("it never came to that")
+
+
+class Gateway:
+    """One machine that runs the daemon: its configuration, definitions root and status file, below a folder."""
+
+    def __init__(self, folder, **settings):
+        self.folder = folder
+        self.root = folder / "defs"
+        self.status_path = folder / "status" / "status.json"
+        self.log_path = folder / "log"
+        self.daemons = []
+        self.settings = {
+            "engine_version": ENGINE,
+            "def_root": self.root,
+            "status_path": self.status_path,
+            "http_timeout_s": 60,
+            **settings,
+        }
+
+    @property
+    def config_path(self):
+        path = self.folder / "updater.conf"
+        path.write_text("".join(f"{key} = {value}\n" for key, value in self.settings.items()))
+        return path
+
+    def environment(self, calls=False, **extra):
+        shims = ["libzqu_log_shim.so"]
+        result = {**os.environ, "ZQU_LOG_FILE": str(self.log_path), **extra}
+        if calls:
+            shims.insert(0, "libzqu_call_shim.so")
+            result["ZQU_CALL_FILE"] = str(self.log_path)
+        result["LD_PRELOAD"] = " ".join(shims)
+        result["LD_LIBRARY_PATH"] = str(BUILD)  # the path may hold a blank, which would part it in LD_PRELOAD
+        # A sanitizer's run-time library cannot come first when something is preloaded.
+        result["ASAN_OPTIONS"] = os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
+        return result
+
+    def run(self, *arguments, prefix=(), **environment):
+        """Runs the daemon to its end; returns the finished process with its output."""
+        variables = self.environment(**environment)
+        if "strace" in prefix:
+            variables["ASAN_OPTIONS"] += ":detect_leaks=0"  # the leak check does not work under ptrace(2)
+        return subprocess.run(
+            [*prefix, DAEMON, *arguments],
+            env=variables,
+            stdin=subprocess.DEVNULL,
+            capture_output=True,
+            text=True,
+            timeout=120,
+        )
+
+    def run_once(self, prefix=(), **environment):
+        """Runs one cycle, which must end well and print nothing; returns its log lines."""
+        process = self.run("--config", self.config_path, "--once", prefix=prefix, **environment)
+        assert (process.returncode, process.stdout, process.stderr) == (0, "", "")
+        return self.take_log()
+
+    def start(self, **environment):
+        """Starts the loop, which end_all() ends at the latest."""
+        command = [DAEMON, "--config", self.config_path]
+        self.daemons.append(subprocess.Popen(command, env=self.environment(**environment), stdin=subprocess.DEVNULL))
+        return self.daemons[-1]
+
+    def end_all(self):
+        for daemon in self.daemons:
+            daemon.kill()
+            daemon.wait()
+
+    def take_log(self):
+        """All lines logged so far, less those of opening and closing the log; forgets them."""
+        lines = self.log_path.read_text(errors="surrogateescape").splitlines() if self.log_path.exists() else []
+        self.log_path.unlink(missing_ok=True)
+        return [line for line in lines if line not in ("open zel_quorin_updater 3 24", "close")]
+
+    def status(self):
+        return json.loads(self.status_path.read_text())
+
+    def expect_status(self, version, error=""):
+        """Compares the whole status file, but for the time of the check."""
+        checked = self.status()["last_check_epoch"]
+        success = 0 if error else checked
+        assert self.status_path.read_text() == textwrap.dedent(
+            f"""\
+            {{
+              "schema_version": 1,
+              "active_version": "{version}",
+              "engine_version": "{self.settings['engine_version']}",
+              "antivir_def_version": "{version}",
+              "aivsecon_def_version": "{version}",
+              "last_check_epoch": {checked},
+              "last_success_epoch": {success},
+              "last_error": "{error}"
+            }}
+            """
+        )
+
+    def listing(self):
+        return listing(self.root)
+
+    def active_files(self):
+        return {path.name: path.read_bytes() for path in (self.root / "active").iterdir()}

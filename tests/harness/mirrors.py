@@ -1,0 +1,143 @@
+"""A mirror of definitions: an nginx over TLS, and the releases that a test puts on it."""
+
+import hashlib
+import os
+import socket
+import subprocess
+import textwrap
+import time
+from datetime import datetime, timedelta
+
+import archives
+import trustme
+
+
+def sha256(data):
+    return hashlib.sha256(data).hexdigest()
+
+
+class Mirror:
+    """One test's corner of the session's mirror: a subdirectory of what nginx serves."""
+
+    def __init__(self, root, subdir):
+        self.subdir = subdir
+        self.folder = root / subdir
+        self.folder.mkdir(parents=True)
+
+    def path(self, name):
+        return self.folder / name
+
+    def write(self, name, content):
+        self.path(name).write_bytes(content if isinstance(content, bytes) else content.encode())
+
+    def entries(self, version, size=1000, flavor="v2"):
+        """The three files of a good release."""
+        first, second = archives.definition_names(flavor)
+        files = {name: f"{name} of {version}\n".encode() * (size // 20) for name in (first, second)}
+        index = "".join(f"{name}.sha256 = {sha256(content)}\n" for name, content in files.items())
+        return [*files.items(), (f"antivir-{flavor}.ini", index.encode())]
+
+    def announce(self, version, cab, flavor="v2"):
+        """Writes both INI files for an archive that lies on the mirror already."""
+        digest = hashlib.sha256()
+        with open(self.path(cab), "rb") as archive:
+            for block in iter(lambda: archive.read(1 << 20), b""):
+                digest.update(block)
+        self.write(
+            f"antivir-{flavor}-c-{version}.ini",
+            f"[def.Current]\r\ndef.Current.defId={version}\r\ndef.Current.name={cab}\r\n"
+            f"def.Current.SHA256={digest.hexdigest()}\r\ndef.Current.size={self.path(cab).stat().st_size}\r\n",
+        )
+        self.write(f"antivir-{flavor}-hit.ini", f"[Current]\r\ndefId={version}\r\n")
+
+    def publish(self, version, entries=None, flavor="v2"):
+        """Publishes a release as an MSZIP-compressed CAB."""
+        cab = f"antivir-{flavor}-{version}.cab"
+        files = self.entries(version, flavor=flavor) if entries is None else entries
+        archives.write_cab(self.path(cab), files)
+        self.announce(version, cab, flavor)
+
+
+class Nginx:
+    """nginx over TLS on free loopback ports, with good and with bad certificates."""
+
+    CERTIFICATES = ("good", "wrong_host", "expired", "unknown_authority")
+
+    def __init__(self, folder):
+        self.folder = folder
+        self.root = folder / "www"
+        self.root.mkdir()
+        self.ca_path = folder / "ca.pem"
+        self._make_certificates()
+        sockets = {name: socket.create_server(("127.0.0.1", 0)) for name in self.CERTIFICATES}
+        self.ports = {name: s.getsockname()[1] for name, s in sockets.items()}
+        self._write_configuration()
+        # nginx takes over the sockets, which listen already: no port can be lost, and there is nothing to wait for.
+        descriptors = [s.fileno() for s in sockets.values()]
+        self.process = subprocess.Popen(
+            ["/usr/sbin/nginx", "-p", folder, "-c", folder / "nginx.conf", "-e", folder / "error.log"],
+            env={**os.environ, "NGINX": "".join(f"{fd};" for fd in descriptors)},
+            pass_fds=descriptors,
+        )
+        for s in sockets.values():
+            s.close()
+
+    def url(self, certificate="good", host="localhost"):
+        return f"https://{host}:{self.ports[certificate]}"
+
+    def requests(self, subdir, count):
+        """The paths requested below a subdirectory, with the status answered; waits until there are so many."""
+        for _ in range(3000):  # nginx writes its log after the answer
+            lines = (self.folder / "access.log").read_text().splitlines()
+            found = [line.replace(f"/{subdir}/", "") for line in lines if f"/{subdir}/" in line]
+            if len(found) >= count:
+                break
+            time.sleep(0.01)
+        return found
+
+    def stop(self):
+        self.process.terminate()
+        self.process.wait(timeout=30)
+
+    def _make_certificates(self):
+        authority = trustme.CA()
+        authority.cert_pem.write_to_path(self.ca_path)
+        yesterday = datetime.utcnow() - timedelta(days=1)
+        leaves = {
+            "good": authority.issue_cert("localhost", "127.0.0.1"),
+            "wrong_host": authority.issue_cert("elsewhere.example"),
+            "expired": authority.issue_cert("localhost", not_after=yesterday),
+            "unknown_authority": trustme.CA().issue_cert("localhost"),
+        }
+        for name, leaf in leaves.items():
+            leaf.private_key_and_cert_chain_pem.write_to_path(self.folder / f"{name}.pem")
+
+    def _write_configuration(self):
+        servers = "".join(
+            f"""
+            server {{
+                listen 127.0.0.1:{port} ssl;
+                ssl_certificate "{self.folder}/{name}.pem";
+                ssl_certificate_key "{self.folder}/{name}.pem";
+                root "{self.root}";
+                location /moved/ {{ rewrite ^/moved/(.*)$ /$1 redirect; }}
+            }}"""
+            for name, port in self.ports.items()
+        )
+        temporary = "\n            ".join(
+            f'{kind}_temp_path "{self.folder}/{kind}";' for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
+        )
+        text = f"""
+        daemon off;
+        {"user root;" if os.geteuid() == 0 else ""}
+        worker_processes 1;
+        pid "{self.folder}/nginx.pid";
+        events {{ }}
+        http {{
+            {temporary}
+            log_format plain "$uri $status";
+            access_log "{self.folder}/access.log" plain;
+            {servers}
+        }}
+        """
+        (self.folder / "nginx.conf").write_text(textwrap.dedent(text))
