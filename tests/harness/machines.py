@@ -79,8 +79,8 @@ class Gateway:
         path.write_text("".join(f"{key} = {value}\n" for key, value in self.settings.items()))
         return path
 
-    def environment(self, calls=False, **extra):
-        shims = ["libzqu_log_shim.so"]
+    def environment(self, calls=False, memory=False, **extra):
+        shims = [*(["libzqu_memory_shim.so"] if memory else []), "libzqu_log_shim.so"]
         result = {**os.environ, "ZQU_LOG_FILE": str(self.log_path), **extra}
         if calls:
             shims.insert(0, "libzqu_call_shim.so")
