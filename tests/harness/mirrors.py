@@ -16,6 +16,12 @@ def sha256(data):
     return hashlib.sha256(data).hexdigest()
 
 
+def index_of(files, flavor="v2"):
+    """The entry of the index that belongs to (name, bytes) entries."""
+    lines = "".join(f"{name}.sha256 = {sha256(content)}\n" for name, content in files)
+    return f"antivir-{flavor}.ini", lines.encode()
+
+
 class Mirror:
     """One test's corner of the session's mirror: a subdirectory of what nginx serves."""
 
@@ -34,8 +40,7 @@ class Mirror:
         """The three files of a good release."""
         first, second = archives.definition_names(flavor)
         files = {name: f"{name} of {version}\n".encode() * (size // 20) for name in (first, second)}
-        index = "".join(f"{name}.sha256 = {sha256(content)}\n" for name, content in files.items())
-        return [*files.items(), (f"antivir-{flavor}.ini", index.encode())]
+        return [*files.items(), index_of(files.items(), flavor)]
 
     def announce(self, version, cab, flavor="v2"):
         """Writes both INI files for an archive that lies on the mirror already."""
@@ -135,6 +140,7 @@ class Nginx:
         events {{ }}
         http {{
             {temporary}
+            keepalive_timeout 2s;
             log_format plain "$uri $status";
             access_log "{self.folder}/access.log" plain;
             {servers}

@@ -1,0 +1,92 @@
+"""SIGKILL before every system call of an update: what is on the disk then is exactly what the calls before it have
+made, the snapshot in service is whole, and one clean run heals it."""
+
+import re
+import signal
+
+import pytest
+from faults import FORMER, NEW, OLD, Scene
+from machines import published, snapshot_listing
+
+LINK = "defs/active.tmp"
+
+
+def names_after(points, count):
+    """The listing of the definitions root when just the first calls were made."""
+    names = {*snapshot_listing(FORMER, OLD, FORMER)}
+    for point in points[:count]:
+        name = point.path.removeprefix("defs/")
+        if point.path.startswith("defs/"):
+            names = after_call(names, point, name)
+    return sorted(names)
+
+
+def after_call(names, point, name):
+    if point.name == "mkdir":
+        return names | {f"{name}/"}
+    if point.name == "openat" and "O_CREAT" in point.text:
+        return names | {name}
+    if point.name == "symlink":
+        return names | {f"{name} -> snapshots/{NEW}"}
+    if point.name == "rename" and point.path == LINK:
+        return names - {f"{name} -> snapshots/{NEW}", f"active -> snapshots/{FORMER}"} | {f"active -> snapshots/{NEW}"}
+    if point.name == "rename":
+        return names - {name} | {name.removesuffix(".part")}
+    if point.name == "unlink":
+        return names - {name}
+    if point.name == "unlinkat":
+        below = re.search('"(.*)"', point.text).group(1)
+        return names - {f"{name}/{below}"}
+    if point.name == "rmdir":
+        return names - {f"{name}/"}
+    return names
+
+
+def log_after(points, count):
+    written = sum(point.name == "write" and point.path == "log" for point in points[:count])
+    return published(NEW, FORMER)[:written]  # a third line closes the log
+
+
+def status_after(points, count):
+    calls = [point.name for point in points[:count] if point.path.startswith("status/")]
+    return f"{NEW}/" if "write" in calls else "empty" if "openat" in calls else "before"
+
+
+def found(scene):
+    return scene.gateway.listing(), scene.gateway.take_log(), scene.status()
+
+
+def wanted(points, count):
+    return names_after(points, count), log_after(points, count), status_after(points, count)
+
+
+def check(scene, points, point):
+    process = scene.inject(point, "signal=KILL")
+    assert process.returncode == -signal.SIGKILL
+    state = found(scene)
+    if point.vague:
+        assert state in [wanted(points, count) for count in range(len(points))], state
+    else:
+        assert state == wanted(points, point.index)
+    scene.heal()
+
+
+@pytest.fixture
+def scene(gateway, mirror):
+    return Scene(gateway, mirror)
+
+
+@pytest.mark.parametrize("part", range(4))
+def test_kill_before_any_call_leaves_what_the_calls_before_made_and_one_clean_run_heals_it(
+    scene, part, record_property
+):
+    points = scene.points()
+    assert wanted(points, len(points)) == (snapshot_listing(NEW, FORMER, NEW), published(NEW, FORMER), f"{NEW}/")
+    faults = []
+    for point in points[part::4]:
+        try:
+            check(scene, points, point)
+        except AssertionError as fault:
+            faults.append(f"{point}: {fault}")
+    assert not faults, "\n".join(faults)
+    record_property("kills", len(points[part::4]))

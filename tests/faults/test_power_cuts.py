@@ -1,0 +1,156 @@
+"""The power fails before every system call of an update: a real ext4 file system is shut down there, so that nothing
+that was not flushed comes to be written, and mounted again, which replays its journal.
+
+The snapshot in service is whole then, the new one once its publication was flushed, and one clean run heals it."""
+
+import fcntl
+import os
+import shutil
+import signal
+import struct
+import subprocess
+
+import pytest
+from faults import FORMER, NEW, Scene
+
+EXT4_IOC_SHUTDOWN = 0x8004587D  # _IOR('X', 125, __u32)
+# What becomes of the changes to directories and inodes that are not on the disk yet: written as a last act, without the
+# data of files for which no blocks are allocated yet, or lost altogether.
+LAST_ACTS = {"journal_flushed": 1, "journal_lost": 2}
+SIZE = 8 << 20
+
+
+class Disk:
+    """An ext4 file system in a file, mounted at a folder."""
+
+    def __init__(self, folder, options="data=ordered"):
+        self.image = folder / "image"
+        self.mounted_at = folder / "disk"
+        self.mounted_at.mkdir()
+        self.options = options
+        self.mounted = False
+        with open(self.image, "wb") as image:
+            image.truncate(SIZE)
+        subprocess.run(["mkfs.ext4", "-q", "-F", self.image], check=True)
+
+    def mount(self):
+        subprocess.run(["mount", "-o", f"loop,{self.options}", self.image, self.mounted_at], check=True)
+        self.mounted = True
+
+    def unmount(self):
+        if self.mounted:
+            subprocess.run(["umount", self.mounted_at], check=True)
+            self.mounted = False
+
+    def save(self, copy):
+        self.unmount()
+        subprocess.run(["cp", "--sparse=always", self.image, copy], check=True)
+        self.mount()
+
+    def restore(self, copy):
+        self.unmount()
+        subprocess.run(["cp", "--sparse=always", copy, self.image], check=True)
+        self.mount()
+
+    def cut_power(self, last_act):
+        """Shuts the file system down, and mounts it again."""
+        descriptor = os.open(self.mounted_at, os.O_RDONLY)
+        try:
+            fcntl.ioctl(descriptor, EXT4_IOC_SHUTDOWN, struct.pack("I", last_act))
+        finally:
+            os.close(descriptor)
+        self.unmount()
+        self.mount()
+
+
+class SceneOnDisk(Scene):
+    """The update on a file system of its own."""
+
+    def __init__(self, gateway, mirror, disk):
+        self.disk = disk
+        disk.mount()
+        gateway.root = disk.mounted_at / "defs"
+        gateway.status_path = disk.mounted_at / "status" / "status.json"
+        gateway.settings.update(def_root=gateway.root, status_path=gateway.status_path)
+        super().__init__(gateway, mirror)
+        self.saved_image = gateway.folder / "saved image"
+        disk.save(self.saved_image)
+
+    def set_back(self):
+        self.disk.restore(self.saved_image)
+        self.gateway.log_path.unlink(missing_ok=True)
+
+
+def make_disk(folder, options):
+    if os.geteuid() != 0 or shutil.which("mkfs.ext4") is None:
+        pytest.skip("needs root, and mkfs.ext4")
+    disk = Disk(folder, options)
+    try:
+        disk.mount()
+        disk.cut_power(LAST_ACTS["journal_lost"])
+    except (OSError, subprocess.CalledProcessError) as error:
+        disk.unmount()
+        pytest.skip(f"the kernel offers no loop mount of ext4 or does not shut it down: {error}")
+    disk.unmount()
+    return disk
+
+
+@pytest.fixture
+def scene_on(gateway, mirror, tmp_path):
+    """Makes the scene on a disk with given mount options."""
+    disks = []
+
+    def make(options="data=ordered"):
+        disks.append(make_disk(tmp_path, options))
+        return SceneOnDisk(gateway, mirror, disks[-1])
+
+    yield make
+    for disk in disks:
+        disk.unmount()
+
+
+def possible_versions(points, point, root):
+    """What may be in service: either release until the new link is flushed, then only the new one."""
+    renamed = next(p.index for p in points if p.name == "rename" and p.path.endswith("/active.tmp"))
+    flushed = next(p.index for p in points if p.name == "fsync" and p.path == root)
+    if point.vague:
+        return {FORMER, NEW}
+    if point.index <= renamed:
+        return {FORMER}
+    return {FORMER, NEW} if point.index <= flushed else {NEW}
+
+
+def check(scene, points, point, last_act):
+    process = scene.inject(point, "signal=KILL")
+    assert process.returncode == -signal.SIGKILL
+    scene.disk.cut_power(last_act)
+    scene.gateway.log_path.unlink(missing_ok=True)
+    assert scene.in_service() in possible_versions(points, point, "disk/defs")
+    scene.heal()
+
+
+def cut_everywhere(scene, last_act, record_property, part, parts):
+    points = scene.points()
+    faults = []
+    for point in points[part::parts]:
+        try:
+            check(scene, points, point, last_act)
+        except AssertionError as fault:
+            faults.append(f"{point}: {fault}")
+    assert not faults, "\n".join(faults)
+    record_property("power_cuts", len(points[part::parts]))
+
+
+@pytest.mark.parametrize("part", range(2))
+@pytest.mark.parametrize("last_act", LAST_ACTS)
+def test_power_cut_before_any_call_leaves_a_whole_snapshot_and_one_clean_run_heals_it(
+    scene_on, last_act, part, record_property
+):
+    cut_everywhere(scene_on(), LAST_ACTS[last_act], record_property, part, 2)
+
+
+@pytest.mark.long
+@pytest.mark.parametrize("options", ["data=writeback", "data=journal", "data=ordered,nodelalloc"])
+@pytest.mark.parametrize("last_act", LAST_ACTS)
+def test_power_cut_is_survived_with_other_mount_options(scene_on, last_act, options, record_property):
+    cut_everywhere(scene_on(options), LAST_ACTS[last_act], record_property, 0, 1)

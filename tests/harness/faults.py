@@ -1,0 +1,167 @@
+"""One complete update, and the means to break it off at any of its system calls or to make any of them fail.
+
+Before the update there are release 1001, in service, the older 1000, which the update prunes, and a status. The mirror
+has release 1002.
+"""
+
+import json
+import os
+import random
+import re
+import shutil
+from dataclasses import dataclass
+
+import archives
+from machines import published, snapshot_listing
+from mirrors import index_of
+
+OLD, FORMER, NEW = "1000", "1001", "1002"
+
+
+@dataclass(frozen=True)
+class Point:
+    """One system call of the update."""
+
+    index: int  # among the points
+    name: str
+    number: int  # among the calls of that name since the process began, as strace counts them
+    text: str  # the arguments as strace shows them
+    path: str  # what it is about, relative to the gateway's folder, or as it stands; "" when there is none
+    opened: int  # how often that path has been opened by then
+    repeated: int  # how many calls of that name there were on that path, since it was opened
+
+    @property
+    def vague(self):
+        """Whether it may come earlier or later in another run, as calls on and around the network do."""
+        return self.path in ("", "socket")
+
+    def __str__(self):
+        return f"{self.name} #{self.number} {self.path} (opened {self.opened} times, repeated {self.repeated} times)"
+
+
+class Scene:
+    """A gateway just before the update, which can be set back to that moment as often as it takes."""
+
+    def __init__(self, gateway, mirror, index_first=False):
+        self.gateway = gateway
+        self.releases = {}
+        # By its address: looking a name up would take a second thread. The time-out is for calls that block then.
+        base = gateway.settings["mirror_base_url"].replace("localhost", "127.0.0.1")
+        gateway.settings.update(retained_snapshots=2, mirror_base_url=base, http_timeout_s=5)
+        for version in (OLD, FORMER, NEW):
+            noise = random.Random(version).randbytes  # several blocks of it, which do not compress
+            files = [(name, noise(40_000)) for name in archives.definition_names()]
+            mirror.publish(version, [index_of(files), *files] if index_first else [*files, index_of(files)])
+            self.releases[version] = dict(files)
+            if version != NEW:
+                gateway.run_once()
+        self._saved = gateway.folder / "saved"
+        for folder in self.folders:
+            shutil.copytree(folder, self._saved / folder.name, symlinks=True)
+        self.status_before = gateway.status_path.read_bytes()
+
+    @property
+    def folders(self):
+        return (self.gateway.root, self.gateway.status_path.parent)
+
+    def set_back(self):
+        """Puts everything back to the moment before the update."""
+        for folder in self.folders:
+            for entry in folder.iterdir() if folder.exists() else ():  # the folder itself may be a mount point
+                entry.unlink() if entry.is_symlink() or entry.is_file() else shutil.rmtree(entry)
+            shutil.copytree(self._saved / folder.name, folder, symlinks=True, dirs_exist_ok=True)
+        self.gateway.log_path.unlink(missing_ok=True)
+
+    def run_traced(self, options, **environment):
+        """Runs the update under strace; returns the process and strace's lines."""
+        trace = self.gateway.folder / "trace"
+        prefix = ["strace", "-f", "-y", "-s", "8", "-o", trace, *options]
+        process = self.gateway.run("--config", self.gateway.config_path, "--once", prefix=prefix, **environment)
+        return process, trace.read_text(errors="replace").splitlines()
+
+    def points(self):
+        """The system calls from the store's first touch of the disk to the exit, found by tracing an update."""
+        self.set_back()
+        lines = self.run_traced([])[1]
+        assert len({line.split()[0] for line in lines}) == 1, "an update runs in one thread"
+        found, counts, opened, repeated, begun = [], {}, {}, {}, False
+        for line in lines:
+            match = re.match(r"\d+ +(\w+)\((.*)", line)
+            if not match:
+                continue
+            name, text = match.groups()
+            counts[name] = counts.get(name, 0) + 1
+            begun = begun or f'"{self.gateway.root}' in line
+            if begun:
+                path = self.path_in(text)
+                opened[path] = opened.get(path, 0) + (name == "openat")
+                repeats = (name, path, opened[path])
+                repeated[repeats] = repeated.get(repeats, 0) + 1
+                found.append(Point(len(found), name, counts[name], text, path, opened[path], repeated[repeats]))
+        return found
+
+    def path_in(self, text):
+        """The path in a call's arguments, as text or with the descriptor."""
+        text = re.sub(r"^AT_FDCWD<[^>]*>, ", "", text)
+        if text.startswith('"snapshots/'):
+            text = text.partition(", ")[2]  # the target of a link
+        match = re.match(r'"(?P<text>/[^"]*)"|\d+<(?P<descriptor>[^>]*)>', text)
+        path = re.sub(r":\[\d+\]", "", (match["text"] or match["descriptor"] or "") if match else "")
+        return os.path.relpath(path, self.gateway.folder) if path.startswith(str(self.gateway.folder)) else path
+
+    def inject(self, point, what):
+        """Runs the update with an injection at a point, and makes sure that it has hit.
+
+        A call on the network may come once less often than in the trace; then it takes another run."""
+        quick = [] if what.startswith("signal=") else ["--seccomp-bpf"]  # with which strace injects no signals
+        for _ in range(50):
+            self.set_back()
+            rules = ["-e", f"trace={point.name}", "-e", f"inject={point.name}:{what}:when={point.number}"]
+            process, lines = self.run_traced([*quick, *rules])
+            hit = [line for line in lines if "(INJECTED)" in line or "killed by SIGKILL" in line]
+            if hit:
+                break
+        else:
+            raise AssertionError(f"never reached: {point}")
+        if not point.vague and "(INJECTED)" in hit[0]:
+            assert self.path_in(re.sub(r"^\d+ +\w+\(", "", hit[0])) == point.path, f"{hit[0]} is not {point}"
+        return process
+
+    def in_service(self):
+        """The version in service, which has to be whole, byte for byte."""
+        version = os.readlink(self.gateway.root / "active").removeprefix("snapshots/")
+        files = self.gateway.active_files()
+        assert {name: files.get(name) for name in self.releases[version]} == self.releases[
+            version
+        ], f"{version} is broken"
+        return version
+
+    def status(self):
+        """The status as "version/error", or "before", "empty", "none" when this update has not written it."""
+        if not self.gateway.status_path.exists():
+            return "none"
+        text = self.gateway.status_path.read_bytes()
+        if text in (self.status_before, b""):
+            return "before" if text else "empty"
+        status = json.loads(text)
+        self.gateway.expect_status(status["active_version"], status["last_error"])
+        return f"{status['active_version']}/{status['last_error']}"
+
+    def heal(self, pruned=True):
+        """One clean run, after which the new release is in service and nothing is left but what may be.
+
+        A snapshot that is in service is not touched again, so what could not be swept out of it or pruned beside it
+        stays until a later release. With pruned=False either of the former snapshots may have been pruned."""
+        before = self.in_service()
+        lines = self.gateway.run_once()
+        assert self.in_service() == NEW
+        self.gateway.expect_status(NEW)
+        listing = self.gateway.listing()
+        if before == NEW:
+            assert lines == []
+            index = f"snapshots/{NEW}/antivir-v2.ini"
+            least = snapshot_listing(NEW, FORMER, NEW) if pruned else snapshot_listing(NEW, NEW)
+            assert set(least) <= set(listing) <= {*snapshot_listing(NEW, OLD, FORMER, NEW), index}
+        else:
+            assert lines == published(NEW, before)
+            assert listing == snapshot_listing(NEW, FORMER, NEW)
