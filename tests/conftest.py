@@ -1,5 +1,6 @@
 """What all tests share: a certificate authority and an nginx per session, and a gateway per test."""
 
+import collections
 import socket
 
 import pytest
@@ -21,6 +22,15 @@ def pytest_collection_modifyitems(config, items):
     long = [item for item in items if item.get_closest_marker("long")]
     config.hook.pytest_deselected(items=long)
     items[:] = [item for item in items if item not in long]
+
+
+def pytest_terminal_summary(terminalreporter):
+    """Adds up what the tests say of themselves by record_property: calls failed, power cuts, cycles and so on."""
+    totals = collections.Counter()
+    for report in terminalreporter.stats.get("passed", []):
+        totals.update({name: value for name, value in report.user_properties if isinstance(value, int)})
+    for name, total in sorted(totals.items()):
+        terminalreporter.write_line(f"counted: {name.replace('_', ' ')}: {total}")
 
 
 @pytest.fixture(scope="session")
