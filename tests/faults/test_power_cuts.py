@@ -112,7 +112,7 @@ def scene_on(gateway, mirror, tmp_path):
 def possible_versions(points, point, root):
     """What may be in service: either release until the new link is flushed, then only the new one."""
     renamed = next(p.index for p in points if p.name == "rename" and p.path.endswith("/active.tmp"))
-    flushed = next(p.index for p in points if p.name == "fsync" and p.path == root)
+    flushed = next((p.index for p in points if p.name == "fsync" and p.path == root), len(points))
     if point.vague:
         return {FORMER, NEW}
     if point.index <= renamed:
@@ -135,7 +135,7 @@ def cut_everywhere(scene, last_act, record_property, part, parts):
     for point in points[part::parts]:
         try:
             check(scene, points, point, last_act)
-        except AssertionError as fault:
+        except (AssertionError, OSError) as fault:
             faults.append(f"{point}: {fault}")
     assert not faults, "\n".join(faults)
     record_property("power_cuts", len(points[part::parts]))
