@@ -6,17 +6,9 @@ import socket
 import subprocess
 
 import pytest
-from machines import DAEMON, SANITIZED
+from machines import DAEMON, SANITIZED, in_own_dev
 
 LOG_ERR, LOG_WARNING, LOG_INFO, LOG_DAEMON = 3, 4, 6, 3 << 3
-
-# A /dev of the namespace's own, with the socket in it and the few devices that the libraries open.
-ENTER = """
-for device in null zero random urandom; do cp -a /dev/$device "$1"; done
-mount --bind "$1" /dev
-shift
-exec "$@"
-"""
 
 
 @pytest.mark.skipif(os.geteuid() != 0, reason="needs root for a mount namespace with a /dev/log of its own")
@@ -29,19 +21,7 @@ def test_messages_arrive_with_ident_process_id_facility_and_priority(gateway, mi
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as log:
         log.bind(str(dev / "log"))
         log.settimeout(30)
-        command = [
-            "unshare",
-            "--mount",
-            "sh",
-            "-ec",
-            ENTER,
-            "sh",
-            dev,
-            DAEMON,
-            "--config",
-            gateway.config_path,
-            "--once",
-        ]
+        command = [*in_own_dev(dev), DAEMON, "--config", gateway.config_path, "--once"]
         process = subprocess.Popen(command, stdin=subprocess.DEVNULL)
         assert process.wait(timeout=60) == 0
         packets = [log.recv(4096).decode() for _ in range(2)]

@@ -4,10 +4,7 @@ import os
 import signal
 
 import pytest
-from machines import snapshot_listing, wait_for
-
-STARTED = "info zel_quorin_updater loop started (interval={}s jitter={}s)"
-STOPPED = "info zel_quorin_updater loop stopped"
+from machines import STARTED, STOPPED, snapshot_listing, wait_for
 
 
 def active(gateway):
@@ -121,21 +118,8 @@ def test_slices_last_one_second_and_share_one_record(gateway, mirror):
     assert [line for line in gateway.take_log() if line.startswith("nanosleep")] == ["nanosleep 1 0 same"] * 5
 
 
-def looping_release(mirror):
-    """A release whose first definition file is a link to itself, so that its status cannot be told."""
-    import zipfile
-
-    import archives
-
-    link = zipfile.ZipInfo("antivir-v2.def")
-    link.external_attr = 0o120777 << 16
-    link.create_system = 3
-    archives.write_zip(mirror.path("loop.zip"), [(link, b"antivir-v2.def"), *mirror.entries("1001")[1:]])
-    mirror.announce("1001", "loop.zip")
-
-
 def test_exception_in_the_loop_is_logged_and_the_waits_shrink(gateway, mirror):
-    looping_release(mirror)
+    mirror.publish_looping("1001")
     gateway.settings.update(poll_interval_s=8, poll_jitter_s=0)
     process = gateway.run("--config", gateway.config_path, calls=True, ZQU_SLEEPS="16")
     assert process.returncode == 0
@@ -154,7 +138,7 @@ def test_exception_in_the_loop_is_logged_and_the_waits_shrink(gateway, mirror):
 
 
 def test_exception_in_a_single_cycle_ends_the_process_without_a_status(gateway, mirror):
-    looping_release(mirror)
+    mirror.publish_looping("1001")
     process = gateway.run("--config", gateway.config_path, "--once")
     assert process.returncode == -signal.SIGABRT
     assert process.stdout == ""

@@ -16,6 +16,8 @@ for proxy in ("http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROX
     os.environ.pop(proxy, None)  # libcurl would send the requests to this machine's servers through it
 SANITIZED = b"__asan_init" in DAEMON.read_bytes()
 ENGINE = "engine 7"
+STARTED = "info zel_quorin_updater loop started (interval={}s jitter={}s)"
+STOPPED = "info zel_quorin_updater loop stopped"
 
 
 def listing(root):
@@ -39,6 +41,20 @@ def snapshot_listing(active, *versions, flavor="v2"):
         names.append(f"snapshots/{version}/")
         names += [f"snapshots/{version}/{name}" for name in archives.definition_names(flavor)]
     return sorted(names)
+
+
+# A /dev of the namespace's own, with what lies in the folder and the few devices that the libraries open.
+_ENTER_DEV = """
+for device in null zero random urandom; do cp -a /dev/$device "$1"; done
+mount --bind "$1" /dev
+shift
+exec "$@"
+"""
+
+
+def in_own_dev(folder):
+    """What to put before a command that is to find that folder's entries in /dev, in a mount namespace of its own."""
+    return ["unshare", "--mount", "sh", "-ec", _ENTER_DEV, "sh", folder]
 
 
 def published(version, former="none"):

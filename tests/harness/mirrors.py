@@ -2,14 +2,18 @@
 
 import hashlib
 import os
+import pathlib
+import signal
 import socket
 import subprocess
 import textwrap
 import time
+import zipfile
 from datetime import datetime, timedelta
 
 import archives
 import trustme
+from machines import wait_for
 
 
 def sha256(data):
@@ -62,6 +66,14 @@ class Mirror:
         archives.write_cab(self.path(cab), files)
         self.announce(version, cab, flavor)
 
+    def publish_looping(self, version):
+        """A release whose first definition file is a link to itself, so that its status cannot be told."""
+        link = zipfile.ZipInfo("antivir-v2.def")
+        link.external_attr = 0o120777 << 16
+        link.create_system = 3
+        archives.write_zip(self.path("loop.zip"), [(link, b"antivir-v2.def"), *self.entries(version)[1:]])
+        self.announce(version, "loop.zip")
+
 
 class Nginx:
     """nginx over TLS on free loopback ports, with good and with bad certificates."""
@@ -74,17 +86,22 @@ class Nginx:
         self.root.mkdir()
         self.ca_path = folder / "ca.pem"
         self._make_certificates()
-        sockets = {name: socket.create_server(("127.0.0.1", 0)) for name in self.CERTIFICATES}
-        self.ports = {name: s.getsockname()[1] for name, s in sockets.items()}
+        # Bound as long as the object lives, though they never listen: the ports stay ours while nginx is stopped.
+        self.holders = {name: self._hold_port() for name in self.CERTIFICATES}
+        self.ports = {name: holder.getsockname()[1] for name, holder in self.holders.items()}
         self._write_configuration()
+        self.start()
+
+    def start(self):
         # nginx takes over the sockets, which listen already: no port can be lost, and there is nothing to wait for.
-        descriptors = [s.fileno() for s in sockets.values()]
+        sockets = [socket.create_server(("127.0.0.1", port)) for port in self.ports.values()]
+        descriptors = [s.fileno() for s in sockets]
         self.process = subprocess.Popen(
-            ["/usr/sbin/nginx", "-p", folder, "-c", folder / "nginx.conf", "-e", folder / "error.log"],
+            ["/usr/sbin/nginx", "-p", self.folder, "-c", self.folder / "nginx.conf", "-e", self.folder / "error.log"],
             env={**os.environ, "NGINX": "".join(f"{fd};" for fd in descriptors)},
             pass_fds=descriptors,
         )
-        for s in sockets.values():
+        for s in sockets:
             s.close()
 
     def url(self, certificate="good", host="localhost"):
@@ -104,17 +121,38 @@ class Nginx:
         self.process.terminate()
         self.process.wait(timeout=30)
 
+    def reload(self):
+        """Makes the running nginx read its certificates anew; returns once only new workers are left."""
+        former = self._workers()
+        self.process.send_signal(signal.SIGHUP)
+        wait_for(lambda: self._workers() and not self._workers() & former, self.process)
+
+    def _workers(self):
+        process = self.process.pid
+        return set(pathlib.Path(f"/proc/{process}/task/{process}/children").read_text().split())
+
+    def set_certificate(self, leaf):
+        """Replaces the file of the good certificate, which nginx takes over when it is started or reloaded."""
+        leaf.private_key_and_cert_chain_pem.write_to_path(self.folder / "good.pem")
+
+    @staticmethod
+    def _hold_port():
+        holder = socket.socket()
+        holder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        holder.bind(("127.0.0.1", 0))
+        return holder
+
     def _make_certificates(self):
-        authority = trustme.CA()
-        authority.cert_pem.write_to_path(self.ca_path)
+        self.authority = trustme.CA()
+        self.authority.cert_pem.write_to_path(self.ca_path)
         yesterday = datetime.utcnow() - timedelta(days=1)
-        leaves = {
-            "good": authority.issue_cert("localhost", "127.0.0.1"),
-            "wrong_host": authority.issue_cert("elsewhere.example"),
-            "expired": authority.issue_cert("localhost", not_after=yesterday),
+        self.leaves = {
+            "good": self.authority.issue_cert("localhost", "127.0.0.1"),
+            "wrong_host": self.authority.issue_cert("elsewhere.example"),
+            "expired": self.authority.issue_cert("localhost", not_after=yesterday),
             "unknown_authority": trustme.CA().issue_cert("localhost"),
         }
-        for name, leaf in leaves.items():
+        for name, leaf in self.leaves.items():
             leaf.private_key_and_cert_chain_pem.write_to_path(self.folder / f"{name}.pem")
 
     def _write_configuration(self):

@@ -8,10 +8,8 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <curl/curl.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
-#include <sys/auxv.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -26,25 +24,11 @@
 #include <sstream>
 #include <string>
 
+#include "program.hpp"
+
 #undef curl_easy_setopt
 
 namespace {
-
-template <typename Function>
-Function next(Function, const char* name) {
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
-
-// True for an address inside the program itself.
-bool in_program(const void* address) {
-    static const void* const program = [] {
-        Dl_info info{};
-        dladdr(reinterpret_cast<const void*>(getauxval(AT_PHDR)), &info);
-        return info.dli_fbase;
-    }();
-    Dl_info info{};
-    return dladdr(address, &info) != 0 && info.dli_fbase == program;
-}
 
 template <typename... Items>
 void record(const Items&... items) {

@@ -1,0 +1,26 @@
+"""An nginx of the test's own, which it may stop, start and give other certificates."""
+
+import pytest
+from machines import Gateway
+from mirrors import Mirror, Nginx
+
+
+@pytest.fixture
+def own_nginx(tmp_path):
+    folder = tmp_path / "nginx"
+    folder.mkdir()
+    server = Nginx(folder)
+    yield server
+    server.stop()
+
+
+@pytest.fixture
+def own_mirror(own_nginx):
+    return Mirror(own_nginx.root, "defs")
+
+
+@pytest.fixture
+def own_gateway(own_nginx, own_mirror, tmp_path):
+    machine = Gateway(tmp_path, mirror_base_url=own_nginx.url(), mirror_subdir="defs", ca_path=own_nginx.ca_path)
+    yield machine
+    machine.end_all()

@@ -1,0 +1,135 @@
+// Preloaded into the daemon, replaces the clock and the sleep of its own code, and writes down what its loop does, in
+// order, one line each, to the descriptor that ZQU_PACE_EVENTS gives:
+//
+//   handler <number>                          signal(2) was called, and the handler is installed
+//   signal <number>                           that handler has been called
+//   time <epoch>                              the clock was read
+//   sleep <seconds> <nanoseconds> same|other  a sleep begins; whether the time left goes into the same record
+//   interrupted <seconds> <nanoseconds>       a signal broke it off, and so much is left
+//   gate <bytes>                              the daemon waits to be let on; what it holds in allocated memory
+//
+// The clock starts at ZQU_PACE_EPOCH and goes on by a second with every reading and with every sleep that ends.
+// ZQU_PACE_SECOND_NS says how long a second of sleep lasts, in nanoseconds; 0 makes sleeps end at once.
+// ZQU_PACE_GATES gives a descriptor to read 64-bit numbers from: the daemon waits for one before the first reading of
+// the clock, and then before the n-th reading, n being the number it was given; at the end of the file it waits no
+// more.
+#include <malloc.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
+#include "program.hpp"
+
+namespace {
+
+constexpr std::int64_t billion = 1'000'000'000;
+
+std::int64_t setting(const char* name, std::int64_t otherwise) {
+    const char* value = std::getenv(name);
+    return value != nullptr ? std::atoll(value) : otherwise;
+}
+
+// Allocates nothing: the daemon's memory is measured, and one of the callers is a signal handler.
+__attribute__((format(printf, 1, 2))) void tell(const char* format, ...) {
+    static const int fd = static_cast<int>(setting("ZQU_PACE_EVENTS", -1));
+    char line[100];
+    std::va_list arguments;
+    va_start(arguments, format);
+    const int size = std::vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
+    if (write(fd, line, static_cast<std::size_t>(size)) != size) {
+        std::abort();
+    }
+}
+
+std::int64_t& now() {
+    static std::int64_t seconds = setting("ZQU_PACE_EPOCH", 0);
+    return seconds;
+}
+
+void wait_at_gate() {
+    static const int fd = static_cast<int>(setting("ZQU_PACE_GATES", -1));
+    static std::int64_t reading = 0;
+    static std::int64_t gate = 1;
+    if (++reading != gate || fd < 0) {
+        return;
+    }
+    tell("gate %zu\n", mallinfo2().uordblks);
+    ssize_t size = 0;
+    do {
+        size = read(fd, &gate, sizeof gate);
+    } while (size < 0 && errno == EINTR);
+}
+
+sighandler_t handlers[NSIG];
+
+void on_signal(int number) {
+    const int saved = errno;
+    tell("signal %d\n", number);
+    handlers[number](number);
+    errno = saved;
+}
+
+// For spans of a second at most: a longer one would overflow.
+timespec scaled(const timespec& span, std::int64_t numerator, std::int64_t denominator) {
+    const std::int64_t result = (span.tv_sec * billion + span.tv_nsec) * numerator / denominator;
+    return {result / billion, result % billion};
+}
+
+}  // namespace
+
+extern "C" {
+
+std::time_t time(std::time_t* result) {
+    static const auto real = next(&time, "time");
+    if (!in_program(__builtin_return_address(0))) {
+        return real(result);
+    }
+    wait_at_gate();
+    const std::int64_t seconds = now()++;
+    tell("time %lld\n", static_cast<long long>(seconds));
+    if (result != nullptr) {
+        *result = seconds;
+    }
+    return seconds;
+}
+
+int nanosleep(const timespec* request, timespec* remainder) {
+    static const auto real = next(&nanosleep, "nanosleep");
+    static const std::int64_t second_ns = setting("ZQU_PACE_SECOND_NS", 0);
+    if (!in_program(__builtin_return_address(0))) {
+        return real(request, remainder);
+    }
+    tell("sleep %ld %ld %s\n", request->tv_sec, request->tv_nsec, request == remainder ? "same" : "other");
+    timespec left{};
+    const timespec span = scaled(*request, second_ns, billion);
+    if (second_ns == 0 || real(&span, &left) == 0) {
+        ++now();
+        return 0;
+    }
+    if (remainder != nullptr) {
+        *remainder = scaled(left, billion, second_ns);
+        tell("interrupted %ld %ld\n", remainder->tv_sec, remainder->tv_nsec);
+    }
+    errno = EINTR;
+    return -1;
+}
+
+sighandler_t signal(int number, sighandler_t handler) {
+    static const auto real = next(&signal, "signal");
+    if (!in_program(__builtin_return_address(0))) {
+        return real(number, handler);
+    }
+    handlers[number] = handler;
+    const sighandler_t former = real(number, on_signal);
+    tell("handler %d\n", number);
+    return former;
+}
+
+}  // extern "C"
