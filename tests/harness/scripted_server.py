@@ -1,8 +1,8 @@
 """A server that does what a test's script says, byte for byte: answers of every kind, and every way to break off.
 
-A script maps the name of a requested file to steps. A step is bytes to send, or a function that is given the connection:
-one of those below, or a test's own. After the last step the server awaits the next request on the same connection, so a
-script whose answer has no length must end with a step that closes.
+A script maps the name of a requested file to steps. A step is bytes to send, or a function that is given the
+connection: one of those below, or a test's own. After the last step the server awaits the next request on the same
+connection, so a script whose answer has no length must end with a step that closes.
 """
 
 import select
@@ -82,6 +82,15 @@ def drip_for_ever(data, interval_s=0.02):
                 if select.select([connection.socket], [], [], interval_s)[0]:
                     raise ConnectionAbortedError
                 connection.socket.sendall(bytes((byte,)))
+
+    return step
+
+
+def pause(seconds):
+    """Says nothing for so long, or until the client hangs up."""
+
+    def step(connection):
+        select.select([connection.socket], [], [], seconds)
 
     return step
 

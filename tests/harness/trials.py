@@ -14,6 +14,7 @@ from scripted_server import SUBDIR, ScriptedServer, reply
 OLD, NEW = "1001", "1002"
 HIT = "antivir-v2-hit.ini"
 REQUESTS = ("hit", "info", "archive")
+TIMEOUT_S = 20  # never to be reached but where a test sets it lower
 SERVERS_REFUSAL = "HTTP response code said error"
 
 
@@ -109,7 +110,7 @@ class Case:
 
 
 class Trial:
-    """One test's gateway, two folders below the test's own, with release 1001 in service; the server has release 1002."""
+    """A gateway with release 1001 in service, two folders below the test's own; its mirror has release 1002."""
 
     def __init__(self, folder, context, thorough=False):
         self.folder = folder
@@ -119,6 +120,7 @@ class Trial:
             folder / "machine",
             mirror_base_url=self.server.base().removesuffix(f"/{SUBDIR}"),
             mirror_subdir=SUBDIR,
+            http_timeout_s=TIMEOUT_S,
         )
         self.gateway.folder.mkdir()
 

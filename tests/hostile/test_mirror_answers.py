@@ -84,7 +84,7 @@ def test_status_of_400_and_above_is_refused_and_any_other_taken_for_good(trial, 
 
 @pytest.mark.parametrize("request_kind", REQUESTS)
 def test_interim_answers_are_skipped_but_for_switching_protocols(trial, request_kind):
-    """An answer of 101 is taken for the final one: libcurl goes over to the protocol that it asked for, which is none."""
+    """An answer of 101 is taken for the final one, as if the gateway had asked for another protocol."""
     content = trial.content(request_kind)
     whole = reply(content)
     cases = [

@@ -79,7 +79,7 @@ def test_hit_ini_without_a_length_names_another_id_when_it_is_cut(trial, end):
 
 
 def test_hit_ini_cut_to_the_id_in_service_hides_the_new_release(trial):
-    """Whoever cuts the connection at the right byte keeps a gateway on what it has, and the status calls it a success."""
+    """Whoever cuts the connection at the right byte keeps a gateway on what it has, with a status of success."""
     trial.server.script[HIT] = [head() + f"defId={OLD}".encode(), cut]
     assert trial.gateway.run_once() == []
     trial.gateway.expect_status(OLD)
