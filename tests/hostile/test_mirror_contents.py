@@ -1,10 +1,11 @@
 """INIs that are odd as texts, and files that do not belong together or change between two requests."""
 
 import pytest
+from archives import write_cab
 from machines import published
 from mirrors import sha256
 from scripted_server import reply
-from trials import HIT, NEW, OLD, SERVERS_REFUSAL, Case, archive, hit_ini, info_ini, info_name, release
+from trials import HIT, NEW, OLD, SERVERS_REFUSAL, Case, archive, definitions, hit_ini, info_ini, info_name, release
 
 BOM = b"\xef\xbb\xbf"
 LINE = b"defId=" + NEW.encode()
@@ -164,9 +165,6 @@ def test_id_in_the_complete_info_is_not_looked_at(trial, named):
 
 def test_index_of_another_release_refuses_the_archive(trial):
     """The index in the archive is older or newer than the files beside it, though the archive's digest is right."""
-    from archives import write_cab
-    from trials import definitions
-
     for version in (OLD, "1003"):
         index = "".join(f"{name}.sha256={sha256(content)}\n" for name, content in definitions(version).items())
         write_cab(trial.folder / "x.cab", [("antivir-v2.ini", index.encode()), *definitions(NEW).items()])
