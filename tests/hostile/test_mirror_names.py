@@ -283,6 +283,14 @@ def test_archive_name_that_climbs_out_leaves_the_archive_there_when_it_is_refuse
     expect_healed(trial, OLD, tree)
 
 
+def test_archive_name_that_climbs_out_leaves_nothing_there_when_its_download_fails(trial):
+    """The partial file is removed by its own name, not with the staging directory alone."""
+    announce(trial, cab_name="../x.cab", archive="/x.cab", answer=reply(b"", "404 x"))
+    lines = [f"err download_cab {trial.server.base()}/../x.cab: {SERVERS_REFUSAL}"]
+    expect(trial, [*lines, "err run_once: staging failed: download CAB"], trial.before, OLD, "download CAB")
+    trial.heal()
+
+
 def test_archive_name_may_destroy_a_file_in_service(trial):
     announce(trial, cab_name=f"../{OLD}/antivir-v2.def", archive=f"/{OLD}/antivir-v2.def", digest="0" * 64)
     error = "CAB sha256 mismatch"
