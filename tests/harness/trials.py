@@ -69,8 +69,8 @@ class Release:
         return {name: [reply(content)] for name, content in self.files.values()}
 
 
-def release(folder, version, cab_name=None):
-    return Release(version, archive(folder, version), cab_name or f"antivir-v2-{version}.cab")
+def release(folder, version):
+    return Release(version, archive(folder, version), f"antivir-v2-{version}.cab")
 
 
 def tree(root):
@@ -137,6 +137,7 @@ class Trial:
         self.server.opening = None
         self.server.greeting = []
         self.server.requests.clear()
+        self.gateway.settings["http_timeout_s"] = TIMEOUT_S
 
     def end(self):
         self.gateway.end_all()
@@ -226,6 +227,7 @@ class Trial:
         process of its own besides.
         """
         cases = list(cases)
+        assert cases
         outcomes = self._loop_through(cases)
         assert len(outcomes) == len(cases)
         for case, outcome in zip(cases, outcomes):
@@ -263,7 +265,7 @@ class Trial:
         self.server.script = {**self.new.script, HIT: hit}
         self.gateway.settings.update(poll_interval_s=0, poll_jitter_s=0)
         daemon = self.gateway.start()
-        assert daemon.wait(timeout=600) == 0
+        assert daemon.wait(timeout=300) == 0
         assert outcomes.pop(0)[0] == ["info zel_quorin_updater loop started (interval=0s jitter=0s)"]
         assert self.gateway.take_log() == [*published(NEW, OLD), "info zel_quorin_updater loop stopped"]
         self.expect_new()
@@ -306,10 +308,8 @@ class Trial:
         self.accept()
 
 
-def server_context(certificate, maximum=None):
+def server_context(certificate):
     """What a server needs to speak TLS with a certificate that trustme issued."""
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     certificate.configure_cert(context)
-    if maximum:
-        context.maximum_version = maximum
     return context

@@ -8,7 +8,7 @@ from scripted_server import SUBDIR, ScriptedServer, finish, head, reply
 from trials import HIT, REQUESTS, SERVERS_REFUSAL, server_context
 
 REFUSED_SCHEME = "Unsupported protocol"
-CODES = ("301 x", "302 x", "303 x", "307 x", "308 x")
+CODES = ("300 x", "301 x", "302 x", "303 x", "305 x", "306 x", "307 x", "308 x", "399 x")
 
 
 def moved(location, status="302 Found"):
@@ -63,6 +63,12 @@ def test_redirect_on_the_same_mirror_is_followed(trial, request_kind):
     for case in cases:
         case.script.update(aside)
     trial.check_all(cases)
+
+
+@pytest.mark.parametrize("request_kind", REQUESTS)
+def test_location_of_an_answer_that_is_no_redirect_is_not_followed(trial, request_kind):
+    answers = [reply(trial.content(request_kind), status, "Location: aside") for status in ("200 x", "201 x", "299 x")]
+    trial.check_all(trial.accepted(request_kind, [answer]) for answer in answers)
 
 
 @pytest.mark.parametrize("request_kind", REQUESTS)
