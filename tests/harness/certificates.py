@@ -28,12 +28,20 @@ class Issuer:
         key = serialization.load_pem_private_key(authority.private_key_pem.bytes(), None)
         return cls(x509.load_pem_x509_certificate(authority.cert_pem.bytes()), key)
 
+    @classmethod
+    def unknown(cls):
+        """An authority of its own, which nobody has heard of."""
+        return cls(*cls(None, None)._certificate([], subject="unknown", is_authority=True, self_signed=True))
+
+    def pem(self):
+        return self.certificate.public_bytes(serialization.Encoding.PEM)
+
     def below(self, is_authority=True):
         """An intermediate authority, or a leaf that plays one."""
         certificate, key = self._certificate(
             [], subject=f"below {self.certificate.serial_number}", is_authority=is_authority
         )
-        return Issuer(certificate, key, certificate.public_bytes(serialization.Encoding.PEM) + self.chain)
+        return Issuer(certificate, key, Issuer(certificate, key).pem() + self.chain)
 
     def context(self, folder, names, with_chain=True, **options):
         """A server's TLS context with a certificate for these names."""

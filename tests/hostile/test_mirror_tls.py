@@ -4,11 +4,10 @@ import ipaddress
 import ssl
 
 import pytest
-import trustme
 from certificates import CLIENTS_ONLY, DAY, Issuer
 from cryptography import x509
 from scripted_server import SUBDIR, cut, finish, hello_answer, receive, reset
-from trials import HIT, server_context
+from trials import HIT
 
 UNTRUSTED = "SSL peer certificate or SSH remote key was not OK"
 NO_HANDSHAKE = "SSL connect error"
@@ -24,7 +23,7 @@ def issuer(authority):
 
 # What is wrong with the certificate of a mirror that is addressed as 127.0.0.1.
 BAD_CERTIFICATES = {
-    "unknown_authority": lambda issuer, folder: Issuer.of_trustme(trustme.CA()).context(folder, HERE),
+    "unknown_authority": lambda issuer, folder: Issuer.unknown().context(folder, HERE),
     "self_signed": lambda issuer, folder: issuer.context(folder, HERE, self_signed=True),
     "expired": lambda issuer, folder: issuer.context(folder, HERE, starts=-2 * DAY, ends=-DAY),
     "not_yet_valid": lambda issuer, folder: issuer.context(folder, HERE, starts=DAY, ends=2 * DAY),
@@ -181,7 +180,7 @@ def test_file_of_authorities_without_any_refuses_every_mirror(trial):
 def test_file_of_other_authorities_refuses_the_mirror(trial):
     good = trial.gateway.settings["ca_path"]
     other = trial.folder / "other.pem"
-    trustme.CA().cert_pem.write_to_path(other)
+    other.write_bytes(Issuer.unknown().pem())
     trial.before = trial.tree()
     for path in (other, ""):  # without a file, the system's authorities count
         trial.gateway.settings["ca_path"] = path
@@ -254,5 +253,5 @@ def test_session_with_a_certificate_that_turned_bad_is_not_resumed_by_the_next_p
     trial.set_back()
     trial.server.context = issuer.context(tmp_path, HERE, starts=-2 * DAY, ends=-DAY)
     trial.refuse(*trial.failure("hit", UNTRUSTED))
-    trial.server.context = server_context(trustme.CA().issue_cert("127.0.0.1"))
+    trial.server.context = Issuer.unknown().context(tmp_path, HERE)
     trial.refuse(*trial.failure("hit", UNTRUSTED))
