@@ -105,15 +105,13 @@ def test_digest_that_is_not_the_archives_refuses_it(trial, digest):
 
 
 def test_archive_of_other_content_is_refused(trial):
-    """Another release's, another file altogether, more than the archive, and each bit of some of its bytes."""
+    """Another release's, another file altogether, more than the archive, and one bit of each byte or of every third."""
     good = trial.new.cab
     others = [archive(trial.folder, OLD), b"", b"x", good + b"\0", b"\0" + good, good * 2, good[1:], b"\0" * 1_000_000]
-    step = 1 if trial.thorough else 24
-    for position in range(0, len(good), step):
-        for bit in range(8):
-            flipped = bytearray(good)
-            flipped[position] ^= 1 << bit
-            others.append(bytes(flipped))
+    for position in range(len(good)) if trial.thorough else range(0, len(good), 3):
+        flipped = bytearray(good)
+        flipped[position] ^= 1 << position % 8
+        others.append(bytes(flipped))
     trial.check_all(trial.unreadable("archive", [reply(other)]) for other in others)
 
 
