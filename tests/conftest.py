@@ -4,8 +4,10 @@ import collections
 import socket
 
 import pytest
+import trustme
 from machines import Gateway
 from mirrors import Mirror, Nginx
+from trials import Trial, server_context
 
 
 def pytest_addoption(parser):
@@ -58,3 +60,27 @@ def closed_port():
     with socket.socket() as holder:
         holder.bind(("127.0.0.1", 0))
         yield holder.getsockname()[1]
+
+
+@pytest.fixture(scope="session")
+def authority():
+    """The certificate authority of the scripted mirrors."""
+    return trustme.CA()
+
+
+@pytest.fixture(scope="session")
+def scripted_context(authority):
+    return server_context(authority.issue_cert("localhost", "127.0.0.1"))
+
+
+@pytest.fixture
+def trial(request, authority, scripted_context, tmp_path):
+    """A gateway with a release in service, and a mirror that does what the test tells it."""
+    trial = Trial(tmp_path, scripted_context, thorough=request.config.getoption("--all"))
+    authority.cert_pem.write_to_path(trial.gateway.folder / "ca.pem")
+    trial.gateway.settings["ca_path"] = trial.gateway.folder / "ca.pem"
+    try:
+        trial.begin()
+        yield trial
+    finally:
+        trial.end()

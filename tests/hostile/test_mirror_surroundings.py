@@ -1,0 +1,113 @@
+"""What the machine around the daemon can do to its conversation with the mirror: the environment and local users."""
+
+from machines import published
+from scripted_server import ScriptedServer, finish, reply
+from trials import HIT, NEW, OLD, status_text
+
+
+def run_once(trial, **environment):
+    process = trial.gateway.run("--config", trial.gateway.config_path, "--once", **environment)
+    assert (process.returncode, process.stdout, process.stderr) == (0, "", "")
+    return trial.gateway.take_log()
+
+
+def expect_refused(trial, lines, text):
+    trial.compare(trial.refused("hit", [], text), lines, trial.gateway.status_path.read_text(), trial.tree())
+
+
+def test_environment_may_send_the_requests_through_a_proxy(trial):
+    """libcurl looks at it unasked. The proxy learns whom the gateway talks to, and may refuse."""
+    proxy = ScriptedServer()
+    try:
+        target = f"127.0.0.1:{trial.server.port}"
+        proxy.script[target] = [reply(b"", "403 Forbidden"), finish]
+        address = f"http://127.0.0.1:{proxy.port}"
+        lines = run_once(trial, https_proxy=address, no_proxy="", NO_PROXY="")
+        expect_refused(trial, lines, "HTTP response code said error")
+        assert [request[0] for request in proxy.requests] == [f"CONNECT {target} HTTP/1.1"]
+        assert trial.server.targets() == []
+    finally:
+        proxy.stop()
+    trial.heal()
+
+
+def test_proxy_that_answers_for_the_mirror_is_refused(trial):
+    """TLS is spoken with the mirror, through the proxy: one that speaks it itself has no certificate for that."""
+    proxy = ScriptedServer()
+    try:
+        target = f"127.0.0.1:{trial.server.port}"
+        proxy.script[target] = [b"HTTP/1.1 200 OK\r\n\r\n", reply(b"defId=666"), finish]
+        lines = run_once(trial, https_proxy=f"http://127.0.0.1:{proxy.port}", no_proxy="", NO_PROXY="")
+        expect_refused(trial, lines, "SSL connect error")
+    finally:
+        proxy.stop()
+    trial.heal()
+
+
+def test_environment_may_have_the_keys_of_tls_written_down(trial):
+    """Whoever sets it can read, but not change, what was recorded on the way: so a clean environment."""
+    keys = trial.folder / "keys"
+    assert run_once(trial, SSLKEYLOGFILE=str(keys)) == published(NEW, OLD)
+    assert "CLIENT_TRAFFIC_SECRET_0 " in keys.read_text()
+
+
+def test_files_of_the_users_home_are_not_read(trial):
+    """Neither credentials nor options for other programs count here."""
+    (trial.folder / ".netrc").write_text("machine 127.0.0.1 login user password secret\n")
+    (trial.folder / ".curlrc").write_text("insecure\nuser-agent = other\n")
+    trial.before = trial.tree()
+    assert run_once(trial, HOME=str(trial.folder), CURL_HOME=str(trial.folder)) == published(NEW, OLD)
+    trial.expect_new()
+    heads = [line for lines in trial.server.requests for line in lines]
+    assert not any(line.startswith(("Authorization", "User-Agent")) for line in heads)
+
+
+def test_requests_tell_the_mirror_nothing_about_the_gateway(trial):
+    trial.accept()
+    host = f"127.0.0.1:{trial.server.port}"
+    names = (HIT, trial.name("info"), trial.name("archive"))
+    assert trial.server.requests == [[f"GET /defs/{name} HTTP/1.1", f"Host: {host}", "Accept: */*"] for name in names]
+
+
+def test_variables_do_not_add_authorities(trial, tmp_path):
+    """The configured file alone counts."""
+    right = trial.gateway.settings["ca_path"]
+    other = tmp_path / "machine" / "other.pem"
+    other.write_bytes(right.read_bytes())
+    trial.gateway.settings["ca_path"] = ""
+    trial.before = trial.tree()
+    lines = run_once(trial, SSL_CERT_FILE=str(other), CURL_CA_BUNDLE=str(other))
+    expect_refused(trial, lines, "SSL peer certificate or SSH remote key was not OK")
+    trial.gateway.settings["ca_path"] = right
+    trial.heal()
+
+
+def test_files_changed_in_service_are_not_noticed(trial):
+    """Nothing is checked again once it is in service: who can write there decides what is served."""
+    file = trial.gateway.root / "active" / "antivir-v2.def"
+    trial.accept()
+    file.write_bytes(b"other content")
+    assert trial.gateway.run_once() == []
+    trial.gateway.expect_status(NEW)
+    assert file.read_bytes() == b"other content"
+
+
+def test_link_that_leads_elsewhere_is_believed_by_its_last_component(trial):
+    elsewhere = trial.folder / "elsewhere" / NEW
+    elsewhere.mkdir(parents=True)
+    link = trial.gateway.root / "active"
+    link.unlink()
+    link.symlink_to(elsewhere)
+    assert trial.gateway.run_once() == []
+    trial.gateway.expect_status(NEW)
+    assert link.readlink() == elsewhere
+
+
+def test_status_is_written_through_a_link(trial):
+    """So its folder belongs to the daemon's user alone."""
+    victim = trial.folder / "victim"
+    victim.write_text("precious " * 1000)
+    trial.gateway.status_path.unlink()
+    trial.gateway.status_path.symlink_to(victim)
+    assert trial.gateway.run_once() == published(NEW, OLD)
+    assert victim.read_text() == status_text(NEW, trial.gateway.status()["last_check_epoch"])
