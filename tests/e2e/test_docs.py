@@ -1,0 +1,61 @@
+"""What the documentation says of the tests: each that it names is there, and each file of tests is named."""
+
+import re
+import subprocess
+
+import pytest
+from machines import BUILD, REPOSITORY
+
+TESTS = REPOSITORY / "tests"
+PAGES = {"testing.md": TESTS, "security.md": TESTS / "hostile"}  # and the folder that their paths begin at
+
+
+def named(page):
+    """The (file, test) pairs in Python and the unit tests that a page names; "…" repeats the file before."""
+    text = (REPOSITORY / "docs" / page).read_text()
+    file, pairs, unit_tests = "", [], []
+    for word in re.findall(r"`([^`\s]+)`", text):
+        match = re.fullmatch(r"([\w/]+\.py|…)?(?:::(\w+))?", word)
+        if match and (match[1] or match[2]):
+            file = match[1] if match[1] not in (None, "…") else file
+            pairs.append((file, match[2]))
+        elif re.fullmatch(r"(\w+/)?\w+Test\.(\w+|\*)", word):
+            unit_tests.append(word)
+    return pairs, unit_tests
+
+
+def python_tests(path):
+    return set(re.findall(r"^def (test_\w+)", path.read_text(), re.MULTILINE))
+
+
+def all_unit_tests():
+    """Every name of a unit test, less what tells parameters apart."""
+    output = subprocess.run([BUILD / "unit_tests", "--gtest_list_tests"], capture_output=True, text=True, check=True)
+    suite, names = "", set()
+    for line in output.stdout.splitlines():
+        if line.startswith("  "):
+            names.add(suite + line.split()[0].partition("/")[0])
+        else:
+            suite = line.split()[0]
+    return names
+
+
+@pytest.mark.parametrize("page", PAGES)
+def test_every_test_that_a_page_names_is_there(page):
+    pairs, unit_tests = named(page)
+    assert pairs
+    for file, test in pairs:
+        path = PAGES[page] / file
+        assert path.is_file(), file
+        assert test is None or test in python_tests(path), f"{file} has no {test}"
+    existing = all_unit_tests()
+    for name in unit_tests:
+        assert name in existing or any(name == f"{test.partition('.')[0]}.*" for test in existing), name
+
+
+def test_every_file_of_tests_is_named():
+    files = {str(path.relative_to(TESTS)) for path in TESTS.rglob("test_*.py")}
+    pairs, unit_tests = named("testing.md")
+    assert files - {file for file, _ in pairs} - {f"hostile/{file}" for file, _ in named("security.md")[0]} == set()
+    suites = {name.partition(".")[0] for name in all_unit_tests()}
+    assert suites - {name.partition(".")[0] for name in unit_tests} == set()
