@@ -1,0 +1,380 @@
+"""The daemon beside its model: random histories of an operator, a mirror, a disk and crashes, in which every run has to
+do exactly what the model says: to every file, to the log, and in its exit status.
+
+After a failure Hypothesis prints the shortest history that it finds, and the blob that replays it. Other histories than
+the usual ones come with --all, or with --hypothesis-seed=<number>."""
+
+import collections
+import os
+import random
+import re
+import shutil
+import subprocess
+import time
+
+import hypothesis
+import hypothesis.strategies as st
+import model
+import model_mirror
+import pytest
+from hypothesis.stateful import RuleBasedStateMachine, invariant, rule, run_state_machine_as_test
+from machines import Gateway
+from mirrors import Mirror
+from model_disk import DIRECTORY, Disk, Link, scan
+
+VERSIONS = ["1001", "1002", "1003", "1004", "v1a", "V1A", "é.b-\"1\\'"]
+SETTINGS = {
+    "mirror_base_url": ["{url}", "{url}//", "{closed}", ""],
+    "mirror_subdir": ["{subdir}", "//{subdir}//", "", "elsewhere"],
+    "flavor": ["v2", "v3", ""],
+    "engine_version": ["engine 7", 'a "b" \\ c', "a\tb", "é \x01", ""],
+    "def_root": ["{folder}/defs", "{folder}/defs/", "{folder}/other/deep"],
+    "status_path": [
+        "{folder}/status/status.json",
+        "{folder}/defs/manifest/status.json",
+        "{folder}/new/deep/status.json",
+        "{folder}/status",
+        "{folder}/status/status.json/below",
+        "",
+    ],
+    "retained_snapshots": ["3", "0", "1", "2", "5", "4294967295", "2147483651", "-1", "4294967298", "+1x"],
+}
+MALFORMED = ["", "x3", "18446744073709551616", "-"]
+STYLES = {
+    "plain": "{key} = {value}\n",
+    "tight, with unknown keys": "{key}={value}\n#{key}=#\n{KEY}=unknown\n[section]\nno setting\n",
+    "CRLF, each key twice": "\t{key} = 1\r\n {key}\t=  {value}\t\r\n",
+}
+PLACES = ["active", "active.tmp", "snapshots/note", "snapshots/.hidden", "snapshots/1000"]
+STAGED_PLACES = ["", "/{id}.archive.part", "/{id}.archive", "/antivir-v2.def", "/aivsecon-v2.def", "/antivir-v2.ini"]
+PLACES += [f"snapshots/{{id}}{place}" for place in STAGED_PLACES + ["/sub", "/old.txt"]]
+THINGS = {
+    "nothing": None,
+    "a file": b"a leftover\n",
+    "a directory": DIRECTORY,
+    "a full directory": DIRECTORY,
+    "a link to a snapshot": Link("snapshots/1001"),
+    "a link to a directory elsewhere": Link("../elsewhere/1002"),
+    "a link with a slash": Link("snapshots/1003/"),
+    "a dangling link": Link("/nowhere/1002"),
+    "a link to itself": Link("{name}"),
+}
+TIMES = {"ancient": 10**18, "old": 10**18 + 1, "in the future": 4 * 10**18}
+# The system calls that a run is killed at, as often as an update makes them.
+CALLS = {
+    **{"mkdir": 3, "rename": 2, "symlink": 1, "write": 10, "fsync": 6, "unlink": 6, "unlinkat": 6, "rmdir": 3},
+    **{"getdents64": 8, "fchmod": 4, "fcntl": 16, "recvfrom": 22},
+}
+KILLS = [f"{call}:{number}" for call, last in CALLS.items() for number in range(1, last + 1)]
+# What has to come about in the CI form already, so that neither the model nor the histories become idle unnoticed.
+KINDS = (
+    "published",
+    "current",
+)
+ROOT_KINDS = ("ran on a full disk",)
+SEED = 1
+CLOCK_REALTIME_COARSE = 5  # of time(2); Python has no name for it
+
+
+def changes(before, after):
+    """Tells of a key whether anything below it changed."""
+
+    def part(nodes, key):
+        return {name: node for name, node in nodes.items() if f"{name}/".startswith(f"{key}/")}
+
+    return lambda key: part(before, key) != part(after, key)
+
+
+class Bench:
+    """What the histories of one test share. Each of them gets the same paths, emptied."""
+
+    def __init__(self, folder, nginx, closed_port, disk):
+        self.folder = folder
+        self.nginx = nginx
+        self.closed = f"https://localhost:{closed_port}"
+        self.disk = disk  # a small file system, or None
+        self.machine = (disk or folder) / "machine"
+        self.seen = collections.Counter()
+
+    def fill(self):
+        """Leaves no block free where the machine is."""
+        room = os.statvfs(self.disk)
+        with open(self.disk / "filler", "wb") as filler:
+            os.posix_fallocate(filler.fileno(), 0, room.f_bfree * room.f_bsize)
+        assert os.statvfs(self.disk).f_bfree == 0
+
+    def empty(self):
+        (self.disk / "filler").unlink()
+
+
+class Gateways(RuleBasedStateMachine):
+    """One gateway and its mirror, the model of both, and whatever may happen to them."""
+
+    def __init__(self, bench):
+        super().__init__()
+        self.bench = bench
+        bench.machine.mkdir()
+        self.mirror = Mirror(bench.nginx.root, "model")
+        self.model_mirror = model_mirror.ModelMirror(self.mirror, bench.nginx.url(), bench.folder / "scratch")
+        self.gateway = Gateway(bench.folder)
+        self.disk = Disk(bench.machine)
+        self.take_over()
+        self.seconds = range(0)
+        self.settings = {key: values[0] for key, values in SETTINGS.items()}
+        self.style = "plain"
+
+    def teardown(self):
+        shutil.rmtree(self.bench.machine)
+        shutil.rmtree(self.mirror.folder)
+        self.gateway.take_log()
+
+    # The mirror's operator
+
+    @rule(
+        version=st.sampled_from(VERSIONS),
+        container=st.sampled_from(["cab", "zip"]),
+        flaws=st.lists(st.sampled_from(model_mirror.FLAWS), max_size=2, unique=True),
+    )
+    def publish(self, version, container, flaws):
+        self.model_mirror.publish(version, container, self.settings["flavor"], flaws)
+
+    @rule(version=st.sampled_from(VERSIONS), container=st.sampled_from(["cab", "zip"]))
+    def update(self, version, container):
+        """A good release, and a run that finds it."""
+        self.publish(version, container, [])
+        self.run_once()
+
+    @rule(
+        version=st.sampled_from(VERSIONS),
+        container=st.sampled_from(["cab", "zip"]),
+        flaw=st.sampled_from(model_mirror.FLAWS),
+    )
+    def update_with_flaw(self, version, container, flaw):
+        self.publish(version, container, [flaw])
+        self.run_once()
+
+    @rule(version=st.sampled_from(VERSIONS), hit=st.sampled_from(list(model_mirror.HITS)))
+    def announce(self, version, hit):
+        """Announces a release that may be on the mirror, or not."""
+        self.model_mirror.announce(version, self.settings["flavor"], hit)
+
+    @rule(which=st.sampled_from(["hit.ini", "c-1002.ini", "1002.archive"]))
+    def take_from_the_mirror(self, which):
+        prefix = "" if which.endswith("archive") else f"antivir-{self.settings['flavor']}-"
+        self.model_mirror.remove(prefix + which)
+
+    # The gateway's operator
+
+    @rule(setting=st.sampled_from([(key, value) for key, values in SETTINGS.items() for value in values]))
+    def configure(self, setting):
+        key, value = setting
+        self.settings[key] = value
+
+    @rule(style=st.sampled_from(list(STYLES)))
+    def mend_the_configuration(self, style):
+        """Back to settings with which updates work, but for the number of snapshots to keep."""
+        self.settings.update((key, values[0]) for key, values in SETTINGS.items() if key != "retained_snapshots")
+        self.style = style
+
+    @rule(
+        place=st.sampled_from(PLACES),
+        version=st.sampled_from(VERSIONS),
+        thing=st.sampled_from(list(THINGS)),
+    )
+    def plant(self, place, version, thing):
+        """Puts something below the definitions root, or takes it away."""
+        path = self.root / place.format(id=version)
+        if not path.parent.is_dir():
+            path.parent.mkdir(parents=True) if not os.path.lexists(path.parent) else None
+        if path.is_symlink() or path.is_file():
+            path.unlink()
+        elif path.is_dir():
+            shutil.rmtree(path)
+        if path.parent.is_dir():
+            self.place(path, thing)
+        self.take_over()
+
+    def place(self, path, thing):
+        node = THINGS[thing]
+        if node is DIRECTORY:
+            path.mkdir()
+        elif isinstance(node, Link):
+            path.symlink_to(node.target.format(name=path.name))
+        elif node is not None:
+            path.write_bytes(node)
+        if thing == "a full directory":
+            (path / "inside").mkdir()
+
+    @rule(version=st.sampled_from(VERSIONS + ["1000"]), when=st.sampled_from(list(TIMES)))
+    def touch(self, version, when):
+        path = self.root / "snapshots" / version
+        if path.is_dir():
+            os.utime(path, ns=(TIMES[when], TIMES[when]))
+            self.take_over()
+
+    # Runs
+
+    @rule()
+    def run_once(self):
+        self.run(lambda daemon, text: daemon.once(text), "--once")
+
+    @rule(slices=st.integers(1, 40), jitter=st.sampled_from([0, 1]))
+    def run_the_loop(self, slices, jitter):
+        """Every second of a wait passes at once, and one of them brings SIGTERM."""
+        self.run_for_long(jitter, lambda daemon, text: daemon.loop(text, slices), ZQU_SLEEPS=str(slices))
+
+    @rule()
+    def stop_the_loop_in_its_first_cycle(self):
+        self.run_for_long(0, lambda daemon, text: daemon.loop(text), ZQU_FAULT="curl_easy_perform:1:term")
+
+    def run_for_long(self, jitter, predict, **environment):
+        # With a shorter interval a cycle that keeps throwing would come to wait no more, and never end.
+        long = {"poll_interval_s": "8", "poll_jitter_s": str(jitter)}
+        self.run(predict, settings={**self.settings, **long}, calls=True, **environment)
+        self.see("looped")
+
+    @rule(kill=st.sampled_from(KILLS))
+    def kill(self, kill):
+        """SIGKILL at the n-th call of its kind, if the run comes to that."""
+        call, number = kill.split(":")
+        injection = f"inject={call}:signal=KILL:when={number}"
+        prefix = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", f"trace={call}", "-e", injection]
+        self.run(lambda daemon, text: daemon.once(text), "--once", prefix=prefix)
+
+    @rule(version=st.sampled_from(VERSIONS), container=st.sampled_from(["cab", "zip"]), kill=st.sampled_from(KILLS))
+    def kill_an_update(self, version, container, kill):
+        self.publish(version, container, [])
+        self.kill(kill)
+
+    @rule(number=st.sampled_from(MALFORMED))
+    def run_with_a_malformed_number(self, number):
+        settings = {**self.settings, "http_timeout_s": number}
+        self.run(lambda daemon, text: daemon.once(text), "--once", settings=settings)
+
+    @rule(large=st.booleans(), version=st.sampled_from(VERSIONS))
+    def run_on_a_full_disk(self, large, version):
+        if self.bench.disk is None:
+            return self.run_once()
+        self.publish(version, "zip", ["large"] if large else [])
+        self.bench.fill()
+        try:
+            self.run(lambda daemon, text: daemon.once(text), "--once", free=0)
+        finally:
+            self.bench.empty()
+        self.see("ran on a full disk")
+
+    # The comparison
+
+    @invariant()
+    def nothing_else_changes(self):
+        self.compare(scan(self.bench.machine)[0])
+
+    @property
+    def root(self):
+        return self.bench.machine / self.settings["def_root"].removeprefix("{folder}/")
+
+    def see(self, kind):
+        self.bench.seen[kind] += 1
+        hypothesis.event(kind)
+
+    def take_over(self):
+        """Goes on from what there is."""
+        self.disk.nodes, self.times = scan(self.bench.machine)
+
+    def configuration(self, settings):
+        names = {
+            "url": self.bench.nginx.url(),
+            "closed": self.bench.closed,
+            "subdir": self.mirror.subdir,
+            "folder": self.bench.machine,
+        }
+        text = f"ca_path = {self.bench.nginx.ca_path}\n"
+        for key, value in settings.items():
+            text += STYLES[self.style].format(key=key, KEY=key.upper(), value=value.format(**names))
+        return text
+
+    def run(self, predict, *arguments, settings=None, free=None, **options):
+        """Runs the daemon and the model, and compares what they have done."""
+        text = self.configuration(settings or self.settings)
+        path = self.bench.folder / "updater.conf"
+        path.write_text(text, newline="")
+        before, times = self.disk.nodes, self.times
+        start = time.clock_gettime(CLOCK_REALTIME_COARSE)
+        process = self.gateway.run("--config", path, *arguments, **options)
+        self.seconds = range(int(start), int(time.clock_gettime(CLOCK_REALTIME_COARSE)) + 1)
+        times = {**times, model.END: time.time_ns()}
+        lines = [line for line in self.gateway.take_log() if re.match("(err|warning|info|nanosleep) ", line)]
+        real, self.times = scan(self.bench.machine)
+        seen = collections.Counter()
+        daemon = model.Daemon(self.disk, self.model_mirror, times, changes(before, real), seen)
+        self.disk.begin(before, free)
+        status = predict(daemon, text)
+        if process.returncode in (-9, 137) and "strace" in options.get("prefix", ()):
+            return self.find_in_history(real, lines)
+        for kind in seen:
+            if seen[kind]:
+                self.see(kind)
+        assert lines == self.disk.lines
+        assert process.returncode == status
+        self.compare(real)
+        assert process.stdout == ""
+        assert (process.stderr == "") == (status == 0)
+
+    def same(self, expected, real):
+        """Whether a node is as expected; the time of the check lies within that of the run."""
+        if isinstance(expected, bytes) and isinstance(real, bytes) and model.NOW.encode() in expected:
+            found = re.search(rb'"last_check_epoch": (\d+)', real)
+            if found and int(found[1]) in self.seconds:
+                expected = expected.replace(model.NOW.encode(), found[1])
+        return expected == real
+
+    def compare(self, real):
+        keys = sorted(real.keys() | self.disk.nodes.keys())
+        pairs = {key: (self.disk.nodes.get(key), real.get(key)) for key in keys}
+        wrong = {key: pair for key, pair in pairs.items() if not self.same(*pair)}
+        assert not wrong, f"expected and real: {wrong}"
+        self.disk.nodes = real
+
+    def find_in_history(self, real, lines):
+        """The run was killed at one of the moments that the model went through."""
+        found = [state for state in self.disk.history if state.allows(real, lines, self.same)]
+        assert found, f"no moment of the run has this log and this disk: {lines} {real}"
+        first, last = self.disk.history[0], self.disk.history[-1]
+        self.see("killed halfway" if first not in found and last not in found else "killed before or after")
+        self.disk.nodes = real
+
+
+@pytest.fixture
+def small_disk(tmp_path):
+    """A file system that can be filled; none without the right to mount one."""
+    if os.geteuid() != 0:
+        yield None
+        return
+    folder = tmp_path / "disk"
+    folder.mkdir()
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4m", "tmpfs", folder], check=True)
+    yield folder
+    subprocess.run(["umount", folder], check=True)
+
+
+@pytest.fixture
+def bench(tmp_path, nginx, closed_port, small_disk):
+    return Bench(tmp_path, nginx, closed_port, small_disk)
+
+
+def test_daemon_does_what_the_model_says(request, bench):
+    long = request.config.getoption("--all")
+    settings = hypothesis.settings(
+        max_examples=600 if long else 40,
+        stateful_step_count=30,
+        deadline=None,
+        database=None,
+        print_blob=True,
+        suppress_health_check=list(hypothesis.HealthCheck),
+    )
+    seed = random.getrandbits(32) if long else SEED
+    print(f"to be replayed with --hypothesis-seed={seed}")
+    histories = hypothesis.seed(seed)(lambda: Gateways(bench))
+    run_state_machine_as_test(histories, settings=settings)
+    print(*(f"{count:6} {kind}" for kind, count in sorted(bench.seen.items())), sep="\n")
+    assert [kind for kind in KINDS + (ROOT_KINDS if bench.disk else ()) if not bench.seen[kind]] == []
