@@ -6,21 +6,22 @@ their errors, what a broken archive yields), the mirror's model tells."""
 import hashlib
 import re
 
-from model_disk import Link, Loop
+from model_disk import Link
 
 BLANKS = " \t\n\v\f\r"
 NOW = "the time of the check"  # stands in the status file where the real one has a number
 END = "the end of the run"  # what a run stages changes last between its start and its end
 ABORTED = -6
+TOO_MANY_LINKS = "filesystem error: status: Too many levels of symbolic links [{}]"  # libstdc++'s words
 STDIO_BUFFER = 4096  # bytes; a download that fits in fails only when the file is closed, which is not looked at
 DEFAULTS = {
-    "mirror_base_url": None,  # the tests always set these, so that nothing outside of their folder is touched
+    "mirror_base_url": "https:",  # whatever; no test asks there
     "mirror_subdir": "rhex/deffiles/def5-2",
     "flavor": "v2",
     "ca_path": "",
     "engine_version": "",
-    "def_root": None,
-    "status_path": None,
+    "def_root": "/usr/local/zelgw/opt/av/quorin/defs",
+    "status_path": "/usr/local/zelgw/opt/av/quorin/defs/manifest/status.json",
     "poll_interval_s": 900,
     "poll_jitter_s": 120,
     "retained_snapshots": 3,
@@ -91,13 +92,15 @@ class Daemon:
         self.touched = touched
         self.seen = seen
 
-    def start(self, configuration):
-        """The entry and the constructors; false when the process has ended."""
+    def start(self, path, text):
+        """The entry and the constructors, with the configuration's path and text; false when the process has ended."""
         try:
-            self.config = parse_configuration(configuration)
+            self.config = dict(DEFAULTS) if text is None else parse_configuration(text)
         except Uncaught:
             self.seen["aborted by a malformed number"] += 1
             return False
+        if text is None:
+            self.disk.log(f"warning could not read config {path}; using defaults")
         if not self.config["mirror_base_url"]:
             self.disk.log("warning config: mirror_base_url is not set (the updater will idle, performing no checks)")
         elif not self.config["flavor"]:
@@ -107,26 +110,24 @@ class Daemon:
         self.disk.make_directories(self.config["status_path"].rpartition("/")[0])
         return True
 
-    def once(self, configuration):
+    def once(self, path, text):
         """A run with --once; its exit status."""
         try:
-            if not self.start(configuration):
+            if not self.start(path, text):
                 return ABORTED
             self.cycle()
         except Uncaught:
             return ABORTED
         return 0
 
-    def loop(self, configuration, slices=None):
-        """A run of the loop that SIGTERM ends in a slice of its waits, or in its first cycle; its exit status."""
-        if not self.start(configuration):
+    def loop(self, path, text, cycles=None, slices=None):
+        """A run of the loop to its exit status. SIGTERM comes in the last of so many cycles, or slices of waits."""
+        if not self.start(path, text):
             return ABORTED
         interval, jitter = self.config["poll_interval_s"], self.config["poll_jitter_s"]
         self.disk.log(f"info zel_quorin_updater loop started (interval={interval}s jitter={jitter}s)")
-        assert jitter <= 1, "more would depend on the time and the process id"
-        failures = 0
-        stopped = False
-        while not stopped:
+        failures = done = 0
+        while done != cycles and slices != 0:
             wait = interval
             try:
                 self.cycle()
@@ -135,14 +136,16 @@ class Daemon:
                 self.disk.log(f"err run_once exception: {exception}")
                 wait >>= min(failures, 3)
                 failures += 1
-            stopped = slices is None or wait >= slices
-            for _ in range(0 if slices is None else min(wait, slices)):
+            assert jitter <= 1, "more would depend on the time and the process id"
+            done += 1
+            for _ in range(0 if done == cycles else min(wait, slices)):
                 self.disk.log("nanosleep 1 0 same")
-            slices = None if stopped else slices - wait
+                slices -= 1
         self.disk.log("info zel_quorin_updater loop stopped")
         return 0
 
     def cycle(self):
+        self.seen["cycles"] += 1
         active = self.active_version()
         defid = self.fetch_defid()
         if not defid:
@@ -235,7 +238,7 @@ class Daemon:
         if not self.extract(path, stage):
             return "CAB extract"
         self.disk.remove(path)
-        index = definition_index(decode(self.read(f"{stage}/antivir-{self.config['flavor']}.ini") or b""))
+        index = definition_index(decode(self.disk.read(f"{stage}/antivir-{self.config['flavor']}.ini") or b""))
         names = [f"{kind}-{self.config['flavor']}.def" for kind in ("antivir", "aivsecon")]
         for name in names:
             if self.missing(f"{stage}/{name}"):
@@ -247,26 +250,15 @@ class Daemon:
         self.seen["left a directory in a snapshot"] += len(self.disk.children(stage)) > 2
         return ""
 
-    def read(self, path):
-        try:
-            return self.disk.read(path)
-        except Loop:
-            return None
-
     def matches(self, path, digest):
-        content = self.read(path)
+        content = self.disk.read(path)
         return content is not None and hashlib.sha256(content).hexdigest() == digest.lower()
 
     def missing(self, path):
-        try:
-            return self.disk.find(path) is None
-        except Loop:
+        if self.disk.loops(path):
             self.seen["exception while staging"] += 1
-            raise self.too_many_links(path) from None
-
-    @staticmethod
-    def too_many_links(path):
-        return Uncaught(f"filesystem error: status: Too many levels of symbolic links [{path}]")
+            raise Uncaught(TOO_MANY_LINKS.format(path))
+        return self.disk.find(path) is None
 
     def extract(self, path, stage):
         archive = self.mirror.unpack(self.disk.read(path))
@@ -333,11 +325,10 @@ class Daemon:
         self.seen["pruned a link"] += any(isinstance(links[name], Link) for name in removed)
 
     def is_candidate(self, path):
-        try:
-            return self.disk.is_directory(path)
-        except Loop:
+        if self.disk.loops(path):
             self.seen["exception while pruning"] += 1
-            raise self.too_many_links(path) from None
+            raise Uncaught(TOO_MANY_LINKS.format(path))
+        return self.disk.is_directory(path)
 
     def write_status(self, version, success, error):
         path = self.config["status_path"]

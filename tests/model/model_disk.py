@@ -14,7 +14,7 @@ class Link:
     target: str
 
 
-class Loop(Exception):
+class _Loop(Exception):
     """A path that leads through too many links."""
 
 
@@ -84,6 +84,19 @@ class Disk:
 
     def resolve(self, path, follow=True):
         """The key that a path leads to, where nothing may be yet; None when there is no way to it."""
+        try:
+            return self._walk(path, follow)
+        except _Loop:
+            return None
+
+    def loops(self, path):
+        try:
+            self._walk(path, follow=True)
+            return False
+        except _Loop:
+            return True
+
+    def _walk(self, path, follow):
         if not path.startswith(self.folder + "/"):
             return None
         key, hops = "", 0
@@ -97,7 +110,7 @@ class Disk:
             if isinstance(node, Link) and (pending or follow):
                 hops += 1
                 if hops > HOPS:
-                    raise Loop
+                    raise _Loop
                 if node.target.startswith("/"):
                     return None  # the tests' absolute links lead nowhere
                 key = os.path.dirname(key)
@@ -125,22 +138,16 @@ class Disk:
     def make_directories(self, path):
         for end in range(len(self.folder) + 1, len(path) + 1):
             if end == len(path) or path[end] == "/":
-                try:
-                    if self.is_directory(path[:end]):
-                        continue
-                    key = self.resolve(path[:end], follow=False)
-                except Loop:
-                    return
+                if self.is_directory(path[:end]):
+                    continue
+                key = self.resolve(path[:end], follow=False)
                 if key is None or key in self.nodes:
                     return
                 self._put(key, DIRECTORY)
 
     def truncate(self, path):
         """Creates or empties a file, through links; false when it cannot be opened for writing."""
-        try:
-            key = self.resolve(path)
-        except Loop:
-            return False
+        key = self.resolve(path)
         if key is None or self.nodes.get(key) is DIRECTORY:
             return False
         if self.nodes.get(os.path.dirname(key)) is not DIRECTORY:

@@ -74,7 +74,7 @@ ANNOUNCED_FLAWS = (
     "complete-info with an odd size",
     "complete-info with lines twice",
 )
-FLAWS = CONTENT_FLAWS + ZIP_FLAWS + ARCHIVE_FLAWS + ANNOUNCED_FLAWS
+FLAWS = (CONTENT_FLAWS, ZIP_FLAWS, ARCHIVE_FLAWS, ANNOUNCED_FLAWS)
 HITS = {
     "plain": "[Current]\r\ndefId={}\r\n",
     "without a section, in capitals": "DEFID = {}",
@@ -240,6 +240,7 @@ class ModelMirror:
         self.mirror = mirror
         self.url = url
         self.scratch = scratch
+        self.announced = ""  # the latest id
         self.files = {}
         self.unpacked = {}
 
@@ -253,6 +254,8 @@ class ModelMirror:
             self.mirror.path(name).unlink()
 
     def publish(self, version, container, flavor, flaws):
+        if set(flaws) & set(ZIP_FLAWS):
+            container = "zip"
         entries = entries_of(version, container, flavor, flaws)
         data, unpacked = build(self.scratch, container, entries, flaws)
         self.unpacked[data] = unpacked
@@ -267,6 +270,7 @@ class ModelMirror:
         self.announce(version, flavor, "plain")
 
     def announce(self, version, flavor, style):
+        self.announced = version
         self.write(f"antivir-{flavor}-hit.ini", HITS[style].format(version))
 
     @staticmethod
