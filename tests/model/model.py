@@ -265,6 +265,7 @@ class Daemon:
         if archive.refusal:
             self.disk.log(f"err extract: cannot open {path}: {archive.refusal}")
             return False
+        written = []
         for entry in archive.entries:
             place = f"{stage}/{entry.name.rpartition('/')[2]}"
             if not entry.name.rpartition("/")[2]:
@@ -279,6 +280,11 @@ class Daemon:
             if entry.broken:
                 return False
             self.disk.write(place, entry.content)
+            written.append(place)
+        for place in written:
+            if self.disk.read(place) is None:  # a link that leads nowhere has taken its place
+                self.disk.log(f"warning fsync: open {place} failed")
+                self.seen["file to flush that is gone"] += 1
         return True
 
     # The store
