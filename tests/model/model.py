@@ -6,7 +6,7 @@ their errors, what a broken archive yields), the mirror's model tells."""
 import hashlib
 import re
 
-from model_disk import Link
+from model_disk import Broken, Link
 
 BLANKS = " \t\n\v\f\r"
 NOW = "the time of the check"  # stands in the status file where the real one has a number
@@ -277,9 +277,9 @@ class Daemon:
                 self.disk.symlink(entry.content.decode(), place)
                 continue
             self.disk.truncate(place)
+            self.disk.write(place, Broken(entry.content) if entry.broken else entry.content)
             if entry.broken:
                 return False
-            self.disk.write(place, entry.content)
             written.append(place)
         for place in written:
             if self.disk.read(place) is None:  # a link that leads nowhere has taken its place

@@ -14,6 +14,17 @@ class Link:
     target: str
 
 
+@dataclasses.dataclass(frozen=True)
+class Broken:
+    """A file of which only the first bytes could be unpacked; libarchive may make up its size with zeros."""
+
+    content: bytes
+
+    def allows(self, real):
+        kept = len(os.path.commonprefix([self.content, real]))
+        return not real[kept:].strip(b"\0") and len(real) in (kept, len(self.content))
+
+
 class _Loop(Exception):
     """A path that leads through too many links."""
 
