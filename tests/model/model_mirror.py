@@ -30,10 +30,8 @@ class Archive:
     refusal: str = ""
 
 
+MISSING_FLAWS = ("without the index", "without the first", "without the second")
 CONTENT_FLAWS = (
-    "without the index",
-    "without the first",
-    "without the second",
     "index lacks the first",
     "index lacks the second",
     "index in upper case",
@@ -74,7 +72,7 @@ ANNOUNCED_FLAWS = (
     "complete-info with an odd size",
     "complete-info with lines twice",
 )
-FLAWS = (CONTENT_FLAWS, ZIP_FLAWS, ARCHIVE_FLAWS, ANNOUNCED_FLAWS)
+FLAWS = (MISSING_FLAWS, CONTENT_FLAWS, ZIP_FLAWS, ARCHIVE_FLAWS, ANNOUNCED_FLAWS)
 HITS = {
     "plain": "[Current]\r\ndefId={}\r\n",
     "without a section, in capitals": "DEFID = {}",

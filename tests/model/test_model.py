@@ -245,6 +245,11 @@ class Gateways(RuleBasedStateMachine):
         self.plant(place, version, thing)
         self.update(version, container)
 
+    @rule(place=st.sampled_from(["active", "active.tmp"]), thing=things, version=versions, container=containers)
+    def update_over_a_leftover_link(self, place, thing, version, container):
+        self.plant(place, version, thing)
+        self.update(version, container)
+
     @rule(times=st.lists(st.sampled_from(list(TIMES)), min_size=1, max_size=3))
     def age_the_snapshots(self, times):
         """Sets when the snapshots changed last, in the order of their names."""
