@@ -1,0 +1,357 @@
+"""A model of the daemon: what one run of it makes of a disk, a mirror and a configuration, step by step.
+
+It shares nothing with the daemon but what both are meant to do. Where the daemon's libraries have a say (the texts of
+their errors, what a broken archive yields), the mirror's model tells."""
+
+import hashlib
+import re
+
+from model_disk import Broken, Link
+
+BLANKS = " \t\n\v\f\r"
+NOW = "the time of the check"  # stands in the status file where the real one has a number
+END = "the end of the run"  # what a run stages changes last between its start and its end
+ABORTED = -6
+TOO_MANY_LINKS = "filesystem error: status: Too many levels of symbolic links [{}]"  # libstdc++'s words
+STDIO_BUFFER = 4096  # bytes; a download that fits in fails only when the file is closed, which is not looked at
+DEFAULTS = {
+    "mirror_base_url": "https:",  # whatever; no test asks there
+    "mirror_subdir": "rhex/deffiles/def5-2",
+    "flavor": "v2",
+    "ca_path": "",
+    "engine_version": "",
+    "def_root": "/usr/local/zelgw/opt/av/quorin/defs",
+    "status_path": "/usr/local/zelgw/opt/av/quorin/defs/manifest/status.json",
+    "poll_interval_s": 900,
+    "poll_jitter_s": 120,
+    "retained_snapshots": 3,
+    "http_timeout_s": 300,
+}
+
+
+class Uncaught(Exception):
+    """What the standard library throws in the daemon; the text is its what()."""
+
+
+def stoul(text):
+    number = re.match(rf"[{BLANKS}]*([+-]?)([0-9]+)", text)
+    if not number or int(number[2]) >= 1 << 64:
+        raise Uncaught("stoul")
+    return int(number[1] + number[2]) % (1 << 64)
+
+
+def parse_configuration(text):
+    config = dict(DEFAULTS)
+    for line in (line.strip(BLANKS) for line in text.split("\n")):
+        key, equals, value = (part.strip(BLANKS) for part in line.partition("="))
+        if line.startswith("#") or not equals or key not in config:
+            continue
+        config[key] = stoul(value) % (1 << 32) if isinstance(config[key], int) else value
+    return config
+
+
+def ini_pairs(text):
+    for line in (line.strip(BLANKS) for line in text.split("\n")):
+        if line and line[0] not in ";#[" and "=" in line:
+            key, _, value = line.partition("=")
+            yield key.strip(BLANKS), value.strip(BLANKS)
+
+
+def ini_lookup(text, wanted):
+    return next((value for key, value in ini_pairs(text) if key.lower() == wanted.lower()), "")
+
+
+def definition_index(text):
+    index = {}
+    for key, value in ini_pairs(text):
+        name = key[: -len(".sha256")]
+        if key.lower().endswith(".sha256") and name.lower().endswith(".def"):
+            index[name] = value.lower()
+    return index
+
+
+def escaped(text):
+    replacements = {"\t": "\\t", "\n": "\\n", "\r": "\\r", '"': '\\"', "\\": "\\\\"}
+    return "".join(replacements.get(char, char) for char in text)
+
+
+def decode(data):
+    return data.decode(errors="surrogateescape")
+
+
+class Daemon:
+    """One process of the daemon. Reads and changes the disk, whose history and log tell what it did on the way.
+
+    times has the last change of each directory before the run, in nanoseconds; the real outcome decides among
+    snapshots of equal age only: touched tells whether a key differs from before."""
+
+    def __init__(self, disk, mirror, times, touched, seen):
+        self.disk = disk
+        self.mirror = mirror
+        self.times = dict(times)
+        self.touched = touched
+        self.seen = seen
+
+    def start(self, path, text):
+        """The entry and the constructors, with the configuration's path and text; false when the process has ended."""
+        try:
+            self.config = dict(DEFAULTS) if text is None else parse_configuration(text)
+        except Uncaught:
+            self.seen["aborted by a malformed number"] += 1
+            return False
+        if text is None:
+            self.disk.log(f"warning could not read config {path}; using defaults")
+        if not self.config["mirror_base_url"]:
+            self.disk.log("warning config: mirror_base_url is not set (the updater will idle, performing no checks)")
+        elif not self.config["flavor"]:
+            self.disk.log("warning config: flavor is not set")
+        self.root = self.config["def_root"]
+        self.disk.make_directories(f"{self.root}/snapshots")
+        self.disk.make_directories(self.config["status_path"].rpartition("/")[0])
+        return True
+
+    def once(self, path, text):
+        """A run with --once; its exit status."""
+        try:
+            if not self.start(path, text):
+                return ABORTED
+            self.cycle()
+        except Uncaught:
+            return ABORTED
+        return 0
+
+    def loop(self, path, text, cycles=None, slices=None):
+        """A run of the loop to its exit status. SIGTERM comes in the last of so many cycles, or slices of waits."""
+        if not self.start(path, text):
+            return ABORTED
+        interval, jitter = self.config["poll_interval_s"], self.config["poll_jitter_s"]
+        self.disk.log(f"info zel_quorin_updater loop started (interval={interval}s jitter={jitter}s)")
+        failures = done = 0
+        while done != cycles and slices != 0:
+            wait = interval
+            try:
+                self.cycle()
+                failures = 0
+            except Uncaught as exception:
+                self.disk.log(f"err run_once exception: {exception}")
+                wait >>= min(failures, 3)
+                failures += 1
+            assert jitter <= 1, "more would depend on the time and the process id"
+            done += 1
+            for _ in range(0 if done == cycles else min(wait, slices)):
+                self.disk.log("nanosleep 1 0 same")
+                slices -= 1
+        self.disk.log("info zel_quorin_updater loop stopped")
+        return 0
+
+    def cycle(self):
+        self.seen["cycles"] += 1
+        active = self.active_version()
+        defid = self.fetch_defid()
+        if not defid:
+            return self.fail(active, "defId fetch failed")
+        if active == defid:
+            self.seen["current"] += 1
+            return self.write_status(active, NOW, "")
+        info = self.fetch_complete_info(defid)
+        if not info:
+            return self.fail(active, f"complete-info fetch failed for {defid}")
+        stage = f"{self.root}/snapshots/{defid}"
+        self.seen["staged in a directory that was there"] += self.disk.is_directory(stage)
+        self.disk.make_directories(stage)
+        error = self.stage(stage, *info)
+        if error:
+            self.disk.log(f"err run_once: staging failed: {error}")
+            self.disk.remove_all(stage)
+            return self.fail(active, error)
+        if not self.publish(defid):
+            return self.fail(active, "publish/flip failed")
+        self.prune(self.disk.resolve(stage))
+        self.write_status(defid, NOW, "")
+        self.seen["published"] += 1
+        self.disk.log(f"info def snapshot updated: {'none' if active is None else active} -> {defid}")
+
+    def fail(self, active, error):
+        self.seen[re.sub(" for .*| antivir.*| aivsecon.*", "", error)] += 1
+        self.write_status(active or "", 0, error)
+
+    # The mirror
+
+    def url(self, name):
+        return f"{self.config['mirror_base_url'].rstrip('/')}/{self.config['mirror_subdir'].strip('/')}/{name}"
+
+    def get(self, name):
+        body, error = self.mirror.answer(self.url(name))
+        if error:
+            self.disk.log(f"err GET {self.url(name)}: {error}")
+        return None if error else decode(body)
+
+    def fetch_defid(self):
+        text = self.get(f"antivir-{self.config['flavor']}-hit.ini")
+        if text is None:
+            return None
+        defid = ini_lookup(text, "defId")
+        if not defid:
+            self.disk.log("err parse_hit_defid: no [Current] defId")
+        return defid
+
+    def fetch_complete_info(self, defid):
+        """The name and the digest of the archive."""
+        text = self.get(f"antivir-{self.config['flavor']}-c-{defid}.ini")
+        if text is None:
+            return None
+        info = ini_lookup(text, "def.Current.name"), ini_lookup(text, "def.Current.SHA256")
+        if not all(info):
+            self.disk.log("err parse_complete_info: missing def.Current.name/SHA256")
+            return None
+        return info
+
+    def download(self, name, path):
+        part = f"{path}.part"
+        if not self.disk.truncate(part):
+            self.disk.log(f"err download_cab: cannot create {part}")
+            self.seen["part not created"] += 1
+            return False
+        body, error = self.mirror.answer(self.url(name))
+        if not error:
+            self.disk.write(part, body)
+            if self.disk.read(part) != body and len(body) >= STDIO_BUFFER:
+                error = "Failed writing received data to disk/application"
+                self.seen["disk full in the download"] += 1
+        if error:
+            self.disk.log(f"err download_cab {self.url(name)}: {error}")
+            self.disk.unlink(part)
+            return False
+        renamed = self.disk.rename(part, path)
+        self.seen["part not renamed"] += not renamed
+        return renamed
+
+    # Staging
+
+    def stage(self, stage, archive, digest):
+        """Everything between the announcement and the publication; the error's text."""
+        path = f"{stage}/{archive}"
+        if not self.download(archive, path):
+            return "download CAB"
+        if not self.matches(path, digest):
+            return "CAB sha256 mismatch"
+        if not self.extract(path, stage):
+            return "CAB extract"
+        self.disk.remove(path)
+        index = definition_index(decode(self.disk.read(f"{stage}/antivir-{self.config['flavor']}.ini") or b""))
+        names = [f"{kind}-{self.config['flavor']}.def" for kind in ("antivir", "aivsecon")]
+        for name in names:
+            if self.missing(f"{stage}/{name}"):
+                return f"CAB missing {name}"
+            if name in index and not self.matches(f"{stage}/{name}", index[name]):
+                return f"sha256 mismatch {name}"
+        self.seen["published without a digest"] += not index.keys() >= set(names)
+        self.disk.remove_entries(stage, [name for name in self.disk.children(stage) if name not in names])
+        self.seen["left a directory in a snapshot"] += len(self.disk.children(stage)) > 2
+        return ""
+
+    def matches(self, path, digest):
+        content = self.disk.read(path)
+        return content is not None and hashlib.sha256(content).hexdigest() == digest.lower()
+
+    def missing(self, path):
+        if self.disk.loops(path):
+            self.seen["exception while staging"] += 1
+            raise Uncaught(TOO_MANY_LINKS.format(path))
+        return self.disk.find(path) is None
+
+    def extract(self, path, stage):
+        archive = self.mirror.unpack(self.disk.read(path))
+        if archive.refusal:
+            self.disk.log(f"err extract: cannot open {path}: {archive.refusal}")
+            return False
+        written = []
+        for entry in archive.entries:
+            place = f"{stage}/{entry.name.rpartition('/')[2]}"
+            if not entry.name.rpartition("/")[2]:
+                continue  # the staging directory itself, which is there
+            if self.disk.find(place, follow=False) is not None and not self.disk.remove(place):
+                self.seen["entry in whose way a directory is"] += 1
+                return False
+            if entry.link:
+                self.disk.symlink(entry.content.decode(), place)
+                continue
+            self.disk.truncate(place)
+            self.disk.write(place, Broken(entry.content) if entry.broken else entry.content)
+            if entry.broken:
+                return False
+            written.append(place)
+        for place in written:
+            if self.disk.read(place) is None:  # a link that leads nowhere has taken its place
+                self.disk.log(f"warning fsync: open {place} failed")
+                self.seen["file to flush that is gone"] += 1
+        return True
+
+    # The store
+
+    def active_version(self):
+        link = self.disk.find(f"{self.root}/active", follow=False)
+        return link.target.rpartition("/")[2] if isinstance(link, Link) else None
+
+    def publish(self, defid):
+        active = f"{self.root}/active"
+        self.disk.unlink(f"{active}.tmp")
+        if not self.disk.symlink(f"snapshots/{defid}", f"{active}.tmp"):
+            self.disk.log(f"err publish: symlink {active}.tmp failed")
+            self.seen["link not made"] += 1
+            return False
+        if not self.disk.rename(f"{active}.tmp", active):
+            self.disk.log("err publish: rename to active failed")
+            self.disk.unlink(f"{active}.tmp")
+            self.seen["link not renamed"] += 1
+            return False
+        self.disk.log(f"info published def snapshot {defid}")
+        return True
+
+    def prune(self, staged):
+        self.times[staged] = self.times[END]
+        snapshots = f"{self.root}/snapshots"
+        candidates = [name for name in self.disk.children(snapshots) if self.is_candidate(f"{snapshots}/{name}")]
+        ages = {name: self.times[self.disk.resolve(f"{snapshots}/{name}")] for name in candidates}
+        keys = {name: self.disk.resolve(f"{snapshots}/{name}", follow=False) for name in candidates}
+        # Equal ages have no order: those that really went count as the older ones.
+        candidates.sort(key=lambda name: (ages[name], not self.touched(keys[name])))
+        excess = (len(candidates) - self.config["retained_snapshots"]) % (1 << 32)
+        excess -= (1 << 32) if excess >= 1 << 31 else 0
+        active = self.active_version()
+        links = {name: self.disk.nodes[key] for name, key in keys.items()}
+        removed = [name for name in candidates if name != active][: max(excess, 0)]
+        for name in removed:
+            self.disk.remove_all(f"{snapshots}/{name}")
+        self.seen["pruned"] += bool(removed)
+        self.seen["spared the one in service"] += any(ages[name] > ages[active] for name in removed)
+        self.seen["pruned one of equal age"] += any(
+            ages[name] == ages[other] for name in removed for other in candidates if other not in removed
+        )
+        self.seen["pruned a link"] += any(isinstance(links[name], Link) for name in removed)
+
+    def is_candidate(self, path):
+        if self.disk.loops(path):
+            self.seen["exception while pruning"] += 1
+            raise Uncaught(TOO_MANY_LINKS.format(path))
+        return self.disk.is_directory(path)
+
+    def write_status(self, version, success, error):
+        path = self.config["status_path"]
+        if not self.disk.truncate(path):
+            self.seen["status not written"] += 1
+            return
+        members = {
+            "active_version": version,
+            "engine_version": self.config["engine_version"],
+            "antivir_def_version": version,
+            "aivsecon_def_version": version,
+            "last_check_epoch": NOW,
+            "last_success_epoch": success,
+            "last_error": error,
+        }
+        lines = ['  "schema_version": 1']
+        for key, value in members.items():
+            lines.append(f'  "{key}": ' + (str(value) if key.endswith("epoch") else f'"{escaped(value)}"'))
+        text = "{\n" + ",\n".join(lines) + "\n}\n"
+        self.disk.write(path, text.encode(errors="surrogateescape"))

@@ -1,0 +1,239 @@
+"""A folder in memory: directories, files and links, the calls that the daemon makes of its file system, and every state
+that the folder goes through meanwhile, so that a run that was killed can be found among them."""
+
+import dataclasses
+import os
+
+DIRECTORY = "a directory"
+BLOCK = 4096  # bytes; what a tmpfs gives out at once
+HOPS = 40  # links that Linux follows in one path
+
+
+@dataclasses.dataclass(frozen=True)
+class Link:
+    target: str
+
+
+@dataclasses.dataclass(frozen=True)
+class Broken:
+    """A file of which only the first bytes could be unpacked; libarchive may make up its size with zeros."""
+
+    content: bytes
+
+    def allows(self, real):
+        kept = len(os.path.commonprefix([self.content, real]))
+        return not real[kept:].strip(b"\0") and len(real) in (kept, len(self.content))
+
+
+class _Loop(Exception):
+    """A path that leads through too many links."""
+
+
+@dataclasses.dataclass
+class State:
+    """The folder and the log at one moment, or while something goes on that has no order to rely on."""
+
+    nodes: dict
+    lines: list
+    written: str = ""  # this file may hold only the first bytes of its content
+    removed: frozenset = frozenset()  # some of these may be gone
+
+    def allows(self, nodes, lines, same):
+        return lines == self.lines and all(
+            self._allows(key, nodes.get(key), same) for key in nodes.keys() | self.nodes.keys()
+        )
+
+    def _allows(self, key, real, same):
+        node = self.nodes.get(key)
+        begun = key == self.written and isinstance(real, bytes) and isinstance(node, bytes) and node.startswith(real)
+        return same(node, real) or begun or (real is None and key in self.removed)
+
+
+def blocks(node):
+    return -(-len(node) // BLOCK) if isinstance(node, bytes) else 0
+
+
+def scan(folder):
+    """What there really is below a folder, and when each directory changed last: both by relative path."""
+    nodes, times = {"": DIRECTORY}, {}
+
+    def visit(key):
+        for entry in os.scandir(os.path.join(folder, key)):
+            child = f"{key}/{entry.name}".lstrip("/")
+            if entry.is_symlink():
+                nodes[child] = Link(os.readlink(entry.path))
+            elif entry.is_dir():
+                nodes[child] = DIRECTORY
+                times[child] = entry.stat().st_mtime_ns
+                visit(child)
+            else:
+                with open(entry.path, "rb") as file:
+                    nodes[child] = file.read()
+
+    visit("")
+    return nodes, times
+
+
+class Disk:
+    """Nodes by their path below the folder. The calls take absolute paths, as the daemon forms them."""
+
+    def __init__(self, folder):
+        self.folder = str(folder)
+        self.nodes = {"": DIRECTORY}
+        self.lines = []
+        self.history = []
+        self.free = None
+
+    def begin(self, nodes, free):
+        """Starts a run in a folder that is as told, with so many blocks free; None is plenty."""
+        self.nodes, self.lines, self.history, self.free = dict(nodes), [], [], free
+        self._remember()
+
+    def log(self, line):
+        self.lines.append(line)
+        self._remember()
+
+    def resolve(self, path, follow=True):
+        """The key that a path leads to, where nothing may be yet; None when there is no way to it."""
+        try:
+            return self._walk(path, follow)
+        except _Loop:
+            return None
+
+    def loops(self, path):
+        try:
+            self._walk(path, follow=True)
+            return False
+        except _Loop:
+            return True
+
+    def _walk(self, path, follow):
+        if not path.startswith(self.folder + "/"):
+            return None
+        key, hops = "", 0
+        pending = self._parts(path[len(self.folder) :])
+        while pending:
+            if self.nodes.get(key) is not DIRECTORY:
+                return None
+            part = pending.pop()
+            key = os.path.dirname(key) if part == ".." else f"{key}/{part}".lstrip("/")
+            node = self.nodes.get(key)
+            if isinstance(node, Link) and (pending or follow):
+                hops += 1
+                if hops > HOPS:
+                    raise _Loop
+                if node.target.startswith("/"):
+                    return None  # the tests' absolute links lead nowhere
+                key = os.path.dirname(key)
+                pending += self._parts(node.target)
+        return key
+
+    def find(self, path, follow=True):
+        key = self.resolve(path, follow)
+        return None if key is None else self.nodes.get(key)
+
+    def is_directory(self, path):
+        return self.find(path) is DIRECTORY
+
+    def children(self, path):
+        key = self.resolve(path)
+        if key is None or self.nodes.get(key) is not DIRECTORY:
+            return []
+        return [other[len(key) :].lstrip("/") for other in self.nodes if other and os.path.dirname(other) == key]
+
+    def read(self, path):
+        """A file's bytes; of a directory, which can be opened but not read, none; None for what cannot be opened."""
+        node = self.find(path)
+        return b"" if node is DIRECTORY else node
+
+    def make_directories(self, path):
+        for end in range(len(self.folder) + 1, len(path) + 1):
+            if end == len(path) or path[end] == "/":
+                if self.is_directory(path[:end]):
+                    continue
+                key = self.resolve(path[:end], follow=False)
+                if key is None or key in self.nodes:
+                    return
+                self._put(key, DIRECTORY)
+
+    def truncate(self, path):
+        """Creates or empties a file, through links; false when it cannot be opened for writing."""
+        key = self.resolve(path)
+        if key is None or self.nodes.get(key) is DIRECTORY:
+            return False
+        if self.nodes.get(os.path.dirname(key)) is not DIRECTORY:
+            return False
+        self._put(key, b"")
+        return True
+
+    def write(self, path, content):
+        """Writes into an empty file, as much as there is room for."""
+        key = self.resolve(path)
+        if self.free is not None:
+            content = content[: self.free * BLOCK]
+        self._put(key, content, written=key)
+
+    def unlink(self, path):
+        key = self.resolve(path, follow=False)
+        if key is None or self.nodes.get(key, DIRECTORY) is DIRECTORY:
+            return False
+        self._drop({key})
+        return True
+
+    def remove(self, path):
+        """Removes a file, a link or an empty directory; false when it does not."""
+        key = self.resolve(path, follow=False)
+        if key in self.nodes and self._below(key) == {key}:
+            self._drop({key})
+            return True
+        return False
+
+    def remove_entries(self, path, names):
+        """Removes entries of a directory that are not directories with something inside, in no known order."""
+        keys = {self.resolve(f"{path}/{name}", follow=False) for name in names}
+        self._drop({key for key in keys if self._below(key) == {key}})
+
+    def remove_all(self, path):
+        key = self.resolve(path, follow=False)
+        if key in self.nodes:
+            self._drop(self._below(key))
+
+    def symlink(self, target, path):
+        key = self.resolve(path, follow=False)
+        if key is None or key in self.nodes:
+            return False
+        self._put(key, Link(target))
+        return True
+
+    def rename(self, old, new):
+        """Renames a file or a link, onto another one if need be."""
+        source, destination = self.resolve(old, follow=False), self.resolve(new, follow=False)
+        if self.nodes.get(destination) is DIRECTORY:
+            return False
+        node = self.nodes.pop(source)
+        self._put(destination, node)
+        return True
+
+    @staticmethod
+    def _parts(path):
+        return [part for part in reversed(path.split("/")) if part not in ("", ".")]
+
+    def _below(self, key):
+        return {other for other in self.nodes if other == key or other.startswith(key + "/")}
+
+    def _put(self, key, node, written=""):
+        if self.free is not None:
+            self.free += blocks(self.nodes.get(key)) - blocks(node)
+        self.nodes[key] = node
+        self._remember(written=written)
+
+    def _drop(self, keys):
+        self._remember(removed=frozenset(keys))
+        for key in keys:
+            node = self.nodes.pop(key)
+            if self.free is not None:
+                self.free += blocks(node)
+        self._remember()
+
+    def _remember(self, **activity):
+        self.history.append(State(dict(self.nodes), list(self.lines), **activity))

@@ -1,0 +1,294 @@
+"""The releases that the model's mirror holds, good and flawed, and what the daemon's libraries make of them."""
+
+import dataclasses
+import hashlib
+import random
+import struct
+import zipfile
+
+import archives
+
+REFUSED = "HTTP response code said error"
+UNREACHABLE = "Couldn't connect to server"
+BAD_URL = "URL using bad/illegal format or missing URL"
+UNRECOGNIZED = "Unrecognized archive format"
+
+
+@dataclasses.dataclass(frozen=True)
+class Entry:
+    name: str
+    content: bytes
+    link: bool = False
+    broken: bool = False  # its data cannot be read
+
+
+@dataclasses.dataclass(frozen=True)
+class Archive:
+    """What is unpacked from an archive, entry by entry, or why it cannot be opened."""
+
+    entries: tuple = ()
+    refusal: str = ""
+
+
+MISSING_FLAWS = ("without the index", "without the first", "without the second")
+CONTENT_FLAWS = (
+    "index lacks the first",
+    "index lacks the second",
+    "index in upper case",
+    "index names in upper case",
+    "index wrong for the first",
+    "index wrong for the second",
+    "index wrong, then right",
+    "index right, then wrong",
+    "index with an empty digest",
+    "index in CRLF, with comments",
+    "first twice, bad one first",
+    "second twice, bad one last",
+    "nested names",
+    "more files",
+    "large",
+)
+ZIP_FLAWS = ("directory entries", "first links to itself", "first links nowhere", "first links to the second")
+ARCHIVE_FLAWS = (
+    "not an archive",
+    "empty archive",
+    "cut to 4 bytes",
+    "cut in the headers",
+    "cut in the data",
+    "cut tail",
+)
+ANNOUNCED_FLAWS = (
+    "archive not there",
+    "archive digest wrong",
+    "archive digest in upper case",
+    "archive named like the first",
+    "archive named like the index",
+    "archive in a subfolder",
+    "complete-info not there",
+    "complete-info without the name",
+    "complete-info without the digest",
+    "complete-info without more",
+    "complete-info of another id",
+    "complete-info with an odd size",
+    "complete-info with lines twice",
+)
+FLAWS = (MISSING_FLAWS, CONTENT_FLAWS, ZIP_FLAWS, ARCHIVE_FLAWS, ANNOUNCED_FLAWS)
+HITS = {
+    "plain": "[Current]\r\ndefId={}\r\n",
+    "without a section, in capitals": "DEFID = {}",
+    "after comments": "; defId=9\n# defId=8\n[Other]\nother=1\ndefId\t=\t{}\ndefId=7\n",
+    "empty id": "[Current]\ndefId=\ndefId={}\n",
+    "no id": "[Current]\nid={}\n",
+    "empty": "",
+}
+
+
+def definitions(version, container, flavor, flaws):
+    """The two definition files, in the archive's order."""
+    large = 9000 if "large" in flaws else 40
+    source = random.Random(f"{version} {container} {flavor} {large}")
+    return [(name, source.randbytes(large)) for name in archives.definition_names(flavor)]
+
+
+def index_text(files, flaws):
+    lines = []
+    for name, content, which in zip(*zip(*files), ("first", "second")):
+        digest = hashlib.sha256(content).hexdigest()
+        wrong = hashlib.sha256(digest.encode()).hexdigest()
+        if f"index wrong for the {which}" in flaws or "index names in upper case" in flaws:
+            digest = wrong
+        if "index with an empty digest" in flaws:
+            digest = ""
+        digests = [digest]
+        if "index wrong, then right" in flaws:
+            digests = [wrong, digest]
+        if "index right, then wrong" in flaws:
+            digests = [digest, wrong]
+        key = name.upper() if "index names in upper case" in flaws else name
+        if f"index lacks the {which}" not in flaws:
+            lines += [f"{key}.sha256 = {digest}" for digest in digests]
+    if "index in upper case" in flaws:
+        lines = [f"{key}.SHA256={digest.upper()}" for key, digest in (line.split(".sha256 = ") for line in lines)]
+    if "index in CRLF, with comments" in flaws:
+        return "\r\n".join(
+            ["[files]", f";{lines[0]}bad", f"{files[0][0]}.md5=1", *(f"\t{line} " for line in lines), ""]
+        )
+    return "".join(f"{line}\n" for line in lines)
+
+
+def entries_of(version, container, flavor, flaws):
+    first, second = definitions(version, container, flavor, flaws)
+    entries = [Entry(*first), Entry(*second)]
+    if "first twice, bad one first" in flaws:
+        entries.insert(0, Entry(f"old/{first[0]}", b"old"))
+    if "second twice, bad one last" in flaws:
+        entries.append(Entry(f"new/{second[0]}", b"bad"))
+    if "without the first" in flaws:
+        entries = [entry for entry in entries if not entry.name.endswith(first[0])]
+    if "without the second" in flaws:
+        entries = [entry for entry in entries if not entry.name.endswith(second[0])]
+    if "without the index" not in flaws:
+        entries.insert(0, Entry(f"antivir-{flavor}.ini", index_text([first, second], flaws).encode()))
+    if "more files" in flaws:
+        entries += [Entry("readme.txt", b"read me"), Entry("antivir-v9.def", b"of another flavor")]
+    if "nested names" in flaws:
+        entries = [Entry(f"some/where/{entry.name}", entry.content) for entry in entries]
+    if container == "zip":
+        entries = with_links_and_directories(entries, first[0], second[0], flaws)
+    return entries
+
+
+def with_links_and_directories(entries, first, second, flaws):
+    targets = {"itself": first, "nowhere": "none.def", "to the second": second}
+    for flaw, target in targets.items():
+        if f"first links {flaw}" in flaws or f"first links to {flaw}" in flaws:
+            entries = [
+                dataclasses.replace(entry, content=target.encode(), link=True) if entry.name == first else entry
+                for entry in entries
+            ]
+    if "directory entries" in flaws:
+        entries = [Entry("some/", b""), *entries, Entry("some/more/", b"")]
+    return entries
+
+
+def build(path, container, entries, flaws):
+    """Writes the archive; its bytes, and what is unpacked from them."""
+    if container == "cab":
+        archives.write_cab(path, [(entry.name, entry.content) for entry in entries])
+    else:
+        archives.write_zip(path, [(zip_info(entry), entry.content) for entry in entries])
+    data = path.read_bytes()
+    if "not an archive" in flaws:
+        return b"neither a CAB nor a ZIP" * 20, Archive(refusal=UNRECOGNIZED)
+    if "empty archive" in flaws:
+        return b"", Archive(refusal=UNRECOGNIZED)
+    if "cut to 4 bytes" in flaws:
+        return data[:3], Archive(refusal=UNRECOGNIZED)
+    cut = cut_cab if container == "cab" else cut_zip
+    for flaw in flaws:
+        if flaw.startswith("cut "):
+            return cut(path, data, entries, flaw)
+    return data, Archive(tuple(entries))
+
+
+def zip_info(entry):
+    info = zipfile.ZipInfo(entry.name)
+    info.create_system = 3  # Unix, whose modes tell links and directories
+    info.external_attr = (0o120777 if entry.link else 0o40755 if entry.name.endswith("/") else 0o100644) << 16
+    info.compress_type = zipfile.ZIP_STORED if entry.link or entry.name.endswith("/") else zipfile.ZIP_DEFLATED
+    return info
+
+
+def broken(entry):
+    return dataclasses.replace(entry, broken=True)
+
+
+def cut_cab(_path, data, entries, flaw):
+    """All headers come first. When they are not whole, there are no entries; else the first one's data is missing."""
+    first_block = struct.unpack_from("<I", data, 36)[0]
+    if flaw == "cut in the headers":
+        return data[: first_block - 2], Archive()
+    size = first_block + 12 if flaw == "cut in the data" else len(data) - 1
+    return data[:size], Archive((broken(entries[0]),))
+
+
+def cut_zip(path, data, entries, flaw):
+    """Without its central directory, a ZIP is read from the start, which tells no links; what is whole comes out."""
+    entries = [dataclasses.replace(entry, link=False) for entry in entries]
+    with zipfile.ZipFile(path) as archive:
+        last = archive.infolist()[-1]
+        central = archive.start_dir
+    if flaw == "cut in the headers":
+        return data[: last.header_offset + 20], Archive(tuple(entries[:-1]))
+    if flaw == "cut in the data":
+        middle = next(info for info, entry in zip(archive.infolist(), entries) if entry.content)
+        number = archive.infolist().index(middle)
+        size = middle.header_offset + 30 + len(middle.filename) + middle.compress_size // 2
+        return data[:size], Archive((*entries[:number], broken(entries[number])))
+    return data[: central + 10], Archive(tuple(entries))
+
+
+def complete_info(version, archive, data, flaws):
+    digest = hashlib.sha256(data).hexdigest()
+    if "archive digest wrong" in flaws:
+        digest = digest[::-1]
+    if "archive digest in upper case" in flaws:
+        digest = digest.upper()
+    values = {"defId": version, "name": archive, "SHA256": digest, "size": len(data)}
+    if "complete-info of another id" in flaws:
+        values["defId"] = "9999"
+    if "complete-info with an odd size" in flaws:
+        values["size"] = "none"
+    if "complete-info without the name" in flaws:
+        del values["name"]
+    if "complete-info without the digest" in flaws:
+        values["SHA256"] = ""
+    if "complete-info without more" in flaws:
+        del values["defId"], values["size"]
+    lines = [f"def.Current.{key}={value}" for key, value in values.items()]
+    if "complete-info with lines twice" in flaws:
+        lines += ["def.current.NAME=other", "DEF.Current.sha256=00", "def.Current.size=99999999999999999999"]
+    return "\r\n".join(["[def.Current]", "; def.Current.name=comment", *lines, ""])
+
+
+class ModelMirror:
+    """What lies on the mirror, by name below its subdirectory, written to the real one too."""
+
+    def __init__(self, mirror, url, scratch):
+        self.mirror = mirror
+        self.url = url
+        self.scratch = scratch
+        self.announced = ""  # the latest id
+        self.files = {}
+        self.unpacked = {}
+
+    def write(self, name, content):
+        self.files[name] = content if isinstance(content, bytes) else content.encode()
+        self.mirror.path(name).parent.mkdir(exist_ok=True)
+        self.mirror.write(name, content)
+
+    def remove(self, name):
+        if self.files.pop(name, None) is not None:
+            self.mirror.path(name).unlink()
+
+    def publish(self, version, container, flavor, flaws):
+        if set(flaws) & set(ZIP_FLAWS):
+            container = "zip"
+        entries = entries_of(version, container, flavor, flaws)
+        data, unpacked = build(self.scratch, container, entries, flaws)
+        self.unpacked[data] = unpacked
+        archive = self.archive_name(version, flavor, flaws)
+        self.write(archive, data)
+        if "archive not there" in flaws:
+            self.remove(archive)
+        info = f"antivir-{flavor}-c-{version}.ini"
+        self.write(info, complete_info(version, archive, data, flaws))
+        if "complete-info not there" in flaws:
+            self.remove(info)
+        self.announce(version, flavor, "plain")
+
+    def announce(self, version, flavor, style):
+        self.announced = version
+        self.write(f"antivir-{flavor}-hit.ini", HITS[style].format(version))
+
+    @staticmethod
+    def archive_name(version, flavor, flaws):
+        if "archive named like the first" in flaws:
+            return f"antivir-{flavor}.def"
+        if "archive named like the index" in flaws:
+            return f"antivir-{flavor}.ini"
+        if "archive in a subfolder" in flaws:
+            return "sub/release"
+        return f"{version}.archive"
+
+    def answer(self, url):
+        """What a request yields: the body, or the error's text."""
+        if not url.startswith("https:") or " " in url:
+            return None, BAD_URL
+        if not url.startswith(f"{self.url}/"):
+            return None, UNREACHABLE
+        body = self.files.get(url.removeprefix(f"{self.url}/{self.mirror.subdir}/"))
+        return (None, REFUSED) if body is None else (body, "")
+
+    def unpack(self, data):
+        return self.unpacked.get(data, Archive(refusal=UNRECOGNIZED))
