@@ -130,6 +130,15 @@ def test_refused_digest_is_a_mismatch(gateway, mirror, fault, freed):
     gateway.expect_status("", "CAB sha256 mismatch")
 
 
+@pytest.mark.parametrize("announced", ["0", "~"])
+def test_refused_digest_matches_no_announcement_however_short(gateway, mirror, announced):
+    mirror.publish("1001")
+    ini = mirror.path("antivir-v2-c-1001.ini")
+    ini.write_text(re.sub("SHA256=.*", f"SHA256={announced}", ini.read_text()))
+    calls = run(gateway, "EVP_MD_CTX_new:1:0")
+    assert messages(calls) == ["err run_once: staging failed: CAB sha256 mismatch"]
+
+
 def test_failed_update_of_the_digest_is_not_looked_at(gateway, mirror):
     mirror.publish("1001")
     calls = run(gateway, "EVP_DigestUpdate:1:0")
@@ -444,6 +453,16 @@ def test_failed_staging_is_logged_then_removed_then_told_by_the_status(gateway, 
     removed = position(trace, "rmdir(", 'snapshots/1001"')
     status = position(trace, "openat(", '/status/status.json"')
     assert logged < removed < status
+
+
+def test_refused_files_are_removed_at_one_go_without_a_sweep(gateway, mirror):
+    entries = mirror.entries("1001")
+    entries[1] = (entries[1][0], b"tampered")
+    mirror.publish("1001", entries)
+    trace = disk_trace(gateway)
+    swept = [line for line in trace if line.startswith("unlink(") and "/snapshots/1001/" in line]
+    assert ["antivir-v2-1001.cab" in line for line in swept] == [True]  # taken away once it is unpacked
+    position(trace, "unlinkat(", '"antivir-v2.ini"')
 
 
 def test_directories_are_made_after_the_handle_in_order(gateway):
