@@ -40,3 +40,18 @@ def test_reader_tells_missing_links_and_mixed_sets(tmp_path):
     with Reader(tmp_path) as reader:
         pass
     assert reader.lookups == reader.vanished > 0
+
+
+def test_reader_misses_nothing_during_hundreds_of_updates(gateway, mirror, request, record_property):
+    count = 2000 if request.config.getoption("--all") else 200
+    gateway.settings["retained_snapshots"] = 10  # so that none is pruned while the reader has it open
+    mirror.publish("1000")
+    gateway.run_once()
+    with Reader(gateway.root) as reader:
+        for number in range(1001, 1001 + count):
+            mirror.publish(str(number))
+            assert gateway.run_once() == published(str(number), str(number - 1))
+    assert (reader.misses, reader.vanished, reader.mixed) == (0, 0, 0)
+    assert reader.lookups > count
+    record_property("updates_read", count)
+    record_property("lookups_of_the_link", reader.lookups)
