@@ -195,6 +195,7 @@ def extract_seeds():
         "zip-duplicates": zip_of([("a", b"1", regular), ("b/a", b"22", regular), ("A", b"3", regular)]),
         "zip-link-outside": zip_of([("l", b"../other", link), ("l", b"through the link", regular)]),
         "zip-link-chain": zip_of([("a", b"b", link), ("b", b"..", link), ("a/other", b"x", regular)]),
+        "zip-link-to-itself": zip_of([("x", b"x", link), ("y", b"y", regular)]),
         "zip-link-as-stage": zip_of([("/", b"..", link), (".", b"..", link), ("..", b"/", link), ("x", b"x", regular)]),
         "zip-replaces-itself": zip_of([("archive", b"x", regular), ("y", b"y", regular)]),
         "zip-modes": zip_of([(f"m{mode:o}", b"x", stat.S_IFREG | mode) for mode in (0, 0o4755, 0o2755, 0o1777)]),
