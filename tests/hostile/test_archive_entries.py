@@ -56,6 +56,7 @@ class Site:
         mirror.publish("1001")
         assert gateway.run_once() == published("1001")
         self.version = "1001"
+        self.before = self.tree()
 
     def tree(self):
         """All there is, less what every check writes anew."""
@@ -72,14 +73,14 @@ class Site:
     def run(self):
         return self.gateway.run_once()
 
-    def tree_with(self, version, contents, mode=0o755):
+    def tree_with(self, version, contents, mode=None):
         """The tree once a snapshot with these contents is in service, and all others are pruned."""
         kept = {name: what for name, what in self.before.items() if not name.startswith("defs/snapshots/")}
         folder = f"defs/snapshots/{version}"
         return {
             **kept,
             "defs/active": f"-> snapshots/{version}",
-            folder: f"4{mode:04o}",
+            folder: self.before["defs/snapshots"] if mode is None else f"4{mode:04o}",
             **{f"{folder}/{name}": what for name, what in contents.items()},
         }
 
@@ -91,7 +92,7 @@ class Site:
         self.gateway.expect_status("1001", reason)
         self.expect_good_release()
 
-    def expect_published(self, archive, contents, mode=0o755, lines=()):
+    def expect_published(self, archive, contents, mode=None, lines=()):
         self.put(archive)
         self.before = self.tree()
         assert self.run() == [*lines, *published("1002", "1001")]
@@ -212,7 +213,7 @@ def test_directory_that_lies_in_the_staging_directory_already_stays_when_it_hold
     left.mkdir(parents=True)
     (left / "file").write_text("left\n")
     (left.parent / "empty").mkdir()
-    stays = {"sub": "40755", "sub/file": f"100644 {b'left' + bytes([10])!r}"}
+    stays = {"sub": f"{left.stat().st_mode:o}", "sub/file": tree(left)["file"]}
     site.expect_published(zip_bytes(new()), files(**stays))
 
 
