@@ -1,7 +1,9 @@
 """What all tests share: a certificate authority and an nginx per session, and a gateway per test."""
 
 import collections
+import pathlib
 import socket
+import tempfile
 
 import pytest
 import trustme
@@ -52,6 +54,17 @@ def gateway(nginx, mirror, tmp_path):
     machine = Gateway(tmp_path, mirror_base_url=nginx.url(), mirror_subdir=mirror.subdir, ca_path=nginx.ca_path)
     yield machine
     machine.end_all()
+
+
+@pytest.fixture
+def gateway_in_memory(nginx, mirror):
+    """For tests of very many archives: each is flushed, which takes its time on a disk."""
+    with tempfile.TemporaryDirectory(dir="/dev/shm", prefix="zqu-") as folder:
+        machine = Gateway(
+            pathlib.Path(folder), mirror_base_url=nginx.url(), mirror_subdir=mirror.subdir, ca_path=nginx.ca_path
+        )
+        yield machine
+        machine.end_all()
 
 
 @pytest.fixture

@@ -1,17 +1,80 @@
-// Feeds the extraction. Whatever the archive holds, nothing outside the destination may come into being.
+// Feeds the extraction with what may be a CAB or a ZIP, from within its destination as the daemon does. Whatever the
+// archive holds, what lies beside the destination must stay as it is, and nothing may come to be there.
+//
+// The archive may ask for anything: the target gives up the superuser's rights, and no file may grow large.
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
 #include <filesystem>
+#include <set>
+#include <string>
 
 #include "fuzz_file.hpp"
+#include "text_lines.hpp"
 #include "verifier.hpp"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const zqu::fuzz::File file(data, size);
-    const std::string dest = file.folder() + "/dest";
-    static_cast<void>(zqu::verifier::extract(file.path(), dest));
-    for (const auto& entry : std::filesystem::directory_iterator(file.folder())) {
-        if (entry.path() != dest && entry.path() != file.path()) {
-            __builtin_trap();
-        }
+namespace {
+
+namespace fs = std::filesystem;
+
+bool enter_sandbox() {
+    constexpr rlim_t largest_file = 1 << 20;
+    constexpr uid_t nobody = 65534;
+    const rlimit limit{largest_file, largest_file};
+    zqu::fuzz::require(setrlimit(RLIMIT_FSIZE, &limit) == 0 && std::signal(SIGXFSZ, SIG_IGN) != SIG_ERR);
+    if (geteuid() == 0) {
+        zqu::fuzz::require(setgid(nobody) == 0 && setuid(nobody) == 0);
     }
+    umask(0077);
+    return true;
+}
+
+void make_accessible(const std::string& folder) {
+    zqu::fuzz::require(chmod(folder.c_str(), S_IRWXU) == 0);
+}
+
+std::set<std::string> names_in(const std::string& folder) {
+    std::set<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        names.insert(entry.path().filename().string());
+    }
+    return names;
+}
+
+// Directories that the archive made may have a mode that keeps even their owner from removing them.
+void empty_out(const std::string& folder) {
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        if (fs::is_directory(entry.symlink_status())) {
+            make_accessible(entry.path());
+            zqu::fuzz::require(names_in(entry.path()).empty());
+        }
+        fs::remove(entry.path());
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const bool in_sandbox = enter_sandbox();
+    zqu::fuzz::require(in_sandbox);
+    const zqu::fuzz::Folder folder;
+    const std::string stage = folder / "stage";
+    const std::string other = folder / "other";
+    fs::create_directory(stage);
+    zqu::fuzz::write_file(stage + "/archive", data, size);
+    zqu::fuzz::write_file(other, data, size);
+
+    static_cast<void>(zqu::verifier::extract(stage + "/archive", stage));
+
+    make_accessible(folder.path());  // an entry named ".." sets the mode of the folder above
+    zqu::fuzz::require(names_in(folder.path()) == std::set<std::string>{"other", "stage"});
+    struct stat after {};
+    zqu::fuzz::require(lstat(other.c_str(), &after) == 0 && S_ISREG(after.st_mode) && after.st_nlink == 1);
+    zqu::fuzz::require(zqu::fuzz::read_file(other) == zqu::fuzz::to_string(data, size));
+    zqu::fuzz::require(fs::is_directory(fs::symlink_status(stage)));
+    make_accessible(stage);
+    empty_out(stage);
     return 0;
 }

@@ -1,4 +1,4 @@
-// The input of a fuzz target as a file, in a folder of its own in memory.
+// The input of a fuzz target as text, and as a file in a folder of its own in memory.
 #pragma once
 
 #include <cstddef>
@@ -8,29 +8,55 @@
 #include <fstream>
 #include <string>
 
+// What every target defines, and both libFuzzer and the replay of a corpus call.
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
 namespace zqu::fuzz {
+
+inline std::string to_string(const std::uint8_t* data, std::size_t size) {
+    return {reinterpret_cast<const char*>(data), size};
+}
+
+inline void write_file(const std::string& path, const std::uint8_t* data, std::size_t size) {
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+}
+
+inline std::string read_file(const std::string& path) {
+    std::string content(std::filesystem::file_size(path), '\0');
+    std::ifstream(path, std::ios::binary).read(content.data(), static_cast<std::streamsize>(content.size()));
+    return content;
+}
+
+class Folder {
+public:
+    Folder() : path_("/dev/shm/zqu-fuzz-XXXXXX") {
+        if (mkdtemp(path_.data()) == nullptr) {
+            std::abort();
+        }
+    }
+    ~Folder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+
+    [[nodiscard]] const std::string& path() const { return path_; }
+    [[nodiscard]] std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
 
 class File {
 public:
-    File(const std::uint8_t* data, std::size_t size) : folder_("/dev/shm/zqu-fuzz-XXXXXX") {
-        if (mkdtemp(folder_.data()) == nullptr) {
-            std::abort();
-        }
-        std::ofstream(path(), std::ios::binary)
-            .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
-    }
-    ~File() {
-        std::error_code ignored;
-        std::filesystem::remove_all(folder_, ignored);
-    }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
+    File(const std::uint8_t* data, std::size_t size) { write_file(path(), data, size); }
 
-    [[nodiscard]] const std::string& folder() const { return folder_; }
-    [[nodiscard]] std::string path() const { return folder_ + "/input"; }
+    [[nodiscard]] std::string path() const { return folder_ / "input"; }
 
 private:
-    std::string folder_;
+    Folder folder_;
 };
 
 }  // namespace zqu::fuzz

@@ -3,6 +3,7 @@
 import json
 import os
 import pathlib
+import stat
 import subprocess
 import textwrap
 import time
@@ -32,6 +33,22 @@ def listing(root):
             else:
                 names.append(relative + ("/" if os.path.isdir(path) else ""))
     return sorted(names)
+
+
+def tree(root):
+    """Everything below root with its type and mode: files with their content, links with their target."""
+    found = {}
+    for name in listing(root):
+        name = name.split(" -> ")[0].rstrip("/")
+        path = os.path.join(root, name)
+        mode = os.lstat(path).st_mode
+        if stat.S_ISLNK(mode):
+            found[name] = f"-> {os.readlink(path)}"
+        elif stat.S_ISREG(mode):
+            found[name] = f"{mode:o} {pathlib.Path(path).read_bytes()!r}"
+        else:
+            found[name] = f"{mode:o}"
+    return found
 
 
 def snapshot_listing(active, *versions, flavor="v2"):

@@ -1,0 +1,36 @@
+// Feeds the reader of the complete-info INI through the mirror client, from a mirror of local files, and compares the
+// record that it yields with what the rules of the file give.
+#include <cerrno>
+#include <cstdlib>
+#include <optional>
+#include <string>
+
+#include "mirror_ini.hpp"
+
+namespace {
+
+long number_in(const std::string& value) {
+    errno = 0;
+    const long number = std::strtol(value.c_str(), nullptr, 10);  // no digits: 0
+    return errno == ERANGE ? 0 : number;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static zqu::fuzz::LocalMirror mirror;
+    mirror.serve("antivir-v2-c-7.ini", data, size);
+    const auto got = mirror.client().fetch_complete_info("7");
+
+    const auto value = [text = zqu::fuzz::to_string(data, size)](const std::string& key) {
+        return zqu::fuzz::first_value(text, "def.current." + key).value_or("");
+    };
+    zqu::fuzz::require(got.has_value() == (!value("name").empty() && !value("sha256").empty()));
+    if (got) {
+        zqu::fuzz::require(got->cab_name == value("name"));
+        zqu::fuzz::require(got->sha256 == value("sha256"));
+        zqu::fuzz::require(got->defid == (value("defid").empty() ? "7" : value("defid")));
+        zqu::fuzz::require(got->size == number_in(value("size")));
+    }
+    return 0;
+}

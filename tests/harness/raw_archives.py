@@ -1,0 +1,132 @@
+"""CABs and ZIPs put together field by field, so that a test can have any of them wrong."""
+
+import dataclasses
+import stat
+import struct
+import zlib
+
+import archives
+from mirrors import sha256
+
+REGULAR = stat.S_IFREG | 0o644
+LINK = stat.S_IFLNK | 0o777
+UNIX = 3  # the "made by" system of a ZIP entry whose mode counts
+
+
+@dataclasses.dataclass
+class Entry:
+    """An entry; of a ZIP's fields, whatever is given replaces what follows from the content."""
+
+    name: bytes | str
+    content: bytes = b""
+    mode: int = REGULAR
+    packed: bytes | None = None  # the content as it is stored, when a method packs it
+    fields: dict = dataclasses.field(default_factory=dict)
+
+    def __post_init__(self):
+        if isinstance(self.name, str):
+            self.name = self.name.encode()
+
+    def zip_fields(self):
+        packed = self.content if self.packed is None else self.packed
+        return {
+            "system": UNIX,
+            "needed": 20,
+            "flags": 0,
+            "method": 0,
+            "time": 0,
+            "date": 0x5921,
+            "crc": zlib.crc32(self.content),
+            "packed_size": len(packed),
+            "size": len(self.content),
+            "local_extra": b"",
+            "central_extra": b"",
+            "external": self.mode << 16,
+            **self.fields,
+        }
+
+
+def release(text):
+    """The entries of a release; the index comes first, as zqu-mirror writes it."""
+    definitions = [Entry(name, f"{name} {text}\n".encode()) for name in archives.definition_names()]
+    index = "".join(f"{entry.name.decode()}.sha256={sha256(entry.content)}\n" for entry in definitions)
+    return [Entry("antivir-v2.ini", index.encode()), *definitions]
+
+
+def deflated(name, content, mode=REGULAR):
+    deflate = zlib.compressobj(9, zlib.DEFLATED, -15)
+    packed = deflate.compress(content) + deflate.flush()
+    return Entry(name, content, mode, packed, {"method": 8})
+
+
+def zip_local(entry):
+    f = entry.zip_fields()
+    shared = [f[name] for name in ("needed", "flags", "method", "time", "date", "crc", "packed_size", "size")]
+    header = struct.pack("<4s5H3I2H", b"PK\3\4", *shared, len(entry.name), len(f["local_extra"]))
+    return header + entry.name + f["local_extra"] + (entry.content if entry.packed is None else entry.packed)
+
+
+def zip_central(entry, offset):
+    f = entry.zip_fields()
+    shared = [f[name] for name in ("needed", "flags", "method", "time", "date", "crc", "packed_size", "size")]
+    header = struct.pack("<4sBB5H3I", b"PK\1\2", 30, f["system"], *shared)
+    header += struct.pack("<5H2I", len(entry.name), len(f["central_extra"]), 0, 0, 0, f["external"], offset)
+    return header + entry.name + f["central_extra"]
+
+
+def zip_end(count, size, offset, comment=b""):
+    return struct.pack("<4s4H2IH", b"PK\5\6", 0, 0, count, count, size, offset, len(comment)) + comment
+
+
+def zip_bytes(entries, prefix=b"", offsets=None):
+    """A ZIP of these entries; offsets replace the places where the central directory says they begin."""
+    body, places = prefix, []
+    for entry in entries:
+        places.append(len(body))
+        body += zip_local(entry)
+    central = b"".join(zip_central(entry, place) for entry, place in zip(entries, offsets or places))
+    return body + central + zip_end(len(entries), len(central), len(body))
+
+
+def cab_checksum(data, start=0):
+    """CFDATA's checksum: the exclusive or of 32-bit words, the last bytes taken from the most significant one."""
+    result = start
+    whole = len(data) // 4 * 4
+    for (word,) in struct.iter_unpack("<I", data[:whole]):
+        result ^= word
+    return result ^ int.from_bytes(data[whole:], "big")
+
+
+def cab_data(data, size=None, checksum=True, reserve=b""):
+    """One CFDATA block, whose content is size bytes once unpacked."""
+    sizes = struct.pack("<HH", len(data), len(data) if size is None else size)
+    total = cab_checksum(sizes + reserve, cab_checksum(data)) if checksum else 0
+    return struct.pack("<I", total) + sizes + reserve + data
+
+
+def cab_file(name, size, offset, folder=0, attributes=0x20):
+    name = name if isinstance(name, bytes) else name.encode()
+    return struct.pack("<IIHHHH", size, offset, folder, 0x5921, 0, attributes) + name + b"\0"
+
+
+def cab_bytes(entries, blocks=None, method=0, flags=0, extra=b"", reserves=(b"", b""), checksum=True, **replaced):
+    """A CAB of one folder. Blocks (the CFDATA) default to one with all contents, stored. The extra bytes stand behind
+    the header, as flags tell; reserves are those of the folder and of the data block."""
+    data = b"".join(entry.content for entry in entries)
+    blocks = [cab_data(data, checksum=checksum, reserve=reserves[1])] if blocks is None else blocks
+    files, offset = b"", 0
+    for entry in entries:
+        files += cab_file(entry.name, len(entry.content), offset)
+        offset += len(entry.content)
+    first_file = 36 + len(extra) + 8 + len(reserves[0])
+    position = first_file + len(files)
+    fields = {
+        "total": position + sum(map(len, blocks)),
+        "first_file": first_file,
+        "folders": 1,
+        "files": len(entries),
+        **replaced,
+    }
+    header = struct.pack("<4sIIIIIBB", b"MSCF", 0, fields["total"], 0, fields["first_file"], 0, 3, 1)
+    header += struct.pack("<HHHHH", fields["folders"], fields["files"], flags, 0, 0) + extra
+    return header + struct.pack("<IHH", position, len(blocks), method) + reserves[0] + files + b"".join(blocks)
