@@ -1,0 +1,45 @@
+"""Copies of the sources, changed in one place and built elsewhere: the tree itself is never touched."""
+
+import pathlib
+import shutil
+import subprocess
+
+REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
+
+
+def copy_sources(target):
+    """Copies every file that git knows, or would know, to a new folder."""
+    listed = subprocess.run(
+        ["git", "-C", REPOSITORY, "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
+        capture_output=True,
+        text=True,
+        check=True,
+    ).stdout
+    for name in filter(None, listed.split("\0")):
+        if (REPOSITORY / name).is_file():
+            (target / name).parent.mkdir(parents=True, exist_ok=True)
+            shutil.copy2(REPOSITORY / name, target / name)
+    return target
+
+
+def replace_once(path, before, after):
+    """Replaces the only occurrence of a text in a file; that there is just one is part of the promise."""
+    text = path.read_text()
+    assert text.count(before) == 1, f"{path.name} holds {text.count(before)} times: {before}"
+    path.write_text(text.replace(before, after))
+
+
+def configure(source, *options, folder="build"):
+    return subprocess.run(["cmake", "-S", source, "-B", source / folder, *options], capture_output=True, text=True)
+
+
+def build(source, *options, folder="build", targets=(), jobs=2):
+    """Configures and builds a copy of the sources; returns the folder with the programs."""
+    process = configure(source, *options, folder=folder)
+    assert process.returncode == 0, process.stderr
+    chosen = ["--target", *targets] if targets else []
+    process = subprocess.run(
+        ["cmake", "--build", source / folder, "--parallel", str(jobs), *chosen], capture_output=True, text=True
+    )
+    assert process.returncode == 0, process.stdout + process.stderr
+    return source / folder
