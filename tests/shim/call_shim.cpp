@@ -35,7 +35,14 @@ Function next(Function, const char* name) {
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
-// True for an address inside the program itself.
+// True once main has ended. What the program does then is not the daemon's own: gcov writes its counts, for one.
+bool ended() {
+    static bool result = false;
+    static const int registered = std::atexit([] { result = true; });
+    return registered != 0 || result;
+}
+
+// True for an address inside the program itself, as long as that runs.
 bool in_program(const void* address) {
     static const void* const program = [] {
         Dl_info info{};
@@ -43,7 +50,7 @@ bool in_program(const void* address) {
         return info.dli_fbase;
     }();
     Dl_info info{};
-    return dladdr(address, &info) != 0 && info.dli_fbase == program;
+    return !ended() && dladdr(address, &info) != 0 && info.dli_fbase == program;
 }
 
 template <typename... Items>
