@@ -292,4 +292,12 @@ int nanosleep(const timespec* request, timespec* remainder) {
     return fake_clock->on_sleep ? fake_clock->on_sleep(request, remainder) : 0;
 }
 
+int fsync(int fd) {
+    using zqu::test::fake_clock;
+    if (fake_clock != nullptr && fake_clock->on_flush) {
+        fake_clock->on_flush();
+    }
+    return static_cast<int>(::syscall(SYS_fsync, fd));
+}
+
 }  // extern "C"

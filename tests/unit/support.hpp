@@ -123,6 +123,8 @@ public:
     // What nanosleep(2) does: receives request and remainder, returns its result. Unset: it returns 0 at once.
     std::function<int(const timespec* request, timespec* remainder)> on_sleep;
     std::vector<timespec> sleeps;  // all requests so far
+    // Called before each fsync(2), which then takes its course.
+    std::function<void()> on_flush;
 };
 
 }  // namespace zqu::test

@@ -216,6 +216,13 @@ INSTANTIATE_TEST_SUITE_P(
                       WaitCase{"LongRow", 16, std::vector<bool>(10, true), {16, 8, 4, 2, 2, 2, 2, 2, 2, 2}}),
     [](const auto& param) { return param.param.verdict; });
 
+TEST_F(RunLoopTest, ExceptionOfAnotherTypePassesThrough) {
+    std::filesystem::remove(cfg_.def_root + "/active");
+    clock_.on_flush = [] { throw 42; };
+    EXPECT_THROW(static_cast<void>(waits_after({})), int);
+    EXPECT_EQ(log_.take(), Lines{loop_log().front()});
+}
+
 TEST_F(RunLoopTest, JitterComesFromProcessIdAndTime) {
     cfg_.poll_jitter_s = 120;
     // 4242 * 2654435761 + 1800000000 = 11261916498162, and 42 more than a multiple of 120
