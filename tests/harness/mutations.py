@@ -210,21 +210,30 @@ class _Finder:
             self._statements(list(cursor.get_children()), is_function=body is not None)
 
     def _condition(self, condition):
-        if condition.kind.is_expression():
-            start, end = self._range(condition)
+        """Makes a condition always hold, and never; a comparison and a negation are turned round elsewhere."""
+        start, end = self._range(condition)
+        while condition.kind == CursorKind.UNEXPOSED_EXPR and len(list(condition.get_children())) == 1:
+            (condition,) = condition.get_children()
+        operator = self._split(condition)[1]
+        negated = self._text(start, end).startswith("!") and operator not in ("&&", "||")
+        if condition.kind.is_expression() and operator not in COMPARISONS and not negated:
             self._add("condition", start, end, "true")
             self._add("condition", start, end, "false")
 
     def _operands(self, cursor):
         """Leaves one operand of a conjunction, of a set of flags or of a joined text out."""
-        parts = [child for child in cursor.get_children() if child.kind.is_expression()]
-        if len(parts) < 2:
-            return
-        left, right = self._range(parts[0]), self._range(parts[-1])
-        operator = self._text(left[1], right[0]).strip()
+        left, operator, right = self._split(cursor)
         if operator in ("&&", "||", "|") or cursor.spelling == "operator+":
             self._add("operand", left[0], right[0], "")
             self._add("operand", left[1], right[1], "")
+
+    def _split(self, cursor):
+        """The ranges of both operands of an expression and the operator between them, which is empty without."""
+        parts = [child for child in cursor.get_children() if child.kind.is_expression()]
+        if len(parts) < 2:
+            return (0, 0), "", (0, 0)
+        left, right = self._range(parts[0]), self._range(parts[-1])
+        return left, self._text(left[1], right[0]).strip(), right
 
     def _range(self, cursor):
         return cursor.extent.start.offset, cursor.extent.end.offset
