@@ -446,6 +446,16 @@ def test_failed_staging_is_logged_then_removed_then_told_by_the_status(gateway, 
     assert logged < removed < status
 
 
+def test_refused_files_are_removed_at_one_go_without_a_sweep(gateway, mirror):
+    entries = mirror.entries("1001")
+    entries[1] = (entries[1][0], b"tampered")
+    mirror.publish("1001", entries)
+    trace = disk_trace(gateway)
+    swept = [line for line in trace if line.startswith("unlink(") and "/snapshots/1001/" in line]
+    assert ["antivir-v2-1001.cab" in line for line in swept] == [True]  # taken away once it is unpacked
+    position(trace, "unlinkat(", '"antivir-v2.ini"')
+
+
 def test_directories_are_made_after_the_handle_in_order(gateway):
     gateway.settings.update(mirror_base_url="file:///nowhere", mirror_subdir="x")
     trace = disk_trace(gateway)

@@ -255,9 +255,11 @@ class _Finder:
                 self._add("order", a, d, self._text(c, d) + self._text(b, c) + self._text(a, b))
 
     def _may_swap(self, cursor):
-        """Whether a statement does something that an order could matter to: it changes something, or calls."""
-        return cursor.kind in STATEMENTS or (
-            cursor.kind == CursorKind.DECL_STMT and "(" in self._text(*self._range(cursor))
+        """Whether a statement calls something: the order of mere assignments, or of lambdas, matters to nothing."""
+        return (
+            cursor.kind in (*STATEMENTS, CursorKind.DECL_STMT)
+            and "(" in self._text(*self._range(cursor))
+            and not any(child.kind == CursorKind.LAMBDA_EXPR for child in cursor.walk_preorder())
         )
 
 

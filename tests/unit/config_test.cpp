@@ -139,6 +139,10 @@ TEST_F(ConfigTest, TrailingCommentIsPartOfTheValue) {
     EXPECT_EQ(loaded("flavor = v2 # default\n").flavor, "v2 # default");
 }
 
+TEST_F(ConfigTest, LineThatEndsLikeACommentIsNone) {
+    EXPECT_EQ(loaded("flavor = v2#\n").flavor, "v2#");
+}
+
 TEST_F(ConfigTest, QuotationMarksAreKept) {
     EXPECT_EQ(loaded("flavor = \"v 2\"\n").flavor, "\"v 2\"");
 }

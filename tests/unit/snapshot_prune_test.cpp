@@ -85,6 +85,13 @@ TEST_F(PruneTest, OldestInServiceStaysAndTheNextGoesInItsStead) {
     EXPECT_EQ(pruned(3), (Lines{"1", "3", "4"}));
 }
 
+TEST_F(PruneTest, SnapshotsOfOneTimeArePrunedToTheNumber) {
+    for (int i = 1; i <= 100; ++i) {
+        make_snapshot(std::to_string(i), 1);
+    }
+    EXPECT_EQ(pruned(7).size(), 7U);
+}
+
 TEST_F(PruneTest, NoMoreThanRetainedRemovesNothing) {
     make_snapshots(2);
     EXPECT_EQ(pruned(3), (Lines{"1", "2"}));

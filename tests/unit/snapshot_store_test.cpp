@@ -15,6 +15,12 @@ TEST_F(SnapshotStoreTest, ConstructionCreatesTheDirectories) {
     EXPECT_EQ(store.active_version(), std::nullopt);
 }
 
+TEST_F(SnapshotStoreTest, DirectoryOfTheStatusIsCreatedWithItsParents) {
+    cfg_.status_path = dir_ / "a/b/c/status.json";
+    const SnapshotStore store(cfg_);
+    EXPECT_EQ(listing(dir_.path()), (Lines{"a/", "a/b/", "a/b/c/", "defs/", "defs/snapshots/"}));
+}
+
 TEST_F(SnapshotStoreTest, ConstructionKeepsWhatIsThere) {
     make_dirs(root() + "/snapshots/1");
     write_file(root() + "/snapshots/1/x", "x");
