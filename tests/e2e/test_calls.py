@@ -130,6 +130,15 @@ def test_refused_digest_is_a_mismatch(gateway, mirror, fault, freed):
     gateway.expect_status("", "CAB sha256 mismatch")
 
 
+@pytest.mark.parametrize("announced", ["0", "~"])
+def test_refused_digest_matches_no_announcement_however_short(gateway, mirror, announced):
+    mirror.publish("1001")
+    ini = mirror.path("antivir-v2-c-1001.ini")
+    ini.write_text(re.sub("SHA256=.*", f"SHA256={announced}", ini.read_text()))
+    calls = run(gateway, "EVP_MD_CTX_new:1:0")
+    assert messages(calls) == ["err run_once: staging failed: CAB sha256 mismatch"]
+
+
 def test_failed_update_of_the_digest_is_not_looked_at(gateway, mirror):
     mirror.publish("1001")
     calls = run(gateway, "EVP_DigestUpdate:1:0")
