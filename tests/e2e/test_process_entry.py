@@ -55,6 +55,18 @@ def test_help_names_the_program_as_it_was_called(idle, tmp_path):
     assert process.stdout == "usage: another name [--config <file>] [--once]\n"
 
 
+def test_name_of_the_program_is_no_argument(idle):
+    process = subprocess.run(
+        ["--help", "--once", "--config", idle.config_path],
+        executable=DAEMON,
+        env=idle.environment(),
+        capture_output=True,
+        text=True,
+    )
+    assert (process.returncode, process.stdout, process.stderr) == (0, "", "")
+    assert whole_log(idle) == [OPENED, f"warning config: {REASON}", IDLE_GET, "close"]
+
+
 def test_help_after_once_runs_no_cycle(idle):
     process = idle.run("--config", idle.config_path, "--once", "--help", "--config")
     assert (process.returncode, process.stderr) == (0, "")
