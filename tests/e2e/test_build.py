@@ -1,10 +1,10 @@
 """What the build promises: how the program is linked and hardened, and what the configure step refuses."""
 
-import shutil
 import subprocess
 
 import pytest
-from machines import DAEMON, REPOSITORY, SANITIZED
+from builds import configure, copy_sources
+from machines import DAEMON, SANITIZED
 
 
 def output_of(*command):
@@ -44,16 +44,7 @@ def test_optimised_build_is_hardened():
 @pytest.fixture
 def copy(tmp_path):
     """A copy of the sources, to be configured in all kinds of ways."""
-    target = tmp_path / "a copy"
-    names = output_of("git", "-C", REPOSITORY, "ls-files", "-z").split("\0")
-    for name in filter(None, names):
-        (target / name).parent.mkdir(parents=True, exist_ok=True)
-        shutil.copy2(REPOSITORY / name, target / name)
-    return target
-
-
-def configure(copy, *options):
-    return subprocess.run(["cmake", "-S", copy, "-B", copy / "build", *options], capture_output=True, text=True)
+    return copy_sources(tmp_path / "a copy")
 
 
 @pytest.mark.parametrize(

@@ -9,8 +9,8 @@ import textwrap
 import time
 
 import archives
+from builds import REPOSITORY
 
-REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ.get("ZQU_BUILD_DIR", REPOSITORY / "build")).resolve()
 DAEMON = BUILD / "zel_quorin_updater"
 for proxy in ("http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"):

@@ -99,17 +99,29 @@ class Mutant:
     before: str
     after: str
     source: str  # digest of the source, so that results of a former one are told apart
+    code: str  # the line that is changed, or begins to be
 
     @property
     def id(self):
         return f"{self.source}:{self.file}:{self.start}-{self.end}:{self.after}"
 
+    @property
+    def key(self):
+        """What the mutant is called as long as its line stays as it is, wherever that moves."""
+        return self.file, self.code, self.change
+
+    @property
+    def change(self):
+        def on_one_line(text):
+            return re.sub(r"\s+", " ", text).strip()
+
+        return f"{self.kind}: {on_one_line(self.before)} -> {on_one_line(self.after)}"
+
     def apply(self, source):
         return source[: self.start] + self.after.encode() + source[self.end :]
 
     def __str__(self):
-        shorten = lambda text: re.sub(r"\s+", " ", text)  # noqa: E731
-        return f"{self.file}:{self.line}:{self.column}: {self.kind}: {shorten(self.before)} -> {shorten(self.after)}"
+        return f"{self.file}:{self.line}:{self.column}: {self.change}"
 
 
 class _Finder:
@@ -133,7 +145,8 @@ class _Finder:
             return
         line = self.source.count(b"\n", 0, start) + 1
         column = start - (self.source.rfind(b"\n", 0, start) + 1) + 1
-        mutant = Mutant(self.path.name, line, column, kind, start, end, before, after, self.digest)
+        code = self.source.splitlines()[line - 1].decode().strip()
+        mutant = Mutant(self.path.name, line, column, kind, start, end, before, after, self.digest, code)
         self.found.setdefault((start, end, after), mutant)
 
     def _text(self, start, end):
