@@ -19,6 +19,7 @@ VARIANTS = {"plain": [], "sanitized": ["-DZQU_SANITIZE=address,undefined"]}
 UPDATE = "test_update.py::test_first_update_publishes_the_release"
 EXTRACTION = "test_calls.py::test_extraction_calls_its_library_in_order"
 DIGEST = "test_calls.py::test_digest_is_computed_in_blocks_of_64_kib"
+POWER_CUTS = "../faults/test_power_cuts.py"
 READERS = "test_readers.py::test_link_is_never_missing_and_never_leads_to_a_mixed_set"
 
 # What is broken: the source, what stands there only once, and what takes its place.
@@ -70,6 +71,10 @@ NETS = [
     ("files are not flushed", "plain", EXTRACTION, missing("fsync")),
     ("their directory is not flushed", "plain", EXTRACTION, missing("fsync")),
     ("directory of the link is not flushed", "plain", EXTRACTION, missing("fsync")),
+    # After a power cut the files are empty, or cannot be read, or the old link is back.
+    ("files are not flushed", "plain", POWER_CUTS, r"^E .*1002 is broken"),
+    ("their directory is not flushed", "plain", POWER_CUTS, r"^E .*(Input/output error|1002 is broken|is missing)"),
+    ("directory of the link is not flushed", "plain", POWER_CUTS, r"^E .*assert '1001' in \{'1002'\}"),
 ]
 
 
@@ -115,7 +120,9 @@ def test_unbroken_copy_passes(copy, variant):
     assert status == 0, output
 
 
-@pytest.mark.parametrize("name, variant, test, said", NETS, ids=[f"{name} ({variant})" for name, variant, _, _ in NETS])
+@pytest.mark.parametrize(
+    "name, variant, test, said", NETS, ids=[f"{name} ({variant}, {test})" for name, variant, test, _ in NETS]
+)
 def test_broken_copy_is_caught(copy, name, variant, test, said):
     source, before, after = BREAKS[name]
     with broken(copy / "src" / source, before, after):
