@@ -59,3 +59,18 @@ def test_every_file_of_tests_is_named():
     assert files - {file for file, _ in pairs} - {f"hostile/{file}" for file, _ in named("security.md")[0]} == set()
     suites = {name.partition(".")[0] for name in all_unit_tests()}
     assert suites - {name.partition(".")[0] for name in unit_tests} == set()
+
+
+@pytest.mark.parametrize(
+    "page",
+    sorted(str(path.relative_to(REPOSITORY)) for path in [*REPOSITORY.glob("*.md"), *REPOSITORY.glob("docs/*.md")]),
+)
+def test_every_path_and_link_of_a_page_leads_somewhere(page):
+    text = (REPOSITORY / page).read_text()
+    for path in re.findall(r"(?<![\w/-])(?:tests|scripts|src|docs|tools)/[\w./-]*\w", text):
+        assert (REPOSITORY / path).exists(), path
+    for target, anchor in re.findall(r"\]\(([^)#:]*)(?:#([\w-]+))?\)", text):
+        linked = (REPOSITORY / page).parent / target if target else REPOSITORY / page
+        assert linked.is_file(), target
+        headings = re.findall(r"^#+ (.*)$", linked.read_text(), re.MULTILINE)
+        assert anchor in ("", *(heading.lower().replace(" ", "-") for heading in headings)), anchor

@@ -11,7 +11,7 @@ import struct
 import subprocess
 
 import pytest
-from faults import FORMER, NEW, Scene
+from faults import NEW, Scene
 
 EXT4_IOC_SHUTDOWN = 0x8004587D  # _IOR('X', 125, __u32)
 # What becomes of the changes to directories and inodes that are not on the disk yet: written as a last act, without the
@@ -66,13 +66,14 @@ class Disk:
 class SceneOnDisk(Scene):
     """The update on a file system of its own."""
 
-    def __init__(self, gateway, mirror, disk):
+    def __init__(self, gateway, mirror, disk, first):
         self.disk = disk
         disk.mount()
         gateway.root = disk.mounted_at / "defs"
         gateway.status_path = disk.mounted_at / "status" / "status.json"
         gateway.settings.update(def_root=gateway.root, status_path=gateway.status_path)
-        super().__init__(gateway, mirror)
+        super().__init__(gateway, mirror, first=first)
+        super().set_back()
         self.saved_image = gateway.folder / "saved image"
         disk.save(self.saved_image)
 
@@ -100,24 +101,24 @@ def scene_on(gateway, mirror, tmp_path):
     """Makes the scene on a disk with given mount options."""
     disks = []
 
-    def make(options="data=ordered"):
+    def make(options="data=ordered", first=False):
         disks.append(make_disk(tmp_path, options))
-        return SceneOnDisk(gateway, mirror, disks[-1])
+        return SceneOnDisk(gateway, mirror, disks[-1], first)
 
     yield make
     for disk in disks:
         disk.unmount()
 
 
-def possible_versions(points, point, root):
-    """What may be in service: either release until the new link is flushed, then only the new one."""
+def possible_versions(scene, points, point):
+    """What may be in service: the former or the new until the new link is flushed; then only the new one."""
     renamed = next(p.index for p in points if p.name == "rename" and p.path.endswith("/active.tmp"))
-    flushed = next((p.index for p in points if p.name == "fsync" and p.path == root), len(points))
+    flushed = next((p.index for p in points if p.name == "fsync" and p.path == "disk/defs"), len(points))
     if point.vague:
-        return {FORMER, NEW}
+        return {scene.former, NEW}
     if point.index <= renamed:
-        return {FORMER}
-    return {FORMER, NEW} if point.index <= flushed else {NEW}
+        return {scene.former}
+    return {scene.former, NEW} if point.index <= flushed else {NEW}
 
 
 def check(scene, points, point, last_act):
@@ -128,7 +129,7 @@ def check(scene, points, point, last_act):
     assert process.returncode == -signal.SIGKILL
     scene.disk.cut_power(last_act)
     scene.gateway.log_path.unlink(missing_ok=True)
-    assert scene.in_service() in possible_versions(points, point, "disk/defs")
+    assert scene.in_service() in possible_versions(scene, points, point)
     scene.heal()
     return True
 
@@ -141,10 +142,11 @@ def cut_everywhere(scene, last_act, record_property, part, parts):
 
 @pytest.mark.parametrize("part", range(2))
 @pytest.mark.parametrize("last_act", LAST_ACTS)
+@pytest.mark.parametrize("first", [False, True], ids=["update", "first_update"])
 def test_power_cut_before_any_call_leaves_a_whole_snapshot_and_one_clean_run_heals_it(
-    scene_on, last_act, part, record_property
+    scene_on, first, last_act, part, record_property
 ):
-    cut_everywhere(scene_on(), LAST_ACTS[last_act], record_property, part, 2)
+    cut_everywhere(scene_on(first=first), LAST_ACTS[last_act], record_property, part, 2)
 
 
 @pytest.mark.long

@@ -42,8 +42,11 @@ class Point:
 class Scene:
     """A gateway just before the update, which can be set back to that moment as often as it takes."""
 
-    def __init__(self, gateway, mirror, index_first=False):
+    def __init__(self, gateway, mirror, index_first=False, first=False):
+        """With first=True there is nothing on the machine yet."""
         self.gateway = gateway
+        self.first = first
+        self.former = None if first else FORMER
         self.releases = {}
         # By its address: looking a name up would take a second thread. The time-out is for calls that block then.
         base = gateway.settings["mirror_base_url"].replace("localhost", "127.0.0.1")
@@ -69,7 +72,10 @@ class Scene:
         for folder in self.folders:
             for entry in folder.iterdir() if folder.exists() else ():  # the folder itself may be a mount point
                 entry.unlink() if entry.is_symlink() or entry.is_file() else shutil.rmtree(entry)
-            shutil.copytree(self._saved / folder.name, folder, symlinks=True, dirs_exist_ok=True)
+            if self.first:
+                shutil.rmtree(folder, ignore_errors=True)
+            else:
+                shutil.copytree(self._saved / folder.name, folder, symlinks=True, dirs_exist_ok=True)
         self.gateway.log_path.unlink(missing_ok=True)
 
     def run_traced(self, options, **environment):
@@ -142,7 +148,9 @@ class Scene:
         return reached
 
     def in_service(self):
-        """The version in service, which has to be whole, byte for byte."""
+        """The version in service, which has to be whole, byte for byte; none at first."""
+        if self.first and not (self.gateway.root / "active").is_symlink():
+            return None
         version = os.readlink(self.gateway.root / "active").removeprefix("snapshots/")
         files = self.gateway.active_files()
         assert {name: files.get(name) for name in self.releases[version]} == self.releases[
@@ -171,7 +179,10 @@ class Scene:
         assert self.in_service() == NEW
         self.gateway.expect_status(NEW)
         listing = self.gateway.listing()
-        if before == NEW:
+        if self.first:
+            assert lines == ([] if before == NEW else published(NEW))
+            assert listing == snapshot_listing(NEW, NEW)
+        elif before == NEW:
             assert lines == []
             index = f"snapshots/{NEW}/antivir-v2.ini"
             least = snapshot_listing(NEW, FORMER, NEW) if pruned else snapshot_listing(NEW, NEW)
