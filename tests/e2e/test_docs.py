@@ -15,7 +15,7 @@ def named(page):
     text = (REPOSITORY / "docs" / page).read_text()
     file, pairs, unit_tests = "", [], []
     for word in re.findall(r"`([^`\s]+)`", text):
-        match = re.fullmatch(r"([\w/]+\.py|…)?(?:::(\w+))?", word)
+        match = re.fullmatch(r"((?!tests/)[\w/]+\.py|…)?(?:::(\w+))?", word)
         if match and (match[1] or match[2]):
             file = match[1] if match[1] not in (None, "…") else file
             pairs.append((file, match[2]))
