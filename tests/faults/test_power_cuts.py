@@ -3,7 +3,9 @@ that was not flushed comes to be written, and mounted again, which replays its j
 
 The snapshot in service is whole then, the new one once its publication was flushed, and one clean run heals it."""
 
+import ctypes
 import fcntl
+import functools
 import os
 import shutil
 import signal
@@ -17,6 +19,7 @@ EXT4_IOC_SHUTDOWN = 0x8004587D  # _IOR('X', 125, __u32)
 # What becomes of the changes to directories and inodes that are not on the disk yet: written as a last act, without the
 # data of files for which no blocks are allocated yet, or lost altogether.
 LAST_ACTS = {"journal_flushed": 1, "journal_lost": 2}
+CLONE_NEWNS = 0x00020000
 SIZE = 8 << 20
 
 
@@ -82,9 +85,20 @@ class SceneOnDisk(Scene):
         self.gateway.log_path.unlink(missing_ok=True)
 
 
+@functools.cache
+def keep_mounts_to_ourselves():
+    """Moves to a mount namespace of our own; see unshare(2).
+
+    A process that copies the machine's would keep a file system alive that is unmounted here."""
+    if ctypes.CDLL(None, use_errno=True).unshare(CLONE_NEWNS) != 0:
+        pytest.skip(f"no mount namespace: {os.strerror(ctypes.get_errno())}")
+    subprocess.run(["mount", "--make-rprivate", "/"], check=True)
+
+
 def make_disk(folder, options):
     if os.geteuid() != 0 or shutil.which("mkfs.ext4") is None:
         pytest.skip("needs root, and mkfs.ext4")
+    keep_mounts_to_ourselves()
     disk = Disk(folder, options)
     try:
         disk.mount()
