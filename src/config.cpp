@@ -1,8 +1,10 @@
 #include "config.hpp"
 
+#include <algorithm>
 #include <cctype>
 #include <fstream>
 #include <utility>
+#include <vector>
 
 namespace zqu {
 namespace {
@@ -17,6 +19,21 @@ std::string trim(std::string s) {
         ++start;
     }
     return s.substr(start);
+}
+
+// All lines, less one that a read error has cut short. Not by std::getline, which takes a failed allocation for the end
+// of the file: the settings that it leaves out would silently be the defaults.
+std::string read_text(std::istream& in) {
+    std::vector<char> block(4096);
+    std::string text;
+    while (in) {
+        in.read(block.data(), static_cast<std::streamsize>(block.size()));
+        text.append(block.data(), static_cast<std::size_t>(in.gcount()));
+    }
+    if (in.bad()) {
+        text.erase(text.rfind('\n') + 1);
+    }
+    return text;
 }
 
 // Keeps the low 32 bits of whatever strtoul accepts, without a range check: intended.
@@ -59,9 +76,10 @@ bool Config::load(const std::string& path, Config& cfg) {
     if (!in) {
         return false;
     }
-    std::string line;
-    while (std::getline(in, line)) {
-        line = trim(line);
+    const std::string text = read_text(in);
+    for (std::size_t start = 0, end = 0; start < text.size(); start = end + 1) {
+        end = std::min(text.find('\n', start), text.size());
+        const std::string line = trim(text.substr(start, end - start));
         const auto equals = line.find('=');
         if (line.empty() || line.front() == '#' || equals == std::string::npos) {
             continue;

@@ -96,8 +96,10 @@ def build(copy, variant):
 def broken(source, before, after):
     whole = source.read_text()
     builds.replace_once(source, before, after)
-    yield
-    source.write_text(whole)
+    try:
+        yield
+    finally:
+        source.write_text(whole)
 
 
 def run(folder, tests):

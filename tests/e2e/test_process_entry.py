@@ -182,3 +182,17 @@ def test_log_is_closed_before_the_transfer_handle_is_released(idle):
     idle.run("--config", idle.config_path, "--once", calls=True)
     names = [line.split(" 0x")[0] for line in whole_log(idle)]
     assert names[names.index(IDLE_GET) + 1 :] == ["closelog", "close", "curl_easy_cleanup", "curl_global_cleanup"]
+
+
+def test_read_error_keeps_the_settings_on_the_whole_lines_before_it(gateway):
+    """The second block cannot be read; a line begins in the first and would end in it."""
+    gateway.settings.update(mirror_base_url="file:///nowhere", mirror_subdir="x", flavor="v3")
+    path = gateway.config_path
+    text = path.read_text()
+    comment = "#" * (8191 - len(text) - len("\nflavor = cu")) + "\nflavor = cut short\n"
+    path.write_text(text + comment + "#" * 20_000)
+    rule = ["-e", "trace=read", "-P", path, "-e", "inject=read:error=EIO:when=2+"]
+    process = gateway.run("--config", path, "--once", prefix=["strace", "-f", "-qq", "-o", "/dev/null", *rule])
+    assert process.returncode == 0
+    url = "file:///nowhere/x/antivir-v3-hit.ini"
+    assert gateway.take_log() == [f"err GET {url}: Couldn't read a file:// file"]

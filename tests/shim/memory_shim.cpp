@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +23,7 @@ namespace {
 
 bool counting = false;
 unsigned long allocations = 0;
+unsigned long allocations_of_start = 0;
 unsigned long due = 0;
 
 // Counts an allocation; tells whether it has to fail.
@@ -37,7 +39,7 @@ __attribute__((destructor)) void tell() {
     const char* const path = std::getenv("ZQU_ALLOCATIONS_FILE");
     const int fd = path != nullptr ? open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666) : -1;
     if (fd >= 0) {
-        dprintf(fd, "%lu\n", allocations);
+        dprintf(fd, "%lu %lu\n", allocations_of_start, allocations);
         close(fd);
     }
 }
@@ -56,6 +58,12 @@ void* calloc(std::size_t count, std::size_t size) {
 
 void* realloc(void* old, std::size_t size) {
     return fails() ? nullptr : __libc_realloc(old, size);
+}
+
+sighandler_t signal(int number, sighandler_t handler) {
+    allocations_of_start = allocations;
+    const auto real = reinterpret_cast<sighandler_t (*)(int, sighandler_t)>(dlsym(RTLD_NEXT, "signal"));
+    return real(number, handler);
 }
 
 void openlog(const char* ident, int options, int facility) {
