@@ -31,8 +31,10 @@ def pytest_collection_modifyitems(config, items):
 def pytest_terminal_summary(terminalreporter):
     """Adds up what the tests say of themselves by record_property: calls failed, power cuts, cycles and so on."""
     totals = collections.Counter()
-    for report in terminalreporter.stats.get("passed", []):
-        totals.update({name: value for name, value in report.user_properties if isinstance(value, int)})
+    ends = [report for report in terminalreporter.stats.get("", []) if report.when == "teardown"]
+    for report in ends:
+        for name, value in report.user_properties:
+            totals[name] += value
     for name, total in sorted(totals.items()):
         terminalreporter.write_line(f"counted: {name.replace('_', ' ')}: {total}")
 
@@ -87,7 +89,7 @@ def scripted_context(authority):
 
 
 @pytest.fixture
-def trial(request, authority, scripted_context, tmp_path):
+def trial(request, authority, scripted_context, tmp_path, record_property):
     """A gateway with a release in service, and a mirror that does what the test tells it."""
     trial = Trial(tmp_path, scripted_context, thorough=request.config.getoption("--all"))
     authority.cert_pem.write_to_path(trial.gateway.folder / "ca.pem")
@@ -95,5 +97,6 @@ def trial(request, authority, scripted_context, tmp_path):
     try:
         trial.begin()
         yield trial
+        record_property("answers_of_hostile_mirrors", trial.tried)
     finally:
         trial.end()

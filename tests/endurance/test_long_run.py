@@ -253,11 +253,15 @@ def run_rounds(run, cycles, idle, settled_after):
     return measured
 
 
-def test_thousands_of_cycles_change_nothing_but_what_they_have_to(own_gateway, own_mirror, own_nginx, request):
+def test_thousands_of_cycles_change_nothing_but_what_they_have_to(
+    own_gateway, own_mirror, own_nginx, request, record_property
+):
     whole = request.config.getoption("--all")
     run = Run(own_gateway, own_mirror, own_nginx)
     with run.daemon:
         settled, *later = run_rounds(run, *((50_000, 400, 1_000) if whole else (1_500, 85, 300)))
+    assert later
+    record_property("cycles_of_one_process", run.cycles)
     for means in later:
         assert means["descriptors"] == settled["descriptors"]
         assert means["threads"] == settled["threads"] == 1

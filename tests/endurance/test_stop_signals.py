@@ -125,7 +125,9 @@ def shoot(gateway, release, chance):
 
 @pytest.mark.parametrize("seed", [1, 2])
 @pytest.mark.parametrize("release", [pytest.param(GOOD, id="good"), pytest.param(TAMPERED, id="tampered")])
-def test_signal_at_any_moment_ends_the_daemon_cleanly(outdated, mirror, tmp_path, release, seed, request):
+def test_signal_at_any_moment_ends_the_daemon_cleanly(
+    outdated, mirror, tmp_path, release, seed, request, record_property
+):
     if release is TAMPERED:
         mirror.write("antivir-v2-1001.cab", b"tampered")
     chance = random.Random(seed)
@@ -135,6 +137,7 @@ def test_signal_at_any_moment_ends_the_daemon_cleanly(outdated, mirror, tmp_path
         moments[shoot(copy_of(outdated, folder), release, chance)] += 1
         shutil.rmtree(folder)
     print(dict(moments))
+    record_property("signals_at_random_moments", sum(moments.values()))
     assert {"before the handlers", "in a cycle", "in a wait"} <= set(moments)
 
 

@@ -114,6 +114,7 @@ class Trial:
 
     def __init__(self, folder, context, thorough=False):
         self.folder = folder
+        self.tried = 0  # how many cases
         self.thorough = thorough
         self.server = ScriptedServer(context)
         self.gateway = Gateway(
@@ -228,6 +229,7 @@ class Trial:
         """
         cases = list(cases)
         assert cases
+        self.tried += len(cases)
         outcomes = self._loop_through(cases)
         assert len(outcomes) == len(cases)
         for case, outcome in zip(cases, outcomes):

@@ -118,24 +118,27 @@ class Examiner:
         yield from self.good_release()
 
 
-def run(gateway, pack, spoil):
+def run(gateway, pack, spoil, record_property):
     """Offers all archives that spoil() makes of a packed release; every fifth to a sanitized daemon, which is slow."""
     mirror = LockstepMirror(gateway)
     examiner = Examiner(gateway, mirror, pack)
     mirror.run(examiner.steps(spoil))
     assert gateway.take_log() == ["info zel_quorin_updater loop stopped"]
     print(dict(examiner.outcomes))
+    record_property("hostile_archives", sum(examiner.outcomes.values()))
     return examiner.outcomes
 
 
 @pytest.mark.parametrize("pack", FORMATS.values(), ids=FORMATS)
-def test_archive_with_any_byte_wrong_leaves_one_whole_release_in_service(gateway_in_memory, pack, request):
+def test_archive_with_any_byte_wrong_leaves_one_whole_release_in_service(
+    gateway_in_memory, pack, request, record_property
+):
     thorough = request.config.getoption("--all")
-    outcomes = run(gateway_in_memory, pack, lambda data: with_bytes_replaced(data, thorough))
+    outcomes = run(gateway_in_memory, pack, lambda data: with_bytes_replaced(data, thorough), record_property)
     assert {"published", "CAB extract", *(f"CAB missing {name}" for name in NAMES)} <= set(outcomes)
 
 
 @pytest.mark.parametrize("pack", FORMATS.values(), ids=FORMATS)
-def test_archive_that_ends_anywhere_leaves_one_whole_release_in_service(gateway_in_memory, pack):
-    outcomes = run(gateway_in_memory, pack, truncated)
+def test_archive_that_ends_anywhere_leaves_one_whole_release_in_service(gateway_in_memory, pack, record_property):
+    outcomes = run(gateway_in_memory, pack, truncated, record_property)
     assert {"cannot open", "CAB extract"} <= set(outcomes) <= {"cannot open", *REASONS, "published"}

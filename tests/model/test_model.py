@@ -428,7 +428,7 @@ def bench(tmp_path, nginx, closed_port, small_disk):
         pytest.param("long", 250, id="long-2", marks=pytest.mark.long),
     ],
 )
-def test_daemon_does_what_the_model_says(request, bench, form, examples):
+def test_daemon_does_what_the_model_says(request, bench, form, examples, record_property):
     """The short form always runs the same histories; the long one new ones each time, in two halves for two workers."""
     given = request.config.getoption("--hypothesis-seed", None)
     seed = int(given or (SEED if form == "short" else random.getrandbits(32)))
@@ -443,5 +443,7 @@ def test_daemon_does_what_the_model_says(request, bench, form, examples):
     )
     run_state_machine_as_test(hypothesis.seed(seed)(functools.partial(Gateways, bench)), settings=settings)
     print(*(f"{count:6} {kind}" for kind, count in sorted(bench.seen.items())), sep="\n")
+    record_property("cycles_beside_the_model", bench.seen["cycles"])
+    assert bench.seen["cycles"] >= (2500 if form == "long" else 300)
     kinds = KINDS + (RARE_KINDS if form == "long" else ()) + (FULL_DISK_KINDS if bench.disk else ())
     assert [kind for kind in kinds if not bench.seen[kind]] == []
