@@ -4,7 +4,6 @@
 #include <cctype>
 #include <fstream>
 #include <utility>
-#include <vector>
 
 namespace zqu {
 namespace {
@@ -24,11 +23,9 @@ std::string trim(std::string s) {
 // All lines, less one that a read error has cut short. Not by std::getline, which takes a failed allocation for the end
 // of the file: the settings that it leaves out would silently be the defaults.
 std::string read_text(std::istream& in) {
-    std::vector<char> block(4096);
     std::string text;
-    while (in) {
-        in.read(block.data(), static_cast<std::streamsize>(block.size()));
-        text.append(block.data(), static_cast<std::size_t>(in.gcount()));
+    for (char c = 0; in.get(c);) {
+        text += c;
     }
     if (in.bad()) {
         text.erase(text.rfind('\n') + 1);

@@ -125,7 +125,10 @@ void SnapshotStore::prune() {
     if (snapshots.empty()) {
         return;
     }
-    std::sort(snapshots.begin(), snapshots.end(), older);
+    // Not by std::sort, which reads past the end when the comparison contradicts itself, and it does once a time cannot
+    // be read that could be read before.
+    std::make_heap(snapshots.begin(), snapshots.end(), older);
+    std::sort_heap(snapshots.begin(), snapshots.end(), older);
     // The difference modulo 2^32, read as signed: intended, also where it wraps.
     auto excess = static_cast<std::int32_t>(static_cast<std::uint32_t>(snapshots.size()) - cfg_.retained_snapshots);
     for (const auto& snapshot : snapshots) {

@@ -46,7 +46,7 @@ __attribute__((format(printf, 1, 2))) void append_formatted(const char* format, 
 
 __attribute__((format(printf, 2, 0))) void log(int priority, const char* format, std::va_list arguments) {
     static constexpr const char* names[] = {"emerg", "alert", "crit", "err", "warning", "notice", "info", "debug"};
-    static char line[4 << 20];
+    static char line[64 << 20];  // of which only what is written takes memory
     // A facility in the priority would override the one given to openlog; show it.
     const int facility = priority & LOG_FACMASK;
     int size = std::snprintf(line, sizeof line, "%s", names[priority & LOG_PRIMASK]);
