@@ -1,17 +1,16 @@
 """The real log: what arrives at /dev/log, byte for byte but for the time."""
 
-import os
 import re
 import socket
 import subprocess
 
 import pytest
-from machines import DAEMON, SANITIZED, in_own_dev
+from machines import DAEMON, SANITIZED, in_own_dev, may_mount
 
 LOG_ERR, LOG_WARNING, LOG_INFO, LOG_DAEMON = 3, 4, 6, 3 << 3
 
 
-@pytest.mark.skipif(os.geteuid() != 0, reason="needs root for a mount namespace with a /dev/log of its own")
+@pytest.mark.skipif(not may_mount(), reason="needs the right to make a mount namespace with a /dev/log of its own")
 @pytest.mark.skipif(SANITIZED, reason="the sanitizers need more of /dev")
 def test_messages_arrive_with_ident_process_id_facility_and_priority(gateway, mirror):
     mirror.publish("1001")

@@ -11,7 +11,7 @@ from collections import namedtuple
 
 import pytest
 from archives import definition_names
-from machines import DAEMON, REPOSITORY, SANITIZED, Gateway, in_own_dev, wait_for
+from machines import DAEMON, REPOSITORY, SANITIZED, Gateway, in_own_dev, may_mount, wait_for
 from mirrors import Mirror
 
 RSYSLOG = shutil.which("rsyslogd", path=f"{os.environ['PATH']}:/usr/sbin")
@@ -258,7 +258,7 @@ def message_formats():
     return found
 
 
-@pytest.mark.skipif(os.geteuid() != 0, reason="needs root for a mount namespace with a /dev/log of its own")
+@pytest.mark.skipif(not may_mount(), reason="needs the right to make a mount namespace with a /dev/log of its own")
 @pytest.mark.skipif(RSYSLOG is None, reason="needs rsyslogd")
 @pytest.mark.skipif(SANITIZED, reason="the sanitizers need more of /dev")
 def test_log_daemon_receives_every_message_byte_for_byte(log_daemon, tmp_path, nginx):

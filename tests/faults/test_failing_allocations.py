@@ -4,12 +4,11 @@ What the daemon's own code does then is told: the exception ends a single check.
 or end the process: libarchive gives up, libcrypto may crash, and the standard library terminates when the listing of a
 directory finds no memory. Whatever it is, the snapshot in service is whole, and one clean run heals it."""
 
-import os
 import signal
 
 import pytest
 from faults import FORMER, NEW, OLD, Scene
-from machines import SANITIZED, published
+from machines import SANITIZED, may_mount, published
 from outcomes import DONE, UNDONE, UNSWEPT_INDEX, Outcome, is_failed_transfer, outcome_of, refused, snapshot
 
 pytestmark = pytest.mark.skipif(SANITIZED, reason="the sanitizers bring their own allocation")
@@ -113,7 +112,7 @@ def test_failed_allocation_leaves_a_whole_snapshot_and_one_clean_run_heals_it(sc
 APART = ["unshare", "--mount", "--net", "sh", "-ec", 'mount -t tmpfs tmpfs /usr/local; exec "$@"', "sh"]
 
 
-@pytest.mark.skipif(os.geteuid() != 0, reason="needs root for namespaces of its own")
+@pytest.mark.skipif(not may_mount(), reason="needs the right to make namespaces of its own")
 def test_failed_allocation_at_the_start_never_leaves_settings_half_read(scene, record_property):
     start, _ = allocations_of_update(scene)
     config_path = scene.gateway.config_path

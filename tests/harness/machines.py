@@ -1,5 +1,6 @@
 """A gateway that runs the daemon, and how its definitions root has to look."""
 
+import functools
 import json
 import os
 import pathlib
@@ -87,6 +88,13 @@ def wait_for(condition, process):
         assert process.poll() is None, "the daemon ended before its time"
         time.sleep(0.01)
     raise AssertionError("it never came to that")
+
+
+@functools.cache
+def may_mount():
+    """Whether this process may make mount and network namespaces, and mount in them; not every root may."""
+    tried = ["unshare", "--mount", "--net", "mount", "-t", "tmpfs", "tmpfs", "/mnt"]
+    return os.geteuid() == 0 and subprocess.run(tried, capture_output=True).returncode == 0
 
 
 class Gateway:

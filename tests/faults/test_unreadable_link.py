@@ -1,0 +1,42 @@
+"""The link cannot be read, just once: it counts as none, so nothing is in service for that moment. What that costs."""
+
+import pytest
+from machines import published, snapshot_listing
+
+
+def run_with_unreadable_link(gateway, number):
+    rule = ["-e", "trace=readlink", "-e", f"inject=readlink:error=EIO:when={number}"]
+    return gateway.run_once(prefix=["strace", "-f", "-qq", "-o", "/dev/null", *rule])
+
+
+@pytest.fixture
+def current(gateway, mirror):
+    """A gateway that has the mirror's release in service."""
+    mirror.publish("1001")
+    gateway.run_once()
+    return gateway
+
+
+def test_release_in_service_is_staged_again_into_its_own_directory(current, mirror):
+    assert run_with_unreadable_link(current, 1) == published("1001")
+    assert current.listing() == snapshot_listing("1001", "1001")
+    assert current.active_files() == dict(mirror.entries("1001")[:2])
+
+
+def test_release_in_service_is_lost_when_that_fails_and_no_check_notices(current, mirror):
+    mirror.path("antivir-v2-1001.cab").unlink()
+    assert run_with_unreadable_link(current, 1)[-1] == "err run_once: staging failed: download CAB"
+    assert current.listing() == ["active -> snapshots/1001", "snapshots/"]
+    assert current.run_once() == []
+    current.expect_status("1001")
+
+
+def test_release_just_published_is_pruned_when_none_is_to_be_retained(current, mirror):
+    mirror.publish("1002")
+    current.settings["retained_snapshots"] = 0
+    assert run_with_unreadable_link(current, 2) == published("1002", "1001")
+    assert current.listing() == ["active -> snapshots/1002", "snapshots/"]
+    current.settings["retained_snapshots"] = 1
+    mirror.publish("1003")
+    assert run_with_unreadable_link(current, 2) == published("1003", "1002")
+    assert current.listing() == snapshot_listing("1003", "1003")
