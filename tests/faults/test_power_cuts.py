@@ -157,7 +157,9 @@ def cut_everywhere(scene, last_act, record_property, part, parts):
 
 @pytest.mark.parametrize("part", range(2))
 @pytest.mark.parametrize("last_act", LAST_ACTS)
-@pytest.mark.parametrize("first", [False, True], ids=["update", "first_update"])
+@pytest.mark.parametrize(
+    "first", [pytest.param(False, id="update"), pytest.param(True, id="first_update", marks=pytest.mark.long)]
+)
 def test_power_cut_before_any_call_leaves_a_whole_snapshot_and_one_clean_run_heals_it(
     scene_on, first, last_act, part, record_property
 ):
