@@ -86,7 +86,12 @@ class Scene:
         return process, trace.read_text(errors="replace").splitlines()
 
     def points(self):
-        """The system calls from the store's first touch of the disk to the exit, found by tracing an update."""
+        """The system calls from the store's first touch of the disk to the exit, found by tracing an update.
+
+        Of three updates the one with the fewest, since a busy machine makes further calls on the network."""
+        return min((self._points_of_a_run() for _ in range(3)), key=len)
+
+    def _points_of_a_run(self):
         self.set_back()
         lines = self.run_traced([])[1]
         assert len({line.split()[0] for line in lines}) == 1, "an update runs in one thread"
@@ -119,9 +124,9 @@ class Scene:
         """Runs the update with an injection at a point; returns the process once it has hit.
 
         A vague point may not be reached in every run, and the last of them only when the machine is slow: returns
-        nothing when ten runs have done without it."""
+        nothing when four runs have done without it."""
         quick = [] if what.startswith("signal=") else ["--seccomp-bpf"]  # with which strace injects no signals
-        for _ in range(10):
+        for _ in range(4):
             self.set_back()
             rules = ["-e", f"trace={point.name}", "-e", f"inject={point.name}:{what}:when={point.number}"]
             process, lines = self.run_traced([*quick, *rules])
@@ -136,7 +141,7 @@ class Scene:
         return process
 
     def go_through(self, points, check):
-        """Checks point after point; returns how many were reached, which all but a few vague ones are."""
+        """Checks point after point; returns how many were reached, which all are but for some vague ones."""
         faults, reached = [], 0
         for point in points:
             try:
@@ -144,7 +149,7 @@ class Scene:
             except (AssertionError, OSError) as fault:
                 faults.append(f"{point}: {fault}")
         assert not faults, "\n".join(faults)
-        assert len(points) - reached <= sum(point.vague for point in points) / 10
+        assert len(points) - reached <= sum(point.vague for point in points) / 3
         return reached
 
     def in_service(self):
