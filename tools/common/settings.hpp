@@ -19,8 +19,8 @@ struct Settings {
     bool fatal = false;   // true: a malformed number ends the daemon before it does anything
 };
 
-// Reads path as the daemon does at its start: defaults first, then Config::load. Prints nothing. Throws what Config::load
-// throws for other reasons than a malformed number (std::bad_alloc).
+// Reads path as the daemon does at its start: defaults first, then Config::load. Prints nothing. Throws what
+// Config::load throws for other reasons than a malformed number (std::bad_alloc).
 [[nodiscard]] Settings read_settings(const std::string& path);
 
 }  // namespace zqu::tools
