@@ -1,0 +1,142 @@
+"""The manual pages, README and the pages for operators, held against the programs."""
+
+import re
+import subprocess
+
+import pytest
+from machines import BUILD, DAEMON, REPOSITORY
+
+PAGES = sorted((REPOSITORY / "docs" / "man").iterdir())
+TOOLS = ("zqu-config", "zqu-mirror", "zqu-status")
+NAMES = {page.stem for page in PAGES}
+# What the sources say to syslog(3), with the one message that they put together from another's text.
+REASONS = re.findall(r'reason = "([^"]+)"', (REPOSITORY / "src" / "config.cpp").read_text())
+
+
+def sources():
+    return "".join(path.read_text() for path in sorted((REPOSITORY / "src").glob("*.cpp")))
+
+
+def messages():
+    found = re.findall(r'syslog\(LOG_(\w+), "([^"]+)"', sources())
+    for priority, text in found:
+        if text == "config: %s":
+            yield from ((priority, f"config: {reason}") for reason in REASONS)
+        else:
+            yield priority, text
+
+
+def errors():
+    """The texts of last_error, as updater.cpp has them; what follows a text is told by a word in capitals."""
+    source = (REPOSITORY / "src" / "updater.cpp").read_text()
+    found = re.findall(r'return (?:fail\()?"([^"]+)"', source)
+    return sorted(set(found))
+
+
+def rendered(page):
+    """The page as a reader sees it, in lines too wide to be broken, without bold and underlining."""
+    process = subprocess.run(["mandoc", "-Tascii", "-Owidth=900", page], capture_output=True, text=True, check=True)
+    return re.sub(".\b", "", process.stdout)
+
+
+def table(page, heading):
+    """The rows of the first table below a heading: their cells, without the marks of code."""
+    text = page.read_text().split(f"\n## {heading}\n", 1)[1]
+    rows = re.search(r"^\|---.*\n((?:\|.*\n)+)", text, re.MULTILINE)[1].splitlines()
+    return [[cell.strip() for cell in row.strip("|").split("|")] for row in rows]
+
+
+def options(text):
+    return set(re.findall(r"(?<![\w-])--[a-z][a-z-]+", text))
+
+
+def help_of(tool, *arguments):
+    return subprocess.run([BUILD / tool, *arguments, "--help"], capture_output=True, text=True, check=True).stdout
+
+
+def commands_of(tool):
+    found = re.search(r"^Subcommands:\n((?:  .*\n)+)", help_of(tool), re.MULTILINE)
+    return re.findall(r"^  (\w+) ", found[1], re.MULTILINE) if found else []
+
+
+@pytest.mark.parametrize("page", PAGES, ids=lambda page: page.name)
+def test_page_is_clean_for_both_programs_that_show_it(page):
+    lint = subprocess.run(["mandoc", "-Tlint", "-Wstyle", page], capture_output=True, text=True).stdout.splitlines()
+    missing = r"STYLE: referenced manual not found: Xr (\S+) \d"  # not installed here, or not indexed
+    assert [line for line in lint if not re.search(missing, line)] == []
+    process = subprocess.run(
+        ["man", "--warnings", "-E", "UTF-8", "-l", "-Tutf8", "-Z", page],
+        env={"LC_ALL": "C.UTF-8", "MANROFFSEQ": "", "MANWIDTH": "80", "PATH": "/usr/bin:/bin"},
+        stdout=subprocess.DEVNULL,
+        stderr=subprocess.PIPE,
+        text=True,
+    )
+    assert process.stderr == ""
+
+
+@pytest.mark.parametrize("page", PAGES, ids=lambda page: page.name)
+def test_page_refers_to_pages_that_exist(page):
+    ours = set(re.findall(r"^\.Xr (z\S+) \d", page.read_text(), re.MULTILINE))
+    assert ours <= NAMES
+
+
+def test_each_program_and_the_configuration_have_their_page():
+    assert {page.name for page in PAGES} == {
+        "zel_quorin_updater.8",
+        "zel_quorin_updater.conf.5",
+        *(f"{tool}.1" for tool in TOOLS),
+    }
+
+
+def test_page_of_the_daemon_has_its_options_and_its_messages():
+    page = REPOSITORY / "docs" / "man" / "zel_quorin_updater.8"
+    usage = subprocess.run([DAEMON, "--help"], capture_output=True, text=True, check=True).stdout
+    text = rendered(page)
+    assert options(usage) | {"--help"} == options(text.split("\nEXIT STATUS")[0])
+    heads = {line.strip() for line in text.split("\nDIAGNOSTICS")[1].splitlines()}
+    assert [message for _, message in messages() if message not in heads] == []
+    assert {head for head in heads if "%" in head or head.startswith("publish")} <= {m for _, m in messages()}
+
+
+def test_page_for_operators_has_every_message_with_its_priority_and_no_other():
+    priorities = {"ERR": "error", "WARNING": "warning", "INFO": "info"}
+    rows = table(REPOSITORY / "docs" / "operations.md", "Messages of the log")
+    told = {(cells[0].strip("`"), cells[1]) for cells in rows}
+    assert told == {(message, priorities[priority]) for priority, message in messages()}
+
+
+def test_page_for_operators_has_every_text_of_last_error_and_no_other():
+    rows = table(REPOSITORY / "docs" / "operations.md", "Texts of `last_error`")
+    told = sorted(re.sub(r"(ID|NAME)$", "", cells[0].strip("`")) for cells in rows)
+    assert told == errors()
+
+
+def settings():
+    """The keys of the configuration with their defaults, as the header has them."""
+    header = (REPOSITORY / "include" / "config.hpp").read_text()
+    fields = re.findall(r"^ +std::(?:string|uint32_t) (\w+)(?: = \"?([^;\"]*)\"?)?;", header, re.MULTILINE)
+    return {name: value for name, value in fields}
+
+
+def test_readme_and_configuration_page_have_every_key_with_its_default():
+    known = settings()
+    assert len(known) == 11
+    rows = table(REPOSITORY / "README.md", "Configure")
+    told = {re.match(r"`(\w+)`", cells[0])[1]: cells[1].strip("`") for cells in rows}
+    assert {key: "" if value == "empty" else value for key, value in told.items()} == known
+    page = rendered(REPOSITORY / "docs" / "man" / "zel_quorin_updater.conf.5")
+    for key, default in known.items():
+        assert re.search(rf"^ +{key}\b", page, re.MULTILINE), key
+        assert default in page, key
+
+
+@pytest.mark.parametrize("tool", TOOLS)
+def test_page_and_completion_of_a_tool_have_its_options(tool):
+    helped = options(help_of(tool)).union(*(options(help_of(tool, command)) for command in commands_of(tool)))
+    page = rendered(REPOSITORY / "docs" / "man" / f"{tool}.1")
+    completion = (REPOSITORY / "packaging" / "bash-completion" / tool).read_text()
+    assert sorted(helped - options(page)) == [], "missing in the page"
+    assert sorted(helped - options(completion)) == [], "missing in the completion"
+    assert sorted(options(completion) - helped) == [], "unknown to the tool"
+    for command in commands_of(tool):
+        assert re.search(rf"\b{command}\b", page) and re.search(rf"\b{command}\b", completion), command
