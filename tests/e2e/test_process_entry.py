@@ -4,7 +4,7 @@ import signal
 import subprocess
 
 import pytest
-from machines import DAEMON, Gateway
+from machines import APART, DAEMON, Gateway, may_mount
 
 DEFAULT_CONFIG = "/usr/local/zelgw/opt/av/quorin/etc/zel_quorin_updater.conf"
 OPENED = "open zel_quorin_updater 3 24"
@@ -184,6 +184,7 @@ def test_log_is_closed_before_the_transfer_handle_is_released(idle):
     assert names[names.index(IDLE_GET) + 1 :] == ["closelog", "close", "curl_easy_cleanup", "curl_global_cleanup"]
 
 
+@pytest.mark.skipif(not may_mount(), reason="needs the right to make namespaces of its own")
 def test_read_error_keeps_the_settings_on_the_whole_lines_before_it(gateway):
     """The second block cannot be read; a line begins in the first and would end in it."""
     gateway.settings.update(mirror_base_url="file:///nowhere", mirror_subdir="x", flavor="v3")
@@ -192,7 +193,7 @@ def test_read_error_keeps_the_settings_on_the_whole_lines_before_it(gateway):
     comment = "#" * (8191 - len(text) - len("\nflavor = cu")) + "\nflavor = cut short\n"
     path.write_text(text + comment + "#" * 20_000)
     rule = ["-e", "trace=read", "-P", path, "-e", "inject=read:error=EIO:when=2+"]
-    process = gateway.run("--config", path, "--once", prefix=["strace", "-f", "-qq", "-o", "/dev/null", *rule])
+    process = gateway.run("--config", path, "--once", prefix=[*APART, "strace", "-f", "-qq", "-o", "/dev/null", *rule])
     assert process.returncode == 0
     url = "file:///nowhere/x/antivir-v3-hit.ini"
     assert gateway.take_log() == [f"err GET {url}: Couldn't read a file:// file"]

@@ -8,7 +8,7 @@ import signal
 
 import pytest
 from faults import FORMER, NEW, OLD, Scene
-from machines import SANITIZED, may_mount, published
+from machines import APART, SANITIZED, may_mount, published
 from outcomes import DONE, UNDONE, UNSWEPT_INDEX, Outcome, is_failed_transfer, outcome_of, refused, snapshot
 
 pytestmark = pytest.mark.skipif(SANITIZED, reason="the sanitizers bring their own allocation")
@@ -106,10 +106,6 @@ def test_failed_allocation_leaves_a_whole_snapshot_and_one_clean_run_heals_it(sc
             faults.append(f"allocation {number} of {count}: {fault}")
     assert not faults, "\n".join(faults)
     record_property("allocations_failed", len(chosen[part::4]))
-
-
-# The default settings lead to a mirror elsewhere and to a tree of the machine's own.
-APART = ["unshare", "--mount", "--net", "sh", "-ec", 'mount -t tmpfs tmpfs /usr/local; exec "$@"', "sh"]
 
 
 @pytest.mark.skipif(not may_mount(), reason="needs the right to make namespaces of its own")
