@@ -18,8 +18,8 @@ for proxy in ("http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROX
     os.environ.pop(proxy, None)  # libcurl would send the requests to this machine's servers through it
 SANITIZED = b"__asan_init" in DAEMON.read_bytes()
 ENGINE = "engine 7"
-# What to put before a command that might go by the default settings: they lead to a mirror elsewhere and to a tree of the
-# machine's own.
+# What to put before a command that might go by the default settings: they lead to a mirror elsewhere and to a tree of
+# the machine's own.
 APART = ["unshare", "--mount", "--net", "sh", "-ec", 'mount -t tmpfs tmpfs /usr/local; exec "$@"', "sh"]
 STARTED = "info zel_quorin_updater loop started (interval={}s jitter={}s)"
 STOPPED = "info zel_quorin_updater loop stopped"
