@@ -523,7 +523,8 @@ def test_what_the_user_may_not_do_is_an_error(open_place):
     place.write(f"ca_path = {secret}\n")
     place.path.chmod(0o600)
     place.expect(
-        f'1: error: ca_path: "{secret}" cannot be read by user nobody (Permission denied): no transfer over https succeeds',
+        f'1: error: ca_path: "{secret}" cannot be read by user nobody (Permission denied): '
+        "no transfer over https succeeds",
         f'3: error: def_root: "{place.root}" cannot be written by user nobody (Permission denied)',
         f'4: error: status_path: "{place.status}" cannot be written by user nobody (Permission denied)',
         " error: user nobody may not read the file (Permission denied): the daemon would go by its defaults",

@@ -50,13 +50,13 @@ void check_mark(const Line& line, Findings& findings) {
 void check_no_equals(const Line& line, Findings& findings) {
     const std::string word = line.text.substr(0, line.text.find_first_of(" \t:"));
     if (line.text.front() == '[') {
-        findings.warning(line.number, "there are no sections: " + quoted(line.text) + " is ignored");
+        findings.warning(line.number, "there are no sections: " + excerpt(line.text) + " is ignored");
     } else if (line.text.front() == ';') {
         findings.warning(line.number, "\";\" begins no comment; the line is ignored because it has no \"=\"");
     } else if (find_key(word) != nullptr) {
         findings.warning(line.number, word + " is not set here: the line has no \"=\", and is ignored");
     } else {
-        findings.warning(line.number, "no \"=\" in " + quoted(line.text) + ": the line is ignored");
+        findings.warning(line.number, "no \"=\" in " + excerpt(line.text) + ": the line is ignored");
     }
 }
 
@@ -81,13 +81,13 @@ void check_key(const Line& line, Findings& findings) {
     if (line.key.empty()) {
         findings.warning(line.number, "no key before the \"=\": the line is ignored");
     } else {
-        findings.warning(line.number, "unknown key " + quoted(line.key) + " is ignored" + unknown(line.key));
+        findings.warning(line.number, "unknown key " + excerpt(line.key) + " is ignored" + unknown(line.key));
     }
 }
 
 void check_number(const Line& line, Findings& findings) {
     const Number number = read_number(line.value);
-    const std::string start = line.key + ": " + quoted(line.value);
+    const std::string start = line.key + ": " + excerpt(line.value);
     if (!number.digits || number.too_large) {
         const char* reason = number.digits ? " is beyond 64 bits" : " does not begin with a digit";
         findings.error(line.number, (line.value.empty() ? line.key + ": the empty value" : start) + reason +
@@ -99,7 +99,7 @@ void check_number(const Line& line, Findings& findings) {
         why += ", with a sign";
     }
     if (!number.rest.empty()) {
-        why += ", " + quoted(number.rest) + " is ignored";
+        why += ", " + excerpt(number.rest) + " is ignored";
     }
     if (number.other) {
         why += ", only the low 32 bits are kept";
@@ -124,7 +124,7 @@ void check_text(const Line& line, Findings& findings) {
         return;
     }
     const auto part_of_it = [&](const std::string& what) {
-        findings.warning(line.number, line.key + ": " + what + " of the value " + quoted(value));
+        findings.warning(line.number, line.key + ": " + what + " of the value " + excerpt(value));
     };
     const auto is_quote = [](char c) { return c == '"' || c == '\''; };
     if (has_trailing_comment(value)) {

@@ -120,15 +120,19 @@ std::string printable(const std::string& text) {
 }
 
 std::string quoted(const std::string& text) {
+    return '"' + printable(text) + '"';
+}
+
+std::string excerpt(const std::string& text) {
     constexpr std::size_t most = 80;
     if (text.size() <= most) {
-        return '"' + printable(text) + '"';
+        return quoted(text);
     }
     std::size_t end = most;
     while ((byte_at(text, end) & 0xC0) == 0x80 && end > most - 4) {
         --end;  // not in the middle of a character
     }
-    return '"' + printable(text.substr(0, end)) + "\"...";
+    return quoted(text.substr(0, end)) + "...";
 }
 
 }  // namespace zqu::config_tool

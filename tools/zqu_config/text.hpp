@@ -21,7 +21,10 @@ namespace zqu::config_tool {
 // text with every control byte, every byte that is not UTF-8 and every character that invisible_at() tells of as \xNN.
 [[nodiscard]] std::string printable(const std::string& text);
 
-// printable(text) in double quotes; of a long text the beginning, followed by "...".
+// printable(text) in double quotes.
 [[nodiscard]] std::string quoted(const std::string& text);
+
+// The same; of a text of more than 80 bytes the beginning, followed by "...".
+[[nodiscard]] std::string excerpt(const std::string& text);
 
 }  // namespace zqu::config_tool
