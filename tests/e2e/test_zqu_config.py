@@ -585,11 +585,19 @@ def test_unknown_user_is_refused(place):
     assert run("check", "--user", "no such", place.path) == (2, "", "zqu-config: there is no user called no such\n")
 
 
+def copy_of_tool(folder):
+    """Where everybody who may enter the folder can run it."""
+    tool = folder / "zqu-config"
+    tool.write_bytes(TOOL.read_bytes())
+    tool.chmod(0o755)
+    return tool
+
+
 @needs_root
 def test_caller_other_than_root_is_told_for_whom_it_is(open_place):
     open_place.write()
     nobody = pwd.getpwnam("nobody")
-    command = [TOOL, "check", "--user", "root", open_place.path]
+    command = [copy_of_tool(open_place.folder), "check", "--user", "root", open_place.path]
     done = subprocess.run(command, capture_output=True, text=True, user=nobody.pw_uid, group=nobody.pw_gid)
     note = "note: only root can tell what root may read and write: it is told for nobody\n"
     assert done.returncode == 2
@@ -897,9 +905,7 @@ _WITH_CONFIG = 'mount -t tmpfs tmpfs /usr/local; mkdir -p "${1%/*}"; cp "$2" "$1
 @needs_mounts
 def test_default_file_is_the_daemons(place):
     place.write("flavor = v9\n")
-    tool = place.folder / "zqu-config"  # where nothing is mounted over it
-    tool.write_bytes(TOOL.read_bytes())
-    tool.chmod(0o755)
+    tool = copy_of_tool(place.folder)  # where nothing is mounted over it
     prefix = ["unshare", "--mount", "sh", "-ec", _WITH_CONFIG, "sh", DEFAULT_CONFIG, place.path]
     done = subprocess.run([*prefix, tool, "show"], capture_output=True, text=True, check=True)
     assert f"flavor              v9    ({DEFAULT_CONFIG}:1)\n" in done.stdout
