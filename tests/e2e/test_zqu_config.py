@@ -551,6 +551,9 @@ def test_what_the_user_may_do_is_fine_and_the_file_is_not_the_users(open_place):
         os.chown(folder, nobody.pw_uid, nobody.pw_gid)
     place.write()
     place.expect(options=("--user", "nobody"))
+    place.folder.chmod(0o1777)
+    place.expect(options=("--user", "nobody"))
+    place.folder.chmod(0o755)
     os.chown(place.path, nobody.pw_uid, nobody.pw_gid)
     place.expect(
         " warning: user nobody, whom the daemon runs as, can change or replace the file", options=("--user", "nobody")

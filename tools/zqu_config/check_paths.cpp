@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -140,7 +141,8 @@ void Paths::check_configuration() {
     if (!user_.is_service || user_.uid == 0) {
         return;
     }
-    if (refusal(user_, file.path, W_OK) == 0 || refusal(user_, folder, W_OK | X_OK) == 0) {
+    const bool sticky = (At(folder).status.st_mode & S_ISVTX) != 0;  // others' files cannot be replaced there
+    if (refusal(user_, file.path, W_OK) == 0 || (!sticky && refusal(user_, folder, W_OK | X_OK) == 0)) {
         findings_.warning(0, "user " + user_.name + ", whom the daemon runs as, can change or replace the file");
     }
 }

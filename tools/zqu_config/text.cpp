@@ -1,6 +1,8 @@
 #include "text.hpp"
 
+#include <algorithm>
 #include <cstdint>
+#include <iterator>
 
 namespace zqu::config_tool {
 
@@ -59,12 +61,8 @@ bool is_invisible(std::uint32_t code) {
         {0x3000, 0x3000},  // the ideographic space
         {0xFEFF, 0xFEFF},  // the byte order mark
     };
-    for (const auto& [first, last] : ranges) {
-        if (code >= first && code <= last) {
-            return true;
-        }
-    }
-    return false;
+    return std::any_of(std::begin(ranges), std::end(ranges),
+                       [code](const Range& range) { return code >= range.first && code <= range.last; });
 }
 
 void append_escaped(std::string& out, unsigned char byte) {

@@ -44,7 +44,7 @@ User choose_user(const std::string& name) {
         self.remark = "there is no user called " + wanted + ": what may be read and written is told for " + self.name;
         return self;
     }
-    const User chosen{wanted, entry->pw_uid, entry->pw_gid, true, ""};
+    User chosen{wanted, entry->pw_uid, entry->pw_gid, true, ""};
     if (geteuid() != 0 && chosen.uid != self.uid) {
         self.remark = "only root can tell what " + wanted + " may read and write: it is told for " + self.name;
         return self;
