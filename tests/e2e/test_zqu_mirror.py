@@ -782,7 +782,7 @@ def test_a_signal_ends_the_run_and_the_mirror_is_untouched(mirror_tool_place, nu
 def test_a_second_publish_is_refused_while_the_first_is_at_work(mirror_tool_place):
     place = mirror_tool_place
     with Stopped(place, place.dir / WORK / "archive") as first:
-        place.require_refused(f"another publish is at work in {place.dir}", id="other")
+        place.require_refused(f"another run is at work in {place.dir}", id="other")
         assert first.finish()[0] == 0
     assert place.publish("other")[0] == 0
     assert release_files(place.mirror) == [

@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -11,14 +12,17 @@
 
 #include "check.hpp"
 #include "failure.hpp"
+#include "mirror.hpp"
 #include "names.hpp"
 #include "options.hpp"
+#include "prune.hpp"
 #include "publish.hpp"
 #include "run.hpp"
 
 namespace {
 
 namespace fs = std::filesystem;
+using zqu::mirror_tool::age_s;
 using zqu::mirror_tool::complain;
 using zqu::mirror_tool::is_url;
 using zqu::mirror_tool::Options;
@@ -30,8 +34,8 @@ using zqu::mirror_tool::unusable_subdir;
 using Command = bool (*)(const Options& options, Run& run);
 
 constexpr const char* about =
-    "Runs an internal mirror of antivirus definitions for zel_quorin_updater: publishes releases on it, and checks it "
-    "as a client would.";
+    "Runs an internal mirror of antivirus definitions for zel_quorin_updater: publishes releases on it or copies them "
+    "from another mirror, removes old ones, and checks it as a client would.";
 
 constexpr const char* about_exit =
     "Exit status: 0 done, or a client would succeed; 1 failed, or a client would fail; 2 wrong command line;\n"
@@ -47,6 +51,27 @@ constexpr const char* about_publish =
     "  zqu-mirror publish --id 20240131.007 /srv/mirror antivir.def aivsecon.def\n"
     "  zqu-mirror publish --flavor v3 --zip --id 20240131.008 /srv/mirror big.def small.def\n";
 
+constexpr const char* about_mirror =
+    "Asks the upstream mirror for its current release and, when that is another one than here, downloads it, verifies\n"
+    "and unpacks it as a client would, and makes it current in one step. Id, INI file and archive are the upstream's, "
+    "to\n"
+    "the byte. Nothing new is a success too, and changes nothing. When anything fails, one line says why, after those "
+    "of\n"
+    "the transfer, and the mirror is left as it was; an id never gets other content.\n\n"
+    "Examples:\n"
+    "  zqu-mirror mirror https://definitions.zelgw.example /srv/mirror\n"
+    "  zqu-mirror mirror --flavor v3 --ca /etc/ssl/upstream-ca.pem https://mirror.example /srv/mirror\n";
+
+constexpr const char* about_prune =
+    "Removes the releases that neither --keep nor --older-than spares (without these two: none), and what killed runs\n"
+    "have left. A release's age counts from when it was published or ceased to be current. Spared in any case is what\n"
+    "the hit INI of any flavor names, and what clients may be about to fetch, because it was current within the "
+    "grace.\n"
+    "When an INI file cannot be understood, nothing is removed. AGE is a number and s, m, h, d or w.\n\n"
+    "Examples:\n"
+    "  zqu-mirror prune --keep 5 --dry-run /srv/mirror\n"
+    "  zqu-mirror prune --keep 5 --older-than 30d /srv/mirror\n";
+
 constexpr const char* about_check =
     "Reads the mirror with the daemon's own code, downloads and unpacks the current release below $TMPDIR (/tmp), "
     "and\n"
@@ -57,6 +82,17 @@ constexpr const char* about_check =
 
 bool publish(const Options& options, Run& run) {
     zqu::mirror_tool::publish(options, run);
+    return true;
+}
+
+bool mirror(const Options& options, Run& run) {
+    openlog("zqu-mirror", LOG_PERROR, LOG_USER);  // the core library's reasons, for the person too
+    zqu::mirror_tool::mirror(options, run);
+    return true;
+}
+
+bool prune(const Options& options, Run& run) {
+    zqu::mirror_tool::prune(options, run);
     return true;
 }
 
@@ -72,11 +108,12 @@ void add_common(CLI::App& command, Options& options) {
         ->check(unusable_subdir);
 }
 
+std::string no_folder(const std::string& mirror) {
+    return mirror.empty() || is_url(mirror) ? "must be a folder" : "";
+}
+
 void add_publish(CLI::App& app, Options& options, Command& chosen) {
     CLI::App* command = app.add_subcommand("publish", "Publish a release and make it current");
-    const auto no_folder = [](const std::string& mirror) {
-        return mirror.empty() || is_url(mirror) ? std::string("must be a folder") : std::string();
-    };
     add_common(*command, options);
     command->add_option("--id", options.id, "Id of the release")->required()->check(unusable_name);
     command->add_flag("--zip", options.zip, "Pack a ZIP instead of a CAB");
@@ -87,6 +124,53 @@ void add_publish(CLI::App& app, Options& options, Command& chosen) {
     command->add_option("AIVSECON", options.aivsecon, "The aivsecon definition file")->required();
     command->callback([&chosen] { chosen = publish; });
     command->footer(std::string(about_publish) + "\n" + about_exit);
+}
+
+void add_mirror(CLI::App& app, Options& options, Command& chosen) {
+    CLI::App* command = app.add_subcommand("mirror", "Copy the current release of an upstream mirror");
+    const auto no_upstream = [](const std::string& url) {
+        const bool usable = url.rfind("https://", 0) == 0 || url.rfind("file://", 0) == 0;
+        return usable ? std::string() : std::string("must be an https or a file URL");
+    };
+    add_common(*command, options);
+    command->add_option("--upstream-subdir", options.upstream_subdir, "Folder below the upstream's root, when another")
+        ->check(unusable_subdir);
+    command->add_option("--ca", options.ca, "PEM file of the certificates to trust")->check(CLI::ExistingFile);
+    command->add_option("--timeout", options.timeout_s, "Seconds for one whole transfer")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 2147483));
+    command->add_option("UPSTREAM", options.upstream, "URL of the upstream mirror: scheme and host")
+        ->required()
+        ->check(no_upstream);
+    command->add_option("MIRROR", options.mirror, "Root folder of the mirror; created when missing")
+        ->required()
+        ->check(no_folder);
+    command->callback([&chosen] { chosen = mirror; });
+    command->footer(std::string(about_mirror) + "\n" + about_exit);
+}
+
+CLI::Option* add_age(CLI::App& command, const std::string& name, std::int64_t& age, const std::string& what) {
+    const auto no_age = [](const std::string& text) {
+        return age_s(text) < 0 ? std::string("must be a number and s, m, h, d or w") : std::string();
+    };
+    return command
+        .add_option_function<std::string>(
+            name, [&age](const std::string& text) { age = age_s(text); }, what)
+        ->type_name("AGE")
+        ->check(no_age);
+}
+
+void add_prune(CLI::App& app, Options& options, Command& chosen) {
+    CLI::App* command = app.add_subcommand("prune", "Remove old releases");
+    add_common(*command, options);
+    command->add_option("--keep", options.keep, "Keep so many releases, the current one included")
+        ->check(CLI::Range(1, 1000000));
+    add_age(*command, "--older-than", options.older_than_s, "Remove only what is older than this");
+    add_age(*command, "--grace", options.grace_s, "How long a client may be on its way")->default_str("1h");
+    command->add_flag("--dry-run", options.dry_run, "Say what would be removed, and remove nothing");
+    command->add_option("MIRROR", options.mirror, "Root folder of the mirror")->required()->check(no_folder);
+    command->callback([&chosen] { chosen = prune; });
+    command->footer(std::string(about_prune) + "\n" + about_exit);
 }
 
 void add_check(CLI::App& app, Options& options, Command& chosen) {
@@ -121,6 +205,8 @@ int parse_and_carry_out(int argc, char** argv) {
     app.require_subcommand(1);
     app.footer(std::string("Each command has its own --help.\n\n") + about_exit);
     add_publish(app, options, chosen);
+    add_mirror(app, options, chosen);
+    add_prune(app, options, chosen);
     add_check(app, options, chosen);
     try {
         app.parse(argc, argv);

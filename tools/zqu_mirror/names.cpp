@@ -1,6 +1,7 @@
 #include "names.hpp"
 
 #include <algorithm>
+#include <climits>
 #include <sstream>
 
 namespace zqu::mirror_tool {
@@ -20,6 +21,21 @@ std::string unusable_name(const std::string& name) {
         return "may hold only letters, digits and " + marks + " (clients could not fetch it otherwise)";
     }
     return "";
+}
+
+std::string unusable_archive(const std::string& name) {
+    const std::string ini = ".ini";
+    std::string reason = unusable_name(name);
+    if (reason.empty() && name.front() == '.') {
+        reason = "must not begin with a dot";
+    }
+    if (reason.empty() && name.size() >= ini.size() && name.compare(name.size() - ini.size(), ini.size(), ini) == 0) {
+        reason = "must not end in .ini";
+    }
+    if (reason.empty() && name.size() + std::string(".part").size() > NAME_MAX) {
+        reason = "is too long for a file name";
+    }
+    return reason;
 }
 
 std::string unusable_subdir(const std::string& subdir) {

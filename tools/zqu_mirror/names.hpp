@@ -10,6 +10,10 @@ namespace zqu::mirror_tool {
 // Why name cannot be an id or a flavor, for a usage error; empty when it can be.
 [[nodiscard]] std::string unusable_name(const std::string& name);
 
+// Why name, given by an upstream mirror, cannot be an archive's; empty when it can be. Besides what no name may hold,
+// it must not pass for an INI file or a hidden one, and leave room for the ".part" of a client.
+[[nodiscard]] std::string unusable_archive(const std::string& name);
+
 // Why subdir cannot be the folder below a mirror's root; empty when it can be. Slashes at either end or in a row are
 // no fault.
 [[nodiscard]] std::string unusable_subdir(const std::string& subdir);

@@ -1,6 +1,7 @@
 #include "options.hpp"
 
 #include <algorithm>
+#include <map>
 
 #include "names.hpp"
 
@@ -33,12 +34,30 @@ std::filesystem::path folder(const Options& options) {
     return std::filesystem::path(options.mirror) / options.subdir.substr(start);
 }
 
+std::int64_t age_s(const std::string& text) {
+    static const std::map<char, std::int64_t> units{{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}, {'w', 604800}};
+    constexpr std::size_t most_digits = 6;  // beyond any age, and no product overflows
+    const auto digits = text.find_first_not_of("0123456789");
+    if (digits == 0 || digits > most_digits || digits + 1 != text.size() || units.count(text.back()) == 0) {
+        return -1;
+    }
+    return std::stol(text) * units.at(text.back());
+}
+
+zqu::Config upstream_config(const Options& options) {
+    Options upstream = options;
+    upstream.mirror = options.upstream;
+    upstream.subdir = options.upstream_subdir.empty() ? options.subdir : options.upstream_subdir;
+    return client_config(upstream);
+}
+
 zqu::Config client_config(const Options& options) {
     zqu::Config cfg;
     cfg.mirror_base_url = is_url(options.mirror) ? options.mirror : folder_url(options.mirror);
     cfg.mirror_subdir = options.subdir;
     cfg.flavor = options.flavor;
     cfg.ca_path = options.ca;
+    cfg.http_timeout_s = options.timeout_s;
     return cfg;
 }
 

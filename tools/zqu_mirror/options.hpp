@@ -3,6 +3,8 @@
 // Pure functions; none fails.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <string>
 
@@ -20,6 +22,15 @@ struct Options {
     std::string aivsecon;  // path of the aivsecon definition file
     std::string ca;        // path of the certificates to trust; empty for the system's
     bool zip = false;
+
+    std::string upstream;         // URL of the mirror to copy from
+    std::string upstream_subdir;  // folder there; empty for the same as subdir
+    std::uint32_t timeout_s = zqu::Config().http_timeout_s;
+
+    std::size_t keep = 0;            // how many releases to keep, the current one included; 0 for no such rule
+    std::int64_t older_than_s = -1;  // the age from which releases go; -1 for no such rule
+    std::int64_t grace_s = 3600;     // how long a client may be on its way
+    bool dry_run = false;
 };
 
 // Whether mirror is a URL rather than a folder.
@@ -27,6 +38,12 @@ struct Options {
 
 // The folder that holds the mirror's files; for a mirror that is a folder.
 [[nodiscard]] std::filesystem::path folder(const Options& options);
+
+// The age in seconds that text means, a number with one of the units s, m, h, d and w; -1 when it means none.
+[[nodiscard]] std::int64_t age_s(const std::string& text);
+
+// The settings of a client of the upstream mirror.
+[[nodiscard]] zqu::Config upstream_config(const Options& options);
 
 // The settings of a client of this mirror, be it a folder or a URL.
 [[nodiscard]] zqu::Config client_config(const Options& options);

@@ -48,6 +48,12 @@ void Run::commit(const std::function<void()>& action) {
     committed_ = true;
 }
 
+void Run::step(const std::function<void()>& action) {
+    const auto lock = hold();
+    clear_progress();
+    action();
+}
+
 void Run::phase(const std::string& text, const fs::path& growing) {
     const auto lock = hold();
     clear_progress();

@@ -49,6 +49,10 @@ public:
     // When action throws, which passes through, everything is still to be undone. action must not call the run.
     void commit(const std::function<void()>& action);
 
+    // Does what cannot be undone. A signal that came before ends the run without it, and one that comes meanwhile
+    // waits. What action throws passes through. action must not call the run.
+    void step(const std::function<void()>& action);
+
     // Undoes at once what would be undone at the end: whoever holds a lock on where it happens calls this before giving
     // it up. Without effect on what was committed.
     void clean_up();

@@ -1,22 +1,21 @@
 #include "workplace.hpp"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <system_error>
 
 #include "failure.hpp"
+#include "files.hpp"
+#include "mirror_client.hpp"
 #include "names.hpp"
+#include "options.hpp"
 
 namespace zqu::mirror_tool {
 
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr const char* work_folder = ".zqu-mirror.work";
 
 const fs::path& make_folders(const fs::path& path, Run& run) {
     fs::path prefix;
@@ -32,15 +31,6 @@ const fs::path& make_folders(const fs::path& path, Run& run) {
     return path;
 }
 
-void lock(const Fd& file, const fs::path& path) {
-    if (flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
-        if (errno == EWOULDBLOCK) {
-            fail("another publish is at work in " + path.string());
-        }
-        fail_errno("cannot lock " + path.string());
-    }
-}
-
 void make_work(const fs::path& work, Run& run) {
     run.make_scratch([&] {
         std::error_code ignored;
@@ -50,16 +40,35 @@ void make_work(const fs::path& work, Run& run) {
     });
 }
 
+// Best effort: an INI of another user stays as it is, and prune is the more careful then.
+void mark_as_former(const fs::path& info, const fs::path& hit) {
+    struct stat replaced {};
+    if (stat(hit.c_str(), &replaced) == 0) {
+        const timespec times[] = {{0, UTIME_OMIT}, replaced.st_mtim};
+        static_cast<void>(utimensat(AT_FDCWD, info.c_str(), times, 0));
+    }
+}
+
 }  // namespace
 
-Workplace::Workplace(const fs::path& folder, Run& run)
-    : folder_(make_folders(folder, run)), locked_(folder_, O_RDONLY | O_DIRECTORY), run_(run) {
-    lock(locked_, folder_);
-    make_work(folder_ / work_folder, run_);
+std::optional<std::string> current_id(const fs::path& folder, const std::string& flavor) {
+    if (!fs::exists(folder / hit_name(flavor))) {
+        return std::nullopt;  // the client would log that
+    }
+    Options options;
+    options.mirror = folder;
+    options.subdir = "";
+    options.flavor = flavor;
+    const zqu::Config cfg = client_config(options);
+    return zqu::MirrorClient(cfg).fetch_defid();
+}
+
+Workplace::Workplace(const fs::path& folder, Run& run) : folder_(make_folders(folder, run)), lock_(folder_), run_(run) {
+    make_work(folder_ / work_folder_name, run_);
 }
 
 fs::path Workplace::work(const std::string& name) const {
-    return folder_ / work_folder / name;
+    return folder_ / work_folder_name / name;
 }
 
 void Workplace::add(const std::string& work_name, const std::string& name) {
@@ -69,6 +78,10 @@ void Workplace::add(const std::string& work_name, const std::string& name) {
 void Workplace::make_current(const std::string& flavor, const std::string& id) {
     const fs::path hit = work("hit");
     write_text(hit, "[Current]\ndefId = " + id + "\n");
+    const auto former = current_id(folder_, flavor);
+    if (former && *former != id && unusable_name(*former).empty()) {
+        mark_as_former(folder_ / info_name(flavor, *former), hit);
+    }
     run_.commit([&] { move(hit, folder_ / hit_name(flavor)); });
     try {
         flush(folder_);

@@ -7,19 +7,27 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
 
-#include "files.hpp"
+#include "lock.hpp"
 #include "run.hpp"
 
 namespace zqu::mirror_tool {
 
+// The work folder's name in the mirror's folder.
+inline constexpr const char* work_folder_name = ".zqu-mirror.work";
+
+// The release that the flavor's hit INI in folder, an absolute path, names; none when there is no hit INI or it cannot
+// be read or understood, which is logged by the core library.
+[[nodiscard]] std::optional<std::string> current_id(const std::filesystem::path& folder, const std::string& flavor);
+
 class Workplace {
 public:
     // Makes folder, an absolute path, with the parents that are missing (on disk then, and undone with the run), locks
-    // it (flock(2), which leaves nothing behind), and makes an empty work folder in it. Keeps a reference to run, which
-    // must outlive the workplace. Throws std::runtime_error when another workplace holds
-    // the lock, and std::system_error when folder or work folder cannot be made.
+    // it, and makes an empty work folder in it. Keeps a reference to run, which
+    // must outlive the workplace. Throws what Lock throws, and std::system_error when folder or work folder cannot be
+    // made.
     Workplace(const std::filesystem::path& folder, Run& run);
 
     // Removes the work folder, undoes what was not committed, and only then unlocks the folder: the next run must not
@@ -40,13 +48,15 @@ public:
     void add(const std::string& work_name, const std::string& name);
 
     // Makes the release current whose files are all in place and on disk: writes the flavor's hit INI and commits the
-    // run by moving it into place. Throws std::system_error when that fails, and the mirror is as it was;
-    // std::runtime_error when the release is current but the folder cannot be flushed.
+    // run by moving it into place. The complete-info INI of the release that was current gets the time of the new hit
+    // INI, by which prune knows when it ceased to be so; whether that succeeds is ignored, and it is not undone. Throws
+    // std::system_error when that fails, and the mirror is as it was; std::runtime_error when the release is current
+    // but the folder cannot be flushed.
     void make_current(const std::string& flavor, const std::string& id);
 
 private:
     std::filesystem::path folder_;
-    Fd locked_;
+    Lock lock_;
     Run& run_;
 };
 
