@@ -1,0 +1,120 @@
+"""zqu-mirror, and a place where it runs."""
+
+import hashlib
+import os
+import signal
+import stat
+import subprocess
+
+from machines import BUILD
+
+TOOL = BUILD / "zqu-mirror"
+SUBDIR = "rhex/deffiles/def5-2"
+WORK = ".zqu-mirror.work"
+
+
+def run(*args, **options):
+    done = subprocess.run([TOOL, *args], capture_output=True, timeout=300, **options)
+    return done.returncode, done.stdout.decode(), done.stderr.decode()
+
+
+def under_strace():
+    """The environment of a tool that strace runs: the leak check does not work under ptrace(2)."""
+    return {**os.environ, "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"}
+
+
+def noise(size, seed):
+    """Bytes that do not compress, the same in each run."""
+    blocks = (hashlib.sha256(f"{seed} {i}".encode()).digest() for i in range(size // 32 + 1))
+    return b"".join(blocks)[:size]
+
+
+def tree(root):
+    """Everything below root, and root: permissions and content. Empty when there is no root."""
+    paths = [root, *sorted(root.rglob("*"))] if root.exists() else []
+    return {
+        str(path.relative_to(root)): (
+            oct(stat.S_IMODE(path.stat().st_mode)),
+            path.read_bytes() if path.is_file() else None,
+        )
+        for path in paths
+    }
+
+
+def release_files(root):
+    return sorted(path.name for path in (root / SUBDIR).iterdir())
+
+
+class Setting:
+    """A place with two definition files and a mirror that may hold a release "old" of other content."""
+
+    def __init__(self, base):
+        self.base = base
+        self.mirror = base / "mirror"
+        self.dir = self.mirror / SUBDIR
+        self.antivir = base / "first input"
+        self.aivsecon = base / "second input"
+        self.antivir.write_bytes(noise(70000, "antivir"))
+        self.aivsecon.write_bytes(b"signature\n" * 3000)
+        os.utime(self.antivir, (1583298368, 1583298368))
+        os.utime(self.aivsecon, (1614834370, 1614834370))
+        self.old = base / "old input"
+        self.old.write_bytes(b"old\n")
+
+    def publish(self, id, *flags, mirror=None, **options):
+        return run("publish", *flags, "--id", id, mirror or self.mirror, self.antivir, self.aivsecon, **options)
+
+    def publish_old(self):
+        assert run("publish", "--id", "old", self.mirror, self.old, self.old)[0] == 0
+
+    def check(self, *flags, mirror=None, **options):
+        return run("check", *flags, mirror or self.mirror, **options)
+
+    def require_refused(self, line, *flags, id="new", code=1, **options):
+        before = tree(self.mirror)
+        assert self.publish(id, *flags, **options) == (code, "", f"zqu-mirror: {line}\n")
+        assert tree(self.mirror) == before
+
+
+class Stopped:
+    """A publish that stands still before its first call of a kind on a path."""
+
+    def __init__(self, place, path, call="openat", number=1, id="new", tool_args=None):
+        log = place.base / "stop-log"
+        log.unlink(missing_ok=True)
+        words = tool_args or ["publish", "--id", id, place.mirror, place.antivir, place.aivsecon]
+        self.process = subprocess.Popen(
+            [
+                "strace",
+                "-D",
+                "-o",
+                log,
+                "-P",
+                str(path),
+                "-e",
+                f"inject={call}:signal=STOP:when={number}",
+                TOOL,
+                *words,
+            ],
+            env=under_strace(),
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+        )
+        while not (log.exists() and "--- stopped by SIGSTOP ---" in log.read_text()):
+            assert self.process.poll() is None, "ended without having been stopped"
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *unused):
+        if self.process.returncode is None:
+            self.process.kill()
+            self.process.communicate()
+
+    def signal(self, number):
+        self.process.send_signal(number)
+
+    def finish(self):
+        self.process.send_signal(signal.SIGCONT)
+        out, err = self.process.communicate(timeout=120)
+        return self.process.returncode, out.decode(), err.decode()
