@@ -1,9 +1,11 @@
 """zqu-mirror prune: what it removes, what it spares, and that no client notices."""
 
+import collections
 import os
 import re
 import signal
 import subprocess
+import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
 
@@ -277,7 +279,6 @@ def test_a_client_on_its_way_is_served_within_the_grace_and_cut_off_without(plac
 
 
 def test_daemons_update_while_releases_come_and_go(place, nginx, tmp_path):
-    place = Place(tmp_path)
     place.mirror = nginx.root / f"pruned-{tmp_path.name}"
     place.dir = place.mirror / SUBDIR
     place.release("0")
@@ -288,21 +289,34 @@ def test_daemons_update_while_releases_come_and_go(place, nginx, tmp_path):
         settings = {"mirror_subdir": f"{place.mirror.name}/{SUBDIR}", "ca_path": nginx.ca_path}
         gateways.append(Gateway(folder, mirror_base_url=nginx.url(), **settings))
 
+    ended = threading.Event()
+    cycles = collections.Counter()
+
     def update(gateway):
-        for _ in range(12):
+        while not ended.is_set():
             gateway.run_once()
             assert gateway.status()["last_error"] == ""
+            cycles[gateway] += 1
 
     with ThreadPoolExecutor(2) as pool:
         updates = [pool.submit(update, gateway) for gateway in gateways]
-        count = 0
-        while not all(updating.done() for updating in updates):
-            count += 1
-            place.release(str(count))
-            assert place.prune("--keep", "1", "--grace", "5s")[0] == 0
-    for updating in updates:
+        try:
+            for number in range(1, 9):
+                place.release(str(number))
+                for former in range(max(number - 3, 0), number - 2):  # all but three are beyond the grace
+                    place.set_age(info(former), DAY)
+                assert place.prune("--keep", "1")[0] == 0
+                seen = dict(cycles)  # at most two releases come in the time of one cycle
+                while any(cycles[gateway] == seen.get(gateway, 0) for gateway in gateways):
+                    assert not any(updating.done() for updating in updates)
+                    time.sleep(0.01)
+        finally:
+            ended.set()
+    for updating, gateway in zip(updates, gateways):
         updating.result()
-    assert count > 5
+        gateway.run_once()
+        gateway.expect_status("8")
+    assert release_files(place.mirror) == place.of("6", "7", "8")
 
 
 # ---- What killed runs leave ----

@@ -145,7 +145,7 @@ void require_definitions(const Options& options, const fs::path& archive, const 
             fail(which + "lacks " + name);
         }
         if (entry != index.end() && !zqu::verifier::verify(unpacked / name, entry->second)) {
-            fail(which + "holds a " + name + " without the digest that its index gives");
+            fail(which + "holds another " + name + " than its index says");
         }
     }
 }
