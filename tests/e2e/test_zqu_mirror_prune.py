@@ -74,7 +74,7 @@ def place(tmp_path):
 
 
 def total(releases, leftovers, size, did="removed in all"):
-    return f"{did}: {releases} releases, {leftovers} leftovers, {size} bytes\n"
+    return f"{did}: releases {releases}, leftovers {leftovers}, bytes {size}\n"
 
 
 NOTHING = (0, total(0, 0, 0), "")

@@ -95,7 +95,7 @@ def test_timer_starts_the_confined_service_which_copies_each_release_and_fails_w
     site.sync()
     assert site.machine.journal(SERVICE)[-2:] == [
         "nothing new: 1002 is current",
-        "removed in all: 0 releases, 0 leftovers, 0 bytes",
+        "removed in all: releases 0, leftovers 0, bytes 0",
     ]
     before = sorted(os.listdir(site.folder))
     site.upstream.path("antivir-v2-hit.ini").unlink()

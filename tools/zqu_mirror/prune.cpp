@@ -154,8 +154,8 @@ public:
         run_.step([&] {
             flush_folder();
             const std::string total = options_.dry_run ? "would be removed in all: " : "removed in all: ";
-            say(total + std::to_string(releases_) + " releases, " + std::to_string(others_) + " leftovers, " +
-                std::to_string(bytes_) + " bytes");
+            say(total + "releases " + std::to_string(releases_) + ", leftovers " + std::to_string(others_) +
+                ", bytes " + std::to_string(bytes_));
         });
     }
 
