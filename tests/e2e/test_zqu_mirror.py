@@ -390,7 +390,7 @@ def test_a_missing_subcommand_or_option_is_a_usage_error():
 def test_help_and_version_are_answered():
     version = re.search(r"project\(\S+ VERSION (\S+)", (REPOSITORY / "CMakeLists.txt").read_text()).group(1)
     assert run("--version") == (0, f"zqu-mirror {version}\n", "")
-    for words in (["--help"], ["publish", "--help"], ["check", "--help"]):
+    for words in (["--help"], *([command, "--help"] for command in ("publish", "mirror", "prune", "check"))):
         code, out, err = run(*words)
         assert (code, err) == (0, "")
         assert "Exit status: 0 done" in out
