@@ -7,7 +7,7 @@ import subprocess
 
 import booted
 import pytest
-from machines import REPOSITORY
+from machines import REPOSITORY, SANITIZED
 from mirror_tool import SUBDIR, TOOL
 from mirrors import Mirror, Nginx
 
@@ -79,6 +79,8 @@ class Site:
 def site(tmp_path):
     if booted.why_not_bootable():
         pytest.skip(booted.why_not_bootable())
+    if SANITIZED:
+        pytest.skip("the sanitizers need more than the confined service may do")
     made = Site(tmp_path)
     yield made
     made.end()

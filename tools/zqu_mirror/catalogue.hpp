@@ -45,8 +45,8 @@ struct Catalogue {
 // Reads everything. A release with the id "hit" has an INI that could be a hit INI by its name: its content decides.
 [[nodiscard]] Catalogue read_catalogue(const Options& options);
 
-// The file's modification time in nanoseconds since the Unix epoch, or the time of its last change of status when that
-// is wanted. Throws std::system_error when it cannot be told.
+// When the file's content was written, as whoever wrote it may have set it, or when anything about it was changed,
+// which nobody can set (inode(7)); in nanoseconds since the Unix epoch. Throw std::system_error when it cannot be told.
 [[nodiscard]] std::int64_t modified_ns(const std::filesystem::path& path);
 [[nodiscard]] std::int64_t changed_ns(const std::filesystem::path& path);
 
