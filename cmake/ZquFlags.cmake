@@ -3,6 +3,7 @@
 option(ZQU_WERROR "Treat warnings as errors (for CI)" OFF)
 option(ZQU_HARDENING "Harden optimised builds" ON)
 option(ZQU_COVERAGE "Instrument for gcov" OFF)
+option(ZQU_REPRODUCIBLE "Keep the names of this machine's folders out of the programs" OFF)
 set(ZQU_SANITIZE "" CACHE STRING "Sanitizers to build with, as a comma-separated list (address,undefined)")
 
 add_library(zqu_warnings INTERFACE)
@@ -29,6 +30,11 @@ elseif(ZQU_HARDENING)
     if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
         target_compile_options(zqu_flags INTERFACE $<${optimised}:-fcf-protection>)
     endif()
+endif()
+if(ZQU_REPRODUCIBLE)
+    # Of several that fit, the last one counts.
+    target_compile_options(zqu_flags INTERFACE
+        "-ffile-prefix-map=${PROJECT_SOURCE_DIR}=." "-ffile-prefix-map=${PROJECT_BINARY_DIR}=build")
 endif()
 if(ZQU_COVERAGE)
     target_compile_options(zqu_flags INTERFACE --coverage -fprofile-abs-path -fprofile-update=atomic)

@@ -1,0 +1,33 @@
+# zqu_install_configuration(<file> <absolute path>): installs a file that the administrator changes; one that is there
+# already stays as it is.
+function(zqu_install_configuration file path)
+    cmake_path(ABSOLUTE_PATH file NORMALIZE)
+    cmake_path(GET path PARENT_PATH folder)
+    install(CODE "
+        if(EXISTS \"\$ENV{DESTDIR}${path}\")
+            message(STATUS \"Keeping: \$ENV{DESTDIR}${path}\")
+        else()
+            file(INSTALL DESTINATION \"${folder}\" TYPE FILE FILES \"${file}\")
+        endif()")
+endfunction()
+
+# zqu_install_manual(<component> <page>...): installs pages of the manual, compressed; their sections are the last part
+# of their names.
+function(zqu_install_manual component)
+    set(compressed "")
+    foreach(page IN LISTS ARGN)
+        cmake_path(ABSOLUTE_PATH page NORMALIZE)
+        cmake_path(GET page FILENAME name)
+        cmake_path(GET page EXTENSION LAST_ONLY section)
+        string(SUBSTRING "${section}" 1 -1 section)
+        set(output "${CMAKE_CURRENT_BINARY_DIR}/${name}.gz")
+        # Neither the name nor the time of the page, which would tell one build from another.
+        add_custom_command(OUTPUT "${output}"
+            COMMAND gzip -9 --no-name --stdout "${page}" > "${output}"
+            DEPENDS "${page}"
+            VERBATIM)
+        list(APPEND compressed "${output}")
+        install(FILES "${output}" DESTINATION "${CMAKE_INSTALL_MANDIR}/man${section}" COMPONENT "${component}")
+    endforeach()
+    add_custom_target(manual_of_${component} ALL DEPENDS ${compressed})
+endfunction()
