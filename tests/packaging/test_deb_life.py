@@ -1,0 +1,163 @@
+"""The .deb through its life, in a booted system: installed, upgraded, removed and purged, with the daemon at work."""
+
+import pytest
+from packages import CONFIG, DEFS, HINT, NEXT, SERVICE
+
+
+def dpkg(site, *arguments, **options):
+    return site.machine.run("dpkg", *arguments, **options)
+
+
+@pytest.fixture
+def site(installation):
+    """A system that the package is not installed in."""
+    yield installation
+    installation.clear()
+
+
+@pytest.fixture
+def installed(site, packages):
+    """A system with the package installed, and what that printed."""
+    site.said = dpkg(site, "--install", packages.deb()).stdout
+    return site
+
+
+def upgrade(site, packages):
+    dpkg(site, "--force-confold", "--install", packages.deb(folder=packages.next))
+    assert site.machine.out("dpkg-query", "--showformat=${Version}", "--show", "zel-quorin-updater") == NEXT
+    assert site.machine.show(SERVICE, "Description") == "The next version"  # systemd has read the unit anew
+
+
+def test_installing_neither_enables_nor_starts_and_says_in_one_line_what_to_do(installed):
+    assert (installed.enabled(), installed.active()) == ("disabled", "inactive")
+    assert [line for line in installed.said.splitlines() if "zel_quorin_updater" in line] == [HINT]
+
+
+def test_installing_makes_the_definitions_root_for_the_service_and_its_readers(installed):
+    assert sorted(installed.definitions()) == [
+        "drwxr-x--- zel-quorin:zel-quorin-readers  -> ",
+        "drwxr-xr-x zel-quorin:zel-quorin manifest -> ",
+    ]
+    assert installed.machine.out("getfacl", "--absolute-names", DEFS).splitlines() == [
+        f"# file: {DEFS}",
+        "# owner: zel-quorin",
+        "# group: zel-quorin-readers",
+        "user::rwx",
+        "group::r-x",
+        "other::---",
+        "default:user::rwx",
+        "default:group::r-x",
+        "default:group:zel-quorin-readers:r-x",
+        "default:mask::r-x",
+        "default:other::r-x",
+    ]
+
+
+def test_installed_unit_is_one_that_systemd_takes_without_a_word(installed):
+    process = installed.machine.run("systemd-analyze", "verify", SERVICE, "zel_quorin_updater-retry.timer")
+    assert process.stdout + process.stderr == ""
+
+
+def test_upgrade_restarts_the_running_service_and_keeps_settings_and_definitions(installed, packages):
+    text = installed.serve()
+    definitions = installed.definitions()
+    former = installed.machine.show(SERVICE, "MainPID")
+    upgrade(installed, packages)
+    assert (installed.enabled(), installed.active()) == ("enabled", "active")
+    assert installed.machine.show(SERVICE, "MainPID") != former
+    assert installed.machine.path(CONFIG).read_text() == text
+    assert installed.definitions() == definitions
+
+
+def test_upgrade_of_an_unedited_configuration_brings_the_new_one(installed, packages):
+    former = installed.machine.path(CONFIG).read_text()
+    upgrade(installed, packages)
+    assert installed.machine.path(CONFIG).read_text() == former + "# a line that came with the next version\n"
+
+
+def test_upgrade_leaves_a_stopped_service_stopped_but_enabled(installed, packages):
+    installed.machine.run("systemctl", "enable", SERVICE)
+    upgrade(installed, packages)
+    assert (installed.enabled(), installed.active()) == ("enabled", "inactive")
+
+
+def test_upgrade_leaves_a_disabled_service_disabled(installed, packages):
+    upgrade(installed, packages)
+    assert (installed.enabled(), installed.active()) == ("disabled", "inactive")
+
+
+def test_masked_stays_masked_through_upgrade_removal_and_installation(installed, packages):
+    installed.machine.run("systemctl", "mask", SERVICE)
+    dpkg(installed, "--install", packages.deb(folder=packages.next))
+    assert (installed.enabled(), installed.active()) == ("masked", "inactive")
+    dpkg(installed, "--remove", "zel-quorin-updater")
+    dpkg(installed, "--install", packages.deb())
+    assert (installed.enabled(), installed.active()) == ("masked", "inactive")
+
+
+def test_removing_stops_and_disables_but_keeps_configuration_and_definitions(installed, packages):
+    text = installed.serve()
+    definitions = installed.definitions()
+    dpkg(installed, "--remove", "zel-quorin-updater")
+    assert not installed.exists("/etc/systemd/system/multi-user.target.wants/" + SERVICE)
+    assert installed.machine.show(SERVICE, "LoadState") == "not-found"
+    assert installed.machine.run("pgrep", "-x", "zel_quorin_upda", check=False).stdout == ""
+    assert installed.machine.path(CONFIG).read_text() == text
+    assert installed.definitions() == definitions
+    dpkg(installed, "--install", packages.deb())
+    assert (installed.enabled(), installed.active()) == ("disabled", "inactive")
+
+
+def test_purging_leaves_the_system_as_it_was_but_for_users(site, packages):
+    before = site.files()
+    dpkg(site, "--install", packages.deb())
+    assert len(site.files() - before) > 20
+    site.serve()
+    site.machine.path("/etc/mirror-ca.pem").unlink()
+    site.machine.path(f"{DEFS}/active.tmp").symlink_to("snapshots/1000")  # as a crash leaves it
+    dpkg(site, "--purge", "zel-quorin-updater")
+    assert site.files() ^ before == set()
+    assert site.machine.run("dpkg", "--status", "zel-quorin-updater", check=False).returncode != 0
+    assert site.machine.out("id", "--user", "--name", "zel-quorin") == "zel-quorin"
+
+
+def test_purging_leaves_what_an_administrator_put_there(installed):
+    installed.serve()
+    kept = ["defs/notes", "defs/manifest/notes", "etc/notes"]
+    for name in kept:
+        installed.machine.path(f"{DEFS}/../{name}").write_text("mine\n")
+    dpkg(installed, "--purge", "zel-quorin-updater")
+    folder = DEFS.rpartition("/")[0]
+    listed = installed.machine.out("find", folder, "-printf", "%P\\n").splitlines()
+    assert sorted(listed) == ["", "defs", "defs/manifest", "defs/manifest/notes", "defs/notes", "etc", "etc/notes"]
+
+
+def test_purging_leaves_a_definitions_root_that_is_a_link_to_elsewhere(installed):
+    installed.serve()
+    installed.machine.run("systemctl", "stop", SERVICE)
+    installed.machine.run("mv", DEFS, "/srv/defs")
+    installed.machine.run("ln", "-s", "/srv/defs", DEFS)
+    before = installed.machine.out("find", "/srv/defs", "-printf", "%M %P %l\\n")
+    dpkg(installed, "--purge", "zel-quorin-updater")
+    assert installed.machine.out("find", "/srv/defs", "-printf", "%M %P %l\\n") == before
+    assert installed.exists(DEFS)
+
+
+def test_purging_follows_no_link_that_the_services_user_left(installed):
+    installed.machine.run("mkdir", "/srv/other")
+    for name in ("status.json", "1001"):
+        installed.machine.path(f"/srv/other/{name}").write_text("not of the daemon\n")
+    installed.machine.run("rmdir", f"{DEFS}/manifest")
+    for name in ("manifest", "snapshots"):
+        installed.machine.run("ln", "-s", "/srv/other", f"{DEFS}/{name}")
+    dpkg(installed, "--purge", "zel-quorin-updater")
+    assert installed.machine.out("ls", "/srv/other").split() == ["1001", "status.json"]
+
+
+def test_package_comes_and_goes_where_no_systemd_runs(site, packages):
+    bare = ["unshare", "--mount", "sh", "-ec", 'mount -t tmpfs tmpfs /run; exec "$@"', "sh"]
+    site.machine.run(*bare, "dpkg", "--install", packages.deb())
+    assert len(site.definitions()) == 2
+    assert site.enabled() == "disabled"
+    site.machine.run(*bare, "dpkg", "--purge", "zel-quorin-updater")
+    assert not site.exists(DEFS)

@@ -1,0 +1,60 @@
+"""What `cmake --install` puts where, and that the daemon runs as a service from there."""
+
+import os
+
+import booted
+import pytest
+from machines import BUILD, REPOSITORY, SANITIZED, listing
+from packages import CONFIG, SERVICE, Site, run
+from test_packages import MIRROR, UPDATER
+
+PREFIX = "/usr/local"
+pytestmark = pytest.mark.skipif(SANITIZED, reason="the sanitized build is not for installing")
+
+
+def install(target):
+    return run("cmake", "--install", BUILD, env={**os.environ, "DESTDIR": str(target)})
+
+
+def test_installing_to_a_folder_puts_everything_below_the_prefix(tmp_path):
+    install(tmp_path)
+    names = [line.split()[1] for line in UPDATER + MIRROR]
+    expected = [name if name == CONFIG else name.replace("/usr", PREFIX, 1) for name in names]
+    assert sorted("/" + name for name in listing(tmp_path) if not name.endswith("/")) == sorted(expected)
+    unit = (tmp_path / f"usr/local/lib/systemd/system/{SERVICE}").read_text()
+    assert f"\nExecStart={PREFIX}/sbin/zel_quorin_updater\n" in unit
+
+
+def test_installing_again_keeps_an_edited_configuration(tmp_path):
+    install(tmp_path)
+    configuration = tmp_path / CONFIG.lstrip("/")
+    assert configuration.read_text() == (REPOSITORY / "packaging" / "zel_quorin_updater.conf").read_text()
+    assert configuration.stat().st_mode == 0o100644
+    configuration.write_text("mirror_base_url = https://mirror.example\n")
+    assert f"-- Keeping: {configuration}\n" in install(tmp_path)
+    assert configuration.read_text() == "mirror_base_url = https://mirror.example\n"
+
+
+@pytest.fixture
+def site(tmp_path):
+    why_not = booted.why_not_bootable()
+    if why_not:
+        pytest.skip(why_not)
+    made = Site(tmp_path, BUILD, REPOSITORY)
+    yield made
+    made.end()
+
+
+def test_service_runs_from_below_usr_local(site):
+    site.machine.run("cmake", "--install", BUILD)
+    for command in (
+        ["systemd-sysusers", "zel_quorin_updater.conf"],
+        ["systemd-tmpfiles", "--create", "zel_quorin_updater.conf"],
+        ["systemctl", "daemon-reload"],
+    ):
+        assert " ".join(command) in (REPOSITORY / "README.md").read_text()
+        site.machine.run(*command)
+    site.serve()
+    assert site.machine.show(SERVICE, "FragmentPath") == f"{PREFIX}/lib/systemd/system/{SERVICE}"
+    process = site.machine.show(SERVICE, "MainPID")
+    assert site.machine.out("readlink", f"/proc/{process}/exe") == f"{PREFIX}/sbin/zel_quorin_updater"

@@ -1,0 +1,212 @@
+"""What the packages hold and need, what the linters of both kinds find, and that building again gives the same."""
+
+import os
+import re
+import subprocess
+
+import pytest
+from builds import REPOSITORY, copy_sources
+from packages import CONFIG, EPOCH, run
+
+UPDATER = [
+    "-rw-r--r-- /usr/lib/systemd/system/zel_quorin_updater-retry.timer",
+    "-rw-r--r-- /usr/lib/systemd/system/zel_quorin_updater.service",
+    "-rw-r--r-- /usr/lib/sysusers.d/zel_quorin_updater.conf",
+    "-rw-r--r-- /usr/lib/tmpfiles.d/zel_quorin_updater.conf",
+    f"-rw-r--r-- {CONFIG}",
+    "-rwxr-xr-x /usr/sbin/zel_quorin_updater",
+    "-rw-r--r-- /usr/share/doc/zel-quorin-updater/consumers.md",
+    "-rw-r--r-- /usr/share/doc/zel-quorin-updater/copyright",
+    "-rw-r--r-- /usr/share/doc/zel-quorin-updater/examples/zel-quorin-reload.path",
+    "-rw-r--r-- /usr/share/doc/zel-quorin-updater/examples/zel-quorin-reload.service",
+    "-rw-r--r-- /usr/share/doc/zel-quorin-updater/examples/zel-quorin-reload.timer",
+    "-rw-r--r-- /usr/share/doc/zel-quorin-updater/operations.md",
+    "-rw-r--r-- /usr/share/doc/zel-quorin-updater/security.md",
+    "-rw-r--r-- /usr/share/man/man8/zel_quorin_updater.8.gz",
+]
+MIRROR = [
+    "-rwxr-xr-x /usr/bin/zqu-mirror",
+    "-rw-r--r-- /usr/share/doc/zel-quorin-mirror/copyright",
+]
+# What a .deb has besides.
+DEBIAN = {
+    "updater": [
+        "-rw-r--r-- /usr/share/doc/zel-quorin-updater/changelog.gz",
+        "-rw-r--r-- /usr/share/lintian/overrides/zel-quorin-updater",
+    ],
+    "mirror": ["-rw-r--r-- /usr/share/doc/zel-quorin-mirror/changelog.gz"],
+}
+# The folders that an .rpm makes, and takes away again; all others are the system's.
+FOLDERS = {
+    "updater": [
+        "/usr/local/zelgw",
+        "/usr/local/zelgw/opt",
+        "/usr/local/zelgw/opt/av",
+        "/usr/local/zelgw/opt/av/quorin",
+        "/usr/local/zelgw/opt/av/quorin/etc",
+        "/usr/share/doc/zel-quorin-updater",
+        "/usr/share/doc/zel-quorin-updater/examples",
+    ],
+    "mirror": ["/usr/share/doc/zel-quorin-mirror"],
+}
+LIBRARIES = {
+    "updater": {"libarchive.so.13", "libc.so.6", "libcrypto.so.3", "libcurl.so.4", "libgcc_s.so.1", "libstdc++.so.6"},
+}
+LIBRARIES["mirror"] = LIBRARIES["updater"] | {"libgcab-1.0.so.0", "libgio-2.0.so.0", "libglib-2.0.so.0"}
+LIBRARIES["mirror"] |= {"libgobject-2.0.so.0"}
+
+
+def by_name(lines):
+    return sorted(lines, key=lambda line: line.split()[1])
+
+
+def listed(words):
+    """Parts (mode, owner, group, name) of each into lines of files with their modes, and names of folders."""
+    words = list(words)
+    assert {(owner, group) for _, owner, group, _ in words} == {("root", "root")}
+    assert {mode for mode, _, _, _ in words if mode.startswith("d")} == {"drwxr-xr-x"}
+    files = [f"{mode} {name}" for mode, _, _, name in words if not mode.startswith("d")]
+    return by_name(files), sorted(name for mode, _, _, name in words if mode.startswith("d"))
+
+
+def fields(package, *names):
+    output = run("dpkg-deb", "--field", package, *names)
+    return dict(re.findall(r"^([\w-]+): (.*(?:\n .*)*)$", output, re.MULTILINE))
+
+
+@pytest.mark.parametrize("name, files", [("updater", UPDATER), ("mirror", MIRROR)])
+def test_deb_holds_just_these_files_with_these_modes(packages, name, files):
+    lines = run("dpkg-deb", "--contents", packages.deb(name)).splitlines()
+    words = (line.split() for line in lines)
+    found, _ = listed((mode, *owners.split("/"), path.lstrip(".")) for mode, owners, _, _, _, path in words)
+    assert found == by_name(files + DEBIAN[name])
+
+
+@pytest.mark.parametrize("name, files", [("updater", UPDATER), ("mirror", MIRROR)])
+def test_rpm_holds_just_these_files_with_these_modes(packages, name, files):
+    query = "[%{FILEMODES:perms} %{FILEUSERNAME} %{FILEGROUPNAME} %{FILENAMES}\n]"
+    lines = run("rpm", "--query", "--package", "--queryformat", query, packages.rpm(name)).splitlines()
+    found, folders = listed(line.split() for line in lines)
+    assert (found, folders) == (by_name(files), FOLDERS[name])
+
+
+def test_configuration_is_marked_as_such_in_both_kinds(packages):
+    assert run("dpkg-deb", "--info", packages.deb(), "conffiles") == CONFIG + "\n"
+    query = ["rpm", "--query", "--package", "--queryformat", "[%{FILENAMES} %{FILEFLAGS:fflags}\n]", packages.rpm()]
+    flags = dict(line.split(" ") for line in run(*query).splitlines())
+    assert {name: flag for name, flag in flags.items() if "c" in flag} == {CONFIG: "cn"}  # %config(noreplace)
+
+
+def test_deb_of_the_updater_needs_no_interpreter_and_nothing_of_the_tool_for_mirrors(packages):
+    needed = fields(packages.deb(), "Depends", "Pre-Depends", "Recommends")
+    assert set(needed) == {"Depends", "Recommends"}
+    names = {dependency.split()[0] for dependency in needed["Depends"].split(", ")}
+    assert names == {"libarchive13", "libc6", "libcurl4", "libgcc-s1", "libssl3", "libstdc++6", "systemd"}
+    assert needed["Recommends"] == "ca-certificates"
+
+
+@pytest.mark.parametrize("name, others", [("updater", {"/bin/sh", "systemd"}), ("mirror", set())])
+def test_rpm_needs_just_these_libraries_and_no_other_interpreter_than_sh(packages, name, others):
+    lines = run("rpm", "--query", "--package", "--requires", packages.rpm(name)).splitlines()
+    needed = {line.split("(")[0] for line in lines if not line.startswith(("rpmlib(", "rtld(", "config("))}
+    assert needed == LIBRARIES[name] | others
+    assert run("rpm", "--query", "--package", "--recommends", packages.rpm(name)) == "ca-certificates\n"
+
+
+def test_maintainer_scripts_are_of_plain_sh(packages, tmp_path):
+    run("dpkg-deb", "--control", packages.deb(), tmp_path)
+    assert sorted(path.name for path in tmp_path.iterdir()) == [
+        "conffiles",
+        "control",
+        "md5sums",
+        "postinst",
+        "postrm",
+        "prerm",
+    ]
+    for name in ("postinst", "postrm", "prerm"):
+        assert (tmp_path / name).read_text().startswith("#!/bin/sh\nset -e\n")
+        run("dash", "-n", tmp_path / name)
+    query = "%{PREINPROG} %{POSTINPROG} %{PREUNPROG} %{POSTUNPROG}"
+    programs = run("rpm", "--query", "--package", "--queryformat", query, packages.rpm())
+    assert programs == "(none) /bin/sh /bin/sh /bin/sh"
+
+
+def test_versions_are_those_of_the_sources_and_of_both_changelogs(packages):
+    version = re.search(r"\bproject\(.* VERSION ([\d.]+)", (REPOSITORY / "CMakeLists.txt").read_text())[1]
+    for name in ("updater", "mirror"):
+        assert run("dpkg-deb", "--field", packages.deb(name), "Version") == version + "\n"
+        query = ["--queryformat", "%{VERSION}-%{RELEASE} %{BUILDTIME} %{BUILDHOST}", packages.rpm(name)]
+        assert run("rpm", "--query", "--package", *query) == f"{version}-1 {EPOCH} localhost"
+    folder = REPOSITORY / "packaging"
+    assert (folder / "deb" / "changelog").read_text().startswith(f"zel-quorin ({version}) ")
+    assert (folder / "rpm" / "changelog").read_text().splitlines()[0].endswith(f" - {version}-1")
+
+
+def test_programs_are_stripped_and_tell_no_folder_of_the_machine_that_built_them(packages, tmp_path):
+    for name, program in (("updater", "usr/sbin/zel_quorin_updater"), ("mirror", "usr/bin/zqu-mirror")):
+        run("dpkg-deb", "--extract", packages.deb(name), tmp_path)
+        sections = run("readelf", "--section-headers", "--wide", tmp_path / program)
+        assert not re.search(r" \.(symtab|debug_\w+|comment) ", sections)
+        content = (tmp_path / program).read_bytes()
+        assert str(packages.folder).encode() not in content
+
+
+def test_lintian_finds_nothing_but_what_is_explained_and_all_of_that(packages):
+    options = ["--allow-root", "--profile", "debian", "--pedantic", "--display-info", "--show-overrides"]
+    command = ["lintian", *options, packages.deb(), packages.deb("mirror")]
+    lines = subprocess.run(command, capture_output=True, text=True).stdout.splitlines()
+    assert [line for line in lines if not line.startswith(("O: ", "N: "))] == []
+    overrides = (REPOSITORY / "packaging" / "deb" / "zel-quorin-updater.lintian-overrides").read_text().splitlines()
+    assert overrides[0].startswith("# ")
+    tags = {line.split()[1] for line in overrides if not line.startswith("#")}
+    assert {line.split()[2] for line in lines if line.startswith("O: ")} == tags
+
+
+def test_rpmlint_finds_nothing_beyond_what_is_explained(packages):
+    config = REPOSITORY / "packaging" / "rpm" / "rpmlint.toml"
+    output = run("rpmlint", "--config", config, packages.rpm(), packages.rpm("mirror"))
+    assert re.search(r"2 packages and 0 specfiles checked; 0 errors, 0 warnings", output), output
+
+
+def contents(folder):
+    return {path.name: path.read_bytes() for path in sorted(folder.iterdir())}
+
+
+def test_packing_again_under_other_circumstances_gives_the_same_bytes(packages, tmp_path):
+    first = contents(packages.first)
+    assert len(first) == 4
+    circumstances = {"LC_ALL": "C.UTF-8", "TZ": "Asia/Tokyo", "HOME": "/", "TMPDIR": str(tmp_path), "CXXFLAGS": "-g0"}
+    variables = {**os.environ, "SOURCE_DATE_EPOCH": str(EPOCH), **circumstances}
+    script = packages.sources / "scripts" / "package"
+    command = [script, "--build", packages.build, "--output", tmp_path / "again"]
+    run(*command, env=variables, umask=0o077)
+    assert contents(tmp_path / "again") == first
+
+
+@pytest.mark.long
+def test_building_a_commit_elsewhere_as_another_user_gives_the_same_bytes(packages, tmp_path):
+    sources = copy_sources(tmp_path / "a" / "deeper" / "place")
+    identity = ["-c", "user.name=somebody", "-c", "user.email=somebody@example.invalid"]
+    dates = {"GIT_COMMITTER_DATE": f"@{EPOCH} +0000", "GIT_AUTHOR_DATE": "@1 +0000"}
+    run("git", "-C", sources, "init", "--quiet")
+    run("git", "-C", sources, "add", "--all")
+    run("git", "-C", sources, *identity, "commit", "--quiet", "-m", "all", env={**os.environ, **dates})
+    (sources / "src" / "main.cpp").write_text("not committed\n")
+    run("chmod", "-R", "go=u-w", tmp_path)
+    run("chmod", "a+x", *tmp_path.parents[:-2])
+    output = tmp_path / "output"
+    output.mkdir()
+    become = []
+    if os.geteuid() == 0:
+        run("chown", "-R", "nobody:nogroup", sources, output)
+        become = ["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"]
+    variables = {"PATH": os.environ["PATH"], "LANG": "C.UTF-8", "TMPDIR": "/var/tmp"}
+    run(*become, sources / "scripts" / "package", "--commit", "HEAD", "--output", output, env=variables, umask=0o027)
+    assert contents(output) == contents(packages.first)
+
+
+def test_script_says_what_it_takes_and_refuses_the_rest():
+    script = REPOSITORY / "scripts" / "package"
+    assert run(script, "--help").startswith("usage: scripts/package [--commit REVISION]")
+    for wrong in (["--outptu"], ["--output"]):
+        assert subprocess.run([script, *wrong], capture_output=True).returncode == 2
