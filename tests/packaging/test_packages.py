@@ -1,8 +1,10 @@
 """What the packages hold and need, what the linters of both kinds find, and that building again gives the same."""
 
 import os
+import pathlib
 import re
 import subprocess
+import tempfile
 
 import pytest
 from builds import REPOSITORY, copy_sources
@@ -183,26 +185,30 @@ def test_packing_again_under_other_circumstances_gives_the_same_bytes(packages, 
     assert contents(tmp_path / "again") == first
 
 
+@pytest.fixture
+def open_folder():
+    """A folder that every user may get to, which those of pytest are not."""
+    with tempfile.TemporaryDirectory(dir="/var/tmp") as folder:
+        os.chmod(folder, 0o755)
+        yield pathlib.Path(folder)
+
+
 @pytest.mark.long
-def test_building_a_commit_elsewhere_as_another_user_gives_the_same_bytes(packages, tmp_path):
-    sources = copy_sources(tmp_path / "a" / "deeper" / "place")
+def test_building_a_commit_elsewhere_as_another_user_gives_the_same_bytes(packages, open_folder):
+    sources = copy_sources(open_folder / "a" / "deeper" / "place")
     identity = ["-c", "user.name=somebody", "-c", "user.email=somebody@example.invalid"]
     dates = {"GIT_COMMITTER_DATE": f"@{EPOCH} +0000", "GIT_AUTHOR_DATE": "@1 +0000"}
     run("git", "-C", sources, "init", "--quiet")
     run("git", "-C", sources, "add", "--all")
     run("git", "-C", sources, *identity, "commit", "--quiet", "-m", "all", env={**os.environ, **dates})
     (sources / "src" / "main.cpp").write_text("not committed\n")
-    run("chmod", "-R", "go=u-w", tmp_path)
-    run("chmod", "a+x", *tmp_path.parents[:-2])
-    output = tmp_path / "output"
-    output.mkdir()
     become = []
     if os.geteuid() == 0:
-        run("chown", "-R", "nobody:nogroup", sources, output)
+        run("chown", "-R", "nobody:nogroup", open_folder)
         become = ["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"]
-    variables = {"PATH": os.environ["PATH"], "LANG": "C.UTF-8", "TMPDIR": "/var/tmp"}
-    run(*become, sources / "scripts" / "package", "--commit", "HEAD", "--output", output, env=variables, umask=0o027)
-    assert contents(output) == contents(packages.first)
+    command = [*become, sources / "scripts" / "package", "--commit", "HEAD", "--output", open_folder / "output"]
+    run(*command, env={"PATH": os.environ["PATH"], "LANG": "C.UTF-8", "TMPDIR": "/var/tmp"}, umask=0o027)
+    assert contents(open_folder / "output") == contents(packages.first)
 
 
 def test_script_says_what_it_takes_and_refuses_the_rest():
