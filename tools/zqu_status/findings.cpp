@@ -1,0 +1,262 @@
+#include "findings.hpp"
+
+#include <algorithm>
+#include <utility>
+
+#include "advice.hpp"
+#include "text.hpp"
+
+namespace zqu::status_tool {
+
+namespace {
+
+using Findings = std::vector<Finding>;
+
+constexpr std::int64_t disk_work = 300;         // of one check: digests, unpacking, flushing, pruning
+constexpr std::int64_t assumed_transfer = 300;  // when nothing bounds it
+constexpr std::int64_t old_definitions = 2 * 24 * 60 * 60;
+constexpr std::int64_t tolerance = 60;  // by which a clock may be put back unnoticed
+
+constexpr const char* permission_advice =
+    "Run zqu-status as a user who may: the daemon's, one of the readers' group, or root.";
+constexpr const char* no_definitions_advice =
+    "Nothing can be scanned with these definitions. Start the daemon, or see why its checks fail.";
+constexpr const char* damaged_advice =
+    "Somebody else has changed the snapshot, or its disk is damaged. Remove the link active: the next check fetches "
+    "the "
+    "release anew.";
+
+void judge_configuration(const Facts& facts, Findings& found) {
+    const std::string name = "the configuration " + shown(facts.config_path);
+    std::string reason;
+    if (facts.config_state == ConfigState::missing) {
+        found.push_back({"config_missing", Verdict::warning, name + " is missing: the daemon uses its defaults",
+                         "Write one, or name the right one with --config."});
+    }
+    if (facts.config_state == ConfigState::unreadable) {
+        found.push_back({"config_unreadable", Verdict::unknown, name + " cannot be read: " + shown(facts.config_reason),
+                         permission_advice});
+    } else if (facts.config_state == ConfigState::malformed) {
+        found.push_back({"config_malformed", Verdict::critical, name + " holds a malformed number",
+                         "The daemon does not start: poll_interval_s, poll_jitter_s, retained_snapshots and "
+                         "http_timeout_s have to begin with a number of at most 64 bits."});
+    } else if (!facts.cfg.validate(reason)) {
+        found.push_back({"config_unusable", Verdict::warning, reason,
+                         "Set it in the configuration and restart the daemon: no check can succeed without."});
+    }
+}
+
+void judge_link(const Facts& facts, Findings& found) {
+    const std::string path = shown(facts.cfg.def_root) + "/active";
+    switch (facts.store.link) {
+        case LinkState::in_service:
+            break;
+        case LinkState::missing:
+            found.push_back({"active_missing", Verdict::critical, "no definitions are in service: there is no " + path,
+                             no_definitions_advice});
+            break;
+        case LinkState::unreadable:
+            found.push_back({"active_unreadable", Verdict::unknown,
+                             path + " cannot be looked at: " + facts.store.reason, permission_advice});
+            break;
+        case LinkState::no_link:
+            found.push_back({"active_no_link", Verdict::critical, path + " is no link",
+                             "Remove it: the daemon replaces a file, but not a directory."});
+            break;
+        case LinkState::dangling:
+            found.push_back({"active_dangling", Verdict::critical,
+                             path + " leads nowhere: " + shown(facts.store.target) + " is no directory",
+                             "Remove the link: the next check fetches the release anew."});
+            break;
+    }
+}
+
+void judge_definition(const Definition& definition, Findings& found) {
+    const std::string name = shown(definition.name);
+    switch (definition.state) {
+        case DefinitionState::present:
+            break;
+        case DefinitionState::missing:
+            found.push_back({"definition_missing", Verdict::critical, name + " is missing from the snapshot in service",
+                             "Either the flavor in the configuration is not the one in service, or: " +
+                                 std::string(damaged_advice)});
+            break;
+        case DefinitionState::unreadable:
+            found.push_back({"definition_unreadable", Verdict::unknown,
+                             name + " in the snapshot in service cannot be looked at", permission_advice});
+            break;
+        case DefinitionState::not_regular:
+            found.push_back({"definition_not_regular", Verdict::critical,
+                             name + " in the snapshot in service is no regular file", damaged_advice});
+            break;
+    }
+}
+
+// Adds a finding when the age exceeds a limit.
+void judge_age(const char* name, std::int64_t age, const Limit& limit, const std::string& text, const char* advice,
+               Findings& found) {
+    const bool critical = limit.critical > 0 && age > limit.critical;
+    if (critical || (limit.warning > 0 && age > limit.warning)) {
+        const std::string bound = duration_text(critical ? limit.critical : limit.warning);
+        found.push_back({name, critical ? Verdict::critical : Verdict::warning,
+                         text + " " + duration_text(age) + " ago, more than " + bound, advice});
+    }
+}
+
+void judge_publication(const Facts& facts, const Limits& limits, Findings& found) {
+    if (!facts.store.published) {
+        return;
+    }
+    const std::int64_t published = *facts.store.published;
+    if (published > facts.now + tolerance) {
+        found.push_back({"publication_in_future", Verdict::warning,
+                         "the publication is in the future, at " + utc_text(published),
+                         "The clock was put back: its age is not known before the next publication."});
+    }
+    judge_age("definitions_old", age(facts.now, published), limits.definitions, "the definitions were published",
+              "When the checks succeed, the mirror has had no new release since: see to the mirror.", found);
+}
+
+void judge_store(const Facts& facts, const Limits& limits, Findings& found) {
+    judge_link(facts, found);
+    for (const Definition& definition : facts.store.definitions) {
+        judge_definition(definition, found);
+    }
+    judge_publication(facts, limits, found);
+    if (!facts.store.snapshots) {
+        found.push_back({"snapshots_unreadable", Verdict::unknown,
+                         shown(facts.cfg.def_root) + "/snapshots cannot be listed", permission_advice});
+    }
+}
+
+const char* missing_advice(const Config& cfg) {
+    return cfg.status_path.empty()
+               ? "status_path is empty: the daemon writes no status file, and how it fares is not known."
+               : "No check has ended yet, or the daemon cannot write there. Start it, and see that its user may write "
+                 "that folder.";
+}
+
+void judge_status_fault(const Facts& facts, Findings& found) {
+    const std::string path = "the status file " + shown(facts.cfg.status_path);
+    const std::string why = ": " + shown(facts.status.reason);
+    const char* rewritten =
+        "The next check rewrites it. When it stays, something else writes it, or the daemon is of "
+        "another version.";
+    switch (facts.status.state) {
+        case StatusState::valid:
+            break;
+        case StatusState::missing:
+            found.push_back({"status_missing", Verdict::critical, path + " is missing", missing_advice(facts.cfg)});
+            break;
+        case StatusState::unreadable:
+            found.push_back({"status_unreadable", Verdict::unknown, path + " cannot be read" + why, permission_advice});
+            break;
+        case StatusState::not_regular:
+            found.push_back({"status_not_regular", Verdict::critical, path + " is no regular file",
+                             "The daemon cannot write its status there, and may even wait for ever: stop it, remove "
+                             "what is in the way, start it."});
+            break;
+        case StatusState::unfinished:
+            found.push_back({"status_unfinished", Verdict::unknown, path + " is cut short" + why,
+                             "Its disk is full, or the daemon was killed while it wrote: make room. The next check "
+                             "rewrites it."});
+            break;
+        case StatusState::too_long:
+            found.push_back({"status_too_long", Verdict::unknown, path + " is not looked at" + why,
+                             "The daemon writes that much only when the mirror gives such ids: see to the mirror."});
+            break;
+        case StatusState::invalid:
+            found.push_back({"status_invalid", Verdict::unknown, path + " is none" + why, rewritten});
+            break;
+        case StatusState::schema:
+            found.push_back({"status_schema", Verdict::unknown, path + " is not known" + why, rewritten});
+            break;
+    }
+}
+
+void judge_version(const Facts& facts, Findings& found) {
+    const std::string& told = facts.status.contents.active_version;
+    const bool readable = facts.store.link == LinkState::in_service || facts.store.link == LinkState::dangling;
+    if (readable && told != as_utf8(facts.store.version)) {
+        found.push_back({"version_differs", Verdict::warning,
+                         "active leads to " + shown(facts.store.version) + ", but the last check left " +
+                             (told.empty() ? "none" : shown(told)),
+                         "Somebody else has set the link, or the daemon was ended right after it. The next check "
+                         "tells."});
+    }
+}
+
+void judge_check(const Facts& facts, const Limits& limits, Findings& found) {
+    const SnapshotStore::Status& status = facts.status.contents;
+    if (!status.last_error.empty()) {
+        found.push_back({"check_failed", Verdict::warning, "the last check failed: " + shown(status.last_error),
+                         advice_for(status.last_error)});
+    }
+    if (status.last_check_epoch > facts.now + tolerance) {
+        found.push_back({"check_in_future", Verdict::warning,
+                         "the last check is in the future, at " + utc_text(status.last_check_epoch),
+                         "The clock was put back: a daemon that hangs is not noticed before the next check."});
+    }
+    judge_age(
+        "check_late", age(facts.now, status.last_check_epoch), limits.check, "the last check began",
+        "The daemon is stopped, hangs in a transfer, fails before it can tell (the log has run_once exception), or "
+        "can no longer write its status file.",
+        found);
+    judge_version(facts, found);
+}
+
+Limit limit_for(const std::optional<std::int64_t>& warning, const std::optional<std::int64_t>& critical,
+                std::int64_t standard) {
+    const std::int64_t first = warning.value_or(standard);
+    return {first, critical.value_or(2 * (first > 0 ? first : standard))};
+}
+
+}  // namespace
+
+const char* name_of(Verdict verdict) {
+    static constexpr std::array<const char*, 4> names{"ok", "warning", "unknown", "critical"};
+    return names.at(static_cast<std::size_t>(verdict));
+}
+
+int exit_status(Verdict verdict) {
+    static constexpr std::array<int, 4> statuses{0, 1, 3, 2};
+    return statuses.at(static_cast<std::size_t>(verdict));
+}
+
+std::int64_t age(std::int64_t now, std::int64_t event) {
+    return event >= now ? 0 : now - event;
+}
+
+std::int64_t longest_between_checks(const Config& cfg) {
+    constexpr std::uint32_t longest_timeout = 2147483;  // libcurl refuses more
+    const bool bounded = cfg.http_timeout_s > 0 && cfg.http_timeout_s <= longest_timeout;
+    const std::int64_t transfer = bounded ? std::int64_t{cfg.http_timeout_s} : assumed_transfer;
+    const std::int64_t check = 3 * transfer + disk_work;
+    return std::int64_t{cfg.poll_interval_s} + std::int64_t{cfg.poll_jitter_s} + 2 * check;
+}
+
+Limits limits_for(const Wishes& wishes, const Config& cfg) {
+    return {limit_for(wishes.warn_age, wishes.crit_age, old_definitions),
+            limit_for(wishes.warn_check, wishes.crit_check, longest_between_checks(cfg))};
+}
+
+std::vector<Finding> judge(const Facts& facts, const Limits& limits) {
+    Findings found;
+    judge_configuration(facts, found);
+    if (facts.looked) {
+        judge_store(facts, limits, found);
+        judge_status_fault(facts, found);
+    }
+    if (facts.looked && facts.status.state == StatusState::valid) {
+        judge_check(facts, limits, found);
+    }
+    std::stable_sort(found.begin(), found.end(),
+                     [](const Finding& a, const Finding& b) { return a.verdict > b.verdict; });
+    return found;
+}
+
+Verdict verdict_of(const std::vector<Finding>& findings) {
+    return findings.empty() ? Verdict::ok : findings.front().verdict;
+}
+
+}  // namespace zqu::status_tool

@@ -1,0 +1,132 @@
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "forms.hpp"
+#include "text.hpp"
+
+namespace zqu::status_tool {
+
+namespace {
+
+using Labels = std::vector<std::pair<std::string, std::string>>;
+
+// The exposition in the making: samples of one metric follow its head.
+class Exposition {
+public:
+    void head(const std::string& name, const std::string& help) {
+        name_ = "zelquorin_" + name;
+        text_ += "# HELP " + name_ + " " + help + "\n# TYPE " + name_ + " gauge\n";
+    }
+
+    void sample(const Labels& labels, const std::string& value) {
+        std::string list;
+        for (const auto& [label, content] : labels) {
+            list += (list.empty() ? "" : ",") + label + "=\"" + escaped(content) + "\"";
+        }
+        text_ += name_ + (list.empty() ? "" : "{" + list + "}") + " " + value + "\n";
+    }
+
+    void gauge(const std::string& name, const std::string& help, std::int64_t value) {
+        head(name, help);
+        sample({}, std::to_string(value));
+    }
+
+    [[nodiscard]] std::string text() const { return text_; }
+
+private:
+    // shown() leaves nothing else that the format would take amiss.
+    static std::string escaped(const std::string& content) {
+        std::string result;
+        for (const char c : shown(content)) {
+            result += c == '\\' || c == '"' ? std::string("\\") + c : std::string(1, c);
+        }
+        return result;
+    }
+
+    std::string name_;
+    std::string text_;
+};
+
+std::string truth(bool value) {
+    return value ? "1" : "0";
+}
+
+void verdicts(const Report& report, Exposition& out) {
+    out.head("verdict", "Whether this is the verdict on the definitions; one of the four is 1.");
+    for (const Verdict verdict : {Verdict::ok, Verdict::warning, Verdict::critical, Verdict::unknown}) {
+        out.sample({{"verdict", name_of(verdict)}}, truth(verdict == report.verdict));
+    }
+    out.head("finding", "Whether something is the matter: 1 for each finding there is.");
+    for (const char* name : finding_names) {
+        const bool found = std::any_of(report.findings.begin(), report.findings.end(),
+                                       [name](const Finding& finding) { return finding.name == name; });
+        out.sample({{"finding", name}}, truth(found));
+    }
+}
+
+void limits(const std::string& name, const std::string& help, const Limit& limit, Exposition& out) {
+    if (limit.warning > 0 || limit.critical > 0) {
+        out.head(name, help);
+    }
+    for (const auto& [severity, value] : {std::pair("warning", limit.warning), std::pair("critical", limit.critical)}) {
+        if (value > 0) {
+            out.sample({{"severity", severity}}, std::to_string(value));
+        }
+    }
+}
+
+void store(const Facts& facts, Exposition& out) {
+    const Store& store = facts.store;
+    if (store.published) {
+        out.head("release_info", "The release that the link active names, and what it serves; always 1.");
+        const bool told = facts.status.state == StatusState::valid;
+        out.sample({{"version", store.version},
+                    {"flavor", facts.cfg.flavor},
+                    {"engine_version", told ? facts.status.contents.engine_version : facts.cfg.engine_version}},
+                   "1");
+        out.gauge("publication_timestamp_seconds", "When the release in service was published.", *store.published);
+    }
+    static constexpr std::array<const char*, 2> kinds{"antivir", "aivsecon"};
+    if (!store.definitions.empty()) {
+        out.head("definition_file_size_bytes", "Size of a definition file in service; 0 when it is not there.");
+        for (std::size_t i = 0; i < store.definitions.size(); ++i) {
+            out.sample({{"file", kinds.at(i)}}, std::to_string(store.definitions[i].size));
+        }
+    }
+    if (store.snapshots) {
+        out.gauge("snapshots", "Snapshots on the disk.", static_cast<std::int64_t>(*store.snapshots));
+    }
+}
+
+void check(const Facts& facts, Exposition& out) {
+    if (facts.status.state == StatusState::valid) {
+        const SnapshotStore::Status& status = facts.status.contents;
+        out.gauge("last_check_timestamp_seconds", "When the last check began.", status.last_check_epoch);
+        out.gauge("last_check_success", "Whether the last check succeeded.", status.last_error.empty() ? 1 : 0);
+    }
+    out.gauge("retained_snapshots", "Snapshots that pruning keeps.", facts.cfg.retained_snapshots);
+    out.gauge("poll_interval_seconds", "Pause between two checks.", facts.cfg.poll_interval_s);
+    out.gauge("poll_jitter_seconds", "What is added to that pause at most.", facts.cfg.poll_jitter_s);
+}
+
+}  // namespace
+
+std::string prometheus_form(const Report& report) {
+    Exposition out;
+    verdicts(report, out);
+    if (report.facts.looked) {
+        store(report.facts, out);
+        check(report.facts, out);
+    }
+    limits("definitions_age_limit_seconds", "Age of the release from which on it is too old.",
+           report.limits.definitions, out);
+    if (report.facts.looked) {
+        limits("check_age_limit_seconds", "Age of the last check from which on it is too old.", report.limits.check,
+               out);
+    }
+    out.gauge("observation_timestamp_seconds", "When zqu-status looked.", report.facts.now);
+    return out.text();
+}
+
+}  // namespace zqu::status_tool
