@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include "file.hpp"
 
@@ -31,12 +32,13 @@ void write_all(int descriptor, const std::string& text, const std::string& name)
     }
 }
 
-// Removes the file unless it has been renamed.
+// The content to be of a target; removed unless it has been put in its place.
 class Temporary {
 public:
-    explicit Temporary(std::string pattern) : path_(std::move(pattern)), file_(mkostemp(path_.data(), O_CLOEXEC)) {
+    Temporary(const std::string& pattern, std::string target)
+        : target_(std::move(target)), path_(pattern), file_(mkostemp(path_.data(), O_CLOEXEC)) {
         if (file_.descriptor() < 0) {
-            fail("cannot make " + path_);
+            fail("cannot write " + target_);
         }
     }
     ~Temporary() {
@@ -48,20 +50,21 @@ public:
     Temporary& operator=(const Temporary&) = delete;
 
     void write(const std::string& text) {
-        write_all(file_.descriptor(), text, path_);
+        write_all(file_.descriptor(), text, target_);
         if (fchmod(file_.descriptor(), S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH) != 0) {
-            fail("cannot set the mode of " + path_);
+            fail("cannot write " + target_);
         }
     }
 
-    void rename_to(const std::string& path) {
-        if (std::rename(path_.c_str(), path.c_str()) != 0) {
-            fail("cannot rename to " + path);
+    void put_in_place() {
+        if (std::rename(path_.c_str(), target_.c_str()) != 0) {
+            fail("cannot replace " + target_);
         }
         renamed_ = true;
     }
 
 private:
+    const std::string target_;
     std::string path_;
     const File file_;
     bool renamed_ = false;
@@ -81,9 +84,9 @@ void print(const std::string& text) {
 void replace_file(const std::string& path, const std::string& text) {
     const std::filesystem::path target(path);
     const std::string name = "." + target.filename().string() + ".XXXXXX";
-    Temporary temporary(target.parent_path() / name);
+    Temporary temporary(target.parent_path() / name, path);
     temporary.write(text);
-    temporary.rename_to(path);
+    temporary.put_in_place();
 }
 
 bool colour_wanted() {
