@@ -245,12 +245,12 @@ CASES = {
         "the publication is in the future, at 2100-01-01 00:00:00 UTC",
     ),
     "check missed": (
-        lambda w: w.rewrite(last_check_epoch=int(time.time()) - LONGEST - 60),
+        lambda w: w.rewrite(last_check_epoch=int(time.time()) - LONGEST - 90),
         [("check_late", "warning")],
         "the last check began 34 min {s}ago, more than 33 min",
     ),
     "checks missed": (
-        lambda w: w.rewrite(last_check_epoch=int(time.time()) - 2 * LONGEST - 60),
+        lambda w: w.rewrite(last_check_epoch=int(time.time()) - 2 * LONGEST - 90),
         [("check_late", "critical")],
         "the last check began 1 h 7 min ago, more than 1 h 6 min",
     ),
@@ -260,12 +260,12 @@ CASES = {
         None,
     ),
     "two days old": (
-        lambda w: w.published(int(time.time()) - 2 * DAY - HOUR),
+        lambda w: w.published(int(time.time()) - 2 * DAY - HOUR - 30),
         [("definitions_old", "warning")],
         "the definitions were published 2 d 1 h ago, more than 2 d",
     ),
     "four days old": (
-        lambda w: w.published(int(time.time()) - 4 * DAY - HOUR),
+        lambda w: w.published(int(time.time()) - 4 * DAY - HOUR - 30),
         [("definitions_old", "critical")],
         "the definitions were published 4 d 1 h ago, more than 4 d",
     ),
@@ -592,7 +592,7 @@ def test_text_that_the_daemon_does_not_write_is_advised_as_foreign(watched):
 
 
 def test_text_form_is_complete_and_aligned(watched):
-    watched.published(int(time.time()) - 90 * 60)
+    watched.published(int(time.time()) - 90 * 60 - 30)
     checked = watched.gateway.status()["last_check_epoch"]
     code, out, err = watched.run()
     sizes = [(watched.snapshot / name).stat().st_size for name in (FIRST, SECOND)]
@@ -676,7 +676,7 @@ def test_nothing_of_the_mirrors_address_is_told(watched):
 
 
 def test_nagios_form_has_performance_data_with_the_limits_in_force(watched):
-    watched.published(int(time.time()) - 2 * HOUR)
+    watched.published(int(time.time()) - 2 * HOUR - 30)
     code, out, _ = watched.run("--nagios", "--warn-age", "3h", "--crit-age", "4h", "--warn-check", "0")
     match = re.fullmatch(
         r"DEFINITIONS OK - 1001 in service for 2 h, last check (\d) s ago "

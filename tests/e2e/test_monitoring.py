@@ -1,0 +1,157 @@
+"""What is shipped for monitoring systems: alerts, dashboard, and the metrics by way of a real node exporter."""
+
+import itertools
+import json
+import os
+import re
+import socket
+import subprocess
+import urllib.request
+
+import pytest
+from machines import BUILD, REPOSITORY, wait_for
+
+SHIPPED = REPOSITORY / "packaging" / "monitoring"
+RULES = SHIPPED / "zel-quorin-updater.rules.yml"
+DASHBOARD = json.loads((SHIPPED / "zel-quorin-updater.dashboard.json").read_text())
+TOOL = BUILD / "zqu-status"
+
+
+def promtool(*words):
+    done = subprocess.run(["promtool", *words], capture_output=True, text=True)
+    return done.returncode, done.stdout + done.stderr
+
+
+@pytest.fixture
+def exposition(gateway, mirror):
+    """The metrics of a gateway with a release in service: all that there can be."""
+    mirror.publish("1001")
+    gateway.run_once()
+    command = [TOOL, "--config", gateway.config_path, "--prometheus"]
+    return subprocess.run(command, capture_output=True, text=True, check=True).stdout
+
+
+def emitted(exposition):
+    return set(re.findall(r"^# TYPE (\w+) ", exposition, re.MULTILINE))
+
+
+def named(text):
+    """The metrics of ours that a text names."""
+    return set(re.findall(r"zelquorin_\w+", text))
+
+
+def test_alerts_are_well_formed_and_each_has_the_verdicts_of_its_own_test():
+    code, out = promtool("check", "rules", RULES)
+    assert code == 0, out
+    code, out = promtool("test", "rules", REPOSITORY / "tests" / "e2e" / "alerts.test.yml")
+    assert code == 0 and "SUCCESS" in out, out
+    tried = (REPOSITORY / "tests" / "e2e" / "alerts.test.yml").read_text()
+    for alert in re.findall(r"alert: (\w+)", RULES.read_text()):
+        assert re.search(rf"alertname: {alert}\n +exp_alerts:\n", tried), f"{alert} is never raised"
+        assert re.search(rf"alertname: {alert}, exp_alerts: \[\]", tried), f"{alert} is always raised"
+
+
+def test_alerts_name_nothing_that_is_not_emitted(exposition):
+    assert named(RULES.read_text()) - emitted(exposition) == set()
+    findings = {name for group in re.findall(r'finding=~"([^"]+)"', RULES.read_text()) for name in group.split("|")}
+    assert findings
+    assert findings - set(re.findall(r'finding="(\w+)"', exposition)) == set()
+
+
+def expressions():
+    return [target["expr"] for panel in DASHBOARD["panels"] for target in panel["targets"]]
+
+
+def test_dashboard_asks_in_well_formed_expressions(tmp_path):
+    assert len(expressions()) >= len(DASHBOARD["panels"]) > 0
+    rules = [
+        {"record": f"panel:{number}", "expr": expression.replace("$instance", ".*")}
+        for number, expression in enumerate(expressions())
+    ]
+    path = tmp_path / "rules.yml"
+    path.write_text(json.dumps({"groups": [{"name": "dashboard", "rules": rules}]}))  # JSON is YAML
+    code, out = promtool("check", "rules", path)
+    assert code == 0 and f"{len(rules)} rules found" in out, out
+
+
+def test_dashboard_names_nothing_that_is_not_emitted(exposition):
+    asked = named(json.dumps(DASHBOARD))
+    assert asked and asked - emitted(exposition) == set()
+    for finding in re.findall(r'verdict=\\?"(\w+)', json.dumps(DASHBOARD)):
+        assert f'verdict="{finding}"' in exposition
+
+
+def test_panels_have_ids_of_their_own_and_do_not_overlap():
+    ids = [panel["id"] for panel in DASHBOARD["panels"]]
+    assert len(set(ids)) == len(ids)
+    cells = []
+    for panel in DASHBOARD["panels"]:
+        place = panel["gridPos"]
+        assert place["x"] >= 0 and place["x"] + place["w"] <= 24
+        rows = range(place["y"], place["y"] + place["h"])
+        cells += itertools.product(range(place["x"], place["x"] + place["w"]), rows)
+        assert [target["refId"] for target in panel["targets"]] == [*"AB"][: len(panel["targets"])]
+    assert len(set(cells)) == len(cells)
+
+
+class Exporter:
+    """The node exporter with nothing but its textfile collector, on a loopback port that it takes over listening."""
+
+    # The process that the descriptor is for is the one that the shell becomes.
+    START = 'LISTEN_PID=$$ LISTEN_FDS=1 exec "$@" 3<&"$SOCKET"'
+
+    def __init__(self, folder):
+        words = ["--collector.disable-defaults", "--collector.textfile", f"--collector.textfile.directory={folder}"]
+        with socket.create_server(("127.0.0.1", 0)) as server:
+            self.url = f"http://127.0.0.1:{server.getsockname()[1]}/metrics"
+            self.process = subprocess.Popen(
+                ["bash", "-c", self.START, "bash", "prometheus-node-exporter", "--web.systemd-socket", *words],
+                env={**os.environ, "SOCKET": str(server.fileno())},
+                pass_fds=[server.fileno()],
+                stderr=subprocess.DEVNULL,
+            )
+
+    def metrics(self):
+        wait_for(lambda: True, self.process)
+        with urllib.request.build_opener(urllib.request.ProxyHandler({})).open(self.url, timeout=30) as answer:
+            return answer.read().decode()
+
+    def end(self):
+        self.process.kill()
+        self.process.wait()
+
+
+def samples_of(text):
+    """The samples of ours, with their labels in order and their values as numbers."""
+    found = {}
+    for name, labels, value in re.findall(r"^(zelquorin_\w+)(?:\{(.*)\})? (\S+)$", text, re.MULTILINE):
+        found[name, *sorted(re.findall(r'\w+="(?:[^"\\]|\\.)*"', labels))] = float(value)
+    return found
+
+
+def test_node_exporter_serves_what_the_tool_wrote(gateway, mirror, tmp_path):
+    """By way of a link, as the service unit has it."""
+    gateway.settings["engine_version"] = 'engine "7" \\ | \x1b'
+    mirror.publish("1001")
+    gateway.run_once()
+    written = tmp_path / "run" / "zel-quorin-updater.prom"
+    folder = tmp_path / "node-exporter"
+    folder.mkdir()
+    written.parent.mkdir()
+    (folder / written.name).symlink_to(written)
+    command = [TOOL, "--config", gateway.config_path, "--prometheus", "--output", written]
+    subprocess.run(command, check=True)
+    exporter = Exporter(folder)
+    try:
+        served = exporter.metrics()
+        assert samples_of(served) == samples_of(written.read_text()) != {}
+        assert "\nnode_textfile_scrape_error 0\n" in served
+        gateway.run_once()
+        mirror.publish("1002")
+        gateway.run_once()
+        subprocess.run(command, check=True)
+        served = exporter.metrics()
+        assert samples_of(served) == samples_of(written.read_text())
+        assert 'version="1002"' in served and 'version="1001"' not in served
+    finally:
+        exporter.end()
