@@ -936,3 +936,37 @@ def test_nothing_is_created_or_changed_by_looking(watched):
     assert run("--json", "--config", config)[0] == 0
     assert everything() == before
     assert not (watched.gateway.folder / "nowhere").exists()
+
+
+# Command lines up to the cursor, the last word being completed, with what is proposed.
+COMPLETIONS = {
+    "zqu-status --warn-": ["--warn-age", "--warn-check"],
+    "zqu-status --n": ["--nagios"],
+    "zqu-status --json --n": [],
+    "zqu-status --json --o": ["--output"],
+    "zqu-status --nagios --": [
+        *("--help", "--version", "--config", "--output"),
+        *("--warn-age", "--crit-age", "--warn-check", "--crit-check"),
+    ],
+    "zqu-status --crit-age 4": ["4h", "4d"],
+    "zqu-status --config up": ["up to date.conf", "updater.conf"],
+    "zqu-status --output x": [],
+    "zqu-status x": [],
+}
+
+
+@pytest.mark.parametrize("line", COMPLETIONS)
+def test_completion_proposes_what_can_follow(tmp_path, line):
+    for name in ("updater.conf", "up to date.conf"):
+        (tmp_path / name).touch()
+    script = """
+        compopt() { :; }  # works only while a word is being completed
+        source "$0"
+        COMP_WORDS=($1) COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
+        [[ $(complete -p zqu-status) == *" _zqu_status "* ]] && _zqu_status
+        printf '%s\\n' "${COMPREPLY[@]}"
+    """
+    completion = REPOSITORY / "packaging" / "bash-completion" / "zqu-status"
+    done = subprocess.run(["bash", "-c", script, completion, line], cwd=tmp_path, capture_output=True, text=True)
+    assert done.stderr == ""
+    assert sorted(filter(None, done.stdout.split("\n"))) == sorted(COMPLETIONS[line])
