@@ -155,3 +155,12 @@ def test_node_exporter_serves_what_the_tool_wrote(gateway, mirror, tmp_path):
         assert 'version="1002"' in served and 'version="1001"' not in served
     finally:
         exporter.end()
+
+
+def test_page_has_every_metric_and_every_alert_and_no_other(exposition):
+    page = (REPOSITORY / "docs" / "monitoring.md").read_text()
+    assert set(re.findall(r"^\| `(zelquorin_\w+)` \|", page, re.MULTILINE)) == emitted(exposition)
+    told = re.findall(r"^\| `(ZelQuorin\w+)` \| (\w+) \|", page, re.MULTILINE)
+    alerts = re.findall(r"alert: (\w+)\n(?:.*\n)*? +severity: (\w+)", RULES.read_text())
+    severities = {name: {severity for other, severity in alerts if other == name} for name, _ in alerts}
+    assert {name: {"warning", "critical"} if word == "both" else {word} for name, word in told} == severities
