@@ -12,10 +12,10 @@ namespace {
 
 using Findings = std::vector<Finding>;
 
-constexpr std::int64_t disk_work = 300;         // of one check: digests, unpacking, flushing, pruning
-constexpr std::int64_t assumed_transfer = 300;  // when nothing bounds it
-constexpr std::int64_t old_definitions = 2 * 24 * 60 * 60;
-constexpr std::int64_t tolerance = 60;  // by which a clock may be put back unnoticed
+constexpr std::int64_t disk_work = 300;           // of one check: digests, unpacking, flushing, pruning
+constexpr std::int64_t assumed_transfer = 300;    // when nothing bounds it
+constexpr std::int64_t old_definitions = 172800;  // two days
+constexpr std::int64_t tolerance = 60;            // by which a clock may be put back unnoticed
 
 constexpr const char* permission_advice =
     "Run zqu-status as a user who may: the daemon's, one of the readers' group, or root.";
