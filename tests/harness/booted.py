@@ -23,6 +23,7 @@ mkdir "$work/upper" "$work/work" "$work/root"
 mount -t overlay -o "lowerdir=/,upperdir=$work/upper,workdir=$work/work" overlay "$work/root"
 cd "$work/root"
 : >etc/fstab
+rm -rf usr/local/zelgw  # an updater of this machine is none of theirs
 rm -f etc/machine-id; : >etc/machine-id
 printf '[Unit]\nRequires=basic.target\nAfter=basic.target\n' >etc/systemd/system/bare.target
 rm -f etc/systemd/system/multi-user.target.wants/* etc/systemd/system/timers.target.wants/*

@@ -10,25 +10,45 @@ import pytest
 from builds import REPOSITORY, copy_sources
 from packages import CONFIG, EPOCH, run
 
+DOC = "/usr/share/doc/zel-quorin-updater"
+MIRROR_DOC = "/usr/share/doc/zel-quorin-mirror"
+COMPLETIONS = "/usr/share/bash-completion/completions"
 UPDATER = [
+    "-rwxr-xr-x /usr/bin/zqu-config",
+    "-rwxr-xr-x /usr/bin/zqu-status",
     "-rw-r--r-- /usr/lib/systemd/system/zel_quorin_updater-retry.timer",
     "-rw-r--r-- /usr/lib/systemd/system/zel_quorin_updater.service",
+    "-rw-r--r-- /usr/lib/systemd/system/zqu-status.service",
+    "-rw-r--r-- /usr/lib/systemd/system/zqu-status.timer",
     "-rw-r--r-- /usr/lib/sysusers.d/zel_quorin_updater.conf",
     "-rw-r--r-- /usr/lib/tmpfiles.d/zel_quorin_updater.conf",
     f"-rw-r--r-- {CONFIG}",
     "-rwxr-xr-x /usr/sbin/zel_quorin_updater",
-    "-rw-r--r-- /usr/share/doc/zel-quorin-updater/consumers.md",
-    "-rw-r--r-- /usr/share/doc/zel-quorin-updater/copyright",
-    "-rw-r--r-- /usr/share/doc/zel-quorin-updater/examples/zel-quorin-reload.path",
-    "-rw-r--r-- /usr/share/doc/zel-quorin-updater/examples/zel-quorin-reload.service",
-    "-rw-r--r-- /usr/share/doc/zel-quorin-updater/examples/zel-quorin-reload.timer",
-    "-rw-r--r-- /usr/share/doc/zel-quorin-updater/operations.md",
-    "-rw-r--r-- /usr/share/doc/zel-quorin-updater/security.md",
+    f"-rw-r--r-- {COMPLETIONS}/zqu-config",
+    f"-rw-r--r-- {COMPLETIONS}/zqu-status",
+    f"-rw-r--r-- {DOC}/consumers.md",
+    f"-rw-r--r-- {DOC}/copyright",
+    f"-rw-r--r-- {DOC}/examples/zel-quorin-reload.path",
+    f"-rw-r--r-- {DOC}/examples/zel-quorin-reload.service",
+    f"-rw-r--r-- {DOC}/examples/zel-quorin-reload.timer",
+    f"-rw-r--r-- {DOC}/monitoring.md",
+    f"-rw-r--r-- {DOC}/monitoring/zel-quorin-updater.dashboard.json",
+    f"-rw-r--r-- {DOC}/monitoring/zel-quorin-updater.rules.yml",
+    f"-rw-r--r-- {DOC}/operations.md",
+    f"-rw-r--r-- {DOC}/security.md",
+    "-rw-r--r-- /usr/share/man/man1/zqu-config.1.gz",
+    "-rw-r--r-- /usr/share/man/man1/zqu-status.1.gz",
+    "-rw-r--r-- /usr/share/man/man5/zel_quorin_updater.conf.5.gz",
     "-rw-r--r-- /usr/share/man/man8/zel_quorin_updater.8.gz",
 ]
 MIRROR = [
     "-rwxr-xr-x /usr/bin/zqu-mirror",
-    "-rw-r--r-- /usr/share/doc/zel-quorin-mirror/copyright",
+    f"-rw-r--r-- {COMPLETIONS}/zqu-mirror",
+    f"-rw-r--r-- {MIRROR_DOC}/copyright",
+    f"-rw-r--r-- {MIRROR_DOC}/examples/zqu-mirror-sync.service",
+    f"-rw-r--r-- {MIRROR_DOC}/examples/zqu-mirror-sync.timer",
+    f"-rw-r--r-- {MIRROR_DOC}/mirrors.md",
+    "-rw-r--r-- /usr/share/man/man1/zqu-mirror.1.gz",
 ]
 # What a .deb has besides.
 DEBIAN = {
@@ -46,10 +66,11 @@ FOLDERS = {
         "/usr/local/zelgw/opt/av",
         "/usr/local/zelgw/opt/av/quorin",
         "/usr/local/zelgw/opt/av/quorin/etc",
-        "/usr/share/doc/zel-quorin-updater",
-        "/usr/share/doc/zel-quorin-updater/examples",
+        DOC,
+        f"{DOC}/examples",
+        f"{DOC}/monitoring",
     ],
-    "mirror": ["/usr/share/doc/zel-quorin-mirror"],
+    "mirror": [MIRROR_DOC, f"{MIRROR_DOC}/examples"],
 }
 LIBRARIES = {
     "updater": {"libarchive.so.13", "libc.so.6", "libcrypto.so.3", "libcurl.so.4", "libgcc_s.so.1", "libstdc++.so.6"},
