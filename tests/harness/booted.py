@@ -32,6 +32,8 @@ ip link set lo up
 mount -t proc proc proc
 mount -t sysfs -o ro sysfs sys
 mount -t tmpfs -o mode=755 tmpfs run
+mkdir -m 700 run/written
+mount --bind "$work/upper" run/written
 mount -t tmpfs tmpfs tmp
 mount -t tmpfs tmpfs var/tmp
 mount -t tmpfs -o mode=755 tmpfs dev
@@ -189,6 +191,11 @@ class Booted:
     def path(self, path):
         """Where this machine finds a path of the booted system; a link in it must be relative."""
         return pathlib.Path(f"/proc/{self.init}/root{path}")
+
+    def written(self):
+        """Where this machine finds all that differs in the booted system from this machine's files, by the same paths,
+        less its file systems in memory: /tmp, /var/tmp, /run, /dev."""
+        return self.path("/run/written")
 
     def show(self, unit, name):
         """One property of a unit."""

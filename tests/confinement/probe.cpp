@@ -1,0 +1,217 @@
+// Tries from inside what the unit is to forbid, in the daemon's place, and prints one line on each try: what came of
+// it. Nothing is harmed where a try is not forbidden: its arguments are impossible, or what it makes is its own.
+#include <fcntl.h>
+#include <linux/bpf.h>
+#include <netinet/in.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/personality.h>
+#include <sys/ptrace.h>
+#include <sys/reboot.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+void say(const std::string& name, const std::string& what) {
+    std::printf("%s: %s\n", name.c_str(), what.c_str());
+}
+
+// The name of an error for a result below 0, "allowed" for any other.
+std::string outcome(long result) {
+    return result < 0 ? strerrorname_np(errno) : "allowed";
+}
+
+void opening(const std::string& path, int flags) {
+    const int fd = open(path.c_str(), flags | O_CLOEXEC, 0600);
+    say(((flags & O_ACCMODE) == O_RDONLY ? "read " : "write ") + path, outcome(fd));
+    if (fd >= 0) {
+        close(fd);
+    }
+}
+
+template <typename... Arguments>
+void call(const std::string& name, long number, Arguments... arguments) {
+    say(name, outcome(syscall(number, arguments...)));
+}
+
+// In a child, so that a success harms nothing.
+template <typename Action>
+void in_child(const std::string& name, Action action) {
+    std::fflush(stdout);
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(action() < 0 ? errno : 0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    const int code = WIFSIGNALED(status) ? EINTR : WEXITSTATUS(status);
+    say(name, code == 0 ? "allowed" : code == 127 ? "refused by the loader" : strerrorname_np(code));
+}
+
+long run(const char* program, const char* first, const char* second) {
+    return execl(program, program, first, second, nullptr);
+}
+
+void files(const std::string& own) {
+    for (const char* folder :
+         {"/etc", "/usr", "/usr/lib", "/var", "/srv", "/run", "/opt", "/mnt", "/dev/shm", "/tmp", "/var/tmp"}) {
+        opening(std::string(folder) + "/zqu-open/file", O_WRONLY);
+    }
+    const std::string configuration = "/usr/local/zelgw/opt/av/quorin/etc/zel_quorin_updater.conf";
+    opening(configuration, O_WRONLY);
+    opening(configuration, O_RDONLY);
+    opening("/home/zqu-open/file", O_RDONLY);
+    opening("/root/zqu-open/file", O_RDONLY);
+    opening("/run/user/zqu-open/file", O_RDONLY);
+    opening("/proc/sys/kernel/core_pattern", O_WRONLY);
+    opening("/sys/fs/cgroup/cgroup.procs", O_WRONLY);
+    opening("/proc/meminfo", O_RDONLY);
+    opening("/proc/1/comm", O_RDONLY);
+    opening("/dev/kmsg", O_WRONLY);
+    opening("/dev/null", O_WRONLY);
+    opening(own + "/file", O_WRONLY | O_CREAT);
+}
+
+// What it made itself, so that it can be run again as another user.
+void clean_up(const std::string& own) {
+    for (const char* name : {"file", "device", "fifo", "true"}) {
+        unlink((own + "/" + name).c_str());
+    }
+}
+
+// A file system that is writable here but for the definitions root is one too many.
+void writable_mounts() {
+    std::ifstream mounts("/proc/self/mountinfo");
+    for (std::string line; std::getline(mounts, line);) {
+        std::istringstream fields(line);
+        std::string skipped, point, options;
+        fields >> skipped >> skipped >> skipped >> skipped >> point >> options;
+        if (options.rfind("rw", 0) == 0 && access(point.c_str(), W_OK) == 0) {
+            say("writable mount", point);
+        }
+    }
+}
+
+void modes(const std::string& own) {
+    const std::string path = own + "/file";
+    say("chmod set-user-id", outcome(chmod(path.c_str(), 04755)));
+    say("chmod 0666", outcome(chmod(path.c_str(), 0666)));
+    say("chown to oneself", outcome(chown(path.c_str(), geteuid(), getegid())));
+    say("mknod", outcome(mknod((own + "/device").c_str(), S_IFCHR | 0600, makedev(1, 3))));
+    say("mkfifo", outcome(mkfifo((own + "/fifo").c_str(), 0600)));
+}
+
+// The loader itself may run; it must not be able to map the program, and exits with 127 then.
+long run_by_the_loader() {
+    close(STDERR_FILENO);
+    run("/lib64/ld-linux-x86-64.so.2", "/bin/true", nullptr);
+    return -1;
+}
+
+void programs(const std::string& own) {
+    const std::string copy = own + "/true";
+    std::error_code ignored;
+    fs::copy_file("/bin/true", copy, ignored);
+    fs::permissions(copy, fs::perms::owner_all, ignored);
+    in_child("run /bin/true", [] { return run("/bin/true", nullptr, nullptr); });
+    in_child("run a file of its own", [&] { return run(copy.c_str(), nullptr, nullptr); });
+    in_child("run /bin/true by the loader", [] { return run_by_the_loader(); });
+    const int fd = open(copy.c_str(), O_RDONLY | O_CLOEXEC);
+    void* mapped = mmap(nullptr, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE, fd, 0);
+    say("map a file of its own to execute", outcome(mapped == MAP_FAILED ? -1 : 0));
+    mapped = mmap(nullptr, 4096, PROT_READ | PROT_WRITE | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    say("map memory to write and execute", outcome(mapped == MAP_FAILED ? -1 : 0));
+    mapped = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    say("make memory executable", outcome(mprotect(mapped, 4096, PROT_READ | PROT_EXEC)));
+}
+
+void sockets() {
+    const std::pair<const char*, std::pair<int, int>> kinds[] = {
+        {"inet", {AF_INET, SOCK_STREAM}},    {"inet6", {AF_INET6, SOCK_STREAM}}, {"unix", {AF_UNIX, SOCK_DGRAM}},
+        {"netlink", {AF_NETLINK, SOCK_RAW}}, {"packet", {AF_PACKET, SOCK_RAW}},  {"alg", {AF_ALG, SOCK_SEQPACKET}},
+        {"vsock", {AF_VSOCK, SOCK_STREAM}},  {"inet raw", {AF_INET, SOCK_RAW}},
+    };
+    for (const auto& [name, kind] : kinds) {
+        say(std::string("socket ") + name,
+            outcome(socket(kind.first, kind.second | SOCK_CLOEXEC, name == std::string("inet raw") ? 1 : 0)));
+    }
+}
+
+void calls() {
+    call("mount", SYS_mount, "none", "/tmp", "tmpfs", 0UL, nullptr);
+    call("umount", SYS_umount2, "/nowhere", 0);
+    call("pivot_root", SYS_pivot_root, "/nowhere", "/nowhere");
+    in_child("chroot", [] { return chroot("/"); });
+    in_child("ptrace", [] { return ptrace(PTRACE_TRACEME, 0, nullptr, nullptr); });
+    call("bpf", SYS_bpf, BPF_MAP_CREATE, nullptr, 0U);
+    call("perf_event_open", SYS_perf_event_open, nullptr, 0, -1, -1, 0UL);
+    call("userfaultfd", SYS_userfaultfd, -1);
+    call("add_key", SYS_add_key, "user", "zqu", "x", 1UL, -3);
+    call("memfd_create", SYS_memfd_create, "zqu", 1U);
+    call("setuid to oneself", SYS_setuid, getuid());
+    call("setuid to root", SYS_setuid, 0);
+    call("setgroups", SYS_setgroups, 0UL, nullptr);
+    call("setns", SYS_setns, -1, 0);
+    in_child("unshare of users", [] { return syscall(SYS_unshare, 0x10000000); });
+    in_child("unshare of mounts", [] { return syscall(SYS_unshare, 0x00020000); });
+    call("init_module", SYS_init_module, nullptr, 0UL, nullptr);
+    call("reboot", SYS_reboot, 0, 0, 0, nullptr);
+    call("kexec_load", SYS_kexec_load, 0UL, 17UL, nullptr, ~0UL);
+    call("swapon", SYS_swapon, "/nowhere", 0);
+    call("clock_settime", SYS_clock_settime, 0, nullptr);
+    call("sethostname", SYS_sethostname, nullptr, -1L);
+    call("kernel log", SYS_syslog, 3, nullptr, -1);
+    call("personality", SYS_personality, ADDR_NO_RANDOMIZE);
+    call("open_by_handle_at", SYS_open_by_handle_at, -1, nullptr, 0);
+    call("setpriority", SYS_setpriority, 0, 0, 19);
+    call("io_uring_setup", SYS_io_uring_setup, 0U, nullptr);
+    call("signal to init", SYS_kill, 1, 0);
+}
+
+void itself() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        for (const std::string field : {"CapPrm", "CapEff", "CapBnd", "CapAmb", "NoNewPrivs", "Seccomp"}) {
+            if (line.rfind(field + ":", 0) == 0) {
+                say(field, line.substr(line.find('\t') + 1));
+            }
+        }
+    }
+    int others = 0;
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename();
+        others += name.find_first_not_of("0123456789") == std::string::npos && std::stoi(name) != getpid() ? 1 : 0;
+    }
+    say("other processes", std::to_string(others));
+}
+
+}  // namespace
+
+int main() {
+    const std::string own = "/usr/local/zelgw/opt/av/quorin/defs";
+    itself();
+    files(own);
+    writable_mounts();
+    modes(own);
+    programs(own);
+    sockets();
+    calls();
+    clean_up(own);
+    return 0;
+}
