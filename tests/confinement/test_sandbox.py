@@ -118,8 +118,8 @@ GUARDS = {
     ),
     "SystemCallFilter": (
         ["SystemCallFilter="],
-        "ptrace bpf perf_event_open userfaultfd add_key memfd_create setpriority io_uring_setup open_by_handle_at".split()
-        + ["chown to oneself", "setuid to oneself"],
+        "ptrace bpf perf_event_open userfaultfd add_key memfd_create setpriority open_by_handle_at".split()
+        + ["io_uring_setup", "chown to oneself", "setuid to oneself"],
     ),
     "all that root is kept from": (
         [*AS_ROOT, "SystemCallFilter=", "RestrictNamespaces=no", "RestrictSUIDSGID=no", "PrivateDevices=no"]

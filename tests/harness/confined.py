@@ -1,9 +1,11 @@
 """A booted system with the updater installed as it ships: its unit, its user and its folders, and mirrors beside it."""
 
+import contextlib
 import hashlib
 import json
 import os
 import pathlib
+import queue
 import shutil
 import stat
 import subprocess
@@ -11,8 +13,8 @@ import subprocess
 import trustme
 from booted import Booted
 from machines import BUILD, ENGINE, listing
-from scripted_server import SUBDIR, ScriptedServer
-from trials import server_context, status_text
+from scripted_server import SUBDIR, ScriptedServer, reply
+from trials import HIT, server_context, status_text
 
 UNIT = "zel_quorin_updater.service"
 TIMER = "zel_quorin_updater-retry.timer"
@@ -48,6 +50,46 @@ def _identity(path):
         content = os.readlink(path) if stat.S_ISLNK(found.st_mode) else ""
     size = 0 if stat.S_ISDIR(found.st_mode) else found.st_size
     return oct(found.st_mode), found.st_uid, found.st_gid, size, found.st_mtime_ns, found.st_ctime_ns, content
+
+
+class SteppedMirror:
+    """A scripted mirror for a daemon that loops without a wait: it answers the request for the hit INI, with which a
+    check begins, only when told to, so that everything is at rest in between. A daemon that died and was started again
+    is awaited in the same way."""
+
+    def __init__(self, server):
+        self.server = server
+        self.answers = queue.Queue()
+        self.arrivals = queue.Queue()
+        self.use({})
+
+    def use(self, script):
+        self.server.script = {**script, HIT: self._hit}
+
+    def _hit(self):
+        self.arrivals.put(None)
+        return self.answers.get(timeout=120)
+
+    def await_check(self):
+        """Waits until the daemon begins a check; it waits in turn."""
+        self.arrivals.get(timeout=60)
+
+    def forget(self):
+        """Takes back what was told and not used yet, when no check is under way."""
+        for queued in (self.answers, self.arrivals):
+            with contextlib.suppress(queue.Empty):
+                while True:
+                    queued.get_nowait()
+
+    def check(self, script):
+        """Lets the check that has begun meet this script, and waits until the next one begins."""
+        self.use(script)
+        self.answers.put(script[HIT])
+        self.await_check()
+
+    def stop(self):
+        self.answers.put([reply(b"", "404 Not Found")])  # whoever waits still
+        self.server.stop()
 
 
 class Confined(Booted):
@@ -95,6 +137,11 @@ class Confined(Booted):
         self.servers.append(self.in_network(lambda: ScriptedServer(self.context)))
         return self.servers[-1]
 
+    def stepped(self):
+        """A scripted mirror that a daemon looping without a wait goes along with check by check."""
+        self.servers.append(SteppedMirror(self.in_network(lambda: ScriptedServer(self.context))))
+        return self.servers[-1]
+
     def configure(self, server=None, **settings):
         """Writes the configuration; with a server, for its files."""
         if server:
@@ -122,7 +169,7 @@ class Confined(Booted):
 
     def reset(self):
         """Back to the moment after the installation."""
-        self.run("systemctl", "stop", UNIT, TIMER, check=False)
+        self.stop()
         for unit in (UNIT, TIMER):
             shutil.rmtree(self.path(f"/etc/systemd/system/{unit}.d"), ignore_errors=True)
         self.run("sh", "-c", f"rm -rf {ROOT}; rm -f {CONFIGURATION}")
@@ -130,6 +177,11 @@ class Confined(Booted):
         self.run("systemctl", "daemon-reload")
         self.run("systemctl", "reset-failed", UNIT, check=False)
         self.take_log()
+
+    def stop(self):
+        """Ends the unit at once, in whatever it is doing; it stays ended."""
+        self.run("systemctl", "kill", "--signal=KILL", UNIT, check=False)
+        self.run("systemctl", "stop", UNIT, TIMER)
 
     def take_log(self):
         """What the unit's processes have logged since it was asked last."""
@@ -162,7 +214,8 @@ class Confined(Booted):
 
     def expect_status(self, version, error=""):
         checked = json.loads(self.status_text())["last_check_epoch"]
-        assert self.status_text() == status_text(version, checked, error)
+        found, expected = self.status_text(), status_text(version, checked, error)
+        assert found == expected, f"{found} instead of {expected}"
 
     def listing(self):
         return listing(self.path(ROOT))
@@ -173,7 +226,7 @@ class Confined(Booted):
     def outside(self):
         """All that was ever written outside the definitions root, and what lies in the file systems in memory."""
         found = {}
-        for top in ("run/written", "run", "tmp", "var/tmp"):
+        for top in ("run/written", "run", "tmp", "var/tmp", "dev/shm"):
             base = self.path(f"/{top}")
             for folder, folders, files in os.walk(base):
                 inside = os.path.relpath(folder, base)
