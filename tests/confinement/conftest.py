@@ -24,6 +24,7 @@ def system(booted):
     """The module's booted system, as it was after the installation."""
     booted.reset()
     yield booted
+    booted.stop()
     for server in booted.servers:
         server.stop()
     booted.servers = []

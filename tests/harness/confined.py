@@ -115,7 +115,7 @@ class Confined(Booted):
         self.run("systemctl", "enable", UNIT)
         self.settings = {}
         self.authority = trustme.CA()
-        self.context = server_context(self.authority.issue_cert("localhost", "127.0.0.1", "::1"))
+        self.context = server_context(self.authority.issue_cert("localhost", "mirror.example", "127.0.0.1", "::1"))
         self.put(AUTHORITY, self.authority.cert_pem.bytes())
         self.cursor = None
 
@@ -132,9 +132,9 @@ class Confined(Booted):
         place.write_bytes(content if isinstance(content, bytes) else content.encode())
         place.chmod(mode)
 
-    def scripted(self):
-        """A scripted mirror over TLS in the booted system's network."""
-        self.servers.append(self.in_network(lambda: ScriptedServer(self.context)))
+    def scripted(self, address="127.0.0.1", tls=True):
+        """A scripted server, over TLS as mirrors are, in the booted system's network."""
+        self.servers.append(self.in_network(lambda: ScriptedServer(self.context if tls else None, address)))
         return self.servers[-1]
 
     def stepped(self):

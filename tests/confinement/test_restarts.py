@@ -1,0 +1,197 @@
+"""How the unit ends and comes back: failures, stops, signals, and a check by hand beside it."""
+
+import pytest
+from confined import CONFIGURATION, DAEMON, ROOT, SERVICE, STATUS, TIMER, UNIT
+from scripted_server import SUBDIR, head, reply, stall
+from trials import HIT, NEW, OLD, release
+
+SOON = "[Timer]\nOnUnitInactiveSec=\nOnUnitInactiveSec=4s\nAccuracySec=1ms\n"
+
+
+@pytest.fixture
+def releases(tmp_path):
+    return {version: release(tmp_path, version) for version in (OLD, NEW, "1003")}
+
+
+@pytest.fixture
+def server(system, releases):
+    """The mirror, with the old release in service, and the unit at rest."""
+    server = system.scripted()
+    server.script = releases[OLD].script
+    system.configure(server)
+    system.restart()
+    system.expect_status(OLD)
+    system.take_log()
+    return server
+
+
+def count(system, text):
+    """How often the unit has logged a line that begins so."""
+    return sum(line.startswith(text) for line in system.take_log())
+
+
+def expect_both(system, service, timer):
+    assert (system.show(UNIT, "ActiveState"), system.show(TIMER, "ActiveState")) == (service, timer)
+
+
+def break_configuration(system):
+    system.put(CONFIGURATION, "http_timeout_s = soon\n")
+
+
+def test_malformed_number_fails_the_unit_after_five_starts_and_the_timer_waits(system):
+    break_configuration(system)
+    system.drop_in("[Service]\nRestartSec=50ms\n")
+    system.run("systemctl", "start", UNIT)
+    system.wait_for(lambda: system.show(UNIT, "ActiveState") == "failed")
+    assert system.show(UNIT, "Result") == "signal"
+    assert count(system, "  what():  stoul") == 5
+    expect_both(system, "failed", "active")
+    assert system.out("systemctl", "--failed", "--plain", "--no-legend").split()[0] == UNIT
+
+
+def test_mended_configuration_comes_up_by_itself(system, server):
+    good = system.path(CONFIGURATION).read_text()
+    break_configuration(system)
+    system.drop_in("[Unit]\nStartLimitIntervalSec=3s\nStartLimitBurst=2\n[Service]\nRestartSec=50ms\n")
+    system.drop_in(SOON, unit=TIMER)
+    system.run("systemctl", "restart", UNIT)
+    system.wait_for(lambda: system.show(UNIT, "ActiveState") == "failed")
+    system.put(CONFIGURATION, good)
+    system.wait_for(lambda: system.show(UNIT, "ActiveState") == "active")
+
+
+def test_stop_of_a_failed_unit_stops_the_timer_too(system):
+    break_configuration(system)
+    system.drop_in("[Unit]\nStartLimitBurst=1\n[Service]\nRestartSec=50ms\n")
+    system.run("systemctl", "start", UNIT)
+    system.wait_for(lambda: system.show(UNIT, "ActiveState") == "failed")
+    system.run("systemctl", "stop", UNIT)
+    expect_both(system, "failed", "inactive")
+
+
+def test_stop_between_two_starts_stops_the_timer_too(system):
+    break_configuration(system)
+    system.drop_in("[Service]\nRestartSec=1h\n")
+    system.run("systemctl", "start", UNIT)
+    system.wait_for(lambda: system.show(UNIT, "SubState") == "auto-restart")
+    system.run("systemctl", "stop", UNIT)
+    expect_both(system, "inactive", "inactive")
+
+
+def test_stop_at_rest_is_clean(system, server):
+    system.run("systemctl", "stop", UNIT)
+    assert system.state() == ("inactive", "success")
+    expect_both(system, "inactive", "inactive")
+    assert system.take_log() == ["zel_quorin_updater loop stopped"]
+
+
+def test_stop_in_a_download_kills_and_the_next_start_heals(system, server, releases):
+    new = releases[NEW]
+    server.script = {**new.script, new.cab_name: [head("200 OK", "Content-Length: 1000000"), b"x" * 1000, stall]}
+    system.drop_in("[Service]\nTimeoutStopSec=1s\n")
+    server.requests.clear()
+    system.run("systemctl", "restart", UNIT)
+    system.wait_for(lambda: f"/{SUBDIR}/{new.cab_name}" in str(server.requests))
+    system.run("systemctl", "stop", UNIT)
+    assert system.state() == ("failed", "timeout")
+    expect_both(system, "failed", "inactive")
+    server.script = new.script
+    system.restart()
+    system.expect_status(NEW)
+
+
+@pytest.mark.parametrize("signal", ["KILL", "SEGV", "ABRT"])
+def test_killed_daemon_is_started_again(system, server, signal):
+    system.drop_in("[Service]\nRestartSec=50ms\n")
+    system.path(STATUS).unlink()
+    system.run("systemctl", "kill", f"--signal={signal}", UNIT)
+    system.wait_for_status()
+    assert system.show(UNIT, "NRestarts") == "1"
+    expect_both(system, "active", "active")
+
+
+def test_daemon_that_somebody_terminates_past_systemd_is_left_to_the_timer(system, server):
+    """It ends well, which is no failure; but nobody stopped the unit."""
+    system.run("systemctl", "kill", "--signal=TERM", UNIT)
+    system.wait_for(lambda: system.show(UNIT, "ActiveState") == "inactive")
+    expect_both(system, "inactive", "active")
+
+
+def test_enabled_unit_comes_up_with_the_system(system, server):
+    system.run("systemctl", "stop", UNIT)
+    system.run("systemctl", "start", "multi-user.target")
+    expect_both(system, "active", "active")
+
+
+def test_restart_checks_at_once(system, server, releases):
+    server.script = releases[NEW].script
+    server.requests.clear()
+    system.restart()
+    assert server.targets() == [HIT, f"antivir-v2-c-{NEW}.ini", releases[NEW].cab_name]
+    system.expect_status(NEW)
+
+
+def by_hand(system, *prefix):
+    system.run(*prefix, DAEMON, "--config", CONFIGURATION, "--once")
+
+
+def owners(system):
+    return set(system.out("find", ROOT, "-printf", "%u\\n").splitlines())
+
+
+def test_check_by_hand_as_root_leaves_what_the_unit_cannot_prune(system, server, releases):
+    """It succeeds all the same, and says nothing of it; changing the owner helps."""
+    system.configure(server, retained_snapshots=1)
+    system.run("systemctl", "stop", UNIT)
+    server.script = releases[NEW].script
+    by_hand(system)
+    assert owners(system) == {SERVICE, "root"}
+    server.script = releases["1003"].script
+    system.run("systemctl", "start", UNIT)
+    system.wait_for_status("1003")
+    listed = f"snapshots/{NEW}/antivir-v2.def"
+    assert listed in system.listing()
+    system.run("chown", "--recursive", "--no-dereference", SERVICE, ROOT)
+    server.script = releases[OLD].script
+    system.restart()
+    system.expect_status(OLD)
+    assert [name for name in system.listing() if name.startswith("snapshots/")] == [
+        "snapshots/",
+        f"snapshots/{OLD}/",
+        f"snapshots/{OLD}/aivsecon-v2.def",
+        f"snapshots/{OLD}/antivir-v2.def",
+    ]
+
+
+def test_status_that_root_made_by_hand_is_never_written_again_by_the_unit(system, server, releases):
+    system.run("systemctl", "stop", UNIT)
+    system.path(STATUS).unlink()
+    by_hand(system)
+    before = system.path(STATUS).read_bytes()
+    server.script = releases[NEW].script
+    system.run("systemctl", "start", UNIT)
+    system.wait_for(lambda: f"def snapshot updated: {OLD} -> {NEW}" in system.take_log())
+    system.run("systemctl", "stop", UNIT)
+    assert system.path(STATUS).read_bytes() == before
+
+
+def test_check_by_hand_as_the_services_user_does_no_harm(system, server, releases):
+    system.run("systemctl", "stop", UNIT)
+    server.script = releases[NEW].script
+    by_hand(system, "runuser", "-u", SERVICE, "--")
+    assert owners(system) == {SERVICE}
+    system.expect_status(NEW)
+
+
+def test_check_by_hand_removes_the_staging_directory_of_the_unit(system, server, releases):
+    """Two daemons at once know nothing of each other: the failure of one takes away what the other is filling."""
+    new = releases[NEW]
+    server.script = {**new.script, new.cab_name: [head("200 OK", "Content-Length: 1000000"), b"x" * 1000, stall]}
+    system.drop_in("[Service]\nTimeoutStopSec=1s\n")
+    server.requests.clear()
+    system.run("systemctl", "restart", UNIT)
+    system.wait_for(lambda: f"snapshots/{NEW}/{new.cab_name}.part" in system.listing())
+    server.script = {**new.script, new.cab_name: [reply(b"", "404 Not Found")]}
+    by_hand(system)
+    assert f"snapshots/{NEW}/" not in system.listing()
+    system.expect_status(OLD, "download CAB")
