@@ -201,6 +201,33 @@ void itself() {
     say("other processes", std::to_string(others));
 }
 
+// How many processes and open files there can be, up to some more than the unit is to allow.
+void limits() {
+    std::fflush(stdout);
+    int tasks = 1;
+    for (pid_t child = fork(); child >= 0 && tasks < 40; child = fork()) {
+        if (child == 0) {
+            pause();
+            _exit(0);
+        }
+        ++tasks;
+    }
+    signal(SIGTERM, SIG_IGN);
+    kill(0, SIGTERM);
+    while (wait(nullptr) > 0) {
+    }
+    say("tasks", std::to_string(tasks));
+    int files = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    while (files >= 0 && files < 2000) {
+        const int next = dup(files);
+        if (next < 0) {
+            break;
+        }
+        files = next;
+    }
+    say("open files", std::to_string(files + 1));
+}
+
 }  // namespace
 
 int main() {
@@ -213,5 +240,6 @@ int main() {
     sockets();
     calls();
     clean_up(own);
+    limits();
     return 0;
 }

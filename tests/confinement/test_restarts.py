@@ -78,6 +78,42 @@ def test_stop_between_two_starts_stops_the_timer_too(system):
     expect_both(system, "inactive", "inactive")
 
 
+def timer_without(system, line):
+    """The retry timer with one of its lines left out."""
+    text = system.path(f"/usr/local/lib/systemd/system/{TIMER}").read_text()
+    assert text.count(f"{line}\n") == 1
+    system.put(f"/etc/systemd/system/{TIMER}", text.replace(f"{line}\n", ""))
+    system.run("systemctl", "daemon-reload")
+
+
+@pytest.fixture
+def shipped_timer(system):
+    yield
+    system.path(f"/etc/systemd/system/{TIMER}").unlink()
+    system.run("systemctl", "daemon-reload")
+
+
+def test_timer_that_is_no_part_of_the_unit_outlives_its_stop(system, server, shipped_timer):
+    timer_without(system, f"PartOf={UNIT}")
+    system.run("systemctl", "stop", UNIT)
+    expect_both(system, "inactive", "active")
+
+
+def test_timer_with_a_limit_of_starts_fails_with_the_unit(system, shipped_timer):
+    timer_without(system, "StartLimitIntervalSec=0")
+    break_configuration(system)
+    system.drop_in("[Service]\nRestartSec=50ms\n")
+    system.run("systemctl", "start", UNIT)
+    system.wait_for(lambda: system.show(UNIT, "ActiveState") == "failed")
+    expect_both(system, "failed", "failed")
+
+
+def test_killed_daemon_stays_away_without_restart(system, server):
+    system.drop_in("[Service]\nRestart=no\n")
+    system.run("systemctl", "kill", "--signal=KILL", UNIT)
+    system.wait_for(lambda: system.show(UNIT, "ActiveState") == "failed")
+
+
 def test_stop_at_rest_is_clean(system, server):
     system.run("systemctl", "stop", UNIT)
     assert system.state() == ("inactive", "success")
