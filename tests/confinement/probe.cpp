@@ -100,7 +100,9 @@ void writable_mounts() {
     std::ifstream mounts("/proc/self/mountinfo");
     for (std::string line; std::getline(mounts, line);) {
         std::istringstream fields(line);
-        std::string skipped, point, options;
+        std::string skipped;
+        std::string point;
+        std::string options;
         fields >> skipped >> skipped >> skipped >> skipped >> point >> options;
         if (options.rfind("rw", 0) == 0 && access(point.c_str(), W_OK) == 0) {
             say("writable mount", point);

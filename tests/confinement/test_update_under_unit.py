@@ -165,7 +165,6 @@ def test_proxy_of_the_administrators_shell_is_not_used(system, server, proxy):
 # Another place for the definitions.
 
 MOVED = "/srv/definitions"
-DROP_IN = f"[Service]\nReadWritePaths={MOVED}\nNoExecPaths={MOVED}\n"
 
 
 @pytest.fixture
@@ -177,8 +176,9 @@ def moved(system, server):
     system.run("rm", "-r", MOVED)
 
 
-def test_moved_root_is_written_with_a_drop_in_that_names_it(moved):
-    moved.drop_in(DROP_IN)
+@pytest.mark.parametrize("lines", [("ReadWritePaths",), ("ReadWritePaths", "NoExecPaths")], ids=len)
+def test_moved_root_is_written_with_a_drop_in_that_names_it(moved, lines):
+    moved.drop_in("[Service]\n" + "".join(f"{line}={MOVED}\n" for line in lines))
     moved.run("systemctl", "start", UNIT)
     moved.wait_for(lambda: moved.path(f"{MOVED}/manifest/status.json").exists())
     moved.wait_for(lambda: moved.take_log()[-1:] == MESSAGES[-1:])
