@@ -61,6 +61,7 @@ def open_places(system):
     system.run("sh", "-ec", 'install -d -m 777 "$@"', "sh", *folders)
     system.run("sh", "-ec", 'printf "precious\\n" | tee "$@"; chmod 666 "$@"', "sh", *files)
     system.path(CONFIGURATION).chmod(0o666)
+    system.path(CONFIGURATION).parent.chmod(0o777)
 
 
 def running(system):
@@ -130,7 +131,7 @@ def test_attack_reaches_nothing_outside_the_definitions_root(front, attack, reco
 
 
 def test_archive_name_does_not_reach_the_configuration(front):
-    """Though it is open to everybody here."""
+    """Though it is open to everybody here, and so is its folder."""
     for digest in ("0" * 64, None):
         front.mirror.check(script(name=UP + CONFIGURATION.lstrip("/"), digest=digest))
         front.system.expect_status(OLD, "download CAB")
