@@ -73,6 +73,7 @@ class Watched:
     def point(self, target):
         self.link.unlink()
         self.link.symlink_to(target)
+        self.published(int(time.time()) - HOUR)
 
     def wreck_status(self, content):
         self.status_path.write_bytes(content if isinstance(content, bytes) else content.encode())
@@ -167,8 +168,12 @@ CASES = {
         [("version_differs", "warning")],
         "active leads to 999, but the last check left 1001",
     ),
+    "release just published, its status still to come": (lambda w: w.rewrite(active_version="1000"), [], ""),
     "release that no check knows of": (
-        lambda w: w.rewrite(active_version="", last_error="defId fetch failed"),
+        lambda w: (
+            w.rewrite(active_version="", last_error="defId fetch failed"),
+            w.published(int(time.time()) - HOUR),
+        ),
         [("check_failed", "warning"), ("version_differs", "warning")],
         "the last check failed: defId fetch failed",
     ),

@@ -16,6 +16,7 @@ constexpr std::int64_t disk_work = 300;           // of one check: digests, unpa
 constexpr std::int64_t assumed_transfer = 300;    // when nothing bounds it
 constexpr std::int64_t old_definitions = 172800;  // two days
 constexpr std::int64_t tolerance = 60;            // by which a clock may be put back unnoticed
+constexpr std::int64_t settling = 60;             // from a publication to its status: flushing, pruning
 
 constexpr const char* permission_advice =
     "Run zqu-status as a user who may: the daemon's, one of the readers' group, or root.";
@@ -177,7 +178,8 @@ void judge_status_fault(const Facts& facts, Findings& found) {
 void judge_version(const Facts& facts, Findings& found) {
     const std::string& told = facts.status.contents.active_version;
     const bool readable = facts.store.link == LinkState::in_service || facts.store.link == LinkState::dangling;
-    if (readable && told != as_utf8(facts.store.version)) {
+    const bool fresh = age(facts.now, facts.store.published.value_or(0)) <= settling;
+    if (readable && !fresh && told != as_utf8(facts.store.version)) {
         found.push_back({"version_differs", Verdict::warning,
                          "active leads to " + shown(facts.store.version) + ", but the last check left " +
                              (told.empty() ? "none" : shown(told)),
