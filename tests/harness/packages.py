@@ -94,6 +94,7 @@ class Site:
         self.machine = booted.Booted(folder, *shared)
         # A container's, which would hold back services; and what would have each package index all pages of the manual.
         self.machine.run("rm", "-f", "/usr/sbin/policy-rc.d", "/var/lib/man-db/auto-update")
+        self.machine.run("rm", "-rf", "/usr/local/zelgw")  # should this machine be a gateway itself
         self.nginx = self.machine.in_network(lambda: Nginx(folder))
         self.mirror = Mirror(self.nginx.root, "defs")
         self.mirror.publish("1001")
