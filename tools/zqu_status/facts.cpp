@@ -18,7 +18,7 @@ namespace zqu::status_tool {
 
 namespace {
 
-constexpr int looks = 6;
+constexpr int looks = 26;  // opening with O_TRUNC may wait for a busy disk, with the file short meanwhile
 constexpr std::chrono::milliseconds between_looks(20);
 
 // Why the file cannot be read, and in which state that leaves the configuration; read when it can.

@@ -46,7 +46,7 @@ struct Span {
 [[nodiscard]] const char* name_of(ConfigState state);
 
 // Looks at the configuration at path and at what it names. While the daemon is at work on them, that is while the
-// status file is short or tells of another version than the link, or the link changes, it looks again: five times at
+// status file is short or tells of another version than the link, or the link changes, it looks again: 25 times at
 // most, 20 ms apart. Never waits for anything else. Throws for want of memory only.
 [[nodiscard]] Facts observe(const std::string& path);
 
