@@ -914,6 +914,38 @@ def test_default_file_is_the_daemons(place):
     assert f"flavor              v9    ({DEFAULT_CONFIG}:1)\n" in done.stdout
 
 
+@needs_mounts
+def test_what_the_service_unit_forbids_is_told_for_the_default_file(place):
+    tool = copy_of_tool(place.folder)
+
+    def findings(*lines):
+        place.path.write_text("".join(f"{line}\n" for line in lines))
+        prefix = ["unshare", "--mount", "sh", "-ec", _WITH_CONFIG, "sh", DEFAULT_CONFIG, place.path]
+        done = subprocess.run([*prefix, tool, "check", "--json", "--user", CALLER], capture_output=True, text=True)
+        told = json.loads(done.stdout)["findings"]
+        about_unit = ("drop-in of its unit", "hidden from the service")
+        return [
+            (finding["line"], finding["severity"], finding["text"])
+            for finding in told
+            if any(words in finding["text"] for words in about_unit)
+        ]
+
+    needs = "can be written by the service only with a drop-in of its unit: ReadWritePaths="
+    default = DEFAULTS["def_root"]
+    assert findings(f"def_root = {default}/more", f"status_path = {default}/status.json", "ca_path = /etc/ca.pem") == []
+    assert findings("def_root = /srv/defs", "status_path = /srv/state/status.json") == [
+        (1, "note", f'def_root: "/srv/defs" {needs}/srv/defs'),
+        (2, "note", f'status_path: "/srv/state/status.json" {needs}/srv/state'),
+    ]
+    for folder in ("/home", "/root", "/run/user", "/tmp", "/var/tmp"):
+        assert findings(f"ca_path = {folder}/x/ca.pem", f"mirror_base_url = file://{folder}/mirror") == [
+            (1, "warning", f'ca_path: "{folder}/x/ca.pem" is hidden from the service, as all of {folder} is'),
+            (2, "warning", f'mirror_base_url: "{folder}/mirror" is hidden from the service, as all of {folder} is'),
+        ]
+    place.write("def_root = /srv/defs\n")
+    assert "drop-in" not in run("check", "--user", CALLER, place.path)[1]
+
+
 # ---- What is shipped with it ----
 
 

@@ -688,6 +688,14 @@ def test_nothing_of_the_mirrors_address_is_told(watched):
         assert "secret" not in "".join(map(str, watched.run(*form)))
 
 
+def test_sample_of_the_page_has_the_limits_of_the_default_settings(watched):
+    watched.published(int(time.time()))
+    watched.gateway.settings["http_timeout_s"] = 300
+    (sample,) = re.findall(r"^    DEFINITIONS OK .*$", (REPOSITORY / "docs" / "monitoring.md").read_text(), re.MULTILINE)
+    limits = [re.findall(r"s;(\d+);(\d+);0", line) for line in (sample, watched.run("--nagios")[1])]
+    assert len(limits[0]) == 2 and limits[0] == limits[1]
+
+
 def test_nagios_form_has_performance_data_with_the_limits_in_force(watched):
     watched.published(int(time.time()) - 2 * HOUR - 30)
     code, out, _ = watched.run("--nagios", "--warn-age", "3h", "--crit-age", "4h", "--warn-check", "0")

@@ -98,11 +98,14 @@ def test_masked_stays_masked_through_upgrade_removal_and_installation(installed,
 def test_removing_stops_and_disables_but_keeps_configuration_and_definitions(installed, packages):
     text = installed.serve()
     installed.machine.run("systemctl", "enable", "--now", "zqu-status.timer")
+    installed.machine.run("systemctl", "start", "zqu-status.service")
+    assert installed.exists("/run/zqu-status/zel-quorin-updater.prom")
     definitions = installed.definitions()
     dpkg(installed, "--remove", "zel-quorin-updater")
     assert not installed.exists("/etc/systemd/system/multi-user.target.wants/" + SERVICE)
     assert not installed.exists("/etc/systemd/system/timers.target.wants/zqu-status.timer")
     assert installed.machine.show("zqu-status.timer", "ActiveState") == "inactive"
+    assert not installed.exists("/run/zqu-status")
     assert installed.machine.show(SERVICE, "LoadState") == "not-found"
     assert installed.machine.run("pgrep", "-x", "zel_quorin_upda", check=False).stdout == ""
     assert installed.machine.path(CONFIG).read_text() == text

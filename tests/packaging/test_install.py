@@ -52,7 +52,7 @@ def test_service_runs_from_below_usr_local(site):
         ["systemd-tmpfiles", "--create", "zel_quorin_updater.conf"],
         ["systemctl", "daemon-reload"],
     ):
-        assert " ".join(command) in (REPOSITORY / "README.md").read_text()
+        assert " ".join(command) in (REPOSITORY / "docs" / "packaging.md").read_text()
         site.machine.run(*command)
     site.serve()
     assert site.machine.show(SERVICE, "FragmentPath") == f"{PREFIX}/lib/systemd/system/{SERVICE}"

@@ -48,11 +48,14 @@ def test_upgrade_leaves_a_stopped_service_stopped_and_a_mask_in_its_place(instal
 def test_erasing_stops_and_disables_but_keeps_definitions_and_edited_settings(installed, packages):
     text = installed.serve()
     installed.machine.run("systemctl", "enable", "--now", "zqu-status.timer")
+    installed.machine.run("systemctl", "start", "zqu-status.service")
+    assert installed.exists("/run/zqu-status/zel-quorin-updater.prom")
     definitions = installed.definitions()
     rpm(installed, "--erase", "zel-quorin-updater")
     assert not installed.exists("/etc/systemd/system/multi-user.target.wants/" + SERVICE)
     assert not installed.exists("/etc/systemd/system/timers.target.wants/zqu-status.timer")
     assert installed.machine.show("zqu-status.timer", "ActiveState") == "inactive"
+    assert not installed.exists("/run/zqu-status")
     assert installed.machine.show(SERVICE, "LoadState") == "not-found"
     assert installed.machine.run("pgrep", "-x", "zel_quorin_upda", check=False).stdout == ""
     assert installed.machine.path(CONFIG + ".rpmsave").read_text() == text

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "certificates.hpp"
+#include "settings.hpp"
 #include "text.hpp"
 
 namespace zqu::config_tool {
@@ -60,6 +61,9 @@ private:
     void check_status();
     void check_status_place(const Place& place);
     void check_status_file(const Place& place);
+    void check_unit();
+    void check_writable_in_unit(const Place& place, const std::string& folder);
+    void check_seen_by_unit(const Place& place);
     void check_folder(const Place& place);
     void check_missing_folder(const Place& place);
     void check_writers(const Place& place);
@@ -108,6 +112,9 @@ void Paths::check() {
     check_ca();
     check_root();
     check_status();
+    if (reading_.path == zqu::tools::default_config_path) {
+        check_unit();
+    }
 }
 
 Place Paths::place_of(const std::string& key, const std::string& path) const {
@@ -283,6 +290,34 @@ void Paths::check_status_file(const Place& place) {
     } else {
         const std::string folder = fs::path(place.path).parent_path();
         check_folder({place.key, folder.empty() ? "." : folder, place.line});
+    }
+}
+
+// What the service unit forbids on top, which nothing on the disk tells. It is that of the default file only.
+void Paths::check_unit() {
+    const zqu::Config& cfg = reading_.effective.cfg;
+    check_writable_in_unit(place_of("def_root", cfg.def_root), cfg.def_root);
+    check_writable_in_unit(place_of("status_path", cfg.status_path), fs::path(cfg.status_path).parent_path());
+    check_seen_by_unit(place_of("ca_path", cfg.ca_path));
+    const std::string scheme = "file://";
+    if (cfg.mirror_base_url.compare(0, scheme.size(), scheme) == 0) {
+        check_seen_by_unit(place_of("mirror_base_url", cfg.mirror_base_url.substr(scheme.size())));
+    }
+}
+
+void Paths::check_writable_in_unit(const Place& place, const std::string& folder) {
+    const zqu::Config defaults;
+    if (!folder.empty() && folder.front() == '/' && !is_below(folder, defaults.def_root)) {
+        findings_.note(place.line, place.start() + " can be written by the service only with a drop-in of its unit: " +
+                                       "ReadWritePaths=" + folder);
+    }
+}
+
+void Paths::check_seen_by_unit(const Place& place) {
+    for (const char* hidden : {"/home", "/root", "/run/user", "/tmp", "/var/tmp"}) {
+        if (is_below(place.path, hidden)) {
+            findings_.warning(place.line, place.start() + " is hidden from the service, as all of " + hidden + " is");
+        }
     }
 }
 

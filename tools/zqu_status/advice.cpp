@@ -15,18 +15,20 @@ struct Advice {
 constexpr std::array<Advice, 8> all{{
     {"defId fetch failed", true,
      "The mirror's current id could not be fetched or read: the log has the reason in a line with GET or "
-     "parse_hit_defid. Check network, name resolution, certificate and mirror_base_url; zqu-mirror check tries it."},
+     "parse_hit_defid. Check network, name resolution, certificate and mirror_base_url; zqu-config check --online "
+     "tries it."},
     {"complete-info fetch failed for ", false,
      "The mirror names this release, but its description could not be fetched or read: the log has the reason in a "
      "line "
-     "with GET or parse_complete_info. Mostly the mirror's fault; zqu-mirror check looks at it."},
+     "with GET or parse_complete_info. Mostly the mirror's fault; zqu-config check --online looks at it."},
     {"download CAB", true,
      "The archive could not be downloaded or stored: the log has the reason in a line with download_cab. Check the "
      "room "
      "and the permissions below def_root, http_timeout_s and the mirror."},
     {"CAB sha256 mismatch", true,
      "The archive is not the one that the mirror describes: damaged on its way, replaced, or still being copied to the "
-     "mirror. Of no concern once; when it stays, the mirror has to be repaired."},
+     "mirror; or def_root was full. Check the room below def_root. With room, of no concern once; when it stays, the "
+     "mirror has to be repaired."},
     {"CAB extract", true,
      "The archive could not be unpacked: it is damaged or holds what cannot be written, or def_root is full. Check the "
      "room below def_root, then the release on the mirror."},
