@@ -386,6 +386,18 @@ def unreadable(name):
     return make
 
 
+def fifo(name):
+    def make(place):
+        (place.dir / name).unlink()
+        os.mkfifo(place.dir / name)
+
+    return make
+
+
+def names_archive(id, archive):
+    return write(info(id), f"def.Current.name = {archive}\ndef.Current.SHA256 = 00\n")
+
+
 NAME_RULE = "may hold only letters, digits and -._~!$&'()*+,;:@ (clients could not fetch it otherwise)"
 NO_RELEASE = "{} cannot be read, or names no release"
 NO_ARCHIVE = "{} cannot be read, or names no archive"
@@ -412,8 +424,13 @@ NO_ARCHIVE = "{} cannot be read, or names no archive"
         (write(info("9", "v3"), ""), NO_ARCHIVE.format(info("9", "v3"))),
         (
             write(info("1"), "def.Current.name = ./x.cab\ndef.Current.SHA256 = 00\n"),
-            f"{info('1')}: the name ./x.cab {NAME_RULE}",
+            f"{info('1')}: the archive's name ./x.cab {NAME_RULE}",
         ),
+        (names_archive("1", info("3")), f"{info('1')}: the archive's name {info('3')} must not end in .ini"),
+        (names_archive("1", HIT), f"{info('1')}: the archive's name {HIT} must not end in .ini"),
+        (names_archive("1", ".x.cab"), f"{info('1')}: the archive's name .x.cab must not begin with a dot"),
+        (fifo(HIT), f"{HIT} is no regular file"),
+        (fifo(info("1")), f"{info('1')} is no regular file"),
         (write(info("a b"), ""), f"{info('a b')}: the name {info('a b')} {NAME_RULE}"),
     ],
 )

@@ -48,6 +48,22 @@ void require_plain(const std::string& file, const std::string& name) {
     }
 }
 
+// An archive's name that is an INI file's would have that removed in the archive's stead.
+void require_archive(const std::string& file, const std::string& name) {
+    const std::string reason = unusable_archive(name);
+    if (!reason.empty()) {
+        fail(file + ": the archive's name " + name + " " + reason);
+    }
+}
+
+// libcurl would wait at a FIFO for ever; a folder it refuses.
+void require_no_special_file(const fs::path& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
+        fail(path.filename().string() + " is no regular file");
+    }
+}
+
 std::string flavor_of_hit(const std::string& name) {
     return name.substr(prefix.size(), name.size() - prefix.size() - hit_suffix.size());
 }
@@ -68,12 +84,13 @@ public:
     // Which of the marks parts flavor and id makes no difference to the file that is read.
     std::optional<zqu::CompleteInfo> info(const std::string& name) {
         require_plain(name, name);
+        require_no_special_file(folder_ / name);
         const auto mark = name.find(info_mark, prefix.size());
         const auto id_at = mark + info_mark.size();
         cfg_.flavor = name.substr(prefix.size(), mark - prefix.size());
         auto found = client_.fetch_complete_info(name.substr(id_at, name.size() - id_at - info_suffix.size()));
         if (found) {
-            require_plain(name, found->cab_name);
+            require_archive(name, found->cab_name);
         }
         return found;
     }
@@ -89,6 +106,7 @@ public:
     // The name of the complete-info INI that a hit INI names; none when it is the INI of a release whose id ends so.
     std::optional<std::string> hit(const std::string& name) {
         require_plain(name, name);
+        require_no_special_file(folder_ / name);
         cfg_.flavor = flavor_of_hit(name);
         const auto id = client_.fetch_defid();
         if (!id && may_be_info(name) && info(name)) {

@@ -2,8 +2,9 @@
 // told to take, and which archives nothing names.
 //
 // Functions without a state of their own, for one thread. Nothing here writes. Everything throws std::runtime_error
-// with the file and the reason when one of the INI files cannot be understood or holds a name that may lead to another
-// file than the one of that name (names.hpp): who removes files on the strength of this must not guess.
+// with the file and the reason when one of the INI files is no regular file, cannot be understood, or holds a name that
+// may lead to another file than the one of that name, or an archive's that may not be one (names.hpp): who removes
+// files on the strength of this must not guess.
 #pragma once
 
 #include <cstdint>

@@ -10,7 +10,7 @@ namespace zqu::mirror_tool {
 // Why name cannot be an id or a flavor, for a usage error; empty when it can be.
 [[nodiscard]] std::string unusable_name(const std::string& name);
 
-// Why name, given by an upstream mirror, cannot be an archive's; empty when it can be. Besides what no name may hold,
+// Why name, given by an INI file, cannot be an archive's; empty when it can be. Besides what no name may hold,
 // it must not pass for an INI file or a hidden one, and leave room for the ".part" of a client.
 [[nodiscard]] std::string unusable_archive(const std::string& name);
 
