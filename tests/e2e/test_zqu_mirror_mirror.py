@@ -1,9 +1,11 @@
 """zqu-mirror mirror: the copy of an upstream mirror is whole and the upstream's to the byte, or nothing changes."""
 
+import os
 import re
 import shutil
 import signal
 import subprocess
+import zipfile
 from concurrent.futures import ThreadPoolExecutor
 
 import archives
@@ -335,6 +337,58 @@ def test_an_archive_that_a_killed_run_has_left_is_replaced(place):
     (place.dir / cab("1001")).write_bytes(b"left behind")
     assert place.copy() == place.done("1001")
     assert tree(place.dir) == place.files("1001")
+
+
+# Takes the right to pass over permissions from a run as root.
+BARE = ["setpriv", "--bounding-set=-all", "--inh-caps=-all"] if os.geteuid() == 0 else []
+
+
+def run_bare(*args):
+    done = subprocess.run([*BARE, TOOL, *args], capture_output=True, text=True, timeout=60)
+    return done.returncode, done.stdout, done.stderr
+
+
+def publish_inaccessible(upstream, id):
+    """A release whose archive ends with an entry that takes all permissions from the folder it is unpacked in."""
+    with zipfile.ZipFile(upstream.path(cab(id)), "w") as archive:
+        for name, content in upstream.entries(id):
+            archive.writestr(name, content)
+        folder = zipfile.ZipInfo("folder/")
+        folder.create_system = 3
+        folder.external_attr = 0o40000 << 16 | 0x10
+        archive.writestr(folder, "")
+    upstream.announce(id, cab(id))
+
+
+def test_an_archive_that_takes_the_permissions_of_its_folder_is_refused_and_leaves_nothing(place):
+    publish_inaccessible(place.upstream, "1001")
+    code, out, err = run_bare(*place.words())
+    assert (code, out, "Permission denied" in err) == (1, "", True)
+    assert not place.mirror.exists()
+    place.upstream.publish("1002")
+    assert run_bare(*place.words()) == place.done("1002")
+
+
+def test_what_a_killed_run_has_left_without_permissions_is_removed(place):
+    place.publish_old()
+    for command in (
+        ["prune", "--keep", "1", place.mirror],
+        ["publish", "--id", "1", place.mirror, place.old, place.old],
+    ):
+        (place.dir / WORK / "unpacked").mkdir(parents=True)
+        (place.dir / WORK / "unpacked" / "antivir-v2.def").write_text("left\n")
+        (place.dir / WORK / "unpacked").chmod(0)
+        code, _, err = run_bare(*command)
+        assert (code, err, (place.dir / WORK).exists()) == (0, "", False)
+
+
+def test_a_check_of_an_archive_that_takes_the_permissions_of_its_folder_leaves_nothing(place, monkeypatch):
+    publish_inaccessible(place.upstream, "1001")
+    (place.base / "temporary").mkdir()
+    monkeypatch.setenv("TMPDIR", str(place.base / "temporary"))
+    url = ["--ca", place.nginx.ca_path, "--subdir", place.upstream.subdir, place.nginx.url()]
+    assert run_bare("check", *url)[0] == 1
+    assert list((place.base / "temporary").iterdir()) == []
 
 
 @pytest.mark.parametrize("certificate", ["wrong_host", "expired", "unknown_authority"])

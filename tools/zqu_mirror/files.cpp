@@ -94,6 +94,22 @@ void make_folder(const fs::path& path, mode_t mode) {
     }
 }
 
+void remove_tree(const fs::path& path, std::error_code& error) {
+    make_accessible(path);
+    fs::remove_all(path, error);
+}
+
+void make_accessible(const fs::path& path) {
+    std::error_code ignored;
+    if (!fs::is_directory(fs::symlink_status(path, ignored)) ||
+        fchmodat(AT_FDCWD, path.c_str(), S_IRWXU, AT_SYMLINK_NOFOLLOW) != 0) {
+        return;
+    }
+    for (fs::directory_iterator entry(path, ignored), end; !ignored && entry != end; entry.increment(ignored)) {
+        make_accessible(entry->path());
+    }
+}
+
 void move(const fs::path& from, const fs::path& to) {
     if (rename(from.c_str(), to.c_str()) != 0) {
         fail_errno("cannot create " + to.string());

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <system_error>
 
 namespace zqu::mirror_tool {
 
@@ -50,6 +51,13 @@ void flush(const std::filesystem::path& path);
 
 // Makes one folder, whose parent must exist, with these permissions less the umask.
 void make_folder(const std::filesystem::path& path, mode_t mode);
+
+// Gives their owner access to the folder and those below it, links not followed: an archive's entry may have taken it
+// away. What fails stays as it is, silently.
+void make_accessible(const std::filesystem::path& path);
+
+// Removes path with all that it holds, inaccessible folders included; says in error why it could not.
+void remove_tree(const std::filesystem::path& path, std::error_code& error);
 
 // rename(2): to appears, or is replaced, in one step.
 void move(const std::filesystem::path& from, const std::filesystem::path& to);

@@ -137,7 +137,11 @@ public:
             return;
         }
         const std::uintmax_t before = bytes_;
-        for (const auto& entry : fs::recursive_directory_iterator(work)) {
+        if (!options_.dry_run) {
+            make_accessible(work);
+        }
+        for (const auto& entry :
+             fs::recursive_directory_iterator(work, fs::directory_options::skip_permission_denied)) {
             bytes_ += entry.is_regular_file() ? entry.file_size() : 0;
         }
         run_.step([&] {

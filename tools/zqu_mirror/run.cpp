@@ -96,7 +96,7 @@ void Run::undo() {
     std::error_code ignored;
     // The main thread may still be adding files to the scratch folder when a signal ends the run.
     for (int attempts = 0; !scratch_.empty() && fs::exists(scratch_, ignored) && attempts < 100; ++attempts) {
-        fs::remove_all(scratch_, ignored);
+        remove_tree(scratch_, ignored);
     }
     for (auto path = made_.rbegin(); path != made_.rend(); ++path) {
         fs::remove(*path, ignored);

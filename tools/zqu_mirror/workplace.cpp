@@ -34,7 +34,7 @@ const fs::path& make_folders(const fs::path& path, Run& run) {
 void make_work(const fs::path& work, Run& run) {
     run.make_scratch([&] {
         std::error_code ignored;
-        fs::remove_all(work, ignored);  // a killed run's: nobody else can be using it, for the folder is locked
+        remove_tree(work, ignored);  // a killed run's: nobody else can be using it, for the folder is locked
         make_folder(work, 0700);
         return work;
     });
