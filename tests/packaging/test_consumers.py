@@ -94,6 +94,23 @@ def test_update_that_comes_while_another_is_loaded_is_loaded_too(site):
     assert site.loads() == ["1001", "1002"]
 
 
+def test_id_with_a_backslash_is_loaded_once(site):
+    site.update_to("1001\\c")
+    site.machine.run("timeout", "20", "systemctl", "start", "zel-quorin-reload.service")
+    assert site.loads() == ["1001\\c"]
+    site.machine.run("timeout", "20", "systemctl", "start", "zel-quorin-reload.service")
+    assert site.loads() == ["1001\\c"]
+
+
+def test_nothing_is_loaded_while_no_definitions_are_in_service(site):
+    site.update_to("1001")
+    site.machine.run("systemctl", "start", "zel-quorin-reload.service")
+    site.machine.run("rm", f"{DEFS}/active")
+    site.machine.run("systemctl", "start", "zel-quorin-reload.service")
+    assert site.loads() == ["1001"]
+    assert site.machine.show("mail-filter.service", "Result") == "success"
+
+
 def test_load_that_failed_is_tried_again_by_the_next_look(site):
     drop_in = site.machine.path("/etc/systemd/system/mail-filter.service.d")
     drop_in.mkdir()
