@@ -160,6 +160,19 @@ def test_purging_follows_no_link_that_the_services_user_left(installed):
     assert installed.machine.out("ls", "/srv/other").split() == ["1001", "status.json"]
 
 
+@pytest.mark.parametrize("place", ["snapshots", "snapshots/1001", "snapshots/1001/more"])
+def test_purging_removes_nothing_that_is_mounted_in_the_definitions_root(installed, place):
+    installed.machine.run("mkdir", "-p", "/srv/other", f"{DEFS}/{place}")
+    installed.machine.path("/srv/other/file").write_text("not of the daemon\n")
+    installed.machine.run("mount", "--bind", "/srv/other", f"{DEFS}/{place}")
+    try:
+        process = dpkg(installed, "--purge", "zel-quorin-updater")
+        said = f"zel_quorin_updater: {DEFS} stays: something is mounted in its snapshots\n"
+        assert (said in process.stderr, installed.exists("/srv/other/file")) == (True, True)
+    finally:
+        installed.machine.run("umount", f"{DEFS}/{place}")
+
+
 def test_package_comes_and_goes_where_no_systemd_runs(site, packages):
     bare = ["unshare", "--mount", "sh", "-ec", 'mount -t tmpfs tmpfs /run; exec "$@"', "sh"]
     site.machine.run(*bare, "dpkg", "--install", packages.deb())
