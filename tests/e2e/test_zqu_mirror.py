@@ -835,13 +835,29 @@ ONLY_AIVSECON = f"aivsecon-v2.def.sha256 = {sha256(b'two')}\n".encode()
                 "warning  b is in the archive too: clients drop it"
             },
         ),
+        (
+            {"entries": {"a\x1b[2J\nok": b""}, "defId": "8\x07"},
+            {
+                "defid": "warning  def.Current.defId is another id: 8?",
+                "others": "warning  a?[2J?ok is in the archive too: clients drop it",
+            },
+        ),
         ({"entries": {"antivir-v2.ini": ONLY_AIVSECON}}, {"antivir": UNCHECKED.format("antivir-v2.def")}),
         (
             {"entries": {"antivir-v2.ini": None}},
             {"antivir": UNCHECKED.format("antivir-v2.def"), "aivsecon": UNCHECKED.format("aivsecon-v2.def")},
         ),
     ],
-    ids=["nothing", "other id", "other size", "no size", "further entries", "one entry missing", "no index"],
+    ids=[
+        "nothing",
+        "other id",
+        "other size",
+        "no size",
+        "further entries",
+        "controls",
+        "one entry missing",
+        "no index",
+    ],
 )
 def test_what_a_client_bears_is_at_most_a_warning(mirror_tool_place, mirror_tool_temp, made, instead):
     data, code, out, err = check_made(mirror_tool_place, mirror_tool_temp, **made)
@@ -882,6 +898,19 @@ NO_INFO = "zqu-mirror: parse_complete_info: missing def.Current.name/SHA256\n"
             },
             "",
         ),
+        (
+            {"hit": "defId = 7\x1b[2J\rok\n"},
+            {"hit": "FAULT    antivir-v2-hit.ini names an id that makes no URL: 7?[2J?ok"},
+            "",
+        ),
+        (
+            {"name": "x\x1b[2J.zip"},
+            {
+                "info": "ok       antivir-v2-c-7.ini names x?[2J.zip",
+                "download": "FAULT    the archive's name makes no URL: x?[2J.zip",
+            },
+            "",
+        ),
         ({"SHA256": "00"}, {"digest": "FAULT    x.zip does not have the digest 00"}, ""),
         (
             {"entries": {"antivir-v2.def": b"bad"}},
@@ -903,6 +932,8 @@ NO_INFO = "zqu-mirror: parse_complete_info: missing def.Current.name/SHA256\n"
         "no digest",
         "no archive",
         "a path",
+        "id with controls",
+        "archive with controls",
         "other digest",
         "antivir damaged",
         "aivsecon damaged",

@@ -21,9 +21,14 @@ namespace {
 
 bool say(Run& run, const char* verdict, const std::string& text) {
     run.phase("");  // clears the progress, and says nothing more once a signal is ending the run
-    std::printf("%-8s %s\n", verdict, text.c_str());
+    std::printf("%-8s %s\n", verdict, one_line(text).c_str());
     std::fflush(stdout);  // in step with what the core library logs
     return std::string(verdict) != "FAULT";
+}
+
+// libcurl refuses a URL with a control character; asking all the same would log it as it stands.
+bool makes_a_url(const std::string& name) {
+    return one_line(name) == name;
 }
 
 fs::path make_temp(Run& run) {
@@ -40,6 +45,9 @@ fs::path make_temp(Run& run) {
 bool check_archive(zqu::MirrorClient& client, const zqu::CompleteInfo& info, const fs::path& stage, Run& run) {
     if (info.cab_name.find('/') != std::string::npos || info.cab_name == "." || info.cab_name == "..") {
         return say(run, "FAULT", "the archive's name is a path: " + info.cab_name);
+    }
+    if (!makes_a_url(info.cab_name)) {
+        return say(run, "FAULT", "the archive's name makes no URL: " + info.cab_name);
     }
     const fs::path archive = stage / info.cab_name;
     run.phase("downloading " + info.cab_name, archive.string() + ".part");
@@ -106,6 +114,9 @@ bool check(const Options& options, Run& run) {
     const auto id = client.fetch_defid();
     if (!id) {
         return say(run, "FAULT", hit_name(options.flavor) + " cannot be fetched, or names no release");
+    }
+    if (!makes_a_url(*id)) {
+        return say(run, "FAULT", hit_name(options.flavor) + " names an id that makes no URL: " + *id);
     }
     say(run, "ok", hit_name(options.flavor) + " names " + *id);
     const std::string name = info_name(options.flavor, *id);

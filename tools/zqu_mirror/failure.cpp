@@ -16,10 +16,14 @@ void fail_errno(const std::string& text) {
     throw std::system_error(errno, std::generic_category(), text);
 }
 
-void complain(std::string text) {
+std::string one_line(std::string text) {
     std::replace_if(
         text.begin(), text.end(), [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; }, '?');
-    std::fprintf(stderr, "zqu-mirror: %s\n", text.c_str());
+    return text;
+}
+
+void complain(const std::string& text) {
+    std::fprintf(stderr, "zqu-mirror: %s\n", one_line(text).c_str());
 }
 
 }  // namespace zqu::mirror_tool

@@ -13,8 +13,10 @@ namespace zqu::mirror_tool {
 // Throws std::system_error with text and the reason that errno gives now.
 [[noreturn]] void fail_errno(const std::string& text);
 
-// Writes "zqu-mirror: ", text and a line end to standard error: one line whatever a path in text may hold, for control
-// characters become question marks. A failure to write is ignored.
-void complain(std::string text);
+// text as one line that does nothing to a terminal: control characters become question marks.
+[[nodiscard]] std::string one_line(std::string text);
+
+// Writes "zqu-mirror: ", text and a line end to standard error, by one_line(). A failure to write is ignored.
+void complain(const std::string& text);
 
 }  // namespace zqu::mirror_tool
