@@ -1,7 +1,7 @@
 """How the unit ends and comes back: failures, stops, signals, and a check by hand beside it."""
 
 import pytest
-from confined import CONFIGURATION, DAEMON, ROOT, SERVICE, STATUS, TIMER, UNIT
+from confined import CONFIGURATION, DAEMON, DAEMON_NAME, ROOT, SERVICE, STATUS, TIMER, UNIT
 from scripted_server import SUBDIR, head, reply, stall
 from trials import HIT, NEW, OLD, release
 
@@ -38,13 +38,13 @@ def break_configuration(system):
     system.put(CONFIGURATION, "http_timeout_s = soon\n")
 
 
-def test_malformed_number_fails_the_unit_after_five_starts_and_the_timer_waits(system):
+def test_malformed_number_fails_the_unit_after_ten_starts_and_the_timer_waits(system):
     break_configuration(system)
     system.drop_in("[Service]\nRestartSec=50ms\n")
     system.run("systemctl", "start", UNIT)
     system.wait_for(lambda: system.show(UNIT, "ActiveState") == "failed")
     assert system.show(UNIT, "Result") == "signal"
-    assert count(system, "  what():  stoul") == 5
+    assert count(system, "  what():  stoul") == 10
     expect_both(system, "failed", "active")
     assert system.out("systemctl", "--failed", "--plain", "--no-legend").split()[0] == UNIT
 
@@ -169,6 +169,23 @@ def test_restart_checks_at_once(system, server, releases):
 
 def by_hand(system, *prefix):
     system.run(*prefix, DAEMON, "--config", CONFIGURATION, "--once")
+
+
+def test_eight_restarts_by_hand_in_a_row_are_all_accepted(system, server):
+    for _ in range(8):
+        system.run("systemctl", "restart", UNIT)
+    expect_both(system, "active", "active")
+
+
+def test_restart_beyond_the_start_limit_is_refused_unless_the_counter_is_set_back(system, server):
+    """What the recipe is for: whoever restarts a sound service too often has none until the timer starts it again."""
+    system.drop_in("[Unit]\nStartLimitBurst=2\n")
+    restarted = [system.run("systemctl", "restart", UNIT, check=False).returncode for _ in range(3)]
+    assert restarted == [0, 0, 1]
+    assert system.state() == ("failed", "start-limit-hit")
+    for _ in range(12):
+        system.run("sh", "-ec", f"systemctl reset-failed {DAEMON_NAME}; systemctl restart {DAEMON_NAME}")
+    expect_both(system, "active", "active")
 
 
 def owners(system):
