@@ -617,6 +617,18 @@ def test_mirror_that_answers_is_told_with_its_release(place, nginx, mirror):
     place.expect(' note: the mirror answers: release "1001", archive "antivir-v2-1001.cab"', options=("--online",))
 
 
+def test_mirror_is_asked_with_standard_descriptors_closed(place, nginx, mirror):
+    mirror.publish("1001")
+    place.write(f"mirror_base_url = {nginx.url()}\nmirror_subdir = {mirror.subdir}\nca_path = {nginx.ca_path}\n")
+    words = ["check", "--quiet", "--online", "--user", CALLER, place.path]
+    status = run(*words)[0]
+    assert status == (0 if AS_ROOT else 1)
+    for closed in ("0", "1", "2", "01", "02", "12", "012"):
+        redirections = " ".join(f"{descriptor}>&-" for descriptor in closed)
+        done = subprocess.run(["sh", "-c", f'exec "$@" {redirections}', "sh", TOOL, *words], timeout=60)
+        assert (closed, done.returncode) == (closed, status)
+
+
 def test_mirror_that_fails_is_an_error_with_the_reasons(place, nginx, mirror, closed_port):
     url = f"https://127.0.0.1:{closed_port}"
     place.write(f"mirror_base_url = {url}\nmirror_subdir = d\n")

@@ -1,5 +1,7 @@
 // zqu-config: tells what the daemon makes of its configuration file, and what it would ignore there without a word.
+#include <fcntl.h>
 #include <sysexits.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -139,9 +141,22 @@ int parse_and_carry_out(int argc, char** argv) {
     return chosen(options);
 }
 
+// Nothing that is opened later may get the number of a standard descriptor that the caller has closed. Read-only, so
+// that writing there fails as before.
+void hold_standard_descriptors() {
+    int descriptor = 0;
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO) {
+        descriptor = open("/dev/null", O_RDONLY);
+    }
+    if (descriptor >= 0) {
+        close(descriptor);
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    hold_standard_descriptors();
     static_cast<void>(signal(SIGPIPE, SIG_IGN));  // writing fails instead
     try {
         const int status = parse_and_carry_out(argc, argv);
