@@ -395,6 +395,9 @@ def test_help_and_version_are_answered():
         assert (code, err) == (0, "")
         assert "Exit status: 0 done" in out
         assert words == ["--help"] or f"\n  zqu-mirror {words[0]} --" in out
+    with open("/dev/full", "w") as full:
+        done = subprocess.run([TOOL, "--help"], stdout=full, stderr=subprocess.PIPE, text=True)
+    assert (done.returncode, done.stderr) == (1, "zqu-mirror: cannot write to standard output\n")
 
 
 # ---- No room ----

@@ -192,6 +192,11 @@ CASES = {
         [("definition_not_regular", "critical")],
         f"{SECOND} in the snapshot in service is no regular file",
     ),
+    "definition empty": (
+        lambda w: os.truncate(w.snapshot / SECOND, 0),
+        [("definition_empty", "warning")],
+        f"{SECOND} in the snapshot in service is empty",
+    ),
     "no status": (
         lambda w: w.status_path.unlink(),
         [("status_missing", "critical")],
@@ -809,6 +814,9 @@ def test_help_and_version_are_told():
     assert (code, err) == (0, "") and "Exit status: 0 ok, 1 warning, 2 critical, 3 unknown" in out
     version = re.search(r"VERSION (\S+)", (REPOSITORY / "CMakeLists.txt").read_text().partition("project(")[2])[1]
     assert run("--version") == (0, f"zqu-status {version}\n", "")
+    with open("/dev/full", "w") as full:
+        done = subprocess.run([TOOL, "--help"], stdout=full, stderr=subprocess.PIPE, text=True)
+    assert (done.returncode, done.stderr) == (3, "zqu-status: cannot write to standard output\n")
 
 
 def on_terminal(*args, **variables):

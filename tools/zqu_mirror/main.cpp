@@ -5,9 +5,11 @@
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <iostream>
 #include <string>
 
 #include "check.hpp"
@@ -196,6 +198,16 @@ int carry_out(Command command, Options options) {
     return command(options, run) ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
+// Whether what CLI11 has printed went out.
+int written() {
+    std::cout.flush();
+    if (std::cout && std::fflush(stdout) == 0) {
+        return EXIT_SUCCESS;
+    }
+    complain("cannot write to standard output");
+    return EXIT_FAILURE;
+}
+
 int parse_and_carry_out(int argc, char** argv) {
     constexpr int wrong_command_line = 2;
     Options options;
@@ -211,7 +223,8 @@ int parse_and_carry_out(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& e) {
-        return app.exit(e);
+        static_cast<void>(app.exit(e));
+        return written();
     } catch (const CLI::ParseError& e) {
         complain(std::string(e.what()) + " (see zqu-mirror --help)");
         return wrong_command_line;

@@ -76,6 +76,11 @@ void judge_definition(const Definition& definition, Findings& found) {
     const std::string name = shown(definition.name);
     switch (definition.state) {
         case DefinitionState::present:
+            if (definition.size == 0) {
+                found.push_back({"definition_empty", Verdict::warning, name + " in the snapshot in service is empty",
+                                 "The mirror serves it so, or the disk was full: compare with another gateway. In "
+                                 "doubt remove the link active: the next check fetches the release anew."});
+            }
             break;
         case DefinitionState::missing:
             found.push_back({"definition_missing", Verdict::critical, name + " is missing from the snapshot in service",

@@ -22,32 +22,14 @@ enum class Verdict { ok, warning, unknown, critical };
 [[nodiscard]] int exit_status(Verdict verdict);
 
 // Names of all findings there can be. They are stable: other programs go by them.
-inline constexpr std::array<const char*, 25> finding_names{
-    "config_missing",
-    "config_unreadable",
-    "config_malformed",
-    "config_unusable",
-    "active_missing",
-    "active_unreadable",
-    "active_no_link",
-    "active_dangling",
-    "definition_missing",
-    "definition_unreadable",
-    "definition_not_regular",
-    "definitions_old",
-    "publication_in_future",
-    "snapshots_unreadable",
-    "status_missing",
-    "status_unreadable",
-    "status_not_regular",
-    "status_too_long",
-    "status_unfinished",
-    "status_invalid",
-    "status_schema",
-    "check_failed",
-    "check_late",
-    "check_in_future",
-    "version_differs",
+inline constexpr std::array<const char*, 26> finding_names{
+    "config_missing",     "config_unreadable",     "config_malformed",       "config_unusable",
+    "active_missing",     "active_unreadable",     "active_no_link",         "active_dangling",
+    "definition_missing", "definition_unreadable", "definition_not_regular", "definition_empty",
+    "definitions_old",    "publication_in_future", "snapshots_unreadable",   "status_missing",
+    "status_unreadable",  "status_not_regular",    "status_too_long",        "status_unfinished",
+    "status_invalid",     "status_schema",         "check_failed",           "check_late",
+    "check_in_future",    "version_differs",
 };
 
 struct Finding {

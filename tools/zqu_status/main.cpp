@@ -1,7 +1,9 @@
 // zqu-status: tells how the definitions and their updater fare, to people and to monitoring systems.
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <iostream>
 #include <string>
 
 #include "facts.hpp"
@@ -95,6 +97,16 @@ int carry_out(const Options& options) {
     return options.json || options.prometheus ? EXIT_SUCCESS : exit_status(report.verdict);
 }
 
+// Whether what CLI11 has printed went out.
+int written() {
+    std::cout.flush();
+    if (std::cout && std::fflush(stdout) == 0) {
+        return EXIT_SUCCESS;
+    }
+    complain("cannot write to standard output");
+    return could_not_tell;
+}
+
 int parse_and_carry_out(int argc, char** argv) {
     Options options;
     CLI::App app(about, "zqu-status");
@@ -103,7 +115,8 @@ int parse_and_carry_out(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& e) {
-        return app.exit(e);
+        static_cast<void>(app.exit(e));
+        return written();
     } catch (const CLI::ParseError& e) {
         complain(std::string(e.what()) + " (see zqu-status --help)");
         return could_not_tell;
