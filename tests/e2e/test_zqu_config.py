@@ -351,6 +351,17 @@ def test_mirror_that_is_not_set_is_told(place):
 # ---- The file itself ----
 
 
+def sparse(path):
+    path.touch()
+    os.truncate(path, 1048577)
+
+
+def test_longest_configuration_is_read(place):
+    place.write()
+    place.path.write_bytes(place.path.read_bytes().ljust(1048576, b"#"))
+    place.expect()
+
+
 @pytest.mark.parametrize(
     ("make", "trouble"),
     [
@@ -358,8 +369,9 @@ def test_mirror_that_is_not_set_is_told(place):
         (lambda path: path.mkdir(), "is a folder: the daemon would go by its defaults, without a word"),
         (os.mkfifo, "is a FIFO: the daemon would wait at its start until something is written to it"),
         (lambda path: path.symlink_to("/dev/zero"), "is no regular file"),
+        (sparse, "is longer than 1048576 bytes: it is not looked at"),
     ],
-    ids=["missing", "folder", "FIFO", "device"],
+    ids=["missing", "folder", "FIFO", "device", "too long"],
 )
 def test_what_is_no_readable_file_is_an_error_and_waits_for_nothing(tmp_path, make, trouble):
     path = tmp_path / "updater.conf"

@@ -370,6 +370,15 @@ def test_configuration_that_is_no_file_is_unknown_and_not_waited_for(watched, tm
         assert (code, out, err) == (3, expected, "")
 
 
+def test_configuration_of_any_length_is_looked_at_within_bounds(watched):
+    config = watched.gateway.config_path
+    os.truncate(config, 1048577)
+    expected = f"DEFINITIONS UNKNOWN - the configuration {config} cannot be read: it is longer than 1048576 bytes\n"
+    assert run("--nagios", "--config", config) == (3, expected, "")
+    os.truncate(config, 1048576)
+    assert watched.found() == []
+
+
 def test_fifo_as_status_file_is_not_waited_for_and_its_writer_not_let_go(watched):
     replace_by(watched.status_path, os.mkfifo)
     with subprocess.Popen(["sh", "-c", 'echo {} >"$0"', watched.status_path]) as writer:

@@ -3,6 +3,7 @@
 // Stateless; may be called from any thread.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "config.hpp"
@@ -11,6 +12,10 @@ namespace zqu::tools {
 
 // Where the daemon looks for its configuration when no --config names another file.
 inline constexpr const char* default_config_path = "/usr/local/zelgw/opt/av/quorin/etc/zel_quorin_updater.conf";
+
+// Bytes of a configuration that the tools look at. The daemon has no such bound, but a longer file is none: a sparse
+// one or millions of lines would cost memory without end.
+inline constexpr std::size_t largest_config = 1 << 20;
 
 // What the daemon makes of a configuration file.
 struct Settings {

@@ -50,6 +50,9 @@ std::string read_file(const std::string& path, std::string& text) {
     ssize_t size = 0;
     while ((size = read(file.get(), block.data(), block.size())) > 0) {
         text.append(block.data(), static_cast<std::size_t>(size));
+        if (text.size() > zqu::tools::largest_config) {
+            return "is longer than " + std::to_string(zqu::tools::largest_config) + " bytes: it is not looked at";
+        }
     }
     return size == 0 ? "" : std::string("cannot be read to its end: ") + std::strerror(errno);
 }

@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <ctime>
 #include <system_error>
 #include <thread>
@@ -27,6 +28,10 @@ ConfigState openable(const std::string& path, std::string& reason) {
     const bool there = stat(path.c_str(), &found) == 0;
     if (there && !S_ISREG(found.st_mode)) {
         reason = "it is no regular file";
+        return ConfigState::unreadable;
+    }
+    if (there && static_cast<std::uintmax_t>(found.st_size) > tools::largest_config) {
+        reason = "it is longer than " + std::to_string(tools::largest_config) + " bytes";
         return ConfigState::unreadable;
     }
     const File file(there ? open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1);
