@@ -359,6 +359,18 @@ def test_an_id_published_before_with_other_content_is_refused_and_the_mirror_is_
     place.require_refused("old was published before with other content: take a new id", *flags, id="old")
 
 
+def test_an_id_whose_archive_another_release_has_is_refused_and_the_mirror_is_untouched(mirror_tool_place):
+    place = mirror_tool_place
+    place.publish_old()
+    other = "antivir-v2-c-new.cab"
+    (place.dir / "antivir-v2-c-old.cab").rename(place.dir / other)
+    info = place.dir / "antivir-v2-c-old.ini"
+    info.write_text(info.read_text().replace("antivir-v2-c-old.cab", other))
+    place.require_refused(f"{other} is on the mirror, and antivir-v2-c-old.ini names it: take a new id")
+    assert place.check()[0] == 0
+    assert place.publish("new", "--zip")[0] == 0
+
+
 def test_an_id_whose_archive_was_damaged_is_refused_and_the_mirror_is_untouched(mirror_tool_place):
     place = mirror_tool_place
     assert place.publish("1")[0] == 0

@@ -17,6 +17,7 @@ from scripted_server import ScriptedServer, stall
 
 HIT = "antivir-v2-hit.ini"
 NAME_RULE = "may hold only letters, digits and -._~!$&'()*+,;:@ (clients could not fetch it otherwise)"
+HIT_RULE = 'must not be "hit" or end in -hit'
 DOTS_RULE = 'must not be empty, "." or ".."'
 
 
@@ -225,6 +226,8 @@ TAMPERED = {
     "id is absolute": (with_id("/etc/x"), f"{UPSTREAM} id /etc/x is refused: it {NAME_RULE}", ""),
     "id is dots": (with_id(".."), f"{UPSTREAM} id .. is refused: it {DOTS_RULE}", ""),
     "id is encoded": (with_id("a%2fb"), f"{UPSTREAM} id a%2fb is refused: it {NAME_RULE}", ""),
+    "id is hit": (with_id("hit"), f"{UPSTREAM} id hit is refused: it {HIT_RULE}", ""),
+    "id ends in -hit": (with_id("9-hit"), f"{UPSTREAM} id 9-hit is refused: it {HIT_RULE}", ""),
     "id is too long": (with_id("x" * 300), f"{UPSTREAM} id {'x' * 300} is refused: it is too long for a file name", ""),
     "no name": (
         lambda place: rewrite_info(place, name=""),

@@ -191,6 +191,15 @@ Catalogue read_catalogue(const Options& options) {
     return catalogue;
 }
 
+std::string info_that_names(const Options& options, const std::string& archive) {
+    for (const auto& release : read_catalogue(options).releases) {
+        if (release.archive == archive) {
+            return release.info;
+        }
+    }
+    return "";
+}
+
 std::int64_t modified_ns(const fs::path& path) {
     return nanoseconds(status_of(path).st_mtim);
 }

@@ -46,6 +46,9 @@ struct Catalogue {
 // Reads everything. A release with the id "hit" has an INI that could be a hit INI by its name: its content decides.
 [[nodiscard]] Catalogue read_catalogue(const Options& options);
 
+// The file name of a complete-info INI of any flavor that names this archive; empty when there is none.
+[[nodiscard]] std::string info_that_names(const Options& options, const std::string& archive);
+
 // When the file's content was written, as whoever wrote it may have set it, or when anything about it was changed,
 // which nobody can set (inode(7)); in nanoseconds since the Unix epoch. Throw std::system_error when it cannot be told.
 [[nodiscard]] std::int64_t modified_ns(const std::filesystem::path& path);

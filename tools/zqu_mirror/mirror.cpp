@@ -35,12 +35,21 @@ void require_usable(const std::string& what, const std::string& name, const std:
     }
 }
 
+// The INI of such an id has the name of a hit INI of another flavor: what it says could keep prune from its work.
+std::string mistakable_id(const std::string& id) {
+    const std::string end = "-hit";
+    const std::string name = "-" + id;
+    const bool mistakable = name.size() >= end.size() && name.compare(name.size() - end.size(), end.size(), end) == 0;
+    return mistakable ? "must not be \"hit\" or end in -hit" : "";
+}
+
 Upstream ask(zqu::MirrorClient& client, const Options& options) {
     const auto id = client.fetch_defid();
     if (!id) {
         fail("the upstream mirror's " + hit_name(options.flavor) + " cannot be fetched, or names no release");
     }
     require_usable("id", *id, unusable_name(*id));
+    require_usable("id", *id, mistakable_id(*id));
     const std::string name = info_name(options.flavor, *id);
     require_usable("id", *id, unusable_archive(stem(options.flavor, *id)));  // for its length
     Upstream upstream{*id, ""};
@@ -109,11 +118,9 @@ bool have_archive(const Options& options, const zqu::CompleteInfo& info) {
     if (!fs::exists(fs::symlink_status(archive)) || zqu::verifier::verify(archive, info.sha256)) {
         return fs::exists(archive);
     }
-    const auto releases = read_catalogue(options).releases;
-    for (const auto& release : releases) {
-        if (release.archive == info.cab_name) {
-            fail(info.cab_name + " is on the mirror with other content, and " + release.info + " names it");
-        }
+    const std::string other = info_that_names(options, info.cab_name);
+    if (!other.empty()) {
+        fail(info.cab_name + " is on the mirror with other content, and " + other + " names it");
     }
     return false;
 }

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "catalogue.hpp"
 #include "failure.hpp"
 #include "files.hpp"
 #include "mirror_client.hpp"
@@ -52,10 +53,24 @@ std::string sha256_with_progress(const fs::path& path, Run& run) {
     return sha256(path, [&run](std::size_t bytes) { run.advance(bytes); });
 }
 
+std::string archive_name(const Options& options) {
+    return stem(options.flavor, options.id) + (options.zip ? ".zip" : ".cab");
+}
+
+// An archive of that name may have been left by a killed run; but an INI made by others may name it, too.
+void require_free_name(const Options& options) {
+    const std::string name = archive_name(options);
+    const std::string info =
+        fs::exists(fs::symlink_status(folder(options) / name)) ? info_that_names(options, name) : "";
+    if (!info.empty()) {
+        fail(name + " is on the mirror, and " + info + " names it: take a new id");
+    }
+}
+
 // Puts the archive and the INI that describes it into place; nothing names them yet.
 void add_release(const Options& options, const std::vector<Source>& sources, Workplace& place, Run& run) {
     const fs::path archive = place.work("archive");
-    const std::string name = stem(options.flavor, options.id) + (options.zip ? ".zip" : ".cab");
+    const std::string name = archive_name(options);
     run.phase("packing", archive);
     const time_t newest = std::max(sources[0].before.st_mtim.tv_sec, sources[1].before.st_mtim.tv_sec);
     (options.zip ? pack_zip : pack_cab)(archive, index_text(sources), index_name(options.flavor), sources, newest);
@@ -121,6 +136,7 @@ void publish(const Options& options, Run& run) {
     const bool known = fs::exists(place.folder() / info_name(options.flavor, options.id));
     try {
         if (!known) {
+            require_free_name(options);
             add_release(options, sources, place, run);
         }
         run.phase("checking the archive");
