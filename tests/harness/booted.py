@@ -26,7 +26,7 @@ cd "$work/root"
 rm -rf usr/local/zelgw  # an updater of this machine is none of theirs
 rm -f etc/machine-id; : >etc/machine-id
 printf '[Unit]\nRequires=basic.target\nAfter=basic.target\n' >etc/systemd/system/bare.target
-rm -f etc/systemd/system/multi-user.target.wants/* etc/systemd/system/timers.target.wants/*
+rm -rf etc/systemd/system/multi-user.target.wants etc/systemd/system/timers.target.wants
 ln -sf /dev/null etc/systemd/system/tmp.mount
 ip link set lo up
 mount -t proc proc proc

@@ -136,16 +136,17 @@ class Site:
     def exists(self, path):
         return os.path.lexists(self.machine.path(path))
 
-    def files(self):
-        """The system's files and folders with modes and owners, less accounts and what others write meanwhile."""
+    def files(self, more=""):
+        """The system's files and folders with modes and owners, less accounts and what others write meanwhile; with
+        more of what find's -printf can tell, if that is given."""
         own = ["/var/log", "/var/lib/systemd", "/var/lib/dpkg", "/var/cache", "/var/lib/rpm"]
         others = [word for path in own for word in ("-path", path, "-prune", "-o")]
         listed = self.machine.out(
-            "find", "/etc", "/opt", "/srv", "/usr", "/var", *others, "-printf", "%M %U:%G %p\\n"
+            "find", "/etc", "/opt", "/srv", "/usr", "/var", *others, "-printf", f"%M %U:%G %p\t{more}\\n"
         ).splitlines()
         accounts = ("passwd", "group", "shadow", "gshadow", "subuid", "subgid", ".pwd.lock")
         names = {f"/etc/{name}{end}" for name in accounts for end in ("", "-")}
-        return {line for line in listed if line.split(" ", 2)[2] not in names}
+        return {line for line in listed if line.split(" ", 2)[2].partition("\t")[0] not in names}
 
     def end(self):
         with contextlib.suppress(AttributeError):

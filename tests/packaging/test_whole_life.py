@@ -1,8 +1,12 @@
 """A gateway from the built package to its end, the way docs/operations.md tells it."""
 
 import json
+import posixpath
 
+from mirrors import sha256
 from packages import CONFIG, DEFS, NEXT, SERVICE
+from raw_archives import LINK, Entry, release, zip_bytes
+from trials import info_ini
 
 
 def zqu_status(site, *arguments):
@@ -22,15 +26,60 @@ def verdicts(site):
     return report["verdict"]
 
 
-def check_now(site, error=""):
-    """Has the service make a check, and waits for its outcome."""
+def check_now(site):
+    """Has the service make a check; returns what that was the matter with, nothing if all was well."""
     site.machine.path(f"{DEFS}/manifest/status.json").unlink(missing_ok=True)
     site.machine.run("systemctl", "restart", SERVICE)
-    site.machine.wait_for(lambda: f'"last_error": "{error}"\n' in site.status())
+    site.machine.wait_for(lambda: site.status().endswith("}\n"))
+    return json.loads(site.status())["last_error"]
 
 
 def release_in_service(site):
     return site.machine.out("readlink", f"{DEFS}/active")
+
+
+OPEN = "etc/zqu-open"  # a folder that everybody may write to, as far as its mode goes
+TO_TOP = {"id": "../" * 8, "archive": "../" * 9}  # of the file system, from where the daemon puts these
+
+
+def announce(site, id, archive, content):
+    """Announces a release of any names, with its files where a client's URLs lead once their dots are resolved."""
+    served = {
+        "antivir-v2-hit.ini": f"[Current]\r\ndefId={id}\r\n".encode(),
+        f"antivir-v2-c-{id}.ini": info_ini(id, archive, sha256(content)),
+        archive: content,
+    }
+    for name, body in served.items():
+        path = site.nginx.root / posixpath.normpath(f"/defs/{name}").lstrip("/")
+        path.parent.mkdir(exist_ok=True)
+        path.write_bytes(body)
+
+
+def outside(site):
+    """All but the definitions, to the times of change."""
+    return {line for line in site.files("%T@ %C@ %s %l") if f" {DEFS}" not in line}
+
+
+# The id and the archive's name that the mirror announces, and what the archive holds besides a sound release.
+ATTACKS = {
+    "an id that replaces a folder": (f"{TO_TOP['id']}{OPEN}", "x.zip", []),
+    "an archive's name that replaces a file": ("1003", f"{TO_TOP['archive']}{OPEN}/file", []),
+    "a link in the staging directory's stead": ("1003", "../x.zip", [Entry("", f"/{OPEN}".encode(), LINK)]),
+}
+
+
+def attack(site):
+    """Lets the mirror aim at an open folder, which has to stay as it is, and so has all the rest."""
+    machine = site.machine
+    machine.run("install", "-d", "-m", "777", f"/{OPEN}")
+    machine.run("sh", "-ec", f"echo precious >/{OPEN}/file; chmod 666 /{OPEN}/file")
+    before = outside(site)
+    for name, (id, archive, entries) in ATTACKS.items():
+        announce(site, id, archive, zip_bytes([*entries, *release("attack")]))
+        error = check_now(site)
+        assert outside(site) ^ before == set(), name
+        assert error == ("CAB extract" if entries else "download CAB"), name
+        assert (release_in_service(site), verdicts(site)) == ("snapshots/1002", "warning"), name
 
 
 def test_gateway_is_installed_updated_watched_attacked_upgraded_and_purged(installation, packages):
@@ -49,35 +98,23 @@ def test_gateway_is_installed_updated_watched_attacked_upgraded_and_purged(insta
     assert (release_in_service(site), verdicts(site)) == ("snapshots/1001", "ok")
 
     site.mirror.publish("1002")
-    check_now(site)
+    assert check_now(site) == ""
     assert (release_in_service(site), verdicts(site)) == ("snapshots/1002", "ok")
 
-    outside = {line for line in site.files() if DEFS not in line}
-    climbing = "../../../../../../../etc/taken"
-    site.mirror.write("antivir-v2-hit.ini", f"[Current]\r\ndefId={climbing}\r\n")
-    site.mirror.write("antivir-v2-c-1002.ini", "[def.Current]\r\n")
-    (site.nginx.root / "etc").mkdir()
-    check_now(site, f"complete-info fetch failed for {climbing}")
-    assert (release_in_service(site), verdicts(site)) == ("snapshots/1002", "warning")
+    attack(site)
     site.mirror.publish("1003")
-    info = site.mirror.path("antivir-v2-c-1003.ini")
-    info.write_text(info.read_text().replace("antivir-v2-1003.cab", "../../../../../../../../etc/taken.cab"))
-    check_now(site, "download CAB")
-    assert (release_in_service(site), verdicts(site)) == ("snapshots/1002", "warning")
-    assert {line for line in site.files() if DEFS not in line} == outside
-
-    site.mirror.publish("1003")
-    check_now(site)
+    assert check_now(site) == ""
     assert (release_in_service(site), verdicts(site)) == ("snapshots/1003", "ok")
 
     machine.run("dpkg", "--force-confold", "--install", packages.deb(folder=packages.next))
     assert machine.out("dpkg-query", "--showformat=${Version}", "--show", "zel-quorin-updater") == NEXT
     site.mirror.publish("1004")
-    check_now(site)
+    assert check_now(site) == ""
     assert (release_in_service(site), verdicts(site)) == ("snapshots/1004", "ok")
 
     machine.run("dpkg", "--purge", "zel-quorin-updater")
     assert site.active() == "inactive"
     assert not site.exists(CONFIG) and not site.exists(DEFS)
     machine.path("/etc/mirror-ca.pem").unlink()
-    assert site.files() == before
+    machine.run("rm", "-r", f"/{OPEN}")
+    assert site.files() ^ before == set()
