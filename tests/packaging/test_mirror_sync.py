@@ -7,7 +7,7 @@ import subprocess
 
 import booted
 import pytest
-from machines import BUILD, REPOSITORY, SANITIZED
+from machines import REPOSITORY, SANITIZED
 from mirror_tool import SUBDIR, TOOL
 from mirrors import Mirror, Nginx
 
@@ -18,7 +18,7 @@ INSTALLED = "/usr/local/bin/zqu-mirror"
 
 def service_text(upstream="https://definitions.zelgw.example", options=""):
     """The service as the sample says that it is to be set for a site."""
-    text = (BUILD / "packaging" / SERVICE).read_text()
+    text = (SAMPLES / SERVICE).read_text()
     assert text.count(f"ExecStart={INSTALLED} ") == 2
     text, count = re.subn(r"(?m)^(Environment=UPSTREAM=).*", rf"\g<1>{upstream}", text)
     assert count == 1
@@ -53,7 +53,7 @@ class Site:
         timer = (SAMPLES / "zqu-mirror-sync.timer").read_text()
         at_once = timer.replace("OnBootSec=2min", "OnActiveSec=0").replace("RandomizedDelaySec=2min\n", "")
         (units / "zqu-mirror-sync.timer").write_text(at_once)
-        for command in re.findall(r"^#     (.*)$", service_text(), re.MULTILINE):
+        for command in re.findall(r"^#     (.*)$", (SAMPLES / SERVICE).read_text(), re.MULTILINE):
             self.machine.run(*command.split())
         self.machine.run("systemctl", "daemon-reload")
         self.folder = self.machine.path(f"/srv/mirror/{SUBDIR}")
