@@ -12,8 +12,8 @@ PREFIX = "/usr/local"
 pytestmark = pytest.mark.skipif(SANITIZED, reason="the sanitized build is not for installing")
 
 
-def install(target):
-    return run("cmake", "--install", BUILD, env={**os.environ, "DESTDIR": str(target)})
+def install(target, *options):
+    return run("cmake", "--install", BUILD, *options, env={**os.environ, "DESTDIR": str(target)})
 
 
 def test_installing_to_a_folder_puts_everything_below_the_prefix(tmp_path):
@@ -23,6 +23,16 @@ def test_installing_to_a_folder_puts_everything_below_the_prefix(tmp_path):
     assert sorted("/" + name for name in listing(tmp_path) if not name.endswith("/")) == sorted(expected)
     unit = (tmp_path / f"usr/local/lib/systemd/system/{SERVICE}").read_text()
     assert f"\nExecStart={PREFIX}/sbin/zel_quorin_updater\n" in unit
+
+
+@pytest.mark.parametrize("prefix", ["/usr", "/opt/zqu"])
+def test_units_name_the_programs_below_the_prefix_of_the_installation(tmp_path, prefix):
+    install(tmp_path, "--prefix", prefix)
+    for unit, program in ((SERVICE, "sbin/zel_quorin_updater"), ("zqu-status.service", "bin/zqu-status")):
+        lines = (tmp_path / f"{prefix}/lib/systemd/system/{unit}".lstrip("/")).read_text().splitlines()
+        names = [line.split()[0] for line in lines if line.startswith(("ExecStart=", "ExecPaths="))]
+        assert names == [f"ExecStart={prefix}/{program}", f"ExecPaths={prefix}/{program}"]
+        assert (tmp_path / f"{prefix}/{program}".lstrip("/")).exists()
 
 
 def test_installing_again_keeps_an_edited_configuration(tmp_path):
