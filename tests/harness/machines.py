@@ -25,6 +25,13 @@ STARTED = "info zel_quorin_updater loop started (interval={}s jitter={}s)"
 STOPPED = "info zel_quorin_updater loop stopped"
 
 
+def preloading(*libraries):
+    """A value of LD_PRELOAD. Without one of them the dynamic linker goes on, and the daemon may never end."""
+    missing = [name for name in libraries if not (BUILD / name).exists()]
+    assert not missing, f"not in {BUILD}: {', '.join(missing)}; all is built with cmake -DZQU_BUILD_TESTS=ON"
+    return " ".join(libraries)
+
+
 def listing(root):
     """Everything below root, sorted: directories with a trailing slash, links with their target."""
     names = []
@@ -129,7 +136,7 @@ class Gateway:
         if calls:
             shims.insert(0, "libzqu_call_shim.so")
             result["ZQU_CALL_FILE"] = str(self.log_path)
-        result["LD_PRELOAD"] = " ".join(shims)
+        result["LD_PRELOAD"] = preloading(*shims)
         result["LD_LIBRARY_PATH"] = str(BUILD)  # the path may hold a blank, which would part it in LD_PRELOAD
         # A sanitizer's run-time library cannot come first when something is preloaded.
         result["ASAN_OPTIONS"] = os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"

@@ -6,7 +6,7 @@ import struct
 import subprocess
 from dataclasses import dataclass, field
 
-from machines import DAEMON
+from machines import DAEMON, preloading
 
 EPOCH = 1_700_000_000  # what the daemon's clock shows first
 SLICE = "sleep 1 0 same"
@@ -80,7 +80,7 @@ class PacedDaemon:
             **{f"ZQU_PACE_{name}": str(value) for name, value in settings.items()},
             **extra,
         )
-        environment["LD_PRELOAD"] = f"libzqu_pace_shim.so {environment['LD_PRELOAD']}"
+        environment["LD_PRELOAD"] = preloading("libzqu_pace_shim.so", *environment["LD_PRELOAD"].split())
         inherited = [told, waiting] if gates else [told]
         self.process = subprocess.Popen(
             [*prefix, DAEMON, "--config", gateway.config_path],
