@@ -93,6 +93,10 @@ def why_not_bootable():
         return "booting a system needs systemd"
     if "" not in _hierarchies().values():
         return "booting a system needs a cgroup2 hierarchy"
+    # Who enters a namespace comes to its root, which in a chroot is another system's: nothing may be done there.
+    root = subprocess.run(["nsenter", "--mount=/proc/self/ns/mnt", "stat", "-c", "%d %i", "/"], capture_output=True)
+    if root.returncode == 0 and root.stdout.decode() != f"{os.stat('/').st_dev} {os.stat('/').st_ino}\n":
+        return "booting a system does not go in a chroot"
     tried = ["unshare", "--pid", "--mount", "--net", "--uts", "--ipc", "--cgroup", "--fork", "sh", "-ec"]
     with tempfile.TemporaryDirectory() as folder:
         overlay = (

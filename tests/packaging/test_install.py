@@ -55,6 +55,24 @@ def site(tmp_path):
     made.end()
 
 
+CHROOT = """
+cd "$1"
+mount -t tmpfs tmpfs .
+mkdir usr proc sys dev tmp harness
+for folder in usr proc sys dev; do mount --rbind "/$folder" "$folder"; done
+mount --bind "$2" harness
+ln -s usr/bin usr/lib usr/lib64 usr/sbin .
+PYTHONPATH=/harness exec chroot . python3 -c 'import booted; print(booted.why_not_bootable())'
+"""
+
+
+@pytest.mark.skipif(bool(booted.why_not_bootable()), reason=booted.why_not_bootable())
+def test_no_system_is_booted_in_a_chroot(tmp_path):
+    """Its commands would be run in the system around the chroot."""
+    told = run("unshare", "--mount", "sh", "-ec", CHROOT, "sh", tmp_path, REPOSITORY / "tests" / "harness")
+    assert told == "booting a system does not go in a chroot\n"
+
+
 def test_service_runs_from_below_usr_local(site):
     site.machine.run("cmake", "--install", BUILD)
     for command in (
