@@ -705,7 +705,8 @@ def test_nothing_of_the_mirrors_address_is_told(watched):
 def test_sample_of_the_page_has_the_limits_of_the_default_settings(watched):
     watched.published(int(time.time()))
     watched.gateway.settings["http_timeout_s"] = 300
-    (sample,) = re.findall(r"^    DEFINITIONS OK .*$", (REPOSITORY / "docs" / "monitoring.md").read_text(), re.MULTILINE)
+    page = (REPOSITORY / "docs" / "monitoring.md").read_text()
+    (sample,) = re.findall(r"^    DEFINITIONS OK .*$", page, re.MULTILINE)
     limits = [re.findall(r"s;(\d+);(\d+);0", line) for line in (sample, watched.run("--nagios")[1])]
     assert len(limits[0]) == 2 and limits[0] == limits[1]
 
