@@ -3,6 +3,7 @@ service suffers, and the next sound release goes into service without help. The 
 """
 
 import posixpath
+import stat
 
 import pytest
 from confined import CONFIGURATION, DAEMON, ROOT, TIMER, UNIT, Confined
@@ -145,6 +146,23 @@ def test_entry_that_leads_outside_reaches_nothing(front, archive):
     front.expect_untouched()
     assert front.system.show(UNIT, "NRestarts") == "0"
     front.expect_recovery(front.system.active())
+
+
+def test_directory_entry_of_mode_0000_costs_no_more_than_its_id(front):
+    """The staging directory stays, shut to the unit itself: that id is lost, the next one is not."""
+    locked = zip_bytes([Entry(".", b"", stat.S_IFDIR), *entries_of("new")])
+    front.mirror.check(script(archive=locked))
+    exception = "run_once exception: filesystem error: status: Permission denied"
+    log = front.system.take_log()
+    assert log[-1] == f"{exception} [{ROOT}/snapshots/{NEW}/antivir-v2.def]"
+    front.system.expect_status(OLD)
+    for _ in range(2):
+        front.mirror.check(script())
+        front.system.expect_status(OLD, "download CAB")
+    front.expect_untouched()
+    assert front.system.show(UNIT, "NRestarts") == "0"
+    front.expect_recovery()
+    front.expect_untouched()
 
 
 @pytest.fixture(scope="module")

@@ -1,9 +1,11 @@
 """Who may do what with the definitions, whatever modes an archive gives: readers may read, strangers nothing."""
 
+import stat
+
 import pytest
-from confined import CONFIGURATION, READER, ROOT, SERVICE, STATUS, STRANGER
+from confined import CONFIGURATION, READER, ROOT, SERVICE, STATUS, STRANGER, UNIT
 from mirrors import sha256
-from raw_archives import cab_bytes, release as entries_of, zip_bytes
+from raw_archives import Entry, cab_bytes, release as entries_of, zip_bytes
 from scripted_server import reply
 from trials import HIT, NEW, hit_ini, info_ini, info_name
 
@@ -35,15 +37,20 @@ def may(system, user):
     return system.run("sh", "-c", script, user=user, check=False).stdout.splitlines()
 
 
-def update(system, archive):
-    """An update under the unit to a release of that archive."""
+def serve(system, archive, version=NEW, **settings):
+    """A mirror whose release is of that archive, named in the configuration."""
     server = system.scripted()
     server.script = {
-        HIT: [reply(hit_ini(NEW))],
-        info_name(NEW): [reply(info_ini(NEW, "x.archive", sha256(archive)))],
+        HIT: [reply(hit_ini(version))],
+        info_name(version): [reply(info_ini(version, "x.archive", sha256(archive)))],
         "x.archive": [reply(archive)],
     }
-    system.configure(server)
+    system.configure(server, **settings)
+
+
+def update(system, archive):
+    """An update under the unit to a release of that archive."""
+    serve(system, archive)
     system.restart()
 
 
@@ -83,6 +90,73 @@ def test_set_user_id_bit_is_not_set(system):
     assert system.out("stat", "--format=%a %U", FILE) == f"755 {SERVICE}"
     assert may(system, STRANGER) == []
     assert may(system, READER) == READING
+
+
+def zip_with_directory(mode):
+    """A directory entry by the staging directory's own name hands that its mode."""
+    return zip_bytes([Entry(".", b"", stat.S_IFDIR | mode), *entries_of("new")])
+
+
+RECIPE = f"""\
+systemctl stop zel_quorin_updater
+runuser -u {SERVICE} -- chmod -R u+rwX,go+rX {ROOT}/snapshots
+systemctl start zel_quorin_updater
+"""
+
+
+DIRECTORIES = {0o777: READING, 0o755: READING, 0o700: ["list", "read the status"]}
+
+
+@pytest.mark.parametrize("mode, readable", DIRECTORIES.items(), ids=map("{:04o}".format, DIRECTORIES))
+def test_directory_entry_without_rights_for_the_group_hides_the_release_from_readers(system, mode, readable):
+    """And gives nobody more; the recipe shows it to them."""
+    update(system, zip_with_directory(mode))
+    system.expect_status(NEW)
+    assert system.out("stat", "--format=%a %U", f"{ROOT}/snapshots/{NEW}") == f"{mode:o} {SERVICE}"
+    assert may(system, STRANGER) == []
+    assert may(system, READER) == readable
+    system.run("sh", "-ec", RECIPE)
+    assert may(system, STRANGER) == []
+    assert may(system, READER) == READING
+
+
+def test_directory_entry_of_mode_0000_blocks_its_id_until_the_directorys_rights_are_given_back(system):
+    serve(system, zip_with_directory(0))
+    system.run("systemctl", "restart", UNIT)
+    log = []
+    system.wait_for(lambda: log.extend(system.take_log()) or log[-1:] and "exception" in log[-1])
+    stage = f"{ROOT}/snapshots/{NEW}"
+    exception = "run_once exception: filesystem error: status: Permission denied"
+    assert log[-1] == f"{exception} [{stage}/antivir-v2.def]"
+    assert system.out("stat", "--format=%a", stage) == "0"
+    serve(system, ARCHIVES["cab"][0])
+    system.restart()
+    system.expect_status("", "download CAB")
+    assert f"download_cab: cannot create {stage}/x.archive.part" in system.take_log()
+    system.path(STATUS).unlink()
+    system.run("sh", "-ec", RECIPE)
+    system.wait_for_status(NEW)
+    system.expect_status(NEW)
+    assert may(system, STRANGER) == []
+    assert may(system, READER) == READING
+
+
+@pytest.mark.parametrize("mode", [0o500, 0o555], ids=oct)
+def test_snapshot_that_its_owner_may_not_write_is_never_pruned_until_its_rights_are_given_back(system, mode):
+    """What else the archive held stays in it."""
+    update(system, zip_with_directory(mode))
+    system.expect_status(NEW)
+    names = ("", "aivsecon-v2.def", "antivir-v2.def", "antivir-v2.ini", "x.archive")
+    stuck = [f"snapshots/{NEW}/{name}" for name in names]
+    serve(system, ARCHIVES["cab"][0], "1003", retained_snapshots=1)
+    system.restart()
+    system.expect_status("1003")
+    assert [name for name in system.listing() if name.startswith(stuck[0])] == stuck
+    serve(system, ARCHIVES["cab"][0], "1004", retained_snapshots=1)
+    system.path(STATUS).unlink()
+    system.run("sh", "-ec", RECIPE)
+    system.wait_for_status("1004")
+    assert [name for name in system.listing() if name.startswith(stuck[0])] == []
 
 
 def test_service_user_cannot_write_the_configuration(system):

@@ -1,8 +1,12 @@
 """How the unit ends and comes back: failures, stops, signals, and a check by hand beside it."""
 
+import re
+import threading
+
 import pytest
 from confined import CONFIGURATION, DAEMON, DAEMON_NAME, ROOT, SERVICE, STATUS, TIMER, UNIT
-from scripted_server import SUBDIR, head, reply, stall
+from machines import REPOSITORY
+from scripted_server import SUBDIR, cut, head, reply, stall
 from trials import HIT, NEW, OLD, release
 
 SOON = "[Timer]\nOnUnitInactiveSec=\nOnUnitInactiveSec=4s\nAccuracySec=1ms\n"
@@ -248,3 +252,56 @@ def test_check_by_hand_removes_the_staging_directory_of_the_unit(system, server,
     by_hand(system)
     assert f"snapshots/{NEW}/" not in system.listing()
     system.expect_status(OLD, "download CAB")
+
+
+@pytest.fixture
+def meeting(system, server, releases):
+    """The unit in the download of a release that a check by hand puts into service meanwhile; then its download fails,
+    and it removes its staging directory, which is the snapshot in service by now."""
+    new = releases[NEW]
+    fail = threading.Event()
+
+    def held(connection):
+        fail.wait(60)
+        cut(connection)
+
+    server.script = {**new.script, new.cab_name: [head("200 OK", "Content-Length: 1000000"), b"x" * 1000, held]}
+    system.path(STATUS).unlink()
+    system.run("systemctl", "restart", UNIT)
+    system.wait_for(lambda: f"snapshots/{NEW}/{new.cab_name}.part" in system.listing())
+    server.script = new.script
+    by_hand(system)
+    assert system.active() == NEW
+    assert f"snapshots/{NEW}/antivir-v2.def" in system.listing()
+    system.path(STATUS).unlink()
+    fail.set()
+    system.wait_for_status()
+    return system
+
+
+def dangles(system):
+    return (
+        system.out("readlink", f"{ROOT}/active") == f"snapshots/{NEW}" and f"snapshots/{NEW}/" not in system.listing()
+    )
+
+
+def test_unit_removes_the_release_that_a_check_by_hand_has_just_put_into_service(meeting):
+    """Without help the unit then takes for current what is not there."""
+    meeting.expect_status(OLD, "download CAB")
+    assert dangles(meeting)
+    meeting.restart()
+    meeting.expect_status(NEW)
+    assert dangles(meeting)
+
+
+def test_recipe_for_two_daemons_that_met_puts_the_release_back_into_service(meeting):
+    """That of docs/operations.md."""
+    section = (REPOSITORY / "docs" / "operations.md").read_text().split("\n## Day by day\n")[1].split("\n## ")[0]
+    stop, own, start = re.findall(r"^    (.*)$", section, re.MULTILINE)
+    for command in (stop, own, "rm …/defs/active", start):
+        meeting.path(STATUS).unlink(missing_ok=True)
+        meeting.run("sh", "-c", command.replace("…/defs", ROOT))
+    meeting.wait_for_status(NEW)
+    meeting.expect_status(NEW)
+    assert owners(meeting) == {SERVICE}
+    assert meeting.out("cat", f"{ROOT}/active/antivir-v2.def") == f"antivir-v2.def of {NEW}"
