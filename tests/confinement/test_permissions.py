@@ -92,6 +92,27 @@ def test_set_user_id_bit_is_not_set(system):
     assert may(system, READER) == READING
 
 
+def test_index_of_mode_0000_checks_nothing(system):
+    """The service's user cannot read it."""
+    index, wrong, other = entries_of("new")
+    index.mode, wrong.content = stat.S_IFREG, b"wrong\n"
+    update(system, zip_bytes([index, wrong, other]))
+    system.expect_status(NEW)
+    assert system.out("cat", FILE) == "wrong"
+    stage = f"{ROOT}/snapshots/{NEW}"
+    assert f"fsync: open {stage}/antivir-v2.ini failed" in system.take_log()
+    assert system.out("ls", stage).split() == ["aivsecon-v2.def", "antivir-v2.def"]
+
+
+def test_definition_of_mode_0000_is_refused_by_its_digest(system):
+    """Right as it is; for it cannot be read."""
+    entries = entries_of("new")
+    entries[1].mode = stat.S_IFREG
+    update(system, zip_bytes(entries))
+    system.expect_status("", "sha256 mismatch antivir-v2.def")
+    assert system.listing() == ["manifest/", "manifest/status.json", "snapshots/"]
+
+
 def zip_with_directory(mode):
     """A directory entry by the staging directory's own name hands that its mode."""
     return zip_bytes([Entry(".", b"", stat.S_IFDIR | mode), *entries_of("new")])

@@ -71,7 +71,7 @@ class Gateway:
         assert self.machine.path(DROP_IN).read_text().strip() == text.strip()
 
     def undo_drop_in(self):
-        self.machine.run("rm", "-r", os.path.dirname(DROP_IN))
+        self.machine.run("rm", "-rf", os.path.dirname(DROP_IN))
         self.machine.run("systemctl", "daemon-reload")
 
     def after(self, script, status=STATUS):
@@ -212,6 +212,8 @@ def file_system(gateway):
 def test_moved_root_serves_its_readers_and_only_while_its_file_system_is_there(gateway, file_system):
     folders, settings, drop_in = blocks("operations.md", "Moving the root")
     gateway.sh(folders)
+    permissions = [gateway.sh(f"cd {root} && getfacl . manifest") for root in (DEFS, MOVED)]
+    assert permissions[0] == permissions[1]
     gateway.sh(f"systemctl stop zel_quorin_updater; cp -a {DEFS}/. {MOVED}")
     with open(gateway.machine.path(CONFIG), "a") as configuration:
         configuration.write(settings)
@@ -221,6 +223,9 @@ def test_moved_root_serves_its_readers_and_only_while_its_file_system_is_there(g
     moved = f"{MOVED}/manifest/status.json"
     assert gateway.after(RESTART, status=moved) == (gateway.latest, "")
     assert gateway.requests() == ["antivir-v2-hit.ini"]  # the snapshots came along
+    mounts = gateway.machine.out("cat", f"/proc/{gateway.machine.show(SERVICE, 'MainPID')}/mountinfo").splitlines()
+    (options,) = [line.split()[5] for line in mounts if line.split()[4] == MOVED]
+    assert set(options.split(",")) >= {"rw", "noexec"}
     former, gateway.latest = gateway.latest, str(int(gateway.latest) + 1)
     gateway.mirror.publish(gateway.latest)
     assert gateway.after(RESTART, status=moved) == (gateway.latest, "")
