@@ -5,6 +5,7 @@ import stat
 import pytest
 from confined import CONFIGURATION, READER, ROOT, SERVICE, STATUS, STRANGER, UNIT
 from mirrors import sha256
+from pages import blocks
 from raw_archives import Entry, cab_bytes, release as entries_of, zip_bytes
 from scripted_server import reply
 from trials import HIT, NEW, hit_ini, info_ini, info_name
@@ -118,13 +119,7 @@ def zip_with_directory(mode):
     return zip_bytes([Entry(".", b"", stat.S_IFDIR | mode), *entries_of("new")])
 
 
-RECIPE = f"""\
-systemctl stop zel_quorin_updater
-runuser -u {SERVICE} -- chmod -R u+rwX,go+rX {ROOT}/snapshots
-systemctl start zel_quorin_updater
-"""
-
-
+(RECIPE,) = blocks("operations.md", "Permission denied")
 DIRECTORIES = {0o777: READING, 0o755: READING, 0o700: ["list", "read the status"]}
 
 

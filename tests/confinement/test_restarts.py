@@ -1,11 +1,10 @@
 """How the unit ends and comes back: failures, stops, signals, and a check by hand beside it."""
 
-import re
 import threading
 
 import pytest
 from confined import CONFIGURATION, DAEMON, DAEMON_NAME, ROOT, SERVICE, STATUS, TIMER, UNIT
-from machines import REPOSITORY
+from pages import blocks
 from scripted_server import SUBDIR, cut, head, reply, stall
 from trials import HIT, NEW, OLD, release
 
@@ -296,11 +295,11 @@ def test_unit_removes_the_release_that_a_check_by_hand_has_just_put_into_service
 
 def test_recipe_for_two_daemons_that_met_puts_the_release_back_into_service(meeting):
     """That of docs/operations.md."""
-    section = (REPOSITORY / "docs" / "operations.md").read_text().split("\n## Day by day\n")[1].split("\n## ")[0]
-    stop, own, start = re.findall(r"^    (.*)$", section, re.MULTILINE)
-    for command in (stop, own, "rm …/defs/active", start):
+    (block,) = blocks("operations.md", "Day by day")
+    stop, own, start = block.splitlines()
+    for command in (stop, own, f"rm {ROOT}/active", start):
         meeting.path(STATUS).unlink(missing_ok=True)
-        meeting.run("sh", "-c", command.replace("…/defs", ROOT))
+        meeting.run("sh", "-c", command)
     meeting.wait_for_status(NEW)
     meeting.expect_status(NEW)
     assert owners(meeting) == {SERVICE}

@@ -8,11 +8,11 @@ import subprocess
 import booted
 from builds import copy_sources, replace_once
 from mirrors import Mirror, Nginx
+from pages import DEFS
 
 EPOCH = 1700000000
 NEXT = "0.99.0"
 CONFIG = "/usr/local/zelgw/opt/av/quorin/etc/zel_quorin_updater.conf"
-DEFS = "/usr/local/zelgw/opt/av/quorin/defs"
 SERVICE = "zel_quorin_updater.service"
 HINT = f"zel_quorin_updater: set mirror_base_url in {CONFIG}, then: systemctl enable --now zel_quorin_updater"
 

@@ -6,29 +6,16 @@ import os
 import re
 import shutil
 import struct
-import textwrap
 
 import pytest
 import trustme
-from machines import REPOSITORY
 from packages import CONFIG, DEFS, SERVICE
+from pages import blocks, section
 
 STATUS = f"{DEFS}/manifest/status.json"
 DROP_IN = f"/etc/systemd/system/{SERVICE}.d/override.conf"
 RESTART = "systemctl restart zel_quorin_updater"
 USER = "mailfilter"  # whom a block lets read the definitions
-
-
-def section(page, heading):
-    """What stands below a heading, to the next one."""
-    text = (REPOSITORY / "docs" / page).read_text()
-    return re.search(rf"^##+ {re.escape(heading)}\n(.*?)(?=^##|\Z)", text, re.MULTILINE | re.DOTALL)[1]
-
-
-def blocks(page, heading):
-    """The indented blocks below a heading, ready to run."""
-    found = re.findall(r"^((?:    .*\n)+(?:\n*(?:    .*\n)+)*)", section(page, heading), re.MULTILINE)
-    return [textwrap.dedent(block).replace("…/defs", DEFS) for block in found]
 
 
 class Gateway:

@@ -1,0 +1,20 @@
+"""What the pages below docs/ tell to do, as commands."""
+
+import re
+import textwrap
+
+from builds import REPOSITORY
+
+DEFS = "/usr/local/zelgw/opt/av/quorin/defs"  # which the pages abbreviate
+
+
+def section(page, heading):
+    """What stands below a heading, to the next one."""
+    text = (REPOSITORY / "docs" / page).read_text()
+    return re.search(rf"^##+ {re.escape(heading)}\n(.*?)(?=^##|\Z)", text, re.MULTILINE | re.DOTALL)[1]
+
+
+def blocks(page, heading):
+    """The indented blocks below a heading, ready to run."""
+    found = re.findall(r"^((?:    .*\n)+(?:\n*(?:    .*\n)+)*)", section(page, heading), re.MULTILINE)
+    return [textwrap.dedent(block).replace("…/defs", DEFS) for block in found]
