@@ -12,7 +12,7 @@ import tempfile
 
 HERE = pathlib.Path(__file__).resolve().parent
 REPOSITORY = HERE.parent
-SECTIONS = ["machine", "update"]
+SECTIONS = ["machine", "update", "memory"]
 INTRODUCTION = """\
 # Performance
 
@@ -32,6 +32,7 @@ class Bench:
         self.build = build
         self.folder = folder
         self.smoke = smoke
+        self.sources = HERE
         self.daemon = build / "zel_quorin_updater"
 
 
