@@ -3,7 +3,7 @@
 import shutil
 
 import releases
-from measure import run
+from measure import peak_kib
 from mirrors import Nginx
 from text import table, verdict
 
@@ -22,11 +22,11 @@ def update(bench, nginx, size):
         f"mirror_base_url = {nginx.url()}/{size}\nca_path = {nginx.ca_path}\n"
         f"def_root = {root}\nstatus_path = {root}/status.json\n"
     )
-    cost = run([bench.daemon, "--config", config, "--once"])
+    peak = peak_kib([bench.daemon, "--config", config, "--once"])
     assert sum(path.stat().st_size for path in (root / "active").iterdir()) == size * 1_000_000
     shutil.rmtree(root)
     shutil.rmtree(nginx.root / f"{size}")
-    return {"archive": archive, "peak_kib": cost.peak_kib}
+    return {"archive": archive, "peak_kib": peak}
 
 
 def measure(bench):
