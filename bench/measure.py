@@ -66,9 +66,7 @@ def spread(values):
 
 def medians(costs):
     """The spread of every figure of every contender."""
-    return {
-        name: {field: spread([cost[field] for cost in runs]) for field in runs[0]} for name, runs in costs.items()
-    }
+    return {name: {field: spread([cost[field] for cost in runs]) for field in runs[0]} for name, runs in costs.items()}
 
 
 def ratios(costs, name, base, field):

@@ -5,6 +5,7 @@ import argparse
 import datetime
 import importlib
 import json
+import os
 import pathlib
 import subprocess
 import sys
@@ -12,7 +13,7 @@ import tempfile
 
 HERE = pathlib.Path(__file__).resolve().parent
 REPOSITORY = HERE.parent
-SECTIONS = ["machine", "update", "memory"]
+SECTIONS = ["machine", "update", "memory", "check", "idle", "pieces", "startup"]
 INTRODUCTION = """\
 # Performance
 
@@ -86,6 +87,7 @@ def page(docs):
 
 def main():
     options = arguments()
+    os.environ["ZQU_BUILD_DIR"] = str(options.build.resolve())  # for the harness of the tests
     sys.path[:0] = [str(HERE), str(REPOSITORY / "tests" / "harness")]
     if options.compare:
         importlib.import_module("compare").run(Bench, options)
