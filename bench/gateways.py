@@ -30,7 +30,7 @@ class Gateway:
     def status(self):
         try:
             return json.loads(self.status_path.read_text())
-        except ValueError:  # it is just being written
+        except (FileNotFoundError, ValueError):  # none yet, or it is just being written
             return {}
 
     def require_success(self):
