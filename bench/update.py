@@ -1,11 +1,10 @@
 """A whole update, against two scripts that do the same and against the bare calls of the libraries; where time goes."""
 
-import collections
 import os
-import re
 import shutil
 import subprocess
 
+import callgrind
 import releases
 from measure import in_turn, medians, ratios, run
 from mirrors import Nginx
@@ -87,14 +86,8 @@ def share_of_samples(site):
 def share_of_instructions(site):
     """Where instructions are spent in user mode, as callgrind counts them, on a processor without SHA instructions."""
     out = site.bench.folder / "callgrind.out"
-    prefix = ["valgrind", "--quiet", "--tool=callgrind", f"--callgrind-out-file={out}"]
-    site.update("daemon", prefix=prefix)
-    command = ["callgrind_annotate", "--threshold=100", "--auto=no", out]
-    listing = subprocess.run(command, capture_output=True, text=True, check=True).stdout
-    counts = collections.Counter()
-    for count, place in re.findall(r"^ *([\d,]+) \( *[\d.]+%\) .*\[(.*)\]$", listing, re.MULTILINE):
-        counts[place.rsplit("/", 1)[-1]] += int(count.replace(",", ""))
-    return {name: count / counts.total() for name, count in counts.items()}
+    site.update("daemon", prefix=callgrind.prefix(out))
+    return callgrind.shares(out)
 
 
 def speed_of_libcrypto():

@@ -1,0 +1,183 @@
+"""What starting the daemon costs, and what of that is the dynamic linker's."""
+
+import os
+import re
+import subprocess
+import time
+
+import callgrind
+from measure import in_turn, medians, ratios, run, spread
+from procfs import state, usage
+from text import seconds, table, with_spread
+
+TITLE = "Start-up"
+ROUNDS, SMOKE = 100, 3
+LINKED = {"true": ["/bin/true"], "curl": ["curl", "--version"], "daemon": ["--help"]}
+WHOLE = {
+    "true": "`true`",
+    "curl": "`curl --version`",
+    "empty": "libraries only",
+    "help": "the daemon, `--help`",
+    "once": "the daemon, `--once`",
+}
+FIRST = {"cat": "`cat FILE`", "curl": "`curl --config FILE`", "daemon": "the daemon, `--config FILE`"}
+
+
+def write_config(bench):
+    """A configuration without a mirror: every check fails at once, and still says so in the status file."""
+    config = bench.folder / "updater.conf"
+    root = bench.folder / "defs"
+    text = f"mirror_base_url =\ndef_root = {root}\nstatus_path = {root}/status.json\n"
+    config.write_text(text)
+    return config, text
+
+
+def linker(command, environment):
+    """What the dynamic linker counts by itself: cycles in all and for relocations, relocations, and libraries."""
+    environment = {**os.environ, **environment}
+    options = {"stdout": subprocess.DEVNULL, "stderr": subprocess.PIPE, "stdin": subprocess.DEVNULL, "text": True}
+    output = subprocess.run(
+        command, env={**environment, "LD_DEBUG": "statistics"}, check=True, **options
+    ).stderr.partition("final number")[0]
+
+    def counted(title):
+        return int(re.search(rf"{title}: (\d+)", output)[1])
+
+    loaded = subprocess.run(command, env={**environment, "LD_DEBUG": "files"}, check=True, **options).stderr
+    return {
+        "cycles": counted("total startup time in dynamic loader"),
+        "relocating": counted("time needed for relocation"),
+        "symbols": counted("number of relocations"),
+        "relative": counted("number of relative relocations"),
+        "libraries": len(set(re.findall(r"file=(\S+) \[\d+\];  generating link map", loaded))),
+    }
+
+
+def needed(program):
+    """The libraries that a program names itself."""
+    output = subprocess.run(["readelf", "--dynamic", "--wide", program], capture_output=True, text=True, check=True)
+    return re.findall(r"\(NEEDED\).*\[(.*)\]", output.stdout)
+
+
+def of_the_linker(bench, rounds):
+    """The median of each count, lazily and with everything bound at the start."""
+    results = {}
+    for name, command in LINKED.items():
+        command = [bench.daemon, *command] if name == "daemon" else command
+        for mode, environment in (("lazy", {}), ("now", {"LD_BIND_NOW": "1"})):
+            counts = [linker(command, environment) for _ in range(rounds)]
+            results[f"{name} {mode}"] = {key: spread([count[key] for count in counts]) for key in counts[0]}
+    return results
+
+
+def until_first_read(command, fifo, content):
+    """What a command takes from its start until it has opened that file and waits for its content."""
+    begin = time.perf_counter()
+    process = subprocess.Popen([*command, fifo], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+    with open(fifo, "w") as file:  # waits for the one who reads
+        wall = time.perf_counter() - begin
+        before = None
+        while state(process.pid) != "S" or (used := usage(process.pid)) != before:
+            before = usage(process.pid)
+        file.write(content)
+    assert process.wait() == 0, command
+    return {**used, "wall": wall}
+
+
+def instructions(bench):
+    """Where the daemon's instructions are when it does no more than print its usage."""
+    out = bench.folder / "callgrind.out"
+    subprocess.run([*callgrind.prefix(out), bench.daemon, "--help"], stdout=subprocess.DEVNULL, check=True)
+    return callgrind.shares(out)
+
+
+def first_reads(bench, text, rounds):
+    """The same of three programs, in turn."""
+    fifo = bench.folder / "fifo"
+    os.mkfifo(fifo)
+    commands = {
+        "cat": (["/bin/cat"], "text\n"),
+        "curl": (["curl", "--disable", "--config"], "url = file:///dev/null\n"),
+        "daemon": ([bench.daemon, "--once", "--config"], text),
+    }
+    runs = [{name: until_first_read(c[0], fifo, c[1]) for name, c in commands.items()} for _ in range(rounds)]
+    return {
+        name: {key: spread([each[name][key] for each in runs]) for key in ("cpu", "wall", "faults")}
+        for name in commands
+    }
+
+
+def measure(bench):
+    rounds = SMOKE if bench.smoke else ROUNDS
+    config, text = write_config(bench)
+    commands = {
+        "true": ["/bin/true"],
+        "curl": ["curl", "--version"],
+        "empty": [bench.build / "zqu_empty"],
+        "help": [bench.daemon, "--help"],
+        "once": [bench.daemon, "--config", config, "--once"],
+    }
+    contenders = {name: lambda c=command: run(c, stdout=subprocess.DEVNULL) for name, command in commands.items()}
+    costs = in_turn(contenders, rounds)
+    assert '"last_error": "defId fetch failed"' in (bench.folder / "defs" / "status.json").read_text()
+    return {
+        "rounds": rounds,
+        "costs": medians(costs),
+        "ratios": {name: ratios(costs, name, "curl", "cpu") for name in commands},
+        "instructions": instructions(bench),
+        "first_reads": first_reads(bench, text, rounds),
+        "needed": len(needed(bench.daemon)),
+        "linker": of_the_linker(bench, max(rounds // 10, 1)),
+    }
+
+
+def _cost_rows(results):
+    for name, title in WHOLE.items():
+        cost = results["costs"][name]
+        system = f"{cost['system']['median'] / cost['cpu']['median']:.0%}"
+        yield title, seconds(cost["cpu"]), system, seconds(cost["wall"]), with_spread(results["ratios"][name], 2)
+
+
+def _first_rows(results):
+    for name, title in FIRST.items():
+        cost = results["first_reads"][name]
+        yield title, seconds(cost["cpu"]), seconds(cost["wall"]), f"{cost['faults']['median']:,.0f}"
+
+
+def _linker_rows(results):
+    for name, title in (("true", "`true`"), ("curl", "`curl --version`"), ("daemon", "the daemon, `--help`")):
+        for mode, suffix in (("lazy", ""), ("now", ", with `LD_BIND_NOW`")):
+            counts = {key: value["median"] for key, value in results["linker"][f"{name} {mode}"].items()}
+            relocations = (f"{counts['symbols']:,.0f}", f"{counts['relative']:,.0f}")
+            cycles = (f"{counts['cycles'] / 1e6:.2f}", f"{counts['relocating'] / counts['cycles']:.0%}")
+            yield title + suffix, f"{counts['libraries']:.0f}", *relocations, *cycles
+
+
+def render(results, plots):
+    daemon = {key: value["median"] for key, value in results["linker"]["daemon lazy"].items()}
+    bound = results["linker"]["daemon now"]["cycles"]["median"] / daemon["cycles"]
+    whole, empty, true = (results["costs"][name]["cpu"]["median"] for name in ("once", "empty", "true"))
+    linker = sum(share for name, share in results["instructions"].items() if name.startswith("ld-linux"))
+    processes = ("Process", "CPU", "of it system", "wall", "CPU to `curl --version`")
+    counts = ("Process", "libraries", "symbols", "relative", "million cycles", "of it relocating")
+    return f"""\
+Whole processes, {results["rounds"]} rounds in turn. "Libraries only" is `bench/empty.cpp`, a program that does nothing and
+is linked as the daemon is. `--once` has no mirror here: it initialises the libraries, fails without a connection and
+writes the status file.
+
+{table(processes, *_cost_rows(results))}
+Loading the libraries, beyond what `true` takes, is {(empty - true) / whole:.0%} of the CPU of that `--once`.
+
+From the start of a process until it waits for the first file of its own, a pipe that nobody has written to yet:
+
+{table(("Process", "CPU", "wall", "page faults"), *_first_rows(results))}
+### The dynamic linker
+
+It executes {linker:.1%} of the instructions in user mode of `--help`, as callgrind counts them. By its own count
+(`LD_DEBUG=statistics`, ld.so(8)):
+
+{table(counts, *_linker_rows(results))}
+The daemon names {results["needed"]} libraries; all others come with these. It is linked with `-z now`, so that its own
+symbols are bound before `main`; those of its libraries are bound when they are first called, or at the start with
+`LD_BIND_NOW`, which takes the linker {bound:.2f} times as many cycles.
+"""
