@@ -97,7 +97,7 @@ def first_reads(bench, text, rounds):
     os.mkfifo(fifo)
     commands = {
         "cat": (["/bin/cat"], "text\n"),
-        "curl": (["curl", "--disable", "--config"], "url = file:///dev/null\n"),
+        "curl": (["curl", "--disable", "--silent", "--config"], "url = file:///dev/null\n"),
         "daemon": ([bench.daemon, "--once", "--config"], text),
     }
     runs = [{name: until_first_read(c[0], fifo, c[1]) for name, c in commands.items()} for _ in range(rounds)]
