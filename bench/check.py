@@ -13,7 +13,7 @@ from measure import in_turn, medians, ratios, run
 from mirrors import Nginx
 from procfs import difference, usage
 from relay import Relay
-from text import seconds, table, verdict, with_spread
+from text import prose, seconds, table, verdict, with_spread
 
 TITLE = "A check with nothing new"
 ROUNDS, LIMIT = 200, 1.15
@@ -220,11 +220,13 @@ def render(results, plots):
     wire = results["wire"]["daemon"]
     checks = [wire, *(check for loop in results["loops"].values() for check in loop["checks"])]
     connections = max(check["connections"] for check in checks)
+    head = ("Interval", "s: interval / connection / session", "handshake", "sent", "received", "CPU")
     sentences = "\n".join(_sentence(results)).rstrip(";") + "."
+    told = f"""`--once` while the mirror's release is in service, against `curl --fail --silent --cacert FILE -o FILE URL`
+        for the hit INI that it looks at: {results["rounds"]} pairs, from nginx over TLS on loopback. The second file of
+        authorities is Debian's, which libcurl takes when `ca_path` is empty, with the mirror's added."""
     return f"""\
-`--once` while the mirror's release is in service, against `curl --fail --silent --cacert FILE -o FILE URL` for the hit
-INI that it looks at: {results["rounds"]} pairs, from nginx over TLS on loopback. The second file of authorities is
-Debian's, which libcurl takes when `ca_path` is empty, with the mirror's added.
+{prose(told)}
 
 {table(("Check", "authorities", "CPU", "wall"), *_cost_rows(results))}
 {table(("The daemon to curl", "CPU", "wall", "CPU at most", ""), *_ratio_rows(results))}
@@ -242,10 +244,9 @@ nginx closes an idle connection after `keepalive_timeout` (75 s unless set) and 
 `ssl_session_timeout` (5 min unless set), libcurl takes no connection that was idle for more than 118 s
 (CURLOPT_MAXAGE_CONN(3)). Each row counts from the end of the check before; the first has the start of the daemon in it.
 
-{table(("Interval", "s: interval / connection / session", "handshake", "sent", "received", "CPU"), *_loop_rows(results))}
+{table(head, *_loop_rows(results))}
 {sentences}
 
-With the defaults of both, checks at least 900 s apart, each comes after both limits. `ssl_session_timeout 1h;` at the mirror
-makes it come after
-the connection only.
+With the defaults of both, checks at least 900 s apart, each comes after both limits. With `ssl_session_timeout 1h;` at
+the mirror it comes after the connection only.
 """

@@ -1,5 +1,6 @@
-// What an update cannot cost less than: the calls of libcurl, libcrypto and libarchive, and of the system, that one update
-// makes, in the same order and with the same values, but with no decisions, no error handling and no strings of its own.
+// What an update cannot cost less than: the calls of libcurl, libcrypto and libarchive, and of the system, that one
+// update makes, in the same order and with the same values, but with no decisions, no error handling and no strings of
+// its own.
 //
 // usage: zqu_floor CA-FILE HIT-URL COMPLETE-URL ARCHIVE-URL DEFINITIONS-ROOT ID
 #include <archive.h>

@@ -30,7 +30,7 @@ namespace {
 namespace fs = std::filesystem;
 using benchmark::State;
 
-fs::path folder;  // set by main before anything runs
+fs::path work_folder;  // set by main before anything runs
 
 void require(bool condition, const std::string& what) {
     if (!condition) {
@@ -58,8 +58,8 @@ public:
     }
 
     explicit Snapshots(std::int64_t count) : count_(count) {
-        cfg_.def_root = folder / "defs";
-        cfg_.status_path = folder / "defs/status.json";
+        cfg_.def_root = work_folder / "defs";
+        cfg_.status_path = work_folder / "defs/status.json";
         cfg_.retained_snapshots = static_cast<std::uint32_t>(count);
         store_ = std::make_unique<zqu::SnapshotStore>(cfg_);
         for (std::int64_t i = 0; i < count; ++i) {
@@ -78,7 +78,7 @@ public:
         write(snapshot / "aivsecon-v2.def", "aivsecon");
     }
     void put_into_service() { require(store_->publish(std::to_string(last_)), "cannot publish"); }
-    [[nodiscard]] std::string any() const { return cfg_.def_root + "/snapshots/" + std::to_string(last_); }
+    [[nodiscard]] std::string folder() const { return cfg_.def_root + "/snapshots"; }
     zqu::SnapshotStore& store() { return *store_; }
 
 private:
@@ -107,12 +107,15 @@ void publish(State& state) {
     }
 }
 
-// What pruning does twice for every comparison of two snapshots.
+// What pruning does twice for every comparison of two snapshots, which come in no particular order there either.
 void read_time(State& state) {
-    const fs::directory_entry entry(Snapshots::of(state.range(0)).any());
+    std::vector<fs::directory_entry> snapshots(fs::directory_iterator(Snapshots::of(state.range(0)).folder()), {});
+    std::shuffle(snapshots.begin(), snapshots.end(), std::mt19937(20));
+    std::size_t next = 0;
     for ([[maybe_unused]] auto _ : state) {
         std::error_code ignored;
-        benchmark::DoNotOptimize(fs::last_write_time(entry.path(), ignored));
+        benchmark::DoNotOptimize(fs::last_write_time(snapshots[next].path(), ignored));
+        next = (next + 1) % snapshots.size();
     }
 }
 
@@ -136,8 +139,8 @@ void comparisons(State& state) {
 
 void write_status(State& state) {
     zqu::Config cfg;
-    cfg.def_root = folder / "status";
-    cfg.status_path = folder / "status/status.json";
+    cfg.def_root = work_folder / "status";
+    cfg.status_path = work_folder / "status/status.json";
     const zqu::SnapshotStore store(cfg);
     const zqu::SnapshotStore::Status status{"1001", "engine", "1001", "1001", 1'700'000'000, 1'700'000'000, ""};
     for ([[maybe_unused]] auto _ : state) {
@@ -157,7 +160,7 @@ std::string repeated(const std::string& line, std::int64_t count) {
 }
 
 void load_config(State& state) {
-    const fs::path path = folder / "updater.conf";
+    const fs::path path = work_folder / "updater.conf";
     write(path, repeated("# a line that says something\nretained_snapshots = 5\n", state.range(0) / 2));
     for ([[maybe_unused]] auto _ : state) {
         zqu::Config cfg;
@@ -173,7 +176,7 @@ class FileMirror {
 public:
     explicit FileMirror(std::int64_t lines) {
         const std::string others = repeated("; a line\nsome.key = some value\n", lines / 2);
-        const fs::path mirror = folder / "mirror";
+        const fs::path mirror = work_folder / "mirror";
         fs::create_directory(mirror);
         write(mirror / "antivir-v2-hit.ini", others + "[Current]\ndefId=1001\n");
         write(mirror / "antivir-v2-c-1001.ini", others +
@@ -182,10 +185,10 @@ public:
                                                     "def.Current.SHA256=" +
                                                     std::string(64, 'a') + "\ndef.Current.size=1000\n");
         size_ = static_cast<std::int64_t>(fs::file_size(mirror / "antivir-v2-hit.ini"));
-        cfg_.mirror_base_url = "file://" + folder.string();
+        cfg_.mirror_base_url = "file://" + work_folder.string();
         cfg_.mirror_subdir = "mirror";
     }
-    ~FileMirror() { fs::remove_all(folder / "mirror"); }
+    ~FileMirror() { fs::remove_all(work_folder / "mirror"); }
     FileMirror(const FileMirror&) = delete;
     FileMirror& operator=(const FileMirror&) = delete;
 
@@ -241,7 +244,7 @@ void parse_index(State& state) {
 }
 
 void verify(State& state) {
-    const fs::path path = folder / "file";
+    const fs::path path = work_folder / "file";
     write(path, std::string(static_cast<std::size_t>(state.range(0)), 'x'));
     const std::string digest(64, '0');  // of the right length, so that it is compared
     for ([[maybe_unused]] auto _ : state) {
@@ -254,8 +257,8 @@ void verify(State& state) {
 void add(const char* name, void (*function)(State&), std::int64_t size, std::int64_t largest) {
     if (size <= largest) {
         auto* bench = benchmark::RegisterBenchmark(name, function)->Arg(size)->UseRealTime();
-        if (size > 50'000) {
-            bench->Repetitions(3);  // seconds each
+        if (size >= 10'000 && std::string(name) == "prune") {
+            bench->Repetitions(2);  // seconds each
         }
     }
 }
@@ -285,7 +288,7 @@ int main(int argc, char** argv) {
         std::fputs("usage: zqu_bench_pieces FOLDER LARGEST [options of Google Benchmark]\n", stderr);
         return 2;
     }
-    folder = argv[1];
+    work_folder = argv[1];
     setlogmask(LOG_MASK(LOG_EMERG));  // each publication would be logged
     add_all(std::strtoll(argv[2], nullptr, 10));
     argv[2] = argv[0];

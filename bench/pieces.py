@@ -6,7 +6,7 @@ import math
 import subprocess
 
 from measure import spread
-from text import seconds, table, with_spread
+from text import prose, seconds, table, with_spread
 
 TITLE = "The pieces"
 LARGEST, REPETITIONS, LEAST = 100_000, 5, 0.1  # LEAST: s that each repetition takes at least
@@ -47,28 +47,29 @@ def share_of_times(results, size):
     return reads * time(results, "read_time", size) / time(results, "prune", size)
 
 
-def growth(results, name, by=1):
+def growth(results, name):
     """How the CPU time grows over the last sizes, and how n log n would."""
     former, last = list(results[name])[-2:]
     as_n_log_n = int(last) * math.log(int(last)) / (int(former) * math.log(int(former)))
-    return int(former) * by, int(last) * by, time(results, name, last) / time(results, name, former), as_n_log_n
+    return int(former), int(last), time(results, name, last) / time(results, name, former), as_n_log_n
 
 
 def _snapshot_rows(results):
     for size, prune in results["prune"].items():
         publish = results["publish"][size]
         comparisons = results["comparisons"][size]["comparisons"]
-        costs = (seconds(prune["cpu"]), seconds(prune["wall"]), seconds(publish["cpu"]), seconds(publish["wall"]))
+        costs = (brief(prune["cpu"]), brief(prune["wall"]), brief(publish["cpu"]), brief(publish["wall"]))
         yield f"{int(size):,}", *costs, f"{comparisons:,.0f}", f"{share_of_times(results, size):.0%}"
 
 
-def micro(spread):
-    return with_spread(spread, 1, 1e6, " µs")
+def brief(spread):
+    """A time in the unit that suits it, down to microseconds."""
+    return with_spread(spread, 1, 1e6, " µs") if spread["median"] < 1e-3 else seconds(spread)
 
 
 def _text_rows(results):
     for size in results["load_config"]:
-        cells = (micro(results[name][size]["cpu"]) for name in ("load_config", "parse_index", *FETCHES))
+        cells = (brief(results[name][size]["cpu"]) for name in ("load_config", "parse_index", *FETCHES))
         yield f"{int(size):,}", *cells
 
 
@@ -98,7 +99,7 @@ def _speeds(results):
 def _verify_rows(results):
     for size, of_size in results["verify"].items():
         rate = int(size) / 1e6 / of_size["cpu"]["median"]
-        yield f"{int(size) / 1e6:,.2f} MB", micro(of_size["cpu"]), f"{rate:,.0f}"
+        yield f"{int(size) / 1e6:,.2f} MB", brief(of_size["cpu"]), f"{rate:,.0f}"
 
 
 def _plot(results, plots, name, title, x, lines):
@@ -112,36 +113,53 @@ def _plot(results, plots, name, title, x, lines):
     return plots.save(figure, f"pieces-{name}", f"{title} against the {x}")
 
 
-def render(results, plots):
+def _snapshots(results, plots):
     former, last, grown, expected = growth(results, "prune")
-    publish = growth(results, "publish")
-    status = results["write_status"]["1"]
+    published = growth(results, "publish")[2]
+    head = ("Snapshots", "pruning, CPU", "wall", "publication, CPU", "wall", "comparisons", "of it times")
+    told = f"""From {former:,} to {last:,} snapshots pruning takes {grown:.1f} times as long, where n log n gives
+        {expected:.1f}, and publication {published:.1f} times. The sort makes n log n comparisons, and each reads two
+        modification times afresh, as [design.md](design.md#choices) has it. "Of it times" is what so many readings come
+        to, at the cost of one by itself."""
+    lines = {"Pruning": "prune", "Publication": "publish"}
     return f"""\
-The components through their headers, by Google Benchmark (`bench/pieces.cpp`), files and folders on the disk of the
-machine above; medians over its repetitions.
-
-### Snapshots
-
 Pruning finds one snapshot too many, among so many that stay; a snapshot holds two small files. Publication replaces the
 link and flushes the definitions root.
 
-{table(("Snapshots", "pruning, CPU", "wall", "publication, CPU", "wall", "comparisons", "of it times"), *_snapshot_rows(results))}
-{_plot(results, plots, "snapshots", "Pruning and publication", "number of snapshots", dict(Pruning="prune", Publication="publish"))}
-From {former:,} to {last:,} snapshots pruning takes {grown:.1f} times as long, where n log n gives {expected:.1f}, and
-publication {publish[2]:.1f} times. The sort makes n log n comparisons, and each reads two modification times afresh, as
-[design.md](design.md#choices) has it. "Of it times" is what these readings come to at the cost of a single one.
+{table(head, *_snapshot_rows(results))}
+{_plot(results, plots, "snapshots", "Pruning and publication", "number of snapshots", lines)}
+{prose(told)}
+"""
 
-### Texts
 
-CPU against the number of lines, of which the last one counts; the index names another file in each. The INI files come
+def _texts(results, plots):
+    head = ("Lines", "configuration", "index", "fetch only", "fetch, hit INI", "fetch, complete INI")
+    speeds = f"""At the largest size, without fetching: {", ".join(_speeds(results))}. The INI files that `zqu-mirror`
+        writes have two and five lines."""
+    lines = {"Configuration": "load_config", "Index": "parse_index", "Hit INI": "fetch_hit"}
+    return f"""\
+CPU against the number of lines, of which the last ones count; the index names another file in each. The INI files come
 by file:// URLs, and fetching one without reading it stands beside.
 
-{table(("Lines", "configuration", "index", "fetch only", "fetch, hit INI", "fetch, complete INI"), *_text_rows(results))}
-{_plot(results, plots, "texts", "Reading texts", "number of lines", {"Configuration": "load_config", "Index": "parse_index", "Hit INI": "fetch_hit", "Complete INI": "fetch_complete"})}
-At the largest size: {", ".join(_speeds(results))}. A real INI file has two to five lines.
+{table(head, *_text_rows(results))}
+{_plot(results, plots, "texts", "Reading texts", "number of lines", {**lines, "Complete INI": "fetch_complete"})}
+{prose(speeds)}
+"""
 
+
+def render(results, plots):
+    status = results["write_status"]["1"]
+    return f"""\
+The components through their headers, by Google Benchmark (`bench/pieces.cpp`), with files and folders on the disk.
+
+### Snapshots
+
+{_snapshots(results, plots)}
+### Texts
+
+{_texts(results, plots)}
 ### Files
 
 {table(("Digest of a file", "CPU", "MB/s"), *_verify_rows(results))}
-Writing the status file takes {micro(status["cpu"])} of CPU, {micro(status["wall"])} in all.
+Writing the status file takes {brief(status["cpu"])} of CPU, {brief(status["wall"])} in all.
 """

@@ -8,7 +8,7 @@ import time
 import callgrind
 from measure import in_turn, medians, ratios, run, spread
 from procfs import state, usage
-from text import seconds, table, with_spread
+from text import prose, seconds, table, with_spread
 
 TITLE = "Start-up"
 ROUNDS, SMOKE = 100, 3
@@ -160,10 +160,14 @@ def render(results, plots):
     linker = sum(share for name, share in results["instructions"].items() if name.startswith("ld-linux"))
     processes = ("Process", "CPU", "of it system", "wall", "CPU to `curl --version`")
     counts = ("Process", "libraries", "symbols", "relative", "million cycles", "of it relocating")
+    bind = f"""The daemon names {results["needed"]} libraries; all others come with these. It is linked with `-z now`, so
+        that its own symbols are bound before `main`; those of its libraries are bound when they are first called, or at
+        the start with `LD_BIND_NOW`, which takes the linker {bound:.2f} times as many cycles."""
+    told = f"""Whole processes, {results["rounds"]} rounds in turn. "Libraries only" is `bench/empty.cpp`, a program that
+        does nothing and is linked as the daemon is. `--once` has no mirror here: it initialises the libraries, fails
+        without a connection and writes the status file."""
     return f"""\
-Whole processes, {results["rounds"]} rounds in turn. "Libraries only" is `bench/empty.cpp`, a program that does nothing and
-is linked as the daemon is. `--once` has no mirror here: it initialises the libraries, fails without a connection and
-writes the status file.
+{prose(told)}
 
 {table(processes, *_cost_rows(results))}
 Loading the libraries, beyond what `true` takes, is {(empty - true) / whole:.0%} of the CPU of that `--once`.
@@ -174,10 +178,8 @@ From the start of a process until it waits for the first file of its own, a pipe
 ### The dynamic linker
 
 It executes {linker:.1%} of the instructions in user mode of `--help`, as callgrind counts them. By its own count
-(`LD_DEBUG=statistics`, ld.so(8)):
+(`LD_DEBUG=statistics`, ld.so(8)), lazily as by default, and with everything bound at the start:
 
 {table(counts, *_linker_rows(results))}
-The daemon names {results["needed"]} libraries; all others come with these. It is linked with `-z now`, so that its own
-symbols are bound before `main`; those of its libraries are bound when they are first called, or at the start with
-`LD_BIND_NOW`, which takes the linker {bound:.2f} times as many cycles.
+{prose(bind)}
 """

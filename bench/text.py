@@ -1,5 +1,12 @@
 """How figures stand in the page: tables, numbers with their spread, and verdicts."""
 
+import textwrap
+
+
+def prose(text):
+    """One paragraph, its lines broken anew: figures make them longer or shorter."""
+    return textwrap.fill(" ".join(text.split()), 120, break_long_words=False, break_on_hyphens=False)
+
 
 def table(head, *rows):
     """A Markdown table; all columns but the first are aligned to the right."""

@@ -1,4 +1,4 @@
-"""Every benchmark works: it measures with tiny sizes, and the page tells of it. Nothing asks how long anything takes."""
+"""Every benchmark works: it measures with tiny sizes, and the page tells of it. No time is looked at."""
 
 import json
 import math
