@@ -135,7 +135,7 @@ link and flushes the definitions root.
 def _texts(results, plots):
     head = ("Lines", "configuration", "index", "fetch only", "fetch, hit INI", "fetch, complete INI")
     speeds = f"""At the largest size, without fetching: {", ".join(_speeds(results))}. The INI files that `zqu-mirror`
-        writes have two and five lines."""
+        writes have two and four lines."""
     lines = {"Configuration": "load_config", "Index": "parse_index", "Hit INI": "fetch_hit"}
     return f"""\
 CPU against the number of lines, of which the last ones count; the index names another file in each. The INI files come
