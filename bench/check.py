@@ -222,9 +222,10 @@ def render(results, plots):
     connections = max(check["connections"] for check in checks)
     head = ("Interval", "s: interval / connection / session", "handshake", "sent", "received", "CPU")
     sentences = "\n".join(_sentence(results)).rstrip(";") + "."
-    told = f"""`--once` while the mirror's release is in service, against `curl --fail --silent --cacert FILE -o
-        FILE URL` for the hit INI that it looks at: {results["rounds"]} pairs, from nginx over TLS on loopback. The second
-        file of authorities is Debian's, which libcurl takes when `ca_path` is empty, with the mirror's added."""
+    told = f"""`--once` while the mirror's release is in service, against `curl --fail --silent --cacert FILE
+        -o FILE URL` for the hit INI that it looks at: {results["rounds"]} pairs, from nginx over TLS on loopback. The
+        second file of authorities is Debian's, which libcurl takes when `ca_path` is empty, with the mirror's
+        added."""
     return f"""\
 {prose(told)}
 

@@ -160,12 +160,12 @@ def render(results, plots):
     linker = sum(share for name, share in results["instructions"].items() if name.startswith("ld-linux"))
     processes = ("Process", "CPU", "of it system", "wall", "CPU to `curl --version`")
     counts = ("Process", "libraries", "symbols", "relative", "million cycles", "of it relocating")
-    bind = f"""The daemon names {results["needed"]} libraries; all others come with these. It is linked with `-z
-        now`, so that its own symbols are bound before `main`; those of its libraries are bound when they are first called,
-        or at the start with `LD_BIND_NOW`, which takes the linker {bound:.2f} times as many cycles."""
-    told = f"""Whole processes, {results["rounds"]} rounds in turn. "Libraries only" is `bench/empty.cpp`, a program
-        that does nothing and is linked as the daemon is. `--once` has no mirror here: it initialises the libraries, fails
-        without a connection and writes the status file."""
+    bind = f"""The daemon names {results["needed"]} libraries; all others come with these. It is linked with
+        `-z now`, so that its own symbols are bound before `main`; those of its libraries are bound when they are
+        first called, or at the start with `LD_BIND_NOW`, which takes the linker {bound:.2f} times as many cycles."""
+    told = f"""Whole processes, {results["rounds"]} rounds in turn. "Libraries only" is `bench/empty.cpp`, a
+        program that does nothing and is linked as the daemon is. `--once` has no mirror here: it initialises the
+        libraries, fails without a connection and writes the status file."""
     return f"""\
 {prose(told)}
 
