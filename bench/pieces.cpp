@@ -44,6 +44,13 @@ void write(const fs::path& path, const std::string& text) {
     require(fs::file_size(path) == text.size(), "cannot write " + path.string());
 }
 
+// Into no particular order, which is the same each time.
+template <typename T>
+void shuffle(std::vector<T>& items) {
+    std::seed_seq seed{20};
+    std::shuffle(items.begin(), items.end(), std::mt19937(seed));
+}
+
 // A definitions root with so many snapshots, the last one in service. The one that the benchmarks share stays until one
 // of another size is asked for: it takes its time to make.
 class Snapshots {
@@ -110,7 +117,7 @@ void publish(State& state) {
 // What pruning does twice for every comparison of two snapshots, which come in no particular order there either.
 void read_time(State& state) {
     std::vector<fs::directory_entry> snapshots(fs::directory_iterator(Snapshots::of(state.range(0)).folder()), {});
-    std::shuffle(snapshots.begin(), snapshots.end(), std::mt19937(20));
+    shuffle(snapshots);
     std::size_t next = 0;
     for ([[maybe_unused]] auto _ : state) {
         std::error_code ignored;
@@ -129,7 +136,7 @@ void comparisons(State& state) {
     };
     for ([[maybe_unused]] auto _ : state) {
         std::iota(ages.begin(), ages.end(), 0);
-        std::shuffle(ages.begin(), ages.end(), std::mt19937(20));  // the same each time
+        shuffle(ages);
         count = 0;
         std::make_heap(ages.begin(), ages.end(), older);
         std::sort_heap(ages.begin(), ages.end(), older);
@@ -270,7 +277,7 @@ void add_all(std::int64_t largest) {
         add("prune", prune, count, largest);
         add("comparisons", comparisons, count, largest);
     }
-    benchmark::RegisterBenchmark("write_status", write_status)->Arg(1)->UseRealTime();
+    add("write_status", write_status, 1, largest);
     for (const std::int64_t lines : {10, 100, 1000, 10'000, 100'000}) {
         add("load_config", load_config, lines, largest);
         add("fetch_ini", fetch_ini, lines, largest);
