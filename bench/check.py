@@ -231,6 +231,8 @@ def render(results, plots):
 
 {table(("Check", "authorities", "CPU", "wall"), *_cost_rows(results))}
 {table(("The daemon to curl", "CPU", "wall", "CPU at most", ""), *_ratio_rows(results))}
+What the daemon loads and `curl` does not is libarchive, with the libraries that this needs: see Start-up.
+
 ### On the wire
 
 Content of TCP in bytes, without its headers, counted by a relay in between ({wire["protocol"]}):
