@@ -10,11 +10,17 @@ def prefix(out):
     return ["valgrind", "--quiet", "--tool=callgrind", f"--callgrind-out-file={out}"]
 
 
-def shares(out):
-    """The shares of programs and libraries in what was counted."""
+def counts(out):
+    """How many instructions of each program or library were counted."""
     command = ["callgrind_annotate", "--threshold=100", "--auto=no", out]
     listing = subprocess.run(command, capture_output=True, text=True, check=True).stdout
-    counts = collections.Counter()
+    found = collections.Counter()
     for count, place in re.findall(r"^ *([\d,]+) \( *[\d.]+%\) .*\[(.*)\]$", listing, re.MULTILINE):
-        counts[place.rsplit("/", 1)[-1]] += int(count.replace(",", ""))
-    return {name: count / counts.total() for name, count in counts.items()}
+        found[place.rsplit("/", 1)[-1]] += int(count.replace(",", ""))
+    return found
+
+
+def shares(out):
+    """The shares of programs and libraries in what was counted."""
+    counted = counts(out)
+    return {name: count / counted.total() for name, count in counted.items()}

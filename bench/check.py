@@ -8,6 +8,7 @@ import subprocess
 import threading
 import time
 
+import callgrind
 import gateways
 import trustme
 from measure import in_turn, medians, ratios, run
@@ -106,6 +107,17 @@ def against_curl(bench, nginx, rounds):
     return results
 
 
+def instructions(bench, nginx, gateway):
+    """Where the instructions of a check and of curl are in user mode."""
+    results = {}
+    for name, command in (("daemon", gateway.check), ("curl", gateway.curl(nginx.ca_path))):
+        out = bench.folder / f"callgrind.{name}"
+        subprocess.run([*callgrind.prefix(out), *command], check=True, stdin=subprocess.DEVNULL)
+        gateway.require_success()
+        results[name] = callgrind.counts(out)
+    return results
+
+
 def on_the_wire(nginx, relay, gateway):
     """What one check and one curl have pass."""
     results = {}
@@ -166,9 +178,11 @@ def measure(bench):
         with Relay(nginx.ports["plain"]) as relay:
             gateway = gateways.Gateway(bench, "relayed", relay.port, nginx.ca_path)
             wire = on_the_wire(nginx, relay, gateway)
+            counted = instructions(bench, nginx, gateway)
         return {
             "rounds": (rounds := 3 if bench.smoke else ROUNDS),
             "against_curl": against_curl(bench, nginx, rounds),
+            "instructions": counted,
             "wire": wire,
             "loops": loops(bench, nginx, SMOKE if bench.smoke else PACES),
         }
@@ -191,6 +205,35 @@ def _ratio_rows(results):
         cpu = of_name["ratios"]["cpu"]
         wall = with_spread(of_name["ratios"]["wall"], 3)
         yield TITLES[name], with_spread(cpu, 3), wall, LIMIT, verdict(cpu["median"], LIMIT)
+
+
+# What the instructions are told of by themselves, by the beginnings of names; all else is "others".
+PLACES = {
+    "dynamic linker": ("ld-linux",),
+    "libcrypto": ("libcrypto.",),
+    "libc": ("libc.",),
+    "libssl": ("libssl.",),
+    "libcurl": ("libcurl.",),
+    "libstdc++": ("libstdc++.",),
+    "its own": ("zel_quorin_updater", "curl"),
+    "others": ("",),
+}
+
+
+def by_place(counted):
+    """The instructions of one command by those places, each counted at the first that fits."""
+    found = dict.fromkeys(PLACES, 0)
+    for name, count in counted.items():
+        found[next(place for place, names in PLACES.items() if name.startswith(names))] += count
+    return found
+
+
+def _instruction_rows(results):
+    daemon, curl = (by_place(results["instructions"][who]) for who in ("daemon", "curl"))
+    for place, ours, theirs in ((place, daemon[place], curl[place]) for place in PLACES):
+        yield place, f"{ours / 1e6:.2f}", f"{theirs / 1e6:.2f}", f"{(ours - theirs) / 1e6:+.2f}"
+    ours, theirs = sum(daemon.values()), sum(curl.values())
+    yield "all", f"{ours / 1e6:.2f}", f"{theirs / 1e6:.2f}", f"{(ours - theirs) / 1e6:+.2f}"
 
 
 def _wire_rows(results):
@@ -236,8 +279,10 @@ def render(results, plots):
 
 {table(("Check", "authorities", "CPU", "wall"), *_cost_rows(results))}
 {table(("The daemon to curl", "CPU", "wall", "CPU at most", ""), *_ratio_rows(results))}
-What the daemon loads and `curl` does not is libarchive, with the libraries that this needs: see Start-up.
+Instructions in user mode, in millions, as callgrind counts them with the mirror's authority alone. What the daemon
+loads and `curl` does not is libarchive, with the libraries that this needs: see Start-up.
 
+{table(("Instructions", "the daemon", "curl", "difference"), *_instruction_rows(results))}
 ### On the wire
 
 Content of TCP in bytes, without its headers, counted by a relay in between ({wire["protocol"]}):
