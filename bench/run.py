@@ -71,7 +71,7 @@ def measure(name, options):
 
 def page(docs):
     """The page from what is kept of the sections; one that was never measured is left out."""
-    from plots import Plots  # takes a second, which those who ask for help need not wait
+    from plots import Plots
 
     plots = Plots(docs / "performance")
     parts = [INTRODUCTION]
