@@ -9,6 +9,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -51,8 +52,8 @@ void shuffle(std::vector<T>& items) {
     std::shuffle(items.begin(), items.end(), std::mt19937(seed));
 }
 
-// A definitions root with so many snapshots, the last one in service. The one that the benchmarks share stays until one
-// of another size is asked for: it takes its time to make.
+// A definitions root with so many snapshots, empty ones, the last one in service. The one that the benchmarks share
+// stays until one of another size is asked for: it takes its time to make.
 class Snapshots {
 public:
     static Snapshots& of(std::int64_t count) {
@@ -70,7 +71,7 @@ public:
         cfg_.retained_snapshots = static_cast<std::uint32_t>(count);
         store_ = std::make_unique<zqu::SnapshotStore>(cfg_);
         for (std::int64_t i = 0; i < count; ++i) {
-            add();
+            static_cast<void>(store_->stage_dir(name(i)));
         }
         put_into_service();
     }
@@ -78,21 +79,24 @@ public:
     Snapshots(const Snapshots&) = delete;
     Snapshots& operator=(const Snapshots&) = delete;
 
-    // As an update leaves one: two definition files, here with next to nothing in them.
-    void add() {
-        const fs::path snapshot = store_->stage_dir(std::to_string(++last_));
+    // One more, older than all others, with two definition files that have next to nothing in them.
+    void add_oldest() {
+        const fs::path snapshot = store_->stage_dir("oldest");
         write(snapshot / "antivir-v2.def", "antivir");
         write(snapshot / "aivsecon-v2.def", "aivsecon");
+        fs::last_write_time(snapshot, fs::last_write_time(folder()) - std::chrono::hours(24));
     }
-    void put_into_service() { require(store_->publish(std::to_string(last_)), "cannot publish"); }
+    [[nodiscard]] bool has_oldest() const { return fs::exists(folder() + "/oldest"); }
+    void put_into_service() { require(store_->publish(name(count_ - 1)), "cannot publish"); }
     [[nodiscard]] std::string folder() const { return cfg_.def_root + "/snapshots"; }
     zqu::SnapshotStore& store() { return *store_; }
 
 private:
+    static std::string name(std::int64_t number) { return std::to_string(1'000'000 + number); }
+
     zqu::Config cfg_;
     std::unique_ptr<zqu::SnapshotStore> store_;
     std::int64_t count_;
-    std::int64_t last_ = 1'000'000;
 };
 
 // One snapshot is there beyond those to keep, and goes.
@@ -100,11 +104,11 @@ void prune(State& state) {
     Snapshots& snapshots = Snapshots::of(state.range(0));
     for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
-        snapshots.add();
-        snapshots.put_into_service();
+        snapshots.add_oldest();
         state.ResumeTiming();
         snapshots.store().prune();
     }
+    require(!snapshots.has_oldest(), "the oldest snapshot is still there");
 }
 
 void publish(State& state) {

@@ -123,8 +123,8 @@ def _snapshots(results, plots):
         to, at the cost of one by itself."""
     lines = {"Pruning": "prune", "Publication": "publish"}
     return f"""\
-Pruning finds one snapshot too many, among so many that stay; a snapshot holds two small files. Publication replaces the
-link and flushes the definitions root.
+Pruning finds one snapshot too many, which holds two small files, among so many that stay. Publication replaces the link
+and flushes the definitions root.
 
 {table(head, *_snapshot_rows(results))}
 {_plot(results, plots, "snapshots", "Pruning and publication", "number of snapshots", lines)}
