@@ -19,8 +19,10 @@ WHOLE = {
     "less": "libraries less libarchive",
     "empty": "libraries only",
     "help": "the daemon, `--help`",
+    "bound": "the daemon, `--help`, with `LD_BIND_NOW`",
     "once": "the daemon, `--once`",
 }
+BIND_NOW = {"LD_BIND_NOW": "1"}
 FIRST = {"cat": "`cat FILE`", "curl": "`curl --config FILE`", "daemon": "the daemon, `--config FILE`"}
 
 
@@ -34,23 +36,19 @@ def write_config(bench):
 
 
 def linker(command, environment):
-    """What the dynamic linker counts by itself: cycles in all and for relocations, relocations, and libraries."""
-    environment = {**os.environ, **environment}
-    options = {"stdout": subprocess.DEVNULL, "stderr": subprocess.PIPE, "stdin": subprocess.DEVNULL, "text": True}
-    output = subprocess.run(
-        command, env={**environment, "LD_DEBUG": "statistics"}, check=True, **options
-    ).stderr.partition("final number")[0]
+    """What the dynamic linker tells of its work (LD_DEBUG, ld.so(8)): relocations and libraries. The cycles that it
+    tells as well are left out: they do not fit the processor time that passes before main."""
 
-    def counted(title):
-        return int(re.search(rf"{title}: (\d+)", output)[1])
+    def told(what):
+        variables = {**os.environ, **environment, "LD_DEBUG": what}
+        options = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": subprocess.PIPE}
+        return subprocess.run(command, env=variables, check=True, text=True, **options).stderr
 
-    loaded = subprocess.run(command, env={**environment, "LD_DEBUG": "files"}, check=True, **options).stderr
+    statistics = told("statistics").partition("final number")[0]
     return {
-        "cycles": counted("total startup time in dynamic loader"),
-        "relocating": counted("time needed for relocation"),
-        "symbols": counted("number of relocations"),
-        "relative": counted("number of relative relocations"),
-        "libraries": len(set(re.findall(r"file=(\S+) \[\d+\];  generating link map", loaded))),
+        "symbols": int(re.search(r"number of relocations: (\d+)", statistics)[1]),
+        "relative": int(re.search(r"number of relative relocations: (\d+)", statistics)[1]),
+        "libraries": len(set(re.findall(r"file=(\S+) \[\d+\];  generating link map", told("files")))),
     }
 
 
@@ -60,15 +58,13 @@ def needed(program):
     return re.findall(r"\(NEEDED\).*\[(.*)\]", output.stdout)
 
 
-def of_the_linker(bench, rounds):
-    """Each count, lazily and with everything bound at the start: the least of a few runs, as the linker counts cycles
-    in which another process runs as well."""
+def of_the_linker(bench):
+    """The same of three programs, lazily and with everything bound at the start."""
     results = {}
     for name, command in LINKED.items():
         command = [bench.daemon, *command] if name == "daemon" else command
-        for mode, environment in (("lazy", {}), ("now", {"LD_BIND_NOW": "1"})):
-            counts = [linker(command, environment) for _ in range(rounds)]
-            results[f"{name} {mode}"] = {key: min(count[key] for count in counts) for key in counts[0]}
+        results[f"{name} lazy"] = linker(command, {})
+        results[f"{name} now"] = linker(command, BIND_NOW)
     return results
 
 
@@ -121,6 +117,8 @@ def measure(bench):
         "once": [bench.daemon, "--config", config, "--once"],
     }
     contenders = {name: lambda c=command: run(c, stdout=subprocess.DEVNULL) for name, command in commands.items()}
+    bound = {**os.environ, **BIND_NOW}
+    contenders["bound"] = lambda: run(commands["help"], stdout=subprocess.DEVNULL, env=bound)
     costs = in_turn(contenders, rounds)
     assert '"last_error": "defId fetch failed"' in (bench.folder / "defs" / "status.json").read_text()
     return {
@@ -130,11 +128,12 @@ def measure(bench):
             name: sum(cost["system"] for cost in runs) / sum(cost["cpu"] for cost in runs)
             for name, runs in costs.items()
         },
-        "ratios": {name: ratios(costs, name, "curl", "cpu") for name in commands},
+        "ratios": {name: ratios(costs, name, "curl", "cpu") for name in contenders},
+        "bound": ratios(costs, "bound", "help", "cpu"),
         "instructions": instructions(bench),
         "first_reads": first_reads(bench, text, rounds),
         "needed": len(needed(bench.daemon)),
-        "linker": of_the_linker(bench, max(rounds // 4, 1)),
+        "linker": of_the_linker(bench),
     }
 
 
@@ -157,22 +156,21 @@ def _linker_rows(results):
         for mode, suffix in (("lazy", ""), ("now", ", with `LD_BIND_NOW`")):
             counts = results["linker"][f"{name} {mode}"]
             relocations = (f"{counts['symbols']:,.0f}", f"{counts['relative']:,.0f}")
-            cycles = (f"{counts['cycles'] / 1e6:.2f}", f"{counts['relocating'] / counts['cycles']:.0%}")
-            yield title + suffix, f"{counts['libraries']:.0f}", *relocations, *cycles
+            yield title + suffix, counts["libraries"], *relocations
 
 
 def render(results, plots):
-    bound = results["linker"]["daemon now"]["cycles"] / results["linker"]["daemon lazy"]["cycles"]
     whole, empty, less, true = (results["costs"][name]["cpu"]["median"] for name in ("once", "empty", "less", "true"))
     linker = sum(share for name, share in results["instructions"].items() if name.startswith("ld-linux"))
     processes = ("Process", "CPU", "of it system", "wall", "CPU to `curl --version`")
-    counts = ("Process", "libraries", "symbols", "relative", "million cycles", "of it relocating")
+    counts = ("Process", "libraries", "symbols bound", "relative relocations")
     loading = f"""Loading the libraries, beyond what `true` takes, is {(empty - true) / whole:.0%} of the CPU of that
         `--once`; {1e3 * (empty - less):.1f} ms of it is for libarchive with the libraries that only it needs, which
         `curl` does not load."""
     bind = f"""The daemon names {results["needed"]} libraries; all others come with these. It is linked with
         `-z now`, so that its own symbols are bound before `main`; those of its libraries are bound when they are
-        first called, or at the start with `LD_BIND_NOW`, which takes the linker {bound:.2f} times as many cycles."""
+        first called, or at the start with `LD_BIND_NOW`, which takes {with_spread(results["bound"], 2)} times the CPU
+        of `--help`."""
     told = f"""Whole processes, {results["rounds"]} rounds in turn. "Libraries only" is `bench/empty.cpp`, a
         program that does nothing and is linked as the daemon is. `--once` has no mirror here: it initialises the
         libraries, fails without a connection and writes the status file."""
@@ -187,8 +185,8 @@ From the start of a process until it waits for the first file of its own, a pipe
 {table(("Process", "CPU", "wall", "page faults"), *_first_rows(results))}
 ### The dynamic linker
 
-It executes {linker:.1%} of the instructions in user mode of `--help`, as callgrind counts them. By its own count
-(`LD_DEBUG=statistics`, ld.so(8)), lazily as by default, and with everything bound at the start:
+It executes {linker:.1%} of the instructions in user mode of `--help`, as callgrind counts them. Its own counts
+(`LD_DEBUG`, ld.so(8)), lazily as by default, and with everything bound at the start:
 
 {table(counts, *_linker_rows(results))}
 {prose(bind)}
