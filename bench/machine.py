@@ -5,6 +5,8 @@ import pathlib
 import platform
 import subprocess
 
+from text import prose
+
 TITLE = "The machine"
 
 
@@ -43,8 +45,11 @@ def _field_of_release(name):
 def render(results, plots):
     packages = ", ".join(f"{name} {version}" for name, version in results["packages"].items())
     return (
-        f"{results['cores']} cores of {results['processor']} (with {', '.join(results['instructions']) or 'none'} of "
-        f"the instructions that matter here), {results['memory_gib']} GiB, {results['system']}, Linux "
-        f"{results['kernel']}, files on {results['file_system']}. {packages}. Load when it began: "
-        f"{results['load']:.2f}.\n"
+        prose(
+            f"{results['cores']} cores of {results['processor']} (with {', '.join(results['instructions']) or 'none'} of "
+            f"the instructions that matter here), {results['memory_gib']} GiB, {results['system']}, Linux "
+            f"{results['kernel']}, files on {results['file_system']}. {packages}. Load when it began: "
+            f"{results['load']:.2f}."
+        )
+        + "\n"
     )
