@@ -18,6 +18,7 @@ class Gateway:
         config = bench.folder / f"{name}.conf"
         self.status_path = self.root / "status.json"
         self.base = f"https://127.0.0.1:{port}/mirror"
+        self.url = f"{self.base}/{releases.SUBDIR}/antivir-v2-hit.ini"
         config.write_text(
             f"mirror_base_url = {self.base}\nca_path = {ca_path}\npoll_interval_s = {interval}\npoll_jitter_s = 0\n"
             f"def_root = {self.root}\nstatus_path = {self.status_path}\n"
@@ -40,10 +41,7 @@ class Gateway:
 
     def curl(self, ca_path):
         """The command that fetches what a check with nothing new fetches."""
-        return [
-            *["curl", "--fail", "--silent", "--cacert", ca_path, "-o", self.root / "hit.ini"],
-            f"{self.base}/{releases.SUBDIR}/antivir-v2-hit.ini",
-        ]
+        return ["curl", "--fail", "--silent", "--cacert", ca_path, "-o", self.root / "hit.ini", self.url]
 
 
 def mirror(bench, server=Nginx):

@@ -44,12 +44,7 @@ def _field_of_release(name):
 
 def render(results, plots):
     packages = ", ".join(f"{name} {version}" for name, version in results["packages"].items())
-    return (
-        prose(
-            f"{results['cores']} cores of {results['processor']} (with {', '.join(results['instructions']) or 'none'} of "
-            f"the instructions that matter here), {results['memory_gib']} GiB, {results['system']}, Linux "
-            f"{results['kernel']}, files on {results['file_system']}. {packages}. Load when it began: "
-            f"{results['load']:.2f}."
-        )
-        + "\n"
-    )
+    told = f"""{results["cores"]} cores of {results["processor"]} (with {", ".join(results["instructions"]) or "none"}
+        of the instructions that matter here), {results["memory_gib"]} GiB, {results["system"]}, Linux {results["kernel"]},
+        files on {results["file_system"]}. {packages}. Load when it began: {results["load"]:.2f}."""
+    return prose(told) + "\n"
