@@ -288,7 +288,7 @@ def render(results, plots):
 "Bare calls" is `bench/floor.cpp` again, here just one transfer by libcurl, linked with the daemon's libraries.
 
 Instructions in user mode, in millions, as callgrind counts them with the mirror's authority alone. What the daemon
-loads and `curl` does not is libarchive, with the libraries that this needs: see Start-up.
+loads and `curl` does not is libarchive and libstdc++, with the libraries that they need: see Start-up.
 
 {table(("Instructions", "the daemon", "curl", "difference"), *_instruction_rows(results))}
 ### On the wire
