@@ -44,7 +44,8 @@ def _field_of_release(name):
 
 def render(results, plots):
     packages = ", ".join(f"{name} {version}" for name, version in results["packages"].items())
-    told = f"""{results["cores"]} cores of {results["processor"]} (with {", ".join(results["instructions"]) or "none"}
-        of the instructions that matter here), {results["memory_gib"]} GiB, {results["system"]}, Linux
-        {results["kernel"]}, files on {results["file_system"]}. {packages}. Load when it began: {results["load"]:.2f}."""
+    instructions = ", ".join(results["instructions"]) or "none"
+    told = f"""{results["cores"]} cores of {results["processor"]} (with {instructions} of the instructions that matter
+        here), {results["memory_gib"]} GiB, {results["system"]}, Linux {results["kernel"]}, files on
+        {results["file_system"]}. {packages}. Load when it began: {results["load"]:.2f}."""
     return prose(told) + "\n"
