@@ -1,0 +1,314 @@
+"""A check that finds nothing new: against curl, its bytes, and what later checks of the loop save."""
+
+import collections
+import os
+import pathlib
+import re
+import subprocess
+import threading
+import time
+
+import callgrind
+import gateways
+import trustme
+from measure import in_turn, medians, ratios, run
+from mirrors import Nginx
+from procfs import difference, usage
+from relay import Relay
+from text import prose, seconds, table, verdict, with_spread
+
+TITLE = "A check with nothing new"
+ROUNDS, LIMIT = 200, 1.15
+SYSTEM = pathlib.Path("/etc/ssl/certs/ca-certificates.crt")
+
+# How mirror and loop may suit each other: s for which nginx keeps an idle connection and a TLS session, s between
+# checks, how many of them are looked at, and what else nginx is told.
+Pace = collections.namedtuple("Pace", "keepalive session interval checks options", defaults=[""])
+PACES = {
+    "within both": Pace(60, 300, 1, 4),
+    "after the connection": Pace(1, 300, 2, 4),
+    "the same, TLS 1.2": Pace(1, 300, 2, 3, "ssl_protocols TLSv1.2;"),
+    "the same, with a cache": Pace(1, 300, 2, 3, "ssl_protocols TLSv1.2; ssl_session_cache shared:sessions:1m;"),
+    "after both": Pace(1, 1, 4, 4),
+    "after libcurl's limit": Pace(600, 600, 121, 2),
+}
+SMOKE = {"within both": Pace(60, 300, 1, 2), "after the connection": Pace(1, 300, 2, 2)}
+LOG = "$server_port $connection $ssl_session_reused $status $ssl_protocol"
+
+
+class Servers(Nginx):
+    """One nginx with a server for each pace, all with one certificate, which logs what became of connections."""
+
+    CERTIFICATES = ("plain", *PACES)
+
+    def url(self, certificate="plain", host="127.0.0.1"):
+        return super().url(certificate, host)
+
+    def _make_certificates(self):
+        self.authority = trustme.CA()
+        self.authority.cert_pem.write_to_path(self.ca_path)
+        leaf = self.authority.issue_cert("localhost", "127.0.0.1")
+        leaf.private_key_and_cert_chain_pem.write_to_path(self.folder / "server.pem")
+
+    def _server(self, name):
+        pace = PACES.get(name)
+        settings = ""
+        if pace:
+            settings = f"keepalive_timeout {pace.keepalive}s; ssl_session_timeout {pace.session}s; {pace.options}"
+        return f"server {{ listen 127.0.0.1:{self.ports[name]} ssl; {settings} }}"
+
+    def _write_configuration(self):
+        folders = " ".join(
+            f'{kind}_temp_path "{self.folder}/{kind}";' for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
+        )
+        lines = [
+            "daemon off; worker_processes 1; events { }",
+            "user root;" if os.geteuid() == 0 else "",
+            f'pid "{self.folder}/nginx.pid";',
+            f'http {{ {folders} log_format facts "{LOG}"; access_log "{self.folder}/access.log" facts;',
+            f'ssl_certificate "{self.folder}/server.pem"; ssl_certificate_key "{self.folder}/server.pem";',
+            f'root "{self.root}"; ssl_protocols TLSv1.2 TLSv1.3;',
+            *map(self._server, self.CERTIFICATES),
+            "}",
+        ]
+        (self.folder / "nginx.conf").write_text("\n".join(lines) + "\n")
+
+    def lines(self, name, count, since=0):
+        """Requests that a server has answered, after the first few: connection, session, status and protocol."""
+        for _ in range(3000):  # nginx writes its log after the answer
+            lines = [line.split() for line in (self.folder / "access.log").read_text().splitlines()]
+            found = [line[1:] for line in lines if line[0] == str(self.ports[name])][since:]
+            if len(found) >= count:
+                assert len(found) == count and {line[2] for line in found} == {"200"}, found
+                return found
+            time.sleep(0.01)
+        raise AssertionError(f"{name}: {len(found)} requests instead of {count}")
+
+    def answered(self, name):
+        text = (self.folder / "access.log").read_text()
+        return sum(line.startswith(f"{self.ports[name]} ") for line in text.splitlines())
+
+
+def against_curl(bench, nginx, rounds):
+    """Costs of the daemon, of curl and of bare calls, with the mirror's authority alone and among the system's."""
+    bundle = bench.folder / "bundle.pem"
+    bundle.write_bytes(SYSTEM.read_bytes() + nginx.ca_path.read_bytes())
+    results = {}
+    for name, ca_path in (("own", nginx.ca_path), ("system", bundle)):
+        other = gateways.Gateway(bench, f"ca-{name}", nginx.ports["plain"], ca_path)
+        bare = [bench.build / "zqu_floor", ca_path, other.url]
+        commands = {"daemon": other.check, "curl": other.curl(ca_path), "bare": bare}
+        costs = in_turn({name: lambda c=command: run(c) for name, command in commands.items()}, rounds)
+        other.require_success()
+        results[name] = {
+            "authorities": ca_path.read_text().count("BEGIN CERTIFICATE"),
+            "costs": medians(costs),
+            "ratios": {
+                base: {field: ratios(costs, "daemon", base, field) for field in ("cpu", "wall")}
+                for base in ("curl", "bare")
+            },
+        }
+    return results
+
+
+def instructions(bench, nginx, gateway):
+    """Where the instructions of a check and of curl are in user mode."""
+    results = {}
+    for name, command in (("daemon", gateway.check), ("curl", gateway.curl(nginx.ca_path))):
+        out = bench.folder / f"callgrind.{name}"
+        subprocess.run([*callgrind.prefix(out), *command], check=True, stdin=subprocess.DEVNULL)
+        gateway.require_success()
+        results[name] = callgrind.counts(out)
+    return results
+
+
+def on_the_wire(nginx, relay, gateway):
+    """What one check and one curl have pass."""
+    results = {}
+    for name, command in (("daemon", gateway.check), ("curl", gateway.curl(nginx.ca_path))):
+        before, answered = relay.totals(), nginx.answered("plain")
+        subprocess.run(command, check=True, stdin=subprocess.DEVNULL)
+        lines = nginx.lines("plain", 1, since=answered)
+        results[name] = {**difference(relay.quiet_totals(), before), "requests": len(lines), "protocol": lines[0][3]}
+    return results
+
+
+def of_the_loop(bench, nginx, name, pace):
+    """What each of the first checks of a loop has pass: up to its end, from the end of the one before."""
+    with Relay(nginx.ports[name]) as relay:
+        gateway = gateways.Gateway(bench, re.sub(r"\W+", "-", name), relay.port, nginx.ca_path, pace.interval)
+        answered, totals = nginx.answered(name), [{**relay.quiet_totals(), "cpu": 0}]
+        gateway.status_path.unlink()  # the first one that is seen is of the loop
+        seen = None
+        process = subprocess.Popen(gateway.loop, stdin=subprocess.DEVNULL)
+        try:
+            while len(totals) <= pace.checks:
+                assert process.poll() is None, "the daemon ended"
+                if (now := gateway.status().get("last_check_epoch")) not in (None, seen):
+                    seen = now
+                    time.sleep(0.1)  # until it waits
+                    totals.append({**relay.totals(), "cpu": usage(process.pid)["cpu"]})
+                time.sleep(0.01)
+            gateway.require_success()
+        finally:
+            process.kill()
+            process.wait()
+    lines = nginx.lines(name, pace.checks, since=answered)
+    checks = [difference(after, before) for before, after in zip(totals, totals[1:])]
+    for check, (connection, session, *_), former in zip(checks, lines, [[None], *lines]):
+        same = connection == former[0]
+        check["handshake"] = "none" if same else "resumed" if session == "r" else "full"
+    return {"pace": pace._asdict(), "checks": checks}
+
+
+def loops(bench, nginx, paces):
+    """All paces at once: next to nothing happens in them."""
+    results = {}
+
+    def watch(name):
+        results[name] = of_the_loop(bench, nginx, name, paces[name])
+
+    threads = [threading.Thread(target=watch, args=(name,)) for name in paces]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    return {name: results[name] for name in paces}  # a loop that failed has no result
+
+
+def measure(bench):
+    nginx = gateways.mirror(bench, Servers)
+    try:
+        with Relay(nginx.ports["plain"]) as relay:
+            gateway = gateways.Gateway(bench, "relayed", relay.port, nginx.ca_path)
+            wire = on_the_wire(nginx, relay, gateway)
+            counted = instructions(bench, nginx, gateway)
+        return {
+            "rounds": (rounds := 3 if bench.smoke else ROUNDS),
+            "against_curl": against_curl(bench, nginx, rounds),
+            "instructions": counted,
+            "wire": wire,
+            "loops": loops(bench, nginx, SMOKE if bench.smoke else PACES),
+        }
+    finally:
+        nginx.stop()
+
+
+TITLES = {"own": "the mirror's authority", "system": "the system's authorities and it"}
+
+
+def _cost_rows(results):
+    for name, of_name in results["against_curl"].items():
+        for who, title in (("daemon", "the daemon"), ("curl", "curl"), ("bare", "bare calls")):
+            cost = of_name["costs"][who]
+            yield f"{title}, {TITLES[name]}", of_name["authorities"], seconds(cost["cpu"]), seconds(cost["wall"])
+
+
+def _ratio_rows(results):
+    for name, of_name in results["against_curl"].items():
+        for base, title in (("curl", "curl"), ("bare", "bare calls")):
+            cpu = of_name["ratios"][base]["cpu"]
+            wall = with_spread(of_name["ratios"][base]["wall"], 3)
+            aim = (LIMIT, verdict(cpu["median"], LIMIT)) if base == "curl" else ("", "")
+            yield f"to {title}, {TITLES[name]}", with_spread(cpu, 3), wall, *aim
+
+
+# What the instructions are told of by themselves, by the beginnings of names; all else is "others".
+PLACES = {
+    "dynamic linker": ("ld-linux",),
+    "libcrypto": ("libcrypto.",),
+    "libc": ("libc.",),
+    "libssl": ("libssl.",),
+    "libcurl": ("libcurl.",),
+    "libstdc++": ("libstdc++.",),
+    "its own": ("zel_quorin_updater", "curl"),
+    "others": ("",),
+}
+
+
+def by_place(counted):
+    """The instructions of one command by those places, each counted at the first that fits."""
+    found = dict.fromkeys(PLACES, 0)
+    for name, count in counted.items():
+        found[next(place for place, names in PLACES.items() if name.startswith(names))] += count
+    return found
+
+
+def _instruction_rows(results):
+    daemon, curl = (by_place(results["instructions"][who]) for who in ("daemon", "curl"))
+    for place, ours, theirs in ((place, daemon[place], curl[place]) for place in PLACES):
+        yield place, f"{ours / 1e6:.2f}", f"{theirs / 1e6:.2f}", f"{(ours - theirs) / 1e6:+.2f}"
+    ours, theirs = sum(daemon.values()), sum(curl.values())
+    yield "all", f"{ours / 1e6:.2f}", f"{theirs / 1e6:.2f}", f"{(ours - theirs) / 1e6:+.2f}"
+
+
+def _wire_rows(results):
+    for who, title in (("daemon", "the daemon"), ("curl", "curl")):
+        wire = results["wire"][who]
+        yield title, wire["connections"], wire["requests"], f"{wire['sent']:,}", f"{wire['received']:,}"
+
+
+def _loop_rows(results):
+    for name, loop in results["loops"].items():
+        pace = loop["pace"]
+        for number, check in enumerate(loop["checks"][:3], 1):
+            times = f"{pace['interval']} / {pace['keepalive']} / {pace['session']}" if number == 1 else ""
+            title = f"{name}, first" if number == 1 else ("second", "third")[number - 2]
+            cells = (f"{check['sent']:,}", f"{check['received']:,}", f"{check['cpu'] * 1e3:.1f} ms")
+            yield title, times, check["handshake"], *cells
+
+
+def _sentence(results):
+    """What happens to the second check and all later ones, in words."""
+    words = {
+        "none": "goes over the connection that is there",
+        "resumed": "makes a connection and takes the TLS session up again",
+        "full": "makes a connection and a full handshake",
+    }
+    for name, loop in results["loops"].items():
+        kinds = {check["handshake"] for check in loop["checks"][1:]}
+        yield f"- {name}: a later check {' or '.join(words[kind] for kind in sorted(kinds))};"
+
+
+def render(results, plots):
+    wire = results["wire"]["daemon"]
+    checks = [wire, *(check for loop in results["loops"].values() for check in loop["checks"])]
+    connections = max(check["connections"] for check in checks)
+    head = ("Interval", "s: itself / connection / session", "handshake", "sent", "received", "CPU")
+    sentences = "\n".join(_sentence(results)).rstrip(";") + "."
+    told = f"""`--once` while the mirror's release is in service, against `curl --fail --silent --cacert FILE
+        -o FILE URL` for the hit INI that it looks at: {results["rounds"]} rounds, from nginx over TLS on loopback. The
+        second file of authorities is Debian's, which libcurl takes when `ca_path` is empty, with the mirror's
+        added."""
+    return f"""\
+{prose(told)}
+
+{table(("Check", "authorities", "CPU", "wall"), *_cost_rows(results))}
+{table(("The daemon", "CPU", "wall", "CPU at most", ""), *_ratio_rows(results))}
+"Bare calls" is `bench/floor.cpp` again, here just one transfer by libcurl, linked with the daemon's libraries.
+
+Instructions in user mode, in millions, as callgrind counts them with the mirror's authority alone. What the daemon
+loads and `curl` does not is libarchive and libstdc++, with the libraries that they need: see Start-up.
+
+{table(("Instructions", "the daemon", "curl", "difference"), *_instruction_rows(results))}
+### On the wire
+
+Content of TCP in bytes, without its headers, counted by a relay in between ({wire["protocol"]}):
+
+{table(("One check", "connections", "requests", "sent", "received"), *_wire_rows(results))}
+Connections of one check at most: {connections}; aimed at was one, {verdict(connections, 1)}.
+
+### Later checks of the loop
+
+The daemon keeps libcurl's handle, with its connection and its TLS session, from check to check. Both have their limits:
+nginx closes an idle connection after `keepalive_timeout` (75 s unless set) and refuses a session after
+`ssl_session_timeout` (5 min unless set), libcurl takes no connection that was idle for more than 118 s
+(CURLOPT_MAXAGE_CONN(3)). Each row counts from the end of the check before; the first has the start of the daemon in it.
+
+{table(head, *_loop_rows(results))}
+{sentences}
+
+With the defaults of both, checks at least 900 s apart, each comes after both limits. With `ssl_session_timeout 1h;` at
+the mirror it comes after the connection only. libcurl asks for no session tickets of TLS 1.2: there nginx has to
+remember sessions itself, by `ssl_session_cache shared:sessions:10m;`.
+"""

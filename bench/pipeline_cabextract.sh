@@ -1,0 +1,33 @@
+#!/bin/bash
+# An update as an administrator would script it: curl, sha256sum, cabextract, sync, ln and mv.
+set -euo pipefail
+
+readonly url=$1 ca=$2 root=$3
+readonly -a fetch=(curl --fail --silent --show-error --cacert "$ca")
+
+value_of() { # <key>, of the INI file on standard input
+    sed -n "s/^$1 *= *\([^[:cntrl:]]*\).*/\1/p"
+}
+
+check() { # <file> <SHA-256>
+    sha256sum --status --check <<<"$2  $1"
+}
+
+id=$("${fetch[@]}" "$url/antivir-v2-hit.ini" | value_of defId)
+[[ $(readlink "$root/active" || true) != "snapshots/$id" ]] || exit 0
+info=$("${fetch[@]}" "$url/antivir-v2-c-$id.ini")
+stage=$root/snapshots/$id
+mkdir -p "$stage"
+cab=$stage/$(value_of def.Current.name <<<"$info")
+"${fetch[@]}" --output "$cab" "$url/${cab##*/}"
+check "$cab" "$(value_of def.Current.SHA256 <<<"$info")"
+cabextract -q -d "$stage" "$cab"
+rm "$cab"
+for name in antivir-v2.def aivsecon-v2.def; do
+    check "$stage/$name" "$(value_of "$name.sha256" <"$stage/antivir-v2.ini")"
+done
+rm "$stage/antivir-v2.ini"
+sync "$stage"/*.def "$stage"
+ln -s "snapshots/$id" "$root/active.tmp"
+mv -T "$root/active.tmp" "$root/active"
+sync "$root"
