@@ -48,7 +48,7 @@ struct Options {
     Pair outage_s{0, 0};
     Pair bad_release_s{0, 0};
     std::vector<std::size_t> windows;  // from, to, from, to, ...
-    std::vector<std::size_t> curve;    // from, to, bin; empty for none
+    std::vector<std::size_t> curves;   // from, to, bin, from, to, bin, ...
     unsigned threads = std::max(1U, std::thread::hardware_concurrency());
 };
 
@@ -98,24 +98,23 @@ json release_of(const World& world, const History& history) {
     return result;
 }
 
-json spans_of(const std::vector<std::uint32_t>& counters, const Options& options) {
-    json result = json::array();
-    for (std::size_t i = 0; i + 1 < options.windows.size(); i += 2) {
-        const std::size_t from_s = options.windows[i];
-        const std::size_t to_s = options.windows[i + 1];
-        if (from_s >= to_s || to_s > counters.size()) {
-            throw std::invalid_argument("a window is empty or ends after the simulation");
-        }
-        result.push_back(rates(counters, from_s, to_s));
+void check_span(const std::vector<std::uint32_t>& counters, std::size_t from_s, std::size_t to_s) {
+    if (from_s >= to_s || to_s > counters.size()) {
+        throw std::invalid_argument("a span is empty or ends after the simulation");
     }
-    return result;
 }
 
 json counted(const std::vector<std::uint32_t>& counters, const Options& options) {
-    json result{{"all", rates(counters, 0, counters.size())}, {"windows", spans_of(counters, options)}};
-    if (!options.curve.empty()) {
-        const std::size_t to_s = std::min(options.curve[1], counters.size());
-        result["curve"] = curve(counters, options.curve[0], to_s, options.curve[2]);
+    json result{{"all", rates(counters, 0, counters.size())}};
+    const auto& spans = options.windows;
+    for (std::size_t i = 0; i + 1 < spans.size(); i += 2) {
+        check_span(counters, spans[i], spans[i + 1]);
+        result["windows"].push_back(rates(counters, spans[i], spans[i + 1]));
+    }
+    const auto& curves = options.curves;
+    for (std::size_t i = 0; i + 2 < curves.size(); i += 3) {
+        check_span(counters, curves[i], curves[i + 1]);
+        result["curves"].push_back(curve(counters, curves[i], curves[i + 1], std::max<std::size_t>(curves[i + 2], 1)));
     }
     return result;
 }
@@ -180,9 +179,7 @@ void add_events(CLI::App& command, Options& options) {
     command.add_option("--bad-release", options.bad_release_s, "Seconds from which to which it names a bad release");
     command.add_flag("--bad-throws", mirror.bad_throws, "Which ends checks in an exception");
     command.add_option("--windows", options.windows, "First and last second of each span to tell the rates of");
-    command.add_option("--curve", options.curve, "First second, last and seconds a bin of the curves")
-        ->expected(3)
-        ->check(CLI::NonNegativeNumber);
+    command.add_option("--curves", options.curves, "First and last second and seconds a bin of each curve");
 }
 
 int parse_and_carry_out(int argc, char** argv) {

@@ -69,9 +69,9 @@ def seconds_of_checks(history, pid, bad_span):
     clock = ["--epoch", EPOCH - 1, "--check", 2, 2, "--start-spread", 1e-6, "--days", (last + 100) / 86400]
     bad = ["--bad-throws", "--bad-release", *(time - EPOCH for time in bad_span)]
     poll = ["--interval", history.poll[0], "--jitter", history.poll[1]]
-    result = simulate("run", "--daemons", 1, "--pids", pid, pid, *poll, *clock, *bad, "--curve", 0, last + 1, 1)
+    result = simulate("run", "--daemons", 1, "--pids", pid, pid, *poll, *clock, *bad, "--curves", 0, last + 1, 1)
     # A check asks for one file when it begins and may ask for two more later.
-    return [second for second, count in enumerate(result["requests"]["curve"]["max"]) if count % 2]
+    return [second for second, count in enumerate(result["requests"]["curves"][0]["max"]) if count % 2]
 
 
 @pytest.mark.parametrize("poll", SETTINGS)
