@@ -160,9 +160,13 @@ class Fleet:
         words = (line.split() for line in lines)
         return [Request(float(w[0]), w[1], w[2] == "r", w[3], int(w[4]), w[5]) for w in words]
 
-    def whole(self):
-        """How many have just the two files of the current release in service, to the byte, and say so."""
-        return sum(self._is_whole(gateway) for gateway in self.gateways)
+    def wait_until_whole(self):
+        """Waits until all have just the two files of the current release in service, to the byte, and say so."""
+        deadline = time.monotonic() + 90
+        while lost := [gateway.folder.name for gateway in self.gateways if not self._is_whole(gateway)]:
+            assert time.monotonic() < deadline, f"{lost} have not {self.version}"
+            time.sleep(0.1)
+        return len(self.gateways)
 
     def _is_whole(self, gateway):
         status = gateway.status()
@@ -227,23 +231,33 @@ class Phase:
         self.results["requests"] += [(request.time, request.path) for request in requests]
 
 
-def measure_waits(fleet, requests):
-    """Each wait of a check that found nothing new, by nginx's log, against the simulator's for process id and time."""
+def waits_of_checks(fleet, requests):
+    """Of each check that found nothing new, the process id, the time of its answer, and the time until the next's."""
     checks = collections.defaultdict(list)
     for moment, path in requests:
         checks[int(path.split("/")[1])].append((moment, path))
-    lines, gaps = [], []
     for number, pid in enumerate(fleet.pids()):
         for (begin, path), (end, next_path) in zip(checks[number], checks[number][1:]):
             if path.endswith("-hit.ini") and next_path.endswith("-hit.ini"):
-                lines.append(f"{pid} {int(begin)} ok\n")
-                gaps.append(end - begin)
+                yield pid, begin, end - begin
+
+
+def measure_waits(fleet, requests):
+    """Each wait, by nginx's log, against the simulator's for process id and time. nginx writes the time at which it
+    answered, the daemon takes the time a moment later, when its check is over, which may be in the next second."""
+    found = list(waits_of_checks(fleet, requests))
+    lines = [f"{pid} {int(moment) + late} ok\n" for late in (0, 1) for pid, moment, _ in found]
     poll = ["--interval", str(fleet.poll[0]), "--jitter", str(fleet.poll[1])]
     command = [fleet.bench.build / "zqu_fleet_simulator", "waits", *poll]
     output = subprocess.run(command, input="".join(lines), capture_output=True, text=True, check=True).stdout
-    rests = [gap - wait for gap, wait in zip(gaps, json.loads(output))]
-    good = [rest for rest in rests if 0 <= rest < 0.5]
-    return {"waits": len(rests), "as_simulated": len(good), "rest_ms": statistics.median(good) * 1000}
+    waits = json.loads(output)
+    counts, rests = collections.Counter(), []
+    for (_, _, gap), same, later in zip(found, waits, waits[len(found) :]):
+        kind = "same" if 0 <= gap - same < 1 else "later" if 0 <= gap - later < 1 else "other"
+        counts[kind] += 1
+        if kind != "other":
+            rests.append(gap - {"same": same, "later": later}[kind])
+    return {"same": 0, "later": 0, "other": 0} | counts | {"rest_ms": statistics.median(rests) * 1000}
 
 
 def lateness_us():
@@ -251,21 +265,21 @@ def lateness_us():
     late = []
     for _ in range(50):
         begin = time.perf_counter()
-        time.sleep(0.02)
-        late.append(time.perf_counter() - begin - 0.02)
+        time.sleep(0.005)
+        late.append(time.perf_counter() - begin - 0.005)
     return statistics.median(late) * 1e6
 
 
 def measure_bulk(fleet):
     """What nginx pays for a gigabyte of archives, in seconds of CPU: a file of zeros is enciphered like any other."""
-    size = 10_000_000 if fleet.bench.smoke else 1_000_000_000
-    path = fleet.nginx.root / "bulk"
-    path.touch()
-    os.truncate(path, size)
+    size, times = (1_000_000, 2) if fleet.bench.smoke else (100_000_000, 10)
+    (fleet.nginx.root / "bulk").write_bytes(bytes(size))
     command = ["curl", "--silent", "--fail", "--cacert", fleet.nginx.ca_path, "--output", "/dev/null"]
+    url = f"{fleet.nginx.url()}/bulk?[1-{times}]"
+    subprocess.run([*command, url], check=True)  # once in vain
     begin = fleet.nginx.cpu_s()
-    subprocess.run([*command, f"{fleet.nginx.url()}/bulk"], check=True)
-    return (fleet.nginx.cpu_s() - begin) * 1e9 / size
+    subprocess.run([*command, url], check=True)
+    return (fleet.nginx.cpu_s() - begin) * 1e9 / (size * times)
 
 
 def steady(fleet, results, name, periods):
@@ -307,7 +321,7 @@ def death(fleet, results, version, down_s):
 
 
 def measure(bench):
-    poll, periods, down_s = ((1, 1), 1, 1) if bench.smoke else ((10, 5), 4, 20)
+    poll, periods, down_s = ((1, 1), 1, 0.5) if bench.smoke else ((10, 5), 4, 20)
     fleet = Fleet(bench, poll)
     results = {"daemons": len(fleet.gateways), "poll": poll, "lateness_us": lateness_us(), "requests": []}
     try:
@@ -319,19 +333,23 @@ def measure(bench):
         steady(fleet, results, "steady", periods)
         release(fleet, results, "1002")
         death(fleet, results, "1003", down_s)
-        results["whole"] = fleet.whole()
         results["memory_kib"] = [statistics.median(kib) for kib in zip(*map(memory_kib, fleet.pids()))]
         results["descriptors"] = max(len(os.listdir(f"/proc/{pid}/fd")) for pid in fleet.pids())
         fleet.nginx.restart(resumes=False)
-        time.sleep(poll[0] + poll[1])  # every daemon finds out that its session is worth nothing
+        time.sleep(sum(poll))  # every daemon finds out that its session is worth nothing
         steady(fleet, results, "full", periods - 1 or 1)
+        results["whole"] = fleet.wait_until_whole()
         results["waits"] = measure_waits(fleet, results["requests"])
         results["bulk_cpu_s"] = measure_bulk(fleet)
     finally:
         fleet.end()
-    begin = results["start"]["begin"]
-    results["requests"] = sorted(round(moment - begin, 3) for moment, _ in results["requests"])
+    seconds = collections.Counter(int(moment - results["start"]["begin"]) for moment, _ in results["requests"])
+    results["requests"] = [seconds[second] for second in range(max(seconds) + 1)]
     return results
+
+
+PHASE_HEAD = ("Phase", "lasted", "requests", "a second", "peak", "handshakes, full + resumed", "sent")
+PHASE_HEAD += ("CPU of nginx", "CPU of all daemons")
 
 
 def _phase_row(name, phase):
@@ -380,9 +398,7 @@ def _reached(updated, share):
 
 def _plot_requests(results, plots):
     figure, axes = plots.figure("Requests to the mirror", "seconds since the start", "requests in a second")
-    counts = collections.Counter(int(moment) for moment in results["requests"])
-    last = max(counts)
-    axes.plot(range(last + 1), [counts[second] for second in range(last + 1)], linewidth=1)
+    axes.plot(results["requests"], linewidth=1)
     begin = results["start"]["begin"]
     marks = {"release": results["release"]["begin"], "release, mirror dies": results["death"]["begin"]}
     marks["mirror is back"] = results["death"]["begin"] + results["death"]["back"]
@@ -407,30 +423,29 @@ def render(results, plots):
     resident, proportional = results["memory_kib"]
     errors = "\n".join(f"- {count} times `{text}`" for text, count in sorted(death["errors"].items()))
     return f"""\
-{results["daemons"]} daemons against one nginx with one worker, over TLS on loopback, all on this machine. To pass the time
-sooner, they check every {interval} s and up to {jitter - 1} s of jitter, and nginx closes a connection after a second, so
-that each check makes one of its own, as with waits of 15 minutes. Certificates are RSA of 2048 bits; an archive has
-{results["archive"]:,} bytes.
+{results["daemons"]} daemons against one nginx with one worker, over TLS on loopback, all on this machine. To pass the
+time sooner, they check every {interval} s and up to {jitter - 1} s of jitter, and nginx closes a connection after a
+second, so that each check makes one of its own, as with waits of 15 minutes. Certificates are RSA of 2048 bits; an
+archive has {results["archive"]:,} bytes.
 
-{table(("Phase", "lasted", "requests", "a second", "peak", "handshakes, full + resumed", "sent", "CPU of nginx",
-        "CPU of all daemons"), *_phase_rows(results))}
+{table(PHASE_HEAD, *_phase_rows(results))}
 {_plot_requests(results, plots)}
 One daemon holds {resident / 1024:.1f} MiB resident ({proportional / 1024:.1f} MiB when what they share is divided among
 them) and at most {results["descriptors"]} descriptors between its checks.
 
 The release reached half of them after {_reached(release, 0.5)}, 99 % after {_reached(release, 0.99)} and all after
-{_reached(release, 1)}. In the next one the mirror was killed when {death["had_it"]} had it, after {death["died"]:.1f} s,
-and came back after {death["back"]:.1f} s: half had it after {_reached(death["updated"], 0.5)}, all after
+{_reached(release, 1)}. In the next one the mirror was killed when {death["had_it"]} had it, after
+{death["died"]:.1f} s, and came back after {death["back"]:.1f} s: half had it after {_reached(death["updated"], 0.5)}, all after
 {_reached(death["updated"], 1)}. The busiest second after its return had {death["after"]["peak"]} requests. In the end
 {results["whole"]} of {results["daemons"]} had just that release in service, to the byte. What was logged besides:
 
 {errors}
 
 {_plot_reached(results, plots)}
-Of {waits["waits"]:,} waits, by nginx's log, {waits["as_simulated"]:,} were as the simulator says for the daemon's process id
-and that second; the others began so close to a second's end that the log and the daemon name different ones. A wait and
-the check after it take {waits["rest_ms"]:.1f} ms more than the schedule's whole seconds; a sleep here ends
-{results["lateness_us"]:.0f} µs late.
+Of {waits["same"] + waits["later"] + waits["other"]:,} waits, {waits["same"]:,} were what the simulator says for the
+daemon's process id and the second of the answer in nginx's log, {waits["later"]:,} for the second after that, in which
+the check ended, and {waits["other"]:,} something else. A wait and the check after it take {waits["rest_ms"]:.1f} ms
+more than the schedule's whole seconds; a sleep here ends {results["lateness_us"]:.0f} µs late.
 
 ### What a check costs a mirror
 

@@ -92,7 +92,8 @@ json reached_after(const World& world, const History& history, double share) {
 
 json release_of(const World& world, const History& history) {
     json result{{"updated", history.updated_us.size()}};
-    for (const auto& [name, share] : std::map<std::string, double>{{"50", 0.5}, {"90", 0.9}, {"99", 0.99}, {"100", 1}}) {
+    for (const auto& [name, share] :
+         std::map<std::string, double>{{"50", 0.5}, {"90", 0.9}, {"99", 0.99}, {"100", 1}}) {
         result[name] = reached_after(world, history, share);
     }
     return result;

@@ -1,27 +1,13 @@
 """The fleet's simulator, held against the real daemon: every check of a daemon's history comes in the same second."""
 
-import json
-import os
-import pathlib
-import subprocess
-
 import pytest
-from builds import REPOSITORY
-from machines import BUILD, STARTED, may_mount
+from machines import STARTED, may_mount
 from paced import EPOCH, SLICE, PacedDaemon, cycles_of, jitter
+from simulator import simulate
 
-FOLDERS = (BUILD, pathlib.Path(os.environ.get("ZQU_BENCH_DIR", REPOSITORY / "build-bench")))
-SIMULATOR = next((folder / "zqu_fleet_simulator" for folder in FOLDERS if (folder / "zqu_fleet_simulator").exists()))
 # Interval and jitter: the defaults, a wait that shrinks to nothing, a prime, mostly jitter, and nothing else.
 SETTINGS = [(900, 120), (7, 1), (601, 127), (3, 1000), (0, 61)]
 AS_PROCESS_ONE = ["unshare", "--pid", "--fork", "--kill-child"]
-
-
-def simulate(*arguments, lines=()):
-    command = [SIMULATOR, *map(str, arguments)]
-    process = subprocess.run(command, input="".join(lines), capture_output=True, text=True, timeout=60)
-    assert process.returncode == 0, process.stderr
-    return json.loads(process.stdout)
 
 
 class History:
