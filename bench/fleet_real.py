@@ -435,9 +435,10 @@ them) and at most {results["descriptors"]} descriptors between its checks.
 
 The release reached half of them after {_reached(release, 0.5)}, 99 % after {_reached(release, 0.99)} and all after
 {_reached(release, 1)}. In the next one the mirror was killed when {death["had_it"]} had it, after
-{death["died"]:.1f} s, and came back after {death["back"]:.1f} s: half had it after {_reached(death["updated"], 0.5)}, all after
-{_reached(death["updated"], 1)}. The busiest second after its return had {death["after"]["peak"]} requests. In the end
-{results["whole"]} of {results["daemons"]} had just that release in service, to the byte. What was logged besides:
+{death["died"]:.1f} s, and came back after {death["back"]:.1f} s: half had it after
+{_reached(death["updated"], 0.5)}, all after {_reached(death["updated"], 1)}. The busiest second after its return had
+{death["after"]["peak"]} requests. In the end {results["whole"]} of {results["daemons"]} had just that release in
+service, to the byte. What was logged besides:
 
 {errors}
 
