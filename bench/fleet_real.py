@@ -98,6 +98,7 @@ class Fleet:
         count = 6 if bench.smoke else min(400, int(available.split()[1]) // 2 // DAEMON_KIB)
         self.gateways = [self._gateway(number) for number in range(count)]
         self.read = 0
+        self.down = []  # from when to when nginx was
         self.published = 0.0
         self.entries = []
         self.version = ""
@@ -127,6 +128,11 @@ class Fleet:
     def start(self):
         for gateway in self.gateways:
             gateway.start()
+
+    def restart_nginx(self, resumes):
+        died = time.time()
+        self.nginx.restart(resumes)
+        self.down.append((died, time.time()))
 
     def end(self):
         for gateway in self.gateways:
@@ -232,13 +238,15 @@ class Phase:
 
 
 def waits_of_checks(fleet, requests):
-    """Of each check that found nothing new, the process id, the time of its answer, and the time until the next's."""
+    """Of each check that found nothing new, the process id, the time of its answer, and the time until the next's,
+    unless the mirror was down in between and may have missed one."""
     checks = collections.defaultdict(list)
     for moment, path in requests:
         checks[int(path.split("/")[1])].append((moment, path))
     for number, pid in enumerate(fleet.pids()):
         for (begin, path), (end, next_path) in zip(checks[number], checks[number][1:]):
-            if path.endswith("-hit.ini") and next_path.endswith("-hit.ini"):
+            missed = any(begin < back and died < end for died, back in fleet.down)
+            if path.endswith("-hit.ini") and next_path.endswith("-hit.ini") and not missed:
                 yield pid, begin, end - begin
 
 
@@ -306,6 +314,7 @@ def death(fleet, results, version, down_s):
     requests = fleet.requests()
     fleet.nginx.start()
     back = time.time()
+    fleet.down.append((died, back))
     fleet.wait_for(1)
     after = fleet.requests()
     results["requests"] += [(request.time, request.path) for request in requests + after]
@@ -335,7 +344,7 @@ def measure(bench):
         death(fleet, results, "1003", down_s)
         results["memory_kib"] = [statistics.median(kib) for kib in zip(*map(memory_kib, fleet.pids()))]
         results["descriptors"] = max(len(os.listdir(f"/proc/{pid}/fd")) for pid in fleet.pids())
-        fleet.nginx.restart(resumes=False)
+        fleet.restart_nginx(resumes=False)
         time.sleep(sum(poll))  # every daemon finds out that its session is worth nothing
         steady(fleet, results, "full", periods - 1 or 1)
         results["whole"] = fleet.wait_until_whole()

@@ -13,6 +13,7 @@ GATEWAYS = (1_000, 10_000, 100_000, 1_000_000)
 ARCHIVES_MB = (20, 200)
 INTERVAL_S, JITTER_S = 900, 120
 DAY_S = 86400
+UNITS = {"PB": 1e15, "TB": 1e12, "GB": 1e9, "MB": 1e6}
 CORE = 0.5  # the share of a core that is planned for
 LINE_GBIT = 8  # of archives, on a line of 10 Gbit/s
 PROXIES = 25  # from how many on a content delivery network is cheaper to run: a guess
@@ -39,7 +40,7 @@ def _cores(cpu_s_per_s):
 
 
 def _size(count):
-    unit, scale = next((unit, scale) for unit, scale in (("PB", 1e15), ("TB", 1e12), ("GB", 1e9)) if count >= scale)
+    unit, scale = next((unit, scale) for unit, scale in UNITS.items() if count >= scale)
     return f"{count / scale:,.1f} {unit}"
 
 

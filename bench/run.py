@@ -12,7 +12,7 @@ import tempfile
 
 HERE = pathlib.Path(__file__).resolve().parent
 REPOSITORY = HERE.parent
-SECTIONS = ["machine", "update", "memory"]
+SECTIONS = ["machine", "update", "memory", "fleet_real", "fleet_simulated"]
 INTRODUCTION = """\
 # Performance
 
