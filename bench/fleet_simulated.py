@@ -100,7 +100,7 @@ def measure_outage(simulator, arguments):
         *LATENESS,
         *["--start-spread", simulator.day],
         *shifted(arguments, begin),
-        *["--windows", *shifted(spans, begin), "--curves", begin - HOUR // 2, begin + 3 * HOUR, 10],
+        *["--windows", *shifted(spans, begin), "--curves", begin - HOUR // 2, begin + 3 * HOUR, 20],
     )
     names = ("before", "during", "minute", "hour", "later")
     kinds = ("requests", "downloads", "failed")
@@ -216,12 +216,12 @@ def _plot_neighbours(neighbours, plots):
 
 
 def _plot_outages(outages, plots):
-    figure, axes = plots.figure("The mirror fails", "minutes since", "answers in the busiest of 10 seconds")
+    figure, axes = plots.figure("The mirror fails", "minutes since", "answers in the busiest of 20 seconds")
     highest = 0
     for name, outage in outages.items():
         if "6 h" not in name:
             curve = outage["curve"]
-            axes.plot([number / 6 - 30 for number in range(len(curve))], curve, label=name, linewidth=1)
+            axes.plot([number / 3 - 30 for number in range(len(curve))], curve, label=name, linewidth=1)
             highest = max(highest, *curve)
     axes.set(ylim=(0, 1.8 * highest))  # room for the legend
     return plots.save(figure, "fleet_outage", "Requests in a second around failures of the mirror")
