@@ -85,19 +85,28 @@ def memory_kib(pid):
     return fields["Rss:"], fields["Pss:"]
 
 
+class AtomicMirror(Mirror):
+    """Puts its files into place by rename(2), as zqu-mirror does: hundreds of daemons do meet a file half written."""
+
+    def write(self, name, content):
+        super().write(f".{name}", content)
+        self.path(f".{name}").rename(self.path(name))
+
+
 class Fleet:
     """The daemons, each with a folder of its own; the path that it asks for tells which one it is."""
 
     def __init__(self, bench, poll):
         self.bench = bench
         self.nginx = FleetNginx(bench.folder)
-        self.mirror = Mirror(self.nginx.root, "defs")
+        self.mirror = AtomicMirror(self.nginx.root, "defs")
         self.size = 5_000 if bench.smoke else 500_000  # of a release, which does not compress
         self.poll = poll
         available = next(line for line in open("/proc/meminfo") if line.startswith("MemAvailable"))
         count = 6 if bench.smoke else min(400, int(available.split()[1]) // 2 // DAEMON_KIB)
         self.gateways = [self._gateway(number) for number in range(count)]
         self.read = 0
+        self.seen = []
         self.down = []  # from when to when nginx was
         self.published = 0.0
         self.entries = []
@@ -164,7 +173,9 @@ class Fleet:
             lines = log.readlines()
             self.read = log.tell()
         words = (line.split() for line in lines)
-        return [Request(float(w[0]), w[1], w[2] == "r", w[3], int(w[4]), w[5]) for w in words]
+        new = [Request(float(w[0]), w[1], w[2] == "r", w[3], int(w[4]), w[5]) for w in words]
+        self.seen += new
+        return new
 
     def wait_until_whole(self):
         """Waits until all have just the two files of the current release in service, to the byte, and say so."""
@@ -232,40 +243,41 @@ class Phase:
         }
         if self.packets:
             result["packets"] = self.packets.end()
-        requests = self.fleet.requests()
-        self.results[self.name] = result | summary(requests, seconds)
-        self.results["requests"] += [(request.time, request.path) for request in requests]
+        self.results[self.name] = result | summary(self.fleet.requests(), seconds)
 
 
-def waits_of_checks(fleet, requests):
+def waits_of_checks(fleet):
     """Of each check that found nothing new, the process id, the time of its answer, and the time until the next's,
     unless the mirror was down in between and may have missed one."""
     checks = collections.defaultdict(list)
-    for moment, path in requests:
-        checks[int(path.split("/")[1])].append((moment, path))
+    for request in fleet.seen:
+        checks[request.path.split("/")[1]].append((request.time, request.path))
     for number, pid in enumerate(fleet.pids()):
-        for (begin, path), (end, next_path) in zip(checks[number], checks[number][1:]):
+        for (begin, path), (end, next_path) in zip(checks[f"{number}"], checks[f"{number}"][1:]):
             missed = any(begin < back and died < end for died, back in fleet.down)
             if path.endswith("-hit.ini") and next_path.endswith("-hit.ini") and not missed:
                 yield pid, begin, end - begin
 
 
-def measure_waits(fleet, requests):
+def measure_waits(fleet):
     """Each wait, by nginx's log, against the simulator's for process id and time. nginx writes the time at which it
     answered, the daemon takes the time a moment later, when its check is over, which may be in the next second."""
-    found = list(waits_of_checks(fleet, requests))
+    found = list(waits_of_checks(fleet))
     lines = [f"{pid} {int(moment) + late} ok\n" for late in (0, 1) for pid, moment, _ in found]
     poll = ["--interval", str(fleet.poll[0]), "--jitter", str(fleet.poll[1])]
     command = [fleet.bench.build / "zqu_fleet_simulator", "waits", *poll]
     output = subprocess.run(command, input="".join(lines), capture_output=True, text=True, check=True).stdout
     waits = json.loads(output)
-    counts, rests = collections.Counter(), []
-    for (_, _, gap), same, later in zip(found, waits, waits[len(found) :]):
+    counts, rests, others = collections.Counter(), [], []
+    for (_, moment, gap), same, later in zip(found, waits, waits[len(found) :]):
         kind = "same" if 0 <= gap - same < 1 else "later" if 0 <= gap - later < 1 else "other"
         counts[kind] += 1
-        if kind != "other":
+        if kind == "other":
+            others.append((moment - fleet.seen[0].time, gap, same))  # for whoever wants to know why
+        else:
             rests.append(gap - {"same": same, "later": later}[kind])
-    return {"same": 0, "later": 0, "other": 0} | counts | {"rest_ms": statistics.median(rests) * 1000}
+    rest_ms = statistics.median(rests) * 1000
+    return {"same": 0, "later": 0, "other": 0} | counts | {"rest_ms": rest_ms, "others": others[:20]}
 
 
 def lateness_us():
@@ -311,13 +323,12 @@ def death(fleet, results, version, down_s):
     fleet.nginx.die()
     died = time.time()
     time.sleep(down_s)
-    requests = fleet.requests()
+    fleet.requests()
     fleet.nginx.start()
     back = time.time()
     fleet.down.append((died, back))
     fleet.wait_for(1)
     after = fleet.requests()
-    results["requests"] += [(request.time, request.path) for request in requests + after]
     results["death"] = {
         "had_it": before,
         "died": died - fleet.published,
@@ -332,7 +343,7 @@ def death(fleet, results, version, down_s):
 def measure(bench):
     poll, periods, down_s = ((1, 1), 1, 0.5) if bench.smoke else ((10, 5), 4, 20)
     fleet = Fleet(bench, poll)
-    results = {"daemons": len(fleet.gateways), "poll": poll, "lateness_us": lateness_us(), "requests": []}
+    results = {"daemons": len(fleet.gateways), "poll": poll, "lateness_us": lateness_us()}
     try:
         fleet.publish("1001")
         results["archive"] = (fleet.mirror.path("antivir-v2-1001.cab")).stat().st_size
@@ -348,11 +359,11 @@ def measure(bench):
         time.sleep(sum(poll))  # every daemon finds out that its session is worth nothing
         steady(fleet, results, "full", periods - 1 or 1)
         results["whole"] = fleet.wait_until_whole()
-        results["waits"] = measure_waits(fleet, results["requests"])
+        results["waits"] = measure_waits(fleet)
         results["bulk_cpu_s"] = measure_bulk(fleet)
     finally:
         fleet.end()
-    seconds = collections.Counter(int(moment - results["start"]["begin"]) for moment, _ in results["requests"])
+    seconds = collections.Counter(int(request.time - results["start"]["begin"]) for request in fleet.seen)
     results["requests"] = [seconds[second] for second in range(max(seconds) + 1)]
     return results
 
