@@ -261,23 +261,25 @@ def waits_of_checks(fleet):
 
 def measure_waits(fleet):
     """Each wait, by nginx's log, against the simulator's for process id and time. nginx writes the time at which it
-    answered, the daemon takes the time a moment later, when its check is over, which may be in the next second."""
+    answered. The daemon takes the time when its check is over, which may be in the next second; and time(2) is up to a
+    tick of the kernel behind, so that it may also be in the second before."""
     found = list(waits_of_checks(fleet))
-    lines = [f"{pid} {int(moment) + late} ok\n" for late in (0, 1) for pid, moment, _ in found]
+    lines = [f"{pid} {int(moment) + late} ok\n" for late in (0, 1, -1) for pid, moment, _ in found]
     poll = ["--interval", str(fleet.poll[0]), "--jitter", str(fleet.poll[1])]
     command = [fleet.bench.build / "zqu_fleet_simulator", "waits", *poll]
     output = subprocess.run(command, input="".join(lines), capture_output=True, text=True, check=True).stdout
     waits = json.loads(output)
     counts, rests, others = collections.Counter(), [], []
-    for (_, moment, gap), same, later in zip(found, waits, waits[len(found) :]):
-        kind = "same" if 0 <= gap - same < 1 else "later" if 0 <= gap - later < 1 else "other"
+    for number, (_, moment, gap) in enumerate(found):
+        candidates = zip(("same", "later", "earlier"), waits[number :: len(found)])
+        kind, rest = next(((name, gap - wait) for name, wait in candidates if 0 <= gap - wait < 1), ("other", 0))
         counts[kind] += 1
         if kind == "other":
-            others.append((moment - fleet.seen[0].time, gap, same))  # for whoever wants to know why
+            others.append((moment - fleet.seen[0].time, gap, waits[number]))  # for whoever wants to know why
         else:
-            rests.append(gap - {"same": same, "later": later}[kind])
+            rests.append(rest)
     rest_ms = statistics.median(rests) * 1000
-    return {"same": 0, "later": 0, "other": 0} | counts | {"rest_ms": rest_ms, "others": others[:20]}
+    return {"same": 0, "later": 0, "earlier": 0, "other": 0} | counts | {"rest_ms": rest_ms, "others": others[:20]}
 
 
 def lateness_us():
@@ -463,9 +465,10 @@ service, to the byte. What was logged besides:
 {errors}
 
 {_plot_reached(results, plots)}
-Of {waits["same"] + waits["later"] + waits["other"]:,} waits, {waits["same"]:,} were what the simulator says for the
+Of {sum(waits[kind] for kind in ("same", "later", "earlier", "other")):,} waits, {waits["same"]:,} were what the simulator says for the
 daemon's process id and the second of the answer in nginx's log, {waits["later"]:,} for the second after that, in which
-the check ended, and {waits["other"]:,} something else. A wait and the check after it take {waits["rest_ms"]:.1f} ms
+the check ended, {waits["earlier"]:,} for the one before, since the clock of time(2) is up to a tick of the kernel late,
+and {waits["other"]:,} something else. A wait and the check after it take {waits["rest_ms"]:.1f} ms
 more than the schedule's whole seconds; a sleep here ends {results["lateness_us"]:.0f} µs late.
 
 ### What a check costs a mirror
