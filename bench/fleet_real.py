@@ -465,10 +465,11 @@ service, to the byte. What was logged besides:
 {errors}
 
 {_plot_reached(results, plots)}
-Of {sum(waits[kind] for kind in ("same", "later", "earlier", "other")):,} waits, {waits["same"]:,} were what the simulator says for the
-daemon's process id and the second of the answer in nginx's log, {waits["later"]:,} for the second after that, in which
-the check ended, {waits["earlier"]:,} for the one before, since the clock of time(2) is up to a tick of the kernel late,
-and {waits["other"]:,} something else. A wait and the check after it take {waits["rest_ms"]:.1f} ms
+Of {sum(waits[kind] for kind in ("same", "later", "earlier", "other")):,} waits, {waits["same"]:,} were what the
+simulator says for the daemon's process id and the second of the answer in nginx's log, {waits["later"]:,} for the
+second after that, in which the check ended, {waits["earlier"]:,} for the one before, since the clock of time(2) is up
+to a tick of the kernel late, and {waits["other"]:,} something else. A wait and the check after it take
+{waits["rest_ms"]:.1f} ms
 more than the schedule's whole seconds; a sleep here ends {results["lateness_us"]:.0f} µs late.
 
 ### What a check costs a mirror
