@@ -13,7 +13,7 @@ import tempfile
 
 HERE = pathlib.Path(__file__).resolve().parent
 REPOSITORY = HERE.parent
-SECTIONS = ["machine", "update", "memory", "check", "idle", "pieces", "startup"]
+SECTIONS = ["machine", "update", "memory", "check", "idle", "pieces", "startup", "fleet_real", "fleet_simulated"]
 INTRODUCTION = """\
 # Performance
 

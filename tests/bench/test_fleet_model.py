@@ -1,0 +1,91 @@
+"""What the simulated mirror is asked, for fleets so plain that it can be told by hand; and what is computed from it."""
+
+import sys
+
+import pytest
+from builds import REPOSITORY
+from simulator import simulate
+
+sys.path.append(str(REPOSITORY / "bench"))
+import fleet_sizing  # noqa: E402  (after the path)
+
+# A hundred daemons, exactly every 900 seconds for an hour.
+PLAIN = ["--daemons", 100, "--days", 3600 / 86400, "--interval", 900, "--jitter", 0, "--start-spread", 1e-6]
+
+
+def counts(kind, *arguments):
+    """The seconds in which something of that kind happened, with how often."""
+    result = simulate("run", *PLAIN, *arguments, "--curves", 0, 3600, 1)
+    return {second: count for second, count in enumerate(result[kind]["curves"][0]["max"]) if count}
+
+
+def test_each_check_is_a_request():
+    assert counts("requests") == {0: 100, 900: 100, 1800: 100, 2700: 100}
+
+
+def test_release_costs_two_requests_more_of_each_daemon_once():
+    release = ["--release", 1000]
+    assert counts("requests", *release) == {0: 100, 900: 100, 1800: 300, 2700: 100}
+    assert counts("downloads", *release) == {1800: 100}
+    reached = simulate("run", *PLAIN, *release)["release"]
+    assert reached == {"updated": 100, "50": 800.0, "90": 800.0, "99": 800.0, "100": 800.0}
+
+
+def test_release_that_came_too_late_has_reached_nobody():
+    reached = simulate("run", *PLAIN, "--release", 2701)["release"]
+    assert reached == {"updated": 0, "50": None, "90": None, "99": None, "100": None}
+
+
+def test_refused_checks_keep_their_times():
+    outage = ["--outage", 800, 1000]
+    assert counts("requests", *outage) == {0: 100, 1800: 100, 2700: 100}
+    assert counts("failed", *outage) == {900: 100}
+
+
+@pytest.mark.parametrize(
+    "end, answered, later", [(901, 901, 1801), (902, 903, 1803), (905, 907, 1807), (963, 963, 1863), (964, None, 1927)]
+)
+def test_silent_mirror_answers_the_first_retry_after_its_return(end, answered, later):
+    outage = ["--silent", "--outage", 899, end]
+    expected = {0: 100, **({answered: 100} if answered else {}), later: 100, later + 900: 100}
+    assert counts("requests", *outage) == expected
+    assert counts("failed", *outage) == {900: 100}
+
+
+def test_release_with_a_wrong_digest_is_downloaded_by_each_check():
+    assert counts("downloads", "--bad-release", 800, 2000) == {900: 100, 1800: 100}
+
+
+def test_release_that_ends_checks_in_exceptions_is_downloaded_ever_sooner():
+    bad = ["--bad-throws", "--bad-release", 800, 2600]
+    seconds = [900, 1800, 2250, 2475, 2587]
+    assert counts("downloads", *bad) == {second: 100 for second in seconds}
+    assert counts("requests", *bad)[2587 + 112] == 100
+
+
+def test_waves_start_apart():
+    assert counts("requests", "--waves", 4, "--wave-gap", 10)[30] == 25
+
+
+def test_lateness_and_the_length_of_checks_add_up():
+    assert list(counts("requests", "--check", 2, 2, "--oversleep-us", 10_000)) == [0, 911, 1822, 2733]
+
+
+def test_percentiles_are_of_seconds():
+    rates = simulate("run", *PLAIN, "--windows", 0, 100, 0, 1000)["requests"]["windows"]
+    names = ("mean", "p50", "p99", "p999", "max", "max_at_s", "total")
+    assert [[window[name] for name in names] for window in rates] == [
+        [1.0, 0, 0, 100, 100, 0, 100],
+        [0.2, 0, 0, 100, 100, 0, 200],
+    ]
+
+
+def test_history_does_not_depend_on_the_number_of_threads():
+    fleet = ["--daemons", 1000, "--days", 1, "--pids", 1, 9999, "--check", 0, 5, "--release", 40000]
+    one, three = (simulate("run", *fleet, "--threads", threads, "--curves", 0, 86400, 60) for threads in (1, 3))
+    assert one == three
+
+
+def test_sizes_in_the_manual_follow_from_the_figures_that_are_kept():
+    expected = fleet_sizing.section(fleet_sizing.kept("fleet_real"), fleet_sizing.kept("fleet_simulated"))
+    assert expected in (REPOSITORY / "docs" / "operations.md").read_text()
