@@ -95,6 +95,8 @@ def main():
     for name in [] if options.render else options.only or SECTIONS:
         measure(name, options)
     (options.docs / "performance.md").write_text(page(options.docs))
+    if options.docs == REPOSITORY / "docs":
+        importlib.import_module("fleet_sizing").main()
 
 
 if __name__ == "__main__":
