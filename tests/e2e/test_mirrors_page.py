@@ -169,6 +169,29 @@ def test_mirror_of_the_page_serves_each_file_as_it_says(tmp_path, servers):
     assert gateway.run_once() == published("1002")
 
 
+def lifetimes_of_sessions(server, protocol):
+    """For how many seconds the server says that a session may be resumed, once for each that it hands out."""
+    command = ["openssl", "s_client", protocol, "-ign_eof", "-connect", f"127.0.0.1:{server.port}"]
+    request = "GET / HTTP/1.0\r\n\r\n"
+    process = subprocess.run(command, input=request, capture_output=True, text=True, timeout=30)
+    return {int(hint) for hint in re.findall(r"ticket lifetime hint: (\d+) ", process.stdout)}
+
+
+@pytest.mark.parametrize("protocol", ["-tls1_2", "-tls1_3"])
+def test_sessions_of_the_pages_servers_outlive_the_longest_wait(tmp_path, servers, protocol):
+    mirror = Server(tmp_path / "mirror-nginx", trustme.CA(), 0, **{"/srv/mirror": str(tmp_path)})
+    servers.append(mirror)
+    here = {
+        "/var/cache/nginx/definitions": str(tmp_path / "cache"),
+        "/etc/ssl/fleet-ca.pem": str(mirror.ca_path),
+        "https://mirror.example": mirror.url,
+    }
+    servers.append(Server(tmp_path / "proxy-nginx", trustme.CA(), 1, **here))
+    for server in servers:
+        (lifetime,) = lifetimes_of_sessions(server, protocol)
+        assert lifetime > 900 + 120
+
+
 def test_proxy_of_the_page_fetches_an_archive_once_for_all_and_sees_the_next_release(tmp_path, servers):
     place = Setting(tmp_path)
     authority = trustme.CA()
