@@ -40,8 +40,8 @@ class Site:
         for sample in SAMPLES.iterdir():
             shutil.copy(sample, units)
         (units / "mail-filter.service").write_text(FILTER)
-        # A daemon that runs has made both. Made by the first update, the latter would have the path unit start the service
-        # when there is nothing to load yet, and what is published before that has ended is left to the timer.
+        # A daemon that runs has made both. Made by the first update, the latter would have the path unit start the
+        # service when there is nothing to load yet, and what is published before that has ended is left to the timer.
         self.machine.run("mkdir", "-p", f"{DEFS}/manifest", f"{DEFS}/snapshots")
         self.machine.run("systemctl", "daemon-reload")
         self.machine.run("systemctl", "start", "mail-filter.service")
