@@ -268,10 +268,10 @@ def _difference(results):
     )
     besides = sorted(set(results["instructions"]["daemon"]) - set(results["instructions"]["curl"]))
     return f"""By medians, with the mirror's authority alone, the daemon takes
-        {daemon[0] - curl[0]:+.1f} ms of CPU against `curl`, {daemon[0] * daemon[1] - curl[0] * curl[1]:+.1f} ms of that in the kernel, with
-        {daemon[2] - curl[2]:+,.0f} page faults: memory that the kernel maps at its first use, most of all that of
-        libraries. What executes instructions in the daemon and not in `curl`: {", ".join(besides)}. What loading
-        libraries costs is under Start-up."""
+        {daemon[0] - curl[0]:+.1f} ms of CPU against `curl`, {daemon[0] * daemon[1] - curl[0] * curl[1]:+.1f} ms of that
+        in the kernel, with {daemon[2] - curl[2]:+,.0f} page faults: the kernel maps memory, that of libraries too,
+        at its first use. What executes instructions in the daemon and not in `curl`: {", ".join(besides)}. What
+        loading libraries costs is under Start-up."""
 
 
 WORDS = {

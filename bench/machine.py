@@ -31,11 +31,11 @@ def _version(package):
 
 
 def compiler(build):
-    """What compiled the daemon's main program: the first line of its version, and the options less those that name
-    folders and what belongs to this one file."""
+    """What compiled the daemon's main program: the first line of its version, and the options less warnings and those
+    that name folders and what belongs to this one file."""
     commands = json.loads((build / "compile_commands.json").read_text())
     command = next(each["command"] for each in commands if each["file"].endswith("/src/main.cpp")).split()
-    options = [word for word in command[1 : command.index("-o")] if not word.startswith(("-I", "-DZQU_"))]
+    options = [word for word in command[1 : command.index("-o")] if not word.startswith(("-I", "-W", "-DZQU_"))]
     return {"version": _output(command[0], "--version").splitlines()[0], "options": " ".join(options)}
 
 

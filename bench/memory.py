@@ -6,7 +6,7 @@ import gateways
 import releases
 from measure import peak_kib
 from mirrors import Nginx
-from text import table, verdict
+from text import prose, table, verdict
 
 TITLE = "Memory"
 SIZES = [1, 10, 100, 500, 1000, 2000]  # MB of an archive that cannot be compressed
@@ -47,12 +47,14 @@ def render(results, plots):
     axes.axhline(LIMIT_KIB / 1024, linestyle="--", color="#c94f4f", label="limit aimed at")
     plot = plots.save(figure, "memory", "Peak resident size of an update against the size of the archive")
     rows = ((f"{each['archive'] / 1e6:,.1f} MB", f"{each['peak_kib']:,} KiB") for each in updates)
+    told = f"""The largest is {peak:,} KiB: aimed at was {LIMIT_KIB:,} KiB at most, {verdict(peak, LIMIT_KIB)}. It is
+        {range_kib:,} KiB more than the smallest; flat was to mean {FLAT_KIB:,} KiB at most,
+        {verdict(range_kib, FLAT_KIB)}."""
     return f"""\
 The peak resident size of `--once` for a first update, shared libraries included, in one run of each size; the content
 cannot be compressed, so that the archive is as large as the definitions.
 
 {table(("Archive", "peak"), *rows)}
 {plot}
-The largest is {peak:,} KiB: aimed at was {LIMIT_KIB:,} KiB at most, {verdict(peak, LIMIT_KIB)}. It is {range_kib:,} KiB
-more than the smallest; flat was to mean {FLAT_KIB:,} KiB at most, {verdict(range_kib, FLAT_KIB)}.
+{prose(told)}
 """

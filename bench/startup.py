@@ -166,8 +166,8 @@ def render(results, plots):
     processes = ("Process", "CPU", "of it system", "wall", "CPU to `curl --version`")
     counts = ("Process", "libraries", "symbols bound", "relative relocations")
     loading = f"""By medians: loading the libraries, beyond what `true` takes, is
-        {(empty - true) / whole:.0%} of the CPU of that `--once`; {1e3 * (empty - less):.1f} ms of it is for libarchive and libstdc++ with the libraries that only
-        they need."""
+        {(empty - true) / whole:.0%} of the CPU of that `--once`; {1e3 * (empty - less):.1f} ms of it is
+        for libarchive and libstdc++ with the libraries that only they need."""
     bind = f"""The daemon names {results["needed"]} libraries; all others come with these. It is linked with
         `-z now`, so that its own symbols are bound before `main`; those of its libraries are bound when they are
         first called, or at the start with `LD_BIND_NOW`, which takes {with_spread(results["bound"], 2)} times the CPU
