@@ -9,7 +9,6 @@ import gateways
 from measure import in_turn, peak_kib, ratios
 from measure import run as cost_of
 from measure import spread, spreads
-from mirrors import Nginx
 from text import seconds, table, with_spread
 from update import Site
 
@@ -66,7 +65,7 @@ def sizes(daemon):
 
 
 def measure(benches, smoke):
-    nginx = gateways.mirror(benches["this"], Nginx)
+    nginx = gateways.mirror(benches["this"])
     try:
         results = {
             f"update of {size} MB": updates(benches, nginx, size, rounds)

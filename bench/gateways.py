@@ -5,6 +5,7 @@ import subprocess
 import time
 
 import releases
+import trustme
 from mirrors import Nginx
 from procfs import usage
 
@@ -82,7 +83,18 @@ class Loop:
         return self.usage()
 
 
-def mirror(bench, server=Nginx):
+class PlainNginx(Nginx):
+    """nginx with a good certificate only: each takes a key, which is not made at once."""
+
+    CERTIFICATES = ("good",)
+
+    def _make_certificates(self):
+        self.authority = trustme.CA()
+        self.authority.cert_pem.write_to_path(self.ca_path)
+        self.set_certificate(self.authority.issue_cert("localhost", "127.0.0.1"))
+
+
+def mirror(bench, server=PlainNginx):
     """A running nginx with a small release below mirror/."""
     nginx = server(bench.folder)
     releases.publish(bench, nginx.root / "mirror", SIZE)

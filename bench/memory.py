@@ -5,7 +5,6 @@ import shutil
 import gateways
 import releases
 from measure import peak_kib
-from mirrors import Nginx
 from text import prose, table, verdict
 
 TITLE = "Memory"
@@ -29,7 +28,7 @@ def update(bench, nginx, size):
 
 
 def measure(bench):
-    nginx = Nginx(bench.folder)
+    nginx = gateways.PlainNginx(bench.folder)
     try:
         return {"updates": [update(bench, nginx, size) for size in (SMOKE if bench.smoke else SIZES)]}
     finally:

@@ -10,7 +10,7 @@ import gateways
 import releases
 from machines import listing
 from measure import in_turn, ratios, run, spreads
-from mirrors import Nginx, sha256
+from mirrors import sha256
 from text import prose, seconds, table, verdict, with_spread
 
 TITLE = "A whole update"
@@ -124,7 +124,7 @@ def speed_of_libcrypto(bench):
 
 
 def measure(bench):
-    nginx = Nginx(bench.folder)
+    nginx = gateways.PlainNginx(bench.folder)
     results = {"sizes": {}, "speeds": speed_of_libcrypto(bench)}
     try:
         for size, rounds in (SMOKE if bench.smoke else SIZES).items():
@@ -240,7 +240,7 @@ def render(results, plots):
         file and log. The scripts are `bench/pipeline_openssl.sh` and `bench/pipeline_cabextract.sh`: what an
         administrator would write for the same files; pruning, status file and time-outs they leave out as well."""
     resolution = """A verdict is on the median. Where the limit lies within the quartiles, these runs cannot tell the
-        ratio from it. The ratio of instructions is the same from run to run, but leaves the kernel out."""
+        ratio from it. The ratio of instructions is all but the same from run to run, and leaves the kernel out."""
     ciphers = f"""With all instructions that libcrypto finds on this processor it digests
         {speeds["sha256 with"]:,.0f} MB/s (SHA-256) and deciphers {speeds["aes-256-gcm with"]:,.0f} MB/s (AES-256-GCM);
         with those for SHA and AES masked, {speeds["sha256 without"]:,.0f} and {speeds["aes-256-gcm without"]:,.0f}
