@@ -11,14 +11,14 @@ import time
 import callgrind
 import gateways
 import trustme
-from measure import in_turn, medians, ratios, run
+from measure import in_turn, ratios, run, spreads, system_share
 from mirrors import Nginx
-from procfs import difference, usage
+from procfs import difference
 from relay import Relay
 from text import prose, seconds, table, verdict, with_spread
 
 TITLE = "A check with nothing new"
-ROUNDS, LIMIT = 200, 1.15
+ROUNDS, LIMIT = 198, 1.15  # a multiple of the six orders of three
 SYSTEM = pathlib.Path("/etc/ssl/certs/ca-certificates.crt")
 
 # How mirror and loop may suit each other: s for which nginx keeps an idle connection and a TLS session, s between
@@ -95,14 +95,15 @@ def against_curl(bench, nginx, rounds):
     bundle.write_bytes(SYSTEM.read_bytes() + nginx.ca_path.read_bytes())
     results = {}
     for name, ca_path in (("own", nginx.ca_path), ("system", bundle)):
-        other = gateways.Gateway(bench, f"ca-{name}", nginx.ports["plain"], ca_path)
+        other = gateways.Installation(bench, f"ca-{name}", nginx.ports["plain"], ca_path)
         bare = [bench.build / "zqu_floor", ca_path, other.url]
         commands = {"daemon": other.check, "curl": other.curl(ca_path), "bare": bare}
         costs = in_turn({name: lambda c=command: run(c) for name, command in commands.items()}, rounds)
         other.require_success()
         results[name] = {
             "authorities": ca_path.read_text().count("BEGIN CERTIFICATE"),
-            "costs": medians(costs),
+            "costs": spreads(costs),
+            "system": {who: system_share(runs) for who, runs in costs.items()},
             "ratios": {
                 base: {field: ratios(costs, "daemon", base, field) for field in ("cpu", "wall")}
                 for base in ("curl", "bare")
@@ -126,7 +127,7 @@ def on_the_wire(nginx, relay, gateway):
     """What one check and one curl have pass."""
     results = {}
     for name, command in (("daemon", gateway.check), ("curl", gateway.curl(nginx.ca_path))):
-        before, answered = relay.totals(), nginx.answered("plain")
+        before, answered = relay.quiet_totals(), nginx.answered("plain")  # the one before may still be ending
         subprocess.run(command, check=True, stdin=subprocess.DEVNULL)
         lines = nginx.lines("plain", 1, since=answered)
         results[name] = {**difference(relay.quiet_totals(), before), "requests": len(lines), "protocol": lines[0][3]}
@@ -136,29 +137,23 @@ def on_the_wire(nginx, relay, gateway):
 def of_the_loop(bench, nginx, name, pace):
     """What each of the first checks of a loop has pass: up to its end, from the end of the one before."""
     with Relay(nginx.ports[name]) as relay:
-        gateway = gateways.Gateway(bench, re.sub(r"\W+", "-", name), relay.port, nginx.ca_path, pace.interval)
+        gateway = gateways.Installation(bench, re.sub(r"\W+", "-", name), relay.port, nginx.ca_path, pace.interval)
         answered, totals = nginx.answered(name), [{**relay.quiet_totals(), "cpu": 0}]
-        gateway.status_path.unlink()  # the first one that is seen is of the loop
-        seen = None
-        process = subprocess.Popen(gateway.loop, stdin=subprocess.DEVNULL)
-        try:
-            while len(totals) <= pace.checks:
-                assert process.poll() is None, "the daemon ended"
-                if (now := gateway.status().get("last_check_epoch")) not in (None, seen):
-                    seen = now
-                    time.sleep(0.1)  # until it waits
-                    totals.append({**relay.totals(), "cpu": usage(process.pid)["cpu"]})
-                time.sleep(0.01)
-            gateway.require_success()
-        finally:
-            process.kill()
-            process.wait()
-    lines = nginx.lines(name, pace.checks, since=answered)
+        with gateways.Loop(gateway) as loop:
+            for _ in range(pace.checks):
+                cpu = loop.next_check()["cpu"]
+                totals.append({**relay.totals(), "cpu": cpu})
     checks = [difference(after, before) for before, after in zip(totals, totals[1:])]
-    for check, (connection, session, *_), former in zip(checks, lines, [[None], *lines]):
-        same = connection == former[0]
-        check["handshake"] = "none" if same else "resumed" if session == "r" else "full"
+    for check, handshake in zip(checks, handshakes(nginx.lines(name, pace.checks, since=answered))):
+        check["handshake"] = handshake
     return {"pace": pace._asdict(), "checks": checks}
+
+
+def handshakes(lines):
+    """What came before each request that a server has answered to one client: none over the connection of the request
+    before, or else one that resumed a session, or a full one."""
+    for (connection, session, *_), former in zip(lines, [[None], *lines]):
+        yield "none" if connection == former[0] else "resumed" if session == "r" else "full"
 
 
 def loops(bench, nginx, paces):
@@ -180,7 +175,7 @@ def measure(bench):
     nginx = gateways.mirror(bench, Servers)
     try:
         with Relay(nginx.ports["plain"]) as relay:
-            gateway = gateways.Gateway(bench, "relayed", relay.port, nginx.ca_path)
+            gateway = gateways.Installation(bench, "relayed", relay.port, nginx.ca_path)
             wire = on_the_wire(nginx, relay, gateway)
             counted = instructions(bench, nginx, gateway)
         return {
@@ -201,7 +196,9 @@ def _cost_rows(results):
     for name, of_name in results["against_curl"].items():
         for who, title in (("daemon", "the daemon"), ("curl", "curl"), ("bare", "bare calls")):
             cost = of_name["costs"][who]
-            yield f"{title}, {TITLES[name]}", of_name["authorities"], seconds(cost["cpu"]), seconds(cost["wall"])
+            cells = (seconds(cost["cpu"]), f"{of_name['system'][who]:.0%}", seconds(cost["wall"]))
+            faults = f"{cost['faults']['median']:,.0f}"
+            yield f"{title}, {TITLES[name]}", of_name["authorities"], *cells, faults
 
 
 def _ratio_rows(results):
@@ -258,16 +255,51 @@ def _loop_rows(results):
             yield title, times, check["handshake"], *cells
 
 
-def _sentence(results):
+def _difference(results):
+    """What the daemon takes beyond curl, of it in the kernel, and what it loads besides."""
+    of_name = results["against_curl"]["own"]
+    daemon, curl = (
+        (
+            of_name["costs"][who]["cpu"]["median"] * 1e3,
+            of_name["system"][who],
+            of_name["costs"][who]["faults"]["median"],
+        )
+        for who in ("daemon", "curl")
+    )
+    besides = sorted(set(results["instructions"]["daemon"]) - set(results["instructions"]["curl"]))
+    return f"""By medians, with the mirror's authority alone, the daemon takes
+        {daemon[0] - curl[0]:+.1f} ms of CPU against `curl`, {daemon[0] * daemon[1] - curl[0] * curl[1]:+.1f} ms of that
+        in the kernel, with {daemon[2] - curl[2]:+,.0f} page faults: the kernel maps memory, that of libraries too,
+        at its first use. What executes instructions in the daemon and not in `curl`: {", ".join(besides)}. What
+        loading libraries costs is under Start-up."""
+
+
+WORDS = {
+    "none": "goes over the connection that is there",
+    "resumed": "makes a connection and takes the TLS session up again",
+    "full": "makes a connection and a full handshake",
+}
+
+
+def _later(results, name):
+    """What handshakes the second check of a pace and all later ones made."""
+    return {check["handshake"] for check in results["loops"][name]["checks"][1:]}
+
+
+def _sentences(results):
     """What happens to the second check and all later ones, in words."""
-    words = {
-        "none": "goes over the connection that is there",
-        "resumed": "makes a connection and takes the TLS session up again",
-        "full": "makes a connection and a full handshake",
-    }
-    for name, loop in results["loops"].items():
-        kinds = {check["handshake"] for check in loop["checks"][1:]}
-        yield f"- {name}: a later check {' or '.join(words[kind] for kind in sorted(kinds))};"
+    for name in results["loops"]:
+        yield f"- {name}: a later check {' or '.join(WORDS[kind] for kind in sorted(_later(results, name)))}"
+
+
+def _advice(results):
+    """What to have a mirror set, as far as the loops show that it helps."""
+    yield """With the defaults of both, checks at least 900 s apart, each comes after both limits. With
+        `ssl_session_timeout 1h;` at the mirror it comes after the connection only."""
+    plain, cached = ("the same, TLS 1.2", "the same, with a cache")
+    if cached in results["loops"] and (_later(results, plain), _later(results, cached)) == ({"full"}, {"resumed"}):
+        yield """With TLS 1.2 nginx has to remember sessions itself for that, by
+            `ssl_session_cache shared:sessions:10m;`: libcurl asks for no session tickets there."""
 
 
 def render(results, plots):
@@ -275,20 +307,22 @@ def render(results, plots):
     checks = [wire, *(check for loop in results["loops"].values() for check in loop["checks"])]
     connections = max(check["connections"] for check in checks)
     head = ("Interval", "s: itself / connection / session", "handshake", "sent", "received", "CPU")
-    sentences = "\n".join(_sentence(results)).rstrip(";") + "."
+    sentences = ";\n".join(_sentences(results)) + "."
     told = f"""`--once` while the mirror's release is in service, against `curl --fail --silent --cacert FILE
         -o FILE URL` for the hit INI that it looks at: {results["rounds"]} rounds, from nginx over TLS on loopback. The
         second file of authorities is Debian's, which libcurl takes when `ca_path` is empty, with the mirror's
         added."""
+    costs = ("Check", "authorities", "CPU", "of it system", "wall", "page faults")
     return f"""\
 {prose(told)}
 
-{table(("Check", "authorities", "CPU", "wall"), *_cost_rows(results))}
+{table(costs, *_cost_rows(results))}
 {table(("The daemon", "CPU", "wall", "CPU at most", ""), *_ratio_rows(results))}
 "Bare calls" is `bench/floor.cpp` again, here just one transfer by libcurl, linked with the daemon's libraries.
 
-Instructions in user mode, in millions, as callgrind counts them with the mirror's authority alone. What the daemon
-loads and `curl` does not is libarchive and libstdc++, with the libraries that they need: see Start-up.
+{prose(_difference(results))}
+
+Instructions in user mode, in millions, as callgrind counts them with the mirror's authority alone, in one run of each:
 
 {table(("Instructions", "the daemon", "curl", "difference"), *_instruction_rows(results))}
 ### On the wire
@@ -308,7 +342,5 @@ nginx closes an idle connection after `keepalive_timeout` (75 s unless set) and 
 {table(head, *_loop_rows(results))}
 {sentences}
 
-With the defaults of both, checks at least 900 s apart, each comes after both limits. With `ssl_session_timeout 1h;` at
-the mirror it comes after the connection only. libcurl asks for no session tickets of TLS 1.2: there nginx has to
-remember sessions itself, by `ssl_session_cache shared:sessions:10m;`.
+{prose(" ".join(_advice(results)))}
 """

@@ -6,15 +6,14 @@ import subprocess
 import tempfile
 
 import gateways
-from measure import in_turn, medians, peak_kib, ratios
+from measure import in_turn, peak_kib, ratios
 from measure import run as cost_of
-from measure import spread
-from mirrors import Nginx
+from measure import spread, spreads
 from text import seconds, table, with_spread
 from update import Site
 
-UPDATES = {20: 15, 200: 9}  # MB of definitions, and how often
-CHECKS, STARTS, PEAKS, PEAK_OF = 100, 100, 5, 20
+UPDATES = {20: 16, 200: 10}  # MB of definitions, and how often
+CHECKS, STARTS, PEAKS, PEAK_OF = 100, 100, 6, 20
 SMOKE_UPDATES = {1: 2}
 NAMES = ("this", "other")
 
@@ -22,20 +21,21 @@ NAMES = ("this", "other")
 def compared(contenders, rounds):
     """The costs of both in turn, and the ratios of this one to the other."""
     costs = in_turn(contenders, rounds)
-    return {"costs": medians(costs), "ratios": {field: ratios(costs, *NAMES, field) for field in ("cpu", "wall")}}
+    return {"costs": spreads(costs), "ratios": {field: ratios(costs, *NAMES, field) for field in ("cpu", "wall")}}
+
+
+def peak(site, name):
+    site.clear()
+    return peak_kib(site.commands[name])
 
 
 def updates(benches, nginx, size, rounds):
     """Whole updates of so many MB, and, up to some size, the peaks of their memory."""
     site = Site(benches["this"], nginx, size)
-    site.commands = {name: [bench.daemon, "--config", site.config, "--once"] for name, bench in benches.items()}
+    site.commands = {name: [bench.daemon, *site.options] for name, bench in benches.items()}
     results = compared(site.contenders(), rounds)
     if size <= PEAK_OF:
-        results["peaks"] = {name: [] for name in NAMES}
-        for _ in range(min(PEAKS, rounds)):
-            for name, command in site.commands.items():
-                site.clear()
-                results["peaks"][name].append(peak_kib(command))
+        results["peaks"] = in_turn({name: lambda n=name: peak(site, n) for name in NAMES}, min(PEAKS, rounds))
     site.clear()
     shutil.rmtree(nginx.root / f"{size}")
     return results
@@ -44,7 +44,7 @@ def updates(benches, nginx, size, rounds):
 def checks(benches, nginx, rounds):
     """Checks with nothing new, each daemon with definitions of its own."""
     sites = {
-        name: gateways.Gateway(bench, f"nothing-new-{name}", nginx.ports["good"], nginx.ca_path)
+        name: gateways.Installation(bench, f"nothing-new-{name}", nginx.ports["good"], nginx.ca_path)
         for name, bench in benches.items()
     }
     results = compared({name: lambda s=site: cost_of(s.check) for name, site in sites.items()}, rounds)
@@ -65,7 +65,7 @@ def sizes(daemon):
 
 
 def measure(benches, smoke):
-    nginx = gateways.mirror(benches["this"], Nginx)
+    nginx = gateways.mirror(benches["this"])
     try:
         results = {
             f"update of {size} MB": updates(benches, nginx, size, rounds)

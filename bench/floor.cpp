@@ -1,6 +1,8 @@
-// What an update cannot cost less than: the calls of libcurl, libcrypto and libarchive, and of the system, that one
-// update makes, in the same order and with the same values, but with no decisions, no error handling and no strings of
-// its own.
+// What an update cannot cost less than: the calls of libcurl, libcrypto and libarchive that one update makes, in the
+// same order and with the same values (tests/bench/test_floor.py), and what files and folders need to get into place
+// safely, but with no decisions, no error handling and no strings of its own. Left out are: the configuration, the
+// status file and the log; names of entries, asked for and set anew; the index, which is never read; any look at what
+// is there already, and pruning. Paths are relative.
 //
 // usage: zqu_floor CA-FILE HIT-URL COMPLETE-URL ARCHIVE-URL DEFINITIONS-ROOT ID
 //        zqu_floor CA-FILE HIT-URL
@@ -93,7 +95,7 @@ void flush(const char* path, int flags) {
 int check(const char* ca_path, const char* url) {
     curl_global_init(CURL_GLOBAL_ALL);
     CURL* curl = curl_easy_init();
-    const bool whole = transfer(curl, ca_path, url, keep, nullptr);
+    const bool whole = transfer(curl, ca_path, url, keep, answer);
     curl_easy_cleanup(curl);
     curl_global_cleanup();
     return whole ? 0 : 1;
@@ -117,8 +119,8 @@ int main(int argc, char* argv[]) {
     std::snprintf(target, sizeof target, "snapshots/%s", id);
     curl_global_init(CURL_GLOBAL_ALL);
     CURL* curl = curl_easy_init();
-    if (chdir(root) != 0 || !transfer(curl, argv[1], argv[2], keep, nullptr) ||
-        !transfer(curl, argv[1], argv[3], keep, nullptr) || mkdir("snapshots", 0777) != 0 || mkdir(target, 0777) != 0 ||
+    if (chdir(root) != 0 || !transfer(curl, argv[1], argv[2], keep, answer) ||
+        !transfer(curl, argv[1], argv[3], keep, answer) || mkdir("snapshots", 0777) != 0 || mkdir(target, 0777) != 0 ||
         chdir(target) != 0) {
         return 1;
     }

@@ -1,19 +1,19 @@
 """What the loop costs in an hour with nothing new: its waits, and its checks."""
 
-import subprocess
 import time
 
 import gateways
-from check import PACES, Servers
-from procfs import difference, usage
+from check import PACES, WORDS, Servers, handshakes
+from procfs import difference
 from text import prose, table
 
 TITLE = "The loop with nothing new"
 SECONDS, CHECKS = 60, 15
 SMOKE = (1, 1)
 PACE = "after both"  # a full handshake at every check, as with the defaults of nginx and of the loop
+HANDSHAKE, SMOKE_HANDSHAKE = "full", "none"
 SMOKE_PACE = "within both"
-DEFAULT_WAIT = 900 + 119 / 2  # s between two checks by default: the interval, and the mean of the jitter
+DEFAULT_WAIT = gateways.INTERVAL_S + (gateways.JITTER_S - 1) / 2  # s between checks: interval, and mean of the jitter
 FIELDS = {
     "cpu": "ms of CPU",
     "voluntary": "voluntary context switches",
@@ -22,66 +22,38 @@ FIELDS = {
 }
 
 
-class Loop:
-    """The daemon's loop on a gateway that has the mirror's release in service; it ends with the block."""
-
-    def __init__(self, gateway):
-        self.gateway = gateway
-        gateway.status_path.unlink()  # the first one that is seen is of the loop
-        self.checked = None
-
-    def __enter__(self):
-        self.process = subprocess.Popen(self.gateway.loop, stdin=subprocess.DEVNULL)
-        return self
-
-    def __exit__(self, *_):
-        self.process.kill()
-        self.process.wait()
-
-    def next_check(self):
-        """Waits for the end of a check; returns what the daemon has used so far."""
-        while True:
-            now = self.gateway.status().get("last_check_epoch")
-            if now not in (None, self.checked):
-                break
-            assert self.process.poll() is None, "the daemon ended"
-            time.sleep(0.01)
-        self.checked = now
-        time.sleep(0.1)  # until it waits
-        self.gateway.require_success()
-        return usage(self.process.pid)
-
-
 def waiting(bench, nginx, length):
     """What so many seconds without a check cost, after the first one."""
-    gateway = gateways.Gateway(bench, "waiting", nginx.ports["plain"], nginx.ca_path, interval=86400)
-    with Loop(gateway) as loop:
+    gateway = gateways.Installation(bench, "waiting", nginx.ports["plain"], nginx.ca_path, interval=86400)
+    with gateways.Loop(gateway) as loop:
         before, begin = loop.next_check(), time.monotonic()
         time.sleep(length)
-        return {"seconds": time.monotonic() - begin, **difference(usage(loop.process.pid), before)}
+        return {"seconds": time.monotonic() - begin, **difference(loop.usage(), before)}
 
 
-def checking(bench, nginx, count, pace):
-    """What so many checks cost, with the waits between them. The first check, which also reads the authorities, is not
-    among them."""
+def checking(bench, nginx, count, pace, handshake):
+    """What so many checks cost, with the waits between them; all have to make that kind of handshake. The first check,
+    which also reads the authorities, is not among them."""
     interval = PACES[pace].interval
-    gateway = gateways.Gateway(bench, "checking", nginx.ports[pace], nginx.ca_path, interval)
-    with Loop(gateway) as loop:
+    gateway = gateways.Installation(bench, "checking", nginx.ports[pace], nginx.ca_path, interval)
+    answered = len(nginx.lines(pace, 3))  # of the update that it began with
+    with gateways.Loop(gateway) as loop:
         before = loop.next_check()
         for _ in range(count):
             after = loop.next_check()
-        return {"checks": count, "seconds": interval * count, **difference(after, before)}
+    _, *later = handshakes(nginx.lines(pace, 1 + count, since=answered))
+    assert later == [handshake] * count, later
+    return {"checks": count, "seconds": interval * count, "handshake": handshake, **difference(after, before)}
 
 
 def measure(bench):
     seconds, checks = SMOKE if bench.smoke else (SECONDS, CHECKS)
-    pace = SMOKE_PACE if bench.smoke else PACE
+    pace, handshake = (SMOKE_PACE, SMOKE_HANDSHAKE) if bench.smoke else (PACE, HANDSHAKE)
     nginx = gateways.mirror(bench, Servers)
     try:
         return {
             "waiting": waiting(bench, nginx, seconds),
-            "checking": checking(bench, nginx, checks, pace),
-            "handshakes": "the connection that is there" if bench.smoke else "a full TLS handshake",
+            "checking": checking(bench, nginx, checks, pace, handshake),
         }
     finally:
         nginx.stop()
@@ -106,10 +78,10 @@ def render(results, plots):
     waiting, checking = results["waiting"], results["checking"]
     waits, checks = per_hour(results, "cpu")
     second = 1e6 * waiting["cpu"] / waiting["seconds"]
-    told = f"""The daemon waits in slices of a second, so that a stop signal is obeyed within one. Watched for
-        {waiting["seconds"]:.0f} s without a check, and through checks ({checking["checks"]}) with
-        {results["handshakes"]}; scaled to an hour of the default settings, {3600 / DEFAULT_WAIT:.2f} checks. A wake-up
-        follows each voluntary context switch."""
+    told = f"""The daemon waits in slices of a second, so that a stop signal is obeyed within one. Watched once, for
+        {waiting["seconds"]:.0f} s without a check and through checks ({checking["checks"]}), each of which
+        {WORDS[checking["handshake"]]}; scaled to an hour of the default settings, {3600 / DEFAULT_WAIT:.2f} checks. A
+        wake-up follows each voluntary context switch."""
     return f"""\
 {prose(told)}
 

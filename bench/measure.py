@@ -1,25 +1,15 @@
 """Runs commands and tells what they cost: the processor's time, wall time and memory, and ratios between them."""
 
-import dataclasses
+import itertools
 import os
 import statistics
 import subprocess
 import time
 
 
-@dataclasses.dataclass
-class Cost:
-    """What one run took: s of processor and wall time, and context switches."""
-
-    cpu: float
-    system: float
-    wall: float
-    voluntary: int
-    involuntary: int
-
-
 def run(command, **options):
-    """Runs the command to its end, with all processes that it waits for; it must end well. Returns its cost."""
+    """Runs the command to its end, with all processes that it waits for; it must end well. Returns what
+    that took: s of the processor, those of them in the kernel, s of wall time, and minor page faults."""
     begin = time.perf_counter()
     process = subprocess.Popen(command, stdin=subprocess.DEVNULL, **options)
     _, status, usage = os.wait4(process.pid, 0)
@@ -27,13 +17,8 @@ def run(command, **options):
     process.returncode = os.waitstatus_to_exitcode(status)
     if process.returncode != 0:
         raise subprocess.CalledProcessError(process.returncode, command)
-    return Cost(
-        cpu=usage.ru_utime + usage.ru_stime,
-        system=usage.ru_stime,
-        wall=wall,
-        voluntary=usage.ru_nvcsw,
-        involuntary=usage.ru_nivcsw,
-    )
+    cpu = usage.ru_utime + usage.ru_stime
+    return {"cpu": cpu, "system": usage.ru_stime, "wall": wall, "faults": usage.ru_minflt}
 
 
 def peak_kib(command):
@@ -43,15 +28,23 @@ def peak_kib(command):
     return int(subprocess.run(timed, stderr=subprocess.PIPE, text=True, check=True).stderr.splitlines()[-1])
 
 
+def orders(count):
+    """Orders of so many contenders, in which each has each place, and follows each other, equally often: Williams's
+    squares, as many orders as contenders, or twice as many where their number is odd."""
+    zigzag = [(place + 1) // 2 if place % 2 else -(place // 2) for place in range(count)]
+    square = [[(step + row) % count for step in zigzag] for row in range(count)]
+    return square + [row[::-1] for row in square] if count % 2 else square
+
+
 def in_turn(contenders, rounds):
     """Runs every contender once a round, in an order that changes from round to round, so that all of them meet the
-    same machine. A contender is a function that returns its cost. Returns the costs by name, one a round."""
+    same machine and each other; evenly so where the rounds are a multiple of the orders that there are. A contender is
+    a function that returns its cost, as run() does. Returns the costs by name, one a round."""
     names = list(contenders)
     costs = {name: [] for name in names}
-    for number in range(rounds):
-        turn = number % len(names)
-        for name in names[turn:] + names[:turn]:
-            costs[name].append(dataclasses.asdict(contenders[name]()))
+    for _, order in zip(range(rounds), itertools.cycle(orders(len(names)))):
+        for number in order:
+            costs[names[number]].append(contenders[names[number]]())
     return costs
 
 
@@ -64,7 +57,7 @@ def spread(values):
     return {"median": statistics.median(values), "low": low, "high": high, "count": len(values)}
 
 
-def medians(costs):
+def spreads(costs):
     """The spread of every figure of every contender."""
     return {name: {field: spread([cost[field] for cost in runs]) for field in runs[0]} for name, runs in costs.items()}
 
@@ -73,3 +66,8 @@ def ratios(costs, name, base, field):
     """How much of the base's figure a contender took: the spread of the ratios, each within one round."""
     pairs = zip(costs[name], costs[base])
     return spread([ours[field] / theirs[field] for ours, theirs in pairs])
+
+
+def system_share(runs):
+    """The part of the processor's time that the runs of one contender spent in the kernel."""
+    return sum(cost["system"] for cost in runs) / sum(cost["cpu"] for cost in runs)

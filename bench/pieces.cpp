@@ -3,7 +3,7 @@
 // usage: zqu_bench_pieces FOLDER LARGEST [options of Google Benchmark]
 //
 // Works in FOLDER, which has to be there, and leaves nothing in it. LARGEST bounds the sizes: snapshots and lines as
-// they are, files at a hundred times as many bytes.
+// they are, files at a thousand times as many bytes.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <syslog.h>

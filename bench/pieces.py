@@ -62,9 +62,9 @@ def _snapshot_rows(results):
         yield f"{int(size):,}", *costs, f"{comparisons:,.0f}", f"{share_of_times(results, size):.0%}"
 
 
-def brief(spread):
-    """A time in the unit that suits it, down to microseconds."""
-    return with_spread(spread, 1, 1e6, " µs") if spread["median"] < 1e-3 else seconds(spread)
+def brief(time_s):
+    """A time, with its spread, in the unit that suits it, down to microseconds."""
+    return with_spread(time_s, 1, 1e6, " µs") if time_s["median"] < 1e-3 else seconds(time_s)
 
 
 def _text_rows(results):

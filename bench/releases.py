@@ -1,5 +1,6 @@
 """Releases of definitions of a given size, published on a mirror by zqu-mirror."""
 
+import functools
 import random
 import subprocess
 
@@ -7,6 +8,7 @@ SUBDIR = "rhex/deffiles/def5-2"
 ID = "1001"
 
 
+@functools.cache
 def _chunk(compressible):
     """8 MiB: half of it random, half of it repeated, as signatures between their names are; or all of it random."""
     source = random.Random(20)

@@ -21,8 +21,11 @@ Measured by `scripts/bench`, which builds the programs, measures, and writes thi
 figures (`docs/performance/*.json`). `scripts/bench --only NAME` measures one section anew, `--smoke` runs everything
 with tiny sizes, `--compare REV` holds this tree against another revision.
 
-A figure is the median of its runs, with the quartiles in brackets. Whatever is compared was run in turn, in one run of
-the benchmark; each ratio is taken within one turn. "CPU" is user and system time of a command with all its children.
+A figure with brackets is the median of its runs, with the quartiles in them. Where whole processes are compared by
+ratios, all run in every turn, in orders in which each follows each equally often; each ratio is taken within one turn.
+Pieces are measured one after the other; differences are those of medians; what was measured once, as profiles, speeds
+of libcrypto, memory, the idle loop and the fleets, has no brackets. "CPU" is user and system time of a command with all
+its children.
 """
 
 
@@ -49,12 +52,12 @@ def arguments():
 
 
 def revision():
-    """The commit that was measured, with a + when the sources have changes on top."""
+    """The commit that was measured, with a + when anything but the documents has changes on top."""
     git = ["git", "-C", str(REPOSITORY)]
     head = subprocess.run([*git, "rev-parse", "--short", "HEAD"], capture_output=True, text=True)
     if head.returncode != 0:
         return "no commit"
-    changed = subprocess.run([*git, "status", "--porcelain", "src", "include", "bench"], capture_output=True).stdout
+    changed = subprocess.run([*git, "status", "--porcelain", ":/", ":!/docs"], capture_output=True).stdout
     return head.stdout.strip() + ("+" if changed else "")
 
 

@@ -7,12 +7,13 @@ import subprocess
 import time
 
 import callgrind
-from measure import in_turn, medians, ratios, run, spread
+import gateways
+from measure import in_turn, ratios, run, spreads, system_share
 from procfs import state, usage
 from text import prose, seconds, table, with_spread
 
 TITLE = "Start-up"
-ROUNDS, SMOKE = 100, 3
+ROUNDS, FIRST_ROUNDS, SMOKE = 98, 96, 3  # multiples of the 14 orders of seven, and the six of three
 LINKED = {"true": ["/bin/true"], "curl": ["curl", "--version"], "daemon": ["--help"]}
 WHOLE = {
     "true": "`true`",
@@ -28,18 +29,14 @@ FIRST = {"cat": "`cat FILE`", "curl": "`curl --config FILE`", "daemon": "the dae
 
 
 def write_config(bench):
-    """A configuration whose mirror lies on the disk and has nothing new: no network, and nothing to be logged."""
+    """A configuration whose mirror lies on the disk and has nothing new: no network, and nothing to be logged. Returns
+    what calls the daemon with it."""
     config, root, mirror = (bench.folder / name for name in ("updater.conf", "defs", "mirror"))
     for folder in (mirror, root / "snapshots" / "1001"):
         folder.mkdir(parents=True)
     (root / "active").symlink_to("snapshots/1001")
     (mirror / "antivir-v2-hit.ini").write_text("[Current]\ndefId = 1001\n")
-    text = (
-        f"mirror_base_url = file://{bench.folder}\nmirror_subdir = mirror\n"
-        f"def_root = {root}\nstatus_path = {root}/status.json\n"
-    )
-    config.write_text(text)
-    return config, text
+    return gateways.write_config(config, root, mirror_base_url=f"file://{bench.folder}", mirror_subdir="mirror")
 
 
 def linker(command, environment):
@@ -93,7 +90,7 @@ def instructions(bench):
     """Where the daemon's instructions are when it does no more than print its usage."""
     out = bench.folder / "callgrind.out"
     subprocess.run([*callgrind.prefix(out), bench.daemon, "--help"], stdout=subprocess.DEVNULL, check=True)
-    return callgrind.shares(out)
+    return callgrind.shares(callgrind.counts(out))
 
 
 def first_reads(bench, text, rounds):
@@ -105,23 +102,21 @@ def first_reads(bench, text, rounds):
         "curl": (["curl", "--disable", "--silent", "--config"], "url = file:///dev/null\n"),
         "daemon": ([bench.daemon, "--once", "--config"], text),
     }
-    runs = [{name: until_first_read(c[0], fifo, c[1]) for name, c in commands.items()} for _ in range(rounds)]
-    return {
-        name: {key: spread([each[name][key] for each in runs]) for key in ("cpu", "wall", "faults")}
-        for name in commands
-    }
+    return spreads(
+        in_turn({name: lambda c=c: until_first_read(c[0], fifo, c[1]) for name, c in commands.items()}, rounds)
+    )
 
 
 def measure(bench):
-    rounds = SMOKE if bench.smoke else ROUNDS
-    config, text = write_config(bench)
+    rounds, first_rounds = (SMOKE, SMOKE) if bench.smoke else (ROUNDS, FIRST_ROUNDS)
+    config = write_config(bench)
     commands = {
         "true": ["/bin/true"],
         "curl": ["curl", "--version"],
         "less": [bench.build / "zqu_empty_less"],
         "empty": [bench.build / "zqu_empty"],
         "help": [bench.daemon, "--help"],
-        "once": [bench.daemon, "--config", config, "--once"],
+        "once": [bench.daemon, *config, "--once"],
     }
     contenders = {name: lambda c=command: run(c, stdout=subprocess.DEVNULL) for name, command in commands.items()}
     bound = {**os.environ, **BIND_NOW}
@@ -131,15 +126,13 @@ def measure(bench):
     assert status["last_error"] == "" and status["last_success_epoch"] > 0, status
     return {
         "rounds": rounds,
-        "costs": medians(costs),
-        "system": {
-            name: sum(cost["system"] for cost in runs) / sum(cost["cpu"] for cost in runs)
-            for name, runs in costs.items()
-        },
+        "costs": spreads(costs),
+        "system": {name: system_share(runs) for name, runs in costs.items()},
         "ratios": {name: ratios(costs, name, "curl", "cpu") for name in contenders},
         "bound": ratios(costs, "bound", "help", "cpu"),
         "instructions": instructions(bench),
-        "first_reads": first_reads(bench, text, rounds),
+        "first_rounds": first_rounds,
+        "first_reads": first_reads(bench, config[-1].read_text(), first_rounds),
         "needed": len(needed(bench.daemon)),
         "linker": of_the_linker(bench),
     }
@@ -172,9 +165,9 @@ def render(results, plots):
     linker = sum(share for name, share in results["instructions"].items() if name.startswith("ld-linux"))
     processes = ("Process", "CPU", "of it system", "wall", "CPU to `curl --version`")
     counts = ("Process", "libraries", "symbols bound", "relative relocations")
-    loading = f"""Loading the libraries, beyond what `true` takes, is {(empty - true) / whole:.0%} of the CPU of that
-        `--once`; {1e3 * (empty - less):.1f} ms of it is for libarchive and libstdc++ with the libraries that only
-        they need, none of which `curl` loads."""
+    loading = f"""By medians: loading the libraries, beyond what `true` takes, is
+        {(empty - true) / whole:.0%} of the CPU of that `--once`; {1e3 * (empty - less):.1f} ms of it is
+        for libarchive and libstdc++ with the libraries that only they need."""
     bind = f"""The daemon names {results["needed"]} libraries; all others come with these. It is linked with
         `-z now`, so that its own symbols are bound before `main`; those of its libraries are bound when they are
         first called, or at the start with `LD_BIND_NOW`, which takes {with_spread(results["bound"], 2)} times the CPU
@@ -188,7 +181,8 @@ def render(results, plots):
 {table(processes, *_cost_rows(results))}
 {prose(loading)}
 
-From the start of a process until it waits for the first file of its own, a pipe that nobody has written to yet:
+From the start of a process until it waits for the first file of its own, a pipe that nobody has written to yet, in
+{results["first_rounds"]} rounds:
 
 {table(("Process", "CPU", "wall", "page faults"), *_first_rows(results))}
 ### The dynamic linker

@@ -61,10 +61,9 @@ def test_no_section_is_left_out():
     assert sections == set(run.SECTIONS) and len(run.SECTIONS) == len(sections)
 
 
-def test_comparison_of_a_build_with_itself_has_every_row():
-    process = run_bench("--compare", BUILD)
-    assert (process.returncode, process.stderr) == (0, "")
-    head, _, *rows = (line.strip("| ").split(" | ") for line in process.stdout.splitlines())
+def expect_comparison(lines):
+    """The table of a comparison in a smoke run, whole; returns its last row, the sizes of the programs."""
+    head, _, *rows = (line.strip("| ").split(" | ") for line in lines)
     assert head == ["this", "other", "this to other"]
     assert [row[0] for row in rows] == [
         *("update of 1 MB, CPU", "update of 1 MB, wall", "update of 1 MB, peak"),
@@ -73,4 +72,31 @@ def test_comparison_of_a_build_with_itself_has_every_row():
     ]
     for row in rows:
         assert len(row) == 4 and all(re.match(r"[\d,.]*\d", cell) for cell in row[1:]), row
-    assert rows[-1][1] == rows[-1][2] and rows[-1][3] == "1.000"
+    return rows[-1]
+
+
+def test_comparison_of_a_build_with_itself_has_every_row():
+    process = run_bench("--compare", BUILD)
+    assert (process.returncode, process.stderr) == (0, "")
+    size = expect_comparison(process.stdout.splitlines())
+    assert size[1] == size[2] and size[3] == "1.000"
+
+
+def run_script(*arguments):
+    command = [REPOSITORY / "scripts" / "bench", *arguments]
+    return subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=1800)
+
+
+def test_comparison_with_an_unknown_revision_is_refused():
+    process = run_script("--compare", "no-such-revision")
+    assert (process.returncode, process.stdout) == (2, "")
+    assert process.stderr == "bench: there is no revision no-such-revision\n"
+
+
+@pytest.mark.long
+def test_comparison_with_a_revision_builds_it_and_has_every_row():
+    process = run_script("--smoke", "--compare", "HEAD")
+    assert process.returncode == 0, process.stdout + process.stderr
+    told, *lines = process.stdout.splitlines()
+    assert re.fullmatch(r"bench: this tree against HEAD \([0-9a-f]{10}\)", told)
+    expect_comparison(lines)
