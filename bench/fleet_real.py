@@ -7,7 +7,6 @@ import pathlib
 import random
 import statistics
 import subprocess
-import textwrap
 import time
 
 import fleet_sizing
@@ -27,36 +26,17 @@ class FleetNginx(Nginx):
     """An nginx that closes connections after a second, as it would long before a gateway comes back in 15 minutes."""
 
     CERTIFICATES = ("good",)
+    EVENTS = "worker_connections 4096;"
+    LOG = "$msec $connection $ssl_session_reused $status $bytes_sent $uri"
     resumes = True
 
-    def _write_configuration(self):
+    def _http_lines(self):
         cache = "ssl_session_cache shared:fleet:10m; ssl_session_timeout 1h;"
         sessions = cache if self.resumes else "ssl_session_cache off; ssl_session_tickets off;"
-        temporary = " ".join(
-            f'{kind}_temp_path "{self.folder}/{kind}";' for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
-        )
-        text = f"""
-        daemon off;
-        {"user root;" if os.geteuid() == 0 else ""}
-        worker_processes 1;
-        pid "{self.folder}/nginx.pid";
-        events {{ worker_connections 4096; }}
-        http {{
-            {temporary}
-            keepalive_timeout 1s;
-            ssl_protocols TLSv1.2 TLSv1.3;
-            {sessions}
-            log_format fleet "$msec $connection $ssl_session_reused $status $bytes_sent $uri";
-            access_log "{self.folder}/access.log" fleet;
-            server {{
-                listen 127.0.0.1:{self.ports["good"]} ssl;
-                ssl_certificate "{self.folder}/good.pem";
-                ssl_certificate_key "{self.folder}/good.pem";
-                root "{self.root}";
-            }}
-        }}
-        """
-        (self.folder / "nginx.conf").write_text(textwrap.dedent(text))
+        return f"keepalive_timeout 1s; ssl_protocols TLSv1.2 TLSv1.3; {sessions}"
+
+    def _server_lines(self, _name):
+        return ""
 
     def restart(self, resumes):
         self.stop()
