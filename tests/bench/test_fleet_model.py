@@ -1,9 +1,11 @@
 """What the simulated mirror is asked, for fleets so plain that it can be told by hand; and what is computed from it."""
 
+import subprocess
 import sys
 
 import pytest
 from builds import REPOSITORY
+from machines import BUILD
 from simulator import simulate
 
 sys.path.append(str(REPOSITORY / "bench"))
@@ -61,6 +63,28 @@ def test_release_that_ends_checks_in_exceptions_is_downloaded_ever_sooner():
     seconds = [900, 1800, 2250, 2475, 2587]
     assert counts("downloads", *bad) == {second: 100 for second in seconds}
     assert counts("requests", *bad)[2587 + 112] == 100
+
+
+def test_start_over_a_day_fills_every_hour_of_it_and_no_other():
+    once_each = ["--daemons", 2400, "--days", 2, "--start-spread", 86400, "--interval", 2 * 86400, "--jitter", 0]
+    result = simulate("run", *once_each, "--curves", 0, 2 * 86400, 3600)["requests"]
+    hours = [round(3600 * mean) for mean in result["curves"][0]["mean"]]
+    assert (sum(hours), hours[24:]) == (2400, [0] * 24)
+    assert min(hours[:24]) > 60 and max(hours[:24]) < 140  # 100 ± 4 standard deviations
+
+
+@pytest.mark.parametrize(
+    "poll",
+    [
+        *(["--interval", 0, "--jitter", 0], ["--interval", 0, "--jitter", 61], ["--interval", 7, "--jitter", 1]),
+        ["--interval", 2**32 - 1, "--jitter", 2],
+    ],
+)
+def test_fleet_that_would_never_get_on_is_refused(poll):
+    command = [BUILD / "zqu_fleet_simulator", "run", "--daemons", "1", "--days", "1", *map(str, poll)]
+    process = subprocess.run(command, capture_output=True, text=True, timeout=10)
+    assert (process.returncode, process.stdout) == (1, "")
+    assert process.stderr == "zqu_fleet_simulator: neither waits nor checks need take any time\n"
 
 
 def test_waves_start_apart():
