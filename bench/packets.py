@@ -1,4 +1,4 @@
-"""Counts the packets of one TCP port on loopback; needs root."""
+"""Counts the packets of one TCP port on loopback; who is not root gets a PermissionError."""
 
 import socket
 import struct
@@ -20,7 +20,7 @@ class PacketCounter:
         self.socket.bind(("lo", ETH_P_ALL))
         self.socket.settimeout(0.2)
         self.running = True
-        self.thread = threading.Thread(target=self._run)
+        self.thread = threading.Thread(target=self._run, daemon=True)
         self.thread.start()
 
     def end(self):
