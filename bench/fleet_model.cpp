@@ -16,6 +16,7 @@ public:
     // Uniform from low to high, both included.
     std::int64_t between(std::int64_t low, std::int64_t high) {
         const auto range = static_cast<std::uint64_t>(high - low) + 1;
+        // cppcheck-suppress shiftTooManyBits ; it takes Wide for 64 bits
         return low + static_cast<std::int64_t>((Wide{next()} * range) >> 64);
     }
 

@@ -84,7 +84,7 @@ def served_by(lines):
     if lines == 1:
         return "one nginx", "all"
     if lines < PROXIES:
-        return f"{lines} caching proxies", f"{lines} archives, {lines / 60:.1f} INI/s"
+        return f"{lines} caching proxies", f"{lines} archives, {lines} INI a minute"
     return f"CDN, or {lines} proxies", "an archive and an INI a minute to each cache"
 
 
@@ -119,7 +119,7 @@ def _costs(real):
         sent = f", and {' or '.join(from_mirror)} bytes to the gateway"
     return prose(
         f"""A check takes nginx {full["nginx_cpu_s"] * 1000:.2f} ms of a core with a full handshake and
-        {resumed["nginx_cpu_s"] * 1000:.2f} ms with a resumed one, with a key of {real["key"]}{sent}. A GB of
+        {resumed["nginx_cpu_s"] * 1000:.2f} ms with a resumed one, (key: {real["key"]}){sent}. A GB of
         archives takes {real["bulk_cpu_s"]:.2f} s."""
     )
 

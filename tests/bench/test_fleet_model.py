@@ -1,5 +1,6 @@
 """What the simulated mirror is asked, for fleets so plain that it can be told by hand; and what is computed from it."""
 
+import re
 import subprocess
 import sys
 
@@ -108,6 +109,29 @@ def test_history_does_not_depend_on_the_number_of_threads():
     fleet = ["--daemons", 1000, "--days", 1, "--pids", 1, 9999, "--check", 0, 5, "--release", 40000]
     one, three = (simulate("run", *fleet, "--threads", threads, "--curves", 0, 86400, 60) for threads in (1, 3))
     assert one == three
+
+
+def test_sizes_are_of_the_default_waits():
+    waits = simulate("waits", lines=[f"1 {second} ok\n" for second in range(1000)])
+    assert (min(waits), max(waits) - min(waits) + 1) == (fleet_sizing.INTERVAL_S, fleet_sizing.JITTER_S)
+
+
+def test_busiest_second_of_a_small_fleet_is_its_own():
+    sizes = fleet_sizing.kept("fleet_simulated")["sizes"]
+    for start in ("over a day", "at once"):
+        few, *_, many = [size["peak"] for size in sizes if size["start"] == start]
+        assert few > 1.5 * many / 1000, start
+
+
+def test_sizes_without_counted_bytes_tell_none():
+    real = fleet_sizing.kept("fleet_real")
+    for phase in ("full", "steady"):
+        real[phase].pop("packets", None)
+    text = fleet_sizing.section(real, fleet_sizing.kept("fleet_simulated"))
+    assert "its bytes were not counted, for which `scripts/bench` has to be run as root." in " ".join(text.split())
+    rows = [line.split(" | ") for line in text.splitlines() if re.match(r"\| [\d,]+ \|", line)]
+    assert [row[6] for row in rows if len(row) == 9] == ["not counted"] * len(fleet_sizing.GATEWAYS)
+    assert not re.search(r"\b(nan|inf|None)\b", text)
 
 
 def test_sizes_in_the_manual_follow_from_the_figures_that_are_kept():
