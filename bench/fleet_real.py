@@ -35,6 +35,7 @@ class FleetNginx(Nginx):
 
     def __init__(self, folder, keepalive):
         self.keepalive = keepalive
+        (folder / "access.log").touch()  # nginx makes it a little later
         super().__init__(folder)
 
     def _http_lines(self):
