@@ -20,7 +20,7 @@ from text import prose, table
 
 TITLE = "A real fleet"
 DAEMON_KIB = 20 * 1024  # to be on the safe side
-MOST = 400  # their start keeps two cores busy
+MOST = 400
 LOG_FIELDS = ("time", "connection", "reused", "status", "bytes", "path")
 Request = collections.namedtuple("Request", LOG_FIELDS)
 

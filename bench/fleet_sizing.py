@@ -119,7 +119,7 @@ def _costs(real):
         sent = f", and {' or '.join(from_mirror)} bytes to the gateway"
     return prose(
         f"""A check takes nginx {full["nginx_cpu_s"] * 1000:.2f} ms of a core with a full handshake and
-        {resumed["nginx_cpu_s"] * 1000:.2f} ms with a resumed one, (key: {real["key"]}){sent}. A GB of
+        {resumed["nginx_cpu_s"] * 1000:.2f} ms with a resumed one (key: {real["key"]}){sent}. A GB of
         archives takes {real["bulk_cpu_s"]:.2f} s."""
     )
 
