@@ -1,7 +1,6 @@
 """A check that finds nothing new: against curl, its bytes, and what later checks of the loop save."""
 
 import collections
-import os
 import pathlib
 import re
 import subprocess
@@ -33,13 +32,13 @@ PACES = {
     "after libcurl's limit": Pace(600, 600, 121, 2),
 }
 SMOKE = {"within both": Pace(60, 300, 1, 2), "after the connection": Pace(1, 300, 2, 2)}
-LOG = "$server_port $connection $ssl_session_reused $status $ssl_protocol"
 
 
 class Servers(Nginx):
     """One nginx with a server for each pace, all with one certificate, which logs what became of connections."""
 
     CERTIFICATES = ("plain", *PACES)
+    LOG = "$server_port $connection $ssl_session_reused $status $ssl_protocol"
 
     def url(self, certificate="plain", host="127.0.0.1"):
         return super().url(certificate, host)
@@ -48,30 +47,17 @@ class Servers(Nginx):
         self.authority = trustme.CA()
         self.authority.cert_pem.write_to_path(self.ca_path)
         leaf = self.authority.issue_cert("localhost", "127.0.0.1")
-        leaf.private_key_and_cert_chain_pem.write_to_path(self.folder / "server.pem")
+        for name in self.CERTIFICATES:
+            leaf.private_key_and_cert_chain_pem.write_to_path(self.folder / f"{name}.pem")
 
-    def _server(self, name):
+    def _http_lines(self):
+        return "ssl_protocols TLSv1.2 TLSv1.3;"
+
+    def _server_lines(self, name):
         pace = PACES.get(name)
-        settings = ""
-        if pace:
-            settings = f"keepalive_timeout {pace.keepalive}s; ssl_session_timeout {pace.session}s; {pace.options}"
-        return f"server {{ listen 127.0.0.1:{self.ports[name]} ssl; {settings} }}"
-
-    def _write_configuration(self):
-        folders = " ".join(
-            f'{kind}_temp_path "{self.folder}/{kind}";' for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
-        )
-        lines = [
-            "daemon off; worker_processes 1; events { }",
-            "user root;" if os.geteuid() == 0 else "",
-            f'pid "{self.folder}/nginx.pid";',
-            f'http {{ {folders} log_format facts "{LOG}"; access_log "{self.folder}/access.log" facts;',
-            f'ssl_certificate "{self.folder}/server.pem"; ssl_certificate_key "{self.folder}/server.pem";',
-            f'root "{self.root}"; ssl_protocols TLSv1.2 TLSv1.3;',
-            *map(self._server, self.CERTIFICATES),
-            "}",
-        ]
-        (self.folder / "nginx.conf").write_text("\n".join(lines) + "\n")
+        if not pace:
+            return ""
+        return f"keepalive_timeout {pace.keepalive}s; ssl_session_timeout {pace.session}s; {pace.options}"
 
     def lines(self, name, count, since=0):
         """Requests that a server has answered, after the first few: connection, session, status and protocol."""

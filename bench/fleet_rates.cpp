@@ -35,7 +35,6 @@ nlohmann::json rates(const std::vector<std::uint32_t>& counters, std::size_t fro
     result["total"] = std::accumulate(values.begin(), values.end(), std::int64_t{0});
     result["mean"] = mean(counters, from_s, to_s);
     result["p50"] = percentile(values, 0.5);
-    result["p90"] = percentile(values, 0.9);
     result["p99"] = percentile(values, 0.99);
     result["p999"] = percentile(values, 0.999);
     return result;

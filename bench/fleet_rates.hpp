@@ -13,8 +13,8 @@ namespace zqu::fleet {
 [[nodiscard]] std::int64_t percentile(std::vector<std::int64_t>& values, double share);
 
 // Mean, percentiles and peak of the numbers a second from second from_s, included, to to_s, excluded, with the second
-// of the (first) peak: "from_s", "to_s", "mean", "p50", "p90", "p99", "p999", "max", "max_at_s", "total". The span is
-// not empty and lies within the counters.
+// of the (first) peak: "from_s", "to_s", "mean", "p50", "p99", "p999", "max", "max_at_s", "total". The span is not
+// empty and lies within the counters.
 [[nodiscard]] nlohmann::json rates(const std::vector<std::uint32_t>& counters, std::size_t from_s, std::size_t to_s);
 
 // The same span in bins of bin_s seconds (the last one may be shorter): "from_s", "bin_s", and for each bin the mean

@@ -7,56 +7,44 @@ import pathlib
 import random
 import statistics
 import subprocess
-import textwrap
 import time
 
 import fleet_sizing
+import procfs
 from archives import definition_names
 from machines import Gateway
 from mirrors import Mirror, Nginx, index_of
+from cryptography import x509
 from packets import PacketCounter
-from text import table
+from text import prose, table
 
 TITLE = "A real fleet"
 DAEMON_KIB = 20 * 1024  # to be on the safe side
+MOST = 400
 LOG_FIELDS = ("time", "connection", "reused", "status", "bytes", "path")
 Request = collections.namedtuple("Request", LOG_FIELDS)
 
 
 class FleetNginx(Nginx):
-    """An nginx that closes connections after a second, as it would long before a gateway comes back in 15 minutes."""
+    """An nginx that soon closes connections, as it would long before a gateway comes back in 15 minutes."""
 
     CERTIFICATES = ("good",)
+    EVENTS = "worker_connections 4096;"
+    LOG = "$msec $connection $ssl_session_reused $status $bytes_sent $uri"
     resumes = True
 
-    def _write_configuration(self):
+    def __init__(self, folder, keepalive):
+        self.keepalive = keepalive
+        (folder / "access.log").touch()  # nginx makes it a little later
+        super().__init__(folder)
+
+    def _http_lines(self):
         cache = "ssl_session_cache shared:fleet:10m; ssl_session_timeout 1h;"
         sessions = cache if self.resumes else "ssl_session_cache off; ssl_session_tickets off;"
-        temporary = " ".join(
-            f'{kind}_temp_path "{self.folder}/{kind}";' for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
-        )
-        text = f"""
-        daemon off;
-        {"user root;" if os.geteuid() == 0 else ""}
-        worker_processes 1;
-        pid "{self.folder}/nginx.pid";
-        events {{ worker_connections 4096; }}
-        http {{
-            {temporary}
-            keepalive_timeout 1s;
-            ssl_protocols TLSv1.2 TLSv1.3;
-            {sessions}
-            log_format fleet "$msec $connection $ssl_session_reused $status $bytes_sent $uri";
-            access_log "{self.folder}/access.log" fleet;
-            server {{
-                listen 127.0.0.1:{self.ports["good"]} ssl;
-                ssl_certificate "{self.folder}/good.pem";
-                ssl_certificate_key "{self.folder}/good.pem";
-                root "{self.root}";
-            }}
-        }}
-        """
-        (self.folder / "nginx.conf").write_text(textwrap.dedent(text))
+        return f"keepalive_timeout {self.keepalive}; ssl_protocols TLSv1.2 TLSv1.3; {sessions}"
+
+    def _server_lines(self, _name):
+        return ""
 
     def restart(self, resumes):
         self.stop()
@@ -71,11 +59,16 @@ class FleetNginx(Nginx):
         self.process.wait()
 
     def cpu_s(self):
-        return sum(cpu_s(pid) for pid in (self.process.pid, *self._workers()))
+        return cpu_s((self.process.pid, *self._workers()))
+
+    def key(self):
+        """The kind and the length of its key."""
+        key = x509.load_pem_x509_certificate(self.leaves["good"].cert_chain_pems[0].bytes()).public_key()
+        return f"{type(key).__name__.strip('_').removesuffix('PublicKey')}, {key.key_size} bits"
 
 
-def cpu_s(pid):
-    return int(pathlib.Path(f"/proc/{pid}/schedstat").read_text().split()[0]) / 1e9
+def cpu_s(pids):
+    return sum(procfs.usage(pid)["cpu"] for pid in pids)
 
 
 def memory_kib(pid):
@@ -98,12 +91,12 @@ class Fleet:
 
     def __init__(self, bench, poll):
         self.bench = bench
-        self.nginx = FleetNginx(bench.folder)
+        self.nginx = FleetNginx(bench.folder, "500ms" if bench.smoke else "1s")
         self.mirror = AtomicMirror(self.nginx.root, "defs")
         self.size = 5_000 if bench.smoke else 500_000  # of a release, which does not compress
         self.poll = poll
         available = next(line for line in open("/proc/meminfo") if line.startswith("MemAvailable"))
-        count = 6 if bench.smoke else min(400, int(available.split()[1]) // 2 // DAEMON_KIB)
+        count = 6 if bench.smoke else min(MOST, int(available.split()[1]) // 2 // DAEMON_KIB)
         self.gateways = [self._gateway(number) for number in range(count)]
         self.read = 0
         self.seen = []
@@ -204,7 +197,6 @@ def summary(requests, seconds):
     for request in requests:
         first.setdefault(request.connection, request)
     per_second = collections.Counter(int(request.time) for request in requests)
-    per_tenth = collections.Counter(int(request.time * 10) for request in requests)
     return {
         "seconds": seconds,
         "requests": len(requests),
@@ -214,36 +206,45 @@ def summary(requests, seconds):
         "resumed": sum(request.reused for request in first.values()),
         "bytes": sum(request.bytes for request in requests),
         "peak": max(per_second.values(), default=0),
-        "peak_tenth": max(per_tenth.values(), default=0),
     }
 
 
 class Phase:
-    """Sums up what happens while it lasts."""
+    """Sums up what happens while it lasts, with the packets if they are asked for and may be counted."""
 
     def __init__(self, fleet, results, name, counts_packets=False):
         self.fleet, self.results, self.name = fleet, results, name
-        self.packets = PacketCounter(fleet.nginx.ports["good"]) if counts_packets else None
+        self.counts_packets, self.packets = counts_packets, None
 
     def __enter__(self):
         self.fleet.requests()
         self.nginx = self.fleet.nginx.cpu_s()
-        self.daemons = sum(map(cpu_s, self.fleet.pids())) if self.fleet.gateways[0].daemons else 0
+        self.daemons = cpu_s(self.fleet.pids()) if self.fleet.gateways[0].daemons else 0
         self.begin = time.time()
+        if self.counts_packets:
+            self.packets = packet_counter(self.fleet.nginx.ports["good"])
         return self
 
     def __exit__(self, kind, _value, _trace):
+        packets = self.packets and self.packets.end()
         if kind is not None:
             return
         seconds = time.time() - self.begin
-        result = {
+        self.results[self.name] = {
             "begin": self.begin,
-            "daemons_cpu_s": sum(map(cpu_s, self.fleet.pids())) - self.daemons,
+            "daemons_cpu_s": cpu_s(self.fleet.pids()) - self.daemons,
             "nginx_cpu_s": self.fleet.nginx.cpu_s() - self.nginx,
+            **({"packets": packets} if packets else {}),
+            **summary(self.fleet.requests(), seconds),
         }
-        if self.packets:
-            result["packets"] = self.packets.end()
-        self.results[self.name] = result | summary(self.fleet.requests(), seconds)
+
+
+def packet_counter(port):
+    """None for who may not count."""
+    try:
+        return PacketCounter(port)
+    except PermissionError:
+        return None
 
 
 def waits_of_checks(fleet):
@@ -304,9 +305,13 @@ def measure_bulk(fleet):
     return (fleet.nginx.cpu_s() - begin) * 1e9 / (size * times)
 
 
-def steady(fleet, results, name, periods):
-    with Phase(fleet, results, name, counts_packets=os.geteuid() == 0):
+def steady(fleet, results, name, periods, handshakes):
+    """Checks with nothing new, each of which makes a handshake of that kind."""
+    with Phase(fleet, results, name, counts_packets=True):
         time.sleep(periods * (fleet.poll[0] + (fleet.poll[1] - 1) / 2))
+    phase = results[name]
+    made = {kind: phase[kind] for kind in ("full", "resumed")}
+    assert phase["checks"] and made == {"full": 0, "resumed": 0, handshakes: phase["checks"]}, f"{name}: {phase}"
 
 
 def release(fleet, results, version):
@@ -336,7 +341,6 @@ def death(fleet, results, version, down_s):
         "died": died - fleet.published,
         "back": back - fleet.published,
         "updated": fleet.updated(),
-        "errors": fleet.log_lines(),
         "after": summary(after, time.time() - back),
         "begin": fleet.published,
     }
@@ -345,22 +349,24 @@ def death(fleet, results, version, down_s):
 def measure(bench):
     poll, periods, down_s = ((1, 1), 1, 0.5) if bench.smoke else ((10, 5), 4, 20)
     fleet = Fleet(bench, poll)
-    results = {"daemons": len(fleet.gateways), "poll": poll, "lateness_us": lateness_us()}
+    results = {"daemons": len(fleet.gateways), "cores": os.cpu_count(), "key": fleet.nginx.key(), "poll": poll}
+    results["lateness_us"] = lateness_us()
     try:
         fleet.publish("1001")
         results["archive"] = (fleet.mirror.path("antivir-v2-1001.cab")).stat().st_size
         with Phase(fleet, results, "start"):
             fleet.start()
             fleet.wait_for(1)
-        steady(fleet, results, "steady", periods)
+        steady(fleet, results, "steady", periods, "resumed")
         release(fleet, results, "1002")
         death(fleet, results, "1003", down_s)
         results["memory_kib"] = [statistics.median(kib) for kib in zip(*map(memory_kib, fleet.pids()))]
         results["descriptors"] = max(len(os.listdir(f"/proc/{pid}/fd")) for pid in fleet.pids())
         fleet.restart_nginx(resumes=False)
         time.sleep(sum(poll))  # every daemon finds out that its session is worth nothing
-        steady(fleet, results, "full", periods - 1 or 1)
+        steady(fleet, results, "full", periods - 1 or 1, "full")
         results["whole"] = fleet.wait_until_whole()
+        results["errors"] = fleet.log_lines()
         results["waits"] = measure_waits(fleet)
         results["bulk_cpu_s"] = measure_bulk(fleet)
     finally:
@@ -405,12 +411,12 @@ def _check_rows(results):
     for name, title in (("full", "full"), ("steady", "resumed")):
         phase = results[name]
         costs = fleet_sizing.costs_of_check(phase)
-        bytes_of = costs["bytes"] or {"to_mirror": 0, "from_mirror": 0, "packets": 0}
+        names = ("from_mirror", "to_mirror", "packets")
         yield (
             title,
             f"{costs['nginx_cpu_s'] * 1000:.2f} ms",
             f"{phase['daemons_cpu_s'] / phase['checks'] * 1000:.2f} ms",
-            *(f"{bytes_of[key]:,.0f}" for key in ("from_mirror", "to_mirror", "packets")),
+            *((f"{costs['bytes'][key]:,.0f}" for key in names) if costs["bytes"] else ["not counted"] * 3),
         )
 
 
@@ -439,43 +445,81 @@ def _plot_reached(results, plots):
     return plots.save(figure, "fleet_real_reached", "Share of the daemons that have a release, by time")
 
 
-def render(results, plots):
+def _setting(results):
     interval, jitter = results["poll"]
-    release, death, waits = results["release"]["updated"], results["death"], results["waits"]
-    resident, proportional = results["memory_kib"]
-    errors = "\n".join(f"- {count} times `{text}`" for text, count in sorted(death["errors"].items()))
+    start = results["start"]
+    busy = (start["daemons_cpu_s"] + start["nginx_cpu_s"]) / (start["seconds"] * results["cores"])
+    return prose(
+        f"""{results["daemons"]} daemons against one nginx with one worker, over TLS on loopback, all on this machine.
+        At most {MOST} are run, and no more than half of the memory holds, lest the machine be what is measured: until
+        all had the first release, they and nginx used {busy:.0%} of the time of {results["cores"]} cores. To pass the
+        time sooner, they check every {interval} s and up to {jitter - 1} s of jitter, and nginx closes a connection
+        after a second, so that each check makes one of its own, as with waits of 15 minutes. Each has
+        `http_timeout_s` = 60, and logs into a file by a preloaded library. The certificate's key is
+        {results["key"]}; an archive has {results["archive"]:,} bytes."""
+    )
+
+
+def _spread_of_releases(results):
+    release, death = results["release"]["updated"], results["death"]
+    return prose(
+        f"""The release reached half of them after {_reached(release, 0.5)}, 99 % after {_reached(release, 0.99)} and
+        all after {_reached(release, 1)}. In the next one the mirror was killed when {death["had_it"]} had it, after
+        {death["died"]:.1f} s, and came back after {death["back"]:.1f} s: half had it after
+        {_reached(death["updated"], 0.5)}, all after {_reached(death["updated"], 1)}. The busiest second after its
+        return had {death["after"]["peak"]} requests. At the end of the run, {results["whole"]} of
+        {results["daemons"]} had just that release in service, to the byte."""
+    )
+
+
+def _waits(results):
+    waits = results["waits"]
+    return prose(
+        f"""Of {sum(waits[kind] for kind in ("same", "later", "earlier", "other")):,} waits, {waits["same"]:,} were
+        what the simulator says for the daemon's process id and the second of the answer in nginx's log,
+        {waits["later"]:,} for the second after that, in which the check ended, {waits["earlier"]:,} for the one before,
+        since the clock of time(2) is up to a tick of the kernel late, and {waits["other"]:,} something else. A wait and
+        the check after it take {waits["rest_ms"]:.1f} ms more than the schedule's whole seconds; a sleep here ends
+        {results["lateness_us"]:.0f} µs late."""
+    )
+
+
+def _memory(results):
+    resident, proportional = (kib / 1024 for kib in results["memory_kib"])
+    return prose(
+        f"""One daemon holds {resident:.1f} MiB resident ({proportional:.1f} MiB when what they share is divided among
+        them) and at most {results["descriptors"]} descriptors between its checks."""
+    )
+
+
+def _what_costs(results):
+    counted = "Bytes are of IP packets on loopback, whose packets are larger than those of a network."
+    if "packets" not in results["full"]:
+        counted = "Bytes were not counted, for which `scripts/bench` has to be run as root."
+    return prose(f"Of nginx and of the daemon, for each check with nothing new. {counted}")
+
+
+def render(results, plots):
+    errors = "\n".join(f"- {count} times `{text}`" for text, count in sorted(results["errors"].items()))
     return f"""\
-{results["daemons"]} daemons against one nginx with one worker, over TLS on loopback, all on this machine. To pass the
-time sooner, they check every {interval} s and up to {jitter - 1} s of jitter, and nginx closes a connection after a
-second, so that each check makes one of its own, as with waits of 15 minutes. Certificates are RSA of 2048 bits; an
-archive has {results["archive"]:,} bytes.
+{_setting(results)}
 
 {table(PHASE_HEAD, *_phase_rows(results))}
 {_plot_requests(results, plots)}
-One daemon holds {resident / 1024:.1f} MiB resident ({proportional / 1024:.1f} MiB when what they share is divided among
-them) and at most {results["descriptors"]} descriptors between its checks.
+{_memory(results)}
 
-The release reached half of them after {_reached(release, 0.5)}, 99 % after {_reached(release, 0.99)} and all after
-{_reached(release, 1)}. In the next one the mirror was killed when {death["had_it"]} had it, after
-{death["died"]:.1f} s, and came back after {death["back"]:.1f} s: half had it after
-{_reached(death["updated"], 0.5)}, all after {_reached(death["updated"], 1)}. The busiest second after its return had
-{death["after"]["peak"]} requests. In the end {results["whole"]} of {results["daemons"]} had just that release in
-service, to the byte. What was logged besides:
+{_spread_of_releases(results)}
 
-{errors}
+Errors and warnings that were logged, over the whole run:
+
+{errors or "- none"}
 
 {_plot_reached(results, plots)}
-Of {sum(waits[kind] for kind in ("same", "later", "earlier", "other")):,} waits, {waits["same"]:,} were what the
-simulator says for the daemon's process id and the second of the answer in nginx's log, {waits["later"]:,} for the
-second after that, in which the check ended, {waits["earlier"]:,} for the one before, since the clock of time(2) is up
-to a tick of the kernel late, and {waits["other"]:,} something else. A wait and the check after it take
-{waits["rest_ms"]:.1f} ms
-more than the schedule's whole seconds; a sleep here ends {results["lateness_us"]:.0f} µs late.
+{_waits(results)}
 
 ### What a check costs a mirror
 
-Of nginx and of the daemon, for each check with nothing new; bytes are of IP packets on loopback, whose packets are
-larger than those of a network.
+{_what_costs(results)}
 
 {table(("Handshake", "CPU of nginx", "CPU of the daemon", "bytes from nginx", "bytes to nginx", "packets"),
        *_check_rows(results))}

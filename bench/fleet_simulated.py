@@ -3,7 +3,8 @@
 import json
 import subprocess
 
-from text import table
+from fleet_sizing import GATEWAYS, peak_to_mean
+from text import prose, table
 
 TITLE = "A simulated fleet"
 HOUR, DAY = 3600, 86400
@@ -18,15 +19,18 @@ STARTS = {
     "over a day": [*OWN, *LATENESS, "--start-spread", DAY],
     "10 waves, an hour apart": [*OWN, *LATENESS, "--waves", 10, "--wave-gap", HOUR],
     "at once, jitter 119": [*OWN, *LATENESS, "--jitter", 119],
+    "at once, jitter 901": [*OWN, *LATENESS, "--jitter", 901],
     "all process 1, at once, never late": [*ONE],
     "all process 1, at once": [*ONE, *LATENESS],
     "all process 1, 10 waves": [*ONE, *LATENESS, "--waves", 10, "--wave-gap", HOUR],
     "all process 1, over a day": [*ONE, *LATENESS, "--start-spread", DAY],
     "all process 1, at once, jitter 119": [*ONE, *LATENESS, "--jitter", 119],
+    "all process 1, at once, jitter 901": [*ONE, *LATENESS, "--jitter", 901],
     "all process 1, over a day, jitter 119": [*ONE, *LATENESS, "--start-spread", DAY, "--jitter", 119],
 }
 SHOWN = ("at once", "at once, jitter 119", "all process 1, at once", "all process 1, over a day", "over a day")
-INTERVALS, JITTERS = (300, 900, 1800, 3600), (0, 60, 119, 120, "half", "all")
+INTERVALS, JITTERS = (300, 900, 1800, 3600), (0, 60, 119, 120, "half", "interval", "interval + 1")
+COMPARED = (119, 120, "interval", "interval + 1")
 NEIGHBOURS = range(90, 151)
 OUTAGES = {
     "refuses connections for 1 h": ["--outage", 0, HOUR],
@@ -52,7 +56,7 @@ class Simulator:
         return json.loads(output)
 
 
-def measure_start(simulator, name, arguments):
+def measure_start(simulator, name, arguments, daemons=None):
     day = simulator.day
     end = 7 * day
     result = simulator.run(
@@ -60,6 +64,7 @@ def measure_start(simulator, name, arguments):
         *arguments,
         *["--release", 7 * day // 2],
         *["--windows", 0, min(HOUR, day), end - day, end, "--curves", 0, end, HOUR, end - HOUR, end, 5],
+        daemons=daemons,
     )
     requests, downloads = result["requests"], result["downloads"]["all"]
     first, last = requests["windows"]
@@ -67,21 +72,37 @@ def measure_start(simulator, name, arguments):
     return {"first": first, "last": last, "release": result["release"], "downloads": downloads["max"], **curves}
 
 
-def measure_setting(simulator, interval, jitter, daemons=None):
+def measure_sizes(simulator, starts):
+    """What fleets of the sizes that mirrors are planned for come to, each by itself: the fewer they are, the more the
+    busiest second stands out."""
+    for start in ("over a day", "at once"):
+        for gateways in GATEWAYS:
+            if gateways < simulator.daemons:
+                measured = measure_start(simulator, "", STARTS[start], gateways)
+            else:
+                measured = starts[start]
+            peaks = {"peak": measured["last"]["max"], "archives": measured["downloads"]}
+            yield {"start": start, "gateways": gateways, **peaks}
+
+
+def measure_setting(simulator, interval, jitter, daemons=None, pids=OWN):
     """The second of two days after a start at once, with a release at its end."""
     day = simulator.day
     last = ["--release", 2 * day, "--windows", day, 2 * day]
     poll = ["--interval", interval, "--jitter", jitter]
-    result = simulator.run(2 * day + 2.5 * HOUR, *OWN, *LATENESS, *poll, *last, daemons=daemons)
+    result = simulator.run(2 * day + 2.5 * HOUR, *pids, *LATENESS, *poll, *last, daemons=daemons)
     rates = result["requests"]["windows"][0]
     return {"interval": interval, "jitter": jitter, "rates": rates, "release": result["release"]}
 
 
-def measure_settings(simulator):
+def jitter_of(name, interval):
+    return {"half": interval // 2, "interval": interval, "interval + 1": interval + 1}.get(name, name)
+
+
+def measure_settings(simulator, jitters, pids):
     for interval in INTERVALS:
-        for jitter in JITTERS:
-            seconds = {"half": interval // 2, "all": interval}.get(jitter, jitter)
-            yield measure_setting(simulator, interval, seconds)
+        for name in jitters:
+            yield measure_setting(simulator, interval, jitter_of(name, interval), pids=pids)
 
 
 def shifted(arguments, begin):
@@ -111,10 +132,13 @@ def measure_outage(simulator, arguments):
 def measure(bench):
     simulator = Simulator(bench)
     neighbours = range(118, 121) if bench.smoke else NEIGHBOURS
+    starts = {name: measure_start(simulator, name, arguments) for name, arguments in STARTS.items()}
     return {
         "daemons": simulator.daemons,
-        "starts": {name: measure_start(simulator, name, arguments) for name, arguments in STARTS.items()},
-        "settings": list(measure_settings(simulator)),
+        "starts": starts,
+        "sizes": list(measure_sizes(simulator, starts)),
+        "settings": list(measure_settings(simulator, JITTERS, OWN)),
+        "settings_one": list(measure_settings(simulator, COMPARED, ONE)),
         "neighbours": [measure_setting(simulator, 900, jitter, simulator.daemons // 10) for jitter in neighbours],
         "outages": {name: measure_outage(simulator, arguments) for name, arguments in OUTAGES.items()},
     }
@@ -148,7 +172,7 @@ def _start_rows(starts):
             name,
             _rate(start["first"], "max"),
             *(_rate(last, key) for key in ("mean", "p50", "p99", "p999", "max")),
-            f"{last['max'] / last['mean']:.1f}",
+            f"{peak_to_mean(last):.1f}",
         )
 
 
@@ -164,9 +188,22 @@ def _setting_rows(settings):
         yield (
             f"{setting['interval']}, {setting['jitter']}",
             *(_rate(rates, key) for key in ("mean", "p50", "p99", "max")),
-            f"{rates['max'] / rates['mean']:.1f}",
+            f"{peak_to_mean(rates):.2f}",
             *(_minutes(release[share]) for share in ("50", "99", "100")),
         )
+
+
+def _compared_rows(results):
+    for interval in INTERVALS:
+        wanted = [jitter_of(name, interval) for name in COMPARED]
+        ratios = {
+            kind: {s["jitter"]: peak_to_mean(s["rates"]) for s in results[kind] if s["interval"] == interval}
+            for kind in ("settings", "settings_one")
+        }
+        cells = (f"{ratios[kind][jitter]:,.2f}" for kind in ratios for jitter in wanted)
+        own = ratios["settings"]
+        best = min(own, key=own.get)
+        yield f"{interval}", *cells, f"{own[best]:.2f} ({best})"
 
 
 def _outage_rows(outages):
@@ -210,7 +247,7 @@ def _plot_neighbours(neighbours, plots):
     figure, axes = plots.figure("Peak to mean, interval 900", "poll_jitter_s", "peak / mean")
     for odd, label in ((1, "odd"), (0, "even")):
         chosen = [setting for setting in neighbours if setting["jitter"] % 2 == odd]
-        ratios = [setting["rates"]["max"] / setting["rates"]["mean"] for setting in chosen]
+        ratios = [peak_to_mean(setting["rates"]) for setting in chosen]
         axes.plot([setting["jitter"] for setting in chosen], ratios, "o", label=label)
     return plots.save(figure, "fleet_jitter", "Peak to mean of the requests a day after a start at once, by the jitter")
 
@@ -234,13 +271,42 @@ def _defaults_orbits():
     return f"{len(values)} of 120 values, in {len(orbits)} cycles, whose means are {', '.join(map(str, means))} s"
 
 
+def _of_seconds(rates):
+    median, mean = _rate(rates, "p50"), _rate(rates, "mean")
+    return f"the median second sees {median} requests, the busiest {_rate(rates, 'max')}, at a mean of {mean}"
+
+
+def _assumptions(results):
+    return prose(
+        f"""{results["daemons"]:,} daemons with the default `poll_interval_s` of 900 and `poll_jitter_s` of 120 where
+        nothing else is said. The schedule is the loop's, second by second (`tests/bench/test_fleet_schedule.py`).
+        Assumed besides: a check takes 20 to 120 ms, each second of a wait ends 60 µs late, the clock that the jitter
+        follows is never behind (time(2) is, by up to a tick of the kernel), process ids are uniform from 300 to 32767,
+        no daemon is ever restarted, and the mirror answers everyone at once, however many ask: what is counted is what
+        it has to serve. An overloaded mirror would delay the answers, which spreads the checks that follow."""
+    )
+
+
+def _reasons(starts):
+    """Why the default jitter does not spread a fleet."""
+    together = f"""The time at the end of a wait holds that wait's jitter: the next one is twice the last plus the
+        interval, modulo `poll_jitter_s`. With the defaults, and checks that end in the second in which they begin, that
+        leaves {_defaults_orbits()}: no gateway gains on another. A week after a start at once
+        {_of_seconds(starts["at once"]["last"])}."""
+    one = f"""Where all have one process id, as in containers, the clock alone decides. Of those that started over a
+        day, a week later {_of_seconds(starts["all process 1, over a day"]["last"])}."""
+    first = f"""2654435761 mod 120 is {2654435761 % 120}: with the defaults the jitter is (process id + time) mod 120,
+        so that two machines whose process ids are the same modulo 120 and which start in the same second check in the
+        same second, until one of them is late by enough to see the clock's next second."""
+    return "\n".join(prose(f"- {text}").replace("\n", "\n  ") for text in (first, together, one))
+
+
+COMPARED_HEAD = ("`poll_interval_s`", *map(str, COMPARED), *(f"{name}, one id" for name in COMPARED), "least")
+
+
 def render(results, plots):
     return f"""\
-{results["daemons"]:,} daemons with the default `poll_interval_s` of 900 and `poll_jitter_s` of 120 where nothing else
-is said. The schedule is the loop's, second by second (`tests/bench/test_fleet_schedule.py`). Assumed besides: a check
-takes 20 to 120 ms, each second of a wait ends 60 µs late, process ids are uniform from 300 to 32767, no daemon is ever
-restarted, and the mirror answers everyone at once, however many ask: what is counted is what it has to serve. An
-overloaded mirror would delay the answers, which spreads the checks that follow.
+{_assumptions(results)}
 
 ### How the fleet started, a week later
 
@@ -251,19 +317,10 @@ Requests in a second, on the last of seven days; the first column is the first h
 {_plot_end(results["starts"], plots)}
 The jitter is (process id × 2654435761 + time) mod `poll_jitter_s`, taken when a check ends. Three things follow:
 
-- 2654435761 mod 120 is {2654435761 % 120}: with the defaults the jitter is (process id + time) mod 120, so that two
-  machines whose process ids are the same modulo 120 and which start in the same second check in the same second, until
-  one of them is late by enough to see the clock's next second.
-- The time at the end of a wait holds that wait's jitter: the next one is twice the last plus the interval, modulo
-  `poll_jitter_s`. With the defaults, and checks that end in the second in which they begin, that leaves
-  {_defaults_orbits()}: no gateway gains on
-  another. What started together stays together, for a week at least: most seconds see no request, and the others many
-  times the mean.
-- Where all have one process id, as in containers, the clock alone decides, and the loop draws even those together that
-  started over a day: but for the few that are late just then, they check in one second of eight.
+{_reasons(results["starts"])}
 
 With an odd `poll_jitter_s` the doubling never loses a value, and multiplies each second of lateness instead of
-swallowing it. Other intervals have other cycles: the table below shows 119 spread no better than 120 with 1800 s.
+swallowing it. How soon that spreads a fleet depends on the interval and on the size of the jitter:
 
 ### What the two keys buy
 
@@ -271,6 +328,10 @@ On the second day after a start at once, and minutes until a release has reached
 
 {table(("`poll_interval_s`, `poll_jitter_s`", "mean", "p50", "p99", "peak", "peak / mean", "50 %", "99 %", "100 %"),
        *_setting_rows(results["settings"]))}
+Peak / mean of the same by `poll_jitter_s`, then where all have one process id, and the least of the table above with
+its jitter:
+
+{table(COMPARED_HEAD, *_compared_rows(results))}
 {_plot_neighbours(results["neighbours"], plots)}
 ### A release
 
@@ -282,9 +343,10 @@ busiest second.
 
 A fleet that started over a day, two days later. A failed check is no exception: it waits as long as any other, so a
 mirror that refuses connections is met by the same checks as before, and none is made up for. A silent one is asked
-again by TCP, after 1, 3, 7, 15, 31 and 63 s, and given up after 127 s. A release that cannot be used is downloaded
-again by each check; if it ends the check in an exception, the waits shrink to an eighth.
+again by TCP, after 1, 3, 7, 15, 31 and 63 s, and given up after 127 s, as by Linux before 6.5 (Debian 12 has 6.1);
+later ones ask more often at first. A release that cannot be used is downloaded again by each check; if it ends the
+check in an exception, the waits shrink to an eighth.
 
 {table(("The mirror", "peak before", "requests/s", "failed/s", "archives/s", "peak, first minute", "peak, first hour",
-        "archives/s, peak", "peak, 6 h later"), *_outage_rows(results["outages"]))}
+        "archives/s, peak", "peak, next 6 h"), *_outage_rows(results["outages"]))}
 {_plot_outages(results["outages"], plots)}"""

@@ -60,6 +60,15 @@ Span span_of(const Pair& seconds) {
     return {microseconds(seconds.first), microseconds(seconds.second)};
 }
 
+// A wait may shrink to an eighth or wrap around to nothing: with checks that take no time either, no time would pass.
+void require_progress(const World& world) {
+    const Poll& poll = world.poll;
+    const bool waits = poll.interval_s >= 8 && poll.interval_s + std::uint64_t{poll.jitter_s} <= UINT32_MAX;
+    if (!waits && world.check_high_us < 1) {
+        throw std::invalid_argument("neither waits nor checks need take any time");
+    }
+}
+
 World world_of(const Options& options) {
     World world = options.world;
     world.duration_us = microseconds(options.days * 86400);
@@ -76,6 +85,7 @@ World world_of(const Options& options) {
     if (world.pid_low > world.pid_high || world.check_low_us > world.check_high_us || world.start_spread_us < 1) {
         throw std::invalid_argument("a range is empty");
     }
+    require_progress(world);
     return world;
 }
 

@@ -1,9 +1,12 @@
 """What the simulated mirror is asked, for fleets so plain that it can be told by hand; and what is computed from it."""
 
+import re
+import subprocess
 import sys
 
 import pytest
 from builds import REPOSITORY
+from machines import BUILD
 from simulator import simulate
 
 sys.path.append(str(REPOSITORY / "bench"))
@@ -63,6 +66,28 @@ def test_release_that_ends_checks_in_exceptions_is_downloaded_ever_sooner():
     assert counts("requests", *bad)[2587 + 112] == 100
 
 
+def test_start_over_a_day_fills_every_hour_of_it_and_no_other():
+    once_each = ["--daemons", 2400, "--days", 2, "--start-spread", 86400, "--interval", 2 * 86400, "--jitter", 0]
+    result = simulate("run", *once_each, "--curves", 0, 2 * 86400, 3600)["requests"]
+    hours = [round(3600 * mean) for mean in result["curves"][0]["mean"]]
+    assert (sum(hours), hours[24:]) == (2400, [0] * 24)
+    assert min(hours[:24]) > 60 and max(hours[:24]) < 140  # 100 ± 4 standard deviations
+
+
+@pytest.mark.parametrize(
+    "poll",
+    [
+        *(["--interval", 0, "--jitter", 0], ["--interval", 0, "--jitter", 61], ["--interval", 7, "--jitter", 1]),
+        ["--interval", 2**32 - 1, "--jitter", 2],
+    ],
+)
+def test_fleet_that_would_never_get_on_is_refused(poll):
+    command = [BUILD / "zqu_fleet_simulator", "run", "--daemons", "1", "--days", "1", *map(str, poll)]
+    process = subprocess.run(command, capture_output=True, text=True, timeout=10)
+    assert (process.returncode, process.stdout) == (1, "")
+    assert process.stderr == "zqu_fleet_simulator: neither waits nor checks need take any time\n"
+
+
 def test_waves_start_apart():
     assert counts("requests", "--waves", 4, "--wave-gap", 10)[30] == 25
 
@@ -84,6 +109,29 @@ def test_history_does_not_depend_on_the_number_of_threads():
     fleet = ["--daemons", 1000, "--days", 1, "--pids", 1, 9999, "--check", 0, 5, "--release", 40000]
     one, three = (simulate("run", *fleet, "--threads", threads, "--curves", 0, 86400, 60) for threads in (1, 3))
     assert one == three
+
+
+def test_sizes_are_of_the_default_waits():
+    waits = simulate("waits", lines=[f"1 {second} ok\n" for second in range(1000)])
+    assert (min(waits), max(waits) - min(waits) + 1) == (fleet_sizing.INTERVAL_S, fleet_sizing.JITTER_S)
+
+
+def test_busiest_second_of_a_small_fleet_is_its_own():
+    sizes = fleet_sizing.kept("fleet_simulated")["sizes"]
+    for start in ("over a day", "at once"):
+        few, *_, many = [size["peak"] for size in sizes if size["start"] == start]
+        assert few > 1.5 * many / 1000, start
+
+
+def test_sizes_without_counted_bytes_tell_none():
+    real = fleet_sizing.kept("fleet_real")
+    for phase in ("full", "steady"):
+        real[phase].pop("packets", None)
+    text = fleet_sizing.section(real, fleet_sizing.kept("fleet_simulated"))
+    assert "its bytes were not counted, for which `scripts/bench` has to be run as root." in " ".join(text.split())
+    rows = [line.split(" | ") for line in text.splitlines() if re.match(r"\| [\d,]+ \|", line)]
+    assert [row[6] for row in rows if len(row) == 9] == ["not counted"] * len(fleet_sizing.GATEWAYS)
+    assert not re.search(r"\b(nan|inf|None)\b", text)
 
 
 def test_sizes_in_the_manual_follow_from_the_figures_that_are_kept():

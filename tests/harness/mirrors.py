@@ -79,6 +79,8 @@ class Nginx:
     """nginx over TLS on free loopback ports, with good and with bad certificates."""
 
     CERTIFICATES = ("good", "wrong_host", "expired", "unknown_authority")
+    EVENTS = ""  # lines of nginx.conf's block "events"
+    LOG = "$uri $status"
 
     def __init__(self, folder):
         self.folder = folder
@@ -155,18 +157,25 @@ class Nginx:
         for name, leaf in self.leaves.items():
             leaf.private_key_and_cert_chain_pem.write_to_path(self.folder / f"{name}.pem")
 
-    def _write_configuration(self):
-        servers = "".join(
-            f"""
+    def _http_lines(self):
+        """Lines of nginx.conf's block "http"."""
+        return "keepalive_timeout 2s;"
+
+    def _server_lines(self, _name):
+        """Lines of the block "server" that shows that certificate."""
+        return "location /moved/ { rewrite ^/moved/(.*)$ /$1 redirect; }"
+
+    def _server(self, name):
+        return f"""
             server {{
-                listen 127.0.0.1:{port} ssl;
+                listen 127.0.0.1:{self.ports[name]} ssl;
                 ssl_certificate "{self.folder}/{name}.pem";
                 ssl_certificate_key "{self.folder}/{name}.pem";
                 root "{self.root}";
-                location /moved/ {{ rewrite ^/moved/(.*)$ /$1 redirect; }}
+                {self._server_lines(name)}
             }}"""
-            for name, port in self.ports.items()
-        )
+
+    def _write_configuration(self):
         temporary = "\n            ".join(
             f'{kind}_temp_path "{self.folder}/{kind}";' for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
         )
@@ -175,13 +184,13 @@ class Nginx:
         {"user root;" if os.geteuid() == 0 else ""}
         worker_processes 1;
         pid "{self.folder}/nginx.pid";
-        events {{ }}
+        events {{ {self.EVENTS} }}
         http {{
             {temporary}
-            keepalive_timeout 2s;
-            log_format plain "$uri $status";
-            access_log "{self.folder}/access.log" plain;
-            {servers}
+            log_format harness "{self.LOG}";
+            access_log "{self.folder}/access.log" harness;
+            {self._http_lines()}
+            {"".join(map(self._server, self.CERTIFICATES))}
         }}
         """
         (self.folder / "nginx.conf").write_text(textwrap.dedent(text))
