@@ -125,4 +125,9 @@ def main():
 
 
 if __name__ == "__main__":
-    main()
+    try:
+        main()
+    except subprocess.CalledProcessError as failed:
+        if failed.stderr:  # was captured
+            sys.stderr.write(failed.stderr if isinstance(failed.stderr, str) else failed.stderr.decode())
+        raise

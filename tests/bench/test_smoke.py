@@ -128,6 +128,14 @@ def test_folder_that_cannot_be_written_is_refused_before_anything_is_measured(tm
     assert (process.returncode, process.stdout, process.stderr) == (1, "", said)
 
 
+def test_what_a_failed_program_says_is_told(tmp_path):
+    (tmp_path / "zqu_bench_pieces").symlink_to("/bin/cat")
+    process = run_bench("--docs", tmp_path, "--only", "pieces", "--build", tmp_path)
+    assert (process.returncode, process.stdout) == (1, "bench: pieces\n")
+    assert f"{tmp_path}/zqu_bench_pieces: unrecognized option '--benchmark_repetitions=2'\n" in process.stderr
+    assert not (tmp_path / "performance.md").exists()
+
+
 @pytest.mark.parametrize(
     ("kept", "wrong"),
     [
