@@ -1,14 +1,13 @@
 """One daemon against another, in turn: whole updates, checks with nothing new, start-up, memory and size."""
 
-import pathlib
 import shutil
 import subprocess
-import tempfile
 
 import gateways
 from measure import in_turn, peak_kib, ratios
 from measure import run as cost_of
 from measure import spread, spreads
+from scratch import scratch
 from text import seconds, table, with_spread
 from update import Site
 
@@ -101,5 +100,5 @@ def run_in(bench_class, options, folder):
 
 def run(bench_class, options):
     """Holds the daemon of one build against that of another, and prints a table; writes nothing else."""
-    with tempfile.TemporaryDirectory(prefix="zqu-bench-", dir="/var/tmp") as folder:
-        run_in(bench_class, options, pathlib.Path(folder))
+    with scratch() as folder:
+        run_in(bench_class, options, folder)

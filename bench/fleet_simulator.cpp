@@ -35,6 +35,8 @@ using zqu::fleet::World;
 
 using Pair = std::pair<double, double>;
 
+constexpr double longest_days = 366;
+
 // Times as the command line gives them, in seconds, and what to print.
 struct Options {
     World world;
@@ -52,7 +54,11 @@ struct Options {
     unsigned threads = std::max(1U, std::thread::hardware_concurrency());
 };
 
+// Throws for what is no time within the longest simulation; NaN is none either.
 std::int64_t microseconds(double seconds) {
+    if (!(seconds >= 0 && seconds <= longest_days * 86400)) {
+        throw std::invalid_argument("a time is negative or beyond the longest simulation");
+    }
     return std::llround(seconds * static_cast<double>(second_us));
 }
 
@@ -82,7 +88,9 @@ World world_of(const Options& options) {
     world.mirror.release_us = options.release_s < 0 ? -1 : microseconds(options.release_s);
     world.mirror.outage = span_of(options.outage_s);
     world.mirror.bad_release = span_of(options.bad_release_s);
-    if (world.pid_low > world.pid_high || world.check_low_us > world.check_high_us || world.start_spread_us < 1) {
+    const auto& [outage, bad] = std::pair(world.mirror.outage, world.mirror.bad_release);
+    if (world.pid_low > world.pid_high || world.check_low_us > world.check_high_us || world.start_spread_us < 1 ||
+        outage.from_us > outage.to_us || bad.from_us > bad.to_us) {
         throw std::invalid_argument("a range is empty");
     }
     require_progress(world);
@@ -115,6 +123,17 @@ void check_span(const std::vector<std::uint32_t>& counters, std::size_t from_s, 
     }
 }
 
+void require_whole(const std::vector<std::size_t>& numbers, std::size_t of_each, const char* option) {
+    if (numbers.size() % of_each != 0) {
+        throw std::invalid_argument(std::string(option) + " takes " + std::to_string(of_each) + " numbers for each");
+    }
+}
+
+// At least a second, and no more than there are.
+std::size_t bin_of(std::size_t seconds, const std::vector<std::uint32_t>& counters) {
+    return std::clamp<std::size_t>(seconds, 1, counters.size());
+}
+
 json counted(const std::vector<std::uint32_t>& counters, const Options& options) {
     json result{{"all", rates(counters, 0, counters.size())}};
     const auto& spans = options.windows;
@@ -125,13 +144,21 @@ json counted(const std::vector<std::uint32_t>& counters, const Options& options)
     const auto& curves = options.curves;
     for (std::size_t i = 0; i + 2 < curves.size(); i += 3) {
         check_span(counters, curves[i], curves[i + 1]);
-        result["curves"].push_back(curve(counters, curves[i], curves[i + 1], std::max<std::size_t>(curves[i + 2], 1)));
+        result["curves"].push_back(curve(counters, curves[i], curves[i + 1], bin_of(curves[i + 2], counters)));
     }
     return result;
 }
 
+void print(const json& result) {
+    if (std::puts(result.dump().c_str()) == EOF || std::fflush(stdout) != 0) {
+        throw std::runtime_error("the result cannot be printed");
+    }
+}
+
 void run(const Options& options) {
     const World world = world_of(options);
+    require_whole(options.windows, 2, "--windows");
+    require_whole(options.curves, 3, "--curves");
     const History history = simulate(world, options.threads);
     json result{{"daemons", world.daemons}, {"seconds", history.requests.size()}};
     result["requests"] = counted(history.requests, options);
@@ -140,7 +167,7 @@ void run(const Options& options) {
     if (world.mirror.release_us >= 0) {
         result["release"] = release_of(world, history);
     }
-    std::printf("%s\n", result.dump().c_str());
+    print(result);
 }
 
 // Reads lines "<process id> <clock at the check's end> ok|exception" and prints the waits that follow, in their order.
@@ -158,7 +185,7 @@ void print_waits(const Poll& poll) {
         Schedule& schedule = daemons.try_emplace(pid, poll, pid).first->second;
         waits.push_back(schedule.wait_after(outcome == "exception", now));
     }
-    std::printf("%s\n", waits.dump().c_str());
+    print(waits);
 }
 
 void add_poll(CLI::App& command, Poll& poll) {
@@ -169,15 +196,18 @@ void add_poll(CLI::App& command, Poll& poll) {
 void add_fleet(CLI::App& command, Options& options) {
     World& world = options.world;
     command.add_option("--daemons", world.daemons, "How many")->required()->check(CLI::Range(1U, 100000000U));
-    command.add_option("--days", options.days, "How long")->required()->check(CLI::Range(0.0001, 366.0));
-    command.add_option("--epoch", world.epoch_s, "The daemons' clock at the start")->capture_default_str();
+    command.add_option("--days", options.days, "How long")->required()->check(CLI::Range(0.0001, longest_days));
+    command.add_option("--epoch", world.epoch_s, "The daemons' clock at the start")
+        ->capture_default_str()
+        ->check(CLI::Range(std::int64_t{0}, std::int64_t{UINT32_MAX}));
     command.add_option("--pids", options.pids, "Range of the process ids")->capture_default_str();
     command.add_option("--start-spread", options.start_spread_s, "Seconds over which a wave starts");
-    command.add_option("--waves", world.waves, "Waves in which the daemons start")->check(CLI::Range(1U, 1000000U));
+    command.add_option("--waves", world.waves, "Waves in which the daemons start")->check(CLI::Range(1U, 100000U));
     command.add_option("--wave-gap", options.wave_gap_s, "Seconds from wave to wave");
     command.add_option("--check", options.check_s, "Range of the seconds that a check takes");
     command.add_option("--download", options.download_s, "Seconds more for one that downloads");
-    command.add_option("--oversleep-us", world.oversleep_us, "Microseconds more for each second of a wait");
+    command.add_option("--oversleep-us", world.oversleep_us, "Microseconds more for each second of a wait")
+        ->check(CLI::Range(std::int64_t{0}, second_us));
     command.add_option("--seed", world.seed, "Another one gives another fleet")->capture_default_str();
     command.add_option("--threads", options.threads, "Threads to compute with")->check(CLI::Range(1U, 1024U));
 }

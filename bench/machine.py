@@ -26,6 +26,12 @@ def _field(path, name):
     return next((value.strip() for key, _, value in lines if key.strip() == name), "unknown")
 
 
+def file_system(folder):
+    """Its kind; no mount point is known of what a chroot(2) shows."""
+    command = ["findmnt", "--noheadings", "--output", "FSTYPE", "--target", folder]
+    return subprocess.run(command, capture_output=True, text=True).stdout.strip() or "unknown"
+
+
 def _version(package):
     return _output("dpkg-query", "--show", "--showformat", "${Version}", package)
 
@@ -48,7 +54,7 @@ def measure(bench):
         "instructions": [flag for flag in ("sha_ni", "aes", "vaes", "avx2", "avx512f") if flag in flags],
         "kernel": re.match(r"\d+(\.\d+)*", platform.release())[0],
         "system": platform.freedesktop_os_release()["PRETTY_NAME"],
-        "file_system": _output("findmnt", "--noheadings", "--output", "FSTYPE", "--target", str(bench.folder)),
+        "file_system": file_system(bench.folder),
         "packages": {name: _version(name) for name in PACKAGES},
         "compiler": compiler(bench.build),
         "log_daemon": pathlib.Path("/dev/log").exists(),

@@ -11,6 +11,8 @@ import subprocess
 import sys
 import tempfile
 
+from scratch import scratch
+
 HERE = pathlib.Path(__file__).resolve().parent
 REPOSITORY = HERE.parent
 SECTIONS = ["machine", "update", "memory", "check", "idle", "pieces", "startup", "fleet_real", "fleet_simulated"]
@@ -64,12 +66,34 @@ def revision():
 def measure(name, options):
     module = importlib.import_module(name)
     print(f"bench: {name}", flush=True)
-    with tempfile.TemporaryDirectory(prefix="zqu-bench-", dir="/var/tmp") as folder:
-        results = module.measure(Bench(options.build.resolve(), pathlib.Path(folder), options.smoke))
+    with scratch() as folder:
+        results = module.measure(Bench(options.build.resolve(), folder, options.smoke))
     kept = {"date": f"{datetime.date.today()}", "revision": revision(), "smoke": options.smoke, "results": results}
     path = options.docs / "performance" / f"{name}.json"
-    path.parent.mkdir(parents=True, exist_ok=True)
     path.write_text(json.dumps(kept, indent=1) + "\n")
+
+
+def require_writable(folder):
+    """Ends the run before anything is measured that could not be kept."""
+    try:
+        folder.mkdir(parents=True, exist_ok=True)
+        tempfile.TemporaryFile(dir=folder).close()
+    except OSError as error:
+        sys.exit(f"bench: nothing can be kept in {folder}: {error.strerror}")
+
+
+def told(name, path, plots):
+    """A section of the page from what is kept of it."""
+    module = importlib.import_module(name)
+    try:
+        kept = json.loads(path.read_text())
+        text = f"## {module.TITLE}\n\n{module.render(kept['results'], plots)}"
+        return text, f"`scripts/bench --only {name}`, {kept['date']}, commit {kept['revision']}.\n"
+    except (ValueError, LookupError, TypeError, AttributeError) as error:
+        wrong = f"{type(error).__name__}: {error}"
+        sys.exit(
+            f"bench: {path} is damaged, or of another revision ({wrong}): scripts/bench --only {name} measures it anew"
+        )
 
 
 def page(docs):
@@ -81,10 +105,7 @@ def page(docs):
     for name in SECTIONS:
         path = docs / "performance" / f"{name}.json"
         if path.exists():
-            module = importlib.import_module(name)
-            kept = json.loads(path.read_text())
-            parts.append(f"## {module.TITLE}\n\n{module.render(kept['results'], plots)}")
-            parts.append(f"`scripts/bench --only {name}`, {kept['date']}, commit {kept['revision']}.\n")
+            parts += told(name, path, plots)
     return "\n".join(parts)
 
 
@@ -95,6 +116,7 @@ def main():
     if options.compare:
         importlib.import_module("compare").run(Bench, options)
         return
+    require_writable(options.docs / "performance")
     for name in [] if options.render else options.only or SECTIONS:
         measure(name, options)
     (options.docs / "performance.md").write_text(page(options.docs))
@@ -103,4 +125,9 @@ def main():
 
 
 if __name__ == "__main__":
-    main()
+    try:
+        main()
+    except subprocess.CalledProcessError as failed:
+        if failed.stderr:  # was captured
+            sys.stderr.write(failed.stderr if isinstance(failed.stderr, str) else failed.stderr.decode())
+        raise

@@ -13,6 +13,7 @@ import callgrind  # noqa: E402  (from the folder named just before)
 import check  # noqa: E402
 import compare  # noqa: E402
 import gateways  # noqa: E402
+import machine  # noqa: E402
 import measure  # noqa: E402
 import startup  # noqa: E402
 import update  # noqa: E402
@@ -103,3 +104,8 @@ def test_defaults_that_costs_are_scaled_to_are_the_daemons(gateway, closed_port)
 def test_handshakes_are_told_from_connections_and_sessions():
     lines = [line.split() for line in ("4 . 200", "4 . 200", "5 r 200", "5 r 200", "6 . 200", "4 . 200")]
     assert list(check.handshakes(lines)) == ["full", "none", "resumed", "none", "full", "full"]
+
+
+def test_file_system_that_cannot_be_told_is_unknown(tmp_path):
+    assert machine.file_system(tmp_path / "missing") == "unknown"
+    assert machine.file_system(tmp_path) != "unknown"

@@ -88,6 +88,42 @@ def test_fleet_that_would_never_get_on_is_refused(poll):
     assert process.stderr == "zqu_fleet_simulator: neither waits nor checks need take any time\n"
 
 
+TIME = "a time is negative or beyond the longest simulation"
+
+
+@pytest.mark.parametrize(
+    ("arguments", "said"),
+    [
+        (["--days", "nan"], TIME),
+        *((["--start-spread", spread], TIME) for spread in ("-1", "1e300")),
+        *((["--check", *span], TIME) for span in (["-5000", "1"], ["0", "inf"])),
+        *((["--wave-gap", gap], TIME) for gap in ("-100", "9e12")),
+        *((["--download", "nan"], TIME), (["--release", "nan"], TIME), (["--outage", "-1", "5"], TIME)),
+        *((["--outage", "5", "1"], "a range is empty"), (["--bad-release", "5", "1"], "a range is empty")),
+        (["--windows", "0", "10", "5"], "--windows takes 2 numbers for each"),
+        (["--curves", "0", "10"], "--curves takes 3 numbers for each"),
+    ],
+)
+def test_numbers_that_mean_nothing_are_refused(arguments, said):
+    days = [] if "--days" in arguments else ["--days", "0.01"]
+    command = [BUILD / "zqu_fleet_simulator", "run", "--daemons", "1", *days, *arguments]
+    process = subprocess.run(command, capture_output=True, text=True, timeout=10)
+    assert (process.returncode, process.stdout) == (1, "")
+    assert process.stderr == f"zqu_fleet_simulator: {said}\n"
+
+
+def test_bin_longer_than_the_simulation_is_cut_to_it():
+    curve = simulate("run", *PLAIN, "--curves", 100, 3600, 2**64 - 2)["requests"]["curves"][0]
+    assert curve == {"from_s": 100, "bin_s": 3600, "mean": [300 / 3500], "max": [100]}
+
+
+def test_result_that_cannot_be_printed_is_an_error():
+    with open("/dev/full", "w") as full:
+        command = [BUILD / "zqu_fleet_simulator", "waits"]
+        process = subprocess.run(command, input="", stdout=full, stderr=subprocess.PIPE, text=True)
+    assert (process.returncode, process.stderr) == (1, "zqu_fleet_simulator: the result cannot be printed\n")
+
+
 def test_waves_start_apart():
     assert counts("requests", "--waves", 4, "--wave-gap", 10)[30] == 25
 
