@@ -14,7 +14,7 @@ from mirrors import sha256
 from text import prose, seconds, table, verdict, with_spread
 
 TITLE = "A whole update"
-SIZES = {20: 40, 200: 36, 1000: 4}  # MB of definitions, and how often: multiples of the four contenders
+SIZES = {20: 32, 200: 24, 1000: 4}  # MB of definitions, and how often: multiples of the four contenders
 SMOKE = {1: 1}
 SCRIPTS = {"openssl": "curl, openssl, bsdtar", "cabextract": "curl, sha256sum, cabextract"}
 TITLES = {"daemon": "the daemon", "floor": "bare calls", **SCRIPTS}
@@ -89,7 +89,8 @@ def share_of_samples(site):
     lines = subprocess.run([*report, "--field-separator", "\t"], capture_output=True, text=True, check=True).stdout
     rows = [line.split("\t") for line in lines.splitlines() if line.strip() and not line.startswith("#")]
     counts = {dso.strip(): int(count) for _, count, dso in rows}
-    assert site.bench.daemon.name in counts or site.bench.smoke, counts  # too few samples then to be sure of any
+    # The daemon's own code may be met by none of them, but not what unpacks the archive.
+    assert any(name.startswith("libz.so") for name in counts) or site.bench.smoke, counts
     return {"count": sum(counts.values()), "shares": {dso: n / sum(counts.values()) for dso, n in counts.items()}}
 
 
