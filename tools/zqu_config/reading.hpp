@@ -26,8 +26,8 @@ struct Reading {
 };
 
 // Reads the regular file at path. Anything else, what cannot be read to its end and what is longer than
-// tools::largest_config, is trouble; never waits for a FIFO
-// or a device. Throws Disagreement, and std::system_error when there is no memory file for the daemon's reader.
+// tools::largest_config is trouble; never waits for a FIFO or a device. Throws Disagreement, and std::system_error when
+// there is no memory file for the daemon's reader.
 [[nodiscard]] Reading read_configuration(const std::string& path);
 
 }  // namespace zqu::config_tool
