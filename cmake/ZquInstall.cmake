@@ -11,21 +11,26 @@ function(zqu_install_configuration file path)
         endif()")
 endfunction()
 
-# zqu_install_unit(<template>): fills in a service's unit and installs it. It is filled in once more as it is installed,
-# for "cmake --install --prefix" puts the programs elsewhere than was configured.
-function(zqu_install_unit template)
+# zqu_install_filled(<template> <directory below the prefix> <permissions>...): fills in a unit or a script and installs
+# it. It is filled in again while it is installed, because "cmake --install --prefix" may name another prefix.
+function(zqu_install_filled template directory)
     cmake_path(ABSOLUTE_PATH template NORMALIZE)
     cmake_path(GET template STEM LAST_ONLY name)
     configure_file("${template}" "${name}" @ONLY)
     install(CODE "
         set(installed \"${CMAKE_CURRENT_BINARY_DIR}/installed\${CMAKE_INSTALL_PREFIX}/${name}\")
         set(ZQU_DEF_ROOT \"${ZQU_DEF_ROOT}\")
-        set(CMAKE_INSTALL_FULL_BINDIR \"${CMAKE_INSTALL_BINDIR}\")
-        set(CMAKE_INSTALL_FULL_SBINDIR \"${CMAKE_INSTALL_SBINDIR}\")
-        cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_FULL_BINDIR BASE_DIRECTORY \"\${CMAKE_INSTALL_PREFIX}\")
-        cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_FULL_SBINDIR BASE_DIRECTORY \"\${CMAKE_INSTALL_PREFIX}\")
+        set(ZQU_CONFIG_FILE \"${ZQU_CONFIG_FILE}\")
+        foreach(kind BINDIR SBINDIR LIBEXECDIR)
+            set(CMAKE_INSTALL_BINDIR \"${CMAKE_INSTALL_BINDIR}\")
+            set(CMAKE_INSTALL_SBINDIR \"${CMAKE_INSTALL_SBINDIR}\")
+            set(CMAKE_INSTALL_LIBEXECDIR \"${CMAKE_INSTALL_LIBEXECDIR}\")
+            cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_\${kind} BASE_DIRECTORY \"\${CMAKE_INSTALL_PREFIX}\"
+                OUTPUT_VARIABLE CMAKE_INSTALL_FULL_\${kind})
+        endforeach()
         configure_file(\"${template}\" \"\${installed}\" @ONLY)
-        file(INSTALL DESTINATION \"\${CMAKE_INSTALL_PREFIX}/lib/systemd/system\" TYPE FILE FILES \"\${installed}\")")
+        file(INSTALL DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${directory}\" TYPE FILE FILES \"\${installed}\"
+            PERMISSIONS ${ARGN})")
 endfunction()
 
 # zqu_install_manual(<component> <page>...): installs pages of the manual, compressed; their sections are the last part
