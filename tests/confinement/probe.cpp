@@ -69,8 +69,8 @@ long run(const char* program, const char* first, const char* second) {
 }
 
 void files(const std::string& own) {
-    for (const char* folder :
-         {"/etc", "/usr", "/usr/lib", "/var", "/srv", "/run", "/opt", "/mnt", "/dev/shm", "/tmp", "/var/tmp"}) {
+    for (const char* folder : {"/etc", "/usr", "/usr/lib", "/usr/lib32", "/usr/lib64", "/var", "/srv", "/run", "/opt",
+                               "/mnt", "/run/lock", "/dev/shm", "/tmp", "/var/tmp"}) {
         opening(std::string(folder) + "/zqu-open/file", O_WRONLY);
     }
     const std::string configuration = "/usr/local/zelgw/opt/av/quorin/etc/zel_quorin_updater.conf";

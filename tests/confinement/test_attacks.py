@@ -15,7 +15,8 @@ from trials import HIT, NEW, OLD, hit_ini, info_ini, info_name, release
 
 UP = "../" * 12  # to the root of the file system, from wherever
 # Folders, each with a file in it, that are open to everybody: nothing but the sandbox stands before them.
-PLACES = [f"{top}/zqu-open" for top in "etc usr var srv opt run mnt tmp var/tmp dev/shm home root".split()]
+PLACES = [f"{top}/zqu-open" for top in "etc usr usr/lib usr/lib64 var srv opt run mnt tmp".split()]
+PLACES += [f"{top}/zqu-open" for top in "var/tmp run/lock dev/shm home root".split()]
 GOOD = zip_bytes(entries_of("new"))
 NOT_FOUND = reply(b"", "404 Not Found")
 
