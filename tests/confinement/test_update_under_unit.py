@@ -9,7 +9,7 @@ import zipfile
 
 import pytest
 from confined import AUTHORITY, DAEMON_NAME, ROOT, SERVICE, STATUS, UNIT, Confined
-from machines import snapshot_listing
+from machines import listing, snapshot_listing
 from mirrors import Mirror, Nginx
 from scripted_server import SUBDIR, cut
 from trials import HIT, NEW, OLD, release
@@ -42,8 +42,8 @@ def test_update_leaves_files_link_status_and_log_as_the_services_user(system, se
     found = system.out("find", ROOT, "-printf", "%u %g %m %P\\n").splitlines()
     plain = f"{SERVICE} {SERVICE}"
     assert sorted(found) == sorted(
-        [f"{SERVICE} zel-quorin-readers 750 ", f"{plain} 755 manifest", f"{plain} 644 manifest/status.json"]
-        + [f"{plain} 777 active", f"{plain} 755 snapshots", f"{plain} 755 snapshots/{OLD}"]
+        [f"root {SERVICE} 1770 {name}" for name in ("", "manifest", "snapshots")]
+        + [f"root {SERVICE} 664 manifest/status.json", f"{plain} 777 active", f"{plain} 755 snapshots/{OLD}"]
         + [f"{plain} 666 snapshots/{OLD}/{name}-v2.def" for name in ("antivir", "aivsecon")]
     )
     system.run("journalctl", "--sync")
@@ -169,7 +169,7 @@ MOVED = "/srv/definitions"
 
 @pytest.fixture
 def moved(system, server):
-    system.run("install", "-d", "-m", "750", "-o", SERVICE, "-g", "zel-quorin-readers", MOVED)
+    system.run("mkdir", MOVED)
     system.configure(server, def_root=MOVED, status_path=f"{MOVED}/manifest/status.json")
     yield system
     system.stop()
@@ -180,7 +180,6 @@ def moved(system, server):
 def test_moved_root_is_written_with_a_drop_in_that_names_it(moved, lines):
     moved.drop_in("[Service]\n" + "".join(f"{line}={MOVED}\n" for line in lines))
     moved.run("systemctl", "start", UNIT)
-    moved.wait_for(lambda: moved.path(f"{MOVED}/manifest/status.json").exists())
     moved.wait_for(lambda: moved.take_log()[-1:] == MESSAGES[-1:])
     assert moved.out("cat", f"{MOVED}/active/antivir-v2.def") == f"antivir-v2.def of {OLD}"
 
@@ -191,7 +190,8 @@ def test_moved_root_without_a_drop_in_fails_every_check_and_tells_it_in_the_log_
     moved.wait_for(lambda: log.extend(moved.take_log()) or len(log) == 3)
     part = f"{MOVED}/snapshots/{OLD}/antivir-v2-{OLD}.cab.part"
     assert log[1:] == [f"download_cab: cannot create {part}", "run_once: staging failed: download CAB"]
-    assert moved.out("find", MOVED) == MOVED
+    assert listing(moved.path(MOVED)) == ["manifest/", "manifest/status.json", "snapshots/"]
+    assert moved.out("cat", f"{MOVED}/manifest/status.json") == ""
 
 
 @pytest.mark.parametrize("place", ["/media/zqu", "/mnt/zqu"])

@@ -22,6 +22,7 @@ UPDATER = [
     "-rw-r--r-- /usr/lib/systemd/system/zqu-status.timer",
     "-rw-r--r-- /usr/lib/sysusers.d/zel_quorin_updater.conf",
     "-rw-r--r-- /usr/lib/tmpfiles.d/zel_quorin_updater.conf",
+    "-rwxr-xr-x /usr/libexec/zel-quorin-prepare",
     f"-rw-r--r-- {CONFIG}",
     "-rwxr-xr-x /usr/sbin/zel_quorin_updater",
     f"-rw-r--r-- {COMPLETIONS}/zqu-config",
