@@ -14,6 +14,13 @@ EPOCH = 1700000000
 NEXT = "0.99.0"
 CONFIG = "/usr/local/zelgw/opt/av/quorin/etc/zel_quorin_updater.conf"
 SERVICE = "zel_quorin_updater.service"
+# What installing makes.
+LAYOUT = [
+    "drwxrwx--T root:zel-quorin  -> ",
+    "drwxrwx--T root:zel-quorin manifest -> ",
+    "-rw-rw-r-- root:zel-quorin manifest/status.json -> ",
+    "drwxrwx--T root:zel-quorin snapshots -> ",
+]
 HINT = f"zel_quorin_updater: set mirror_base_url in {CONFIG}, then: systemctl enable --now zel_quorin_updater"
 
 
@@ -129,9 +136,10 @@ class Site:
     def enabled(self):
         return self.machine.run("systemctl", "is-enabled", SERVICE, check=False).stdout.strip()
 
-    def definitions(self):
+    def definitions(self, root=DEFS):
         """What lies below the definitions root, with modes and owners; each name once."""
-        return self.machine.out("find", DEFS, "-printf", "%M %u:%g %P -> %l\\n").splitlines()
+        listed = self.machine.out("find", root, "-printf", "%P\t%M %u:%g %P -> %l\\n").splitlines()
+        return [line.split("\t")[1] for line in sorted(listed)]
 
     def exists(self, path):
         return os.path.lexists(self.machine.path(path))

@@ -1,11 +1,15 @@
 """The .deb through its life, in a booted system: installed, upgraded, removed and purged, with the daemon at work."""
 
 import pytest
-from packages import CONFIG, DEFS, HINT, NEXT, SERVICE
+from packages import CONFIG, DEFS, HINT, LAYOUT, NEXT, SERVICE
 
 
 def dpkg(site, *arguments, **options):
     return site.machine.run("dpkg", *arguments, **options)
+
+
+def acl(site, path):
+    return site.machine.out("getfacl", "--absolute-names", "--omit-header", path).split()
 
 
 @pytest.fixture
@@ -34,23 +38,50 @@ def test_installing_neither_enables_nor_starts_and_says_in_one_line_what_to_do(i
 
 
 def test_installing_makes_the_definitions_root_for_the_service_and_its_readers(installed):
-    assert sorted(installed.definitions()) == [
-        "drwxr-x--- zel-quorin:zel-quorin-readers  -> ",
-        "drwxr-xr-x zel-quorin:zel-quorin manifest -> ",
-    ]
-    assert installed.machine.out("getfacl", "--absolute-names", DEFS).splitlines() == [
-        f"# file: {DEFS}",
-        "# owner: zel-quorin",
-        "# group: zel-quorin-readers",
-        "user::rwx",
-        "group::r-x",
-        "other::---",
-        "default:user::rwx",
-        "default:group::r-x",
-        "default:group:zel-quorin-readers:r-x",
-        "default:mask::r-x",
-        "default:other::r-x",
-    ]
+    assert installed.definitions() == LAYOUT
+    default = "user::rwx group::r-x group:zel-quorin-readers:r-x mask::r-x other::r-x".split()
+    directory = ["user::rwx", "group::rwx", "group:zel-quorin-readers:r-x", "mask::rwx", "other::---"]
+    for name in ("", "/snapshots", "/manifest"):
+        assert acl(installed, DEFS + name) == directory + [f"default:{entry}" for entry in default]
+    file = ["user::rw-", "group::rw-", "group:zel-quorin-readers:r--", "mask::rw-", "other::r--"]
+    assert acl(installed, f"{DEFS}/manifest/status.json") == file
+
+
+# The layout of versions in which the root belonged to the service's user.
+OLD_LAYOUT = """
+d {root} 0750 zel-quorin zel-quorin-readers -
+a {root} - - - - user::rwx,group::r-x,other::---
+a+ {root} - - - - default:user::rwx,default:group::r-x,default:group:zel-quorin-readers:r-x,default:other::r-x
+d {root}/manifest 0755 zel-quorin zel-quorin -
+d {root}/snapshots 0755 zel-quorin zel-quorin -
+f {root}/manifest/status.json 0644 zel-quorin zel-quorin -
+"""
+
+
+@pytest.mark.parametrize("runs", [False, True], ids=["stopped", "running"])
+@pytest.mark.parametrize("root", [DEFS, "/srv/definitions"], ids=["default", "moved"])
+def test_upgrade_brings_an_older_root_to_the_new_layout(installed, packages, root, runs):
+    """Also when a mirror had planted a link in place of the status file."""
+    machine = installed.machine
+    machine.run("sh", "-c", f"rm -r {DEFS}; mkdir -p {root}")
+    machine.path("/run/old.conf").write_text(OLD_LAYOUT.format(root=root))
+    machine.run("systemd-tmpfiles", "--create", "/run/old.conf")
+    machine.run("sh", "-c", f"rm {root}/manifest/status.json; ln -s /etc/passwd {root}/manifest/status.json")
+    text = installed.configure() + f"def_root = {root}\nstatus_path = {root}/manifest/status.json\n"
+    machine.path(CONFIG).write_text(text)
+    drop_in = f"[Service]\nReadWritePaths={root}\nNoExecPaths={root}\nExecStartPre=\n"
+    machine.path(f"/etc/systemd/system/{SERVICE}.d").mkdir()
+    machine.path(f"/etc/systemd/system/{SERVICE}.d/root.conf").write_text(drop_in)
+    machine.run("systemctl", "daemon-reload")
+    if runs:
+        machine.run("systemctl", "start", SERVICE)
+    machine.path(f"/etc/systemd/system/{SERVICE}.d/root.conf").write_text(drop_in.replace("ExecStartPre=\n", ""))
+    try:
+        upgrade(installed, packages)
+        assert [line for line in installed.definitions(root) if " root:" in line] == LAYOUT
+        assert acl(installed, root)[2] == "group:zel-quorin-readers:r-x"
+    finally:
+        machine.run("rm", "-r", f"/etc/systemd/system/{SERVICE}.d")
 
 
 def test_installed_unit_is_one_that_systemd_takes_without_a_word(installed):
@@ -153,7 +184,7 @@ def test_purging_follows_no_link_that_the_services_user_left(installed):
     installed.machine.run("mkdir", "/srv/other")
     for name in ("status.json", "1001"):
         installed.machine.path(f"/srv/other/{name}").write_text("not of the daemon\n")
-    installed.machine.run("rmdir", f"{DEFS}/manifest")
+    installed.machine.run("rm", "-r", f"{DEFS}/manifest", f"{DEFS}/snapshots")
     for name in ("manifest", "snapshots"):
         installed.machine.run("ln", "-s", "/srv/other", f"{DEFS}/{name}")
     dpkg(installed, "--purge", "zel-quorin-updater")
@@ -176,7 +207,7 @@ def test_purging_removes_nothing_that_is_mounted_in_the_definitions_root(install
 def test_package_comes_and_goes_where_no_systemd_runs(site, packages):
     bare = ["unshare", "--mount", "sh", "-ec", 'mount -t tmpfs tmpfs /run; exec "$@"', "sh"]
     site.machine.run(*bare, "dpkg", "--install", packages.deb())
-    assert len(site.definitions()) == 2
+    assert site.definitions() == LAYOUT
     assert site.enabled() == "disabled"
     site.machine.run(*bare, "dpkg", "--purge", "zel-quorin-updater")
     assert not site.exists(DEFS)
