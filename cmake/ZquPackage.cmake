@@ -91,7 +91,7 @@ set(CPACK_RPM_MIRROR_PACKAGE_SUMMARY "Publishes antivirus definition files on a 
 string(REPLACE "\n.\n" "\n\n" CPACK_RPM_MIRROR_PACKAGE_DESCRIPTION "${mirror_description}")
 # Folders that belong to the system.
 set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION
-    /usr/lib /usr/lib/systemd /usr/lib/systemd/system /usr/lib/sysusers.d /usr/lib/tmpfiles.d
+    /usr/lib /usr/lib/systemd /usr/lib/systemd/system /usr/lib/sysusers.d /usr/lib/tmpfiles.d /usr/libexec
     /usr/local /usr/sbin /usr/share/bash-completion /usr/share/bash-completion/completions
     /usr/share/man /usr/share/man/man1 /usr/share/man/man5 /usr/share/man/man8)
 include(CPack)

@@ -162,6 +162,13 @@ def test_proxy_of_the_administrators_shell_is_not_used(system, server, proxy):
     assert proxy.requests == []
 
 
+def test_start_makes_a_root_that_somebody_removed(system, server):
+    system.run("rm", "-r", ROOT)
+    system.run("systemctl", "start", UNIT)
+    system.wait_for_status(OLD)
+    assert system.listing() == listing_of(OLD)
+
+
 # Another place for the definitions.
 
 MOVED = "/srv/definitions"

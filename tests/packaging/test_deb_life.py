@@ -73,10 +73,10 @@ def test_upgrade_brings_an_older_root_to_the_new_layout(installed, packages, roo
     machine.path(f"/etc/systemd/system/{SERVICE}.d").mkdir()
     machine.path(f"/etc/systemd/system/{SERVICE}.d/root.conf").write_text(drop_in)
     machine.run("systemctl", "daemon-reload")
-    if runs:
-        machine.run("systemctl", "start", SERVICE)
-    machine.path(f"/etc/systemd/system/{SERVICE}.d/root.conf").write_text(drop_in.replace("ExecStartPre=\n", ""))
     try:
+        if runs:
+            machine.run("systemctl", "start", SERVICE)
+        machine.path(f"/etc/systemd/system/{SERVICE}.d/root.conf").write_text(drop_in.replace("ExecStartPre=\n", ""))
         upgrade(installed, packages)
         assert [line for line in installed.definitions(root) if " root:" in line] == LAYOUT
         assert acl(installed, root)[2] == "group:zel-quorin-readers:r-x"
