@@ -3,6 +3,7 @@
 import json
 import os
 import pty
+import pwd
 import re
 import shutil
 import socket
@@ -14,7 +15,7 @@ from concurrent.futures import ThreadPoolExecutor
 from datetime import datetime, timezone
 
 import pytest
-from machines import BUILD, REPOSITORY, wait_for
+from machines import BUILD, REPOSITORY, may_mount, wait_for
 
 TOOL = BUILD / "zqu-status"
 HEADER = (REPOSITORY / "tools" / "zqu_status" / "findings.hpp").read_text()
@@ -96,6 +97,18 @@ def listen(path):
     os.close(here)
 
 
+def link_away(path, elsewhere):
+    """Moves path, and leaves a link in its place."""
+    path.rename(elsewhere)
+    path.symlink_to(elsewhere)
+
+
+def keep_status_below_the_root(w):
+    w.status_path = w.root / "manifest" / "status.json"
+    w.gateway.settings["status_path"] = w.status_path
+    w.gateway.run_once()
+
+
 def other_setting(name, value):
     return lambda w: w.gateway.settings.update({name: value})
 
@@ -153,6 +166,11 @@ CASES = {
         [("active_dangling", "critical")],
         "{root}/active leads nowhere: snapshots/1001 is no directory",
     ),
+    "file for a snapshot": (
+        lambda w: replace_by(w.snapshot, lambda path: path.write_text("")),
+        [("active_dangling", "critical")],
+        "{root}/active leads nowhere: snapshots/1001 is no directory",
+    ),
     "link to itself": (
         lambda w: w.point("active"),
         [("active_dangling", "critical"), ("version_differs", "warning")],
@@ -162,6 +180,59 @@ CASES = {
         lambda w: w.point(f"snapshots/1001/{FIRST}"),
         [("active_dangling", "critical"), ("version_differs", "warning")],
         f"{{root}}/active leads nowhere: snapshots/1001/{FIRST} is no directory",
+    ),
+    "link out of the root": (
+        lambda w: w.point("/"),
+        [("active_outside", "critical")],
+        "{root}/active leads to /, which is no snapshot",
+    ),
+    "link to the root": (
+        lambda w: w.point("snapshots/.."),
+        [("active_outside", "critical")],
+        "{root}/active leads to snapshots/.., which is no snapshot",
+    ),
+    "link below a snapshot": (
+        lambda w: ((w.snapshot / "1001").mkdir(), w.point("snapshots/1001/1001")),
+        [("active_outside", "critical")],
+        "{root}/active leads to snapshots/1001/1001, which is no snapshot",
+    ),
+    "snapshot a link": (
+        lambda w: link_away(w.snapshot, w.gateway.folder / "elsewhere"),
+        [("active_outside", "critical")],
+        "{root}/active leads to snapshots/1001, which is no snapshot",
+    ),
+    "link by a longer way": (lambda w: w.point("snapshots/./1001"), [], ""),
+    "link by the whole path": (lambda w: w.point(w.snapshot), [], ""),
+    "root a link": (lambda w: link_away(w.root, w.gateway.folder / "elsewhere"), [], ""),
+    "root a link that leads nowhere": (
+        lambda w: replace_by(w.root, lambda path: path.symlink_to("nowhere")),
+        [("directory_kind", "critical"), ("active_missing", "critical")],
+        "{root} leads nowhere",
+    ),
+    "root a file": (
+        lambda w: replace_by(w.root, lambda path: path.write_text("")),
+        [("directory_kind", "critical"), ("active_missing", "critical")],
+        "{root} is no directory",
+    ),
+    "snapshots a link": (
+        lambda w: link_away(w.root / "snapshots", w.gateway.folder / "elsewhere"),
+        [("directory_kind", "critical")],
+        "{root}/snapshots is a link",
+    ),
+    "snapshots a link that leads nowhere": (
+        lambda w: replace_by(w.root / "snapshots", lambda path: path.symlink_to("nowhere")),
+        [("directory_kind", "critical"), ("active_dangling", "critical")],
+        "{root}/snapshots is a link",
+    ),
+    "snapshots a file": (
+        lambda w: replace_by(w.root / "snapshots", lambda path: path.write_text("")),
+        [("directory_kind", "critical"), ("active_dangling", "critical")],
+        "{root}/snapshots is no directory",
+    ),
+    "manifest a link": (
+        lambda w: (keep_status_below_the_root(w), link_away(w.root / "manifest", w.gateway.folder / "elsewhere")),
+        [("directory_kind", "critical")],
+        "{root}/manifest is a link",
     ),
     "other release": (
         lambda w: (shutil.copytree(w.snapshot, w.root / "snapshots" / "999"), w.point("snapshots/999")),
@@ -217,6 +288,24 @@ CASES = {
         [("status_not_regular", "critical")],
         "the status file {status} is no regular file",
     ),
+    "status a folder below the root": (
+        lambda w: (
+            keep_status_below_the_root(w),
+            replace_by(w.status_path, lambda path: (path / "x").mkdir(parents=True)),
+        ),
+        [("status_not_regular", "critical")],
+        "the status file {status} is no regular file",
+    ),
+    "status a link": (
+        lambda w: link_away(w.status_path, w.gateway.folder / "elsewhere"),
+        [("status_not_regular", "critical")],
+        "the status file {status} is no regular file",
+    ),
+    "status empty": (
+        lambda w: w.wreck_status(""),
+        [("status_unfinished", "unknown")],
+        "the status file {status} is empty",
+    ),
     "status a socket": (
         lambda w: replace_by(w.status_path, listen),
         [("status_not_regular", "critical")],
@@ -229,8 +318,8 @@ CASES = {
     ),
     "status a link to itself": (
         lambda w: replace_by(w.status_path, lambda path: path.symlink_to(path)),
-        [("status_unreadable", "unknown")],
-        "the status file {status} cannot be read: Too many levels of symbolic links",
+        [("status_not_regular", "critical")],
+        "the status file {status} is no regular file",
     ),
     "status too long": (
         lambda w: w.wreck_status(w.status_path.read_text().ljust(65537)),
@@ -324,9 +413,260 @@ def test_every_finding_that_the_tool_names_is_tried_here():
     tried = {name for _, expected, _ in CASES.values() for name, _ in expected}
     elsewhere = {
         *("config_missing", "config_unreadable", "active_unreadable", "definition_unreadable"),
-        *("snapshots_unreadable", "status_unfinished", "status_invalid", "status_schema"),
+        *("snapshots_unreadable", "status_unreadable", "status_invalid", "status_schema"),
+        *("directory_owner", "directory_mode", "writable_by_others"),
     }
     assert tried | elsewhere == FINDINGS
+
+
+# What the command of the gravest finding heals, alone or with the daemon's next check, and what it does not.
+HEALED = {
+    *(
+        "file for a link",
+        "folder for a link",
+        "dangling link",
+        "file for a snapshot",
+        "link to itself",
+        "link to a file",
+    ),
+    *("link out of the root", "link to the root", "link below a snapshot", "snapshot a link"),
+    *("snapshots a link", "snapshots a link that leads nowhere", "snapshots a file", "manifest a link"),
+    *("definition gone", "definition a link", "definition a folder"),
+    *("status a folder below the root", "status a link", "status a link to itself", "status a socket"),
+}
+NOT_HEALED = {"no flavor", "other flavor", "everything at once"}
+
+
+@pytest.mark.parametrize("case", CASES)
+def test_pasted_command_heals(watched, case):
+    CASES[case][0](watched)
+    findings = watched.report()["findings"]
+    command = findings[0]["command"] if findings else None
+    assert bool(command) == (case in HEALED | NOT_HEALED), command
+    if case in HEALED:
+        assert f"\n             {command}\n" in watched.run()[1]
+        subprocess.run(["sh", "-ec", command], check=True)
+        watched.gateway.run_once()
+        assert watched.found() == []
+        assert sorted(path.name for path in watched.link.iterdir()) == sorted((FIRST, SECOND))
+
+
+def test_commands_spare_what_a_link_leads_to(watched):
+    """The owner of the root can make snapshots lead anywhere, and active name any file there."""
+    (watched.root / "snapshots").rename(watched.gateway.folder / "elsewhere")
+    (watched.root / "snapshots").symlink_to(watched.gateway.folder / "elsewhere")
+    watched.point(f"snapshots/1001/../{FIRST}")
+    (watched.gateway.folder / "elsewhere" / FIRST).write_text("spared")
+    commands = [f["command"] for f in watched.report()["findings"] if f["command"]]
+    assert len(commands) == 2
+    for command in reversed(commands):
+        subprocess.run(["sh", "-ec", command], check=True)
+    assert (watched.gateway.folder / "elsewhere" / FIRST).read_text() == "spared"
+    watched.gateway.run_once()
+    assert watched.found() == []
+
+
+def test_command_is_quoted_or_left_out(watched):
+    root = watched.root
+    for name, quoted in {"it's $HOME": r"it'\''s $HOME", "two\x1blines": None, "\u00e4": None}.items():
+        watched.root.rename(root.parent / name)
+        watched.root = watched.gateway.settings["def_root"] = root.parent / name
+        watched.link = watched.root / "active"
+        watched.point("nowhere")
+        expected = f"rm -f -- '{root.parent}/{quoted}/active'" if quoted else None
+        assert [f["command"] for f in watched.report()["findings"] if f["finding"] == "active_dangling"] == [expected]
+
+
+@pytest.fixture
+def reachable(gateway_in_memory, mirror):
+    """A root below directories that everybody may search, which keeps others out."""
+    gateway_in_memory.folder.chmod(0o755)
+    made = Watched(gateway_in_memory, mirror)
+    made.root.chmod(0o750)
+    return made
+
+
+def allow(path, entries):
+    subprocess.run(["setfacl", "-m", entries, path], check=True)
+
+
+def give_all(w, user, group, mode=0o770):
+    for path in [w.root, *w.root.rglob("*"), w.status_path.parent, w.status_path]:
+        os.chown(path, user, group, follow_symlinks=False)
+    w.root.chmod(mode)
+
+
+EVERYBODY = ("critical", "everybody")
+DEFINITIONS = {f"snapshots/1001/{name}": EVERYBODY for name in (FIRST, SECOND)}
+# Who may write what, with the finding for each path below the root, or beside it.
+WRITERS = {
+    "root that keeps others out": (lambda w: None, {}),
+    "root open to readers": (lambda w: w.root.chmod(0o755), DEFINITIONS),
+    "root open to writers": (lambda w: w.root.chmod(0o752), {".": EVERYBODY}),
+    "root open to all": (lambda w: w.root.chmod(0o757), {".": EVERYBODY, **DEFINITIONS}),
+    "sticky root": (lambda w: w.root.chmod(0o1752), {".": EVERYBODY}),
+    "snapshots": (
+        lambda w: (w.root.chmod(0o751), (w.root / "snapshots").chmod(0o777)),
+        {"snapshots": EVERYBODY, **DEFINITIONS},
+    ),
+    "snapshots out of reach": (lambda w: (w.root / "snapshots").chmod(0o777), {}),
+    "snapshot": (
+        lambda w: (w.root.chmod(0o751), w.snapshot.chmod(0o772)),
+        {"snapshots/1001": EVERYBODY},
+    ),
+    "status directory": (lambda w: w.status_path.parent.chmod(0o777), {"../status": EVERYBODY}),
+    "sticky status directory": (lambda w: w.status_path.parent.chmod(0o1777), {}),
+    "status file": (lambda w: w.status_path.chmod(0o666), {"../status/status.json": EVERYBODY}),
+    "user of the ACL": (lambda w: allow(w.root, "u:54321:rwx"), {".": ("warning", "the user 54321")}),
+    "group of the ACL": (lambda w: allow(w.root, "g:54321:w"), {".": ("warning", "the group 54321")}),
+    "reader of the ACL": (lambda w: allow(w.root, "g:54321:rx"), {}),
+    "user masked by the ACL": (lambda w: allow(w.root, "u:54321:rwx,m::rx"), {}),
+    "user of the ACL of a file": (
+        lambda w: allow(w.status_path, "u:54321:rw"),
+        {"../status/status.json": ("warning", "the user 54321")},
+    ),
+}
+AS_ROOT = {
+    "user of its own": (lambda w: give_all(w, 12345, 12345), {}),
+    "foreign group": (
+        lambda w: give_all(w, 12345, 54321),
+        {**{path: ("warning", "the group 54321") for path in (".", *DEFINITIONS)}},
+    ),
+    "foreign group that reads": (lambda w: give_all(w, 12345, 54321, 0o740), {}),
+    "primary group": (lambda w: give_all(w, pwd.getpwnam("games").pw_uid, pwd.getpwnam("games").pw_gid), {}),
+}
+if os.geteuid() == 0:
+    WRITERS.update(AS_ROOT)
+
+
+@pytest.mark.parametrize("case", WRITERS)
+def test_strangers_who_can_write_are_named(reachable, case):
+    change, expected = WRITERS[case]
+    change(reachable)
+    texts = {
+        f"{os.path.normpath(reachable.root / path)} can be written by {who}": ("writable_by_others", verdict)
+        for path, (verdict, who) in expected.items()
+    }
+    findings = reachable.report()["findings"]
+    assert {f["text"]: (f["finding"], f["verdict"]) for f in findings} == texts
+    assert len(findings) == len(expected)
+    while findings and findings[0]["command"]:
+        subprocess.run(["sh", "-ec", findings[0]["command"]], check=True)
+        assert findings[0] not in (rest := reachable.report()["findings"])
+        findings = rest
+    assert [f["verdict"] for f in findings] == [who[0] for who in expected.values() if who != EVERYBODY]
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="only root can give files away")
+def test_directories_of_two_owners_are_a_warning(watched):
+    os.chown(watched.root / "snapshots", 12345, -1)
+    assert watched.found() == [("directory_owner", "warning")]
+    os.chown(watched.root, 12345, -1)
+    assert watched.found() == []
+
+
+# Makes the machine one that has the packages: the user, the configuration and the definitions root.
+PACKAGED = """
+mount -t tmpfs -o mode=755 tmpfs /usr/local
+for base in passwd group; do
+    grep -v zel-quorin /etc/$base >/usr/local/$base
+done
+echo zel-quorin:x:64321:64321::/:/bin/false >>/usr/local/passwd
+echo zel-quorin:x:64321: >>/usr/local/group
+for base in passwd group; do
+    mount --bind /usr/local/$base /etc/$base
+done
+umask 022
+cd /usr/local
+mkdir -p zelgw/opt/av/quorin/etc zelgw/opt/av/quorin/defs
+: >zelgw/opt/av/quorin/etc/zel_quorin_updater.conf
+cd zelgw/opt/av/quorin/defs
+mkdir snapshots manifest
+printf '%s' "$1" >manifest/status.json
+chmod 664 manifest/status.json
+chgrp -R 64321 .
+chmod 1770 . snapshots
+chmod 1775 manifest
+mkdir snapshots/1001
+for kind in antivir aivsecon; do
+    echo definitions >snapshots/1001/$kind-v2.def
+done
+chmod 666 snapshots/1001/*
+ln -s snapshots/1001 active
+chown -Rh 64321:64321 snapshots/1001 active
+eval "$2"
+shift 2
+exec "$@"
+"""
+DEFS = "/usr/local/zelgw/opt/av/quorin/defs"
+RESTART = "systemctl restart zel_quorin_updater"
+REFETCH = f"rm -f -- '{DEFS}/active' && {RESTART}"
+OWNER = " does not belong to root and the group zel-quorin"
+OTHER_ROOT = """
+own=/usr/local/own
+echo def_root = $own >../etc/zel_quorin_updater.conf
+echo status_path = $own/manifest/status.json >>../etc/zel_quorin_updater.conf
+cp -a . $own
+chown -hR 64321 $own
+chmod 750 $own
+"""
+# What is changed there, then what is found: finding, command, and text after the root.
+ON_PACKAGES = {
+    ":": [],
+    "chown 64321 .": [("directory_owner", RESTART, OWNER)],
+    "chgrp 0 snapshots": [("directory_owner", RESTART, "/snapshots" + OWNER)],
+    "chown 64321 manifest": [("directory_owner", RESTART, "/manifest" + OWNER)],
+    "chmod 770 .": [("directory_mode", RESTART, " lacks the sticky bit")],
+    "chmod 1750 snapshots": [("directory_mode", RESTART, "/snapshots is closed to the service")],
+    "chmod 1755 manifest": [("directory_mode", RESTART, "/manifest is closed to the service")],
+    "chmod 1771 .; chmod 1777 manifest": [],
+    "chmod 1771 .; chmod 1772 snapshots": [("writable_by_others", RESTART, "/snapshots can be written by everybody")],
+    "setfacl -m g:54321:rx . snapshots": [],
+    "setfacl -m u:64321:rwx,g:64321:rwx . snapshots": [],
+    "setfacl -m g::rx,m::rwx .": [("directory_mode", RESTART, " is closed to the service")],
+    "setfacl -m g:54321:rwx .": [("writable_by_others", RESTART, " can be written by the group 54321")],
+    OTHER_ROOT: [],
+    "rm active; : >manifest/status.json": [
+        ("active_missing", None, "/active"),
+        ("status_unfinished", None, "/manifest/status.json is empty"),
+    ],
+    "chmod 1771 .; chmod 666 manifest/status.json": [
+        ("writable_by_others", RESTART, "/manifest/status.json can be written by everybody")
+    ],
+    "mv snapshots s; ln -s s snapshots": [("directory_kind", RESTART, "/snapshots is a link")],
+    "mv manifest m; ln -s m manifest": [("directory_kind", RESTART, "/manifest is a link")],
+    "rm active; mkdir active": [("active_no_link", RESTART, "/active is no link")],
+    "ln -sfn snapshots/1002 active": [
+        ("active_dangling", RESTART, "/active leads nowhere: snapshots/1002 is no directory")
+    ],
+    "ln -sfn /etc active": [("active_outside", RESTART, "/active leads to /etc, which is no snapshot")],
+    "rm manifest/status.json; mkfifo manifest/status.json": [
+        ("status_not_regular", RESTART, "/manifest/status.json is no regular file")
+    ],
+    "rm snapshots/1001/*": [
+        ("definition_missing", REFETCH, f"{name} is missing from the snapshot in service") for name in (FIRST, SECOND)
+    ],
+}
+
+
+def on_packages(change, *args):
+    """What is found there, in the same form."""
+    prefix = ["unshare", "--mount", "sh", "-ec", PACKAGED, "sh", json.dumps(valid()), change]
+    code, out, err = run("--json", *args, prefix=prefix)
+    assert (code, err) == (0, "")
+    findings = json.loads(out)["findings"]
+    return [(f["finding"], f["command"], f["text"].partition(DEFS)[2] or f["text"]) for f in findings]
+
+
+@pytest.mark.skipif(not may_mount(), reason="this process may not make mount namespaces")
+@pytest.mark.parametrize("change", ON_PACKAGES)
+def test_layout_of_the_packages_is_judged(change):
+    assert on_packages(change) == ON_PACKAGES[change]
+
+
+@pytest.mark.skipif(not may_mount(), reason="this process may not make mount namespaces")
+def test_layout_of_another_configuration_is_its_own():
+    assert on_packages("chmod 770 .; : >/usr/local/other.conf", "--config", "/usr/local/other.conf") == []
 
 
 def test_missing_configuration_is_a_warning_and_the_defaults_are_looked_at(tmp_path):
@@ -654,6 +994,7 @@ def test_json_form_has_all_its_keys(watched):
                 "finding": "definition_missing",
                 "verdict": "critical",
                 "text": f"{SECOND} is missing from the snapshot in service",
+                "command": f"rm -f -- '{watched.link}'",
             }
         ],
         "configuration": {

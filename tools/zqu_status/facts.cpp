@@ -101,6 +101,7 @@ Facts observe(const std::string& path) {
         before = facts.store;
         look(facts);
     }
+    facts.layout = look_at_layout(path, facts.cfg, facts.store);
     return facts;
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "config.hpp"
+#include "layout.hpp"
 #include "status_file.hpp"
 #include "store.hpp"
 
@@ -29,6 +30,7 @@ struct Facts {
     bool looked = false;        // whether status and store were looked at: not when cfg is of no use
     StatusFile status;
     Store store;
+    Layout layout;
     std::int64_t now = 0;  // seconds since the Unix epoch, once all was looked at
 };
 

@@ -22,10 +22,36 @@ constexpr const char* permission_advice =
     "Run zqu-status as a user who may: the daemon's, one of the readers' group, or root.";
 constexpr const char* no_definitions_advice =
     "Nothing can be scanned with these definitions. Start the daemon, or see why its checks fail.";
-constexpr const char* damaged_advice =
-    "Somebody else has changed the snapshot, or its disk is damaged. Remove the link active: the next check fetches "
-    "the "
-    "release anew.";
+constexpr const char* without_link_advice = "Without the link, the next check fetches the release again.";
+constexpr const char* restart = "systemctl restart zel_quorin_updater";
+
+// The packaged service puts its directories in order at each start; elsewhere the other command repairs.
+std::string restart_or(const Facts& facts, const std::string& command) {
+    return facts.layout.packaged ? restart : command;
+}
+
+std::string below_root(const Facts& facts, const std::string& name) {
+    return facts.cfg.def_root + "/" + name;
+}
+
+bool in_the_way(const Place* place) {
+    return place != nullptr && !S_ISDIR(place->found.st_mode);
+}
+
+// Removes the link active; all snapshots too when the daemon would unpack through a link. Names nothing below
+// snapshots: its owner could lead a command of root's elsewhere.
+std::string link_removal(const Facts& facts) {
+    const std::string link = below_root(facts, "active");
+    return in_the_way(facts.layout.at(Role::snapshots)) || in_the_way(facts.layout.at(Role::snapshot))
+               ? shell_line("rm -rf", {link, below_root(facts, "snapshots")})
+               : shell_line("rm -f", {link});
+}
+
+// For a damaged snapshot, which no restart touches while the link names it.
+std::string refetching(const Facts& facts) {
+    const std::string removal = link_removal(facts);
+    return facts.layout.packaged && !removal.empty() ? removal + " && " + restart : removal;
+}
 
 void judge_configuration(const Facts& facts, Findings& found) {
     const std::string name = "the configuration " + shown(facts.config_path);
@@ -47,6 +73,76 @@ void judge_configuration(const Facts& facts, Findings& found) {
     }
 }
 
+void judge_kind(const Place& place, const Facts& facts, Findings& found) {
+    const bool link = S_ISLNK(place.found.st_mode);
+    const char* wrong = !link ? " is no directory" : place.role == Role::root ? " leads nowhere" : " is a link";
+    const std::string command = place.role == Role::root        ? ""
+                                : place.role == Role::snapshots ? link_removal(facts)
+                                                                : shell_line("rm -f", {place.path});
+    found.push_back({"directory_kind", Verdict::critical, shown(place.path) + wrong,
+                     "Once it is gone, the next start of the daemon makes the directory.", restart_or(facts, command)});
+}
+
+void judge_owner(const Place& place, const Facts& facts, Findings& found) {
+    const Place* root = facts.layout.at(Role::root);
+    const bool of_packages = place.found.st_uid == 0 && place.found.st_gid == facts.layout.group;
+    if (facts.layout.packaged && !of_packages) {
+        found.push_back({"directory_owner", Verdict::warning,
+                         shown(place.path) + " does not belong to root and the group zel-quorin",
+                         "A hostile mirror could change its mode.", restart});
+    } else if (!facts.layout.packaged && root != nullptr && place.found.st_uid != root->found.st_uid) {
+        found.push_back({"directory_owner", Verdict::warning,
+                         shown(place.path) + " has another owner than the definitions root",
+                         "Give both to the user that runs the daemon."});
+    }
+}
+
+void judge_mode(const Place& place, const Facts& facts, Findings& found) {
+    const bool sticky = (place.found.st_mode & S_ISVTX) != 0;
+    if (facts.layout.packaged && (!sticky || place.group_rights != 7)) {
+        found.push_back({"directory_mode", Verdict::warning,
+                         shown(place.path) + (sticky ? " is closed to the service" : " lacks the sticky bit"),
+                         sticky ? "The checks fail." : "A hostile mirror could replace what root has put there.",
+                         restart});
+    }
+}
+
+// The places that have to be directories with the right owner.
+void judge_directories(const Facts& facts, Findings& found) {
+    for (const Place& place : facts.layout.places) {
+        if (place.role != Role::root && place.role != Role::snapshots && place.role != Role::manifest) {
+            continue;
+        }
+        if (!S_ISDIR(place.found.st_mode)) {
+            judge_kind(place, facts, found);
+        } else {
+            judge_owner(place, facts, found);
+            judge_mode(place, facts, found);
+        }
+    }
+}
+
+void judge_writers(const Place& place, const Facts& facts, Findings& found) {
+    const std::string text = shown(place.path) + " can be written by ";
+    const bool unpacked = place.role == Role::snapshot || place.role == Role::definition;
+    if (place.everybody && unpacked) {
+        found.push_back({"writable_by_others", Verdict::critical, text + "everybody",
+                         "Files keep the mode that the archive gives them. Others must not reach them.",
+                         restart_or(facts, shell_line("chmod o-rwx", {facts.cfg.def_root}))});
+    } else if (place.everybody) {
+        found.push_back({"writable_by_others", Verdict::critical, text + "everybody",
+                         "Other programs could replace the definitions or the status.",
+                         restart_or(facts, shell_line("chmod o-w", {place.path}))});
+    } else if (!place.writers.empty()) {
+        std::string names;
+        for (const std::string& name : place.writers) {
+            names += (names.empty() ? "" : ", ") + shown(name);
+        }
+        found.push_back({"writable_by_others", Verdict::warning, text + names,
+                         "Only the user that runs the daemon should write there.", restart_or(facts, "")});
+    }
+}
+
 void judge_link(const Facts& facts, Findings& found) {
     const std::string path = shown(facts.cfg.def_root) + "/active";
     switch (facts.store.link) {
@@ -62,38 +158,47 @@ void judge_link(const Facts& facts, Findings& found) {
             break;
         case LinkState::no_link:
             found.push_back({"active_no_link", Verdict::critical, path + " is no link",
-                             "Remove it: the daemon replaces a file, but not a directory."});
+                             "The daemon replaces a file, but not a directory.",
+                             restart_or(facts, shell_line("rm -rf", {below_root(facts, "active")}))});
             break;
         case LinkState::dangling:
             found.push_back({"active_dangling", Verdict::critical,
                              path + " leads nowhere: " + shown(facts.store.target) + " is no directory",
-                             "Remove the link: the next check fetches the release anew."});
+                             without_link_advice, restart_or(facts, link_removal(facts))});
+            break;
+        case LinkState::outside:
+            found.push_back({"active_outside", Verdict::critical,
+                             path + " leads to " + shown(facts.store.target) + ", which is no snapshot",
+                             without_link_advice, restart_or(facts, link_removal(facts))});
             break;
     }
 }
 
-void judge_definition(const Definition& definition, Findings& found) {
+void judge_definition(const Definition& definition, const Facts& facts, Findings& found) {
     const std::string name = shown(definition.name);
     switch (definition.state) {
         case DefinitionState::present:
             if (definition.size == 0) {
                 found.push_back({"definition_empty", Verdict::warning, name + " in the snapshot in service is empty",
                                  "The mirror serves it so, or the disk was full: compare with another gateway. In "
-                                 "doubt remove the link active: the next check fetches the release anew."});
+                                 "doubt remove the link active: the next check fetches the release again."});
             }
             break;
         case DefinitionState::missing:
             found.push_back({"definition_missing", Verdict::critical, name + " is missing from the snapshot in service",
-                             "Either the flavor in the configuration is not the one in service, or: " +
-                                 std::string(damaged_advice)});
+                             "The flavor in the configuration is another one, somebody else has changed the snapshot, "
+                             "or its disk is damaged. " +
+                                 std::string(without_link_advice),
+                             refetching(facts)});
             break;
         case DefinitionState::unreadable:
             found.push_back({"definition_unreadable", Verdict::unknown,
                              name + " in the snapshot in service cannot be looked at", permission_advice});
             break;
         case DefinitionState::not_regular:
-            found.push_back({"definition_not_regular", Verdict::critical,
-                             name + " in the snapshot in service is no regular file", damaged_advice});
+            found.push_back(
+                {"definition_not_regular", Verdict::critical, name + " in the snapshot in service is no regular file",
+                 "Somebody else has changed the snapshot. " + std::string(without_link_advice), refetching(facts)});
             break;
     }
 }
@@ -126,7 +231,7 @@ void judge_publication(const Facts& facts, const Limits& limits, Findings& found
 void judge_store(const Facts& facts, const Limits& limits, Findings& found) {
     judge_link(facts, found);
     for (const Definition& definition : facts.store.definitions) {
-        judge_definition(definition, found);
+        judge_definition(definition, facts, found);
     }
     judge_publication(facts, limits, found);
     if (!facts.store.snapshots) {
@@ -140,6 +245,20 @@ const char* missing_advice(const Config& cfg) {
                ? "status_path is empty: the daemon writes no status file, and how it fares is not known."
                : "No check has ended yet, or the daemon cannot write there. Start it, and see that its user may write "
                  "that folder.";
+}
+
+// No command for a directory or a device elsewhere: it may well be status_path that is wrong.
+std::string status_removal(const Facts& facts) {
+    const Place* file = facts.layout.at(Role::status_file);
+    const Place* manifest = facts.layout.at(Role::manifest);
+    if (file == nullptr) {
+        return "";
+    }
+    if (manifest != nullptr && S_ISDIR(file->found.st_mode)) {
+        return shell_line("rm -rf", {file->path});
+    }
+    const mode_t type = file->found.st_mode & S_IFMT;
+    return type == S_IFLNK || type == S_IFIFO || type == S_IFSOCK ? shell_line("rm -f", {file->path}) : "";
 }
 
 void judge_status_fault(const Facts& facts, Findings& found) {
@@ -159,13 +278,15 @@ void judge_status_fault(const Facts& facts, Findings& found) {
             break;
         case StatusState::not_regular:
             found.push_back({"status_not_regular", Verdict::critical, path + " is no regular file",
-                             "The daemon cannot write its status there, and may even wait for ever: stop it, remove "
-                             "what is in the way, start it."});
+                             "The daemon may wait there for ever: restart it once that is gone.",
+                             restart_or(facts, status_removal(facts))});
             break;
         case StatusState::unfinished:
-            found.push_back({"status_unfinished", Verdict::unknown, path + " is cut short" + why,
-                             "Its disk is full, or the daemon was killed while it wrote: make room. The next check "
-                             "rewrites it."});
+            found.push_back({"status_unfinished", Verdict::unknown,
+                             facts.status.empty ? path + " is empty" : path + " is cut short" + why,
+                             facts.status.empty ? "No check has ended yet, or its disk is full."
+                                                : "Its disk is full, or the daemon was killed while it wrote: make "
+                                                  "room. The next check rewrites it."});
             break;
         case StatusState::too_long:
             found.push_back({"status_too_long", Verdict::unknown, path + " is not looked at" + why,
@@ -251,8 +372,12 @@ std::vector<Finding> judge(const Facts& facts, const Limits& limits) {
     Findings found;
     judge_configuration(facts, found);
     if (facts.looked) {
+        judge_directories(facts, found);
         judge_store(facts, limits, found);
         judge_status_fault(facts, found);
+        for (const Place& place : facts.layout.places) {
+            judge_writers(place, facts, found);
+        }
     }
     if (facts.looked && facts.status.state == StatusState::valid) {
         judge_check(facts, limits, found);

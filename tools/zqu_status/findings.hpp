@@ -22,21 +22,23 @@ enum class Verdict { ok, warning, unknown, critical };
 [[nodiscard]] int exit_status(Verdict verdict);
 
 // Names of all findings there can be. They are stable: other programs go by them.
-inline constexpr std::array<const char*, 26> finding_names{
-    "config_missing",     "config_unreadable",     "config_malformed",       "config_unusable",
-    "active_missing",     "active_unreadable",     "active_no_link",         "active_dangling",
-    "definition_missing", "definition_unreadable", "definition_not_regular", "definition_empty",
-    "definitions_old",    "publication_in_future", "snapshots_unreadable",   "status_missing",
-    "status_unreadable",  "status_not_regular",    "status_too_long",        "status_unfinished",
-    "status_invalid",     "status_schema",         "check_failed",           "check_late",
-    "check_in_future",    "version_differs",
+inline constexpr std::array<const char*, 31> finding_names{
+    "config_missing",     "config_unreadable",  "config_malformed",      "config_unusable",
+    "active_missing",     "active_unreadable",  "active_no_link",        "active_dangling",
+    "active_outside",     "directory_kind",     "directory_owner",       "directory_mode",
+    "writable_by_others", "definition_missing", "definition_unreadable", "definition_not_regular",
+    "definition_empty",   "definitions_old",    "publication_in_future", "snapshots_unreadable",
+    "status_missing",     "status_unreadable",  "status_not_regular",    "status_too_long",
+    "status_unfinished",  "status_invalid",     "status_schema",         "check_failed",
+    "check_late",         "check_in_future",    "version_differs",
 };
 
 struct Finding {
     std::string name;  // one of finding_names
     Verdict verdict = Verdict::ok;
-    std::string text;    // what is the matter; printable ASCII on one line, as shown() makes it
-    std::string advice;  // what to do about it; likewise
+    std::string text;       // what is the matter; printable ASCII on one line, as shown() makes it
+    std::string advice;     // what to do about it; likewise
+    std::string command{};  // one line for a shell that repairs it; empty when none does
 };
 
 // Limits of one age, in seconds; 0 is none. The age has to exceed the limit.

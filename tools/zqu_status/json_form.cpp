@@ -15,7 +15,8 @@ json findings_json(const Report& report) {
         list.push_back({{"finding", finding.name},
                         {"verdict", name_of(finding.verdict)},
                         {"text", finding.text},
-                        {"advice", finding.advice}});
+                        {"advice", finding.advice},
+                        {"command", finding.command.empty() ? json() : json(finding.command)}});
     }
     return list;
 }

@@ -24,7 +24,7 @@ namespace {
 using nlohmann::json;
 
 StatusFile fault(StatusState state, std::string reason) {
-    return {state, std::move(reason), {}};
+    return {state, std::move(reason), {}, false};
 }
 
 StatusFile fault_of(int error) {
@@ -109,7 +109,7 @@ StatusFile interpret(const json& document) {
     if (version != json(1) || !version.is_number_integer()) {
         return fault(StatusState::schema, "its schema_version is " + version.dump() + ", not 1");
     }
-    return {StatusState::valid, "", contents_of(document)};
+    return {StatusState::valid, "", contents_of(document), false};
 }
 
 StatusFile read_open(int descriptor) {
@@ -141,9 +141,10 @@ StatusFile parse_status(const std::string& text) {
     try {
         return interpret(parse_once_each(repaired));
     } catch (const json::parse_error& e) {
-        return e.byte > repaired.size()
-                   ? fault(StatusState::unfinished, "it ends after " + std::to_string(text.size()) + " bytes")
-                   : fault(StatusState::invalid, "it is no JSON at byte " + std::to_string(e.byte));
+        if (e.byte <= repaired.size()) {
+            return fault(StatusState::invalid, "it is no JSON at byte " + std::to_string(e.byte));
+        }
+        return {StatusState::unfinished, "it ends after " + std::to_string(text.size()) + " bytes", {}, text.empty()};
     } catch (const std::exception& e) {  // std::invalid_argument, or a number that json takes for out of range
         return fault(StatusState::invalid, e.what());
     }
@@ -152,13 +153,13 @@ StatusFile parse_status(const std::string& text) {
 StatusFile read_status(const std::string& path) {
     struct stat found {};
     // Looked at before it is opened: a daemon that waits for a reader of a FIFO must not be let go by us.
-    if (stat(path.c_str(), &found) != 0) {
+    if (lstat(path.c_str(), &found) != 0) {
         return fault_of(errno);
     }
     if (!S_ISREG(found.st_mode)) {
         return fault(StatusState::not_regular, "it is no regular file");
     }
-    const File file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    const File file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (file.descriptor() < 0 || fstat(file.descriptor(), &found) != 0) {
         return fault_of(errno);
     }

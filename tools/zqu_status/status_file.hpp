@@ -19,7 +19,7 @@ enum class StatusState {
     valid,
     missing,      // there is none
     unreadable,   // it may not or cannot be read
-    not_regular,  // something else is in its place; not opened
+    not_regular,  // something else is in its place, a link included; not opened
     too_long,     // more than status_limit bytes
     unfinished,   // the beginning of a status file, or nothing
     invalid,      // no status file: bad JSON, a member missing, twice or of another type, a negative time
@@ -30,6 +30,7 @@ struct StatusFile {
     StatusState state = StatusState::missing;
     std::string reason;                // of every state but valid, for people; may hold foreign bytes
     SnapshotStore::Status contents{};  // with valid; texts as valid UTF-8
+    bool empty = false;                // with unfinished: it holds nothing
 };
 
 // The name of a state, as JSON tells it: "valid", "not_regular".

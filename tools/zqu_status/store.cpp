@@ -64,6 +64,15 @@ void look_at_definitions(const std::string& path, const std::string& flavor, Sto
     }
 }
 
+// Whether the link leads to a directory other than those directly below "snapshots". Unknown is false.
+bool leads_outside(const fs::path& root) {
+    std::error_code unresolved;
+    std::error_code no_snapshots;
+    const fs::path target = fs::canonical(root / "active", unresolved);
+    const fs::path snapshots = fs::canonical(root / "snapshots", no_snapshots);
+    return !unresolved && no_snapshots != std::errc::permission_denied && target.parent_path() != snapshots;
+}
+
 std::optional<std::size_t> count_snapshots(const std::string& path) {
     std::error_code error;
     std::size_t count = 0;
@@ -80,7 +89,8 @@ std::optional<std::size_t> count_snapshots(const std::string& path) {
 }  // namespace
 
 const char* name_of(LinkState state) {
-    static constexpr std::array<const char*, 5> names{"in_service", "missing", "unreadable", "no_link", "dangling"};
+    static constexpr std::array<const char*, 6> names{"in_service", "missing",  "unreadable",
+                                                      "no_link",    "dangling", "outside"};
     return names.at(static_cast<std::size_t>(state));
 }
 
@@ -95,6 +105,10 @@ Store look_at_store(const Config& cfg) {
     read_link(path, store);
     if (store.link == LinkState::in_service) {
         look_at_definitions(path, cfg.flavor, store);
+    }
+    if (store.link == LinkState::in_service && leads_outside(cfg.def_root)) {
+        store.link = LinkState::outside;
+        store.definitions.clear();
     }
     store.snapshots = count_snapshots(cfg.def_root + "/snapshots");
     return store;

@@ -15,11 +15,12 @@ namespace zqu::status_tool {
 
 // What the link "active" leads to.
 enum class LinkState {
-    in_service,  // a directory
+    in_service,  // a snapshot: a directory directly below "snapshots"
     missing,     // there is no link
     unreadable,  // it, or where it leads, may not or cannot be looked at
     no_link,     // something else is in its place
     dangling,    // no directory
+    outside,     // a directory elsewhere
 };
 
 enum class DefinitionState {

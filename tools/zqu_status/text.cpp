@@ -68,6 +68,21 @@ std::string shown(const std::string& text) {
     return text.size() > shown_bytes ? result + "..." : result;
 }
 
+std::string shell_line(const std::string& command, const std::vector<std::string>& paths) {
+    std::string line = command + " --";
+    for (const std::string& path : paths) {
+        line += " '";
+        for (const char c : path) {
+            if (!in_range(static_cast<unsigned char>(c), 0x20, 0x7E)) {
+                return "";
+            }
+            line += c == '\'' ? "'\\''" : std::string(1, c);
+        }
+        line += "'";
+    }
+    return line;
+}
+
 std::string as_utf8(const std::string& text) {
     std::string result;
     for (std::size_t at = 0; at < text.size();) {

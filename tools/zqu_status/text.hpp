@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace zqu::status_tool {
 
@@ -16,6 +17,10 @@ inline constexpr std::size_t shown_bytes = 200;
 // text as printable ASCII on one line, fit for a terminal, a log and a monitoring system: a backslash, a vertical bar
 // and every byte that is not printable ASCII become "\xNN" (lower case). What exceeds shown_bytes becomes "...".
 [[nodiscard]] std::string shown(const std::string& text);
+
+// A line for a shell: command, "--" and the paths, quoted. Empty when a path holds anything but printable ASCII: not
+// every terminal and form would leave it as it is.
+[[nodiscard]] std::string shell_line(const std::string& command, const std::vector<std::string>& paths);
 
 // text as valid UTF-8: every byte that belongs to no well-formed sequence (RFC 3629) becomes U+FFFD.
 [[nodiscard]] std::string as_utf8(const std::string& text);

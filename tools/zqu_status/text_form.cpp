@@ -48,7 +48,7 @@ std::string findings_text(const Report& report, bool colour) {
     for (const Finding& finding : report.findings) {
         const std::string name = name_of(finding.verdict);
         text += word(finding.verdict, colour) + std::string(label_width - name.size(), ' ') + finding.text + "\n";
-        text += paragraph(finding.advice);
+        text += paragraph(finding.advice) + (finding.command.empty() ? "" : line("", finding.command));
     }
     return text;
 }

@@ -1,0 +1,229 @@
+#include "layout.hpp"
+
+#include <endian.h>
+#include <grp.h>
+#include <linux/posix_acl.h>
+#include <linux/posix_acl_xattr.h>
+#include <pwd.h>
+#include <sys/xattr.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+
+#include "settings.hpp"
+
+namespace zqu::status_tool {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* service_user = "zel-quorin";
+constexpr std::size_t longest_list = 65536;  // of an extended attribute: xattr(7)
+
+// Somebody who may have rights: ACL_USER or ACL_GROUP with a number, or ACL_OTHER for everybody else.
+struct Subject {
+    unsigned tag = ACL_OTHER;
+    id_t id = 0;
+};
+
+struct Entry {
+    Subject subject;
+    unsigned rights = 0;
+};
+
+// The rights to one file or directory: its mode, and its groups and named users, the owning group first.
+struct Access {
+    struct stat found {};
+    std::vector<Entry> entries;
+};
+
+struct Service {
+    uid_t uid = 0;
+    gid_t gid = 0;
+};
+
+std::optional<Service> service() {
+    const passwd* entry = getpwnam(service_user);
+    return entry == nullptr ? std::nullopt : std::optional<Service>({entry->pw_uid, entry->pw_gid});
+}
+
+// The entries of the access ACL but for those of the owner, the mask and everybody else, which the mode has.
+std::vector<Entry> entries_of(const std::string& path, const struct stat& found) {
+    const unsigned mask = found.st_mode >> 3 & 7U;  // with an ACL, the group's bits of a mode are its mask
+    std::vector<Entry> entries{{{ACL_GROUP, found.st_gid}, mask}};
+    std::vector<char> list(longest_list);
+    const ssize_t size = lgetxattr(path.c_str(), "system.posix_acl_access", list.data(), list.size());
+    posix_acl_xattr_entry entry{};
+    for (std::size_t at = sizeof(posix_acl_xattr_header);
+         size > 0 && at + sizeof entry <= static_cast<std::size_t>(size); at += sizeof entry) {
+        std::memcpy(&entry, &list[at], sizeof entry);
+        const unsigned tag = le16toh(entry.e_tag);
+        const unsigned rights = le16toh(entry.e_perm) & mask;
+        if (tag == ACL_GROUP_OBJ) {
+            entries.front().rights = rights;
+        } else if (tag == ACL_USER || tag == ACL_GROUP) {
+            entries.push_back({{tag, le32toh(entry.e_id)}, rights});
+        }
+    }
+    return entries;
+}
+
+// path leads over no link.
+std::optional<Access> access_to(const std::string& path) {
+    struct stat found {};
+    if (lstat(path.c_str(), &found) != 0) {
+        return std::nullopt;
+    }
+    return Access{found, entries_of(path, found)};
+}
+
+// What the subject, a stranger but for its number, may do: acl(5), "access check algorithm".
+unsigned rights_of(const Subject& subject, const Access& access) {
+    std::optional<unsigned> rights;
+    for (const Entry& entry : access.entries) {
+        if (entry.subject.tag == subject.tag && entry.subject.id == subject.id) {
+            rights = rights.value_or(0U) | entry.rights;
+        }
+    }
+    return rights.value_or(access.found.st_mode & 7U);
+}
+
+bool is_stranger(const Subject& subject, uid_t owner, const std::optional<Service>& service) {
+    if (subject.tag == ACL_OTHER) {
+        return true;
+    }
+    const bool of_service = service && (owner == 0 || owner == service->uid) &&
+                            subject.id == (subject.tag == ACL_USER ? service->uid : service->gid);
+    if (subject.id == 0 || subject.id == owner || of_service) {
+        return false;
+    }
+    const passwd* entry = subject.tag == ACL_GROUP ? getpwuid(owner) : nullptr;
+    return entry == nullptr || entry->pw_gid != subject.id;
+}
+
+std::string name_of(const Subject& subject) {
+    if (subject.tag == ACL_USER) {
+        const passwd* entry = getpwuid(subject.id);
+        return "the user " + (entry != nullptr ? std::string(entry->pw_name) : std::to_string(subject.id));
+    }
+    const group* entry = getgrgid(subject.id);
+    return "the group " + (entry != nullptr ? std::string(entry->gr_name) : std::to_string(subject.id));
+}
+
+// The directories from the one above path up to "/"; nothing when one of them cannot be looked at.
+std::vector<Access> directories_above(fs::path path) {
+    std::vector<Access> result;
+    while (path != path.parent_path()) {
+        path = path.parent_path();
+        const std::optional<Access> access = access_to(path);
+        if (!access) {
+            return {};
+        }
+        result.push_back(*access);
+    }
+    return result;
+}
+
+// In a sticky directory nobody can replace the status file. A sticky directory of definitions is no better than
+// another: the next release could be made there first.
+bool may_be_shared(const Place& place) {
+    const bool of_status = place.role == Role::manifest || place.role == Role::status_directory;
+    const mode_t mode = place.found.st_mode;
+    return (of_status && (mode & S_ISVTX) != 0) || !(S_ISDIR(mode) || S_ISREG(mode));
+}
+
+void find_writers(Place& place, const std::optional<Service>& service) {
+    std::error_code error;
+    const fs::path path = fs::canonical(place.path, error);
+    const std::optional<Access> access = error ? std::nullopt : access_to(path);
+    const std::vector<Access> above = access ? directories_above(path) : std::vector<Access>();
+    if (above.empty()) {
+        return;
+    }
+    place.group_rights = access->entries.front().rights;
+    std::vector<Entry> candidates = access->entries;
+    candidates.push_back({{ACL_OTHER, 0}, place.found.st_mode & 7U});
+    for (const Entry& candidate : candidates) {
+        const Subject& subject = candidate.subject;
+        const bool reaches = std::all_of(above.begin(), above.end(), [&subject](const Access& directory) {
+            return (rights_of(subject, directory) & 1U) != 0;
+        });
+        if ((candidate.rights & 2U) == 0 || !reaches || !is_stranger(subject, place.found.st_uid, service) ||
+            may_be_shared(place)) {
+            continue;
+        }
+        if (subject.tag == ACL_OTHER) {
+            place.everybody = true;
+        } else {
+            place.writers.push_back(name_of(subject));
+        }
+    }
+}
+
+// Whether path could be looked at. A link that leads nowhere is looked at itself.
+bool look(const std::string& path, bool follow, struct stat& found) {
+    if (follow && stat(path.c_str(), &found) == 0) {
+        return true;
+    }
+    return (!follow || errno == ENOENT || errno == ELOOP || errno == ENOTDIR) && lstat(path.c_str(), &found) == 0;
+}
+
+// Without "." and ".." and slashes that do not count; empty for the working directory.
+fs::path normal(const fs::path& directory) {
+    return (directory / ".").lexically_normal().parent_path();
+}
+
+bool is_below(const fs::path& path, const fs::path& root) {
+    return std::mismatch(root.begin(), root.end(), path.begin(), path.end()).first == root.end();
+}
+
+// The places to look at: role and path.
+std::vector<std::pair<Role, std::string>> places_of(const Config& cfg, const Store& store) {
+    const std::string snapshots = cfg.def_root + "/snapshots";
+    std::vector<std::pair<Role, std::string>> places{{Role::root, cfg.def_root}, {Role::snapshots, snapshots}};
+    const fs::path root = normal(cfg.def_root);
+    const fs::path directory = normal(fs::path(cfg.status_path).parent_path());
+    if (!cfg.status_path.empty() && directory != root && directory != root / "snapshots") {
+        places.emplace_back(is_below(directory, root) ? Role::manifest : Role::status_directory,
+                            directory.empty() ? "." : directory);
+    }
+    places.emplace_back(Role::status_file, cfg.status_path);
+    if (store.published) {
+        places.emplace_back(Role::snapshot, snapshots + "/" + store.version);
+    }
+    for (const Definition& definition : store.definitions) {
+        places.emplace_back(Role::definition, snapshots + "/" + store.version + "/" + definition.name);
+    }
+    return places;
+}
+
+}  // namespace
+
+const Place* Layout::at(Role role) const {
+    const auto found =
+        std::find_if(places.begin(), places.end(), [role](const Place& place) { return place.role == role; });
+    return found == places.end() ? nullptr : &*found;
+}
+
+Layout look_at_layout(const std::string& config_path, const Config& cfg, const Store& store) {
+    const std::optional<Service> known = service();
+    Layout layout;
+    layout.packaged = known && config_path == tools::default_config_path && cfg.def_root == Config().def_root;
+    layout.group = known ? std::optional<gid_t>(known->gid) : std::nullopt;
+    for (const auto& [role, path] : places_of(cfg, store)) {
+        Place place;
+        place.role = role;
+        place.path = path;
+        if (look(path, role == Role::root || role == Role::status_directory, place.found)) {
+            find_writers(place, known);
+            layout.places.push_back(place);
+        }
+    }
+    return layout;
+}
+
+}  // namespace zqu::status_tool
