@@ -106,7 +106,7 @@ class Root(Front):
 
     def expect_order(self, version):
         """Nothing is there but whole snapshots and what is ours, and zqu-status finds nothing."""
-        self.system.wait_for(lambda: self.system.active() == version)
+        self.system.wait_for(lambda: self.system.active() == version and self.findings() == {})
         self.system.stop()
         assert self.findings() == {}
         found = self.entries()

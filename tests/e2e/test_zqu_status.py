@@ -607,8 +607,6 @@ own=/usr/local/own
 echo def_root = $own >../etc/zel_quorin_updater.conf
 echo status_path = $own/manifest/status.json >>../etc/zel_quorin_updater.conf
 cp -a . $own
-chown -hR 64321 $own
-chmod 750 $own
 """
 # What is changed there, then what is found: finding, command, and text after the root.
 ON_PACKAGES = {

@@ -76,11 +76,11 @@ void judge_configuration(const Facts& facts, Findings& found) {
 void judge_kind(const Place& place, const Facts& facts, Findings& found) {
     const bool link = S_ISLNK(place.found.st_mode);
     const char* wrong = !link ? " is no directory" : place.role == Role::root ? " leads nowhere" : " is a link";
-    const std::string command = place.role == Role::root        ? ""
-                                : place.role == Role::snapshots ? link_removal(facts)
-                                                                : shell_line("rm -f", {place.path});
+    const std::string elsewhere =
+        place.role == Role::snapshots ? link_removal(facts) : shell_line("rm -f", {place.path});
+    const std::string command = place.role == Role::root ? "" : restart_or(facts, elsewhere);
     found.push_back({"directory_kind", Verdict::critical, shown(place.path) + wrong,
-                     "Once it is gone, the next start of the daemon makes the directory.", restart_or(facts, command)});
+                     "Once it is gone, the next start of the daemon makes the directory.", command});
 }
 
 void judge_owner(const Place& place, const Facts& facts, Findings& found) {

@@ -212,7 +212,7 @@ const Place* Layout::at(Role role) const {
 Layout look_at_layout(const std::string& config_path, const Config& cfg, const Store& store) {
     const std::optional<Service> known = service();
     Layout layout;
-    layout.packaged = known && config_path == tools::default_config_path && cfg.def_root == Config().def_root;
+    layout.packaged = known && config_path == tools::default_config_path;
     layout.group = known ? std::optional<gid_t>(known->gid) : std::nullopt;
     for (const auto& [role, path] : places_of(cfg, store)) {
         Place place;

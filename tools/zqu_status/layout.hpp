@@ -35,7 +35,7 @@ struct Place {
 };
 
 struct Layout {
-    bool packaged = false;       // configuration, root and user are those of the packages
+    bool packaged = false;       // configuration and user are those of the packages; the root may be elsewhere
     std::optional<gid_t> group;  // that the packaged service runs as, when its user exists
     std::vector<Place> places;   // in the order of their roles
 
