@@ -648,7 +648,7 @@ def test_mirror_that_fails_is_an_error_with_the_reasons(place, nginx, mirror, cl
     place.expect(f"{start}GET {url}/d/antivir-v2-hit.ini: Couldn't connect to server", options=("--online",))
     mirror.write("antivir-v2-hit.ini", "defId = \n")
     place.write(f"mirror_base_url = {nginx.url()}\nmirror_subdir = {mirror.subdir}\nca_path = {nginx.ca_path}\n")
-    place.expect(f"{start}parse_hit_defid: no [Current] defId", options=("--online",))
+    place.expect(f"{start}antivir-v2-hit.ini names no release", options=("--online",))
 
 
 def test_mirror_that_stalls_is_given_up(place):

@@ -311,7 +311,7 @@ def test_a_missing_file_is_refused_and_the_mirror_is_untouched(mirror_tool_place
 def test_a_line_break_in_a_path_does_not_break_the_line(mirror_tool_place):
     place = mirror_tool_place
     place.aivsecon = place.base / "a\nb"
-    place.require_refused(f"cannot open {place.base}/a?b: No such file or directory")
+    place.require_refused(f"cannot open {place.base}/a\\x0Ab: No such file or directory")
 
 
 @pytest.mark.parametrize("make", [Path.mkdir, os.mkfifo], ids=["directory", "fifo"])
@@ -435,7 +435,7 @@ def require_each_limit_refused(place, limits, publish):
             assert place.check()[0] == 0
             return lines
         assert (code, out) == (1, "")
-        assert re.fullmatch(r"zqu-mirror: [^\n]*(No space left on device|File too large|is there room)[^\n]*\n", err)
+        assert re.fullmatch(r"zqu-mirror: [^\n]*(No space left on device|File too large)[^\n]*\n", err)
         assert tree(place.mirror) == before
         lines.add(err)
     pytest.fail("no limit was wide enough")
@@ -514,18 +514,9 @@ def touched_paths(mirror):
     """All that a publish of "new" may name on the mirror."""
     top = [mirror, mirror / "rhex", mirror / "rhex/deffiles", mirror / SUBDIR]
     work = mirror / SUBDIR / WORK
-    inside = [
-        "archive",
-        "info",
-        "hit",
-        "unpacked",
-        "unpacked/antivir-v2.ini",
-        "unpacked/antivir-v2.def",
-        "unpacked/aivsecon-v2.def",
-    ]
+    inside = ["archive", "info", "hit"]
     final = ["antivir-v2-hit.ini", "antivir-v2-c-new.ini", "antivir-v2-c-new.cab"]
-    relative = ["./antivir-v2.ini", "./antivir-v2.def", "./aivsecon-v2.def"]  # unpacked from within
-    return [*top, work, *(work / name for name in inside), *(mirror / SUBDIR / name for name in final), *relative]
+    return [*top, work, *(work / name for name in inside), *(mirror / SUBDIR / name for name in final)]
 
 
 def calls_made(place, mirror):
@@ -570,7 +561,7 @@ def test_a_kill_at_any_system_call_leaves_a_whole_release_and_the_next_publish_c
     reference = copy_of(place.mirror, "reference")
     calls = calls_made(place, reference)
     new = tree(reference)
-    assert {"mkdir", "openat", "write", "fsync", "rename", "unlinkat", "rmdir"} <= set(calls)
+    assert {"mkdir", "openat", "write", "fsync", "rename", "rmdir"} <= set(calls)
     names_after = {}  # what a client finds on a mirror and the next publish heals, by the mirror's whole content
 
     def heal(mirror):
@@ -648,7 +639,7 @@ def test_the_hit_ini_is_moved_last_and_everything_is_flushed_before(mirror_tool_
     steps = [
         re.sub(r"^(\w+)\((?:\d+<)?(.*?)>?\) += 0$", r"\1 \2", line).replace('"', "")
         for line in text.splitlines()
-        if not line.startswith("+++")
+        if not line.startswith(("+++", "---"))
     ]
     assert steps == [
         "fsync D/W/archive",
@@ -656,10 +647,6 @@ def test_the_hit_ini_is_moved_last_and_everything_is_flushed_before(mirror_tool_
         "rename D/W/archive, D/antivir-v2-c-new.cab",
         "rename D/W/info, D/antivir-v2-c-new.ini",
         "fsync D",
-        "fsync D/W/unpacked/antivir-v2.ini",
-        "fsync D/W/unpacked/antivir-v2.def",
-        "fsync D/W/unpacked/aivsecon-v2.def",
-        "fsync D/W/unpacked",
         "fsync D/W/hit",
         "rename D/W/hit, D/antivir-v2-hit.ini",
         "fsync D",
@@ -672,13 +659,13 @@ def test_the_hit_ini_is_moved_last_and_everything_is_flushed_before(mirror_tool_
 @pytest.mark.parametrize(
     "number, words", [(signal.SIGINT, "Interrupt"), (signal.SIGTERM, "Terminated"), (signal.SIGHUP, "Hangup")]
 )
-@pytest.mark.parametrize("where", ["archive", "info", "./antivir-v2.def", "hit"])
+@pytest.mark.parametrize("where", ["archive", "info", "hit"])
 def test_a_signal_ends_the_run_and_the_mirror_is_untouched(mirror_tool_place, number, words, where):
     place = mirror_tool_place
     for prepare in (lambda: None, place.publish_old):
         prepare()
         before = tree(place.mirror)
-        with Stopped(place, where if where[0] == "." else place.dir / WORK / where) as stopped:
+        with Stopped(place, place.dir / WORK / where) as stopped:
             assert WORK in release_files(place.mirror)
             stopped.signal(number)
             assert stopped.finish() == (128 + number, "", f"zqu-mirror: ended by signal: {words}\n")
@@ -737,11 +724,7 @@ def test_a_file_that_changes_with_its_time_put_back_is_refused_and_the_mirror_is
     before = tree(place.mirror)
     with Stopped(place, place.dir / WORK / "archive") as stopped:
         rewrite_in_secret(place.antivir)
-        assert stopped.finish() == (
-            1,
-            "",
-            "zqu-mirror: the archive does not unpack to what was read: " f"is there room in {place.dir}?\n",
-        )
+        assert stopped.finish() == (1, "", "zqu-mirror: the archive does not hold what was read\n")
     assert tree(place.mirror) == before
 
 
@@ -851,10 +834,10 @@ ONLY_AIVSECON = f"aivsecon-v2.def.sha256 = {sha256(b'two')}\n".encode()
             },
         ),
         (
-            {"entries": {"a\x1b[2J\nok": b""}, "defId": "8\x07"},
+            {"entries": {"a\x1b[2J\nok": b""}, "defId": "8\x07\u009b\u202e"},
             {
-                "defid": "warning  def.Current.defId is another id: 8?",
-                "others": "warning  a?[2J?ok is in the archive too: clients drop it",
+                "defid": "warning  def.Current.defId is another id: 8\\x07\\xC2\\x9B\\xE2\\x80\\xAE",
+                "others": "warning  a\\x1B[2J\\x0Aok is in the archive too: clients drop it",
             },
         ),
         ({"entries": {"antivir-v2.ini": ONLY_AIVSECON}}, {"antivir": UNCHECKED.format("antivir-v2.def")}),
@@ -879,31 +862,29 @@ def test_what_a_client_bears_is_at_most_a_warning(mirror_tool_place, mirror_tool
     assert (code, out, err) == (0, steps(data, **instead), "")
 
 
-NO_INFO = "zqu-mirror: parse_complete_info: missing def.Current.name/SHA256\n"
+MISSING = "Couldn't read a file:// file"
+NO_URL = "URL using bad/illegal format or missing URL"
 
 
 @pytest.mark.parametrize(
-    "made, instead, logged",
+    "made, instead",
     [
-        (
-            {"hit": "[Current]\n"},
-            {"hit": "FAULT    antivir-v2-hit.ini cannot be fetched, or names no release"},
-            "zqu-mirror: parse_hit_defid: no [Current] defId\n",
-        ),
+        ({"hit": "[Current]\n"}, {"hit": "FAULT    antivir-v2-hit.ini names no release"}),
         (
             {"hit": "defId = 9\n"},
             {
                 "hit": "ok       antivir-v2-hit.ini names 9",
-                "info": "FAULT    antivir-v2-c-9.ini cannot be fetched, or names no archive",
+                "info": f"FAULT    GET file://{{}}/antivir-v2-c-9.ini: {MISSING}",
             },
-            "zqu-mirror: GET file://{}/antivir-v2-c-9.ini: Couldn't read a file:// file\n",
         ),
-        ({"name": None}, {"info": "FAULT    antivir-v2-c-7.ini cannot be fetched, or names no archive"}, NO_INFO),
-        ({"SHA256": ""}, {"info": "FAULT    antivir-v2-c-7.ini cannot be fetched, or names no archive"}, NO_INFO),
+        ({"name": None}, {"info": "FAULT    antivir-v2-c-7.ini names no archive or no digest"}),
+        ({"SHA256": ""}, {"info": "FAULT    antivir-v2-c-7.ini names no archive or no digest"}),
         (
             {"name": "y.zip"},
-            {"info": "ok       antivir-v2-c-7.ini names y.zip", "download": "FAULT    y.zip cannot be downloaded"},
-            "zqu-mirror: download_cab file://{}/y.zip: Couldn't read a file:// file\n",
+            {
+                "info": "ok       antivir-v2-c-7.ini names y.zip",
+                "download": f"FAULT    GET file://{{}}/y.zip: {MISSING}",
+            },
         ),
         (
             {"name": "../y.zip"},
@@ -911,34 +892,32 @@ NO_INFO = "zqu-mirror: parse_complete_info: missing def.Current.name/SHA256\n"
                 "info": "ok       antivir-v2-c-7.ini names ../y.zip",
                 "download": "FAULT    the archive's name is a path: ../y.zip",
             },
-            "",
         ),
         (
             {"hit": "defId = 7\x1b[2J\rok\n"},
-            {"hit": "FAULT    antivir-v2-hit.ini names an id that makes no URL: 7?[2J?ok"},
-            "",
+            {
+                "hit": "ok       antivir-v2-hit.ini names 7\\x1B[2J\\x0Dok",
+                "info": f"FAULT    GET file://{{}}/antivir-v2-c-7\\x1B[2J\\x0Dok.ini: {NO_URL}",
+            },
         ),
         (
-            {"name": "x\x1b[2J.zip"},
+            {"name": "x\u009b\u202e.zip"},
             {
-                "info": "ok       antivir-v2-c-7.ini names x?[2J.zip",
-                "download": "FAULT    the archive's name makes no URL: x?[2J.zip",
+                "info": "ok       antivir-v2-c-7.ini names x\\xC2\\x9B\\xE2\\x80\\xAE.zip",
+                "download": f"FAULT    GET file://{{}}/x\\xC2\\x9B\\xE2\\x80\\xAE.zip: {MISSING}",
             },
-            "",
         ),
-        ({"SHA256": "00"}, {"digest": "FAULT    x.zip does not have the digest 00"}, ""),
+        ({"SHA256": "00"}, {"digest": "FAULT    x.zip does not have the digest 00"}),
         (
             {"entries": {"antivir-v2.def": b"bad"}},
             {"antivir": "FAULT    antivir-v2.def does not have the digest that the index gives"},
-            "",
         ),
         (
             {"entries": {"aivsecon-v2.def": b"bad"}},
             {"aivsecon": "FAULT    aivsecon-v2.def does not have the digest that the index gives"},
-            "",
         ),
-        ({"entries": {"antivir-v2.def": None}}, {"antivir": "FAULT    antivir-v2.def is not in the archive"}, ""),
-        ({"entries": {"aivsecon-v2.def": None}}, {"aivsecon": "FAULT    aivsecon-v2.def is not in the archive"}, ""),
+        ({"entries": {"antivir-v2.def": None}}, {"antivir": "FAULT    antivir-v2.def is not in the archive"}),
+        ({"entries": {"aivsecon-v2.def": None}}, {"aivsecon": "FAULT    aivsecon-v2.def is not in the archive"}),
     ],
     ids=[
         "no id",
@@ -956,10 +935,10 @@ NO_INFO = "zqu-mirror: parse_complete_info: missing def.Current.name/SHA256\n"
         "aivsecon missing",
     ],
 )
-def test_what_a_client_fails_on_is_a_fault_with_the_reason(mirror_tool_place, mirror_tool_temp, made, instead, logged):
+def test_what_a_client_fails_on_is_a_fault_with_the_reason(mirror_tool_place, mirror_tool_temp, made, instead):
     place = mirror_tool_place
     data, code, out, err = check_made(place, mirror_tool_temp, **made)
-    assert (code, out, err) == (1, steps(data, **instead), logged.format(place.dir))
+    assert (code, out, err) == (1, steps(data, **instead).format(place.dir), "")
 
 
 def test_an_archive_that_cannot_be_unpacked_is_a_fault(mirror_tool_place, mirror_tool_temp):
@@ -970,9 +949,8 @@ def test_an_archive_that_cannot_be_unpacked_is_a_fault(mirror_tool_place, mirror
     info = place.dir / "antivir-v2-c-7.ini"
     info.write_text(f"def.Current.name = x.zip\ndef.Current.SHA256 = {sha256(junk)}\ndef.Current.size = 500\n")
     code, out, err = place.check(env=mirror_tool_temp)
-    assert (code, out) == (1, steps(junk, unpack="FAULT    x.zip cannot be unpacked"))
-    temp = re.escape(mirror_tool_temp["TMPDIR"])
-    assert re.fullmatch(f"(zqu-mirror: extract: cannot open {temp}/zqu-mirror-\\w{{6}}/x.zip: [^\n]+\n)?", err)
+    fault = "FAULT    x.zip cannot be unpacked: Unrecognized archive format"
+    assert (code, out, err) == (1, steps(junk, unpack=fault), "")
 
 
 def test_a_signal_ends_a_check_and_its_temporaries(mirror_tool_place, mirror_tool_temp, monkeypatch):
@@ -1060,17 +1038,11 @@ def test_a_mirror_behind_https_is_checked_with_its_authority(mirror_tool_server,
     checked = place.check("--ca", base / "ca.pem", mirror=url, env=mirror_tool_temp)
     assert checked == (0, clean_check("20240131.007", "antivir-v2-c-20240131.007.cab", data), "")
     missing = place.check("--ca", base / "ca.pem", "--flavor", "v9", mirror=url, env=mirror_tool_temp)
-    assert missing == (
-        1,
-        "FAULT    antivir-v9-hit.ini cannot be fetched, or names no release\n",
-        f"zqu-mirror: GET {url}/{SUBDIR}/antivir-v9-hit.ini: HTTP response code said error\n",
-    )
+    url = f"{url}/{SUBDIR}/antivir-v9-hit.ini"
+    assert missing == (1, f"FAULT    GET {url}: HTTP response code said error\n", "")
 
 
 def test_a_mirror_whose_authority_is_unknown_is_a_fault(mirror_tool_server, mirror_tool_place):
     _, url = mirror_tool_server
-    code, out, err = mirror_tool_place.check(mirror=url)
-    assert (code, out) == (1, "FAULT    antivir-v2-hit.ini cannot be fetched, or names no release\n")
-    assert err == (
-        f"zqu-mirror: GET {url}/{SUBDIR}/antivir-v2-hit.ini: " "SSL peer certificate or SSH remote key was not OK\n"
-    )
+    fault = f"GET {url}/{SUBDIR}/antivir-v2-hit.ini: SSL peer certificate or SSH remote key was not OK"
+    assert mirror_tool_place.check(mirror=url) == (1, f"FAULT    {fault}\n", "")

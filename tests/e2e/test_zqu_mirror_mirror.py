@@ -5,7 +5,6 @@ import re
 import shutil
 import signal
 import subprocess
-import zipfile
 from concurrent.futures import ThreadPoolExecutor
 
 import archives
@@ -59,9 +58,9 @@ class Place(Setting):
         hit = ("0o644", f"[Current]\ndefId = {ids[-1]}\n".encode())
         return {".": ("0o755", None), **content, HIT: hit}
 
-    def expect_refused(self, line, logged=""):
+    def expect_refused(self, line):
         before = tree(self.mirror), file_times(self.mirror)
-        assert self.copy() == (1, "", f"{logged}zqu-mirror: {line}\n")
+        assert self.copy() == (1, "", f"zqu-mirror: {line}\n")
         assert (tree(self.mirror), file_times(self.mirror)) == before
 
 
@@ -210,37 +209,31 @@ def named(name):
 
 
 UPSTREAM = "the upstream mirror's"
-GET_ERROR = "zqu-mirror: GET {{url}}/{}: HTTP response code said error\n"
-NO_HIT = f"{UPSTREAM} {HIT} cannot be fetched, or names no release"
+GET_ERROR = "GET {{url}}/{}: HTTP response code said error"
+REFUSED = f"{UPSTREAM} archive is refused:"
 LONG = "x" * (255 - len(".cab.part")) + "y.cab"
 
 TAMPERED = {
-    "no hit INI": (lambda place: place.upstream.path(HIT).unlink(), NO_HIT, GET_ERROR.format(HIT)),
-    "no id": (with_id(""), NO_HIT, "zqu-mirror: parse_hit_defid: no [Current] defId\n"),
-    "no info": (
-        with_id("9"),
-        f"{UPSTREAM} {info('9')} cannot be fetched",
-        GET_ERROR.format(info("9")),
-    ),
-    "id is a path": (with_id("../9"), f"{UPSTREAM} id ../9 is refused: it {NAME_RULE}", ""),
-    "id is absolute": (with_id("/etc/x"), f"{UPSTREAM} id /etc/x is refused: it {NAME_RULE}", ""),
-    "id is dots": (with_id(".."), f"{UPSTREAM} id .. is refused: it {DOTS_RULE}", ""),
-    "id is encoded": (with_id("a%2fb"), f"{UPSTREAM} id a%2fb is refused: it {NAME_RULE}", ""),
-    "id is hit": (with_id("hit"), f"{UPSTREAM} id hit is refused: it {HIT_RULE}", ""),
-    "id ends in -hit": (with_id("9-hit"), f"{UPSTREAM} id 9-hit is refused: it {HIT_RULE}", ""),
-    "id is too long": (with_id("x" * 300), f"{UPSTREAM} id {'x' * 300} is refused: it is too long for a file name", ""),
+    "no hit INI": (lambda place: place.upstream.path(HIT).unlink(), GET_ERROR.format(HIT)),
+    "no id": (with_id(""), f"{HIT} names no release"),
+    "no info": (with_id("9"), GET_ERROR.format(info("9"))),
+    "id is a path": (with_id("../9"), f"{UPSTREAM} id ../9 is refused: it {NAME_RULE}"),
+    "id is absolute": (with_id("/etc/x"), f"{UPSTREAM} id /etc/x is refused: it {NAME_RULE}"),
+    "id is dots": (with_id(".."), f"{UPSTREAM} id .. is refused: it {DOTS_RULE}"),
+    "id is encoded": (with_id("a%2fb"), f"{UPSTREAM} id a%2fb is refused: it {NAME_RULE}"),
+    "id is hit": (with_id("hit"), f"{UPSTREAM} id hit is refused: it {HIT_RULE}"),
+    "id ends in -hit": (with_id("9-hit"), f"{UPSTREAM} id 9-hit is refused: it {HIT_RULE}"),
+    "id is too long": (with_id("x" * 300), f"{UPSTREAM} id {'x' * 300} is refused: it is too long for a file name"),
     "no name": (
         lambda place: rewrite_info(place, name=""),
-        f"{UPSTREAM} {info('1002')} names no archive or no digest",
-        "zqu-mirror: parse_complete_info: missing def.Current.name/SHA256\n",
+        f"{info('1002')} names no archive or no digest",
     ),
     "no digest": (
         lambda place: rewrite_info(place, SHA256=""),
-        f"{UPSTREAM} {info('1002')} names no archive or no digest",
-        "zqu-mirror: parse_complete_info: missing def.Current.name/SHA256\n",
+        f"{info('1002')} names no archive or no digest",
     ),
     **{
-        f"archive {name[:20]}": (named(name), f"{UPSTREAM} archive name {name} is refused: it {rule}", "")
+        f"archive {name[:20]}": (named(name), f"{UPSTREAM} archive name {name} is refused: it {rule}")
         for name, rule in [
             ("../x.cab", NAME_RULE),
             ("sub/x.cab", NAME_RULE),
@@ -251,32 +244,24 @@ TAMPERED = {
             (LONG, "is too long for a file name"),
         ]
     },
-    "archive missing": (
-        named("gone.cab"),
-        f"{UPSTREAM} gone.cab cannot be downloaded",
-        "zqu-mirror: download_cab {url}/gone.cab: HTTP response code said error\n",
-    ),
-    "archive damaged": (damage_archive, f"{UPSTREAM} {cab('1002')} does not have the digest {{digest}}", ""),
-    "archive cut": (cut_archive, f"{UPSTREAM} {cab('1002')} does not have the digest {{digest}}", ""),
+    "archive missing": (named("gone.cab"), GET_ERROR.format("gone.cab")),
+    "archive damaged": (damage_archive, f"{UPSTREAM} {cab('1002')} does not have the digest {{digest}}"),
+    "archive cut": (cut_archive, f"{UPSTREAM} {cab('1002')} does not have the digest {{digest}}"),
     "no archive at all": (
         replace_archive(b"\0" * 1000),
-        f"{UPSTREAM} archive cannot be unpacked: is there room in {{folder}}?",
-        "zqu-mirror: extract: cannot open {folder}/.zqu-mirror.work/archive: Unrecognized archive format\n",
+        f"{REFUSED} {cab('1002')} cannot be unpacked: Unrecognized archive format",
     ),
     "antivir missing": (
         with_entries(lambda entries: entries.pop("antivir-v2.def")),
-        f"{UPSTREAM} archive lacks antivir-v2.def",
-        "",
+        f"{REFUSED} antivir-v2.def is not in the archive",
     ),
     "aivsecon missing": (
         with_entries(lambda entries: entries.pop("aivsecon-v2.def")),
-        f"{UPSTREAM} archive lacks aivsecon-v2.def",
-        "",
+        f"{REFUSED} aivsecon-v2.def is not in the archive",
     ),
     "aivsecon damaged": (
         with_entries(lambda entries: entries.update({"aivsecon-v2.def": b"other"})),
-        f"{UPSTREAM} archive holds another aivsecon-v2.def than its index says",
-        "",
+        f"{REFUSED} aivsecon-v2.def does not have the digest that the index gives",
     ),
 }
 
@@ -284,15 +269,14 @@ TAMPERED = {
 @pytest.mark.parametrize("populated", [False, True], ids=["first", "next"])
 @pytest.mark.parametrize("fault", TAMPERED)
 def test_what_a_client_would_refuse_or_no_name_may_be_leaves_the_mirror_untouched(place, fault, populated):
-    make, line, logged = TAMPERED[fault]
+    make, line = TAMPERED[fault]
     if populated:
         place.upstream.publish("1001")
         assert place.copy()[0] == 0
     place.upstream.publish("1002")
     digest = sha256(place.upstream.path(cab("1002")).read_bytes())
     make(place)
-    words = {"digest": digest, "url": f"{place.nginx.url()}/{place.upstream.subdir}", "folder": place.dir}
-    place.expect_refused(line.format(**words), logged=logged.format(**words))
+    place.expect_refused(line.format(digest=digest, url=f"{place.nginx.url()}/{place.upstream.subdir}"))
 
 
 def test_what_the_index_does_not_name_is_accepted_as_the_daemon_accepts_it(place):
@@ -343,33 +327,7 @@ def test_an_archive_that_a_killed_run_has_left_is_replaced(place):
 
 
 # Takes the right to pass over permissions from a run as root.
-BARE = ["setpriv", "--bounding-set=-all", "--inh-caps=-all"] if os.geteuid() == 0 else []
-
-
-def run_bare(*args):
-    done = subprocess.run([*BARE, TOOL, *args], capture_output=True, text=True, timeout=60)
-    return done.returncode, done.stdout, done.stderr
-
-
-def publish_inaccessible(upstream, id):
-    """A release whose archive ends with an entry that takes all permissions from the folder it is unpacked in."""
-    with zipfile.ZipFile(upstream.path(cab(id)), "w") as archive:
-        for name, content in upstream.entries(id):
-            archive.writestr(name, content)
-        folder = zipfile.ZipInfo("folder/")
-        folder.create_system = 3
-        folder.external_attr = 0o40000 << 16 | 0x10
-        archive.writestr(folder, "")
-    upstream.announce(id, cab(id))
-
-
-def test_an_archive_that_takes_the_permissions_of_its_folder_is_refused_and_leaves_nothing(place):
-    publish_inaccessible(place.upstream, "1001")
-    code, out, err = run_bare(*place.words())
-    assert (code, out, "Permission denied" in err) == (1, "", True)
-    assert not place.mirror.exists()
-    place.upstream.publish("1002")
-    assert run_bare(*place.words()) == place.done("1002")
+BARE = ["setpriv", "--bounding-set=-all,+setuid,+setgid", "--inh-caps=-all"] if os.geteuid() == 0 else []
 
 
 def test_what_a_killed_run_has_left_without_permissions_is_removed(place):
@@ -381,17 +339,8 @@ def test_what_a_killed_run_has_left_without_permissions_is_removed(place):
         (place.dir / WORK / "unpacked").mkdir(parents=True)
         (place.dir / WORK / "unpacked" / "antivir-v2.def").write_text("left\n")
         (place.dir / WORK / "unpacked").chmod(0)
-        code, _, err = run_bare(*command)
-        assert (code, err, (place.dir / WORK).exists()) == (0, "", False)
-
-
-def test_a_check_of_an_archive_that_takes_the_permissions_of_its_folder_leaves_nothing(place, monkeypatch):
-    publish_inaccessible(place.upstream, "1001")
-    (place.base / "temporary").mkdir()
-    monkeypatch.setenv("TMPDIR", str(place.base / "temporary"))
-    url = ["--ca", place.nginx.ca_path, "--subdir", place.upstream.subdir, place.nginx.url()]
-    assert run_bare("check", *url)[0] == 1
-    assert list((place.base / "temporary").iterdir()) == []
+        done = subprocess.run([*BARE, TOOL, *command], capture_output=True, timeout=60)
+        assert (done.returncode, done.stderr, (place.dir / WORK).exists()) == (0, b"", False)
 
 
 @pytest.mark.parametrize("certificate", ["wrong_host", "expired", "unknown_authority"])
@@ -399,8 +348,8 @@ def test_an_upstream_that_cannot_prove_who_it_is_is_refused(place, certificate):
     place.upstream.publish("1001")
     url = place.nginx.url(certificate)
     result = run("mirror", "--ca", place.nginx.ca_path, "--subdir", place.upstream.subdir, url, place.mirror)
-    logged = f"GET {url}/{place.upstream.subdir}/{HIT}: SSL peer certificate or SSH remote key was not OK"
-    assert result == (1, "", f"zqu-mirror: {logged}\nzqu-mirror: {NO_HIT}\n")
+    reason = "SSL peer certificate or SSH remote key was not OK"
+    assert result == (1, "", f"zqu-mirror: GET {url}/{place.upstream.subdir}/{HIT}: {reason}\n")
     assert not place.mirror.exists()
 
 
@@ -411,10 +360,9 @@ def test_an_upstream_that_falls_silent_is_given_up(place, authority, scripted_co
         server.script = {HIT: [stall]}
         words = ["--ca", place.base / "ca.pem", "--timeout", "1", "--subdir", "defs"]
         result = run("mirror", *words, server.base().removesuffix("/defs"), place.mirror)
-        logged = f"zqu-mirror: GET {server.base()}/{HIT}: Timeout was reached\n"
     finally:
         server.stop()
-    assert result == (1, "", f"{logged}zqu-mirror: {NO_HIT}\n")
+    assert result == (1, "", f"zqu-mirror: GET {server.base()}/{HIT}: Timeout was reached\n")
     assert not place.mirror.exists()
 
 
@@ -434,7 +382,7 @@ def test_a_run_beside_a_publish_is_refused(place):
     with Stopped(place, place.dir / WORK / "archive") as publishing:
         assert place.copy() == (1, "", line)
         assert publishing.finish()[0] == 0
-    with Stopped(place, place.dir / WORK / "archive.part", tool_args=place.words()) as copying:
+    with Stopped(place, place.dir / WORK / "archive", tool_args=place.words()) as copying:
         assert place.publish("other") == (1, "", line)
         assert run("prune", "--keep", "1", place.mirror) == (1, "", line)
         assert copying.finish() == place.done("1001")
@@ -444,13 +392,12 @@ def test_a_run_beside_a_publish_is_refused(place):
 @pytest.mark.parametrize(
     "number, words", [(signal.SIGINT, "Interrupt"), (signal.SIGTERM, "Terminated"), (signal.SIGHUP, "Hangup")]
 )
-@pytest.mark.parametrize("where", ["archive.part", "./antivir-v2.def", "hit"])
+@pytest.mark.parametrize("where", ["archive", "hit"])
 def test_a_signal_ends_the_run_and_the_mirror_is_untouched(place, number, words, where):
     place.publish_old()
     place.upstream.publish("1001")
     before = tree(place.mirror)
-    path = where if where[0] == "." else place.dir / WORK / where
-    with Stopped(place, path, tool_args=place.words()) as stopped:
+    with Stopped(place, place.dir / WORK / where, tool_args=place.words()) as stopped:
         stopped.signal(number)
         assert stopped.finish() == (128 + number, "", f"zqu-mirror: ended by signal: {words}\n")
     assert tree(place.mirror) == before
@@ -460,7 +407,7 @@ def traced(place, mirror, *injection, log="/dev/null"):
     """Copies under strace, which interferes with the calls that name or use what may change on the mirror."""
     folder = mirror / SUBDIR
     work = folder / WORK
-    inside = ["archive", "archive.part", info("1001"), "hit", "unpacked"]
+    inside = ["archive", info("1001"), "hit"]
     paths = [
         folder,
         work,
@@ -497,7 +444,7 @@ def test_a_kill_before_any_step_leaves_a_whole_release_and_the_next_run_cleans_u
     place.upstream.publish("1001")
     fresh = copies(place)
     counts = count_calls(place, ["mkdir", "rename", "fsync", "write"], reference := next(fresh))
-    assert counts["rename"] == 4  # of the download, the archive, the INI and the hit INI
+    assert counts["rename"] == 3  # of the archive, the INI and the hit INI
     points = [(call, number, next(fresh)) for call in counts for number in range(1, counts[call] + 1)]
 
     def kill(point):
@@ -525,9 +472,7 @@ def test_no_room_at_any_step_leaves_the_mirror_untouched(place):
     def fail(point):
         call, number, mirror = point
         code, out, err = traced(place, mirror, "-e", f"inject={call}:error=ENOSPC:when={number}")
-        if code == 0:  # what was unpacked is only looked at
-            assert tree(mirror) == tree(reference)
-        elif err.startswith("zqu-mirror: 1001 is published, but a power cut might undo that: "):
+        if err.startswith("zqu-mirror: 1001 is published, but a power cut might undo that: "):
             assert tree(mirror) == tree(reference)
         else:
             assert (code, out) == (1, "")
@@ -548,13 +493,11 @@ def test_each_step_is_on_disk_before_the_next_names_it(place):
     steps = [
         re.sub(r"^(\w+)\((?:\d+<)?(.*?)>?\) += 0$", r"\1 \2", line).replace('"', "")
         for line in text.splitlines()
-        if not line.startswith("+++")
+        if not line.startswith(("+++", "---"))
     ]
     assert steps == [
         f"fsync D/W/{info('1001')}",
-        "rename D/W/archive.part, D/W/archive",
         "fsync D/W/archive",
-        "fsync D/W/unpacked",
         f"rename D/W/archive, D/{cab('1001')}",
         "fsync D",
         f"rename D/W/{info('1001')}, D/{info('1001')}",

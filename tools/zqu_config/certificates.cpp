@@ -8,7 +8,7 @@
 #include <fstream>
 #include <memory>
 
-#include "text.hpp"
+#include "printable.hpp"
 
 namespace zqu::config_tool {
 
@@ -41,7 +41,7 @@ std::string subject_of(const X509* certificate) {
 }
 
 void check_validity(const X509* certificate, std::size_t line, Findings& findings) {
-    const std::string start = "ca_path: the certificate " + quoted(subject_of(certificate));
+    const std::string start = "ca_path: the certificate " + tools::quoted(subject_of(certificate));
     if (X509_cmp_current_time(X509_get0_notAfter(certificate)) < 0) {
         findings.warning(line, start + " has expired");
     } else if (X509_cmp_current_time(X509_get0_notBefore(certificate)) > 0) {
@@ -57,7 +57,7 @@ void check_certificates(const std::string& path, std::size_t line, Findings& fin
     const Infos infos(PEM_X509_INFO_read_bio(in.get(), nullptr, nullptr, nullptr));  // as libssl reads such a file
     ERR_clear_error();
     if (!infos) {
-        findings.error(line, "ca_path: " + quoted(path) + " is damaged: no transfer over https succeeds");
+        findings.error(line, "ca_path: " + tools::quoted(path) + " is damaged: no transfer over https succeeds");
         return;
     }
     int certificates = 0;
@@ -68,7 +68,8 @@ void check_certificates(const std::string& path, std::size_t line, Findings& fin
         }
     }
     if (certificates == 0) {
-        findings.error(line, "ca_path: no PEM certificate in " + quoted(path) + ": no transfer over https succeeds");
+        findings.error(line,
+                       "ca_path: no PEM certificate in " + tools::quoted(path) + ": no transfer over https succeeds");
     }
 }
 

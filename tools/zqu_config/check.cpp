@@ -6,8 +6,8 @@
 #include "check_paths.hpp"
 #include "check_values.hpp"
 #include "online.hpp"
+#include "printable.hpp"
 #include "reading.hpp"
-#include "text.hpp"
 #include "user.hpp"
 
 namespace zqu::config_tool {
@@ -56,7 +56,7 @@ Findings check(const CheckOptions& options) {
 }
 
 std::string as_text(const std::string& path, const Findings& findings) {
-    const std::string file = printable(path);
+    const std::string file = tools::printable(path);
     std::string text;
     for (const Finding& finding : findings.all()) {
         const std::string line = finding.line == 0 ? "" : ":" + std::to_string(finding.line);

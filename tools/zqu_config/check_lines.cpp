@@ -5,7 +5,7 @@
 
 #include "keys.hpp"
 #include "number.hpp"
-#include "text.hpp"
+#include "printable.hpp"
 
 namespace zqu::config_tool {
 
@@ -33,7 +33,8 @@ void check_controls(const Line& line, Findings& findings) {
             return;
         }
         if (is_control(c) && line.kind != Line::Kind::comment) {
-            findings.warning(line.number, "the control byte " + printable(std::string(1, c)) + " is part of the line");
+            findings.warning(line.number,
+                             "the control byte " + tools::printable(std::string(1, c)) + " is part of the line");
             return;
         }
     }
@@ -42,7 +43,7 @@ void check_controls(const Line& line, Findings& findings) {
 void check_mark(const Line& line, Findings& findings) {
     for (const std::string mark : {"\xEF\xBB\xBF", "\xFF\xFE", "\xFE\xFF"}) {
         if (begins(line.text, mark)) {
-            findings.warning(line.number, "the byte order mark " + printable(mark) + " is part of the line");
+            findings.warning(line.number, "the byte order mark " + tools::printable(mark) + " is part of the line");
         }
     }
 }
@@ -50,18 +51,18 @@ void check_mark(const Line& line, Findings& findings) {
 void check_no_equals(const Line& line, Findings& findings) {
     const std::string word = line.text.substr(0, line.text.find_first_of(" \t:"));
     if (line.text.front() == '[') {
-        findings.warning(line.number, "there are no sections: " + excerpt(line.text) + " is ignored");
+        findings.warning(line.number, "there are no sections: " + tools::excerpt(line.text) + " is ignored");
     } else if (line.text.front() == ';') {
         findings.warning(line.number, "\";\" begins no comment; the line is ignored because it has no \"=\"");
     } else if (find_key(word) != nullptr) {
         findings.warning(line.number, word + " is not set here: the line has no \"=\", and is ignored");
     } else {
-        findings.warning(line.number, "no \"=\" in " + excerpt(line.text) + ": the line is ignored");
+        findings.warning(line.number, "no \"=\" in " + tools::excerpt(line.text) + ": the line is ignored");
     }
 }
 
 std::string unknown(const std::string& key) {
-    const std::string bare = without_invisible(key);
+    const std::string bare = tools::without_invisible(key);
     if (bare != key && find_key(bare) != nullptr) {
         return "; there is an invisible character beside " + bare;
     }
@@ -81,13 +82,13 @@ void check_key(const Line& line, Findings& findings) {
     if (line.key.empty()) {
         findings.warning(line.number, "no key before the \"=\": the line is ignored");
     } else {
-        findings.warning(line.number, "unknown key " + excerpt(line.key) + " is ignored" + unknown(line.key));
+        findings.warning(line.number, "unknown key " + tools::excerpt(line.key) + " is ignored" + unknown(line.key));
     }
 }
 
 void check_number(const Line& line, Findings& findings) {
     const Number number = read_number(line.value);
-    const std::string start = line.key + ": " + excerpt(line.value);
+    const std::string start = line.key + ": " + tools::excerpt(line.value);
     if (!number.digits || number.too_large) {
         const char* reason = number.digits ? " is beyond 64 bits" : " does not begin with a digit";
         findings.error(line.number, (line.value.empty() ? line.key + ": the empty value" : start) + reason +
@@ -99,7 +100,7 @@ void check_number(const Line& line, Findings& findings) {
         why += ", with a sign";
     }
     if (!number.rest.empty()) {
-        why += ", " + excerpt(number.rest) + " is ignored";
+        why += ", " + tools::excerpt(number.rest) + " is ignored";
     }
     if (number.other) {
         why += ", only the low 32 bits are kept";
@@ -124,7 +125,7 @@ void check_text(const Line& line, Findings& findings) {
         return;
     }
     const auto part_of_it = [&](const std::string& what) {
-        findings.warning(line.number, line.key + ": " + what + " of the value " + excerpt(value));
+        findings.warning(line.number, line.key + ": " + what + " of the value " + tools::excerpt(value));
     };
     const auto is_quote = [](char c) { return c == '"' || c == '\''; };
     if (has_trailing_comment(value)) {
@@ -133,7 +134,7 @@ void check_text(const Line& line, Findings& findings) {
     if (is_quote(value.front()) || is_quote(value.back())) {
         part_of_it("the quotes are part");
     }
-    if (without_invisible(value) != value) {
+    if (tools::without_invisible(value) != value) {
         part_of_it("an invisible character is part");
     }
     if (value.front() == '=') {

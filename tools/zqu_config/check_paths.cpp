@@ -10,8 +10,8 @@
 #include <string>
 
 #include "certificates.hpp"
+#include "printable.hpp"
 #include "settings.hpp"
-#include "text.hpp"
 
 namespace zqu::config_tool {
 
@@ -43,7 +43,7 @@ struct Place {
     std::string path;
     std::size_t line = 0;
 
-    [[nodiscard]] std::string start() const { return key + (key.empty() ? "" : ": ") + quoted(path); }
+    [[nodiscard]] std::string start() const { return key + (key.empty() ? "" : ": ") + tools::quoted(path); }
 };
 
 class Paths {
@@ -206,7 +206,7 @@ void Paths::check_missing_folder(const Place& place) {
         findings_.note(place.line, place.start() + " is missing: the daemon makes it");
     } else {
         findings_.error(place.line, place.start() + " is missing, and user " + user_.name + " cannot make it in " +
-                                        quoted(existing) + refused);
+                                        tools::quoted(existing) + refused);
     }
 }
 
@@ -263,7 +263,7 @@ void Paths::check_status_place(const Place& place) {
     const zqu::Config& cfg = reading_.effective.cfg;
     for (const std::string name : {"/active", "/active.tmp", "/snapshots"}) {
         if (is_below(place.path, cfg.def_root + name)) {
-            findings_.error(place.line, place.start() + " is in the way of " + quoted(cfg.def_root + name));
+            findings_.error(place.line, place.start() + " is in the way of " + tools::quoted(cfg.def_root + name));
         }
     }
     if (is_same_file(place.path, reading_.path)) {

@@ -1,7 +1,5 @@
 // zqu-config: tells what the daemon makes of its configuration file, and what it would ignore there without a word.
-#include <fcntl.h>
 #include <sysexits.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -12,10 +10,11 @@
 #include <vector>
 
 #include "check.hpp"
+#include "printable.hpp"
 #include "reading.hpp"
 #include "settings.hpp"
 #include "show.hpp"
-#include "text.hpp"
+#include "standard_descriptors.hpp"
 
 namespace {
 
@@ -60,7 +59,7 @@ constexpr const char* about_show =
     "70 the daemon's own reader found other settings, a defect of this program.";
 
 void complain(const std::string& text) {
-    std::fprintf(stderr, "zqu-config: %s\n", zqu::config_tool::printable(text).c_str());
+    std::fprintf(stderr, "zqu-config: %s\n", zqu::tools::printable(text).c_str());
 }
 
 bool print(const std::string& text) {
@@ -141,22 +140,10 @@ int parse_and_carry_out(int argc, char** argv) {
     return chosen(options);
 }
 
-// Nothing that is opened later may get the number of a standard descriptor that the caller has closed. Read-only, so
-// that writing there fails as before.
-void hold_standard_descriptors() {
-    int descriptor = 0;
-    while (descriptor >= 0 && descriptor <= STDERR_FILENO) {
-        descriptor = open("/dev/null", O_RDONLY);
-    }
-    if (descriptor >= 0) {
-        close(descriptor);
-    }
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    hold_standard_descriptors();
+    zqu::tools::hold_standard_descriptors();
     static_cast<void>(signal(SIGPIPE, SIG_IGN));  // writing fails instead
     try {
         const int status = parse_and_carry_out(argc, argv);

@@ -5,7 +5,6 @@
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,18 +13,18 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <exception>
+#include <optional>
 #include <string>
 #include <system_error>
 
+#include "bounded_client.hpp"
 #include "fd.hpp"
-#include "mirror_client.hpp"
-#include "text.hpp"
+#include "printable.hpp"
 
 namespace zqu::config_tool {
 
 namespace {
-
-constexpr const char* ident = "zqu-config";
 
 [[noreturn]] void fail(const char* text) {
     throw std::system_error(errno, std::generic_category(), text);
@@ -35,7 +34,7 @@ void write_all(int fd, const std::string& text) {
     for (std::size_t done = 0; done < text.size();) {
         const ssize_t size = write(fd, text.data() + done, text.size() - done);
         if (size <= 0) {
-            return;  // what is missing shows: the mirror's answer then has not come
+            return;  // the finding is then cut short
         }
         done += static_cast<std::size_t>(size);
     }
@@ -51,25 +50,27 @@ std::string read_all(int fd) {
     return text;
 }
 
-// The child's part: its log lines go to log, and what the mirror names to answer.
-void ask(const zqu::Config& cfg, const User& user, int log, int answer) {
+// The child's part: what the mirror names, or why nothing, goes to answer. Returns whether it names something.
+bool ask(const zqu::Config& cfg, const User& user, int answer) {
     if (!become(user)) {
-        write_all(log, "cannot become user " + user.name + "\n");
-        return;
+        write_all(answer, "cannot become user " + user.name);
+        return false;
     }
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // after the change of user, which would undo it
-    dup2(log, STDERR_FILENO);
-    openlog(ident, LOG_PERROR, LOG_USER);
-    zqu::MirrorClient client(cfg);
-    if (const auto id = client.fetch_defid()) {
-        if (const auto info = client.fetch_complete_info(*id)) {
-            write_all(answer, "release " + quoted(*id) + ", archive " + quoted(info->cab_name));
-        }
+    try {
+        tools::BoundedClient client(cfg);
+        const std::string id = client.fetch_id();
+        const zqu::CompleteInfo info = client.fetch_info(id);
+        write_all(answer, "release " + tools::excerpt(id) + ", archive " + tools::excerpt(info.cab_name));
+        return true;
+    } catch (const std::exception& e) {
+        write_all(answer, tools::printable(e.what()));
+        return false;
     }
 }
 
-// Returns whether the child ended within the time; it is gone then in any case.
-bool await(pid_t child, unsigned timeout_s) {
+// Returns whether the child ended with success; nothing when it did not end within the time. It is gone in any case.
+std::optional<bool> await(pid_t child, unsigned timeout_s) {
     using std::chrono::steady_clock;
     const Fd process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
     pollfd end{process.get(), POLLIN, 0};
@@ -82,31 +83,17 @@ bool await(pid_t child, unsigned timeout_s) {
     if (ended <= 0) {
         kill(child, SIGKILL);
     }
-    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
-    return ended > 0;
-}
-
-// The reasons in the log, one after the other.
-std::string reasons(std::string log) {
-    std::string all;
-    while (!log.empty()) {
-        const auto end = std::min(log.find('\n'), log.size());
-        std::string line = log.substr(0, end);
-        const std::string start = std::string(ident) + ": ";
-        line.erase(0, line.compare(0, start.size(), start) == 0 ? start.size() : 0);
-        all += (all.empty() ? ": " : "; ") + printable(line);
-        log.erase(0, end + 1);
-    }
-    return all;
+    return ended > 0 ? std::optional<bool>(WIFEXITED(status) && WEXITSTATUS(status) == 0) : std::nullopt;
 }
 
 }  // namespace
 
 void check_online(const Effective& effective, const User& user, unsigned timeout_s, Findings& findings) {
-    const Fd log(memfd_create("log", MFD_CLOEXEC));
     const Fd answer(memfd_create("answer", MFD_CLOEXEC));
-    if (log.get() < 0 || answer.get() < 0) {
+    if (answer.get() < 0) {
         fail("cannot make a file in memory");
     }
     const pid_t child = fork();
@@ -114,17 +101,15 @@ void check_online(const Effective& effective, const User& user, unsigned timeout
         fail("cannot ask the mirror");
     }
     if (child == 0) {
-        ask(effective.cfg, user, log.get(), answer.get());
-        _exit(0);
+        _exit(ask(effective.cfg, user, answer.get()) ? 0 : 1);
     }
-    const bool in_time = await(child, timeout_s);
-    const std::string release = read_all(answer.get());
-    if (!in_time) {
+    const auto answered = await(child, timeout_s);
+    if (!answered) {
         findings.error(0, "the mirror has not answered within " + std::to_string(timeout_s) + " s");
-    } else if (release.empty()) {
-        findings.error(0, "the mirror does not serve a release" + reasons(read_all(log.get())));
+    } else if (!*answered) {
+        findings.error(0, "the mirror does not serve a release: " + read_all(answer.get()));
     } else {
-        findings.note(0, "the mirror answers: " + release);
+        findings.note(0, "the mirror answers: " + read_all(answer.get()));
     }
 }
 

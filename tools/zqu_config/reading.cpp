@@ -12,8 +12,8 @@
 
 #include "fd.hpp"
 #include "keys.hpp"
+#include "printable.hpp"
 #include "settings.hpp"
-#include "text.hpp"
 
 namespace zqu::config_tool {
 
@@ -86,7 +86,7 @@ void require_agreement(const std::string& path, const Effective& ours, const zqu
         differing += " (whether a number ends the daemon)";
     }
     if (!differing.empty()) {
-        throw Disagreement("internal: " + printable(path) + ": the daemon's reader differs on" + differing);
+        throw Disagreement("internal: " + tools::printable(path) + ": the daemon's reader differs on" + differing);
     }
 }
 

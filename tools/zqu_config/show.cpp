@@ -4,7 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "keys.hpp"
-#include "text.hpp"
+#include "printable.hpp"
 
 namespace zqu::config_tool {
 
@@ -18,7 +18,7 @@ std::string fatal_text() {
 
 std::string row(const std::string& name, const std::string& value, const std::string& source) {
     constexpr std::size_t width = 20;
-    std::string line = name + std::string(width - std::min(width, name.size()), ' ') + printable(value);
+    std::string line = name + std::string(width - std::min(width, name.size()), ' ') + tools::printable(value);
     return line + (source.empty() ? "" : "    (" + source + ")") + "\n";
 }
 
@@ -41,7 +41,7 @@ ordered_json setting(const Effective& effective, const Key& key) {
 }  // namespace
 
 std::string Show::as_text(const Reading& reading) {
-    const std::string path = printable(reading.path);
+    const std::string path = tools::printable(reading.path);
     const Effective& effective = reading.effective;
     if (!reading.trouble.empty()) {
         return path + ": error: " + reading.trouble + "\n";

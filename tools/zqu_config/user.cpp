@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "text.hpp"
+#include "printable.hpp"
 
 namespace zqu::config_tool {
 
@@ -39,7 +39,7 @@ User choose_user(const std::string& name) {
     User self = caller();
     if (entry == nullptr) {
         if (!name.empty()) {
-            throw std::invalid_argument("there is no user called " + printable(name));
+            throw std::invalid_argument("there is no user called " + tools::printable(name));
         }
         self.remark = "there is no user called " + wanted + ": what may be read and written is told for " + self.name;
         return self;

@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <optional>
 
+#include "bounded_client.hpp"
 #include "failure.hpp"
-#include "mirror_client.hpp"
 #include "names.hpp"
 
 namespace zqu::mirror_tool {
@@ -56,14 +56,6 @@ void require_archive(const std::string& file, const std::string& name) {
     }
 }
 
-// libcurl would wait at a FIFO for ever; a folder it refuses.
-void require_no_special_file(const fs::path& path) {
-    struct stat status {};
-    if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
-        fail(path.filename().string() + " is no regular file");
-    }
-}
-
 std::string flavor_of_hit(const std::string& name) {
     return name.substr(prefix.size(), name.size() - prefix.size() - hit_suffix.size());
 }
@@ -82,47 +74,37 @@ public:
     [[nodiscard]] const std::vector<std::string>& names() const { return names_; }
 
     // Which of the marks parts flavor and id makes no difference to the file that is read.
-    std::optional<zqu::CompleteInfo> info(const std::string& name) {
+    zqu::CompleteInfo info(const std::string& name) {
         require_plain(name, name);
-        require_no_special_file(folder_ / name);
         const auto mark = name.find(info_mark, prefix.size());
         const auto id_at = mark + info_mark.size();
         cfg_.flavor = name.substr(prefix.size(), mark - prefix.size());
-        auto found = client_.fetch_complete_info(name.substr(id_at, name.size() - id_at - info_suffix.size()));
-        if (found) {
-            require_archive(name, found->cab_name);
-        }
+        auto found = client_.fetch_info(name.substr(id_at, name.size() - id_at - info_suffix.size()));
+        require_archive(name, found.cab_name);
         return found;
-    }
-
-    std::string archive(const std::string& name) {
-        const auto found = info(name);
-        if (!found) {
-            fail(name + " cannot be read, or names no archive");
-        }
-        return found->cab_name;
     }
 
     // The name of the complete-info INI that a hit INI names; none when it is the INI of a release whose id ends so.
     std::optional<std::string> hit(const std::string& name) {
         require_plain(name, name);
-        require_no_special_file(folder_ / name);
         cfg_.flavor = flavor_of_hit(name);
-        const auto id = client_.fetch_defid();
-        if (!id && may_be_info(name) && info(name)) {
-            return std::nullopt;
+        std::string id;
+        try {
+            id = client_.fetch_id();
+        } catch (const tools::MirrorError&) {
+            if (may_be_info(name) && is_info(name)) {
+                return std::nullopt;
+            }
+            throw;
         }
-        if (!id) {
-            fail(name + " cannot be read, or names no release");
-        }
-        require_plain(name, *id);
-        return info_name(flavor_of_hit(name), *id);
+        require_plain(name, id);
+        return info_name(flavor_of_hit(name), id);
     }
 
     Release release(const std::string& name, const Current& current) {
         Release release;
         release.info = name;
-        release.archive = archive(name);
+        release.archive = info(name).cab_name;
         release.seen_ns = modified_ns(folder_ / name);
         for (const auto& [flavor, unused] : current.infos) {
             const std::string start = stem(flavor, "");
@@ -140,16 +122,25 @@ public:
             const auto named = may_be_hit(name) ? hit(name) : std::nullopt;
             if (named) {
                 current.infos[flavor_of_hit(name)] = *named;
-                current.archives.insert(archive(*named));
+                current.archives.insert(info(*named).cab_name);
             }
         }
         return current;
     }
 
 private:
+    bool is_info(const std::string& name) {
+        try {
+            info(name);
+            return true;
+        } catch (const tools::MirrorError&) {
+            return false;
+        }
+    }
+
     const fs::path folder_;
     zqu::Config cfg_;
-    zqu::MirrorClient client_;
+    tools::BoundedClient client_;
     std::vector<std::string> names_;
 };
 

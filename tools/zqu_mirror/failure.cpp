@@ -1,10 +1,11 @@
 #include "failure.hpp"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <stdexcept>
 #include <system_error>
+
+#include "printable.hpp"
 
 namespace zqu::mirror_tool {
 
@@ -16,14 +17,13 @@ void fail_errno(const std::string& text) {
     throw std::system_error(errno, std::generic_category(), text);
 }
 
-std::string one_line(std::string text) {
-    std::replace_if(
-        text.begin(), text.end(), [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; }, '?');
-    return text;
+void say(const std::string& text) {
+    std::printf("%s\n", tools::printable(text).c_str());
+    std::fflush(stdout);
 }
 
 void complain(const std::string& text) {
-    std::fprintf(stderr, "zqu-mirror: %s\n", one_line(text).c_str());
+    std::fprintf(stderr, "zqu-mirror: %s\n", tools::printable(text).c_str());
 }
 
 }  // namespace zqu::mirror_tool

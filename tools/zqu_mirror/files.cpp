@@ -20,9 +20,27 @@ namespace {
 constexpr std::size_t block_size = 65536;
 constexpr mode_t file_mode = 0666;
 
+void require(bool done) {
+    if (!done) {
+        fail("cannot compute SHA-256 digests");
+    }
+}
+
 void flush(const Fd& file, const fs::path& path) {
     if (fsync(file.get()) != 0) {
         fail_errno("cannot flush " + path.string());
+    }
+}
+
+// Gives the owner access to the directory and those below it, links not followed.
+void make_accessible(const fs::path& path) {
+    std::error_code ignored;
+    if (!fs::is_directory(fs::symlink_status(path, ignored)) ||
+        fchmodat(AT_FDCWD, path.c_str(), S_IRWXU, AT_SYMLINK_NOFOLLOW) != 0) {
+        return;
+    }
+    for (fs::directory_iterator entry(path, ignored), end; !ignored && entry != end; entry.increment(ignored)) {
+        make_accessible(entry->path());
     }
 }
 
@@ -52,24 +70,39 @@ void read_blocks(const fs::path& path, const std::function<void(const char*, std
     }
 }
 
-std::string sha256(const fs::path& path, const std::function<void(std::size_t)>& progress) {
-    const Handle<EVP_MD_CTX, EVP_MD_CTX_free> ctx(EVP_MD_CTX_new());
+struct Sha256::Context {
+    tools::Handle<EVP_MD_CTX, EVP_MD_CTX_free> handle{EVP_MD_CTX_new()};
+};
+
+Sha256::Sha256() : context_(std::make_unique<Context>()) {
+    require(context_->handle && EVP_DigestInit_ex(context_->handle.get(), EVP_sha256(), nullptr) == 1);
+}
+
+Sha256::~Sha256() = default;
+
+void Sha256::add(const char* data, std::size_t size) {
+    require(EVP_DigestUpdate(context_->handle.get(), data, size) == 1);
+}
+
+std::string Sha256::hex() {
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
-    bool done = ctx && EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) == 1;
-    read_blocks(path, [&](const char* data, std::size_t size) {
-        done = done && EVP_DigestUpdate(ctx.get(), data, size) == 1;
-        progress(size);
-    });
-    if (!done || EVP_DigestFinal_ex(ctx.get(), digest, &length) != 1) {
-        fail("cannot compute SHA-256 digests");
-    }
+    require(EVP_DigestFinal_ex(context_->handle.get(), digest, &length) == 1);
     std::string hex;
     for (const unsigned char byte : std::vector<unsigned char>(digest, digest + length)) {
         static const char digits[] = "0123456789abcdef";
         hex = hex + digits[byte >> 4] + digits[byte & 0x0F];
     }
     return hex;
+}
+
+std::string sha256(const fs::path& path, const std::function<void(std::size_t)>& progress) {
+    Sha256 digest;
+    read_blocks(path, [&](const char* data, std::size_t size) {
+        digest.add(data, size);
+        progress(size);
+    });
+    return digest.hex();
 }
 
 void write_text(const fs::path& path, const std::string& text) {
@@ -97,17 +130,6 @@ void make_folder(const fs::path& path, mode_t mode) {
 void remove_tree(const fs::path& path, std::error_code& error) {
     make_accessible(path);
     fs::remove_all(path, error);
-}
-
-void make_accessible(const fs::path& path) {
-    std::error_code ignored;
-    if (!fs::is_directory(fs::symlink_status(path, ignored)) ||
-        fchmodat(AT_FDCWD, path.c_str(), S_IRWXU, AT_SYMLINK_NOFOLLOW) != 0) {
-        return;
-    }
-    for (fs::directory_iterator entry(path, ignored), end; !ignored && entry != end; entry.increment(ignored)) {
-        make_accessible(entry->path());
-    }
 }
 
 void move(const fs::path& from, const fs::path& to) {

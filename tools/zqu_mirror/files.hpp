@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 #include <system_error>
 
@@ -38,8 +39,21 @@ private:
 // does not depend on the file's size. What consume throws passes through.
 void read_blocks(const std::filesystem::path& path, const std::function<void(const char*, std::size_t)>& consume);
 
-// The SHA-256 (FIPS 180-4) of the file in lower-case hexadecimal. Tells progress how many bytes each step has read.
-// Throws std::runtime_error when libcrypto cannot compute it.
+// Computes one SHA-256 (FIPS 180-4). Throws std::runtime_error when libcrypto cannot.
+class Sha256 {
+public:
+    Sha256();
+    ~Sha256();
+    void add(const char* data, std::size_t size);
+    [[nodiscard]] std::string hex();  // of all that was added, in lower case; ends the computation
+
+private:
+    struct Context;
+    std::unique_ptr<Context> context_;
+};
+
+// The SHA-256 of the file in lower-case hexadecimal. Tells progress how many bytes each step has read.
+// Throws what Sha256 throws, too.
 [[nodiscard]] std::string sha256(const std::filesystem::path& path, const std::function<void(std::size_t)>& progress);
 
 // Makes the file, which must not exist, with text as its content, and flushes it to disk (not its name: flush the
@@ -52,11 +66,7 @@ void flush(const std::filesystem::path& path);
 // Makes one folder, whose parent must exist, with these permissions less the umask.
 void make_folder(const std::filesystem::path& path, mode_t mode);
 
-// Gives their owner access to the folder and those below it, links not followed: an archive's entry may have taken it
-// away. What fails stays as it is, silently.
-void make_accessible(const std::filesystem::path& path);
-
-// Removes path with all that it holds, inaccessible folders included; says in error why it could not.
+// Removes path with all that it holds, also directories that their owner may not enter; says in error why it could not.
 void remove_tree(const std::filesystem::path& path, std::error_code& error);
 
 // rename(2): to appears, or is replaced, in one step.

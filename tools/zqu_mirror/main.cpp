@@ -1,6 +1,5 @@
 // zqu-mirror: publishes releases on a definition mirror, and checks a mirror the way a client reads it.
 #include <sys/stat.h>
-#include <syslog.h>
 
 #include <CLI/CLI.hpp>
 #include <csignal>
@@ -20,6 +19,7 @@
 #include "prune.hpp"
 #include "publish.hpp"
 #include "run.hpp"
+#include "standard_descriptors.hpp"
 
 namespace {
 
@@ -88,7 +88,6 @@ bool publish(const Options& options, Run& run) {
 }
 
 bool mirror(const Options& options, Run& run) {
-    openlog("zqu-mirror", LOG_PERROR, LOG_USER);  // the core library's reasons, for the person too
     zqu::mirror_tool::mirror(options, run);
     return true;
 }
@@ -99,7 +98,6 @@ bool prune(const Options& options, Run& run) {
 }
 
 bool check(const Options& options, Run& run) {
-    openlog("zqu-mirror", LOG_PERROR, LOG_USER);  // the core library's reasons, for the person too
     return zqu::mirror_tool::check(options, run);
 }
 
@@ -235,6 +233,7 @@ int parse_and_carry_out(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    zqu::tools::hold_standard_descriptors();
     umask(022);                                   // whoever publishes, the web server must be able to read it
     setenv("GIO_USE_VFS", "local", 1);            // no session bus, no helpers
     static_cast<void>(signal(SIGPIPE, SIG_IGN));  // writes fail instead, and the run

@@ -1,19 +1,15 @@
 #include "mirror.hpp"
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <optional>
-#include <sstream>
 #include <string>
 
+#include "bounded_client.hpp"
 #include "catalogue.hpp"
 #include "failure.hpp"
 #include "files.hpp"
-#include "mirror_client.hpp"
+#include "inspect.hpp"
 #include "names.hpp"
-#include "unpack.hpp"
 #include "verifier.hpp"
 #include "workplace.hpp"
 
@@ -43,20 +39,12 @@ std::string mistakable_id(const std::string& id) {
     return mistakable ? "must not be \"hit\" or end in -hit" : "";
 }
 
-Upstream ask(zqu::MirrorClient& client, const Options& options) {
-    const auto id = client.fetch_defid();
-    if (!id) {
-        fail("the upstream mirror's " + hit_name(options.flavor) + " cannot be fetched, or names no release");
-    }
-    require_usable("id", *id, unusable_name(*id));
-    require_usable("id", *id, mistakable_id(*id));
-    const std::string name = info_name(options.flavor, *id);
-    require_usable("id", *id, unusable_archive(stem(options.flavor, *id)));  // for its length
-    Upstream upstream{*id, ""};
-    if (!client.http_get_string(client.complete_ini_url(*id), upstream.info)) {
-        fail("the upstream mirror's " + name + " cannot be fetched");
-    }
-    return upstream;
+Upstream ask(tools::BoundedClient& client, const Options& options) {
+    const std::string id = client.fetch_id();
+    require_usable("id", id, unusable_name(id));
+    require_usable("id", id, mistakable_id(id));
+    require_usable("id", id, unusable_archive(stem(options.flavor, id)));  // for its length
+    return {id, client.fetch_info_text(id)};
 }
 
 std::string read_text(const fs::path& path) {
@@ -72,27 +60,13 @@ bool is_current(const Options& options, const Upstream& upstream) {
     return current_id(place, options.flavor) == upstream.id && fs::exists(info) && read_text(info) == upstream.info;
 }
 
-// Reads a complete-info INI in a folder with the daemon's own code.
-std::optional<zqu::CompleteInfo> read_info(const fs::path& place, const std::string& flavor, const std::string& id) {
-    Options options;
-    options.mirror = place;
-    options.subdir = "";
-    options.flavor = flavor;
-    const zqu::Config cfg = client_config(options);
-    return zqu::MirrorClient(cfg).fetch_complete_info(id);
-}
-
-// Puts the upstream's INI into the work folder, under its name, and reads it there: what is published later is what
-// was read.
-zqu::CompleteInfo stage_info(const Options& options, const Upstream& upstream, const Workplace& place) {
-    const std::string name = info_name(options.flavor, upstream.id);
-    write_text(place.work(name), upstream.info);
-    const auto info = read_info(place.work(name).parent_path(), options.flavor, upstream.id);
-    if (!info) {
-        fail("the upstream mirror's " + name + " names no archive or no digest");
-    }
-    require_usable("archive name", info->cab_name, unusable_archive(info->cab_name));
-    return *info;
+// Puts the upstream's INI into the work folder, under its name.
+zqu::CompleteInfo stage_info(const tools::BoundedClient& client, const Options& options, const Upstream& upstream,
+                             const Workplace& place) {
+    zqu::CompleteInfo info = client.read_info(upstream.info, upstream.id);
+    require_usable("archive name", info.cab_name, unusable_archive(info.cab_name));
+    write_text(place.work(info_name(options.flavor, upstream.id)), upstream.info);
+    return info;
 }
 
 // Requires that the id, if it is known here, stands for the same archive.
@@ -101,12 +75,12 @@ bool require_same_content(const Options& options, const Upstream& upstream, cons
     if (!fs::exists(place / info_name(options.flavor, upstream.id))) {
         return false;
     }
-    const auto known = read_info(place, options.flavor, upstream.id);
-    if (!known || !unusable_archive(known->cab_name).empty() ||
-        !zqu::verifier::verify(place / known->cab_name, known->sha256)) {
+    const zqu::Config cfg = client_config(options);
+    const zqu::CompleteInfo known = tools::BoundedClient(cfg).fetch_info(upstream.id);
+    if (!unusable_archive(known.cab_name).empty() || !zqu::verifier::verify(place / known.cab_name, known.sha256)) {
         fail(upstream.id + " is on the mirror, but its INI file and its archive do not match");
     }
-    if (known->cab_name != info.cab_name || !zqu::verifier::verify(place / known->cab_name, info.sha256)) {
+    if (known.cab_name != info.cab_name || !zqu::verifier::verify(place / known.cab_name, info.sha256)) {
         fail(upstream.id + " is on the mirror with other content: an id never gets other content");
     }
     return true;
@@ -125,11 +99,9 @@ bool have_archive(const Options& options, const zqu::CompleteInfo& info) {
     return false;
 }
 
-void download(zqu::MirrorClient& client, const zqu::CompleteInfo& info, const fs::path& archive, Run& run) {
-    run.phase("downloading " + info.cab_name, archive.string() + ".part");
-    if (!client.download_cab(info.cab_name, archive)) {
-        fail("the upstream mirror's " + info.cab_name + " cannot be downloaded");
-    }
+void download(tools::BoundedClient& client, const zqu::CompleteInfo& info, const fs::path& archive, Run& run) {
+    run.phase("downloading " + info.cab_name, archive);
+    client.download(info.cab_name, archive);
     run.phase("checking the archive");
     if (!zqu::verifier::verify(archive, info.sha256)) {
         fail("the upstream mirror's " + info.cab_name + " does not have the digest " + info.sha256);
@@ -137,23 +109,10 @@ void download(zqu::MirrorClient& client, const zqu::CompleteInfo& info, const fs
     flush(archive);
 }
 
-// Requires what the daemon requires of an archive before it puts it into service.
-void require_definitions(const Options& options, const fs::path& archive, const Workplace& place) {
-    const fs::path unpacked = place.work("unpacked");
-    const std::string which = "the upstream mirror's archive ";
-    make_folder(unpacked, 0700);
-    if (!extract_into(unpacked, archive)) {
-        fail(which + "cannot be unpacked: is there room in " + place.folder().string() + "?");
-    }
-    const auto index = read_index(unpacked, options.flavor);
-    for (const auto& name : {antivir_name(options.flavor), aivsecon_name(options.flavor)}) {
-        const auto entry = index.find(name);
-        if (!fs::exists(unpacked / name)) {
-            fail(which + "lacks " + name);
-        }
-        if (entry != index.end() && !zqu::verifier::verify(unpacked / name, entry->second)) {
-            fail(which + "holds another " + name + " than its index says");
-        }
+void require_sound(const Options& options, const fs::path& archive, const zqu::CompleteInfo& info) {
+    const std::string fault = first_fault(inspect(archive, info.cab_name, options.flavor));
+    if (!fault.empty()) {
+        fail("the upstream mirror's archive is refused: " + fault);
     }
 }
 
@@ -169,18 +128,18 @@ void add_release(const std::string& info, const std::string& archive, bool have,
 
 void report_nothing_new(const Upstream& upstream, Run& run) {
     run.phase("");
-    std::printf("nothing new: %s is current\n", upstream.id.c_str());
+    say("nothing new: " + upstream.id + " is current");
 }
 
 // Gets the archive, from the upstream mirror unless it is here already, and puts the release into place.
 void add_and_make_current(const Options& options, const Upstream& upstream, const zqu::CompleteInfo& info, bool known,
-                          zqu::MirrorClient& client, Workplace& place, Run& run) {
+                          tools::BoundedClient& client, Workplace& place, Run& run) {
     const bool have = have_archive(options, info);
     const fs::path archive = have ? place.folder() / info.cab_name : place.work("archive");
     if (!have) {
         download(client, info, archive, run);
     }
-    require_definitions(options, archive, place);
+    require_sound(options, archive, info);
     if (!known) {
         add_release(info_name(options.flavor, upstream.id), info.cab_name, have, place);
     }
@@ -191,7 +150,7 @@ void add_and_make_current(const Options& options, const Upstream& upstream, cons
 
 void mirror(const Options& options, Run& run) {
     const zqu::Config cfg = upstream_config(options);
-    zqu::MirrorClient client(cfg);
+    tools::BoundedClient client(cfg);
     run.phase("asking the upstream mirror");
     const Upstream upstream = ask(client, options);
     if (is_current(options, upstream)) {
@@ -199,7 +158,7 @@ void mirror(const Options& options, Run& run) {
         return;
     }
     Workplace place(folder(options), run);
-    const zqu::CompleteInfo info = stage_info(options, upstream, place);
+    const zqu::CompleteInfo info = stage_info(client, options, upstream, place);
     const bool known = require_same_content(options, upstream, info);
     if (known && current_id(place.folder(), options.flavor) == upstream.id) {  // the INI has changed, but nothing in it
         report_nothing_new(upstream, run);
@@ -207,8 +166,8 @@ void mirror(const Options& options, Run& run) {
     }
     add_and_make_current(options, upstream, info, known, client, place, run);
     run.phase("");
-    std::printf("%s %s: %s, %ju bytes, SHA-256 %s\n", known ? "made current again" : "mirrored", upstream.id.c_str(),
-                info.cab_name.c_str(), fs::file_size(place.folder() / info.cab_name), info.sha256.c_str());
+    say((known ? "made current again " : "mirrored ") + upstream.id + ": " + info.cab_name + ", " +
+        std::to_string(fs::file_size(place.folder() / info.cab_name)) + " bytes, SHA-256 " + info.sha256);
 }
 
 }  // namespace zqu::mirror_tool

@@ -22,7 +22,7 @@ void require_zip(archive* writer, la_ssize_t result) {
 }
 
 void start_entry(archive* writer, const std::string& name, la_int64_t size, time_t modified) {
-    const Handle<archive_entry, archive_entry_free> entry(archive_entry_new());
+    const tools::Handle<archive_entry, archive_entry_free> entry(archive_entry_new());
     archive_entry_set_pathname(entry.get(), name.c_str());
     archive_entry_set_size(entry.get(), size);
     archive_entry_set_filetype(entry.get(), AE_IFREG);
@@ -35,7 +35,7 @@ void start_entry(archive* writer, const std::string& name, la_int64_t size, time
 
 void pack_zip(const std::filesystem::path& path, const std::string& index, const std::string& index_name,
               const std::vector<Source>& sources, time_t index_time) {
-    const Handle<archive, archive_write_free> writer(archive_write_new());
+    const tools::Handle<archive, archive_write_free> writer(archive_write_new());
     require_zip(writer.get(), archive_write_set_format_zip(writer.get()));
     require_zip(writer.get(), archive_write_zip_set_compression_deflate(writer.get()));
     require_zip(writer.get(), archive_write_open_filename(writer.get(), path.c_str()));

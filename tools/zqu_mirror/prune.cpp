@@ -137,16 +137,17 @@ public:
             return;
         }
         const std::uintmax_t before = bytes_;
-        if (!options_.dry_run) {
-            make_accessible(work);
-        }
         for (const auto& entry :
              fs::recursive_directory_iterator(work, fs::directory_options::skip_permission_denied)) {
             bytes_ += entry.is_regular_file() ? entry.file_size() : 0;
         }
         run_.step([&] {
             if (!options_.dry_run) {
-                fs::remove_all(work);
+                std::error_code error;
+                remove_tree(work, error);
+                if (error) {
+                    throw fs::filesystem_error("cannot remove", work, error);
+                }
             }
             say(did() + work_folder_name + ", which a killed run has left: " + std::to_string(bytes_ - before) +
                 " bytes");
@@ -165,11 +166,6 @@ public:
 
 private:
     [[nodiscard]] std::string did() const { return options_.dry_run ? "would remove " : "removed "; }
-
-    static void say(const std::string& line) {
-        std::printf("%s\n", line.c_str());
-        std::fflush(stdout);
-    }
 
     void flush_folder() const {
         if (!options_.dry_run) {

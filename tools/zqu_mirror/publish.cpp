@@ -3,20 +3,19 @@
 #include <algorithm>
 #include <climits>
 #include <cstdint>
-#include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include "bounded_client.hpp"
 #include "catalogue.hpp"
 #include "failure.hpp"
 #include "files.hpp"
-#include "mirror_client.hpp"
+#include "inspect.hpp"
 #include "names.hpp"
 #include "pack.hpp"
 #include "sources.hpp"
-#include "unpack.hpp"
 #include "verifier.hpp"
 #include "workplace.hpp"
 
@@ -84,43 +83,33 @@ void add_release(const Options& options, const std::vector<Source>& sources, Wor
     flush(place.folder());
 }
 
-void require_room(const fs::path& folder, const std::vector<Source>& sources) {
-    const auto needed = static_cast<std::uintmax_t>(sources[0].before.st_size + sources[1].before.st_size);
-    if (fs::space(folder).available < needed) {
-        fail("no room in " + folder.string() + " to unpack the archive and check it: No space left on device");
-    }
-}
-
-// Requires that the release, read with the daemon's own code, gives back the sources.
-zqu::CompleteInfo require_release(const Options& options, const std::vector<Source>& sources, const Workplace& place) {
+// Requires that the release, read as a client does, gives back the sources.
+zqu::CompleteInfo require_release(const Options& options, const std::vector<Source>& sources, bool known) {
     const zqu::Config cfg = client_config(options);
-    const auto info = zqu::MirrorClient(cfg).fetch_complete_info(options.id);
-    const fs::path unpacked = place.work("unpacked");
-    const std::string archive = info ? place.folder() / info->cab_name : fs::path();
-    if (!info || info->defid != options.id || !zqu::verifier::verify(archive, info->sha256)) {
+    zqu::CompleteInfo info = tools::BoundedClient(cfg).fetch_info(options.id);
+    const fs::path archive = folder(options) / info.cab_name;
+    if (info.defid != options.id || !zqu::verifier::verify(archive, info.sha256)) {
         fail(options.id + " is on the mirror, but its INI file and its archive do not match");
     }
-    require_room(place.folder(), sources);
-    make_folder(unpacked, 0700);
-    const bool extracted = extract_into(unpacked, archive);
-    const auto index = read_index(unpacked, options.flavor);
+    Inspection found = inspect(archive, info.cab_name, options.flavor);
     for (const auto& source : sources) {
-        const auto entry = index.find(source.name);
-        if (extracted && entry != index.end() && entry->second != source.digest) {
-            fail(options.id + " was published before with other content: take a new id");
-        }
-        if (entry == index.end() || !zqu::verifier::verify(unpacked / source.name, source.digest)) {
-            fail("the archive does not unpack to what was read: is there room in " + place.folder().string() + "?");
+        if (found.digests[source.name] != source.digest) {
+            fail(known ? options.id + " was published before with other content: take a new id"
+                       : "the archive does not hold what was read");
         }
     }
-    return *info;
+    const std::string fault = first_fault(found);
+    if (!fault.empty()) {
+        fail("the archive is refused: " + fault);
+    }
+    return info;
 }
 
 void report(const Options& options, const zqu::CompleteInfo& info, bool known) {
     const std::string done =
         known ? options.id + " was published before with this content and is current now" : "published " + options.id;
-    std::printf("%s: %s, %ju bytes, SHA-256 %s\n", done.c_str(), info.cab_name.c_str(),
-                fs::file_size(folder(options) / info.cab_name), info.sha256.c_str());
+    say(done + ": " + info.cab_name + ", " + std::to_string(fs::file_size(folder(options) / info.cab_name)) +
+        " bytes, SHA-256 " + info.sha256);
 }
 
 }  // namespace
@@ -145,7 +134,7 @@ void publish(const Options& options, Run& run) {
         throw;
     }
     std::for_each(sources.begin(), sources.end(), require_unchanged);
-    const zqu::CompleteInfo info = require_release(options, sources, place);
+    const zqu::CompleteInfo info = require_release(options, sources, known);
     place.make_current(options.flavor, options.id);
     run.phase("");
     report(options, info, known);

@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/signalfd.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -12,6 +11,7 @@
 #include <system_error>
 
 #include "failure.hpp"
+#include "printable.hpp"
 
 namespace zqu::mirror_tool {
 
@@ -85,7 +85,6 @@ void Run::watch() {
 
 // The lock is held to the end, so that the other thread neither makes nor says anything more.
 void Run::end_by(int signal) {
-    setlogmask(LOG_MASK(LOG_EMERG));  // nor the core library, whose files vanish under it
     clear_progress();
     undo();
     complain(std::string("ended by signal: ") + strsignal(signal));
@@ -96,7 +95,7 @@ void Run::undo() {
     std::error_code ignored;
     // The main thread may still be adding files to the scratch folder when a signal ends the run.
     for (int attempts = 0; !scratch_.empty() && fs::exists(scratch_, ignored) && attempts < 100; ++attempts) {
-        remove_tree(scratch_, ignored);
+        fs::remove_all(scratch_, ignored);
     }
     for (auto path = made_.rbegin(); path != made_.rend(); ++path) {
         fs::remove(*path, ignored);
@@ -117,7 +116,7 @@ void Run::show_progress() {
     std::error_code missing;
     const std::uintmax_t size = growing_.empty() ? bytes_.load() : fs::file_size(growing_, missing);
     const unsigned long long megabytes = missing ? 0 : size / 1'000'000;
-    std::fprintf(stderr, "\033[Kzqu-mirror: %s: %llu MB\r", phase_.c_str(), megabytes);
+    std::fprintf(stderr, "\033[Kzqu-mirror: %s: %llu MB\r", tools::printable(phase_).c_str(), megabytes);
     shown_ = true;
 }
 

@@ -5,9 +5,9 @@
 
 #include <system_error>
 
+#include "bounded_client.hpp"
 #include "failure.hpp"
 #include "files.hpp"
-#include "mirror_client.hpp"
 #include "names.hpp"
 #include "options.hpp"
 
@@ -52,15 +52,16 @@ void mark_as_former(const fs::path& info, const fs::path& hit) {
 }  // namespace
 
 std::optional<std::string> current_id(const fs::path& folder, const std::string& flavor) {
-    if (!fs::exists(folder / hit_name(flavor))) {
-        return std::nullopt;  // the client would log that
-    }
     Options options;
     options.mirror = folder;
     options.subdir = "";
     options.flavor = flavor;
     const zqu::Config cfg = client_config(options);
-    return zqu::MirrorClient(cfg).fetch_defid();
+    try {
+        return tools::BoundedClient(cfg).fetch_id();
+    } catch (const tools::MirrorError&) {
+        return std::nullopt;
+    }
 }
 
 Workplace::Workplace(const fs::path& folder, Run& run) : folder_(make_folders(folder, run)), lock_(folder_), run_(run) {

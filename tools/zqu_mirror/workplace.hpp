@@ -19,7 +19,7 @@ namespace zqu::mirror_tool {
 inline constexpr const char* work_folder_name = ".zqu-mirror.work";
 
 // The release that the flavor's hit INI in folder, an absolute path, names; none when there is no hit INI or it cannot
-// be read or understood, which is logged by the core library.
+// be read or understood.
 [[nodiscard]] std::optional<std::string> current_id(const std::filesystem::path& folder, const std::string& flavor);
 
 class Workplace {

@@ -1,10 +1,10 @@
-#include "text.hpp"
+#include "printable.hpp"
 
 #include <algorithm>
 #include <cstdint>
 #include <iterator>
 
-namespace zqu::config_tool {
+namespace zqu::tools {
 
 namespace {
 
@@ -52,14 +52,23 @@ bool is_invisible(std::uint32_t code) {
         std::uint32_t first, last;
     };
     static constexpr Range ranges[] = {
-        {0x80, 0xA0},      // controls, the no-break space
-        {0xAD, 0xAD},      // the soft hyphen
-        {0x1680, 0x1680},  // the Ogham space
-        {0x2000, 0x200F},  // spaces, zero-width characters, marks of direction
-        {0x2028, 0x202F},  // separators, changes of direction, the narrow no-break space
-        {0x205F, 0x206F},  // the mathematical space, the word joiner, isolates
-        {0x3000, 0x3000},  // the ideographic space
-        {0xFEFF, 0xFEFF},  // the byte order mark
+        {0x80, 0xA0},        // controls, the no-break space
+        {0xAD, 0xAD},        // the soft hyphen
+        {0x34F, 0x34F},      // the combining grapheme joiner
+        {0x61C, 0x61C},      // the Arabic mark of direction
+        {0x115F, 0x1160},    // the Hangul fillers
+        {0x1680, 0x1680},    // the Ogham space
+        {0x180B, 0x180F},    // the Mongolian separators
+        {0x2000, 0x200F},    // spaces, zero-width characters, marks of direction
+        {0x2028, 0x202F},    // separators, changes of direction, the narrow no-break space
+        {0x205F, 0x206F},    // the mathematical space, the word joiner, isolates
+        {0x3000, 0x3000},    // the ideographic space
+        {0x3164, 0x3164},    // another Hangul filler
+        {0xFE00, 0xFE0F},    // the selectors of variants
+        {0xFEFF, 0xFEFF},    // the byte order mark
+        {0xFFA0, 0xFFA0},    // another Hangul filler
+        {0xFFF9, 0xFFFB},    // annotations
+        {0xE0000, 0xE0FFF},  // tags, more selectors of variants
     };
     return std::any_of(std::begin(ranges), std::end(ranges),
                        [code](const Range& range) { return code >= range.first && code <= range.last; });
@@ -133,4 +142,4 @@ std::string excerpt(const std::string& text) {
     return quoted(text.substr(0, end)) + "...";
 }
 
-}  // namespace zqu::config_tool
+}  // namespace zqu::tools

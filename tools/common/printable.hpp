@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <string>
 
-namespace zqu::config_tool {
+namespace zqu::tools {
 
 // The length in bytes of the blank, zero-width or direction-changing character beyond ASCII (in UTF-8) that text has at
 // position; 0 when there is another one.
@@ -27,4 +27,4 @@ namespace zqu::config_tool {
 // The same; of a text of more than 80 bytes the beginning, followed by "...".
 [[nodiscard]] std::string excerpt(const std::string& text);
 
-}  // namespace zqu::config_tool
+}  // namespace zqu::tools

@@ -4,7 +4,7 @@
 
 #include <memory>
 
-namespace zqu::mirror_tool {
+namespace zqu::tools {
 
 template <auto release>
 struct Release {
@@ -17,4 +17,4 @@ struct Release {
 template <typename T, auto release>
 using Handle = std::unique_ptr<T, Release<release>>;
 
-}  // namespace zqu::mirror_tool
+}  // namespace zqu::tools

@@ -1,0 +1,238 @@
+#include "judge.hpp"
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <sys/stat.h>
+
+#include <climits>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <set>
+#include <stdexcept>
+
+#include "bounded_client.hpp"
+#include "files.hpp"
+#include "handle.hpp"
+#include "names.hpp"
+#include "verifier.hpp"
+
+namespace zqu::mirror_tool {
+
+namespace {
+
+constexpr std::size_t block_size = 65536;
+constexpr std::size_t most_listed = 20;
+
+using Reader = tools::Handle<archive, archive_read_free>;
+using Consume = std::function<void(const char*, std::size_t)>;
+
+// Why clients cannot unpack the archive.
+struct Unusable : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+[[noreturn]] void refuse(archive* reader) {
+    const char* reason = archive_error_string(reader);
+    throw Unusable(reason != nullptr ? reason : "libarchive failed");
+}
+
+// The formats, filters and blocks of the daemon.
+Reader open_archive(int fd) {
+    Reader reader(archive_read_new());
+    archive_read_support_format_cab(reader.get());
+    archive_read_support_format_zip(reader.get());
+    archive_read_support_filter_all(reader.get());
+    if (archive_read_open_fd(reader.get(), fd, block_size) != ARCHIVE_OK) {
+        refuse(reader.get());
+    }
+    return reader;
+}
+
+// Reads the entry's data to the end, and returns how long it is.
+std::uintmax_t stream(archive* reader, const std::string& name, const Consume& consume) {
+    const void* block = nullptr;
+    std::size_t size = 0;
+    la_int64_t offset = 0;
+    std::uintmax_t total = 0;
+    int result = archive_read_data_block(reader, &block, &size, &offset);
+    while (result == ARCHIVE_OK) {
+        total += size;
+        if (total > tools::largest_file) {
+            throw Unusable(name + " is larger than a gateway accepts");
+        }
+        consume(static_cast<const char*>(block), size);
+        result = archive_read_data_block(reader, &block, &size, &offset);
+    }
+    if (result != ARCHIVE_EOF) {
+        refuse(reader);
+    }
+    return total;
+}
+
+std::string in_octal(mode_t mode) {
+    char text[8];
+    std::snprintf(text, sizeof text, "%04o", mode & 07777U);
+    return text;
+}
+
+// Refuses what the daemon cannot make in the directory that it unpacks to. libarchive ends a directory's name with a
+// slash: it then means that directory itself, and gives it its mode.
+void require_possible(archive_entry* entry, const std::string& name) {
+    const auto type = archive_entry_filetype(entry);
+    const char* target = archive_entry_symlink(entry);
+    const std::size_t length = target != nullptr ? std::string(target).size() : 0;
+    const bool itself = name.empty() || name == "." || name == "..";
+    if (type == AE_IFDIR && itself) {
+        if ((archive_entry_perm(entry) & S_IRWXU) != S_IRWXU) {
+            throw Unusable("a directory of mode " + in_octal(archive_entry_perm(entry)) + " locks clients out");
+        }
+    } else if (itself) {
+        throw Unusable("an entry has no file name");
+    } else if (name.size() > NAME_MAX) {
+        throw Unusable("an entry's name is too long for a file");
+    } else if (type == AE_IFLNK && (length == 0 || length >= PATH_MAX)) {
+        throw Unusable("the link " + name + " leads nowhere");
+    } else if (type == AE_IFCHR || type == AE_IFBLK) {
+        throw Unusable(name + " is a device");
+    }
+}
+
+// An entry of a name that clients look for.
+struct Wanted {
+    std::string trouble;  // why clients cannot read it as it was read here; else empty
+    std::string digest;
+    std::string text;  // of the index
+};
+
+class Contents {
+public:
+    explicit Contents(const std::string& flavor) : index_(index_name(flavor)) {
+        names_ = {antivir_name(flavor), aivsecon_name(flavor)};
+    }
+
+    void read(int fd, const std::string& archive_name) {
+        const Reader reader = open_archive(fd);
+        archive_entry* entry = nullptr;
+        while (archive_read_next_header(reader.get(), &entry) == ARCHIVE_OK) {
+            take(reader.get(), entry);
+        }
+        wanted_.erase(archive_name);
+        others_.erase(archive_name);
+    }
+
+    void judge(Inspection& found) const {
+        const auto digests = judge_index(found);
+        for (const auto& name : names_) {
+            judge_definition(name, digests, found);
+        }
+        for (const auto& other : others_) {
+            found.remarks.push_back({"warning", other + " is in the archive too: clients drop it"});
+        }
+        if (more_ > 0) {
+            found.remarks.push_back({"warning", std::to_string(more_) + " more entries: clients drop them"});
+        }
+    }
+
+private:
+    void take(archive* reader, archive_entry* entry) {
+        const char* path = archive_entry_pathname(entry);
+        const std::string name = std::filesystem::path(path != nullptr ? path : "").filename();
+        require_possible(entry, name);
+        if (archive_entry_size_is_set(entry) != 0 &&
+            static_cast<std::uintmax_t>(archive_entry_size(entry)) > tools::largest_file) {
+            throw Unusable(name + " is larger than a gateway accepts");
+        }
+        if (name == index_ || name == names_[0] || name == names_[1]) {
+            wanted_[name] = read_wanted(reader, entry, name);
+            return;
+        }
+        stream(reader, name, [](const char*, std::size_t) {});
+        if (!name.empty() && others_.size() < most_listed) {
+            others_.insert(name);
+        } else if (!name.empty() && others_.count(name) == 0) {
+            ++more_;
+        }
+    }
+
+    Wanted read_wanted(archive* reader, archive_entry* entry, const std::string& name) const {
+        const mode_t mode = archive_entry_perm(entry);
+        const bool sized = archive_entry_size_is_set(entry) != 0;
+        const auto told = static_cast<std::uintmax_t>(archive_entry_size(entry));
+        Wanted wanted;
+        if (archive_entry_filetype(entry) != AE_IFREG) {
+            wanted.trouble = "is no regular file";
+        } else if ((mode & S_IRUSR) == 0) {
+            wanted.trouble = "has the mode " + in_octal(mode) + ": clients cannot read it";
+        }
+        Sha256 digest;
+        const std::uintmax_t size = stream(reader, name, [&](const char* data, std::size_t count) {
+            digest.add(data, count);
+            if (name == index_ && wanted.text.size() <= tools::largest_ini) {
+                wanted.text.append(data, count);
+            }
+        });
+        wanted.digest = digest.hex();
+        if (name == index_ && size > tools::largest_ini) {
+            wanted.trouble = "is longer than " + std::to_string(tools::largest_ini) + " bytes";
+        } else if (wanted.trouble.empty() && sized && size != told) {
+            wanted.trouble = "has another size than the archive says";  // clients cut it, or fill it up with zeros
+        }
+        return wanted;
+    }
+
+    // The digests that the index gives. One that clients cannot read would leave the definitions unchecked.
+    [[nodiscard]] std::map<std::string, std::string> judge_index(Inspection& found) const {
+        const auto index = wanted_.find(index_);
+        if (index == wanted_.end()) {
+            return {};
+        }
+        if (!index->second.trouble.empty()) {
+            found.remarks.push_back({"FAULT", index_ + " " + index->second.trouble});
+        }
+        return zqu::verifier::parse_def_index(index->second.text);
+    }
+
+    void judge_definition(const std::string& name, const std::map<std::string, std::string>& digests,
+                          Inspection& found) const {
+        const auto file = wanted_.find(name);
+        const auto digest = digests.find(name);
+        if (file == wanted_.end()) {
+            found.remarks.push_back({"FAULT", name + " is not in the archive"});
+        } else if (!file->second.trouble.empty()) {
+            found.remarks.push_back({"FAULT", name + " " + file->second.trouble});
+        } else if (digest == digests.end()) {
+            found.remarks.push_back({"warning", name + " has no digest in the index: clients take it unchecked"});
+        } else if (digest->second != file->second.digest) {
+            found.remarks.push_back({"FAULT", name + " does not have the digest that the index gives"});
+        } else {
+            found.remarks.push_back({"ok", name + " has the digest that the index gives"});
+        }
+        if (file != wanted_.end() && file->second.trouble.empty()) {
+            found.digests[name] = file->second.digest;
+        }
+    }
+
+    const std::string index_;
+    std::vector<std::string> names_;  // of the two definition files
+    std::map<std::string, Wanted> wanted_;
+    std::set<std::string> others_;
+    std::size_t more_ = 0;
+};
+
+}  // namespace
+
+Inspection judge(int fd, const std::string& name, const std::string& flavor) {
+    Inspection found;
+    Contents contents(flavor);
+    try {
+        contents.read(fd, name);
+        found.remarks.push_back({"ok", name + " can be unpacked"});
+        contents.judge(found);
+    } catch (const Unusable& e) {
+        found.remarks.push_back({"FAULT", name + " cannot be unpacked: " + e.what()});
+    }
+    return found;
+}
+
+}  // namespace zqu::mirror_tool

@@ -1,0 +1,33 @@
+// What clients make of a release's archive: its entries are read as the daemon unpacks them, and nothing is written.
+//
+// The archive may come from anybody, and libarchive reads it: inspect.hpp runs this in a process that can do no harm.
+// A function without state, for one thread.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace zqu::mirror_tool {
+
+struct Remark {
+    std::string verdict;  // "ok", "warning" or "FAULT"
+    std::string text;     // may hold any bytes that are in the archive, but no zero
+};
+
+struct Inspection {
+    std::vector<Remark> remarks;
+    std::map<std::string, std::string> digests;  // SHA-256 of the definition files that clients can read, by name
+};
+
+// Reads the archive, which begins at the offset of fd, and judges it for a daemon without any privileges. name is the
+// archive's on the mirror. A FAULT means that clients fail, or would accept what nobody has checked. As in the daemon:
+// - entries are known by the last component of their names, and the last one of a name counts;
+// - an entry of the archive's own name goes with the archive;
+// - the first header that libarchive does not read without complaint ends the archive.
+// Refused beyond that are an index and files larger than bounded_client.hpp allows.
+//
+// Throws std::runtime_error when libcrypto cannot compute a digest, and std::bad_alloc.
+[[nodiscard]] Inspection judge(int fd, const std::string& name, const std::string& flavor);
+
+}  // namespace zqu::mirror_tool
