@@ -14,6 +14,8 @@ from datetime import datetime, timedelta
 import pytest
 import trustme
 from machines import BUILD, REPOSITORY, SANITIZED, Gateway, may_mount, wait_for
+from mirror_tool import measured
+from scripted_server import ScriptedServer, flood, head, reply
 
 TOOL = BUILD / "zqu-config"
 DEFAULT_CONFIG = "/usr/local/zelgw/opt/av/quorin/etc/zel_quorin_updater.conf"
@@ -649,6 +651,31 @@ def test_mirror_that_fails_is_an_error_with_the_reasons(place, nginx, mirror, cl
     mirror.write("antivir-v2-hit.ini", "defId = \n")
     place.write(f"mirror_base_url = {nginx.url()}\nmirror_subdir = {mirror.subdir}\nca_path = {nginx.ca_path}\n")
     place.expect(f"{start}antivir-v2-hit.ini names no release", options=("--online",))
+
+
+@pytest.mark.parametrize("endless", ["antivir-v2-hit.ini", "antivir-v2-c-7.ini"])
+def test_mirror_that_answers_without_an_end_is_given_up(place, authority, scripted_context, endless):
+    authority.cert_pem.write_to_path(place.folder / "ca.pem")
+    server = ScriptedServer(scripted_context)
+    try:
+        base = server.base().removesuffix("/defs")
+        place.write(f"mirror_base_url = {base}\nmirror_subdir = defs\nca_path = {place.folder}/ca.pem\n")
+        server.script = {"antivir-v2-hit.ini": [reply(b"defId = 7\n")], endless: [head(), flood(b"x = y\n" * 10_000)]}
+        words = [TOOL, "check", "--online", "--user", CALLER, place.path]
+        (status, text, _), megabytes = measured(words)
+    finally:
+        server.stop()
+    line = f"the mirror does not serve a release: GET {base}/defs/{endless}: longer than 1048576 bytes"
+    assert (status, f" error: {line}\n" in text) == (2, True)
+    assert megabytes < 100 or SANITIZED
+
+
+def test_text_of_the_mirror_does_nothing_to_a_terminal(place, nginx, mirror):
+    place.write(f"mirror_base_url = {nginx.url()}\nmirror_subdir = {mirror.subdir}\nca_path = {nginx.ca_path}\n")
+    mirror.write("antivir-v2-hit.ini", "defId = \u009b\u202e\n")
+    url = f"{nginx.url()}/{mirror.subdir}/antivir-v2-c-\\xC2\\x9B\\xE2\\x80\\xAE.ini"
+    line = f"GET {url}: HTTP response code said error"
+    place.expect(f" error: the mirror does not serve a release: {line}", options=("--online",))
 
 
 def test_mirror_that_stalls_is_given_up(place):

@@ -18,6 +18,17 @@ def run(*args, **options):
     return done.returncode, done.stdout.decode(), done.stderr.decode()
 
 
+def measured(words):
+    """What a run says, and the most memory it had, in MB."""
+    process = subprocess.Popen(words, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    out, err = process.stdout.read(), process.stderr.read()
+    _, status, used = os.wait4(process.pid, 0)
+    process.returncode = os.waitstatus_to_exitcode(status)
+    process.stdout.close()
+    process.stderr.close()
+    return (process.returncode, out, err), used.ru_maxrss / 1024
+
+
 def under_strace():
     """The environment of a tool that strace runs: the leak check does not work under ptrace(2)."""
     return {**os.environ, "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"}

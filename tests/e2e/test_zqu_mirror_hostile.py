@@ -1,0 +1,400 @@
+"""zqu-mirror and mirrors that mean harm: what an archive may hold, who may reach it, and answers without an end."""
+
+import contextlib
+import gzip
+import os
+import pathlib
+import signal
+import stat
+import struct
+import subprocess
+import sys
+import tempfile
+import zlib
+
+import pytest
+from machines import SANITIZED, wait_for
+from mirror_tool import SUBDIR, TOOL, WORK, measured, run
+from mirrors import sha256
+from raw_archives import LINK, Entry, deflated, release, zip_bytes
+from scripted_server import ScriptedServer, flood, head, reply
+
+INDEX, FIRST, SECOND = (entry.name.decode() for entry in release("new"))
+HIT = "antivir-v2-hit.ini"
+INFO = "antivir-v2-c-7.ini"
+OTHER_USER = 12345
+needs_root = pytest.mark.skipif(os.geteuid() != 0, reason="takes on another user")
+
+
+class Hostile:
+    """An upstream mirror of one release, in a place that everybody may enter."""
+
+    def __init__(self, base):
+        self.base = base
+        self.upstream = base / "upstream"
+        self.mirror = base / "mirror"
+        self.temp = base / "temp"
+        (self.upstream / SUBDIR).mkdir(parents=True)
+        self.temp.mkdir()
+        self.tool = base / "zqu-mirror"
+        self.tool.write_bytes(TOOL.read_bytes())
+        self.environment = {**os.environ, "TMPDIR": str(self.temp)}
+        for path in (base, self.tool):
+            path.chmod(0o755)
+        self.temp.chmod(0o1777)
+
+    def put(self, archive, name="x.zip"):
+        folder = self.upstream / SUBDIR
+        (folder / name).write_bytes(archive)
+        (folder / HIT).write_text("defId = 7\n")
+        (folder / INFO).write_text(
+            f"def.Current.name = {name}\ndef.Current.SHA256 = {sha256(archive)}\ndef.Current.size = {len(archive)}\n"
+        )
+
+    def words(self, command):
+        return {
+            "check": [self.tool, "check", self.upstream],
+            "mirror": [self.tool, "mirror", f"file://{self.upstream}", self.mirror],
+        }[command]
+
+    def run(self, command, **options):
+        done = subprocess.run(
+            self.words(command), env=self.environment, capture_output=True, text=True, timeout=120, **options
+        )
+        return done.returncode, done.stdout, done.stderr
+
+    def poll(self):
+        """For wait_for(), where no process may end before."""
+
+    def start(self, command):
+        return subprocess.Popen(
+            self.words(command), env=self.environment, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True
+        )
+
+
+@pytest.fixture
+def hostile():
+    with tempfile.TemporaryDirectory(prefix="zqu-hostile-") as folder:
+        yield Hostile(pathlib.Path(folder))
+
+
+# ---- What an archive may hold ----
+
+
+def new(*more, first=()):
+    return [*first, *release("new"), *more]
+
+
+def changed(number, **fields):
+    """The release with one of its entries changed: 0 is the index, 1 the first definition file."""
+    entries = release("new")
+    for name, value in fields.items():
+        setattr(entries[number], name, value)
+    return entries
+
+
+def cut_by_its_header():
+    """Read as a stream, the header of the first definition file says 5 bytes, and what follows its data the truth."""
+    entries = release("new")
+    content = entries[1].content
+    entry = deflated(FIRST, content)
+    entry.packed += struct.pack("<4sIII", b"PK\7\10", zlib.crc32(content), len(entry.packed), len(content))
+    entry.fields |= {"flags": 8, "size": 5, "packed_size": 0}
+    entries[1] = entry
+    return gzip.compress(zip_bytes(entries))
+
+
+def of_size(size):
+    extra = struct.pack("<HHQQ", 1, 16, size, 1)
+    told = {"size": 2**32 - 1, "packed_size": 2**32 - 1, "local_extra": extra, "central_extra": extra}
+    return zip_bytes(new(first=[Entry("huge", b"x", fields=told)]))
+
+
+def long_index():
+    return changed(0, content=release("new")[0].content + b"; \n" * 400_000)
+
+
+UNPACKED = "x.zip cannot be unpacked: {}"
+FAULTS = {
+    "definition without a right": (changed(1, mode=stat.S_IFREG), f"{FIRST} has the mode 0000: clients cannot read it"),
+    "index without a right": (
+        changed(0, mode=stat.S_IFREG | 0o077),
+        f"{INDEX} has the mode 0077: clients cannot read it",
+    ),
+    "definition is a link": (changed(1, mode=LINK, content=b"other"), f"{FIRST} is no regular file"),
+    "index is a link": (changed(0, mode=LINK, content=b"other"), f"{INDEX} is no regular file"),
+    "definition is a socket": (changed(1, mode=stat.S_IFSOCK | 0o644), f"{FIRST} is no regular file"),
+    "definition is a directory": (changed(1, mode=stat.S_IFDIR | 0o755, content=b""), f"{FIRST} is not in the archive"),
+    "wrong one comes last": (
+        new(Entry(f"sub/{FIRST}", b"bad")),
+        f"{FIRST} does not have the digest that the index gives",
+    ),
+    "index is too long": (long_index(), f"{INDEX} is longer than 1048576 bytes"),
+    "size in the header is another": (cut_by_its_header(), f"{FIRST} has another size than the archive says"),
+    "directory locks clients out": (
+        new(Entry("sub", b"", stat.S_IFDIR | 0o600)),
+        UNPACKED.format("a directory of mode 0600 locks clients out"),
+    ),
+    "no name": (new(Entry("", b"x")), UNPACKED.format("an entry has no file name")),
+    "dots": (new(Entry("a/..", b"x")), UNPACKED.format("an entry has no file name")),
+    "name too long": (new(Entry("x" * 256, b"x")), UNPACKED.format("an entry's name is too long for a file")),
+    "link to nothing": (new(Entry("a", b"", LINK)), UNPACKED.format("the link a leads nowhere")),
+    "link too long": (new(Entry("a", b"x" * 4096, LINK)), UNPACKED.format("the link a leads nowhere")),
+    "character device": (new(Entry("a", b"", stat.S_IFCHR | 0o644)), UNPACKED.format("a is a device")),
+    "block device": (new(Entry("a", b"", stat.S_IFBLK | 0o644)), UNPACKED.format("a is a device")),
+    "huge file": (of_size(2**33 + 1), UNPACKED.format("huge is larger than a gateway accepts")),
+}
+
+
+@pytest.mark.parametrize("fault", FAULTS)
+def test_an_archive_that_clients_fail_on_is_a_fault_for_every_user_and_is_not_copied(hostile, fault):
+    archive, text = FAULTS[fault]
+    hostile.put(archive if isinstance(archive, bytes) else zip_bytes(archive))
+    code, out, err = found = hostile.run("check")
+    assert (code, f"\nFAULT    {text}\n" in out, err) == (1, True, "")
+    refused = f"zqu-mirror: the upstream mirror's archive is refused: {text}\n"
+    assert hostile.run("mirror") == (1, "", refused)
+    assert not hostile.mirror.exists()
+    if os.geteuid() == 0:
+        assert hostile.run("check", user=OTHER_USER, group=OTHER_USER, extra_groups=[]) == found
+    assert list(hostile.temp.iterdir()) == []
+
+
+DROPPED = "warning  {} is in the archive too: clients drop it\n"
+NOTED = {
+    "modes and directories": (
+        [Entry("./", b"", stat.S_IFDIR | 0o777), Entry("a", b"", stat.S_IFREG | 0o7777)],
+        ["a"],
+        0,
+    ),
+    "many": ([Entry(f"f{i:02}", b"x") for i in range(25)], [f"f{i:02}" for i in range(20)], 5),
+    "archive itself": ([Entry("x.zip", b"x")], [], 0),
+}
+
+
+@pytest.mark.parametrize("what", NOTED)
+def test_other_entries_are_noted_up_to_twenty_and_copied(hostile, what):
+    entries, names, more = NOTED[what]
+    hostile.put(zip_bytes(new(first=entries)))
+    code, out, err = hostile.run("check")
+    lines = "".join(DROPPED.format(name) for name in names)
+    lines += f"warning  {more} more entries: clients drop them\n" if more else ""
+    assert (code, out.split("index gives\n")[-1], err) == (0, lines, "")
+    assert hostile.run("mirror")[0] == 0
+
+
+def test_an_archive_that_has_the_name_of_a_definition_takes_that_with_it(hostile):
+    """Clients remove the archive once it is unpacked."""
+    hostile.put(zip_bytes(new()), FIRST)
+    assert f"FAULT    {FIRST} is not in the archive\n" in hostile.run("check")[1]
+    line = f"zqu-mirror: the upstream mirror's archive is refused: {FIRST} is not in the archive\n"
+    assert hostile.run("mirror") == (1, "", line)
+
+
+ESCAPED = "\\xC2\\x9B\\xE2\\x80\\xAE\\xE2\\x81\\xA6\\xFF"
+
+
+def test_no_text_of_a_mirror_reaches_a_terminal_as_it_is(hostile):
+    nasty = "\u009b\u202e\u2066".encode() + b"\xff"
+    hostile.put(zip_bytes(new(first=[Entry(nasty, b"x")])))
+    assert DROPPED.format(ESCAPED) in hostile.run("check")[1]
+    hostile.put(zip_bytes(new(first=[Entry(nasty, b"x", stat.S_IFCHR)])))
+    assert f"cannot be unpacked: {ESCAPED} is a device\n" in hostile.run("check")[1]
+    assert f"cannot be unpacked: {ESCAPED} is a device\n" in hostile.run("mirror")[2]
+    (hostile.upstream / SUBDIR / INFO).write_bytes(b"def.Current.name = " + nasty + b"\ndef.Current.SHA256 = 0\n")
+    code, out, err = hostile.run("check")
+    assert (code, out.count(ESCAPED), err) == (1, 2, "")
+    assert f"archive name {ESCAPED} is refused: " in hostile.run("mirror")[2]
+    (hostile.upstream / SUBDIR / HIT).write_bytes(b"defId = " + nasty + b"\n")
+    code, out, err = hostile.run("check")
+    assert (code, out.count(ESCAPED), err) == (1, 2, "")
+    assert f"id {ESCAPED} is refused: " in hostile.run("mirror")[2]
+
+
+# ---- Who may reach it ----
+
+ATTACKER = """
+import os, subprocess, sys
+names, *tops = sys.argv[1:]
+told, tries = set(), 0
+def attempt(what, path, action):
+    global tries
+    tries += 1
+    try:
+        action(path)
+    except OSError:
+        return
+    if (what, path) not in told:
+        told.add((what, path))
+        print(what, path, flush=True)
+def execute(path):
+    if not os.access(path, os.X_OK) or os.path.isdir(path):
+        raise PermissionError
+    subprocess.run([path], stdout=subprocess.DEVNULL, check=False)
+while os.getppid() != 1:
+    for top in tops:
+        for below in os.listdir(top) if os.path.isdir(top) else []:
+            attempt("saw", f"{top}/{below}", os.lstat)
+            for name in ["", *names.split(":")]:
+                path = f"{top}/{below}/{name}"
+                attempt("listed", path, os.listdir)
+                attempt("read", path, lambda path: open(path, "rb").close())
+                attempt("ran", path, execute)
+"""
+SLOW = [deflated("slow", bytes(50_000_000)) for _ in range(8)]
+
+
+@contextlib.contextmanager
+def attacker(hostile):
+    """Another user, who tries all the time to reach what lies in the directories below these two."""
+    names = ["program", "unpacked", "unpacked/program", FIRST, f"unpacked/{FIRST}", "archive", "x.zip", "x.zip.part"]
+    process = subprocess.Popen(
+        [sys.executable, "-c", ATTACKER, ":".join(names), hostile.temp, hostile.mirror / SUBDIR],
+        stdout=subprocess.PIPE,
+        text=True,
+        cwd="/",
+        user=OTHER_USER,
+        group=OTHER_USER,
+        extra_groups=[],
+    )
+    found = []
+    try:
+        for line in process.stdout:  # at work once it has reached what is open to everybody
+            found.append(line.rstrip("\n"))
+            if found[-1].startswith("ran "):
+                break
+        yield found
+    finally:
+        process.kill()
+        found += process.communicate()[0].splitlines()
+
+
+@needs_root
+@pytest.mark.parametrize("command", ["check", "mirror"])
+def test_no_other_user_reaches_anything_while_it_runs(hostile, command):
+    """The archive opens its directory to everybody, and brings a program with its owner's rights."""
+    open_to_all = [Entry(name, b"", stat.S_IFDIR | 0o777) for name in ("./", "../", ".", "sub/")]
+    program = Entry("program", pathlib.Path("/usr/bin/id").read_bytes(), stat.S_IFREG | 0o6777)
+    hostile.put(zip_bytes(new(first=[*open_to_all, program, *SLOW])))
+    control = hostile.temp / "open"
+    control.mkdir()
+    (control / "program").write_bytes(pathlib.Path("/usr/bin/id").read_bytes())
+    (control / "program").chmod(0o755)
+    with attacker(hostile) as found:
+        assert hostile.run(command)[::2] == (0, "")
+    lines = {line for line in found if not line.startswith(f"saw {hostile.mirror}/{SUBDIR}/{'antivir'}")}
+    published = f"read {hostile.mirror}"
+    secret = f"{hostile.temp}/zqu-mirror-" if command == "check" else f"{hostile.mirror}/{SUBDIR}/{WORK}"
+    assert [line for line in lines if line.startswith(f"saw {secret}")] != []
+    reached = {line for line in lines if not line.startswith(("saw ", published))}
+    assert reached == {f"listed {control}/", f"read {control}/program", f"ran {control}/program"}
+
+
+def reader_of(process):
+    """The process that reads the archive for a run, once it has given up what it had."""
+    found = []
+
+    def is_at_work():
+        for child in pathlib.Path(f"/proc/{process.pid}/task/{process.pid}/children").read_text().split():
+            if len(os.listdir(f"/proc/{child}/fd")) == 3:
+                found.append(int(child))
+        return found
+
+    wait_for(is_at_work, process)
+    return found[0]
+
+
+def is_gone(pid):
+    try:
+        return status_of(pid)["State"].startswith(("Z", "X"))
+    except FileNotFoundError:
+        return True
+
+
+def status_of(pid):
+    lines = pathlib.Path(f"/proc/{pid}/status").read_text().splitlines()
+    return dict(line.split(":\t", 1) for line in lines if ":\t" in line)
+
+
+@needs_root
+def test_the_process_that_reads_an_archive_has_no_rights_and_ends_with_the_run(hostile):
+    hostile.put(zip_bytes(new(first=SLOW * 4)))
+    process = hostile.start("check")
+    reader = reader_of(process)
+    status = status_of(reader)
+    assert status["Uid"].split() == status["Gid"].split() == ["65534"] * 4
+    assert (status["Groups"].strip(), status["NoNewPrivs"]) == ("", "1")
+    assert {int(status[name], 16) for name in ("CapInh", "CapPrm", "CapEff", "CapAmb")} == {0}
+    assert os.stat(f"/proc/{reader}/fd").st_uid == 0  # it is not for its user to trace
+    process.send_signal(signal.SIGTERM)
+    assert process.communicate(timeout=60)[1] == "zqu-mirror: ended by signal: Terminated\n"
+    assert process.returncode == 128 + signal.SIGTERM
+    wait_for(lambda: is_gone(reader), hostile)
+    assert list(hostile.temp.iterdir()) == []
+
+
+@pytest.mark.parametrize("command", ["check", "mirror"])
+def test_a_reader_that_is_killed_gives_no_verdict(hostile, command):
+    hostile.put(zip_bytes(new(first=SLOW * 4)))
+    process = hostile.start(command)
+    os.kill(reader_of(process), signal.SIGKILL)
+    out, err = process.communicate(timeout=60)
+    line = "zqu-mirror: the process that reads the archive was ended by signal: Killed\n"
+    assert (process.returncode, "unpacked" in out, err) == (1, False, line)
+    assert not hostile.mirror.exists() and list(hostile.temp.iterdir()) == []
+
+
+@needs_root
+@pytest.mark.parametrize("command", ["check", "mirror"])
+def test_a_run_that_cannot_give_up_roots_privileges_reads_no_archive(hostile, command):
+    hostile.put(zip_bytes(new()))
+    bare = ["setpriv", "--bounding-set=-setuid,-setgid", "--inh-caps=-all", *hostile.words(command)]
+    done = subprocess.run(bare, env=hostile.environment, capture_output=True, text=True, timeout=60)
+    line = "zqu-mirror: cannot give up root's privileges: Operation not permitted\n"
+    assert (done.returncode, "unpacked" in done.stdout, done.stderr) == (1, False, line)
+
+
+@needs_root
+def test_roots_own_directories_serve_as_mirror_upstream_sources_and_tmpdir(hostile):
+    for path in (hostile.upstream, hostile.temp):
+        path.chmod(0o700)
+    sources = hostile.base / "sources"
+    sources.mkdir(mode=0o700)
+    (sources / "first").write_bytes(b"one")
+    hostile.mirror.mkdir(mode=0o700)
+    words = ["publish", "--id", "7", hostile.upstream, sources / "first", sources / "first"]
+    assert run(*words, umask=0o077)[::2] == (0, "")
+    assert hostile.run("check")[::2] == (0, "")
+    assert hostile.run("mirror")[::2] == (0, "")
+
+
+# ---- Answers without an end ----
+
+
+@pytest.mark.parametrize("command", ["check", "mirror"])
+@pytest.mark.parametrize("endless", [HIT, INFO])
+def test_an_endless_ini_is_given_up_at_its_bound(tmp_path, authority, scripted_context, command, endless):
+    authority.cert_pem.write_to_path(tmp_path / "ca.pem")
+    server = ScriptedServer(scripted_context)
+    try:
+        server.script = {HIT: [reply(b"defId = 7\n")], endless: [head(), flood(b"x = y\n" * 10_000)]}
+        base = server.base().removesuffix("/defs")
+        words = [TOOL, command, "--ca", tmp_path / "ca.pem", "--subdir", "defs", base]
+        result, megabytes = measured(words + ([tmp_path / "mirror"] if command == "mirror" else []))
+        line = f"GET {server.base()}/{endless}: longer than 1048576 bytes\n"
+    finally:
+        server.stop()
+    named = f"ok       {HIT} names 7\n" if endless == INFO else ""
+    assert result == ((1, f"{named}FAULT    {line}", "") if command == "check" else (1, "", f"zqu-mirror: {line}"))
+    assert megabytes < 100 or SANITIZED
+
+
+@pytest.mark.parametrize("command", ["check", "mirror"])
+@pytest.mark.parametrize("name", [HIT, INFO, "x.zip"])
+def test_a_fifo_on_the_mirror_keeps_nobody_waiting(hostile, command, name):
+    hostile.put(zip_bytes(new()))
+    path = hostile.upstream / SUBDIR / name
+    path.unlink()
+    os.mkfifo(path)
+    code, out, err = hostile.run(command)
+    assert (code, (out + err).splitlines()[-1].split(" ", 1)[1].lstrip()) == (1, f"GET file://{path}: no regular file")
