@@ -1,4 +1,4 @@
-// What a mirror's folder holds, read with the daemon's own code: which releases there are, which of them clients are
+// What a mirror's folder holds, read as the daemon does: which releases there are, which of them clients are
 // told to take, and which archives nothing names.
 //
 // Functions without a state of their own, for one thread. Nothing here writes. Everything throws std::runtime_error

@@ -47,19 +47,18 @@ constexpr const char* about_publish =
     "Writes the release and then, in one step, makes it current. Clients see the old release or the new one, whole.\n"
     "When anything fails, one line says why and the mirror is left as it was. Publishing the same content again makes\n"
     "that release current again, which is how to go back to it; an id never gets other content.\n"
-    "The mirror's disk needs room for the archive and, for the check before the release becomes current, for the\n"
-    "unpacked definitions. A CAB holds 2147450880 bytes with its index; --zip has no such limit.\n\n"
+    "A CAB holds 2147450880 bytes with its index; --zip has no such limit.\n\n"
     "Examples:\n"
     "  zqu-mirror publish --id 20240131.007 /srv/mirror antivir.def aivsecon.def\n"
     "  zqu-mirror publish --flavor v3 --zip --id 20240131.008 /srv/mirror big.def small.def\n";
 
 constexpr const char* about_mirror =
     "Asks the upstream mirror for its current release and, when that is another one than here, downloads it, verifies\n"
-    "and unpacks it as a client would, and makes it current in one step. Id, INI file and archive are the upstream's, "
-    "to\n"
-    "the byte. Nothing new is a success too, and changes nothing. When anything fails, one line says why, after those "
-    "of\n"
-    "the transfer, and the mirror is left as it was; an id never gets other content.\n\n"
+    "it as a client would, and makes it current in one step. Id, INI file and archive are the upstream's, to the "
+    "byte.\n"
+    "Nothing new is a success too, and changes nothing. When anything fails, one line says why, and the mirror is "
+    "left\n"
+    "as it was; an id never gets other content.\n\n"
     "Examples:\n"
     "  zqu-mirror mirror https://definitions.zelgw.example /srv/mirror\n"
     "  zqu-mirror mirror --flavor v3 --ca /etc/ssl/upstream-ca.pem https://mirror.example /srv/mirror\n";
@@ -75,9 +74,10 @@ constexpr const char* about_prune =
     "  zqu-mirror prune --keep 5 --older-than 30d /srv/mirror\n";
 
 constexpr const char* about_check =
-    "Reads the mirror with the daemon's own code, downloads and unpacks the current release below $TMPDIR (/tmp), "
-    "and\n"
-    "prints one line per step: ok, warning (clients succeed all the same) or FAULT (clients fail).\n\n"
+    "Reads the mirror as the daemon does, downloads the archive of the current release below $TMPDIR (/tmp), and\n"
+    "prints one line per step: ok, warning (clients succeed all the same) or FAULT (clients fail, or would accept "
+    "what\n"
+    "nobody has checked). The archive is read by a process without root's privileges, and not unpacked to disk.\n\n"
     "Examples:\n"
     "  zqu-mirror check /srv/mirror\n"
     "  zqu-mirror check --ca /etc/ssl/fleet-ca.pem https://mirror.example\n";

@@ -11,7 +11,7 @@ namespace zqu::mirror_tool {
 // archive keep their names and their bytes. Prints one line, also when there is nothing new, and changes nothing then.
 //
 // Throws when anything fails, with the reason as its text, and the run then leaves the mirror as it was, but for what
-// publish() tells of the last flush. The core library logs its reasons to syslog(3). Refused are, besides what cannot
+// publish() tells of the last flush. Refused are, besides what cannot
 // be fetched, does not verify or cannot be written: an id or an archive name that is no plain file name (names.hpp), an
 // id that is known here with another archive, an archive whose name belongs to other content here, and a mirror that
 // another run works on.

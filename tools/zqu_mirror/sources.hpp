@@ -12,7 +12,7 @@
 namespace zqu::mirror_tool {
 
 struct Source {
-    std::filesystem::path path;  // absolute: the working directory changes when archives are unpacked
+    std::filesystem::path path;  // absolute
     std::string name;            // inside the archive
     struct stat before {};       // as it was before anything of it was read
     std::string digest;          // SHA-256 in lower-case hexadecimal; empty until somebody has computed it
