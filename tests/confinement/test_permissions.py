@@ -138,7 +138,7 @@ def test_directory_entry_without_rights_for_the_group_hides_the_release_from_rea
     assert may(system, READER) == READING
 
 
-def test_directory_entry_of_mode_0000_blocks_its_id_until_a_restart(system):
+def test_directory_of_mode_0000_blocks_its_id_until_a_restart(system):
     system.drop_in(UNPREPARED)
     serve(system, zip_with_directory(0))
     system.run("systemctl", "restart", UNIT)
@@ -162,7 +162,7 @@ def test_directory_entry_of_mode_0000_blocks_its_id_until_a_restart(system):
 
 
 @pytest.mark.parametrize("mode", [0o500, 0o555], ids=oct)
-def test_snapshot_that_its_owner_may_not_write_stays_until_a_restart(system, mode):
+def test_unwritable_snapshot_stays_until_a_restart(system, mode):
     """What else the archive held stays in it."""
     system.drop_in(UNPREPARED)
     update(system, zip_with_directory(mode))
@@ -197,7 +197,7 @@ def test_reader_could_write_without_the_default_acl(system):
     assert "write" in may(system, READER)
 
 
-def test_stranger_could_write_without_the_modes_of_root_and_snapshots(system):
+def test_stranger_could_write_without_the_modes_of_directories(system):
     system.drop_in(UNPREPARED)
     system.run("chmod", "o+rx", ROOT, f"{ROOT}/snapshots")
     update(system, ARCHIVES["cab"][0])

@@ -196,7 +196,7 @@ def owners(system):
     return set(system.out("sh", "-c", f"find {ROOT}/active {ROOT}/snapshots/* -printf '%u\\n'").splitlines())
 
 
-def test_start_of_the_unit_takes_over_what_a_check_by_hand_as_root_made(system, server, releases):
+def test_start_takes_over_what_a_check_by_hand_as_root_made(system, server, releases):
     """Link, snapshot and status: without that the unit could replace, prune and write none of them."""
     system.configure(server, retained_snapshots=1)
     system.run("systemctl", "stop", UNIT)

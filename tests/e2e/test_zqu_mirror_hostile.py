@@ -147,7 +147,7 @@ FAULTS = {
 
 
 @pytest.mark.parametrize("fault", FAULTS)
-def test_an_archive_that_clients_fail_on_is_a_fault_for_every_user_and_is_not_copied(hostile, fault):
+def test_archive_that_clients_fail_on_is_a_fault_and_not_copied(hostile, fault):
     archive, text = FAULTS[fault]
     hostile.put(archive if isinstance(archive, bytes) else zip_bytes(archive))
     code, out, err = found = hostile.run("check")
@@ -183,7 +183,7 @@ def test_other_entries_are_noted_up_to_twenty_and_copied(hostile, what):
     assert hostile.run("mirror")[0] == 0
 
 
-def test_an_archive_that_has_the_name_of_a_definition_takes_that_with_it(hostile):
+def test_archive_named_like_a_definition_removes_that(hostile):
     """Clients remove the archive once it is unpacked."""
     hostile.put(zip_bytes(new()), FIRST)
     assert f"FAULT    {FIRST} is not in the archive\n" in hostile.run("check")[1]
@@ -317,7 +317,7 @@ def status_of(pid):
 
 
 @needs_root
-def test_the_process_that_reads_an_archive_has_no_rights_and_ends_with_the_run(hostile):
+def test_reading_process_has_no_rights_and_ends_with_the_run(hostile):
     hostile.put(zip_bytes(new(first=SLOW * 4)))
     process = hostile.start("check")
     reader = reader_of(process)
@@ -346,7 +346,7 @@ def test_a_reader_that_is_killed_gives_no_verdict(hostile, command):
 
 @needs_root
 @pytest.mark.parametrize("command", ["check", "mirror"])
-def test_a_run_that_cannot_give_up_roots_privileges_reads_no_archive(hostile, command):
+def test_run_that_cannot_give_up_privileges_reads_no_archive(hostile, command):
     hostile.put(zip_bytes(new()))
     bare = ["setpriv", "--bounding-set=-setuid,-setgid", "--inh-caps=-all", *hostile.words(command)]
     done = subprocess.run(bare, env=hostile.environment, capture_output=True, text=True, timeout=60)
@@ -355,7 +355,7 @@ def test_a_run_that_cannot_give_up_roots_privileges_reads_no_archive(hostile, co
 
 
 @needs_root
-def test_roots_own_directories_serve_as_mirror_upstream_sources_and_tmpdir(hostile):
+def test_directories_that_only_root_may_enter_can_be_used(hostile):
     for path in (hostile.upstream, hostile.temp):
         path.chmod(0o700)
     sources = hostile.base / "sources"

@@ -168,7 +168,7 @@ def test_rollback_by_hand_lasts_until_the_service_is_started(gateway):
     gateway.latest = "1006"
 
 
-def test_link_that_leads_nowhere_leads_to_the_release_again_after_a_restart(gateway):
+def test_link_that_leads_nowhere_is_restored_by_a_restart(gateway):
     """Without that, what is not there is taken for current."""
     (recipe,) = blocks("operations.md", "The root is out of order")
     version = gateway.take_new()
