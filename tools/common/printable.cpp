@@ -74,17 +74,18 @@ bool is_invisible(std::uint32_t code) {
                        [code](const Range& range) { return code >= range.first && code <= range.last; });
 }
 
+// The length in bytes of the invisible character that text has at position; 0 when there is another one.
+std::size_t invisible_at(const std::string& text, std::size_t position) {
+    const Character character = decode(text, position);
+    return is_invisible(character.code) ? character.length : 0;
+}
+
 void append_escaped(std::string& out, unsigned char byte) {
     static const char digits[] = "0123456789ABCDEF";
     out = out + "\\x" + digits[byte >> 4] + digits[byte & 0x0F];
 }
 
 }  // namespace
-
-std::size_t invisible_at(const std::string& text, std::size_t position) {
-    const Character character = decode(text, position);
-    return is_invisible(character.code) ? character.length : 0;
-}
 
 std::string without_invisible(std::string text) {
     while (const std::size_t length = invisible_at(text, 0)) {
@@ -99,15 +100,14 @@ std::string without_invisible(std::string text) {
     return text.substr(0, end);
 }
 
-bool is_utf8(const std::string& text) {
+std::string as_utf8(const std::string& text) {
+    std::string out;
     for (std::size_t i = 0; i < text.size();) {
         const std::size_t length = decode(text, i).length;
-        if (length == 0) {
-            return false;
-        }
-        i += length;
+        out += length == 0 ? std::string("\xEF\xBF\xBD") : text.substr(i, length);
+        i += std::max<std::size_t>(length, 1);
     }
-    return true;
+    return out;
 }
 
 std::string printable(const std::string& text) {

@@ -1,24 +1,20 @@
-// Texts from a configuration file, a mirror or a path, made fit for a terminal.
+// Texts from a configuration file, a mirror or a path, made fit for a terminal or for JSON.
 //
 // Pure functions; they fail on lack of memory only.
 #pragma once
 
-#include <cstddef>
 #include <string>
 
 namespace zqu::tools {
 
-// The length in bytes of the blank, zero-width or direction-changing character beyond ASCII (in UTF-8) that text has at
-// position; 0 when there is another one.
-[[nodiscard]] std::size_t invisible_at(const std::string& text, std::size_t position);
-
-// text without such characters at either end.
+// text without invisible characters at either end: in UTF-8, the blank, zero-width and direction-changing ones beyond
+// ASCII.
 [[nodiscard]] std::string without_invisible(std::string text);
 
-// Whether all of text is UTF-8.
-[[nodiscard]] bool is_utf8(const std::string& text);
+// text as UTF-8: every byte that belongs to no well-formed sequence (RFC 3629) becomes U+FFFD.
+[[nodiscard]] std::string as_utf8(const std::string& text);
 
-// text with every control byte, every byte that is not UTF-8 and every character that invisible_at() tells of as \xNN.
+// text with every control byte, every byte that is not UTF-8 and every invisible character as \xNN.
 [[nodiscard]] std::string printable(const std::string& text);
 
 // printable(text) in double quotes.

@@ -6,22 +6,20 @@
 #include <openssl/x509.h>
 
 #include <fstream>
-#include <memory>
 
+#include "handle.hpp"
 #include "printable.hpp"
 
 namespace zqu::config_tool {
 
 namespace {
 
-struct FreeBio {
-    void operator()(BIO* bio) const { BIO_free(bio); }
-};
-struct FreeInfos {
-    void operator()(STACK_OF(X509_INFO) * infos) const { sk_X509_INFO_pop_free(infos, X509_INFO_free); }
-};
-using Bio = std::unique_ptr<BIO, FreeBio>;
-using Infos = std::unique_ptr<STACK_OF(X509_INFO), FreeInfos>;
+void free_infos(STACK_OF(X509_INFO) * infos) {
+    sk_X509_INFO_pop_free(infos, X509_INFO_free);
+}
+
+using Bio = tools::Handle<BIO, BIO_free>;
+using Infos = tools::Handle<STACK_OF(X509_INFO), free_infos>;
 
 std::string read_pem(const std::string& path) {
     constexpr std::streamsize most = 16 << 20;

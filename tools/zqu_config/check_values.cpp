@@ -118,7 +118,7 @@ void check_flavor(const Effective& effective, Findings& findings) {
 void check_engine_version(const Effective& effective, Findings& findings) {
     const std::string& version = effective.cfg.engine_version;
     const auto raw = [](char c) { return static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\r'; };
-    if (std::any_of(version.begin(), version.end(), raw) || !tools::is_utf8(version)) {
+    if (std::any_of(version.begin(), version.end(), raw) || tools::as_utf8(version) != version) {
         findings.warning(effective.line("engine_version"), "engine_version: the status file will be no valid JSON");
     }
 }

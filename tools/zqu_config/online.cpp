@@ -72,7 +72,7 @@ bool ask(const zqu::Config& cfg, const User& user, int answer) {
 // Returns whether the child ended with success; nothing when it did not end within the time. It is gone in any case.
 std::optional<bool> await(pid_t child, unsigned timeout_s) {
     using std::chrono::steady_clock;
-    const Fd process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+    const tools::Fd process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
     pollfd end{process.get(), POLLIN, 0};
     const auto deadline = steady_clock::now() + std::chrono::seconds(timeout_s);
     int ended = -1;
@@ -92,7 +92,7 @@ std::optional<bool> await(pid_t child, unsigned timeout_s) {
 }  // namespace
 
 void check_online(const Effective& effective, const User& user, unsigned timeout_s, Findings& findings) {
-    const Fd answer(memfd_create("answer", MFD_CLOEXEC));
+    const tools::Fd answer(memfd_create("answer", MFD_CLOEXEC));
     if (answer.get() < 0) {
         fail("cannot make a file in memory");
     }

@@ -42,7 +42,7 @@ std::string read_file(const std::string& path, std::string& text) {
     if (!S_ISREG(status.st_mode)) {
         return what_comes_of(status.st_mode);
     }
-    const Fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    const tools::Fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     if (file.get() < 0) {
         return cannot_be_read();
     }
@@ -59,7 +59,7 @@ std::string read_file(const std::string& path, std::string& text) {
 
 // Through a file in memory, so that both readers have the same text, whatever happens to the file meanwhile.
 zqu::tools::Settings read_as_the_daemon(const std::string& text) {
-    const Fd memory(memfd_create("zqu-config", MFD_CLOEXEC));
+    const tools::Fd memory(memfd_create("zqu-config", MFD_CLOEXEC));
     for (std::size_t done = 0; done < text.size();) {
         const ssize_t size = write(memory.get(), text.data() + done, text.size() - done);
         if (size <= 0) {

@@ -11,9 +11,9 @@
 #include <system_error>
 #include <thread>
 
-#include "file.hpp"
+#include "fd.hpp"
+#include "printable.hpp"
 #include "settings.hpp"
-#include "text.hpp"
 
 namespace zqu::status_tool {
 
@@ -34,8 +34,8 @@ ConfigState openable(const std::string& path, std::string& reason) {
         reason = "it is longer than " + std::to_string(tools::largest_config) + " bytes";
         return ConfigState::unreadable;
     }
-    const File file(there ? open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1);
-    if (file.descriptor() >= 0) {
+    const tools::Fd file(there ? open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1);
+    if (file.get() >= 0) {
         return ConfigState::read;
     }
     reason = std::generic_category().message(errno);
@@ -61,7 +61,7 @@ void look(Facts& facts) {
 
 bool settled(const Store& before, const Facts& facts) {
     const bool told = facts.status.state == StatusState::valid &&
-                      facts.status.contents.active_version == as_utf8(facts.store.version);
+                      facts.status.contents.active_version == tools::as_utf8(facts.store.version);
     const bool nothing_to_tell =
         facts.status.state != StatusState::valid && facts.status.state != StatusState::unfinished;
     return same_link(before, facts.store) && (told || nothing_to_tell);

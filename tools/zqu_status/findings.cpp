@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "advice.hpp"
+#include "printable.hpp"
 #include "text.hpp"
 
 namespace zqu::status_tool {
@@ -305,7 +306,7 @@ void judge_version(const Facts& facts, Findings& found) {
     const std::string& told = facts.status.contents.active_version;
     const bool readable = facts.store.link == LinkState::in_service || facts.store.link == LinkState::dangling;
     const bool fresh = age(facts.now, facts.store.published.value_or(0)) <= settling;
-    if (readable && !fresh && told != as_utf8(facts.store.version)) {
+    if (readable && !fresh && told != tools::as_utf8(facts.store.version)) {
         found.push_back({"version_differs", Verdict::warning,
                          "active leads to " + shown(facts.store.version) + ", but the last check left " +
                              (told.empty() ? "none" : shown(told)),

@@ -12,7 +12,7 @@
 #include <system_error>
 #include <utility>
 
-#include "file.hpp"
+#include "fd.hpp"
 
 namespace zqu::status_tool {
 
@@ -37,7 +37,7 @@ class Temporary {
 public:
     Temporary(const std::string& pattern, std::string target)
         : target_(std::move(target)), path_(pattern), file_(mkostemp(path_.data(), O_CLOEXEC)) {
-        if (file_.descriptor() < 0) {
+        if (file_.get() < 0) {
             fail("cannot write " + target_);
         }
     }
@@ -50,8 +50,8 @@ public:
     Temporary& operator=(const Temporary&) = delete;
 
     void write(const std::string& text) {
-        write_all(file_.descriptor(), text, target_);
-        if (fchmod(file_.descriptor(), S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH) != 0) {
+        write_all(file_.get(), text, target_);
+        if (fchmod(file_.get(), S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH) != 0) {
             fail("cannot write " + target_);
         }
     }
@@ -66,7 +66,7 @@ public:
 private:
     const std::string target_;
     std::string path_;
-    const File file_;
+    const tools::Fd file_;
     bool renamed_ = false;
 };
 

@@ -14,8 +14,8 @@
 #include <system_error>
 #include <utility>
 
-#include "file.hpp"
-#include "text.hpp"
+#include "fd.hpp"
+#include "printable.hpp"
 
 namespace zqu::status_tool {
 
@@ -137,7 +137,7 @@ const char* name_of(StatusState state) {
 }
 
 StatusFile parse_status(const std::string& text) {
-    const std::string repaired = with_controls_escaped(as_utf8(text));
+    const std::string repaired = with_controls_escaped(tools::as_utf8(text));
     try {
         return interpret(parse_once_each(repaired));
     } catch (const json::parse_error& e) {
@@ -159,12 +159,11 @@ StatusFile read_status(const std::string& path) {
     if (!S_ISREG(found.st_mode)) {
         return fault(StatusState::not_regular, "it is no regular file");
     }
-    const File file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (file.descriptor() < 0 || fstat(file.descriptor(), &found) != 0) {
+    const tools::Fd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (file.get() < 0 || fstat(file.get(), &found) != 0) {
         return fault_of(errno);
     }
-    return S_ISREG(found.st_mode) ? read_open(file.descriptor())
-                                  : fault(StatusState::not_regular, "it is no regular file");
+    return S_ISREG(found.st_mode) ? read_open(file.get()) : fault(StatusState::not_regular, "it is no regular file");
 }
 
 }  // namespace zqu::status_tool

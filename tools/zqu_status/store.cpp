@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "file.hpp"
+#include "fd.hpp"
 
 namespace zqu::status_tool {
 
@@ -53,14 +53,14 @@ Definition look_at_definition(int folder, const std::string& name) {
 
 // One directory is held for both files: a publication in between cannot mix two releases.
 void look_at_definitions(const std::string& path, const std::string& flavor, Store& store) {
-    const File folder(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (folder.descriptor() < 0) {
+    const tools::Fd folder(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (folder.get() < 0) {
         store.link = errno == EACCES || errno == EPERM ? LinkState::unreadable : LinkState::dangling;
         store.reason = std::generic_category().message(errno);
         return;
     }
     for (const char* kind : {"antivir-", "aivsecon-"}) {
-        store.definitions.push_back(look_at_definition(folder.descriptor(), kind + flavor + ".def"));
+        store.definitions.push_back(look_at_definition(folder.get(), kind + flavor + ".def"));
     }
 }
 

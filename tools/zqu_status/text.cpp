@@ -12,35 +12,8 @@ constexpr std::int64_t minute = 60;
 constexpr std::int64_t hour = 60 * minute;
 constexpr std::int64_t day = 24 * hour;
 
-unsigned char byte_at(const std::string& text, std::size_t at) {
-    return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
-}
-
 bool in_range(unsigned char byte, unsigned low, unsigned high) {
     return byte >= low && byte <= high;
-}
-
-// Length of the well-formed sequence that begins at the position (RFC 3629, section 4); 0 when none does.
-std::size_t sequence_length(const std::string& text, std::size_t at) {
-    const unsigned char first = byte_at(text, at);
-    if (first < 0x80) {
-        return 1;
-    }
-    const std::size_t length = in_range(first, 0xC2, 0xDF)   ? 2
-                               : in_range(first, 0xE0, 0xEF) ? 3
-                               : in_range(first, 0xF0, 0xF4) ? 4
-                                                             : 0;
-    const unsigned low = first == 0xE0 ? 0xA0 : first == 0xF0 ? 0x90 : 0x80;   // no overlong forms
-    const unsigned high = first == 0xED ? 0x9F : first == 0xF4 ? 0x8F : 0xBF;  // no surrogates, nothing too large
-    if (length == 0 || !in_range(byte_at(text, at + 1), low, high)) {
-        return 0;
-    }
-    for (std::size_t i = 2; i < length; ++i) {
-        if (!in_range(byte_at(text, at + i), 0x80, 0xBF)) {
-            return 0;
-        }
-    }
-    return length;
 }
 
 std::string pair_text(std::int64_t large, const char* large_unit, std::int64_t small, const char* small_unit) {
@@ -81,16 +54,6 @@ std::string shell_line(const std::string& command, const std::vector<std::string
         line += "'";
     }
     return line;
-}
-
-std::string as_utf8(const std::string& text) {
-    std::string result;
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t length = sequence_length(text, at);
-        result += length == 0 ? std::string("\xEF\xBF\xBD") : text.substr(at, length);
-        at += std::max<std::size_t>(length, 1);
-    }
-    return result;
 }
 
 std::optional<std::int64_t> parse_duration(const std::string& text) {

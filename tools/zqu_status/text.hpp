@@ -22,9 +22,6 @@ inline constexpr std::size_t shown_bytes = 200;
 // every terminal and form would leave it as it is.
 [[nodiscard]] std::string shell_line(const std::string& command, const std::vector<std::string>& paths);
 
-// text as valid UTF-8: every byte that belongs to no well-formed sequence (RFC 3629) becomes U+FFFD.
-[[nodiscard]] std::string as_utf8(const std::string& text);
-
 // The seconds that a duration such as "90", "90s", "15m", "4h" or "2d" stands for; no value when text is none, or one
 // of more than ten digits.
 [[nodiscard]] std::optional<std::int64_t> parse_duration(const std::string& text);

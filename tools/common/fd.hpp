@@ -3,7 +3,7 @@
 
 #include <unistd.h>
 
-namespace zqu::config_tool {
+namespace zqu::tools {
 
 class Fd {
 public:
@@ -23,4 +23,4 @@ private:
     int fd_;
 };
 
-}  // namespace zqu::config_tool
+}  // namespace zqu::tools
