@@ -1,6 +1,5 @@
 #include "mirror.hpp"
 
-#include <algorithm>
 #include <filesystem>
 #include <string>
 
@@ -57,7 +56,7 @@ std::string read_text(const fs::path& path) {
 bool is_current(const Options& options, const Upstream& upstream) {
     const fs::path place = folder(options);
     const fs::path info = place / info_name(options.flavor, upstream.id);
-    return current_id(place, options.flavor) == upstream.id && fs::exists(info) && read_text(info) == upstream.info;
+    return current_id(options) == upstream.id && fs::exists(info) && read_text(info) == upstream.info;
 }
 
 // Puts the upstream's INI into the work folder, under its name.
@@ -143,7 +142,7 @@ void add_and_make_current(const Options& options, const Upstream& upstream, cons
     if (!known) {
         add_release(info_name(options.flavor, upstream.id), info.cab_name, have, place);
     }
-    place.make_current(options.flavor, upstream.id);
+    place.make_current(options, upstream.id);
 }
 
 }  // namespace
@@ -160,7 +159,7 @@ void mirror(const Options& options, Run& run) {
     Workplace place(folder(options), run);
     const zqu::CompleteInfo info = stage_info(client, options, upstream, place);
     const bool known = require_same_content(options, upstream, info);
-    if (known && current_id(place.folder(), options.flavor) == upstream.id) {  // the INI has changed, but nothing in it
+    if (known && current_id(options) == upstream.id) {  // the INI has changed, but nothing in it
         report_nothing_new(upstream, run);
         return;
     }

@@ -135,7 +135,7 @@ void publish(const Options& options, Run& run) {
     }
     std::for_each(sources.begin(), sources.end(), require_unchanged);
     const zqu::CompleteInfo info = require_release(options, sources, known);
-    place.make_current(options.flavor, options.id);
+    place.make_current(options, options.id);
     run.phase("");
     report(options, info, known);
 }

@@ -9,7 +9,6 @@
 #include "failure.hpp"
 #include "files.hpp"
 #include "names.hpp"
-#include "options.hpp"
 
 namespace zqu::mirror_tool {
 
@@ -51,11 +50,7 @@ void mark_as_former(const fs::path& info, const fs::path& hit) {
 
 }  // namespace
 
-std::optional<std::string> current_id(const fs::path& folder, const std::string& flavor) {
-    Options options;
-    options.mirror = folder;
-    options.subdir = "";
-    options.flavor = flavor;
+std::optional<std::string> current_id(const Options& options) {
     const zqu::Config cfg = client_config(options);
     try {
         return tools::BoundedClient(cfg).fetch_id();
@@ -76,14 +71,14 @@ void Workplace::add(const std::string& work_name, const std::string& name) {
     run_.make(folder_ / name, [&] { move(work(work_name), folder_ / name); });
 }
 
-void Workplace::make_current(const std::string& flavor, const std::string& id) {
+void Workplace::make_current(const Options& options, const std::string& id) {
     const fs::path hit = work("hit");
     write_text(hit, "[Current]\ndefId = " + id + "\n");
-    const auto former = current_id(folder_, flavor);
+    const auto former = current_id(options);
     if (former && *former != id && unusable_name(*former).empty()) {
-        mark_as_former(folder_ / info_name(flavor, *former), hit);
+        mark_as_former(folder_ / info_name(options.flavor, *former), hit);
     }
-    run_.commit([&] { move(hit, folder_ / hit_name(flavor)); });
+    run_.commit([&] { move(hit, folder_ / hit_name(options.flavor)); });
     try {
         flush(folder_);
     } catch (const std::system_error& e) {

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "lock.hpp"
+#include "options.hpp"
 #include "run.hpp"
 
 namespace zqu::mirror_tool {
@@ -18,16 +19,15 @@ namespace zqu::mirror_tool {
 // The work folder's name in the mirror's folder.
 inline constexpr const char* work_folder_name = ".zqu-mirror.work";
 
-// The release that the flavor's hit INI in folder, an absolute path, names; none when there is no hit INI or it cannot
-// be read or understood.
-[[nodiscard]] std::optional<std::string> current_id(const std::filesystem::path& folder, const std::string& flavor);
+// The release that the hit INI of options' mirror, a folder, names; none when there is no hit INI or it cannot be read
+// or understood.
+[[nodiscard]] std::optional<std::string> current_id(const Options& options);
 
 class Workplace {
 public:
     // Makes folder, an absolute path, with the parents that are missing (on disk then, and undone with the run), locks
-    // it, and makes an empty work folder in it. Keeps a reference to run, which
-    // must outlive the workplace. Throws what Lock throws, and std::system_error when folder or work folder cannot be
-    // made.
+    // it, and makes an empty work folder in it. Keeps a reference to run, which must outlive the workplace. Throws what
+    // Lock throws, and std::system_error when folder or work folder cannot be made.
     Workplace(const std::filesystem::path& folder, Run& run);
 
     // Removes the work folder, undoes what was not committed, and only then unlocks the folder: the next run must not
@@ -47,12 +47,12 @@ public:
     // the run. The file must have been flushed before; its name is on disk after flush(folder()).
     void add(const std::string& work_name, const std::string& name);
 
-    // Makes the release current whose files are all in place and on disk: writes the flavor's hit INI and commits the
+    // Makes the release current whose files are all in place and on disk: writes the hit INI and commits the
     // run by moving it into place. The complete-info INI of the release that was current gets the time of the new hit
     // INI, by which prune knows when it ceased to be so; whether that succeeds is ignored, and it is not undone. Throws
     // std::system_error when that fails, and the mirror is as it was; std::runtime_error when the release is current
     // but the folder cannot be flushed.
-    void make_current(const std::string& flavor, const std::string& id);
+    void make_current(const Options& options, const std::string& id);
 
 private:
     std::filesystem::path folder_;
