@@ -44,7 +44,7 @@ void require_no_special_file(const std::string& url) {
     }
 }
 
-// A file in memory that the daemon's client can fetch: it parses nothing but what it has fetched itself.
+// A file in memory, because the daemon's client parses only what it has fetched itself.
 class MemoryFile {
 public:
     explicit MemoryFile(const std::string& text) : fd_(memfd_create("ini", MFD_CLOEXEC)) {
@@ -59,7 +59,7 @@ public:
     MemoryFile(const MemoryFile&) = delete;
     MemoryFile& operator=(const MemoryFile&) = delete;
 
-    // A mirror whose files all have this content: behind the question mark stands a query, which a file has not.
+    // A mirror whose files all have this content: file:// ignores what follows the question mark.
     [[nodiscard]] zqu::Config mirror() const {
         zqu::Config cfg;
         cfg.mirror_base_url = "file:///proc/self/fd/" + std::to_string(fd_) + "?";

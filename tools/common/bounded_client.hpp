@@ -1,5 +1,5 @@
-// A client of a mirror for the operators' tools: it asks as the daemon's does and reads the INI files with the daemon's
-// code, but takes no endless answer, and says why it failed instead of logging it.
+// A client of a mirror for the operators' tools. It sends the daemon's requests and reads the INI files with the
+// daemon's code, but bounds every answer, and throws the reason of a failure instead of logging it.
 //
 // One thread only: the libcurl handle is neither shared nor locked.
 #pragma once

@@ -1,5 +1,5 @@
-// What a mirror's folder holds, read as the daemon does: which releases there are, which of them clients are
-// told to take, and which archives nothing names.
+// What a mirror's folder holds, read as the daemon does: which releases there are, which of them are
+// current, and which archives nothing names.
 //
 // Functions without a state of their own, for one thread. Nothing here writes. Everything throws std::runtime_error
 // with the file and the reason when one of the INI files is no regular file, cannot be understood, or holds a name that

@@ -1,5 +1,5 @@
-// How zqu-mirror speaks, by printable.hpp, so that no text from a mirror or an archive does anything to a terminal; and
-// how it fails: by an exception whose text is the reason, which main() puts on standard error as one line.
+// The output of zqu-mirror: printable.hpp makes its lines, so that no text from a mirror or an archive does anything to
+// a terminal. A failure is an exception whose text is the reason; main() prints it on standard error as one line.
 //
 // Safe from any thread.
 #pragma once

@@ -52,7 +52,7 @@ private:
     std::unique_ptr<Context> context_;
 };
 
-// The SHA-256 of the file in lower-case hexadecimal. Tells progress how many bytes each step has read.
+// The SHA-256 of the file in lower-case hexadecimal. Calls progress with the number of bytes that each step has read.
 // Throws what Sha256 throws, too.
 [[nodiscard]] std::string sha256(const std::filesystem::path& path, const std::function<void(std::size_t)>& progress);
 

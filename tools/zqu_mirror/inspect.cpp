@@ -20,8 +20,8 @@ namespace zqu::mirror_tool {
 
 namespace {
 
-// A report is records that end with a zero byte: each remark, beginning with its verdict, each digest, and last the
-// end.
+// A report is a list of records that end with a zero byte: the remarks, which begin with their verdicts, the digests,
+// and the end mark.
 constexpr const char* verdicts[] = {"ok", "warning", "FAULT"};
 constexpr const char* digest_mark = "digest";
 constexpr const char* failure_mark = "failure";  // in the place of a report, with the reason

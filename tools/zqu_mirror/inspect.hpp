@@ -1,7 +1,7 @@
-// Looks at a release's archive in a process of its own, which a hostile archive may take over and find nothing there.
+// Judges a release's archive in a process of its own. A hostile archive that takes this process over gains nothing.
 //
-// That process has none of root's privileges, no descriptor but the archive's and the one that it reports to, and
-// writes no file. It ends with the thread that waits for it.
+// The process has none of root's privileges, writes no file, and has no descriptors but standard error, the archive's
+// and the one that it reports to. It ends with the thread that waits for it.
 #pragma once
 
 #include <filesystem>
@@ -12,8 +12,8 @@
 namespace zqu::mirror_tool {
 
 // What judge() makes of the archive, called name on the mirror. Throws std::system_error when the archive cannot be
-// opened or there is no process to be had, and std::runtime_error with the reason when that process has reached no
-// verdict: it cannot give up root's privileges, was killed, or reports what judge() does not.
+// opened or no process can be made, and std::runtime_error with the reason when that process has reached no verdict: it
+// could not give up root's privileges, was killed, or sent a report that judge() cannot have made.
 [[nodiscard]] Inspection inspect(const std::filesystem::path& archive, const std::string& name,
                                  const std::string& flavor);
 

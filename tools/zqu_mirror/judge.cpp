@@ -158,7 +158,7 @@ private:
     Wanted read_wanted(archive* reader, archive_entry* entry, const std::string& name) const {
         const mode_t mode = archive_entry_perm(entry);
         const bool sized = archive_entry_size_is_set(entry) != 0;
-        const auto told = static_cast<std::uintmax_t>(archive_entry_size(entry));
+        const auto stated = static_cast<std::uintmax_t>(archive_entry_size(entry));
         Wanted wanted;
         if (archive_entry_filetype(entry) != AE_IFREG) {
             wanted.trouble = "is no regular file";
@@ -175,13 +175,13 @@ private:
         wanted.digest = digest.hex();
         if (name == index_ && size > tools::largest_ini) {
             wanted.trouble = "is longer than " + std::to_string(tools::largest_ini) + " bytes";
-        } else if (wanted.trouble.empty() && sized && size != told) {
+        } else if (wanted.trouble.empty() && sized && size != stated) {
             wanted.trouble = "has another size than the archive says";  // clients cut it, or fill it up with zeros
         }
         return wanted;
     }
 
-    // The digests that the index gives. One that clients cannot read would leave the definitions unchecked.
+    // The digests that the index gives. An index that clients cannot read would leave the definitions unchecked.
     [[nodiscard]] std::map<std::string, std::string> judge_index(Inspection& found) const {
         const auto index = wanted_.find(index_);
         if (index == wanted_.end()) {

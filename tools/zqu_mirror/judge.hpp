@@ -1,6 +1,6 @@
-// What clients make of a release's archive: its entries are read as the daemon unpacks them, and nothing is written.
+// What clients make of a release's archive. Reads its entries as the daemon unpacks them, and writes nothing.
 //
-// The archive may come from anybody, and libarchive reads it: inspect.hpp runs this in a process that can do no harm.
+// The archive may be hostile, and libarchive reads it: inspect.hpp runs this in a process that can do no harm.
 // A function without state, for one thread.
 #pragma once
 
@@ -23,9 +23,9 @@ struct Inspection {
 // Reads the archive, which begins at the offset of fd, and judges it for a daemon without any privileges. name is the
 // archive's on the mirror. A FAULT means that clients fail, or would accept what nobody has checked. As in the daemon:
 // - entries are known by the last component of their names, and the last one of a name counts;
-// - an entry of the archive's own name goes with the archive;
+// - an entry that has the archive's own name is removed with the archive;
 // - the first header that libarchive does not read without complaint ends the archive.
-// Refused beyond that are an index and files larger than bounded_client.hpp allows.
+// Refused also are an index and files larger than bounded_client.hpp allows.
 //
 // Throws std::runtime_error when libcrypto cannot compute a digest, and std::bad_alloc.
 [[nodiscard]] Inspection judge(int fd, const std::string& name, const std::string& flavor);

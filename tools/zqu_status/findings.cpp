@@ -26,7 +26,7 @@ constexpr const char* no_definitions_advice =
 constexpr const char* without_link_advice = "Without the link, the next check fetches the release again.";
 constexpr const char* restart = "systemctl restart zel_quorin_updater";
 
-// The packaged service puts its directories in order at each start; elsewhere the other command repairs.
+// Each start of the packaged service repairs its directories; elsewhere the other command does.
 std::string restart_or(const Facts& facts, const std::string& command) {
     return facts.layout.packaged ? restart : command;
 }

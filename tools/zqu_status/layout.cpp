@@ -81,7 +81,7 @@ std::optional<Access> access_to(const std::string& path) {
     return Access{found, entries_of(path, found)};
 }
 
-// What the subject, a stranger but for its number, may do: acl(5), "access check algorithm".
+// What the subject may do by its number alone: acl(5), "access check algorithm".
 unsigned rights_of(const Subject& subject, const Access& access) {
     std::optional<unsigned> rights;
     for (const Entry& entry : access.entries) {
