@@ -106,8 +106,8 @@ def cut_by_its_header():
 
 def of_size(size):
     extra = struct.pack("<HHQQ", 1, 16, size, 1)
-    told = {"size": 2**32 - 1, "packed_size": 2**32 - 1, "local_extra": extra, "central_extra": extra}
-    return zip_bytes(new(first=[Entry("huge", b"x", fields=told)]))
+    fields = {"size": 2**32 - 1, "packed_size": 2**32 - 1, "local_extra": extra, "central_extra": extra}
+    return zip_bytes(new(first=[Entry("huge", b"x", fields=fields)]))
 
 
 def long_index():
@@ -116,6 +116,9 @@ def long_index():
 
 UNPACKED = "x.zip cannot be unpacked: {}"
 FAULTS = {
+    "no archive": (b"\0" * 1000, UNPACKED.format("Unrecognized archive format")),
+    "first definition missing": (release("new")[::2], f"{FIRST} is not in the archive"),
+    "second definition missing": (release("new")[:2], f"{SECOND} is not in the archive"),
     "definition without a right": (changed(1, mode=stat.S_IFREG), f"{FIRST} has the mode 0000: clients cannot read it"),
     "index without a right": (
         changed(0, mode=stat.S_IFREG | 0o077),
@@ -216,16 +219,14 @@ def test_no_text_of_a_mirror_reaches_a_terminal_as_it_is(hostile):
 ATTACKER = """
 import os, subprocess, sys
 names, *tops = sys.argv[1:]
-told, tries = set(), 0
+reached = set()
 def attempt(what, path, action):
-    global tries
-    tries += 1
     try:
         action(path)
     except OSError:
         return
-    if (what, path) not in told:
-        told.add((what, path))
+    if (what, path) not in reached:
+        reached.add((what, path))
         print(what, path, flush=True)
 def execute(path):
     if not os.access(path, os.X_OK) or os.path.isdir(path):
@@ -282,7 +283,7 @@ def test_no_other_user_reaches_anything_while_it_runs(hostile, command):
     (control / "program").chmod(0o755)
     with attacker(hostile) as found:
         assert hostile.run(command)[::2] == (0, "")
-    lines = {line for line in found if not line.startswith(f"saw {hostile.mirror}/{SUBDIR}/{'antivir'}")}
+    lines = {line for line in found if not line.startswith(f"saw {hostile.mirror}/{SUBDIR}/antivir")}
     published = f"read {hostile.mirror}"
     secret = f"{hostile.temp}/zqu-mirror-" if command == "check" else f"{hostile.mirror}/{SUBDIR}/{WORK}"
     assert [line for line in lines if line.startswith(f"saw {secret}")] != []
