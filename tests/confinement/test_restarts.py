@@ -238,10 +238,9 @@ def test_check_by_hand_removes_the_staging_directory_of_the_unit(system, server,
     system.expect_status(OLD, "download CAB")
 
 
-@pytest.fixture
-def meeting(system, server, releases):
-    """The unit in the download of a release that a check by hand puts into service meanwhile; then its download fails,
-    and it removes its staging directory, which is the snapshot in service by now."""
+def test_release_that_two_daemons_lost_comes_back_with_a_restart(system, server, releases):
+    """The unit downloads a release that a check by hand puts into service meanwhile. The download fails, and the unit
+    removes its staging directory: now the snapshot in service. Later checks take the release for current."""
     new = releases[NEW]
     fail = threading.Event()
 
@@ -260,22 +259,12 @@ def meeting(system, server, releases):
     system.path(STATUS).unlink()
     fail.set()
     system.wait_for_status()
-    return system
-
-
-def dangles(system):
-    return (
-        system.out("readlink", f"{ROOT}/active") == f"snapshots/{NEW}" and f"snapshots/{NEW}/" not in system.listing()
-    )
-
-
-def test_release_that_two_daemons_lost_comes_back_with_a_restart(meeting):
-    """By the recipe of docs/operations.md. Without it the unit takes for current what is not there."""
-    meeting.expect_status(OLD, "download CAB")
-    assert dangles(meeting)
+    system.expect_status(OLD, "download CAB")
+    assert system.out("readlink", f"{ROOT}/active") == f"snapshots/{NEW}"
+    assert f"snapshots/{NEW}/" not in system.listing()
     (recipe,) = blocks("operations.md", "The root is out of order")
-    meeting.path(STATUS).unlink()
-    meeting.run("sh", "-c", recipe)
-    meeting.wait_for_status(NEW)
-    assert owners(meeting) == {SERVICE}
-    assert meeting.out("cat", f"{ROOT}/active/antivir-v2.def") == f"antivir-v2.def of {NEW}"
+    system.path(STATUS).unlink()
+    system.run("sh", "-c", recipe)
+    system.wait_for_status(NEW)
+    assert owners(system) == {SERVICE}
+    assert system.out("cat", f"{ROOT}/active/antivir-v2.def") == f"antivir-v2.def of {NEW}"

@@ -3,14 +3,13 @@ modes or leave links and directories where the daemon wants its own."""
 
 import dataclasses
 import json
-import stat
 
 import pytest
 from confined import READER, ROOT, STRANGER, UNIT
 from raw_archives import LINK, Entry, zip_bytes
 from raw_archives import release as entries_of
 from test_attacks import UP, Front, script
-from test_permissions import READING, TRIES, may
+from test_permissions import READING, TRIES, may, zip_with_directory
 from trials import HIT, OLD
 
 EVIL = "/srv/evil"  # a directory of a local user, with definitions of his own
@@ -20,8 +19,7 @@ NOTHING = zip_bytes([Entry("ä", fields={"flags": 0x800}), *entries_of("new")])
 
 
 def opened(version, mode):
-    """A directory entry by the staging directory's own name hands that its mode."""
-    return script(version, archive=zip_bytes([Entry(".", b"", stat.S_IFDIR | mode), *entries_of("new")]))
+    return script(version, archive=zip_with_directory(mode))
 
 
 def planted(version, *entries):
