@@ -48,7 +48,7 @@ void require_plain(const std::string& file, const std::string& name) {
     }
 }
 
-// An archive's name that is an INI file's would have that removed in the archive's stead.
+// An archive's name that is an INI file's would have that removed instead of the archive.
 void require_archive(const std::string& file, const std::string& name) {
     const std::string reason = unusable_archive(name);
     if (!reason.empty()) {

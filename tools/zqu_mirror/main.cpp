@@ -234,7 +234,7 @@ int parse_and_carry_out(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     zqu::tools::hold_standard_descriptors();
-    umask(022);                                   // whoever publishes, the web server must be able to read it
+    umask(022);                                   // the web server must be able to read it
     setenv("GIO_USE_VFS", "local", 1);            // no session bus, no helpers
     static_cast<void>(signal(SIGPIPE, SIG_IGN));  // writes fail instead, and the run
     static_cast<void>(signal(SIGXFSZ, SIG_IGN));  // cleans up behind itself

@@ -1,6 +1,6 @@
 // Everything that zqu-status looks at, at one moment.
 //
-// Owned by whoever observes. Nothing here judges.
+// The caller owns the result. Only collects facts; findings.hpp judges them.
 #pragma once
 
 #include <cstdint>

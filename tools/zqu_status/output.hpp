@@ -11,8 +11,8 @@ namespace zqu::status_tool {
 void print(const std::string& text);
 
 // Makes path a file of mode 0644 with this text, by rename(2) from a temporary file ".<name>.XXXXXX" in the same
-// folder: whoever opens path finds the old content or the new. A link at path is replaced. Not flushed to disk: after a
-// power cut the file may be empty. Throws std::system_error, with the temporary file removed and path as it was, when
+// folder: a reader sees the old content or the new. A link at path is replaced. Not flushed to disk: after a power
+// cut the file may be empty. Throws std::system_error, with the temporary file removed and path as it was, when
 // anything fails; a process that is killed leaves the temporary file.
 void replace_file(const std::string& path, const std::string& text);
 

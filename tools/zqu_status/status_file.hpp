@@ -1,6 +1,6 @@
 // The daemon's status file, read by somebody else than its writer.
 //
-// Nothing is kept between calls. The daemon rewrites the file in place: whoever meets a short one reads again.
+// Nothing is kept between calls. The daemon rewrites the file in place: callers read a truncated one again.
 #pragma once
 
 #include <cstddef>

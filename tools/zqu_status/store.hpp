@@ -1,4 +1,4 @@
-// What is in service below the definitions root, as whoever uses the definitions finds it.
+// What is in service below the definitions root, as the programs that read the definitions find it.
 //
 // Only looks: nothing is created, no file is opened. A publication may happen meanwhile; same_link() tells.
 #pragma once
