@@ -63,9 +63,6 @@ class Hostile:
         )
         return done.returncode, done.stdout, done.stderr
 
-    def poll(self):
-        """For wait_for(), where no process may end before."""
-
     def start(self, command):
         return subprocess.Popen(
             self.words(command), env=self.environment, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True
@@ -330,7 +327,7 @@ def test_reading_process_has_no_rights_and_ends_with_the_run(hostile):
     process.send_signal(signal.SIGTERM)
     assert process.communicate(timeout=60)[1] == "zqu-mirror: ended by signal: Terminated\n"
     assert process.returncode == 128 + signal.SIGTERM
-    wait_for(lambda: is_gone(reader), hostile)
+    wait_for(lambda: is_gone(reader))
     assert list(hostile.temp.iterdir()) == []
 
 

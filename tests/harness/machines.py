@@ -90,12 +90,12 @@ def published(version, former="none"):
     return [f"info published def snapshot {version}", f"info def snapshot updated: {former} -> {version}"]
 
 
-def wait_for(condition, process):
-    """Waits until the condition holds, for as long as the process lives and half a minute at most."""
+def wait_for(condition, process=None):
+    """Waits until the condition holds: half a minute at most, and only while the process lives, if one is given."""
     for _ in range(3000):
         if condition():
             return
-        assert process.poll() is None, "the daemon ended before its time"
+        assert process is None or process.poll() is None, "the daemon ended before its time"
         time.sleep(0.01)
     raise AssertionError("it never came to that")
 
