@@ -221,7 +221,6 @@ def test_endless_ini_ends_at_the_limit_of_memory_and_the_unit_recovers(front):
 def small_disk(system):
     """The definitions root on a file system of its own."""
     system.run("mount", "-t", "tmpfs", "-o", "size=16m,nosuid,nodev,noexec", "tmpfs", ROOT)
-    system.run("systemd-tmpfiles", "--create", "zel_quorin_updater.conf")
     yield system
     system.stop()
     system.run("umount", ROOT)

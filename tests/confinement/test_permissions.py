@@ -208,7 +208,6 @@ def test_stranger_could_write_without_the_modes_of_directories(system):
 def without_acls(system):
     """The definitions root on a file system that knows no ACLs."""
     system.run("mount", "-t", "ramfs", "ramfs", ROOT)
-    system.run("systemd-tmpfiles", "--create", "zel_quorin_updater.conf", check=False)
     yield system
     system.stop()
     system.run("umount", ROOT)
