@@ -324,6 +324,7 @@ def test_reading_process_has_no_rights_and_ends_with_the_run(hostile):
     assert (status["Groups"].strip(), status["NoNewPrivs"]) == ("", "1")
     assert {int(status[name], 16) for name in ("CapInh", "CapPrm", "CapEff", "CapAmb")} == {0}
     assert os.stat(f"/proc/{reader}/fd").st_uid == 0  # it is not for its user to trace
+    os.kill(reader, signal.SIGSTOP)  # so that it cannot end by itself
     process.send_signal(signal.SIGTERM)
     assert process.communicate(timeout=60)[1] == "zqu-mirror: ended by signal: Terminated\n"
     assert process.returncode == 128 + signal.SIGTERM

@@ -107,9 +107,8 @@ struct Wanted {
 
 class Contents {
 public:
-    explicit Contents(const std::string& flavor) : index_(index_name(flavor)) {
-        names_ = {antivir_name(flavor), aivsecon_name(flavor)};
-    }
+    explicit Contents(const std::string& flavor)
+        : index_(index_name(flavor)), names_{antivir_name(flavor), aivsecon_name(flavor)} {}
 
     void read(int fd, const std::string& archive_name) {
         const Reader reader = open_archive(fd);
@@ -214,7 +213,7 @@ private:
     }
 
     const std::string index_;
-    std::vector<std::string> names_;  // of the two definition files
+    const std::vector<std::string> names_;  // of the two definition files
     std::map<std::string, Wanted> wanted_;
     std::set<std::string> others_;
     std::size_t more_ = 0;
