@@ -44,6 +44,9 @@ class Sha256 {
 public:
     Sha256();
     ~Sha256();
+    Sha256(const Sha256&) = delete;
+    Sha256& operator=(const Sha256&) = delete;
+
     void add(const char* data, std::size_t size);
     [[nodiscard]] std::string hex();  // of all that was added, in lower case; ends the computation
 
