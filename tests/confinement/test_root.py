@@ -3,9 +3,10 @@ modes or leave links and directories where the daemon wants its own."""
 
 import dataclasses
 import json
+import subprocess
 
 import pytest
-from confined import READER, ROOT, STRANGER, UNIT
+from confined import READER, ROOT, SERVICE, STATUS, STRANGER, UNIT
 from raw_archives import LINK, Entry, zip_bytes
 from raw_archives import release as entries_of
 from test_attacks import UP, Front, script
@@ -35,7 +36,7 @@ class Attack:
     """What the mirror does, check by check; what zqu-status then finds; whether the next sound release ends it."""
 
     checks: list
-    finding: str
+    finding: str = ""  # none when the attack has left nothing
     heals: bool = True
 
 
@@ -46,9 +47,9 @@ ATTACKS = {
     "id_locks_manifest": Attack([opened("../manifest", 0o000)], "active_outside"),
     "id_opens_snapshots": Attack([opened(".", 0o777)], "active_outside"),
     "status_becomes_a_link_into_service": Attack(
-        [planted("../manifest", link("status.json", "../active/antivir-v2.def"))], "check_failed"
+        [planted("../manifest", link("status.json", "../active/antivir-v2.def"))]
     ),
-    "status_becomes_a_link_outside": Attack([planted("../manifest", link("status.json", "/etc/x"))], "check_failed"),
+    "status_becomes_a_link_outside": Attack([planted("../manifest", link("status.json", "/etc/x"))]),
     "manifest_becomes_a_link": Attack(
         [script("../manifest", digest="0" * 64), planted("..", link("manifest", "/etc"))], "active_missing"
     ),
@@ -60,6 +61,12 @@ ATTACKS = {
     ),
     "active_becomes_a_directory": Attack(
         [script("..", digest="0" * 64), script("../active")], "active_no_link", heals=False
+    ),
+    "snapshot_becomes_a_link_to_another": Attack(
+        [planted(".", link("1003", "1001")), script("1003")], "active_outside", heals=True
+    ),
+    "staging_directory_holds_a_link_into_service": Attack(
+        [planted("1003", link("x.zip.part", "../../active/antivir-v2.def"))]
     ),
     "active_tmp_becomes_a_directory": Attack([script("../active.tmp")], "check_failed", heals=False),
 }
@@ -79,10 +86,12 @@ class Root(Front):
         for check in attack.checks:
             self.mirror.check(check)
 
-    def free(self, release):
-        """From now on the mirror answers at once."""
+    def repair(self, command, release):
+        """Runs it, with a mirror that answers at once from now on."""
         self.mirror.server.script = release
         self.mirror.answers.put(release[HIT])
+        self.system.run("sh", "-c", command)
+        self.system.path(STATUS).write_text("")  # what comes now is of a check after that
 
     def entries(self):
         lines = self.system.out("find", ROOT, "-printf", "%P\\t%M %u:%g\\n").splitlines()
@@ -104,8 +113,8 @@ class Root(Front):
 
     def expect_order(self, version):
         """Nothing is there but whole snapshots and what is ours, and zqu-status finds nothing."""
-        self.system.wait_for(lambda: self.system.active() == version and self.findings() == {})
-        self.system.stop()
+        self.system.wait_for(lambda: f'"active_version": "{version}"' in self.system.status_text())
+        self.system.run("systemctl", "stop", UNIT)
         assert self.findings() == {}
         found = self.entries()
         assert {name: what for name, what in found.items() if not name.startswith("snapshots/")} == LAYOUT
@@ -136,17 +145,56 @@ def test_attack_ends_with_the_next_sound_release(root, name):
     else:
         root.system.expect_status(OLD if former else "", "publish/flip failed")
     root.expect_nobody_gained()
-    root.free(root.releases["1003"])
-    root.system.run("systemctl", "restart", UNIT)
+    root.repair(f"systemctl restart {UNIT}", root.releases["1003"])
     root.expect_order("1003")
 
 
-@pytest.mark.parametrize("name", ATTACKS)
+@pytest.mark.parametrize("name", [name for name, attack in ATTACKS.items() if attack.finding])
 def test_attack_is_found_and_the_pasted_command_ends_it(root, name):
     attack = ATTACKS[name]
     root.suffer(attack)
     found = root.findings()
     assert attack.finding in found
-    root.free(root.releases[OLD])
-    root.system.run("sh", "-c", found[attack.finding]["command"] or f"systemctl restart {UNIT}")
+    root.repair(found[attack.finding]["command"], root.releases[OLD])
     root.expect_order(OLD)
+
+
+def test_tmpfiles_alone_rebuilds_an_emptied_root(system):
+    system.run("sh", "-c", f"rm -rf {ROOT}/*")
+    system.run("systemd-tmpfiles", "--create", "zel_quorin_updater.conf")
+    lines = system.out("find", ROOT, "-printf", "%P\\t%M %u:%g\\n").splitlines()
+    assert dict(line.split("\t") for line in lines) == {name: what for name, what in LAYOUT.items() if name != "active"}
+
+
+# A local user who got into a root that an older version left open, and who swaps what he can for links.
+RACER = f"""
+cd {ROOT}/snapshots/1001 || exit 1
+touch /srv/evil/racing
+while [ -e /srv/evil/racing ]; do
+    ln -sf /srv/victim/file antivir-v2.def; rm -f antivir-v2.def; touch antivir-v2.def
+    ln -sfn /srv/victim link; rm -f link; mkdir link 2>/dev/null; rmdir link
+    mv ../1001 ../other && ln -s /srv/victim ../1001; rm -f ../1001; mv ../other ../1001
+    mv ../../manifest ../../m && ln -s /srv/victim ../../manifest; rm -f ../../manifest; mv ../../m ../../manifest
+done 2>/dev/null
+"""
+
+
+def test_preparation_harms_nothing_outside_while_a_user_swaps_links(system):
+    system.run("install", "-d", "-o", STRANGER, EVIL)
+    system.run("sh", "-ec", "mkdir -m 700 -p /srv/victim; touch /srv/victim/file; chmod 600 /srv/victim/file")
+    before = system.out("stat", "--format=%n %a %u %g", "/srv/victim", "/srv/victim/file")
+    snapshot = f"{ROOT}/snapshots/1001"
+    open_all = (
+        f"rm -rf {ROOT}; mkdir -p {snapshot} {ROOT}/manifest; chown -R {SERVICE} {ROOT}; chmod 777 {ROOT} {ROOT}/snapshots {ROOT}/manifest {snapshot}"
+    )
+    for _ in range(20):
+        system.run("sh", "-c", open_all)
+        racer = subprocess.Popen(system.command("sh", "-c", RACER, user=STRANGER))
+        system.wait_for(lambda: system.path(f"{EVIL}/racing").exists() or racer.poll() is not None)
+        assert racer.poll() is None
+        system.run("/usr/local/libexec/zel-quorin-prepare", check=False)
+        system.path(f"{EVIL}/racing").unlink()
+        racer.wait(60)
+        assert system.out("stat", "--format=%n %a %u %g", "/srv/victim", "/srv/victim/file") == before
+    system.run("/usr/local/libexec/zel-quorin-prepare")
+    assert may(system, STRANGER, {"list": TRIES["list"], "create": TRIES["create in the root"]}) == []

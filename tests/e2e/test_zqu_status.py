@@ -288,14 +288,6 @@ CASES = {
         [("status_not_regular", "critical")],
         "the status file {status} is no regular file",
     ),
-    "status a folder below the root": (
-        lambda w: (
-            keep_status_below_the_root(w),
-            replace_by(w.status_path, lambda path: (path / "x").mkdir(parents=True)),
-        ),
-        [("status_not_regular", "critical")],
-        "the status file {status} is no regular file",
-    ),
     "status a link": (
         lambda w: link_away(w.status_path, w.gateway.folder / "elsewhere"),
         [("status_not_regular", "critical")],
@@ -427,7 +419,7 @@ HEALED = {
     *("link out of the root", "link to the root", "link below a snapshot", "snapshot a link"),
     *("snapshots a link", "snapshots a link that leads nowhere", "snapshots a file", "manifest a link"),
     *("definition gone", "definition a link", "definition a folder"),
-    *("status a folder below the root", "status a link", "status a socket"),
+    *("status a link", "status a socket"),
 }
 NOT_HEALED = {"no flavor", "other flavor", "everything at once"}
 
@@ -619,8 +611,14 @@ ON_PACKAGES = {
     "setfacl -m g::rx,m::rwx .": [("directory_mode", RESTART, " is closed to the service")],
     "setfacl -m g:54321:rwx .": [("writable_by_others", RESTART, " can be written by the group 54321")],
     OTHER_ROOT: [],
+    "chown 64321 manifest/status.json": [("directory_owner", RESTART, "/manifest/status.json" + OWNER)],
+    "chmod 644 manifest/status.json": [("directory_mode", RESTART, "/manifest/status.json is closed to the service")],
+    "rm manifest/status.json": [("status_missing", RESTART, "/manifest/status.json is missing")],
+    "ln -s 1001 snapshots/1002; ln -sfn snapshots/1002 active": [
+        ("active_outside", RESTART, "/active leads to snapshots/1002, which is no snapshot")
+    ],
     "rm active; : >manifest/status.json": [
-        ("active_missing", None, "/active"),
+        ("active_missing", RESTART, "/active"),
         ("status_unfinished", None, "/manifest/status.json is empty"),
     ],
     "chmod 1771 .; chmod 666 manifest/status.json": [
@@ -643,23 +641,33 @@ ON_PACKAGES = {
 
 
 def on_packages(change, *args):
-    """What is found there, in the same form."""
     prefix = ["unshare", "--mount", "sh", "-ec", PACKAGED, "sh", json.dumps(valid()), change]
-    code, out, err = run("--json", *args, prefix=prefix)
-    assert (code, err) == (0, "")
-    findings = json.loads(out)["findings"]
+    return run(*args, prefix=prefix)[1]
+
+
+def findings_on_packages(change, *args):
+    """What is found there, in the same form."""
+    findings = json.loads(on_packages(change, "--json", *args))["findings"]
     return [(f["finding"], f["command"], f["text"].partition(DEFS)[2] or f["text"]) for f in findings]
 
 
 @pytest.mark.skipif(not may_mount(), reason="this process may not make mount namespaces")
 @pytest.mark.parametrize("change", ON_PACKAGES)
 def test_layout_of_the_packages_is_judged(change):
-    assert on_packages(change) == ON_PACKAGES[change]
+    """In all four forms."""
+    expected = ON_PACKAGES[change]
+    assert findings_on_packages(change) == expected
+    text, nagios, metrics = (on_packages(change, *form) for form in ([], ["--nagios"], ["--prometheus"]))
+    for finding, command, what in expected:
+        assert what in text and what in nagios
+        assert not command or f"\n             {command}\n" in text
+        assert f'zelquorin_finding{{finding="{finding}"}} 1\n' in metrics
+    assert len(re.findall(r"^zelquorin_finding.* 1$", metrics, re.MULTILINE)) == len({name for name, _, _ in expected})
 
 
 @pytest.mark.skipif(not may_mount(), reason="this process may not make mount namespaces")
 def test_layout_of_another_configuration_is_its_own():
-    assert on_packages("chmod 770 .; : >/usr/local/other.conf", "--config", "/usr/local/other.conf") == []
+    assert findings_on_packages("chmod 770 .; : >/usr/local/other.conf", "--config", "/usr/local/other.conf") == []
 
 
 def test_missing_configuration_is_a_warning_and_the_defaults_are_looked_at(tmp_path):

@@ -79,7 +79,7 @@ void judge_kind(const Place& place, const Facts& facts, Findings& found) {
     const char* wrong = !link ? " is no directory" : place.role == Role::root ? " leads nowhere" : " is a link";
     const std::string elsewhere =
         place.role == Role::snapshots ? link_removal(facts) : shell_line("rm -f", {place.path});
-    const std::string command = place.role == Role::root ? "" : restart_or(facts, elsewhere);
+    const std::string command = restart_or(facts, place.role == Role::root ? "" : elsewhere);
     found.push_back({"directory_kind", Verdict::critical, shown(place.path) + wrong,
                      "Once it is gone, the next start of the daemon makes the directory.", command});
 }
@@ -99,24 +99,28 @@ void judge_owner(const Place& place, const Facts& facts, Findings& found) {
 }
 
 void judge_mode(const Place& place, const Facts& facts, Findings& found) {
-    const bool sticky = (place.found.st_mode & S_ISVTX) != 0;
-    if (facts.layout.packaged && (!sticky || place.group_rights != 7)) {
-        found.push_back({"directory_mode", Verdict::warning,
-                         shown(place.path) + (sticky ? " is closed to the service" : " lacks the sticky bit"),
-                         sticky ? "The checks fail." : "A hostile mirror could replace what root has put there.",
-                         restart});
+    const bool file = place.role == Role::status_file;
+    const std::string path = shown(place.path);
+    if (facts.layout.packaged && place.group_rights != (file ? 6 : 7)) {
+        found.push_back({"directory_mode", Verdict::warning, path + " is closed to the service",
+                         file ? "It cannot write its status." : "Its checks fail.", restart});
+    }
+    if (facts.layout.packaged && !file && (place.found.st_mode & S_ISVTX) == 0) {
+        found.push_back({"directory_mode", Verdict::warning, path + " lacks the sticky bit",
+                         "A hostile mirror could replace what root has put there.", restart});
     }
 }
 
-// The places that have to be directories with the right owner.
-void judge_directories(const Facts& facts, Findings& found) {
+// The places that have to be directories with the right owner; in the packages' layout the status file too.
+void judge_layout(const Facts& facts, Findings& found) {
+    const bool of_packages = facts.layout.packaged && facts.layout.at(Role::status_directory) == nullptr;
     for (const Place& place : facts.layout.places) {
-        if (place.role != Role::root && place.role != Role::snapshots && place.role != Role::manifest) {
-            continue;
-        }
-        if (!S_ISDIR(place.found.st_mode)) {
+        const bool directory =
+            place.role == Role::root || place.role == Role::snapshots || place.role == Role::manifest;
+        const bool file = place.role == Role::status_file && of_packages && S_ISREG(place.found.st_mode);
+        if (directory && !S_ISDIR(place.found.st_mode)) {
             judge_kind(place, facts, found);
-        } else {
+        } else if (directory || file) {
             judge_owner(place, facts, found);
             judge_mode(place, facts, found);
         }
@@ -151,7 +155,7 @@ void judge_link(const Facts& facts, Findings& found) {
             break;
         case LinkState::missing:
             found.push_back({"active_missing", Verdict::critical, "no definitions are in service: there is no " + path,
-                             no_definitions_advice});
+                             no_definitions_advice, restart_or(facts, "")});
             break;
         case LinkState::unreadable:
             found.push_back({"active_unreadable", Verdict::unknown,
@@ -251,14 +255,7 @@ const char* missing_advice(const Config& cfg) {
 // No command for a directory or a device elsewhere: it may well be status_path that is wrong.
 std::string status_removal(const Facts& facts) {
     const Place* file = facts.layout.at(Role::status_file);
-    const Place* manifest = facts.layout.at(Role::manifest);
-    if (file == nullptr) {
-        return "";
-    }
-    if (manifest != nullptr && S_ISDIR(file->found.st_mode)) {
-        return shell_line("rm -rf", {file->path});
-    }
-    const mode_t type = file->found.st_mode & S_IFMT;
+    const mode_t type = file == nullptr ? 0 : file->found.st_mode & S_IFMT;
     return type == S_IFLNK || type == S_IFIFO || type == S_IFSOCK ? shell_line("rm -f", {file->path}) : "";
 }
 
@@ -272,14 +269,15 @@ void judge_status_fault(const Facts& facts, Findings& found) {
         case StatusState::valid:
             break;
         case StatusState::missing:
-            found.push_back({"status_missing", Verdict::critical, path + " is missing", missing_advice(facts.cfg)});
+            found.push_back({"status_missing", Verdict::critical, path + " is missing", missing_advice(facts.cfg),
+                             facts.cfg.status_path.empty() ? "" : restart_or(facts, "")});
             break;
         case StatusState::unreadable:
             found.push_back({"status_unreadable", Verdict::unknown, path + " cannot be read" + why, permission_advice});
             break;
         case StatusState::not_regular:
             found.push_back({"status_not_regular", Verdict::critical, path + " is no regular file",
-                             "The daemon may wait there for ever: restart it once that is gone.",
+                             "The daemon cannot write its status there. Restart it once that is gone.",
                              restart_or(facts, status_removal(facts))});
             break;
         case StatusState::unfinished:
@@ -319,7 +317,8 @@ void judge_check(const Facts& facts, const Limits& limits, Findings& found) {
     const SnapshotStore::Status& status = facts.status.contents;
     if (!status.last_error.empty()) {
         found.push_back({"check_failed", Verdict::warning, "the last check failed: " + shown(status.last_error),
-                         advice_for(status.last_error)});
+                         advice_for(status.last_error),
+                         status.last_error == "publish/flip failed" ? restart_or(facts, "") : ""});
     }
     if (status.last_check_epoch > facts.now + tolerance) {
         found.push_back({"check_in_future", Verdict::warning,
@@ -373,7 +372,7 @@ std::vector<Finding> judge(const Facts& facts, const Limits& limits) {
     Findings found;
     judge_configuration(facts, found);
     if (facts.looked) {
-        judge_directories(facts, found);
+        judge_layout(facts, found);
         judge_store(facts, limits, found);
         judge_status_fault(facts, found);
         for (const Place& place : facts.layout.places) {

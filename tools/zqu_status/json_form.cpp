@@ -98,7 +98,7 @@ std::string json_form(const Report& report) {
         {"limits_s",
          {{"definitions_age", limit_json(report.limits.definitions)}, {"check_age", limit_json(report.limits.check)}}},
     };
-    return document.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+    return document.dump(2, ' ', true, json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace zqu::status_tool

@@ -177,10 +177,6 @@ fs::path normal(const fs::path& directory) {
     return (directory / ".").lexically_normal().parent_path();
 }
 
-bool is_below(const fs::path& path, const fs::path& root) {
-    return std::mismatch(root.begin(), root.end(), path.begin(), path.end()).first == root.end();
-}
-
 // The places to look at: role and path.
 std::vector<std::pair<Role, std::string>> places_of(const Config& cfg, const Store& store) {
     const std::string snapshots = cfg.def_root + "/snapshots";
@@ -188,7 +184,7 @@ std::vector<std::pair<Role, std::string>> places_of(const Config& cfg, const Sto
     const fs::path root = normal(cfg.def_root);
     const fs::path directory = normal(fs::path(cfg.status_path).parent_path());
     if (!cfg.status_path.empty() && directory != root && directory != root / "snapshots") {
-        places.emplace_back(is_below(directory, root) ? Role::manifest : Role::status_directory,
+        places.emplace_back(directory == root / "manifest" ? Role::manifest : Role::status_directory,
                             directory.empty() ? "." : directory);
     }
     places.emplace_back(Role::status_file, cfg.status_path);

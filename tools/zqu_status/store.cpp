@@ -64,13 +64,14 @@ void look_at_definitions(const std::string& path, const std::string& flavor, Sto
     }
 }
 
-// Whether the link leads to a directory other than those directly below "snapshots". Unknown is false.
-bool leads_outside(const fs::path& root) {
+// Whether the link leads to a directory other than the one of its name directly below "snapshots". Unknown is false.
+bool leads_outside(const fs::path& root, const std::string& version) {
     std::error_code unresolved;
     std::error_code no_snapshots;
     const fs::path target = fs::canonical(root / "active", unresolved);
     const fs::path snapshots = fs::canonical(root / "snapshots", no_snapshots);
-    return !unresolved && no_snapshots != std::errc::permission_denied && target.parent_path() != snapshots;
+    const bool known = !unresolved && no_snapshots != std::errc::permission_denied;
+    return known && (target.parent_path() != snapshots || (!version.empty() && target.filename() != version));
 }
 
 std::optional<std::size_t> count_snapshots(const std::string& path) {
@@ -106,7 +107,7 @@ Store look_at_store(const Config& cfg) {
     if (store.link == LinkState::in_service) {
         look_at_definitions(path, cfg.flavor, store);
     }
-    if (store.link == LinkState::in_service && leads_outside(cfg.def_root)) {
+    if (store.link == LinkState::in_service && leads_outside(cfg.def_root, store.version)) {
         store.link = LinkState::outside;
         store.definitions.clear();
     }
