@@ -168,15 +168,16 @@ def test_tmpfiles_alone_rebuilds_an_emptied_root(system):
 
 # A local user who got into a root that an older version left open, and who swaps what he can for links.
 RACER = f"""
-cd {ROOT}/snapshots/1001 || exit 1
-touch /srv/evil/racing
-while [ -e /srv/evil/racing ]; do
-    ln -sf /srv/victim/file antivir-v2.def; rm -f antivir-v2.def; touch antivir-v2.def
-    ln -sfn /srv/victim link; rm -f link; mkdir link 2>/dev/null; rmdir link
-    mv ../1001 ../other && ln -s /srv/victim ../1001; rm -f ../1001; mv ../other ../1001
-    mv ../../manifest ../../m && ln -s /srv/victim ../../manifest; rm -f ../../manifest; mv ../../m ../../manifest
+umask 077; cd {ROOT}/snapshots/1001 || exit 1
+touch {EVIL}/racing
+while [ -e {EVIL}/racing ]; do
+    rm -f ?; touch 1 2 3 4; sleep 0.03
+    for name in ?; do ln -sf /srv/victim/file $name; done; sleep 0.05
+    mv ../1001 ../other && ln -s /srv/victim ../1001 && rm -f ../1001 && mv ../other ../1001
 done 2>/dev/null
 """
+# Slow enough for him to come between a look and a change.
+SLOWLY = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=fchownat,fchmodat:delay_enter=30000"]
 
 
 def test_preparation_harms_nothing_outside_while_a_user_swaps_links(system):
@@ -184,15 +185,14 @@ def test_preparation_harms_nothing_outside_while_a_user_swaps_links(system):
     system.run("sh", "-ec", "mkdir -m 700 -p /srv/victim; touch /srv/victim/file; chmod 600 /srv/victim/file")
     before = system.out("stat", "--format=%n %a %u %g", "/srv/victim", "/srv/victim/file")
     snapshot = f"{ROOT}/snapshots/1001"
-    open_all = (
-        f"rm -rf {ROOT}; mkdir -p {snapshot} {ROOT}/manifest; chown -R {SERVICE} {ROOT}; chmod 777 {ROOT} {ROOT}/snapshots {ROOT}/manifest {snapshot}"
-    )
-    for _ in range(20):
-        system.run("sh", "-c", open_all)
+    places = f"{ROOT} {ROOT}/snapshots {ROOT}/manifest {snapshot}"
+    fresh = f"rm -rf {ROOT}; mkdir -p {snapshot} {ROOT}/manifest; chown -R {SERVICE} {ROOT}; chmod 777 {places}"
+    for _ in range(12):
+        system.run("sh", "-c", fresh)
         racer = subprocess.Popen(system.command("sh", "-c", RACER, user=STRANGER))
         system.wait_for(lambda: system.path(f"{EVIL}/racing").exists() or racer.poll() is not None)
         assert racer.poll() is None
-        system.run("/usr/local/libexec/zel-quorin-prepare", check=False)
+        system.run(*SLOWLY, "/usr/local/libexec/zel-quorin-prepare", check=False)
         system.path(f"{EVIL}/racing").unlink()
         racer.wait(60)
         assert system.out("stat", "--format=%n %a %u %g", "/srv/victim", "/srv/victim/file") == before
