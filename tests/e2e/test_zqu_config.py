@@ -984,6 +984,9 @@ def test_what_the_service_unit_forbids_is_told_for_the_default_file(place):
     needs = "can be written by the service only with a drop-in of its unit: ReadWritePaths="
     default = DEFAULTS["def_root"]
     assert findings(f"def_root = {default}/more", f"status_path = {default}/status.json", "ca_path = /etc/ca.pem") == []
+    assert findings("def_root = /srv/defs", "status_path = /srv/defs/status.json") == [
+        (1, "note", f'def_root: "/srv/defs" {needs}/srv/defs')
+    ]
     assert findings("def_root = /srv/defs", "status_path = /srv/state/status.json") == [
         (1, "note", f'def_root: "/srv/defs" {needs}/srv/defs'),
         (2, "note", f'status_path: "/srv/state/status.json" {needs}/srv/state'),

@@ -21,6 +21,15 @@ LAYOUT = [
     "-rw-rw-r-- root:zel-quorin manifest/status.json -> ",
     "drwxrwx--T root:zel-quorin snapshots -> ",
 ]
+# That of versions in which the root belonged to the service's user.
+OLD_LAYOUT = """
+d {root} 0750 zel-quorin zel-quorin-readers -
+a {root} - - - - user::rwx,group::r-x,other::---
+a+ {root} - - - - default:user::rwx,default:group::r-x,default:group:zel-quorin-readers:r-x,default:other::r-x
+d {root}/manifest 0755 zel-quorin zel-quorin -
+d {root}/snapshots 0755 zel-quorin zel-quorin -
+f {root}/manifest/status.json 0644 zel-quorin zel-quorin -
+"""
 HINT = f"zel_quorin_updater: set mirror_base_url in {CONFIG}, then: systemctl enable --now zel_quorin_updater"
 
 
@@ -140,6 +149,13 @@ class Site:
         """What lies below the definitions root, with modes and owners; each name once."""
         listed = self.machine.out("find", root, "-printf", "%P\t%M %u:%g %P -> %l\\n").splitlines()
         return [line.split("\t")[1] for line in sorted(listed)]
+
+    def make_old_root(self, root=DEFS):
+        """As an older version had it, with a link that a mirror has planted in place of the status file."""
+        self.machine.run("sh", "-c", f"rm -r {DEFS}; mkdir -p {root}")
+        self.machine.path("/run/old.conf").write_text(OLD_LAYOUT.format(root=root))
+        self.machine.run("systemd-tmpfiles", "--create", "/run/old.conf")
+        self.machine.run("ln", "-sf", "/etc/passwd", f"{root}/manifest/status.json")
 
     def exists(self, path):
         return os.path.lexists(self.machine.path(path))

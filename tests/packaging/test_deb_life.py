@@ -47,26 +47,12 @@ def test_installing_makes_the_definitions_root_for_the_service_and_its_readers(i
     assert acl(installed, f"{DEFS}/manifest/status.json") == file
 
 
-# The layout of versions in which the root belonged to the service's user.
-OLD_LAYOUT = """
-d {root} 0750 zel-quorin zel-quorin-readers -
-a {root} - - - - user::rwx,group::r-x,other::---
-a+ {root} - - - - default:user::rwx,default:group::r-x,default:group:zel-quorin-readers:r-x,default:other::r-x
-d {root}/manifest 0755 zel-quorin zel-quorin -
-d {root}/snapshots 0755 zel-quorin zel-quorin -
-f {root}/manifest/status.json 0644 zel-quorin zel-quorin -
-"""
-
-
 @pytest.mark.parametrize("runs", [False, True], ids=["stopped", "running"])
 @pytest.mark.parametrize("root", [DEFS, "/srv/definitions"], ids=["default", "moved"])
 def test_upgrade_brings_an_older_root_to_the_new_layout(installed, packages, root, runs):
     """Also when a mirror had planted a link in place of the status file."""
     machine = installed.machine
-    machine.run("sh", "-c", f"rm -r {DEFS}; mkdir -p {root}")
-    machine.path("/run/old.conf").write_text(OLD_LAYOUT.format(root=root))
-    machine.run("systemd-tmpfiles", "--create", "/run/old.conf")
-    machine.run("sh", "-c", f"rm {root}/manifest/status.json; ln -s /etc/passwd {root}/manifest/status.json")
+    installed.make_old_root(root)
     text = installed.configure() + f"def_root = {root}\nstatus_path = {root}/manifest/status.json\n"
     machine.path(CONFIG).write_text(text)
     drop_in = f"[Service]\nReadWritePaths={root}\nNoExecPaths={root}\nExecStartPre=\n"

@@ -7,7 +7,7 @@ import subprocess
 
 import booted
 import pytest
-from machines import REPOSITORY, SANITIZED
+from machines import BUILD, REPOSITORY, SANITIZED
 from mirror_tool import SUBDIR, TOOL
 from mirrors import Mirror, Nginx
 
@@ -104,3 +104,18 @@ def test_timer_starts_the_confined_service_which_copies_each_release_and_fails_w
     assert site.sync(check=False) == 1
     assert site.machine.show(SERVICE, "Result") == "exit-code"
     assert sorted(os.listdir(site.folder)) == before
+
+
+def test_confined_service_writes_only_to_its_mirror_and_runs_nothing_else(site):
+    """Tried from inside, by a probe in the place of the program."""
+    places = "/etc /usr /usr/lib /usr/lib64 /var /opt /run /run/lock /dev/shm".split()
+    for place in places:
+        site.machine.run("install", "-d", "-m", "777", f"{place}/zqu-open")
+        site.machine.run("install", "-m", "666", "/dev/null", f"{place}/zqu-open/file")
+    shutil.copy(BUILD / "zqu_probe", site.machine.path(INSTALLED))
+    site.sync()
+    found = dict(line.split(": ", 1) for line in site.machine.journal(SERVICE) if ": " in line)
+    tries = {f"write {place}/zqu-open/file": "EROFS" for place in places[:-2]}
+    tries |= {f"write {place}/zqu-open/file": "EACCES" for place in places[-2:]}
+    tries |= {"run /bin/true": "EACCES", "run /bin/true by the loader": "refused by the loader"}
+    assert {name: found.get(name) for name in tries} == tries

@@ -36,6 +36,12 @@ def test_upgrade_restarts_the_running_service_and_keeps_settings_and_definitions
     assert installed.definitions() == definitions
 
 
+def test_upgrade_brings_an_older_root_to_the_new_layout(installed, packages):
+    installed.make_old_root()
+    rpm(installed, "--upgrade", packages.rpm(folder=packages.next))
+    assert installed.definitions() == LAYOUT
+
+
 def test_upgrade_leaves_a_stopped_service_stopped_and_a_mask_in_its_place(installed, packages):
     installed.machine.run("systemctl", "mask", SERVICE)
     rpm(installed, "--upgrade", packages.rpm(folder=packages.next))

@@ -297,7 +297,9 @@ void Paths::check_status_file(const Place& place) {
 void Paths::check_unit() {
     const zqu::Config& cfg = reading_.effective.cfg;
     check_writable_in_unit(place_of("def_root", cfg.def_root), cfg.def_root);
-    check_writable_in_unit(place_of("status_path", cfg.status_path), fs::path(cfg.status_path).parent_path());
+    if (!is_below(cfg.status_path, cfg.def_root)) {
+        check_writable_in_unit(place_of("status_path", cfg.status_path), fs::path(cfg.status_path).parent_path());
+    }
     check_seen_by_unit(place_of("ca_path", cfg.ca_path));
     const std::string scheme = "file://";
     if (cfg.mirror_base_url.compare(0, scheme.size(), scheme) == 0) {
