@@ -863,7 +863,6 @@ def test_what_a_client_bears_is_at_most_a_warning(mirror_tool_place, mirror_tool
 
 
 MISSING = "Couldn't read a file:// file"
-NO_URL = "URL using bad/illegal format or missing URL"
 
 
 @pytest.mark.parametrize(
@@ -897,7 +896,29 @@ NO_URL = "URL using bad/illegal format or missing URL"
             {"hit": "defId = 7\x1b[2J\rok\n"},
             {
                 "hit": "ok       antivir-v2-hit.ini names 7\\x1B[2J\\x0Dok",
-                "info": f"FAULT    GET file://{{}}/antivir-v2-c-7\\x1B[2J\\x0Dok.ini: {NO_URL}",
+                "info": "FAULT    the id makes no URL: 7\\x1B[2J\\x0Dok",
+            },
+        ),
+        *(
+            (
+                {"hit": f"defId = {id}\n", "id": id},
+                {"hit": f"ok       antivir-v2-hit.ini names {id}", "info": f"FAULT    the id is a path: {id}"},
+            )
+            for id in (".", "..")
+        ),
+        (
+            {"hit": "defId = a/b\n"},
+            {"hit": "ok       antivir-v2-hit.ini names a/b", "info": "FAULT    the id is a path: a/b"},
+        ),
+        (
+            {"hit": "defId = 7\x7f7\n"},
+            {"hit": "ok       antivir-v2-hit.ini names 7\\x7F7", "info": "FAULT    the id makes no URL: 7\\x7F7"},
+        ),
+        (
+            {"name": "x.zip\0end"},
+            {
+                "info": "ok       antivir-v2-c-7.ini names x.zip\\x00end",
+                "download": "FAULT    the archive's name makes no URL: x.zip\\x00end",
             },
         ),
         (
@@ -925,6 +946,11 @@ NO_URL = "URL using bad/illegal format or missing URL"
         "no archive",
         "a path",
         "id with controls",
+        "id is a dot",
+        "id is two dots",
+        "id is a path",
+        "id with delete",
+        "archive with a zero",
         "archive with controls",
         "other digest",
         "antivir damaged",

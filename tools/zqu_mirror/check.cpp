@@ -1,5 +1,6 @@
 #include "check.hpp"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -32,6 +33,17 @@ fs::path make_temp(Run& run) {
     });
 }
 
+// Refuses what daemons would take for a path, or make no URL of. Says what it is.
+bool check_name(const std::string& what, const std::string& name, Run& run) {
+    if (name.find('/') != std::string::npos || name == "." || name == "..") {
+        return report(run, "FAULT", what + " is a path: " + name);
+    }
+    if (std::any_of(name.begin(), name.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; })) {
+        return report(run, "FAULT", what + " makes no URL: " + name);
+    }
+    return true;
+}
+
 // Downloads the archive, and compares it with what the complete-info INI says of it.
 bool check_archive(tools::BoundedClient& client, const zqu::CompleteInfo& info, const fs::path& archive, Run& run) {
     run.phase("downloading " + info.cab_name, archive);
@@ -59,13 +71,16 @@ bool check_entries(const Options& options, const std::string& name, const fs::pa
 bool check_release(tools::BoundedClient& client, const Options& options, Run& run) {
     const std::string id = client.fetch_id();
     report(run, "ok", hit_name(options.flavor) + " names " + id);
+    if (!check_name("the id", id, run)) {
+        return false;
+    }
     const zqu::CompleteInfo info = client.fetch_info(id);
     report(run, "ok", info_name(options.flavor, id) + " names " + info.cab_name);
     if (info.defid != id) {
         report(run, "warning", "def.Current.defId is another id: " + info.defid);
     }
-    if (info.cab_name.find('/') != std::string::npos || info.cab_name == "." || info.cab_name == "..") {
-        return report(run, "FAULT", "the archive's name is a path: " + info.cab_name);
+    if (!check_name("the archive's name", info.cab_name, run)) {
+        return false;
     }
     // As a client calls it, for a name that is too long for a file.
     const fs::path archive = make_temp(run) / (info.cab_name + ".part");

@@ -57,7 +57,10 @@ void end_with_parent(pid_t parent) {
 
 std::string report_of(const Inspection& found) {
     std::string report;
-    const auto add = [&](const std::string& mark, const std::string& text) { report += mark + ' ' + text + '\0'; };
+    // Up to the first zero byte of text, which would begin another record.
+    const auto add = [&](const std::string& mark, const std::string& text) {
+        report += mark + ' ' + text.substr(0, text.find('\0')) + '\0';
+    };
     for (const auto& remark : found.remarks) {
         add(remark.verdict, remark.text);
     }
