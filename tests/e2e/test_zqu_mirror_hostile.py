@@ -17,7 +17,7 @@ from machines import SANITIZED, wait_for
 from mirror_tool import SUBDIR, TOOL, WORK, measured, run
 from mirrors import sha256
 from raw_archives import LINK, Entry, deflated, release, zip_bytes
-from scripted_server import ScriptedServer, flood, head, reply
+from scripted_server import ScriptedServer, finish, flood, head, reply
 
 INDEX, FIRST, SECOND = (entry.name.decode() for entry in release("new"))
 HIT = "antivir-v2-hit.ini"
@@ -386,6 +386,35 @@ def test_an_endless_ini_is_given_up_at_its_bound(tmp_path, authority, scripted_c
     named = f"ok       {HIT} names 7\n" if endless == INFO else ""
     assert result == ((1, f"{named}FAULT    {line}", "") if command == "check" else (1, "", f"zqu-mirror: {line}"))
     assert megabytes < 100 or SANITIZED
+
+
+@pytest.mark.parametrize("command", ["check", "mirror"])
+def test_archive_that_is_announced_as_too_long_is_given_up_at_once(tmp_path, authority, scripted_context, command):
+    authority.cert_pem.write_to_path(tmp_path / "ca.pem")
+    server = ScriptedServer(scripted_context)
+    try:
+        server.script = {
+            HIT: [reply(b"defId = 7\n")],
+            INFO: [reply(b"def.Current.name = x.zip\ndef.Current.SHA256 = 00\n")],
+            "x.zip": [head("200 OK", f"Content-Length: {9 << 30}"), b"x", finish],
+        }
+        words = [command, "--ca", tmp_path / "ca.pem", "--subdir", "defs", server.base().removesuffix("/defs")]
+        code, out, err = run(*words, *([tmp_path / "mirror"] if command == "mirror" else []))
+        line = f"GET {server.base()}/x.zip: longer than {8 << 30} bytes"
+    finally:
+        server.stop()
+    assert (code, (out + err).splitlines()[-1].split(" ", 1)[1].lstrip()) == (1, line)
+
+
+@pytest.mark.parametrize("command", ["check", "mirror"])
+def test_nothing_is_copied_of_a_file_that_is_too_long(hostile, command):
+    hostile.put(b"")
+    path = hostile.upstream / SUBDIR / "x.zip"
+    os.truncate(path, 9 << 30)
+    words = ["prlimit", "--fsize=1000", *hostile.words(command)]
+    done = subprocess.run(words, env=hostile.environment, capture_output=True, text=True, timeout=60)
+    line = (done.stdout + done.stderr).splitlines()[-1].split(" ", 1)[1].lstrip()
+    assert (done.returncode, line) == (1, f"GET file://{path}: longer than {8 << 30} bytes")
 
 
 @pytest.mark.parametrize("command", ["check", "mirror"])

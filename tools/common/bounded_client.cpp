@@ -33,14 +33,23 @@ std::string part_of(CURLU* url, CURLUPart part) {
     return text != nullptr ? text : "";
 }
 
-// libcurl would wait at a FIFO for ever.
-void require_no_special_file(const std::string& url) {
+[[noreturn]] void fail_too_long(const std::string& url, std::uintmax_t most) {
+    fail(url, "longer than " + std::to_string(most) + " bytes");
+}
+
+// libcurl would wait at a FIFO for ever, and takes a file of any size.
+void require_usable_file(const std::string& url, std::uintmax_t most) {
     const Handle<CURLU, curl_url_cleanup> parts(curl_url());
     struct stat status {};
     if (curl_url_set(parts.get(), CURLUPART_URL, url.c_str(), 0) == CURLUE_OK &&
         part_of(parts.get(), CURLUPART_SCHEME) == "file" &&
-        stat(part_of(parts.get(), CURLUPART_PATH).c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-        fail(url, "no regular file");
+        stat(part_of(parts.get(), CURLUPART_PATH).c_str(), &status) == 0) {
+        if (!S_ISREG(status.st_mode)) {
+            fail(url, "no regular file");
+        }
+        if (static_cast<std::uintmax_t>(status.st_size) > most) {
+            fail_too_long(url, most);
+        }
     }
 }
 
@@ -137,12 +146,13 @@ void BoundedClient::transfer(const std::string& url, Target& target) {
     if (curl_ == nullptr) {
         fail(url, "libcurl cannot be used");
     }
-    require_no_special_file(url);
+    require_usable_file(url, target.most);
     curl_easy_reset(curl_);
     curl_easy_setopt(curl_, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl_, CURLOPT_WRITEFUNCTION, write);
     curl_easy_setopt(curl_, CURLOPT_WRITEDATA, &target);
     curl_easy_setopt(curl_, CURLOPT_TIMEOUT, static_cast<long>(cfg_.http_timeout_s));
+    curl_easy_setopt(curl_, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(target.most));
     curl_easy_setopt(curl_, CURLOPT_FAILONERROR, 1L);
     curl_easy_setopt(curl_, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(curl_, CURLOPT_SSL_VERIFYPEER, 1L);
@@ -151,8 +161,8 @@ void BoundedClient::transfer(const std::string& url, Target& target) {
         curl_easy_setopt(curl_, CURLOPT_CAINFO, cfg_.ca_path.c_str());
     }
     const CURLcode result = curl_easy_perform(curl_);
-    if (target.taken > target.most) {
-        fail(url, "longer than " + std::to_string(target.most) + " bytes");
+    if (result == CURLE_FILESIZE_EXCEEDED || target.taken > target.most) {
+        fail_too_long(url, target.most);
     }
     if (result != CURLE_OK) {
         fail(url, curl_easy_strerror(result));
