@@ -2,8 +2,10 @@
 
 import contextlib
 import gzip
+import lzma
 import os
 import pathlib
+import re
 import signal
 import stat
 import struct
@@ -16,7 +18,7 @@ import pytest
 from machines import SANITIZED, wait_for
 from mirror_tool import SUBDIR, TOOL, WORK, measured, run
 from mirrors import sha256
-from raw_archives import LINK, Entry, deflated, release, zip_bytes
+from raw_archives import LINK, Entry, deflated, release, zip_bytes, zip_local
 from scripted_server import ScriptedServer, finish, flood, head, reply
 
 INDEX, FIRST, SECOND = (entry.name.decode() for entry in release("new"))
@@ -160,6 +162,39 @@ def test_archive_that_clients_fail_on_is_a_fault_and_not_copied(hostile, fault):
     assert list(hostile.temp.iterdir()) == []
 
 
+def with_large_dictionary(name, content):
+    """Packed by LZMA: the header asks for a dictionary of 1500 MiB."""
+    packed = lzma.compress(content, lzma.FORMAT_RAW, filters=[{"id": lzma.FILTER_LZMA1}])
+    header = struct.pack("<BBHBI", 9, 20, 5, 0x5D, 1500 << 20)
+    return Entry(name, content, packed=header + packed, fields={"method": 14, "flags": 2})
+
+
+def with_large_dictionary_at_the_end():
+    """Two streams of xz: the second one, behind the definitions, asks for a dictionary of 1536 MiB."""
+    first = b"".join(map(zip_local, release("new")))
+    second = bytearray(lzma.compress(zip_local(Entry("more", b"x")), check=lzma.CHECK_NONE))
+    end = 12 + 4 * (second[12] + 1)  # of the block's header, which ends with its CRC
+    second[16] = 37
+    second[end - 4 : end] = struct.pack("<I", zlib.crc32(second[12 : end - 4]))
+    return lzma.compress(first) + bytes(second)
+
+
+TOO_LARGE = {
+    "entry": zip_bytes(new(with_large_dictionary("more", b"x"))),
+    "rest": with_large_dictionary_at_the_end(),
+}
+
+
+@pytest.mark.skipif(SANITIZED, reason="the sanitizers need more memory than a gateway has")
+@pytest.mark.parametrize("what", TOO_LARGE)
+def test_archive_that_needs_more_memory_than_a_gateway_has_is_a_fault(hostile, what):
+    hostile.put(TOO_LARGE[what])
+    code, out, err = hostile.run("check")
+    assert (code, out.count("\nFAULT    x.zip cannot be unpacked: "), out.count("unpacked"), err) == (1, 1, 1, "")
+    assert hostile.run("mirror")[0] == 1
+    assert not hostile.mirror.exists()
+
+
 DROPPED = "warning  {} is in the archive too: clients drop it\n"
 NOTED = {
     "modes and directories": (
@@ -181,6 +216,33 @@ def test_other_entries_are_noted_up_to_twenty_and_copied(hostile, what):
     lines += f"warning  {more} more entries: clients drop them\n" if more else ""
     assert (code, out.split("index gives\n")[-1], err) == (0, lines, "")
     assert hostile.run("mirror")[0] == 0
+
+
+def zstd_frame(*blocks):
+    """Blocks of a byte that is repeated so often, or of bytes as they are (RFC 8878, section 3.1.1)."""
+    packed = b""
+    for number, (content, repeats) in enumerate(blocks, 1):
+        fields = (number == len(blocks)) | (repeats > 1) << 1 | (repeats if repeats > 1 else len(content)) << 3
+        packed += struct.pack("<I", fields)[:3] + content
+    return struct.pack("<IBB", 0xFD2FB528, 0, 7 << 3) + packed
+
+
+def larger_than_three_files():
+    """Three files of 8 GiB of zeros, and the release."""
+    size = 8 << 30
+    extra = struct.pack("<HHQQ", 1, 16, size, size)
+    fields = {"size": 2**32 - 1, "packed_size": 2**32 - 1, "local_extra": extra, "crc": 0x41D912FF}
+    file = zstd_frame((zip_local(Entry("zeros", fields=fields)), 1))
+    file += zstd_frame(*[(b"\0", 1 << 17)] * 1024) * (size >> 27)
+    return file * 3 + zstd_frame((zip_bytes(release("new")), 1))
+
+
+@pytest.mark.skipif(SANITIZED, reason="takes minutes then")
+def test_entries_larger_than_three_files_are_a_fault(hostile):
+    hostile.put(larger_than_three_files())
+    line = "\nFAULT    x.zip cannot be unpacked: it unpacks to more than a gateway accepts\n"
+    code, out, err = hostile.run("check")
+    assert (code, line in out, err) == (1, True, "")
 
 
 def test_archive_named_like_a_definition_removes_that(hostile):
@@ -320,10 +382,17 @@ def test_reading_process_has_no_rights_and_ends_with_the_run(hostile):
     process = hostile.start("check")
     reader = reader_of(process)
     status = status_of(reader)
-    assert status["Uid"].split() == status["Gid"].split() == ["65534"] * 4
+    assert status["Uid"].split() == status["Gid"].split() == [str(61184 + reader % 4336)] * 4
     assert (status["Groups"].strip(), status["NoNewPrivs"]) == ("", "1")
     assert {int(status[name], 16) for name in ("CapInh", "CapPrm", "CapEff", "CapAmb")} == {0}
     assert os.stat(f"/proc/{reader}/fd").st_uid == 0  # it is not for its user to trace
+    files = [os.readlink(f"/proc/{reader}/fd/{number}") for number in range(3)]
+    archive, report = files[0].removeprefix(f"{hostile.temp}/zqu-mirror-"), files[1].split(":")[0]
+    assert (archive[6:], report, files[2]) == ("/x.zip.part", "pipe", "/dev/null")
+    assert os.getsid(reader) == reader
+    limits = pathlib.Path(f"/proc/{reader}/limits").read_text()
+    assert re.search(r"^Max cpu time +600 +601 ", limits, re.MULTILINE)
+    assert re.search(rf"^Max data size +{256 << 20} +{256 << 20} ", limits, re.MULTILINE) or SANITIZED
     os.kill(reader, signal.SIGSTOP)  # so that it cannot end by itself
     process.send_signal(signal.SIGTERM)
     assert process.communicate(timeout=60)[1] == "zqu-mirror: ended by signal: Terminated\n"

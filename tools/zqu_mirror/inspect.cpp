@@ -2,8 +2,8 @@
 
 #include <fcntl.h>
 #include <grp.h>
-#include <pwd.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,19 +28,40 @@ constexpr const char* failure_mark = "failure";  // in the place of a report, wi
 constexpr const char* end_mark = "end";
 constexpr std::size_t longest_report = 1 << 20;
 
-struct Ids {
-    uid_t user = 65534;
-    gid_t group = 65534;
-};
+constexpr rlim_t most_memory = rlim_t{256} << 20;  // MemoryMax of the daemon's unit
+constexpr rlim_t most_cpu_s = 600;
 
-Ids ids_of_nobody() {
-    const passwd* entry = getpwnam("nobody");
-    return entry != nullptr ? Ids{entry->pw_uid, entry->pw_gid} : Ids{};
+// The sanitizers' shadow memory is larger than any limit.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define ZQU_SHADOW_MEMORY
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define ZQU_SHADOW_MEMORY
+#endif
+#endif
+
+// Never more than the run itself has.
+void limit(int resource, rlim_t soft, rlim_t hard) {
+    rlimit now{};
+    getrlimit(resource, &now);
+    const rlimit limits{std::min(soft, now.rlim_max), std::min(hard, now.rlim_max)};
+    if (setrlimit(resource, &limits) != 0) {
+        fail_errno("cannot limit what reads the archive");
+    }
 }
 
-// For good, and before anything of the archive is read.
-void give_up_privileges(const Ids& nobody) {
-    if (geteuid() == 0 && (setgroups(0, nullptr) != 0 || setgid(nobody.group) != 0 || setuid(nobody.user) != 0)) {
+void limit_resources() {
+#ifndef ZQU_SHADOW_MEMORY
+    limit(RLIMIT_DATA, most_memory, most_memory);
+#endif
+    limit(RLIMIT_CPU, most_cpu_s, most_cpu_s + 1);  // the second one is for a process that ignores SIGXCPU
+}
+
+// For good, and before anything of the archive is read. No other process has the ids: they are of the range that
+// systemd.exec(5) keeps for dynamic users.
+void give_up_privileges() {
+    const auto id = static_cast<uid_t>(61184 + getpid() % 4336);
+    if (geteuid() == 0 && (setgroups(0, nullptr) != 0 || setgid(id) != 0 || setuid(id) != 0)) {
         fail_errno("cannot give up root's privileges");
     }
     if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_DUMPABLE, 0) != 0) {
@@ -71,17 +92,24 @@ std::string report_of(const Inspection& found) {
     return report;
 }
 
-// The child's part: the archive becomes its standard input, and what takes the report its standard output.
-[[noreturn]] void work(int archive, int report, const Ids& nobody, pid_t parent, const std::string& name,
-                       const std::string& flavor) {
+// The archive becomes the standard input, and what takes the report the standard output.
+void keep_only(int archive, int report) {
+    const Fd nowhere("/dev/null", O_WRONLY);
+    if (dup2(archive, STDIN_FILENO) < 0 || dup2(report, STDOUT_FILENO) < 0 || dup2(nowhere.get(), STDERR_FILENO) < 0 ||
+        close_range(STDERR_FILENO + 1, ~0U, 0) != 0) {
+        fail_errno("cannot close files");
+    }
+}
+
+// The child's part.
+[[noreturn]] void work(int archive, int report, pid_t parent, const std::string& name, const std::string& flavor) {
     std::string text;
     try {
-        give_up_privileges(nobody);
+        setsid();  // away from the run's terminal
+        limit_resources();
+        give_up_privileges();
         end_with_parent(parent);
-        if (dup2(archive, STDIN_FILENO) < 0 || dup2(report, STDOUT_FILENO) < 0 ||
-            close_range(STDERR_FILENO + 1, ~0U, 0) != 0) {
-            fail_errno("cannot close files");
-        }
+        keep_only(archive, report);
         text = report_of(judge(STDIN_FILENO, name, flavor));
     } catch (const std::exception& e) {
         text = std::string(failure_mark) + ' ' + e.what() + '\0';
@@ -144,7 +172,6 @@ Inspection parse(const std::string& report, int status) {
 
 Inspection inspect(const std::filesystem::path& archive, const std::string& name, const std::string& flavor) {
     const Fd file(archive, O_RDONLY);
-    const Ids nobody = ids_of_nobody();
     const pid_t parent = getpid();
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) {
@@ -153,16 +180,14 @@ Inspection inspect(const std::filesystem::path& archive, const std::string& name
     const Fd report(ends[0], "a pipe");
     const pid_t child = fork();
     if (child == 0) {
-        work(file.get(), ends[1], nobody, parent, name, flavor);
+        work(file.get(), ends[1], parent, name, flavor);
     }
     close(ends[1]);
     if (child < 0) {
         fail_errno("cannot make a process to read the archive");
     }
     const std::string text = read_report(report);
-    if (text.size() > longest_report) {
-        kill(child, SIGKILL);
-    }
+    kill(child, SIGKILL);  // without effect on one that has reported and ends
     int status = 0;
     waitpid(child, &status, 0);
     return parse(text, status);

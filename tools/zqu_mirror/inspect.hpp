@@ -1,7 +1,8 @@
 // Judges a release's archive in a process of its own. A hostile archive that takes this process over gains nothing.
 //
-// The process has none of root's privileges, writes no file, and has no descriptors but standard error, the archive's
-// and the one that it reports to. It ends with the thread that waits for it.
+// The process has none of root's privileges and a user id and a session of its own. It writes no file, and has no
+// descriptors but the archive's, the one that it reports to, and /dev/null. It gets 256 MiB of memory and ten minutes
+// of CPU time, and ends with the thread that waits for it.
 #pragma once
 
 #include <filesystem>

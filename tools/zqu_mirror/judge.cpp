@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <functional>
+#include <new>
 #include <set>
 #include <stdexcept>
 
@@ -23,6 +24,7 @@ namespace {
 
 constexpr std::size_t block_size = 65536;
 constexpr std::size_t most_listed = 20;
+constexpr std::uintmax_t most_unpacked = 3 * tools::largest_file;
 
 using Reader = tools::Handle<archive, archive_read_free>;
 using Consume = std::function<void(const char*, std::size_t)>;
@@ -113,8 +115,12 @@ public:
     void read(int fd, const std::string& archive_name) {
         const Reader reader = open_archive(fd);
         archive_entry* entry = nullptr;
-        while (archive_read_next_header(reader.get(), &entry) == ARCHIVE_OK) {
+        int result = ARCHIVE_OK;
+        while ((result = archive_read_next_header(reader.get(), &entry)) == ARCHIVE_OK) {
             take(reader.get(), entry);
+        }
+        if (result == ARCHIVE_FATAL) {
+            refuse(reader.get());  // perhaps for lack of memory, by which gateways are killed
         }
         wanted_.erase(archive_name);
         others_.erase(archive_name);
@@ -146,7 +152,7 @@ private:
             wanted_[name] = read_wanted(reader, entry, name);
             return;
         }
-        stream(reader, name, [](const char*, std::size_t) {});
+        count(stream(reader, name, [](const char*, std::size_t) {}));
         if (!name.empty() && others_.size() < most_listed) {
             others_.insert(name);
         } else if (!name.empty() && others_.count(name) == 0) {
@@ -154,7 +160,14 @@ private:
         }
     }
 
-    Wanted read_wanted(archive* reader, archive_entry* entry, const std::string& name) const {
+    void count(std::uintmax_t size) {
+        total_ += size;
+        if (total_ > most_unpacked) {
+            throw Unusable("it unpacks to more than a gateway accepts");
+        }
+    }
+
+    Wanted read_wanted(archive* reader, archive_entry* entry, const std::string& name) {
         const mode_t mode = archive_entry_perm(entry);
         const bool sized = archive_entry_size_is_set(entry) != 0;
         const auto stated = static_cast<std::uintmax_t>(archive_entry_size(entry));
@@ -171,6 +184,7 @@ private:
                 wanted.text.append(data, count);
             }
         });
+        count(size);
         wanted.digest = digest.hex();
         if (name == index_ && size > tools::largest_ini) {
             wanted.trouble = "is longer than " + std::to_string(tools::largest_ini) + " bytes";
@@ -217,6 +231,7 @@ private:
     std::map<std::string, Wanted> wanted_;
     std::set<std::string> others_;
     std::size_t more_ = 0;
+    std::uintmax_t total_ = 0;  // bytes of all entries
 };
 
 }  // namespace
@@ -230,6 +245,8 @@ Inspection judge(int fd, const std::string& name, const std::string& flavor) {
         contents.judge(found);
     } catch (const Unusable& e) {
         found.remarks.push_back({"FAULT", name + " cannot be unpacked: " + e.what()});
+    } catch (const std::bad_alloc&) {
+        found.remarks.push_back({"FAULT", name + " cannot be unpacked: it needs more memory than a gateway gives"});
     }
     return found;
 }

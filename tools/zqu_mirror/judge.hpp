@@ -25,9 +25,10 @@ struct Inspection {
 // - entries are known by the last component of their names, and the last one of a name counts;
 // - an entry that has the archive's own name is removed with the archive;
 // - the first header that libarchive does not read without complaint ends the archive.
-// Refused also are an index and files larger than bounded_client.hpp allows.
+// Refused also are an index and files larger than bounded_client.hpp allows, entries that are together larger than
+// three such files, a fatal error of libarchive behind the definition files, and what needs more memory than there is.
 //
-// Throws std::runtime_error when libcrypto cannot compute a digest, and std::bad_alloc.
+// Throws std::runtime_error when libcrypto cannot compute a digest.
 [[nodiscard]] Inspection judge(int fd, const std::string& name, const std::string& flavor);
 
 }  // namespace zqu::mirror_tool
