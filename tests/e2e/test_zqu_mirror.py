@@ -767,7 +767,9 @@ def hand_made(place, entries=None, id="7", hit="[Current]\ndefId = 7\n", **chang
     with zipfile.ZipFile(place.dir / "x.zip", "w") as archive:
         for name, data in contents.items():
             if data is not None:
-                archive.writestr(name, data)
+                entry = zipfile.ZipInfo(name)
+                entry.external_attr = 0o644 << 16
+                archive.writestr(entry, data)
     data = (place.dir / "x.zip").read_bytes()
     lines = {"defId": id, "name": "x.zip", "SHA256": sha256(data), "size": str(len(data)), **changes}
     (place.dir / "antivir-v2-hit.ini").write_text(hit)

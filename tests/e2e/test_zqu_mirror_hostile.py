@@ -245,6 +245,14 @@ def test_entries_larger_than_three_files_are_a_fault(hostile):
     assert (code, line in out, err) == (1, True, "")
 
 
+def test_definition_that_only_its_owner_may_read_is_a_warning(hostile):
+    hostile.put(zip_bytes(changed(1, mode=stat.S_IFREG | 0o600)))
+    line = f"warning  {FIRST} has the mode 0600: other users of a gateway cannot read it\n"
+    code, out, err = hostile.run("check")
+    assert (code, out.count(line), out.count("warning"), err) == (0, 1, 1, "")
+    assert hostile.run("mirror")[0] == 0
+
+
 def test_archive_named_like_a_definition_removes_that(hostile):
     """Clients remove the archive once it is unpacked."""
     hostile.put(zip_bytes(new()), FIRST)

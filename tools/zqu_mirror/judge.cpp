@@ -105,6 +105,7 @@ struct Wanted {
     std::string trouble;  // why clients cannot read it as it was read here; else empty
     std::string digest;
     std::string text;  // of the index
+    mode_t mode = 0;
 };
 
 class Contents {
@@ -172,6 +173,7 @@ private:
         const bool sized = archive_entry_size_is_set(entry) != 0;
         const auto stated = static_cast<std::uintmax_t>(archive_entry_size(entry));
         Wanted wanted;
+        wanted.mode = mode;
         if (archive_entry_filetype(entry) != AE_IFREG) {
             wanted.trouble = "is no regular file";
         } else if ((mode & S_IRUSR) == 0) {
@@ -223,6 +225,10 @@ private:
         }
         if (file != wanted_.end() && file->second.trouble.empty()) {
             found.digests[name] = file->second.digest;
+            if ((file->second.mode & S_IRGRP) == 0) {
+                found.remarks.push_back({"warning", name + " has the mode " + in_octal(file->second.mode) +
+                                                        ": other users of a gateway cannot read it"});
+            }
         }
     }
 
