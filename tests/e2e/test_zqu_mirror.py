@@ -5,7 +5,6 @@ The programs come from the directory that ZQU_BUILD_DIR names, by default "build
 import hashlib
 import json
 import os
-import pty
 import re
 import resource
 import shutil
@@ -19,7 +18,19 @@ from pathlib import Path
 
 import pytest
 from machines import DAEMON, REPOSITORY
-from mirror_tool import SUBDIR, TOOL, WORK, Setting, Stopped, noise, release_files, run, tree, under_strace
+from mirror_tool import (
+    SUBDIR,
+    TOOL,
+    WORK,
+    Setting,
+    Stopped,
+    noise,
+    release_files,
+    run,
+    shown_on_terminal,
+    tree,
+    under_strace,
+)
 from mirrors import sha256
 
 CAB_CAPACITY = 65535 * 32768
@@ -731,21 +742,8 @@ def test_a_file_that_changes_with_its_time_put_back_is_refused_and_the_mirror_is
 def test_progress_is_shown_on_a_terminal_and_cleared(mirror_tool_place):
     place = mirror_tool_place
     os.truncate(place.antivir, 500_000_000)
-    master, slave = pty.openpty()
-    process = subprocess.Popen(
-        [TOOL, "publish", "--id", "1", place.mirror, place.antivir, place.aivsecon],
-        stdout=subprocess.DEVNULL,
-        stderr=slave,
-    )
-    os.close(slave)
-    shown = b""
-    while True:
-        try:
-            shown += os.read(master, 4096)
-        except OSError:  # the other end is closed
-            break
-    os.close(master)
-    assert process.wait(timeout=60) == 0
+    code, shown = shown_on_terminal([TOOL, "publish", "--id", "1", place.mirror, place.antivir, place.aivsecon])
+    assert code == 0
     assert re.fullmatch(rb"((\x1b\[Kzqu-mirror: [a-z ]+: \d+ MB\r)+\x1b\[K)+", shown)
 
 

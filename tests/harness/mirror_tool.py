@@ -2,6 +2,7 @@
 
 import hashlib
 import os
+import pty
 import signal
 import stat
 import subprocess
@@ -27,6 +28,21 @@ def measured(words):
     process.stdout.close()
     process.stderr.close()
     return (process.returncode, out, err), used.ru_maxrss / 1024
+
+
+def shown_on_terminal(words):
+    """The exit status of a run, and what it writes to a terminal on standard error."""
+    master, slave = pty.openpty()
+    process = subprocess.Popen(words, stdout=subprocess.DEVNULL, stderr=slave)
+    os.close(slave)
+    shown = b""
+    while True:
+        try:
+            shown += os.read(master, 4096)
+        except OSError:  # the other end is closed
+            break
+    os.close(master)
+    return process.wait(timeout=60), shown
 
 
 def under_strace():
