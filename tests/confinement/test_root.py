@@ -6,7 +6,7 @@ import json
 import subprocess
 
 import pytest
-from confined import READER, ROOT, SERVICE, STATUS, STRANGER, UNIT
+from confined import CONFIGURATION, READER, ROOT, SERVICE, STATUS, STRANGER, UNIT
 from raw_archives import LINK, Entry, zip_bytes
 from raw_archives import release as entries_of
 from test_attacks import UP, Front, script
@@ -198,3 +198,40 @@ def test_preparation_harms_nothing_outside_while_a_user_swaps_links(system):
         assert system.out("stat", "--format=%n %a %u %g", "/srv/victim", "/srv/victim/file") == before
     system.run("/usr/local/libexec/zel-quorin-prepare")
     assert may(system, STRANGER, {"list": TRIES["list"], "create": TRIES["create in the root"]}) == []
+
+
+# Settings, and the root that is prepared for them with the path of the status file below it; none when it is refused.
+SETTINGS = {
+    "status_path =": (ROOT, "manifest/status.json"),
+    "def_root =": None,
+    "def_root = /": None,
+    "def_root = relative": None,
+    "def_root = /srv/a%b": None,
+    "def_root = /srv/used": None,  # holds files of others
+    f"def_root = {ROOT}2\r\nstatus_path = {ROOT}2/status.json": (f"{ROOT}2", "status.json"),
+    "def_root = /srv/link/\nstatus_path = /srv/link/manifest/other.json": ("/srv/real", "manifest/other.json"),
+    "def_root = /srv/deep\nstatus_path = /srv/deep/a/b.json": ("/srv/deep", "manifest/status.json"),
+}
+
+
+@pytest.mark.parametrize("settings", SETTINGS)
+def test_preparation_goes_by_the_settings(system, settings):
+    """And removes neither a snapshot in service nor files of others."""
+    mine = ["/srv/used/mine", "/active", "/srv/deep/a/b.json", f"{ROOT}/snapshots/1001/antivir-v2.def"]
+    system.run("mkdir", "-p", "/srv/used", "/srv/real", "/srv/deep/a", f"{ROOT}/snapshots/1001")
+    system.run("touch", *mine, f"{ROOT}/snapshots/1001/aivsecon-v2.def")
+    system.run("ln", "-sfn", "/srv/real", "/srv/link")
+    system.run("ln", "-s", "snapshots/1001", f"{ROOT}/active")
+    system.run("chown", "-R", SERVICE, "/srv/deep")
+    system.put(CONFIGURATION, settings + "\n")
+    process = system.run("/usr/local/libexec/zel-quorin-prepare", check=False)
+    system.run("ls", *mine, f"{ROOT}/active/antivir-v2.def")
+    prepared = SETTINGS[settings]
+    assert (process.returncode == 0) == (prepared is not None), process.stderr
+    if prepared:
+        root, status = prepared
+        names = {"": "", "snapshots": "/snapshots", "manifest": "/manifest", "manifest/status.json": f"/{status}"}
+        found = {name: system.out("stat", "--format=%A %U:%G", f"{root}{path}") for name, path in names.items()}
+        assert found == {name: what for name, what in LAYOUT.items() if name != "active"}
+    system.run("rm", "-r", "/srv/used", "/srv/real", "/srv/deep", "/srv/link", "/active")
+    system.run("sh", "-c", f"rm -rf {ROOT}2")
