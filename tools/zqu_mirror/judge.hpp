@@ -21,7 +21,7 @@ struct Inspection {
 };
 
 // Reads the archive, which begins at the offset of fd, and judges it for a daemon without any privileges. name is the
-// archive's on the mirror. A FAULT means that clients fail, or would accept what nobody has checked. As in the daemon:
+// archive's on the mirror. A FAULT means that clients fail, or cannot read the index that is there. As in the daemon:
 // - entries are known by the last component of their names, and the last one of a name counts;
 // - an entry that has the archive's own name is removed with the archive;
 // - the first header that libarchive does not read without complaint ends the archive.

@@ -75,9 +75,8 @@ constexpr const char* about_prune =
 
 constexpr const char* about_check =
     "Reads the mirror as the daemon does, downloads the archive of the current release below $TMPDIR (/tmp), and\n"
-    "prints one line per step: ok, warning (clients succeed all the same) or FAULT (clients fail, or would accept "
-    "what\n"
-    "nobody has checked). The archive is read by a process without root's privileges, and not unpacked to disk.\n\n"
+    "prints one line per step: ok, warning (clients succeed all the same) or FAULT (clients fail, or cannot read the\n"
+    "index). The archive is read by a process without root's privileges, and not unpacked to disk.\n\n"
     "Examples:\n"
     "  zqu-mirror check /srv/mirror\n"
     "  zqu-mirror check --ca /etc/ssl/fleet-ca.pem https://mirror.example\n";
