@@ -6,12 +6,14 @@ import pty
 import signal
 import stat
 import subprocess
+import tempfile
 
 from machines import BUILD
 
 TOOL = BUILD / "zqu-mirror"
 SUBDIR = "rhex/deffiles/def5-2"
 WORK = ".zqu-mirror.work"
+CAPTURED = {"capture_output": True, "text": True, "timeout": 300}
 
 
 def run(*args, **options):
@@ -20,14 +22,11 @@ def run(*args, **options):
 
 
 def measured(words):
-    """What a run says, and the most memory it had, in MB."""
-    process = subprocess.Popen(words, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-    out, err = process.stdout.read(), process.stderr.read()
-    _, status, used = os.wait4(process.pid, 0)
-    process.returncode = os.waitstatus_to_exitcode(status)
-    process.stdout.close()
-    process.stderr.close()
-    return (process.returncode, out, err), used.ru_maxrss / 1024
+    """What a run says, and the most memory it had, in MB. By time(1): a child of this process would begin with what
+    this one has."""
+    with tempfile.NamedTemporaryFile("r") as used:
+        done = subprocess.run(["time", "--quiet", "--format=%M", f"--output={used.name}", *words], **CAPTURED)
+        return (done.returncode, done.stdout, done.stderr), int(used.read()) / 1024
 
 
 def shown_on_terminal(words):
