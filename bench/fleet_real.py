@@ -11,11 +11,11 @@ import time
 
 import fleet_sizing
 import procfs
-from archives import definition_names
-from machines import Gateway
-from mirrors import Mirror, Nginx, index_of
 from cryptography import x509
+from gateway import Gateway
+from mirrors import Mirror, Nginx
 from packets import PacketCounter
+from release import definition_names, index_of
 from text import prose, table
 
 TITLE = "A real fleet"

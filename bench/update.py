@@ -8,9 +8,9 @@ import subprocess
 import callgrind
 import gateways
 import releases
-from machines import listing
 from measure import in_turn, ratios, run, spreads
-from mirrors import sha256
+from outcomes import listing
+from release import sha256
 from text import prose, seconds, table, verdict, with_spread
 
 TITLE = "A whole update"

@@ -7,7 +7,7 @@ import tempfile
 
 import pytest
 import trustme
-from machines import Gateway
+from gateway import Gateway
 from mirrors import Mirror, Nginx
 from trials import Trial, server_context
 

@@ -6,7 +6,7 @@ import sys
 
 import pytest
 from builds import REPOSITORY
-from machines import DAEMON, SANITIZED, STARTED, wait_for
+from gateway import DAEMON, SANITIZED, STARTED, wait_for
 
 sys.path.append(str(REPOSITORY / "bench"))
 import callgrind  # noqa: E402  (from the folder named just before)

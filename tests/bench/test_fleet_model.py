@@ -6,7 +6,7 @@ import sys
 
 import pytest
 from builds import REPOSITORY
-from machines import BUILD
+from gateway import BUILD
 from simulator import simulate
 
 sys.path.append(str(REPOSITORY / "bench"))

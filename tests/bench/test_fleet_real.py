@@ -5,7 +5,7 @@ import sys
 
 import pytest
 from builds import REPOSITORY
-from machines import BUILD, SANITIZED
+from gateway import BUILD, SANITIZED
 
 sys.path.append(str(REPOSITORY / "bench"))
 import fleet_real  # noqa: E402  (after the path)

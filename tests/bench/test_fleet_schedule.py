@@ -1,7 +1,7 @@
 """The fleet's simulator, held against the real daemon: every check of a daemon's history comes in the same second."""
 
 import pytest
-from machines import STARTED, may_mount
+from gateway import STARTED, may_mount
 from paced import EPOCH, SLICE, PacedDaemon, cycles_of, jitter
 from simulator import simulate
 

@@ -4,7 +4,8 @@ import re
 import subprocess
 
 import pytest
-from machines import BUILD, SANITIZED
+from gateway import BUILD, SANITIZED
+from release import good_files
 
 pytestmark = pytest.mark.skipif(SANITIZED, reason="measured is what is shipped")
 
@@ -39,7 +40,7 @@ def calls(path, left_out):
 
 
 def test_floor_makes_the_calls_of_the_daemon_with_their_values(gateway, mirror, nginx, tmp_path):
-    mirror.publish("1001", mirror.entries("1001", size=150_000))
+    mirror.publish("1001", good_files("1001", size=150_000))
     del gateway.settings["http_timeout_s"]
     environment = gateway.environment(calls=True)
     gateway.run("--config", gateway.config_path, "--once", calls=True)

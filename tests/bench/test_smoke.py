@@ -12,7 +12,7 @@ import xml.etree.ElementTree
 
 import pytest
 from builds import REPOSITORY
-from machines import BUILD, SANITIZED, wait_for
+from gateway import BUILD, SANITIZED, wait_for
 
 BENCH = REPOSITORY / "bench"
 sys.path.append(str(BENCH))

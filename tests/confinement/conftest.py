@@ -3,7 +3,7 @@
 import pytest
 from booted import why_not_bootable
 from confined import Confined, install
-from machines import SANITIZED
+from gateway import SANITIZED
 
 
 @pytest.fixture(scope="session")

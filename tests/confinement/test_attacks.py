@@ -7,11 +7,10 @@ import stat
 
 import pytest
 from confined import CONFIGURATION, DAEMON, ROOT, TIMER, UNIT, Confined
-from mirrors import sha256
-from raw_archives import LINK, Entry, deflated, zip_bytes
-from raw_archives import release as entries_of
+from raw_archives import LINK, Entry, deflated, release as entries_of, zip_bytes
+from release import HIT, Release, hit_ini, info_ini, info_name, sha256
 from scripted_server import SUBDIR, flood, head, reply
-from trials import HIT, NEW, OLD, hit_ini, info_ini, info_name, release
+from trials import NEW, OLD
 
 UP = "../" * 12  # to the root of the file system, from wherever
 # Folders, each with a file in it, that are open to everybody: nothing but the sandbox stands before them.
@@ -78,7 +77,7 @@ class Front:
     def __init__(self, system, tmp_path):
         self.system = system
         self.mirror = system.stepped()
-        self.releases = {version: release(tmp_path, version).script for version in (OLD, "1003")}
+        self.releases = {version: Release(version).script for version in (OLD, "1003")}
         system.configure(self.mirror.server, poll_interval_s=0)
         open_places(system)
         self.start()

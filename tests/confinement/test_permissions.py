@@ -4,11 +4,11 @@ import stat
 
 import pytest
 from confined import CONFIGURATION, READER, ROOT, SERVICE, STATUS, STRANGER, UNIT
-from mirrors import sha256
 from pages import blocks
 from raw_archives import Entry, cab_bytes, release as entries_of, zip_bytes
+from release import HIT, hit_ini, info_ini, info_name, sha256
 from scripted_server import reply
-from trials import HIT, NEW, hit_ini, info_ini, info_name
+from trials import NEW
 
 FILE = f"{ROOT}/active/antivir-v2.def"
 CONTENT = entries_of("new")[1].content.decode().rstrip("\n")

@@ -5,15 +5,16 @@ import threading
 import pytest
 from confined import CONFIGURATION, DAEMON, DAEMON_NAME, ROOT, SERVICE, STATUS, TIMER, UNIT
 from pages import blocks
+from release import HIT, Release
 from scripted_server import SUBDIR, cut, head, reply, stall
-from trials import HIT, NEW, OLD, release
+from trials import NEW, OLD
 
 SOON = "[Timer]\nOnUnitInactiveSec=\nOnUnitInactiveSec=4s\nAccuracySec=1ms\n"
 
 
 @pytest.fixture
 def releases(tmp_path):
-    return {version: release(tmp_path, version) for version in (OLD, NEW, "1003")}
+    return {version: Release(version) for version in (OLD, NEW, "1003")}
 
 
 @pytest.fixture
@@ -126,11 +127,11 @@ def test_stop_at_rest_is_clean(system, server):
 
 def test_stop_in_a_download_kills_and_the_next_start_heals(system, server, releases):
     new = releases[NEW]
-    server.script = {**new.script, new.cab_name: [head("200 OK", "Content-Length: 1000000"), b"x" * 1000, stall]}
+    server.script = {**new.script, new.archive_name: [head("200 OK", "Content-Length: 1000000"), b"x" * 1000, stall]}
     system.drop_in("[Service]\nTimeoutStopSec=1s\n")
     server.requests.clear()
     system.run("systemctl", "restart", UNIT)
-    system.wait_for(lambda: f"/{SUBDIR}/{new.cab_name}" in str(server.requests))
+    system.wait_for(lambda: f"/{SUBDIR}/{new.archive_name}" in str(server.requests))
     system.run("systemctl", "stop", UNIT)
     assert system.state() == ("failed", "timeout")
     expect_both(system, "failed", "inactive")
@@ -166,7 +167,7 @@ def test_restart_checks_at_once(system, server, releases):
     server.script = releases[NEW].script
     server.requests.clear()
     system.restart()
-    assert server.targets() == [HIT, f"antivir-v2-c-{NEW}.ini", releases[NEW].cab_name]
+    assert server.targets() == [HIT, f"antivir-v2-c-{NEW}.ini", releases[NEW].archive_name]
     system.expect_status(NEW)
 
 
@@ -227,12 +228,12 @@ def test_check_by_hand_as_the_services_user_does_no_harm(system, server, release
 def test_check_by_hand_removes_the_staging_directory_of_the_unit(system, server, releases):
     """Two daemons at once know nothing of each other: the failure of one takes away what the other is filling."""
     new = releases[NEW]
-    server.script = {**new.script, new.cab_name: [head("200 OK", "Content-Length: 1000000"), b"x" * 1000, stall]}
+    server.script = {**new.script, new.archive_name: [head("200 OK", "Content-Length: 1000000"), b"x" * 1000, stall]}
     system.drop_in("[Service]\nTimeoutStopSec=1s\n")
     server.requests.clear()
     system.run("systemctl", "restart", UNIT)
-    system.wait_for(lambda: f"snapshots/{NEW}/{new.cab_name}.part" in system.listing())
-    server.script = {**new.script, new.cab_name: [reply(b"", "404 Not Found")]}
+    system.wait_for(lambda: f"snapshots/{NEW}/{new.archive_name}.part" in system.listing())
+    server.script = {**new.script, new.archive_name: [reply(b"", "404 Not Found")]}
     by_hand(system)
     assert f"snapshots/{NEW}/" not in system.listing()
     system.expect_status(OLD, "download CAB")
@@ -248,10 +249,10 @@ def test_release_that_two_daemons_lost_comes_back_with_a_restart(system, server,
         fail.wait(60)
         cut(connection)
 
-    server.script = {**new.script, new.cab_name: [head("200 OK", "Content-Length: 1000000"), b"x" * 1000, held]}
+    server.script = {**new.script, new.archive_name: [head("200 OK", "Content-Length: 1000000"), b"x" * 1000, held]}
     system.path(STATUS).unlink()
     system.run("systemctl", "restart", UNIT)
-    system.wait_for(lambda: f"snapshots/{NEW}/{new.cab_name}.part" in system.listing())
+    system.wait_for(lambda: f"snapshots/{NEW}/{new.archive_name}.part" in system.listing())
     server.script = new.script
     by_hand(system)
     assert system.active() == NEW
@@ -267,4 +268,4 @@ def test_release_that_two_daemons_lost_comes_back_with_a_restart(system, server,
     system.run("sh", "-c", recipe)
     system.wait_for_status(NEW)
     assert owners(system) == {SERVICE}
-    assert system.out("cat", f"{ROOT}/active/antivir-v2.def") == f"antivir-v2.def of {NEW}"
+    assert system.out("head", "-n1", f"{ROOT}/active/antivir-v2.def") == f"antivir-v2.def of {NEW}"

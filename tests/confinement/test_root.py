@@ -7,11 +7,11 @@ import subprocess
 
 import pytest
 from confined import CONFIGURATION, READER, ROOT, SERVICE, STATUS, STRANGER, UNIT
-from raw_archives import LINK, Entry, zip_bytes
-from raw_archives import release as entries_of
+from raw_archives import LINK, Entry, release as entries_of, zip_bytes
+from release import HIT
 from test_attacks import UP, Front, script
 from test_permissions import READING, TRIES, may, zip_with_directory
-from trials import HIT, OLD
+from trials import OLD
 
 EVIL = "/srv/evil"  # a directory of a local user, with definitions of his own
 LOOP = Entry("antivir-v2.def", b"antivir-v2.def", LINK)  # ends the check by an exception: nothing is swept or removed

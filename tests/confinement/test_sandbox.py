@@ -3,7 +3,7 @@ what came of each try. Each line of the unit is then taken away, and the tries t
 
 import pytest
 from confined import CONFIGURATION, DAEMON, QUORIN, ROOT, UNIT
-from machines import BUILD
+from gateway import BUILD
 
 # Open to everybody, so that nothing but the sandbox stands before them.
 OPEN_FOLDERS = (

@@ -9,10 +9,11 @@ import zipfile
 
 import pytest
 from confined import AUTHORITY, DAEMON_NAME, ROOT, SERVICE, STATUS, UNIT, Confined
-from machines import listing, snapshot_listing
 from mirrors import Mirror, Nginx
+from outcomes import listing, snapshot_listing
+from release import HIT, Release
 from scripted_server import SUBDIR, cut
-from trials import HIT, NEW, OLD, release
+from trials import NEW, OLD
 
 LOG = [
     (6, "zel_quorin_updater loop started (interval=3600s jitter=0s)"),
@@ -26,7 +27,7 @@ MESSAGES = [message for _, message in LOG]
 def server(system, tmp_path):
     """A mirror with a release, named in the configuration."""
     server = system.scripted()
-    server.script = release(tmp_path, OLD).script
+    server.script = Release(OLD).script
     system.configure(server)
     return server
 
@@ -87,7 +88,7 @@ def test_names_are_resolved(system, server, host):
 def test_update_over_ipv6(system, tmp_path, host):
     system.put("/etc/hosts", "127.0.0.1 localhost\n::1 mirror.example\n")
     server = system.scripted(address="::1")
-    server.script = release(tmp_path, OLD).script
+    server.script = Release(OLD).script
     system.configure(server, mirror_base_url=server.base(host).removesuffix(f"/{SUBDIR}"))
     system.restart()
     system.expect_status(OLD)
@@ -188,7 +189,7 @@ def test_moved_root_is_written_with_a_drop_in_that_names_it(moved, lines):
     moved.drop_in("[Service]\n" + "".join(f"{line}={MOVED}\n" for line in lines))
     moved.run("systemctl", "start", UNIT)
     moved.wait_for(lambda: moved.take_log()[-1:] == MESSAGES[-1:])
-    assert moved.out("cat", f"{MOVED}/active/antivir-v2.def") == f"antivir-v2.def of {OLD}"
+    assert moved.out("head", "-n1", f"{MOVED}/active/antivir-v2.def") == f"antivir-v2.def of {OLD}"
 
 
 def test_moved_root_without_a_drop_in_fails_every_check_and_tells_it_in_the_log_alone(moved, server):
@@ -203,7 +204,7 @@ def test_moved_root_without_a_drop_in_fails_every_check_and_tells_it_in_the_log_
 
 @pytest.mark.parametrize("place", ["/media/zqu", "/mnt/zqu"])
 def test_update_from_a_medium(system, tmp_path, place):
-    for name, content in release(tmp_path, OLD).files.values():
+    for name, content in Release(OLD).files.values():
         system.put(f"{place}/{SUBDIR}/{name}", content)
     system.configure(mirror_base_url=f"file://{place}", mirror_subdir=SUBDIR, poll_interval_s=3600, poll_jitter_s=0)
     system.restart()

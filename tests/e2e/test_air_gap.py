@@ -3,9 +3,10 @@
 import subprocess
 
 import pytest
-from machines import Gateway, may_mount, published, snapshot_listing
-from mirror_tool import SUBDIR, Setting, run, tree
-from mirrors import sha256
+from gateway import Gateway, may_mount
+from mirror_tool import SUBDIR, Setting, run
+from outcomes import published, snapshot_listing, tree
+from release import sha256
 
 
 class Medium:
@@ -103,7 +104,7 @@ def test_a_mirror_of_web_servers_is_filled_from_a_medium(medium, tmp_path):
     archive = (medium.outside.dir / "antivir-v2-c-1001.cab").read_bytes()
     line = f"mirrored 1001: antivir-v2-c-1001.cab, {len(archive)} bytes, SHA-256 {sha256(archive)}\n"
     assert (code, out, err) == (0, line, "")
-    assert tree(tmp_path / "www" / SUBDIR) == tree(medium.outside.dir)
+    assert tree(tmp_path / "www" / SUBDIR, modes=True) == tree(medium.outside.dir, modes=True)
     assert run("check", medium.mounted_at)[0] == 0
 
 

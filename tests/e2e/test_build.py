@@ -2,10 +2,9 @@
 
 import subprocess
 
-import machines
 import pytest
 from builds import configure, copy_sources
-from machines import DAEMON, SANITIZED
+from gateway import DAEMON, SANITIZED
 
 
 def output_of(*command):
@@ -86,7 +85,7 @@ def test_build_without_a_type_is_optimised(copy):
 
 def test_run_without_a_library_to_preload_is_refused(gateway, tmp_path, monkeypatch):
     (tmp_path / "libzqu_log_shim.so").touch()
-    monkeypatch.setattr(machines, "BUILD", tmp_path)
+    monkeypatch.setattr("gateway.BUILD", tmp_path)
     assert gateway.environment()["LD_PRELOAD"] == "libzqu_log_shim.so"
     with pytest.raises(AssertionError, match=f"not in {tmp_path}: libzqu_call_shim.so; all is built with"):
         gateway.environment(calls=True)

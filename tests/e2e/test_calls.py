@@ -6,7 +6,9 @@ import signal
 
 import archives
 import pytest
-from machines import SANITIZED, snapshot_listing
+from gateway import SANITIZED
+from outcomes import snapshot_listing
+from release import good_files
 
 
 def run(gateway, fault=""):
@@ -86,7 +88,7 @@ def test_missing_handle_fails_every_transfer_without_a_message(gateway, mirror):
 
 
 def test_digest_is_computed_in_blocks_of_64_kib(gateway, mirror):
-    entries = mirror.entries("1001", size=150_000)
+    entries = good_files("1001", size=150_000)
     mirror.publish("1001", entries)
     cab_size = mirror.path("antivir-v2-1001.cab").stat().st_size
     calls = only(
@@ -103,7 +105,7 @@ def test_digest_is_computed_in_blocks_of_64_kib(gateway, mirror):
 
 
 def test_file_of_whole_blocks_is_hashed_without_an_empty_update(gateway, mirror):
-    entries = mirror.entries("1001")
+    entries = good_files("1001")
     content = b"x" * 131072
     entries[0] = (entries[0][0], content)
     entries[2] = (entries[2][0], b"")
@@ -158,7 +160,7 @@ def archive_calls(calls):
 
 
 def test_extraction_calls_its_library_in_order(gateway, mirror):
-    entries = [(f"dir/{name}", content) for name, content in mirror.entries("1001")[:2]]
+    entries = [(f"dir/{name}", content) for name, content in good_files("1001")[:2]]
     mirror.publish("1001", entries)
     stage = f"{gateway.root}/snapshots/1001"
     one_entry = [
@@ -390,7 +392,7 @@ def run_with_injection(gateway, path, injection):
 
 
 def test_read_error_in_the_archive_is_a_mismatch(gateway, mirror):
-    mirror.publish("1001", mirror.entries("1001", size=200_000))
+    mirror.publish("1001", good_files("1001", size=200_000))
     path = f"{gateway.root}/snapshots/1001/antivir-v2-1001.cab"
     lines = run_with_injection(gateway, path, "read:error=EIO:when=1")
     assert lines == ["err run_once: staging failed: CAB sha256 mismatch"]
@@ -398,7 +400,7 @@ def test_read_error_in_the_archive_is_a_mismatch(gateway, mirror):
 
 @pytest.mark.parametrize("injection", ["openat:error=EACCES:when=3", "read:error=EIO:when=1"])
 def test_unreadable_index_is_an_empty_one(gateway, mirror, injection):
-    entries = mirror.entries("1001")
+    entries = good_files("1001")
     entries[2] = (entries[2][0], b"antivir-v2.def.sha256 = 00\n")  # would be a mismatch
     mirror.publish("1001", entries)
     path = f"{gateway.root}/snapshots/1001/antivir-v2.ini"
@@ -407,7 +409,7 @@ def test_unreadable_index_is_an_empty_one(gateway, mirror, injection):
 
 
 def test_index_that_cannot_be_read_to_its_end_is_an_empty_one(gateway, mirror):
-    entries = mirror.entries("1001")
+    entries = good_files("1001")
     entries[2] = (entries[2][0], b"antivir-v2.def.sha256 = 00\n" + b"; padding\n" * 20_000)
     mirror.publish("1001", entries)
     path = f"{gateway.root}/snapshots/1001/antivir-v2.ini"
@@ -456,7 +458,7 @@ def test_failed_staging_is_logged_then_removed_then_told_by_the_status(gateway, 
 
 
 def test_refused_files_are_removed_at_one_go_without_a_sweep(gateway, mirror):
-    entries = mirror.entries("1001")
+    entries = good_files("1001")
     entries[1] = (entries[1][0], b"tampered")
     mirror.publish("1001", entries)
     trace = disk_trace(gateway)
@@ -497,7 +499,7 @@ def test_snapshot_whose_time_cannot_be_read_counts_as_the_oldest(gateway, mirror
 def test_failed_allocation_while_the_index_is_read_leaves_nothing_unchecked(gateway, mirror):
     if SANITIZED:
         pytest.skip("the sanitizers reserve more address space than the limit leaves")
-    entries = mirror.entries("1001")
+    entries = good_files("1001")
     entries[1] = (entries[1][0], b"tampered")
     entries[2] = (entries[2][0], b"; " + b"x" * 200_000_000 + b"\n" + entries[2][1])
     archives.write_zip(mirror.path("big.zip"), entries)

@@ -4,7 +4,8 @@ import re
 import subprocess
 
 import pytest
-from machines import BUILD, REPOSITORY
+from builds import REPOSITORY
+from gateway import BUILD
 
 TESTS = REPOSITORY / "tests"
 PAGES = {"testing.md": TESTS, "security.md": TESTS / "hostile"}  # and the folder that their paths begin at

@@ -3,7 +3,7 @@
 import signal
 
 import pytest
-from machines import snapshot_listing
+from outcomes import snapshot_listing
 
 # The calls of getdents64(2) in an update: one that finds the entries and one that finds the end, for each listing.
 SWEEP, SWEEP_END, PRUNE, PRUNE_END = 1, 2, 3, 4

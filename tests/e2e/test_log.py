@@ -5,7 +5,7 @@ import socket
 import subprocess
 
 import pytest
-from machines import DAEMON, SANITIZED, in_own_dev, may_mount
+from gateway import DAEMON, SANITIZED, in_own_dev, may_mount
 
 LOG_ERR, LOG_WARNING, LOG_INFO, LOG_DAEMON = 3, 4, 6, 3 << 3
 

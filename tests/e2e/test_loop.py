@@ -4,7 +4,8 @@ import os
 import signal
 
 import pytest
-from machines import STARTED, STOPPED, snapshot_listing, wait_for
+from gateway import STARTED, STOPPED, wait_for
+from outcomes import snapshot_listing
 
 
 def active(gateway):

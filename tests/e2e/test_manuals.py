@@ -4,7 +4,8 @@ import re
 import subprocess
 
 import pytest
-from machines import BUILD, DAEMON, REPOSITORY
+from builds import REPOSITORY
+from gateway import BUILD, DAEMON
 
 PAGES = sorted((REPOSITORY / "docs" / "man").iterdir())
 TOOLS = ("zqu-config", "zqu-mirror", "zqu-status")

@@ -13,8 +13,10 @@ from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 import trustme
-from machines import REPOSITORY, Gateway, published
+from builds import REPOSITORY
+from gateway import Gateway
 from mirror_tool import SUBDIR, WORK, Setting, Stopped, noise, run
+from outcomes import published
 
 PAGE = (REPOSITORY / "docs" / "mirrors.md").read_text()
 HIT = "antivir-v2-hit.ini"

@@ -9,7 +9,8 @@ import subprocess
 import urllib.request
 
 import pytest
-from machines import BUILD, REPOSITORY, wait_for
+from builds import REPOSITORY
+from gateway import BUILD, wait_for
 
 SHIPPED = REPOSITORY / "packaging" / "monitoring"
 RULES = SHIPPED / "zel-quorin-updater.rules.yml"

@@ -7,7 +7,7 @@ import subprocess
 
 import builds
 import pytest
-from machines import SANITIZED
+from gateway import SANITIZED
 
 pytestmark = [
     pytest.mark.long,

@@ -4,7 +4,7 @@ import signal
 import subprocess
 
 import pytest
-from machines import APART, DAEMON, Gateway, may_mount
+from gateway import APART, DAEMON, Gateway, may_mount
 
 DEFAULT_CONFIG = "/usr/local/zelgw/opt/av/quorin/etc/zel_quorin_updater.conf"
 OPENED = "open zel_quorin_updater 3 24"

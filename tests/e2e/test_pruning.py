@@ -4,7 +4,7 @@ import os
 import re
 
 import pytest
-from machines import published
+from outcomes import published
 
 RETAINED = 60  # more than there are: all stay, in the order in which the directory lists them
 

@@ -1,8 +1,8 @@
 """What those see who read the definitions while they are replaced."""
 
-import archives
-from machines import published
+from outcomes import published
 from reader import Reader
+from release import definition_names
 
 # Each step of a publication takes its time, so that a moment without the link cannot go unnoticed.
 SLOWLY = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=unlink,symlink,rename:delay_exit=20000"]
@@ -22,7 +22,7 @@ def test_link_is_never_missing_and_never_leads_to_a_mixed_set(gateway, mirror):
 
 
 def test_reader_tells_missing_links_and_mixed_sets(tmp_path):
-    first, second = archives.definition_names()
+    first, second = definition_names()
     (tmp_path / "snapshots").mkdir()
     with Reader(tmp_path) as missing:
         pass

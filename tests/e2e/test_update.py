@@ -7,15 +7,16 @@ import zipfile
 
 import archives
 import pytest
-from machines import SANITIZED, published, snapshot_listing
-from mirrors import sha256
+from gateway import SANITIZED
+from outcomes import published, snapshot_listing
+from release import definition_names, definitions, good_files, sha256
 
 
 def test_first_update_publishes_the_release(gateway, mirror):
     mirror.publish("1001")
     assert gateway.run_once() == published("1001")
     assert gateway.listing() == snapshot_listing("1001", "1001")
-    assert gateway.active_files() == dict(mirror.entries("1001")[:2])
+    assert gateway.active_files() == definitions("1001")
     gateway.expect_status("1001")
 
 
@@ -61,7 +62,7 @@ def test_tampered_archive_is_refused_and_the_old_snapshot_serves_on(gateway, mir
 
 
 def test_definition_that_differs_from_the_index_is_refused(gateway, mirror):
-    entries = mirror.entries("1001")
+    entries = good_files("1001")
     entries[1] = (entries[1][0], b"tampered")
     mirror.publish("1001", entries)
     assert gateway.run_once() == ["err run_once: staging failed: sha256 mismatch aivsecon-v2.def"]
@@ -139,7 +140,7 @@ def test_without_an_authority_file_a_private_authority_is_unknown(gateway, mirro
 @pytest.mark.parametrize("second", archives.COMPRESSIONS)
 @pytest.mark.parametrize("first", archives.COMPRESSIONS)
 def test_cab_of_several_folders_is_accepted(gateway, mirror, first, second):
-    entries = mirror.entries("1001", size=90_001)
+    entries = good_files("1001", size=90_001)
     cab = mirror.path("several.cab")
     archives.write_cab_of_folders(cab, list(zip((first, second, "mszip"), ([entry] for entry in entries))))
     subprocess.run(["cabextract", "-q", "-t", cab], check=True, capture_output=True)
@@ -150,7 +151,7 @@ def test_cab_of_several_folders_is_accepted(gateway, mirror, first, second):
 
 @pytest.mark.parametrize("compression", archives.COMPRESSIONS)
 def test_cab_of_one_folder_is_accepted(gateway, mirror, compression):
-    entries = mirror.entries("1001", size=90_001)
+    entries = good_files("1001", size=90_001)
     archives.write_cab_of_folders(mirror.path("one.cab"), [(compression, entries)])
     mirror.announce("1001", "one.cab")
     assert gateway.run_once() == published("1001")
@@ -159,7 +160,7 @@ def test_cab_of_one_folder_is_accepted(gateway, mirror, compression):
 
 @pytest.mark.parametrize("compression", [zipfile.ZIP_STORED, zipfile.ZIP_DEFLATED], ids=["stored", "deflated"])
 def test_zip_is_accepted(gateway, mirror, compression):
-    entries = mirror.entries("1001", size=300_000)
+    entries = good_files("1001", size=300_000)
     archives.write_zip(mirror.path("release.zip"), entries, compression)
     mirror.announce("1001", "release.zip")
     assert gateway.run_once() == published("1001")
@@ -167,7 +168,7 @@ def test_zip_is_accepted(gateway, mirror, compression):
 
 
 def test_directories_inside_the_archive_are_flattened(gateway, mirror):
-    entries = [(f"some/where/{name}", content) for name, content in mirror.entries("1001")]
+    entries = [(f"some/where/{name}", content) for name, content in good_files("1001")]
     mirror.publish("1001", entries)
     assert gateway.run_once() == published("1001")
     assert gateway.listing() == snapshot_listing("1001", "1001")
@@ -185,7 +186,7 @@ def test_announcement_of_another_archive_format_is_refused(gateway, mirror):
 
 
 def test_upper_case_digests_match(gateway, mirror):
-    entries = mirror.entries("1001")
+    entries = good_files("1001")
     entries[2] = (entries[2][0], entries[2][1].upper().replace(b"ANTIVIR-V2.DEF", b"antivir-v2.def"))
     mirror.publish("1001", entries)
     ini = mirror.path("antivir-v2-c-1001.ini")
@@ -196,7 +197,7 @@ def test_upper_case_digests_match(gateway, mirror):
 
 def test_peak_memory_stays_flat(gateway, mirror, tmp_path):
     """250 MB of definitions, as a CAB; the peak resident size is told by time(1)."""
-    names = archives.definition_names()
+    names = definition_names()
     block = os.urandom(1 << 20)
     for name in names:
         with open(tmp_path / name, "wb") as out:

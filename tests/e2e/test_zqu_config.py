@@ -13,7 +13,8 @@ from datetime import datetime, timedelta
 
 import pytest
 import trustme
-from machines import BUILD, REPOSITORY, SANITIZED, Gateway, may_mount, wait_for
+from builds import REPOSITORY
+from gateway import BUILD, SANITIZED, SETTINGS, Gateway, may_mount, wait_for
 from mirror_tool import measured
 from scripted_server import ScriptedServer, flood, head, reply
 
@@ -21,21 +22,8 @@ TOOL = BUILD / "zqu-config"
 DEFAULT_CONFIG = "/usr/local/zelgw/opt/av/quorin/etc/zel_quorin_updater.conf"
 CALLER = pwd.getpwuid(os.geteuid()).pw_name
 AS_ROOT = os.geteuid() == 0
-TEXTS = ("mirror_base_url", "mirror_subdir", "flavor", "ca_path", "engine_version", "def_root", "status_path")
-NUMBERS = ("poll_interval_s", "poll_jitter_s", "retained_snapshots", "http_timeout_s")
-DEFAULTS = {
-    "mirror_base_url": "https://definitions.zelgw.example",
-    "mirror_subdir": "rhex/deffiles/def5-2",
-    "flavor": "v2",
-    "ca_path": "",
-    "engine_version": "",
-    "def_root": "/usr/local/zelgw/opt/av/quorin/defs",
-    "status_path": "/usr/local/zelgw/opt/av/quorin/defs/manifest/status.json",
-    "poll_interval_s": 900,
-    "poll_jitter_s": 120,
-    "retained_snapshots": 3,
-    "http_timeout_s": 300,
-}
+TEXTS = tuple(key for key, value in SETTINGS.items() if isinstance(value, str))
+NUMBERS = tuple(key for key in SETTINGS if key not in TEXTS)
 needs_root = pytest.mark.skipif(not AS_ROOT, reason="takes on another user")
 needs_mounts = pytest.mark.skipif(not may_mount(), reason="mounts files over the system's")
 
@@ -347,7 +335,7 @@ def test_no_pause_at_all_is_told(place):
 def test_mirror_that_is_not_set_is_told(place):
     del place.base["mirror_base_url"]
     place.write()
-    place.expect(f" note: mirror_base_url: not set: the default is asked, {DEFAULTS['mirror_base_url']}")
+    place.expect(f" note: mirror_base_url: not set: the default is asked, {SETTINGS['mirror_base_url']}")
 
 
 # ---- The file itself ----
@@ -445,12 +433,12 @@ def test_link_in_service_is_fine(place):
 
 
 def test_status_left_behind_by_a_moved_root_is_told(place):
-    place.write(f"def_root = {place.root}\nstatus_path = {DEFAULTS['def_root']}/x/../active.json\n")
+    place.write(f"def_root = {place.root}\nstatus_path = {SETTINGS['def_root']}/x/../active.json\n")
     status, text, _ = run("check", "--user", CALLER, place.path)
-    assert f'{place.path}:2: warning: status_path: "{DEFAULTS["def_root"]}/x/../active.json" does not follow' in text
+    assert f'{place.path}:2: warning: status_path: "{SETTINGS["def_root"]}/x/../active.json" does not follow' in text
     place.write(f"def_root = {place.root}\nmirror_base_url = https://mirror.example\n", base=False)
     status, text, _ = run("check", "--user", CALLER, place.path)
-    left = f'status_path: "{DEFAULTS["status_path"]}" does not follow def_root, which is elsewhere'
+    left = f'status_path: "{SETTINGS["status_path"]}" does not follow def_root, which is elsewhere'
     assert f"{place.path}:1: warning: {left}\n" in text
 
 
@@ -754,12 +742,12 @@ def nasty_file(chooser, may_end=True):
 
 def model(content):
     """The settings with their lines as the rules say, told in Python; or the line whose number ends the daemon."""
-    settings = {key: (value, None) for key, value in DEFAULTS.items()}
+    settings = {key: (value, None) for key, value in SETTINGS.items()}
     for number, line in enumerate(content.split(b"\n"), 1):
         line = line.strip(b" \t\n\v\f\r")
         key, equals, value = (part.strip(b" \t\n\v\f\r") for part in line.partition(b"="))
         key = key.decode(errors="replace")
-        if not equals or line.startswith(b"#") or key not in DEFAULTS:
+        if not equals or line.startswith(b"#") or key not in SETTINGS:
             continue
         if key in TEXTS:
             settings[key] = (re.sub("\ufffd+", "\ufffd", value.decode(errors="replace")), number)
@@ -982,7 +970,7 @@ def test_what_the_service_unit_forbids_is_told_for_the_default_file(place):
         ]
 
     needs = "can be written by the service only with a drop-in of its unit: ReadWritePaths="
-    default = DEFAULTS["def_root"]
+    default = SETTINGS["def_root"]
     assert findings(f"def_root = {default}/more", f"status_path = {default}/status.json", "ca_path = /etc/ca.pem") == []
     assert findings("def_root = /srv/defs", "status_path = /srv/defs/status.json") == [
         (1, "note", f'def_root: "/srv/defs" {needs}/srv/defs')
@@ -1010,14 +998,14 @@ def test_sample_configuration_has_every_default_and_nothing_to_find(tmp_path):
     findings = json.loads(run("check", "--json", "--user", CALLER, path)[1])["findings"]
     about_paths = ("def_root: ", "status_path: ", "user ")  # of this machine
     assert [finding["text"] for finding in findings if not finding["text"].startswith(about_paths)] == [
-        f"mirror_base_url: not set: the default is asked, {DEFAULTS['mirror_base_url']}"
+        f"mirror_base_url: not set: the default is asked, {SETTINGS['mirror_base_url']}"
     ]
     path.write_text(re.sub(r"(?m)^#(?=\S)", "", sample))
     shown = json.loads(run("show", "--json", path)[1])["settings"]
     path.write_text("")
     defaults = json.loads(run("show", "--json", path)[1])["settings"]
-    assert {key: entry["value"] for key, entry in defaults.items()} == DEFAULTS
-    assert {key: entry["value"] for key, entry in shown.items()} == DEFAULTS
+    assert {key: entry["value"] for key, entry in defaults.items()} == SETTINGS
+    assert {key: entry["value"] for key, entry in shown.items()} == SETTINGS
     assert all(entry["line"] for entry in shown.values())
 
 

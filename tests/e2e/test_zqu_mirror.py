@@ -17,21 +17,11 @@ from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
-from machines import DAEMON, REPOSITORY
-from mirror_tool import (
-    SUBDIR,
-    TOOL,
-    WORK,
-    Setting,
-    Stopped,
-    noise,
-    release_files,
-    run,
-    shown_on_terminal,
-    tree,
-    under_strace,
-)
-from mirrors import sha256
+from builds import REPOSITORY
+from gateway import DAEMON
+from mirror_tool import SUBDIR, TOOL, WORK, Setting, Stopped, noise, release_files, run, shown_on_terminal, under_strace
+from outcomes import tree
+from release import sha256
 
 CAB_CAPACITY = 65535 * 32768
 NAME_RULE = "may hold only letters, digits and -._~!$&'()*+,;:@ (clients could not fetch it otherwise)"
@@ -73,14 +63,14 @@ def test_a_release_is_written_whole_and_readable_by_everybody(mirror_tool_place,
     archive = f"antivir-v2-c-20240131.007.{extension}"
     data = (place.dir / archive).read_bytes()
     assert result == (0, f"published 20240131.007: {archive}, {len(data)} bytes, SHA-256 {sha256(data)}\n", "")
-    assert tree(place.mirror) == {
-        ".": ("0o755", None),
-        "rhex": ("0o755", None),
-        "rhex/deffiles": ("0o755", None),
-        "rhex/deffiles/def5-2": ("0o755", None),
-        f"{SUBDIR}/antivir-v2-hit.ini": ("0o644", b"[Current]\ndefId = 20240131.007\n"),
+    assert tree(place.mirror, modes=True) == {
+        ".": ("40755", None),
+        "rhex": ("40755", None),
+        "rhex/deffiles": ("40755", None),
+        "rhex/deffiles/def5-2": ("40755", None),
+        f"{SUBDIR}/antivir-v2-hit.ini": ("100644", b"[Current]\ndefId = 20240131.007\n"),
         f"{SUBDIR}/antivir-v2-c-20240131.007.ini": (
-            "0o644",
+            "100644",
             (
                 "def.Current.defId = 20240131.007\n"
                 f"def.Current.name = {archive}\n"
@@ -88,7 +78,7 @@ def test_a_release_is_written_whole_and_readable_by_everybody(mirror_tool_place,
                 f"def.Current.size = {len(data)}\n"
             ).encode(),
         ),
-        f"{SUBDIR}/{archive}": ("0o644", data),
+        f"{SUBDIR}/{archive}": ("100644", data),
     }
     assert place.check() == (0, clean_check("20240131.007", archive, data), "")
 
@@ -205,7 +195,7 @@ def test_a_mirror_folder_of_any_name_is_served(mirror_tool_place):
 def test_the_same_release_again_succeeds_and_goes_back_to_it(mirror_tool_place):
     place = mirror_tool_place
     assert place.publish("1")[0] == 0
-    first = tree(place.mirror)
+    first = tree(place.mirror, modes=True)
     place.publish_old()
     assert place.check()[1].startswith("ok       antivir-v2-hit.ini names old\n")
     data = (place.dir / "antivir-v2-c-1.cab").read_bytes()
@@ -217,7 +207,7 @@ def test_the_same_release_again_succeeds_and_goes_back_to_it(mirror_tool_place):
     )
     assert place.publish("1") == again
     assert place.publish("1", "--zip") == again
-    assert {name: entry for name, entry in tree(place.mirror).items() if "-c-old." not in name} == first
+    assert {name: entry for name, entry in tree(place.mirror, modes=True).items() if "-c-old." not in name} == first
 
 
 @pytest.mark.parametrize("time, shown", [(0, "02.01.1980 00:00:00"), (5_000_000_000, "31.12.2107 00:00:00")])
@@ -340,13 +330,13 @@ def test_what_is_no_regular_file_is_refused_and_the_mirror_is_untouched(mirror_t
 def test_an_unreadable_file_is_refused_and_the_mirror_is_untouched(mirror_tool_place, call, error, line):
     place = mirror_tool_place
     place.publish_old()
-    before = tree(place.mirror)
+    before = tree(place.mirror, modes=True)
     assert traced(place, "new", f"inject={call}:error={error}:when=1", [place.aivsecon]) == (
         1,
         "",
         f"zqu-mirror: {line.format(place.aivsecon)}\n",
     )
-    assert tree(place.mirror) == before
+    assert tree(place.mirror, modes=True) == before
 
 
 def test_a_mirror_that_is_a_file_is_refused(mirror_tool_place):
@@ -438,7 +428,7 @@ def without_zip_leaks(place):
 
 def require_each_limit_refused(place, limits, publish):
     """Publishes under growing limits: each failure must be one line and leave no trace, and at last one succeeds."""
-    before = tree(place.mirror)
+    before = tree(place.mirror, modes=True)
     lines = set()
     for limit in limits:
         code, out, err = publish(limit)
@@ -447,7 +437,7 @@ def require_each_limit_refused(place, limits, publish):
             return lines
         assert (code, out) == (1, "")
         assert re.fullmatch(r"zqu-mirror: [^\n]*(No space left on device|File too large)[^\n]*\n", err)
-        assert tree(place.mirror) == before
+        assert tree(place.mirror, modes=True) == before
         lines.add(err)
     pytest.fail("no limit was wide enough")
 
@@ -545,7 +535,7 @@ def copy_of(mirror, name):
 def test_a_failed_publish_undoes_its_work_before_it_gives_up_the_lock(mirror_tool_place):
     place = mirror_tool_place
     place.publish_old()
-    before = tree(place.mirror)
+    before = tree(place.mirror, modes=True)
     log = place.base / "calls"
     paths = touched_paths(place.mirror)
     # The third rename is the hit INI's, and fails; -e is given twice, for what is shown and for what is done.
@@ -556,7 +546,7 @@ def test_a_failed_publish_undoes_its_work_before_it_gives_up_the_lock(mirror_too
     command += [TOOL, "publish", "--id", "new", place.mirror, place.antivir, place.aivsecon]
     done = subprocess.run(command, env=under_strace(), capture_output=True, timeout=120)
     assert done.returncode == 1
-    assert tree(place.mirror) == before
+    assert tree(place.mirror, modes=True) == before
     calls = log.read_text().splitlines()
     locked = next(line.split("(")[1].split("<")[0] for line in calls if line.startswith("flock("))
     lock_at = next(i for i, line in enumerate(calls) if line.startswith("flock("))
@@ -571,18 +561,18 @@ def test_a_kill_at_any_system_call_leaves_a_whole_release_and_the_next_publish_c
     place.publish_old()
     reference = copy_of(place.mirror, "reference")
     calls = calls_made(place, reference)
-    new = tree(reference)
+    new = tree(reference, modes=True)
     assert {"mkdir", "openat", "write", "fsync", "rename", "rmdir"} <= set(calls)
     names_after = {}  # what a client finds on a mirror and the next publish heals, by the mirror's whole content
 
     def heal(mirror):
         """Checks and heals what a kill has left, unless another kill has left just the same; returns the release."""
-        left = frozenset(tree(mirror).items())
+        left = frozenset(tree(mirror, modes=True).items())
         if left not in names_after:
             code, out, err = place.check(mirror=mirror)
             assert (code, err) == (0, "")
             assert place.publish("new", mirror=mirror)[0] == 0
-            assert tree(mirror) == new
+            assert tree(mirror, modes=True) == new
             names_after[left] = re.match("ok       antivir-v2-hit.ini names (old|new)\n", out).group(1)
         return names_after[left]
 
@@ -598,7 +588,7 @@ def test_a_kill_at_any_system_call_leaves_a_whole_release_and_the_next_publish_c
                 mirror=mirror,
             )[0]
             if code == 0:
-                assert tree(mirror) == new
+                assert tree(mirror, modes=True) == new
                 return call, outcomes
             assert code == -signal.SIGKILL
             outcomes.append(heal(mirror))
@@ -615,17 +605,17 @@ def test_a_kill_at_any_system_call_leaves_a_whole_release_and_the_next_publish_c
 def test_no_room_at_any_system_call_leaves_the_mirror_untouched(mirror_tool_place, call):
     place = mirror_tool_place
     place.publish_old()
-    old = tree(place.mirror)
+    old = tree(place.mirror, modes=True)
     reference = copy_of(place.mirror, "reference")
     count = calls_made(place, reference)[call]
-    new = tree(reference)
+    new = tree(reference, modes=True)
 
     def fail_at(number):
         mirror = copy_of(place.mirror, f"copy-{number}")
         code, out, err = traced(
             place, "new", f"inject={call}:error=ENOSPC:when={number}", touched_paths(mirror), mirror=mirror
         )
-        left = tree(mirror)
+        left = tree(mirror, modes=True)
         shutil.rmtree(mirror)
         if code == 0:  # a call whose failure does no harm, such as the removal of a temporary
             assert {name: entry for name, entry in left.items() if WORK not in name} == new
@@ -675,12 +665,12 @@ def test_a_signal_ends_the_run_and_the_mirror_is_untouched(mirror_tool_place, nu
     place = mirror_tool_place
     for prepare in (lambda: None, place.publish_old):
         prepare()
-        before = tree(place.mirror)
+        before = tree(place.mirror, modes=True)
         with Stopped(place, place.dir / WORK / where) as stopped:
             assert WORK in release_files(place.mirror)
             stopped.signal(number)
             assert stopped.finish() == (128 + number, "", f"zqu-mirror: ended by signal: {words}\n")
-        assert tree(place.mirror) == before
+        assert tree(place.mirror, modes=True) == before
 
 
 def test_a_second_publish_is_refused_while_the_first_is_at_work(mirror_tool_place):
@@ -722,21 +712,21 @@ def rewrite_in_secret(path):
 def test_a_file_that_changes_while_it_is_read_is_refused_and_the_mirror_is_untouched(mirror_tool_place, change):
     place = mirror_tool_place
     place.publish_old()
-    before = tree(place.mirror)
+    before = tree(place.mirror, modes=True)
     with Stopped(place, place.dir / WORK / "archive") as stopped:
         change(place.antivir)
         assert stopped.finish() == (1, "", f"zqu-mirror: {place.antivir} changed while it was read\n")
-    assert tree(place.mirror) == before
+    assert tree(place.mirror, modes=True) == before
 
 
 def test_a_file_that_changes_with_its_time_put_back_is_refused_and_the_mirror_is_untouched(mirror_tool_place):
     place = mirror_tool_place
     place.publish_old()
-    before = tree(place.mirror)
+    before = tree(place.mirror, modes=True)
     with Stopped(place, place.dir / WORK / "archive") as stopped:
         rewrite_in_secret(place.antivir)
         assert stopped.finish() == (1, "", "zqu-mirror: the archive does not hold what was read\n")
-    assert tree(place.mirror) == before
+    assert tree(place.mirror, modes=True) == before
 
 
 def test_progress_is_shown_on_a_terminal_and_cleared(mirror_tool_place):

@@ -3,7 +3,7 @@
 import subprocess
 
 import pytest
-from machines import REPOSITORY
+from builds import REPOSITORY
 
 SCRIPT = REPOSITORY / "packaging" / "bash-completion" / "zqu-mirror"
 ASK = """

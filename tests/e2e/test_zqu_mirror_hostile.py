@@ -15,10 +15,10 @@ import tempfile
 import zlib
 
 import pytest
-from machines import SANITIZED, wait_for
+from gateway import SANITIZED, wait_for
 from mirror_tool import SUBDIR, TOOL, WORK, measured, run, shown_on_terminal
-from mirrors import sha256
 from raw_archives import LINK, Entry, deflated, release, zip_bytes, zip_local
+from release import sha256
 from scripted_server import ScriptedServer, finish, flood, head, reply
 
 INDEX, FIRST, SECOND = (entry.name.decode() for entry in release("new"))

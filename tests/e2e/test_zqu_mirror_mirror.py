@@ -9,9 +9,10 @@ from concurrent.futures import ThreadPoolExecutor
 
 import archives
 import pytest
-from machines import Gateway, published
-from mirror_tool import SUBDIR, TOOL, WORK, Setting, Stopped, release_files, run, tree, under_strace
-from mirrors import index_of, sha256
+from gateway import Gateway
+from mirror_tool import SUBDIR, TOOL, WORK, Setting, Stopped, release_files, run, under_strace
+from outcomes import published, tree
+from release import definitions, good_files, index_of, sha256
 from scripted_server import ScriptedServer, stall
 
 HIT = "antivir-v2-hit.ini"
@@ -54,14 +55,14 @@ class Place(Setting):
     def files(self, *ids):
         """The whole mirror that holds these releases of the upstream's, the last of them current."""
         names = [name for id in ids for name in (info(id), cab(id))]
-        content = {name: ("0o644", self.upstream.path(name).read_bytes()) for name in names}
-        hit = ("0o644", f"[Current]\ndefId = {ids[-1]}\n".encode())
-        return {".": ("0o755", None), **content, HIT: hit}
+        content = {name: ("100644", self.upstream.path(name).read_bytes()) for name in names}
+        hit = ("100644", f"[Current]\ndefId = {ids[-1]}\n".encode())
+        return {".": ("40755", None), **content, HIT: hit}
 
     def expect_refused(self, line):
-        before = tree(self.mirror), file_times(self.mirror)
+        before = tree(self.mirror, modes=True), file_times(self.mirror)
         assert self.copy() == (1, "", f"zqu-mirror: {line}\n")
-        assert (tree(self.mirror), file_times(self.mirror)) == before
+        assert (tree(self.mirror, modes=True), file_times(self.mirror)) == before
 
 
 @pytest.fixture
@@ -75,7 +76,7 @@ def place(tmp_path, nginx, mirror):
 def test_the_copy_is_the_upstreams_to_the_byte_and_passes_the_check(place):
     place.upstream.publish("1001")
     assert place.copy(umask=0o077) == place.done("1001")
-    assert tree(place.dir) == place.files("1001")
+    assert tree(place.dir, modes=True) == place.files("1001")
     code, out, err = place.check()
     assert (code, err) == (0, "")
     assert out.startswith(f"ok       {HIT} names 1001\nok       {info('1001')} names {cab('1001')}\n")
@@ -85,27 +86,30 @@ def test_the_next_release_follows_and_the_former_one_stays(place):
     for id in ("1001", "1002"):
         place.upstream.publish(id)
         assert place.copy() == place.done(id)
-    assert tree(place.dir) == place.files("1001", "1002")
+    assert tree(place.dir, modes=True) == place.files("1001", "1002")
     assert (place.dir / info("1001")).stat().st_mtime_ns == (place.dir / HIT).stat().st_mtime_ns  # as prune expects
 
 
 def test_nothing_new_is_a_success_that_changes_nothing_and_asks_twice(place):
     place.upstream.publish("1001")
     assert place.copy()[0] == 0
-    before = tree(place.mirror), {path: path.stat().st_mtime_ns for path in place.mirror.rglob("*")}
+    before = tree(place.mirror, modes=True), {path: path.stat().st_mtime_ns for path in place.mirror.rglob("*")}
     asked = [f"{HIT} 200", f"{info('1001')} 200"]
     assert place.copy() == (0, "nothing new: 1001 is current\n", "")
-    assert (tree(place.mirror), {path: path.stat().st_mtime_ns for path in place.mirror.rglob("*")}) == before
+    assert (
+        tree(place.mirror, modes=True),
+        {path: path.stat().st_mtime_ns for path in place.mirror.rglob("*")},
+    ) == before
     assert place.nginx.requests(place.upstream.subdir, 5) == [*asked, f"{cab('1001')} 200", *asked]
 
 
 def test_an_ini_that_only_looks_different_is_nothing_new(place):
     place.upstream.publish("1001")
     assert place.copy()[0] == 0
-    before = tree(place.mirror)
+    before = tree(place.mirror, modes=True)
     place.upstream.write(info("1001"), place.upstream.path(info("1001")).read_text() + "; a remark\n")
     assert place.copy() == (0, "nothing new: 1001 is current\n", "")
-    assert tree(place.mirror) == before
+    assert tree(place.mirror, modes=True) == before
 
 
 def test_an_upstream_that_goes_back_is_followed_without_a_download(place):
@@ -114,7 +118,7 @@ def test_an_upstream_that_goes_back_is_followed_without_a_download(place):
         assert place.copy()[0] == 0
     place.upstream.write(HIT, "[Current]\r\ndefId=1001\r\n")
     assert place.copy() == place.done("1001", did="made current again")
-    assert tree(place.dir) == place.files("1002", "1001")
+    assert tree(place.dir, modes=True) == place.files("1002", "1001")
     asked = [line for line in place.nginx.requests(place.upstream.subdir, 8) if ".cab" in line]
     assert asked == [f"{cab('1001')} 200", f"{cab('1002')} 200"]
 
@@ -142,7 +146,7 @@ def test_a_folder_is_an_upstream_too(place):
     code, out, err = run("mirror", f"file://{upstream}", place.mirror)
     assert (code, err) == (0, "")
     assert out.startswith("mirrored 7: antivir-v2-c-7.zip, ")
-    assert tree(place.mirror) == tree(upstream)
+    assert tree(place.mirror, modes=True) == tree(upstream, modes=True)
 
 
 def test_the_daemon_updates_from_the_copy(place, tmp_path):
@@ -154,7 +158,7 @@ def test_the_daemon_updates_from_the_copy(place, tmp_path):
         assert run(*place.words(mirror=place.nginx.root / f"copy-{tmp_path.name}"))[0] == 0
         assert gateway.run_once() == published(id, former)
         gateway.expect_status(id)
-        assert gateway.active_files() == dict(place.upstream.entries(id)[:2])
+        assert gateway.active_files() == definitions(id)
         former = id
 
 
@@ -184,7 +188,7 @@ def cut_archive(place):
 
 
 def damage_definition(place):
-    entries = {**dict(place.upstream.entries("1002")), "aivsecon-v2.def": b"other"}
+    entries = {**dict(good_files("1002")), "aivsecon-v2.def": b"other"}
     place.upstream.publish("1002", list(entries.items()))
 
 
@@ -255,7 +259,7 @@ def test_what_a_client_would_refuse_or_no_name_may_be_leaves_the_mirror_untouche
 
 
 def test_what_the_index_does_not_name_is_accepted_as_the_daemon_accepts_it(place):
-    entries = place.upstream.entries("1001")
+    entries = good_files("1001")
     place.upstream.publish("1001", [entries[0], entries[1], index_of([entries[0]])])
     assert place.copy() == place.done("1001")
 
@@ -272,7 +276,7 @@ def test_an_id_that_is_here_with_other_content_is_refused(place):
 def test_an_id_that_gets_other_content_upstream_is_refused(place):
     place.upstream.publish("1001")
     assert place.copy()[0] == 0
-    place.upstream.publish("1001", place.upstream.entries("other"))
+    place.upstream.publish("1001", good_files("other"))
     place.expect_refused("1001 is on the mirror with other content: an id never gets other content")
 
 
@@ -288,7 +292,7 @@ def test_an_id_that_is_here_damaged_is_refused(place):
 def test_an_archive_name_that_another_release_has_here_is_refused(place):
     place.upstream.publish("1001")
     assert place.copy()[0] == 0
-    archives.write_cab(place.upstream.path(cab("1001")), place.upstream.entries("1002"))
+    archives.write_cab(place.upstream.path(cab("1001")), good_files("1002"))
     place.upstream.announce("1002", cab("1001"))
     place.expect_refused(f"{cab('1001')} is on the mirror with other content, and {info('1001')} names it")
 
@@ -298,7 +302,7 @@ def test_an_archive_that_a_killed_run_has_left_is_replaced(place):
     place.dir.mkdir(parents=True)
     (place.dir / cab("1001")).write_bytes(b"left behind")
     assert place.copy() == place.done("1001")
-    assert tree(place.dir) == place.files("1001")
+    assert tree(place.dir, modes=True) == place.files("1001")
 
 
 # Takes the right to pass over permissions from a run as root.
@@ -371,11 +375,11 @@ def test_a_run_beside_a_publish_is_refused(place):
 def test_a_signal_ends_the_run_and_the_mirror_is_untouched(place, number, words, where):
     place.publish_old()
     place.upstream.publish("1001")
-    before = tree(place.mirror)
+    before = tree(place.mirror, modes=True)
     with Stopped(place, place.dir / WORK / where, tool_args=place.words()) as stopped:
         stopped.signal(number)
         assert stopped.finish() == (128 + number, "", f"zqu-mirror: ended by signal: {words}\n")
-    assert tree(place.mirror) == before
+    assert tree(place.mirror, modes=True) == before
 
 
 def traced(place, mirror, *injection, log="/dev/null"):
@@ -428,9 +432,9 @@ def test_a_kill_before_any_step_leaves_a_whole_release_and_the_next_run_cleans_u
         assert place.check(mirror=mirror)[0] == 0
         assert run(*place.words(mirror=mirror))[0] == 0
         assert place.check(mirror=mirror)[0] == 0
-        left = tree(mirror)
+        left = tree(mirror, modes=True)
         left.pop(f"{SUBDIR}/{WORK}", None)
-        assert {name: found for name, found in left.items() if WORK not in name} == tree(reference)
+        assert {name: found for name, found in left.items() if WORK not in name} == tree(reference, modes=True)
 
     with ThreadPoolExecutor(4) as pool:
         list(pool.map(kill, points))
@@ -440,7 +444,7 @@ def test_no_room_at_any_step_leaves_the_mirror_untouched(place):
     place.publish_old()
     place.upstream.publish("1001")
     fresh = copies(place)
-    before = tree(place.mirror)
+    before = tree(place.mirror, modes=True)
     counts = count_calls(place, ["mkdir", "rename", "fsync", "write"], reference := next(fresh))
     points = [(call, number, next(fresh)) for call in counts for number in range(1, counts[call] + 1)]
 
@@ -448,11 +452,11 @@ def test_no_room_at_any_step_leaves_the_mirror_untouched(place):
         call, number, mirror = point
         code, out, err = traced(place, mirror, "-e", f"inject={call}:error=ENOSPC:when={number}")
         if err.startswith("zqu-mirror: 1001 is published, but a power cut might undo that: "):
-            assert tree(mirror) == tree(reference)
+            assert tree(mirror, modes=True) == tree(reference, modes=True)
         else:
             assert (code, out) == (1, "")
             assert re.fullmatch("(zqu-mirror: [^\n]+\n){1,2}", err)
-            assert tree(mirror) == before
+            assert tree(mirror, modes=True) == before
         return code
 
     with ThreadPoolExecutor(4) as pool:

@@ -10,8 +10,9 @@ import time
 from concurrent.futures import ThreadPoolExecutor
 
 import pytest
-from machines import DAEMON, Gateway, published
-from mirror_tool import SUBDIR, TOOL, WORK, Setting, Stopped, release_files, run, tree, under_strace
+from gateway import DAEMON, Gateway
+from mirror_tool import SUBDIR, TOOL, WORK, Setting, Stopped, release_files, run, under_strace
+from outcomes import published, tree
 
 DAY = 86400
 HIT = "antivir-v2-hit.ini"
@@ -63,9 +64,9 @@ class Place(Setting):
         return sorted([*names, *(f"antivir-{flavor}-hit.ini" for flavor in flavors)])
 
     def expect_untouched(self, line, *words):
-        before = tree(self.mirror)
+        before = tree(self.mirror, modes=True)
         assert self.prune(*words) == (1, "", f"zqu-mirror: {line}\n")
-        assert tree(self.mirror) == before
+        assert tree(self.mirror, modes=True) == before
 
 
 @pytest.fixture
@@ -102,9 +103,9 @@ def test_what_no_rule_spares_goes_oldest_first(place, rules, doomed):
     place.history(41, 31, 21, 11, 1)
     size = place.size(*(name for id in doomed for name in (info(id), cab(id))))
     would, did = (total(len(doomed), 0, size, verb) for verb in ("would be removed in all", "removed in all"))
-    before = tree(place.mirror)
+    before = tree(place.mirror, modes=True)
     assert place.prune(*rules, "--dry-run") == (0, place.gone(*doomed, did="would remove") + would, "")
-    assert tree(place.mirror) == before
+    assert tree(place.mirror, modes=True) == before
     lines = place.gone(*doomed)
     assert place.prune(*rules) == (0, lines + did, "")
     assert release_files(place.mirror) == place.of(*(id for id in "12345" if id not in doomed))

@@ -15,7 +15,9 @@ from concurrent.futures import ThreadPoolExecutor
 from datetime import datetime, timezone
 
 import pytest
-from machines import BUILD, REPOSITORY, may_mount, wait_for
+from builds import REPOSITORY
+from gateway import BUILD, may_mount, wait_for
+from release import good_files
 
 TOOL = BUILD / "zqu-status"
 HEADER = (REPOSITORY / "tools" / "zqu_status" / "findings.hpp").read_text()
@@ -912,7 +914,7 @@ def real_failures():
         watched.mirror.announce("1002", "x.cab")
 
     def wrong_digest(watched):
-        entries = watched.mirror.entries("1002")
+        entries = good_files("1002")
         announce(watched, [(FIRST, b"other"), *entries[1:]])
 
     def no_publication(watched):
@@ -929,7 +931,7 @@ def real_failures():
         "CAB sha256 mismatch": (damage, "The archive is not the one"),
         "CAB extract": (no_cab, "The archive could not be unpacked"),
         f"CAB missing {SECOND}": (
-            lambda w: announce(w, w.mirror.entries("1002")[::2]),
+            lambda w: announce(w, good_files("1002")[::2]),
             "The archive lacks this definition file",
         ),
         f"sha256 mismatch {FIRST}": (wrong_digest, "This definition file is not the one"),

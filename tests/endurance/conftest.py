@@ -1,7 +1,7 @@
 """An nginx of the test's own, which it may stop, start and give other certificates."""
 
 import pytest
-from machines import Gateway
+from gateway import Gateway
 from mirrors import Mirror, Nginx
 
 

@@ -6,9 +6,10 @@ import re
 import signal
 
 import pytest
-from archives import definition_names
-from machines import SANITIZED, STARTED, STOPPED, published, snapshot_listing
+from gateway import SANITIZED, STARTED, STOPPED
+from outcomes import published, snapshot_listing
 from paced import EPOCH, SLICE, PacedDaemon, cycles_of, jitter
+from release import definition_names, good_files
 
 INTERVAL, JITTER = 9, 5
 RETAINED = 3
@@ -113,11 +114,11 @@ class Run:
         self.refused("CAB extract", before=[f"err extract: cannot open {path}: Unrecognized archive format"])
 
     def definition_missing(self):
-        self.mirror.publish(self.next_version, self.mirror.entries(self.next_version)[1:])
+        self.mirror.publish(self.next_version, good_files(self.next_version)[1:])
         self.refused(f"CAB missing {ANTIVIR}")
 
     def definition_tampered(self):
-        entries = self.mirror.entries(self.next_version)
+        entries = good_files(self.next_version)
         entries[1] = (AIVSECON, b"tampered")
         self.mirror.publish(self.next_version, entries)
         self.refused(f"sha256 mismatch {AIVSECON}")

@@ -10,9 +10,10 @@ import textwrap
 from collections import namedtuple
 
 import pytest
-from archives import definition_names
-from machines import DAEMON, REPOSITORY, SANITIZED, Gateway, in_own_dev, may_mount, wait_for
+from builds import REPOSITORY
+from gateway import DAEMON, SANITIZED, Gateway, in_own_dev, may_mount, wait_for
 from mirrors import Mirror
+from release import definition_names, good_files
 
 RSYSLOG = shutil.which("rsyslogd", path=f"{os.environ['PATH']}:/usr/sbin")
 ANTIVIR, AIVSECON = definition_names()
@@ -169,7 +170,7 @@ class Runs:
 
         def entries(change):
             def publish(mirror):
-                files = mirror.entries("1001")
+                files = good_files("1001")
                 change(files)
                 mirror.publish("1001", files)
 

@@ -11,7 +11,8 @@ from collections import Counter, namedtuple
 from signal import SIGINT, SIGTERM
 
 import pytest
-from machines import STARTED, STOPPED, Gateway, published, snapshot_listing
+from gateway import STARTED, STOPPED, Gateway
+from outcomes import published, snapshot_listing
 from paced import EPOCH, SLICE, PacedDaemon, cycles_of, jitter, roles
 
 INTERVAL, JITTER = 2, 3

@@ -7,9 +7,21 @@ directory finds no memory. Whatever it is, the snapshot in service is whole, and
 import signal
 
 import pytest
-from faults import FORMER, NEW, OLD, Scene
-from machines import APART, SANITIZED, may_mount, published
-from outcomes import DONE, UNDONE, UNSWEPT_INDEX, Outcome, is_failed_transfer, outcome_of, refused, snapshot
+from faults import (
+    DONE,
+    FORMER,
+    NEW,
+    OLD,
+    UNDONE,
+    UNSWEPT_INDEX,
+    Scene,
+    is_failed_transfer,
+    outcome_of,
+    refused,
+    snapshot,
+)
+from gateway import APART, SANITIZED, may_mount
+from outcomes import Outcome, published
 
 pytestmark = pytest.mark.skipif(SANITIZED, reason="the sanitizers bring their own allocation")
 CAB = f"snapshots/{NEW}/antivir-v2-{NEW}.cab"

@@ -4,12 +4,14 @@ the table below tells, and one clean run heals it."""
 import re
 
 import pytest
-from faults import FORMER, NEW, OLD, Scene
-from machines import published
-from outcomes import (
+from faults import (
     DONE,
+    FORMER,
+    NEW,
+    OLD,
     STAGED,
     UNSWEPT_INDEX,
+    Scene,
     aborted,
     good,
     is_failed_transfer,
@@ -19,6 +21,7 @@ from outcomes import (
     unflushed,
     unpublished,
 )
+from outcomes import published
 
 ERRORS = ("ENOSPC", "EIO", "EACCES", "EMFILE", "EINTR", "EROFS", "EDQUOT")
 # These cannot fail, or for want of memory only, which the tests of allocations see to.

@@ -6,9 +6,9 @@ import errno
 import signal
 
 import pytest
-from faults import FORMER, NEW, Scene
-from machines import SANITIZED, published
-from outcomes import DONE, STAGED, UNDONE, Outcome, good, outcome_of, refused, unflushed, unpublished
+from faults import DONE, FORMER, NEW, STAGED, UNDONE, Scene, good, outcome_of, refused, unflushed, unpublished
+from gateway import SANITIZED
+from outcomes import Outcome, published
 
 STAGE = f"defs/snapshots/{NEW}"
 CAB = f"{STAGE}/antivir-v2-{NEW}.cab"

@@ -3,12 +3,11 @@
 import signal
 import subprocess
 
-import archives
 import pytest
-from faults import FORMER, NEW, Scene
-from machines import may_mount, published
-from mirrors import index_of
-from outcomes import good, outcome_of, refused
+from faults import FORMER, NEW, Scene, good, outcome_of, refused
+from gateway import may_mount
+from outcomes import published
+from release import definition_names, definitions, index_of
 
 BLOCK = 4096
 CAB = f"defs/snapshots/{NEW}/antivir-v2-{NEW}.cab"
@@ -91,7 +90,7 @@ def test_damaged_definitions_serve_on_until_the_next_release(gateway, mirror, sm
     gateway.expect_status(NEW)
     mirror.publish("1003")
     assert gateway.run_once() == published("1003", NEW)
-    assert gateway.active_files() == dict(mirror.entries("1003")[:2])
+    assert gateway.active_files() == definitions("1003")
 
 
 # Sizes of the first and the second definition file and of the index, all of which compress well; the limit on the size
@@ -110,7 +109,7 @@ def limited(gateway, mirror, where):
     """A scene with a release of the sizes given, and the limit."""
     scene = Scene(gateway, mirror)
     *sizes, comment, limit, _ = LIMITS[where]
-    files = [(name, b"x" * size) for name, size in zip(archives.definition_names(), sizes)]
+    files = [(name, b"x" * size) for name, size in zip(definition_names(), sizes)]
     name, index = index_of(files)
     mirror.publish(NEW, [*files, (name, index + b";" * comment)])
     scene.releases[NEW] = dict(files)

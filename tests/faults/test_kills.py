@@ -6,7 +6,7 @@ import signal
 
 import pytest
 from faults import FORMER, NEW, OLD, Scene
-from machines import published, snapshot_listing
+from outcomes import published, snapshot_listing
 
 LINK = "defs/active.tmp"
 

@@ -14,7 +14,7 @@ import subprocess
 
 import pytest
 from faults import NEW, Scene
-from machines import may_mount
+from gateway import may_mount
 
 EXT4_IOC_SHUTDOWN = 0x8004587D  # _IOR('X', 125, __u32)
 # What becomes of the changes to directories and inodes that are not on the disk yet: written as a last act, without the

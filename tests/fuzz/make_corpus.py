@@ -14,6 +14,7 @@ import zlib
 FUZZ = pathlib.Path(__file__).resolve().parent
 sys.path.insert(0, str(FUZZ.parent / "harness"))
 import archives  # noqa: E402  (its folder has to be known before)
+from release import definition_names  # noqa: E402
 
 DIGEST = "0123456789abcdef" * 4
 STREAMED = b"plain text\n" * 20
@@ -131,7 +132,7 @@ STATUS = {
     "json-inside": status(b"", b"", b"", b"", b'", "last_error": "", "x": {"\\u0041": [1]}'),
 }
 
-DEFINITIONS = [(name, f"{name}\n".encode() * 12) for name in archives.definition_names()]
+DEFINITIONS = [(name, f"{name}\n".encode() * 12) for name in definition_names()]
 ENTRIES = [*DEFINITIONS, ("antivir-v2.ini", f"antivir-v2.def.sha256 = {DIGEST}\n".encode())]
 
 

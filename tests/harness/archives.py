@@ -10,8 +10,8 @@ gi.require_version("GCab", "1.0")
 from gi.repository import GCab, Gio, GLib  # noqa: E402  (the version has to be required before)
 
 
-def write_cab(path, files):
-    """Writes an MSZIP-compressed CAB by libgcab; files are pairs of a name and bytes or the path of a file."""
+def _write_cab(out, files):
+    """MSZIP-compressed; files are pairs of a name and bytes or the path of a file."""
     folder = GCab.Folder.new(GCab.Compression.MSZIP)
     for name, content in files:
         if isinstance(content, bytes):
@@ -21,9 +21,20 @@ def write_cab(path, files):
         folder.add_file(file, False, None)
     cabinet = GCab.Cabinet.new()
     cabinet.add_folder(folder)
-    out = Gio.File.new_for_path(str(path)).replace(None, False, Gio.FileCreateFlags.NONE, None)
     cabinet.write_simple(out, None, None, None)
     out.close(None)
+
+
+def cab(files):
+    """A CAB by libgcab, in memory."""
+    out = Gio.MemoryOutputStream.new_resizable()
+    _write_cab(out, files)
+    return out.steal_as_bytes().get_data()
+
+
+def write_cab(path, files):
+    """A CAB by libgcab in a file, of any size."""
+    _write_cab(Gio.File.new_for_path(str(path)).replace(None, False, Gio.FileCreateFlags.NONE, None), files)
 
 
 def write_zip(path, files, compression=zipfile.ZIP_DEFLATED):
@@ -117,7 +128,3 @@ def write_cab_of_folders(path, folders):
         out.write(struct.pack("<4sIIIIIBB", b"MSCF", 0, position, 0, first_file, 0, 3, 1))
         out.write(struct.pack("<HHHHH", len(folders), count, 0, 0, 0))
         out.write(headers + entries + b"".join(block for folder in blocks for block in folder))
-
-
-def definition_names(flavor="v2"):
-    return f"antivir-{flavor}.def", f"aivsecon-{flavor}.def"

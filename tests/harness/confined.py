@@ -12,9 +12,11 @@ import subprocess
 
 import trustme
 from booted import Booted
-from machines import BUILD, ENGINE, listing
+from gateway import BUILD
+from outcomes import ENGINE, listing, status_text
+from release import HIT
 from scripted_server import SUBDIR, ScriptedServer, reply
-from trials import HIT, server_context, status_text
+from trials import server_context
 
 UNIT = "zel_quorin_updater.service"
 TIMER = "zel_quorin_updater-retry.timer"

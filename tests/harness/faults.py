@@ -9,11 +9,11 @@ import os
 import random
 import re
 import shutil
+import signal
 from dataclasses import dataclass
 
-import archives
-from machines import published, snapshot_listing
-from mirrors import index_of
+from outcomes import Outcome, published, snapshot_listing
+from release import definition_names, index_of
 
 OLD, FORMER, NEW = "1000", "1001", "1002"
 
@@ -53,7 +53,7 @@ class Scene:
         gateway.settings.update(retained_snapshots=2, mirror_base_url=base, http_timeout_s=20)
         for version in (OLD, FORMER, NEW):
             noise = random.Random(version).randbytes  # several blocks of it, which do not compress
-            files = [(name, noise(40_000)) for name in archives.definition_names()]
+            files = [(name, noise(40_000)) for name in definition_names()]
             mirror.publish(version, [index_of(files), *files] if index_first else [*files, index_of(files)])
             self.releases[version] = dict(files)
             if version != NEW:
@@ -196,3 +196,58 @@ class Scene:
         else:
             assert lines == published(NEW, before)
             assert listing == snapshot_listing(NEW, FORMER, NEW)
+
+
+# What an update comes to when something in it fails. In the log, "@" stands for the gateway's directory, and "URL" for
+# the archive's address.
+
+
+def snapshot(version):
+    return {name for name in snapshot_listing(None, version) if name != "snapshots/"}
+
+
+DONE = {*snapshot_listing(NEW, FORMER, NEW)}
+UNDONE = {*snapshot_listing(FORMER, OLD, FORMER)}
+STAGED = UNDONE | snapshot(NEW)
+UNSWEPT_INDEX = {f"snapshots/{NEW}/antivir-v2.ini"}
+
+
+def good(*warnings, former=FORMER, status=f"{NEW}/", listing=DONE):
+    return Outcome((*warnings, *published(NEW, former)), status, frozenset(listing))
+
+
+def refused(reason, *lines):
+    return Outcome((*lines, f"err run_once: staging failed: {reason}"), f"{FORMER}/{reason}", frozenset(UNDONE))
+
+
+def unpublished(line):
+    return Outcome((f"err publish: {line}",), f"{FORMER}/publish/flip failed", frozenset(STAGED))
+
+
+def aborted(*log, listing):
+    return Outcome(log, "before", frozenset(listing), -signal.SIGABRT)
+
+
+def unflushed(what):
+    return good(f"warning fsync: {what} failed")
+
+
+def outcome_of(scene, process):
+    gateway = scene.gateway
+    base = gateway.settings["mirror_base_url"]
+    lines = [re.sub(rf"{re.escape(base)}\S*/antivir-v2-{NEW}.cab\b", "URL", line) for line in gateway.take_log()]
+    lines = tuple(line.replace(str(gateway.folder), "@") for line in lines)
+    return Outcome(lines, scene.status(), frozenset(gateway.listing()), process.returncode)
+
+
+def is_failed_transfer(outcome):
+    """Whether just one transfer failed, of whichever file and for whatever reason."""
+    for file, log, status in (
+        ("hit.ini", (), f"{FORMER}/defId fetch failed"),
+        (f"c-{NEW}.ini", (), f"{FORMER}/complete-info fetch failed for {NEW}"),
+        ("", ("err run_once: staging failed: download CAB",), f"{FORMER}/download CAB"),
+    ):
+        line = rf"err GET \S+/antivir-v2-{file}: \S.*" if file else r"err download_cab URL: \S.*"
+        if outcome.log and re.fullmatch(line, outcome.log[0]):
+            return outcome == Outcome((outcome.log[0], *log), status, frozenset(UNDONE))
+    return False

@@ -4,7 +4,7 @@ import http.server
 import signal
 import sys
 
-from mirrors import sha256
+from release import sha256
 
 
 class _Handler(http.server.BaseHTTPRequestHandler):

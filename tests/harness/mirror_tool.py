@@ -4,11 +4,11 @@ import hashlib
 import os
 import pty
 import signal
-import stat
 import subprocess
 import tempfile
 
-from machines import BUILD
+from gateway import BUILD
+from outcomes import tree
 
 TOOL = BUILD / "zqu-mirror"
 SUBDIR = "rhex/deffiles/def5-2"
@@ -55,18 +55,6 @@ def noise(size, seed):
     return b"".join(blocks)[:size]
 
 
-def tree(root):
-    """Everything below root, and root: permissions and content. Empty when there is no root."""
-    paths = [root, *sorted(root.rglob("*"))] if root.exists() else []
-    return {
-        str(path.relative_to(root)): (
-            oct(stat.S_IMODE(path.stat().st_mode)),
-            path.read_bytes() if path.is_file() else None,
-        )
-        for path in paths
-    }
-
-
 def release_files(root):
     return sorted(path.name for path in (root / SUBDIR).iterdir())
 
@@ -97,9 +85,9 @@ class Setting:
         return run("check", *flags, mirror or self.mirror, **options)
 
     def require_refused(self, line, *flags, id="new", code=1, **options):
-        before = tree(self.mirror)
+        before = tree(self.mirror, modes=True)
         assert self.publish(id, *flags, **options) == (code, "", f"zqu-mirror: {line}\n")
-        assert tree(self.mirror) == before
+        assert tree(self.mirror, modes=True) == before
 
 
 class Stopped:

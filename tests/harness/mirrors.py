@@ -13,17 +13,8 @@ from datetime import datetime, timedelta
 
 import archives
 import trustme
-from machines import wait_for
-
-
-def sha256(data):
-    return hashlib.sha256(data).hexdigest()
-
-
-def index_of(files, flavor="v2"):
-    """The entry of the index that belongs to (name, bytes) entries."""
-    lines = "".join(f"{name}.sha256 = {sha256(content)}\n" for name, content in files)
-    return f"antivir-{flavor}.ini", lines.encode()
+from gateway import wait_for
+from release import Release, good_files, hit_ini, info_ini, info_name
 
 
 class Mirror:
@@ -40,38 +31,27 @@ class Mirror:
     def write(self, name, content):
         self.path(name).write_bytes(content if isinstance(content, bytes) else content.encode())
 
-    def entries(self, version, size=1000, flavor="v2"):
-        """The three files of a good release."""
-        first, second = archives.definition_names(flavor)
-        files = {name: f"{name} of {version}\n".encode() * (size // 20) for name in (first, second)}
-        return [*files.items(), index_of(files.items(), flavor)]
-
     def announce(self, version, cab, flavor="v2"):
         """Writes both INI files for an archive that lies on the mirror already."""
         digest = hashlib.sha256()
         with open(self.path(cab), "rb") as archive:
             for block in iter(lambda: archive.read(1 << 20), b""):
                 digest.update(block)
-        self.write(
-            f"antivir-{flavor}-c-{version}.ini",
-            f"[def.Current]\r\ndef.Current.defId={version}\r\ndef.Current.name={cab}\r\n"
-            f"def.Current.SHA256={digest.hexdigest()}\r\ndef.Current.size={self.path(cab).stat().st_size}\r\n",
-        )
-        self.write(f"antivir-{flavor}-hit.ini", f"[Current]\r\ndefId={version}\r\n")
+        size = self.path(cab).stat().st_size
+        self.write(info_name(version, flavor), info_ini(version, cab, digest.hexdigest(), size))
+        self.write(f"antivir-{flavor}-hit.ini", hit_ini(version))
 
-    def publish(self, version, entries=None, flavor="v2"):
-        """Publishes a release as an MSZIP-compressed CAB."""
-        cab = f"antivir-{flavor}-{version}.cab"
-        files = self.entries(version, flavor=flavor) if entries is None else entries
-        archives.write_cab(self.path(cab), files)
-        self.announce(version, cab, flavor)
+    def publish(self, version, files=None, flavor="v2"):
+        """Publishes a release as a CAB; of these (name, bytes) files if any are given."""
+        for name, content in reversed(Release(version, files, flavor=flavor).files.values()):
+            self.write(name, content)
 
     def publish_looping(self, version):
         """A release whose first definition file is a link to itself, so that its status cannot be told."""
         link = zipfile.ZipInfo("antivir-v2.def")
         link.external_attr = 0o120777 << 16
         link.create_system = 3
-        archives.write_zip(self.path("loop.zip"), [(link, b"antivir-v2.def"), *self.entries(version)[1:]])
+        archives.write_zip(self.path("loop.zip"), [(link, b"antivir-v2.def"), *good_files(version)[1:]])
         self.announce(version, "loop.zip")
 
 

@@ -1,67 +1,93 @@
-"""What an update comes to when something in it fails: its log, its status, and what is below the definitions root."""
+"""What a run of the daemon leaves: its log, its status file, and what is on the disk."""
 
-import re
-import signal
+import os
+import pathlib
+import stat
 from dataclasses import dataclass
 
-from faults import FORMER, NEW, OLD
-from machines import published, snapshot_listing
+from release import definition_names
+
+ENGINE = "engine 7"
+_ESCAPES = {"\t": "\\t", "\n": "\\n", "\r": "\\r", '"': '\\"', "\\": "\\\\"}
 
 
-def snapshot(version):
-    return {name for name in snapshot_listing(None, version) if name != "snapshots/"}
+def listing(root):
+    """Everything below root, sorted: directories with a trailing slash, links with their target."""
+    names = []
+    for folder, folders, files in os.walk(root):
+        for name in folders + files:
+            path = os.path.join(folder, name)
+            relative = os.path.relpath(path, root)
+            if os.path.islink(path):
+                names.append(f"{relative} -> {os.readlink(path)}")
+            else:
+                names.append(relative + ("/" if os.path.isdir(path) else ""))
+    return sorted(names)
 
 
-DONE = {*snapshot_listing(NEW, FORMER, NEW)}
-UNDONE = {*snapshot_listing(FORMER, OLD, FORMER)}
-STAGED = UNDONE | snapshot(NEW)
-UNSWEPT_INDEX = {f"snapshots/{NEW}/antivir-v2.ini"}
+def tree(root, modes=False):
+    """Everything below root: the content of files, the target of links, None for all else.
+
+    With modes, root itself is "." among it, and each but the links is a pair of its type and mode in octal and that."""
+    found = {}
+    for name in (["."] if modes and os.path.exists(root) else []) + listing(root):
+        name = name.split(" -> ")[0].rstrip("/")
+        path = os.path.normpath(os.path.join(root, name))
+        mode = os.lstat(path).st_mode
+        if stat.S_ISLNK(mode):
+            found[name] = f"-> {os.readlink(path)}"
+            continue
+        content = pathlib.Path(path).read_bytes() if stat.S_ISREG(mode) else None
+        found[name] = (f"{mode:o}", content) if modes else content
+    return found
+
+
+def snapshot_listing(active, *versions, flavor="v2"):
+    """The listing of a definitions root that holds just these whole snapshots."""
+    names = ["snapshots/"] + ([f"active -> snapshots/{active}"] if active else [])
+    for version in versions:
+        names.append(f"snapshots/{version}/")
+        names += [f"snapshots/{version}/{name}" for name in definition_names(flavor)]
+    return sorted(names)
+
+
+def published(version, former="none"):
+    """The log lines of a cycle that puts a release into service."""
+    return [f"info published def snapshot {version}", f"info def snapshot updated: {former} -> {version}"]
+
+
+def escaped(text):
+    """As a text stands in the status file."""
+    return "".join(_ESCAPES.get(char, char) for char in text)
+
+
+def status_text(version, checked, error="", engine=ENGINE):
+    """The whole status file; without an error the check was a success."""
+    return (
+        f'{{\n  "schema_version": 1,\n  "active_version": "{escaped(version)}",\n'
+        f'  "engine_version": "{escaped(engine)}",\n'
+        f'  "antivir_def_version": "{escaped(version)}",\n  "aivsecon_def_version": "{escaped(version)}",\n'
+        f'  "last_check_epoch": {checked},\n  "last_success_epoch": {0 if error else checked},\n'
+        f'  "last_error": "{escaped(error)}"\n}}\n'
+    )
 
 
 @dataclass(frozen=True)
 class Outcome:
-    log: tuple  # "@" stands for the gateway's folder, "URL" for the mirror's
-    status: str
-    listing: frozenset
+    """What a run leaves; another is expected to be equal."""
+
+    log: tuple
+    status: str  # "version/error" of a whole file, or a word for what it is otherwise
+    listing: frozenset  # of the definitions root
     exit_status: int = 0
 
+    def __str__(self):
+        names = "".join(f"\n    {name}" for name in sorted(self.listing))
+        lines = "".join(f"\n    {line}" for line in self.log)
+        return f"  exit status {self.exit_status}, status {self.status}\n  log:{lines}\n  definitions root:{names}"
 
-def good(*warnings, former=FORMER, status=f"{NEW}/", listing=DONE):
-    return Outcome((*warnings, *published(NEW, former)), status, frozenset(listing))
-
-
-def refused(reason, *lines):
-    return Outcome((*lines, f"err run_once: staging failed: {reason}"), f"{FORMER}/{reason}", frozenset(UNDONE))
-
-
-def unpublished(line):
-    return Outcome((f"err publish: {line}",), f"{FORMER}/publish/flip failed", frozenset(STAGED))
-
-
-def aborted(*log, listing):
-    return Outcome(log, "before", frozenset(listing), -signal.SIGABRT)
-
-
-def unflushed(what):
-    return good(f"warning fsync: {what} failed")
-
-
-def outcome_of(scene, process):
-    gateway = scene.gateway
-    base = gateway.settings["mirror_base_url"]
-    lines = [re.sub(rf"{re.escape(base)}\S*/antivir-v2-{NEW}.cab\b", "URL", line) for line in gateway.take_log()]
-    lines = tuple(line.replace(str(gateway.folder), "@") for line in lines)
-    return Outcome(lines, scene.status(), frozenset(gateway.listing()), process.returncode)
-
-
-def is_failed_transfer(outcome):
-    """Whether just one transfer failed, of whichever file and for whatever reason."""
-    for file, log, status in (
-        ("hit.ini", (), f"{FORMER}/defId fetch failed"),
-        (f"c-{NEW}.ini", (), f"{FORMER}/complete-info fetch failed for {NEW}"),
-        ("", ("err run_once: staging failed: download CAB",), f"{FORMER}/download CAB"),
-    ):
-        line = rf"err GET \S+/antivir-v2-{file}: \S.*" if file else r"err download_cab URL: \S.*"
-        if outcome.log and re.fullmatch(line, outcome.log[0]):
-            return outcome == Outcome((outcome.log[0], *log), status, frozenset(UNDONE))
-    return False
+    def expect(self, *wanted, folder):
+        """Requires one of these outcomes; folder is where to look at what is left."""
+        if self not in wanted:
+            expected = "\nor\n".join(map(str, wanted))
+            raise AssertionError(f"expected\n{expected}\ncame\n{self}\nthe files are in {folder}")

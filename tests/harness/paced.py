@@ -6,7 +6,7 @@ import struct
 import subprocess
 from dataclasses import dataclass, field
 
-from machines import DAEMON, preloading
+from gateway import DAEMON, preloading
 
 EPOCH = 1_700_000_000  # what the daemon's clock shows first
 SLICE = "sleep 1 0 same"

@@ -5,8 +5,7 @@ import stat
 import struct
 import zlib
 
-import archives
-from mirrors import sha256
+from release import definition_names, sha256
 
 REGULAR = stat.S_IFREG | 0o644
 LINK = stat.S_IFLNK | 0o777
@@ -48,7 +47,7 @@ class Entry:
 
 def release(text):
     """The entries of a release; the index comes first, as zqu-mirror writes it."""
-    definitions = [Entry(name, f"{name} {text}\n".encode()) for name in archives.definition_names()]
+    definitions = [Entry(name, f"{name} {text}\n".encode()) for name in definition_names()]
     index = "".join(f"{entry.name.decode()}.sha256={sha256(entry.content)}\n" for entry in definitions)
     return [Entry("antivir-v2.ini", index.encode()), *definitions]
 

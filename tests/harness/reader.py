@@ -13,7 +13,7 @@ import select
 import subprocess
 import sys
 
-import archives
+from release import definition_names
 
 
 class Reader:
@@ -78,6 +78,4 @@ def read(root, names, has_ended):
 
 if __name__ == "__main__":
     print("reading", flush=True)
-    print(
-        json.dumps(read(sys.argv[1], archives.definition_names(sys.argv[2]), lambda: select.select([0], [], [], 0)[0]))
-    )
+    print(json.dumps(read(sys.argv[1], definition_names(sys.argv[2]), lambda: select.select([0], [], [], 0)[0])))

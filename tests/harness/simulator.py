@@ -3,7 +3,7 @@
 import json
 import subprocess
 
-from machines import BUILD
+from gateway import BUILD
 
 
 def simulate(*arguments, lines=()):

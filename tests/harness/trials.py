@@ -1,103 +1,19 @@
 """A gateway with a release in service, and a mirror that turns on it: each check must leave all as it was."""
 
 import json
-import os
 import signal
 import ssl
 from dataclasses import dataclass
 
-import archives
-from machines import ENGINE, Gateway, published, snapshot_listing
-from mirrors import sha256
+from gateway import Gateway
+from outcomes import published, snapshot_listing, status_text, tree
+from release import HIT, Release, definitions
 from scripted_server import SUBDIR, ScriptedServer, reply
 
 OLD, NEW = "1001", "1002"
-HIT = "antivir-v2-hit.ini"
 REQUESTS = ("hit", "info", "archive")
 TIMEOUT_S = 20  # never to be reached but where a test sets it lower
 SERVERS_REFUSAL = "HTTP response code said error"
-
-
-def info_name(version):
-    return f"antivir-v2-c-{version}.ini"
-
-
-def hit_ini(version):
-    return f"[Current]\ndefId={version}\n".encode()
-
-
-def info_ini(version, name, digest):
-    return (
-        f"[def.Current]\ndef.Current.defId={version}\ndef.Current.name={name}\n"
-        f"def.Current.SHA256={digest}\ndef.Current.size=1\n"
-    ).encode()
-
-
-def definitions(version):
-    return {name: f"{name} of {version}\n".encode() for name in archives.definition_names()}
-
-
-def archive(folder, version):
-    """A good release's archive, as small as it gets: every length of it is tried."""
-    files = definitions(version)
-    index = "".join(f"{name}.sha256={sha256(content)}\n" for name, content in files.items()).encode()
-    path = folder / f"{version}.cab"
-    archives.write_cab(path, [("antivir-v2.ini", index), *files.items()])
-    content = path.read_bytes()
-    path.unlink()
-    return content
-
-
-@dataclass
-class Release:
-    """The three files of a release, as a mirror has them."""
-
-    version: str
-    cab: bytes
-    cab_name: str
-
-    @property
-    def files(self):
-        return {
-            "hit": (HIT, hit_ini(self.version)),
-            "info": (info_name(self.version), info_ini(self.version, self.cab_name, sha256(self.cab))),
-            "archive": (self.cab_name, self.cab),
-        }
-
-    @property
-    def script(self):
-        return {name: [reply(content)] for name, content in self.files.values()}
-
-
-def release(folder, version):
-    return Release(version, archive(folder, version), f"antivir-v2-{version}.cab")
-
-
-def tree(root):
-    """Everything below root: the content of files, the target of links, None for directories."""
-    found = {}
-    for folder, folders, files in os.walk(root):
-        for name in folders + files:
-            path = os.path.join(folder, name)
-            key = os.path.relpath(path, root)
-            if os.path.islink(path):
-                found[key] = f"-> {os.readlink(path)}"
-            elif os.path.isdir(path):
-                found[key] = None
-            else:
-                with open(path, "rb") as file:
-                    found[key] = file.read()
-    return found
-
-
-def status_text(version, checked, error=""):
-    """The whole status file; without an error the check was a success."""
-    return (
-        f'{{\n  "schema_version": 1,\n  "active_version": "{version}",\n  "engine_version": "{ENGINE}",\n'
-        f'  "antivir_def_version": "{version}",\n  "aivsecon_def_version": "{version}",\n'
-        f'  "last_check_epoch": {checked},\n  "last_success_epoch": {0 if error else checked},\n'
-        f'  "last_error": "{error}"\n}}\n'
-    )
 
 
 @dataclass
@@ -126,10 +42,10 @@ class Trial:
         self.gateway.folder.mkdir()
 
     def begin(self):
-        self.server.script = release(self.folder, OLD).script
+        self.server.script = Release(OLD).script
         assert self.gateway.run_once() == published(OLD)
         assert self.gateway.listing() == snapshot_listing(OLD, OLD)
-        self.new = release(self.folder, NEW)
+        self.new = Release(NEW)
         self.before = self.tree()
         self.mend()
 

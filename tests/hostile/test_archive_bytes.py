@@ -9,12 +9,14 @@ import re
 import archives
 import pytest
 import raw_archives
+from gateway import SANITIZED
 from lockstep import LockstepMirror
-from machines import SANITIZED, published, snapshot_listing
+from outcomes import published, snapshot_listing
 from raw_archives import release
+from release import definition_names
 
 CAB_NAME = "release.archive"
-NAMES = archives.definition_names()
+NAMES = definition_names()
 REASONS = ["CAB extract", *(f"CAB missing {name}" for name in NAMES), *(f"sha256 mismatch {name}" for name in NAMES)]
 
 

@@ -12,14 +12,15 @@ import stat
 import struct
 import subprocess
 
-import archives
 import pytest
 import raw_archives
+from gateway import may_mount
 from lockstep import LockstepMirror
-from machines import may_mount, published, snapshot_listing, tree
+from outcomes import published, snapshot_listing, tree
 from raw_archives import LINK, REGULAR, Entry, cab_bytes, cab_data, cab_file, deflated, release, zip_bytes
+from release import definition_names, good_files
 
-FIRST, SECOND = archives.definition_names()
+FIRST, SECOND = definition_names()
 INDEX = "antivir-v2.ini"
 DIRECTORY = stat.S_IFDIR | 0o755
 NEW = {entry.name.decode(): entry.content for entry in release("new")}
@@ -40,7 +41,7 @@ def link(name, target):
 
 def files(mode=0o644, **changed):
     """What a snapshot of the new release holds, as tree() tells it."""
-    return {name: f"10{mode:04o} {NEW[name]!r}" for name in (FIRST, SECOND)} | changed
+    return {name: (f"10{mode:04o}", NEW[name]) for name in (FIRST, SECOND)} | changed
 
 
 class Site:
@@ -62,7 +63,7 @@ class Site:
         """All there is, less what every check writes anew."""
         return {
             name: what
-            for name, what in tree(self.gateway.folder).items()
+            for name, what in tree(self.gateway.folder, modes=True).items()
             if name not in ("log", "updater.conf", "status/status.json")
         }
 
@@ -80,7 +81,7 @@ class Site:
         return {
             **kept,
             "defs/active": f"-> snapshots/{version}",
-            folder: self.before["defs/snapshots"] if mode is None else f"4{mode:04o}",
+            folder: self.before["defs/snapshots"] if mode is None else (f"4{mode:04o}", None),
             **{f"{folder}/{name}": what for name, what in contents.items()},
         }
 
@@ -105,7 +106,7 @@ class Site:
         self.mirror.publish("1003")
         self.before = self.tree()
         assert self.run() == published("1003", self.version)
-        good = {name: f"100666 {content!r}" for name, content in self.mirror.entries("1003")[:2]}
+        good = {name: ("100666", content) for name, content in good_files("1003")[:2]}
         assert self.tree() == self.tree_with("1003", good)
         self.gateway.expect_status("1003")
 
@@ -127,10 +128,10 @@ def can_make_devices(folder):
 # Types and modes of a ZIP's entries. A mode is applied as it is, whatever the daemon's umask.
 
 TYPES = {
-    "pipe": (stat.S_IFIFO | 0o644, f"100644 {NEW[FIRST]!r}"),  # libarchive takes it for what was piped into zip(1)
-    "set_user_id": (stat.S_IFREG | 0o7755, f"107755 {NEW[FIRST]!r}"),
-    "no_permissions": (stat.S_IFREG, f"100000 {NEW[FIRST]!r}"),
-    "no_type": (0, f"100664 {NEW[FIRST]!r}"),
+    "pipe": (stat.S_IFIFO | 0o644, ("100644", NEW[FIRST])),  # libarchive takes it for what was piped into zip(1)
+    "set_user_id": (stat.S_IFREG | 0o7755, ("107755", NEW[FIRST])),
+    "no_permissions": (stat.S_IFREG, ("100000", NEW[FIRST])),
+    "no_type": (0, ("100664", NEW[FIRST])),
 }
 
 
@@ -168,7 +169,7 @@ def test_definition_of_a_special_type_goes_into_service_when_no_index_names_it(s
     entries = without_index()
     entries[0].mode = mode
     zeros = bytes(len(NEW[FIRST]))  # libarchive makes a regular file of what it does not know, and writes no data
-    what = f"{mode:o}" if stat.S_ISCHR(mode) or stat.S_ISBLK(mode) else f"100644 {zeros!r}"
+    what = (f"{mode:o}", None) if stat.S_ISCHR(mode) or stat.S_ISBLK(mode) else ("100644", zeros)
     site.expect_published(zip_bytes(entries), files(**{FIRST: what}))
 
 
@@ -187,7 +188,7 @@ def test_index_of_a_special_type_checks_nothing(site, mode, tmp_path):
     entries = release("new")
     entries[0].mode = mode
     entries[1].content = b"tampered"
-    site.expect_published(zip_bytes(entries), files(**{FIRST: f"100644 {b'tampered'!r}"}))
+    site.expect_published(zip_bytes(entries), files(**{FIRST: ("100644", b"tampered")}))
 
 
 # Directories: libarchive gives their names a trailing slash, so that their last component is empty.
@@ -213,7 +214,7 @@ def test_directory_that_lies_in_the_staging_directory_already_stays_when_it_hold
     left.mkdir(parents=True)
     (left / "file").write_text("left\n")
     (left.parent / "empty").mkdir()
-    stays = {"sub": f"{left.stat().st_mode:o}", "sub/file": tree(left)["file"]}
+    stays = {"sub": (f"{left.stat().st_mode:o}", None), "sub/file": tree(left, modes=True)["file"]}
     site.expect_published(zip_bytes(new()), files(**stays))
 
 
@@ -396,9 +397,7 @@ def test_entries_behind_a_warning_are_not_there(site):
     entries = without_index()
     entries[0].content = b"tampered"
     warning = Entry("ä", b"x", fields={"flags": 0x800})
-    site.expect_published(
-        zip_bytes([*entries, warning, release("new")[0]]), files(**{FIRST: f"100644 {b'tampered'!r}"})
-    )
+    site.expect_published(zip_bytes([*entries, warning, release("new")[0]]), files(**{FIRST: ("100644", b"tampered")}))
 
 
 @pytest.mark.parametrize("pack, mode", PACKERS.values(), ids=PACKERS)

@@ -2,10 +2,10 @@
 
 import pytest
 from archives import write_cab
-from machines import published
-from mirrors import sha256
+from outcomes import published
+from release import HIT, Release, definitions, hit_ini, info_ini, info_name, sha256
 from scripted_server import reply
-from trials import HIT, NEW, OLD, SERVERS_REFUSAL, Case, archive, definitions, hit_ini, info_ini, info_name, release
+from trials import NEW, OLD, SERVERS_REFUSAL, Case
 
 BOM = b"\xef\xbb\xbf"
 LINE = b"defId=" + NEW.encode()
@@ -55,8 +55,10 @@ def test_hit_ini_that_is_an_odd_text_yields_the_id_or_nothing(trial):
 
 def test_complete_info_that_is_an_odd_text_yields_the_record_or_nothing(trial):
     info = trial.content("info")
-    digest = b"def.Current.SHA256=" + sha256(trial.new.cab).encode()
-    name = b"def.Current.name=" + trial.new.cab_name.encode()
+    size = b"size=%d" % len(trial.new.archive)
+    assert size in info
+    digest = b"def.Current.SHA256=" + sha256(trial.new.archive).encode()
+    name = b"def.Current.name=" + trial.new.archive_name.encode()
     outcomes = {
         b"": "unreadable",
         b"\0" * 100_000: "unreadable",
@@ -69,12 +71,12 @@ def test_complete_info_that_is_an_odd_text_yields_the_record_or_nothing(trial):
         BOM + name + b"\n" + digest: "unreadable",
         BOM + info: "accepted",
         info.replace(b"\n", b"\r\n"): "accepted",
-        info.upper().replace(trial.new.cab_name.upper().encode(), trial.new.cab_name.encode()): "accepted",
+        info.upper().replace(trial.new.archive_name.upper().encode(), trial.new.archive_name.encode()): "accepted",
         b"x" * 1_000_000 + b"\n" + info: "accepted",
         digest + b"\n" + name: "accepted",
-        info.replace(b"size=1", b"size=-9223372036854775809"): "accepted",
-        info.replace(b"size=1", b"size=9" * 100): "accepted",
-        info.replace(b"size=1", b"size=none"): "accepted",
+        info.replace(size, b"size=-9223372036854775809"): "accepted",
+        info.replace(size, b"size=9" * 100): "accepted",
+        info.replace(size, b"size=none"): "accepted",
     }
     trial.check_all(trial.case("info", [reply(text)], outcome) for text, outcome in outcomes.items())
 
@@ -98,16 +100,16 @@ def test_complete_info_that_is_an_odd_text_yields_the_record_or_nothing(trial):
     ids=range(12),
 )
 def test_digest_that_is_not_the_archives_refuses_it(trial, digest):
-    right = sha256(trial.new.cab)
-    text = info_ini(NEW, trial.new.cab_name, digest.format(right, right[:-1]))
-    case = trial.unreadable("archive", [reply(trial.new.cab)])
+    right = sha256(trial.new.archive)
+    text = info_ini(NEW, trial.new.archive_name, digest.format(right, right[:-1]))
+    case = trial.unreadable("archive", [reply(trial.new.archive)])
     trial.check_all([Case({trial.name("info"): [reply(text)]}, case.lines, case.error)])
 
 
 def test_archive_of_other_content_is_refused(trial):
     """Another release's, another file altogether, more than the archive, and one bit of each byte or of every third."""
-    good = trial.new.cab
-    others = [archive(trial.folder, OLD), b"", b"x", good + b"\0", b"\0" + good, good * 2, good[1:], b"\0" * 1_000_000]
+    good = trial.new.archive
+    others = [Release(OLD).archive, b"", b"x", good + b"\0", b"\0" + good, good * 2, good[1:], b"\0" * 1_000_000]
     for position in range(len(good)) if trial.thorough else range(0, len(good), 3):
         flipped = bytearray(good)
         flipped[position] ^= 1 << position % 8
@@ -117,13 +119,13 @@ def test_archive_of_other_content_is_refused(trial):
 
 def test_archive_replaced_on_the_way_is_refused_in_each_order(trial):
     """The mirror goes over to another release after each of the requests."""
-    newer = release(trial.folder, "1003")
-    same_name = {trial.new.cab_name: [reply(newer.cab)]}
+    newer = Release("1003")
+    same_name = {trial.new.archive_name: [reply(newer.archive)]}
     wrong = trial.unreadable("archive", [])
     gone = trial.refused("archive", [reply(b"", "404 x")], SERVERS_REFUSAL)
     no_info = trial.refused("info", [reply(b"", "404 x")], SERVERS_REFUSAL)
     # Both names of the complete-info INI are served: the old file already tells of the new archive.
-    newer_info = reply(info_ini("1003", trial.new.cab_name, sha256(newer.cab)))
+    newer_info = reply(info_ini("1003", trial.new.archive_name, sha256(newer.archive)))
     older_archive = Case({trial.name("info"): [newer_info]}, wrong.lines, wrong.error)
     trial.check_all([Case(same_name, wrong.lines, wrong.error), gone, no_info, older_archive])
 
@@ -131,7 +133,7 @@ def test_archive_replaced_on_the_way_is_refused_in_each_order(trial):
 def test_hit_ini_that_goes_back_and_forth_installs_each_time_what_it_says(trial):
     """An older release is a release: nothing but equality is looked at."""
     assert trial.gateway.run_once() == published(NEW, OLD)
-    trial.server.script = release(trial.folder, OLD).script
+    trial.server.script = Release(OLD).script
     assert trial.gateway.run_once() == published(OLD, NEW)
     trial.gateway.expect_status(OLD)
     trial.set_back()
@@ -157,7 +159,7 @@ def failed_for(version):
 @pytest.mark.parametrize("named", ["666", OLD, "../x", "", "10 02", "\0"])
 def test_id_in_the_complete_info_is_not_looked_at(trial, named):
     """The release is installed under the id of the hit INI, whatever the second one says."""
-    text = info_ini(named, trial.new.cab_name, sha256(trial.new.cab))
+    text = info_ini(named, trial.new.archive_name, sha256(trial.new.archive))
     trial.check_all([trial.accepted("info", [reply(text)])])
 
 
@@ -168,8 +170,8 @@ def test_index_of_another_release_refuses_the_archive(trial):
         write_cab(trial.folder / "x.cab", [("antivir-v2.ini", index.encode()), *definitions(NEW).items()])
         cab = (trial.folder / "x.cab").read_bytes()
         (trial.folder / "x.cab").unlink()
-        trial.server.script[trial.name("info")] = [reply(info_ini(NEW, trial.new.cab_name, sha256(cab)))]
-        trial.server.script[trial.new.cab_name] = [reply(cab)]
+        trial.server.script[trial.name("info")] = [reply(info_ini(NEW, trial.new.archive_name, sha256(cab)))]
+        trial.server.script[trial.new.archive_name] = [reply(cab)]
         error = "sha256 mismatch antivir-v2.def"
         trial.refuse([f"err run_once: staging failed: {error}"], error)
     trial.heal()

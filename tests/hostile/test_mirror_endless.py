@@ -3,7 +3,7 @@
 import signal
 
 import pytest
-from machines import SANITIZED
+from gateway import SANITIZED
 from scripted_server import flood, head, pause, reply
 from trials import NEW
 
@@ -35,14 +35,14 @@ def test_endless_head_of_nothing_ends_at_the_limit_of_heads(trial, request_kind)
 def test_endless_archive_ends_with_the_time_out_and_leaves_the_disk_clean(trial):
     """A trickle, for the sake of this machine's disk; a flood would fill the gateway's until then."""
     trial.gateway.settings["http_timeout_s"] = 1
-    trial.server.script[trial.new.cab_name] = [head(), trickle(b"x" * 1000)]
+    trial.server.script[trial.new.archive_name] = [head(), trickle(b"x" * 1000)]
     trial.refuse(*trial.failure("archive", TIMED_OUT))
     trial.heal()
 
 
 def test_endless_archive_is_bounded_by_a_limit_on_the_size_of_files(trial):
     """Where SIGXFSZ is ignored, libcurl sees the failed write."""
-    trial.server.script[trial.new.cab_name] = [head(), flood(b"x" * 100_000)]
+    trial.server.script[trial.new.archive_name] = [head(), flood(b"x" * 100_000)]
     lines = trial.gateway.run_once(prefix=["env", "--ignore-signal=XFSZ", "prlimit", f"--fsize={1 << 20}"])
     case = trial.refused("archive", [], "Failed writing received data to disk/application")
     trial.compare(case, lines, trial.gateway.status_path.read_text(), trial.tree())
@@ -50,11 +50,11 @@ def test_endless_archive_is_bounded_by_a_limit_on_the_size_of_files(trial):
 
 
 def test_endless_archive_without_that_signal_ignored_ends_the_process(trial):
-    trial.server.script[trial.new.cab_name] = [head(), flood(b"x" * 100_000)]
+    trial.server.script[trial.new.archive_name] = [head(), flood(b"x" * 100_000)]
     command = ["--config", trial.gateway.config_path, "--once"]
     process = trial.gateway.run(*command, prefix=["prlimit", f"--fsize={1 << 20}", "--core=0"])
     assert process.returncode == -signal.SIGXFSZ
-    part = f"machine/defs/snapshots/{NEW}/{trial.new.cab_name}.part"
+    part = f"machine/defs/snapshots/{NEW}/{trial.new.archive_name}.part"
     found = trial.tree()
     assert len(found.pop(part)) == 1 << 20
     assert found.pop(f"machine/defs/snapshots/{NEW}") is None

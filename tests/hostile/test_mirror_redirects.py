@@ -4,8 +4,9 @@ import socket
 import threading
 
 import pytest
+from release import HIT
 from scripted_server import SUBDIR, ScriptedServer, finish, head, reply
-from trials import HIT, REQUESTS, SERVERS_REFUSAL, server_context
+from trials import REQUESTS, SERVERS_REFUSAL, server_context
 
 REFUSED_SCHEME = "Unsupported protocol"
 CODES = ("300 x", "301 x", "302 x", "303 x", "305 x", "306 x", "307 x", "308 x", "399 x")

@@ -3,8 +3,9 @@
 import socket
 
 import pytest
+from release import HIT
 from scripted_server import cut, drip_for_ever, finish, head, hello_answer, pause, receive, reset, stall
-from trials import HIT, OLD, REQUESTS
+from trials import OLD, REQUESTS
 
 TIMED_OUT = "Timeout was reached"
 BROKEN = "Failure when receiving data from the peer"

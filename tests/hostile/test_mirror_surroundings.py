@@ -1,8 +1,9 @@
 """What the machine around the daemon can do to its conversation with the mirror: the environment and local users."""
 
-from machines import published
+from outcomes import published, status_text
+from release import HIT
 from scripted_server import ScriptedServer, finish, reply
-from trials import HIT, NEW, OLD, status_text
+from trials import NEW, OLD
 
 
 def run_once(trial, **environment):

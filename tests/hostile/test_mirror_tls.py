@@ -6,8 +6,8 @@ import ssl
 import pytest
 from certificates import CLIENTS_ONLY, DAY, Issuer
 from cryptography import x509
+from release import HIT
 from scripted_server import SUBDIR, cut, finish, hello_answer, receive, reset
-from trials import HIT
 
 UNTRUSTED = "SSL peer certificate or SSH remote key was not OK"
 NO_HANDSHAKE = "SSL connect error"

@@ -4,9 +4,9 @@ import socket
 import ssl
 
 import pytest
-from mirrors import sha256
+from release import HIT, info_name, sha256
 from scripted_server import chunked, cut, finish, head, reset
-from trials import HIT, NEW, OLD, SERVERS_REFUSAL, Case, info_name
+from trials import NEW, OLD, SERVERS_REFUSAL, Case
 
 PARTIAL = "Transferred a partial file"
 

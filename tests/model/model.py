@@ -6,6 +6,7 @@ their errors, what a broken archive yields), the mirror's model tells."""
 import hashlib
 import re
 
+from gateway import SETTINGS
 from model_disk import Broken, Link
 
 BLANKS = " \t\n\v\f\r"
@@ -14,19 +15,7 @@ END = "the end of the run"  # what a run stages changes last between its start a
 ABORTED = -6
 TOO_MANY_LINKS = "filesystem error: status: Too many levels of symbolic links [{}]"  # libstdc++'s words
 STDIO_BUFFER = 4096  # bytes; a download that fits in fails only when the file is closed, which is not looked at
-DEFAULTS = {
-    "mirror_base_url": "https:",  # whatever; no test asks there
-    "mirror_subdir": "rhex/deffiles/def5-2",
-    "flavor": "v2",
-    "ca_path": "",
-    "engine_version": "",
-    "def_root": "/usr/local/zelgw/opt/av/quorin/defs",
-    "status_path": "/usr/local/zelgw/opt/av/quorin/defs/manifest/status.json",
-    "poll_interval_s": 900,
-    "poll_jitter_s": 120,
-    "retained_snapshots": 3,
-    "http_timeout_s": 300,
-}
+DEFAULTS = {**SETTINGS, "mirror_base_url": "https:"}  # whatever; no test asks there
 
 
 class Uncaught(Exception):

@@ -7,6 +7,7 @@ import struct
 import zipfile
 
 import archives
+from release import definition_names
 
 REFUSED = "HTTP response code said error"
 UNREACHABLE = "Couldn't connect to server"
@@ -87,7 +88,7 @@ def definitions(version, container, flavor, flaws):
     """The two definition files, in the archive's order."""
     large = 9000 if "large" in flaws else 40
     source = random.Random(f"{version} {container} {flavor} {large}")
-    return [(name, source.randbytes(large)) for name in archives.definition_names(flavor)]
+    return [(name, source.randbytes(large)) for name in definition_names(flavor)]
 
 
 def index_text(files, flaws):

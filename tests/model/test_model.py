@@ -19,8 +19,8 @@ import hypothesis.strategies as st
 import model
 import model_mirror
 import pytest
+from gateway import Gateway, may_mount
 from hypothesis.stateful import RuleBasedStateMachine, rule, run_state_machine_as_test
-from machines import Gateway, may_mount
 from mirrors import Mirror
 from model_disk import DIRECTORY, Broken, Disk, Link, scan
 

@@ -8,7 +8,8 @@ import textwrap
 
 import booted
 import pytest
-from machines import BUILD, DAEMON, REPOSITORY
+from builds import REPOSITORY
+from gateway import BUILD, DAEMON
 from mirrors import Mirror, Nginx
 
 pytestmark = pytest.mark.skipif(bool(booted.why_not_bootable()), reason=booted.why_not_bootable() or "")

@@ -4,7 +4,9 @@ import os
 
 import booted
 import pytest
-from machines import BUILD, REPOSITORY, SANITIZED, listing
+from builds import REPOSITORY
+from gateway import BUILD, SANITIZED
+from outcomes import listing
 from packages import CONFIG, SERVICE, Site, run
 from test_packages import MIRROR, UPDATER
 

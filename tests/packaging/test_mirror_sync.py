@@ -7,7 +7,8 @@ import subprocess
 
 import booted
 import pytest
-from machines import BUILD, REPOSITORY, SANITIZED
+from builds import REPOSITORY
+from gateway import BUILD, SANITIZED
 from mirror_tool import SUBDIR, TOOL
 from mirrors import Mirror, Nginx
 

@@ -3,10 +3,9 @@
 import json
 import posixpath
 
-from mirrors import sha256
 from packages import CONFIG, DEFS, NEXT, SERVICE
 from raw_archives import LINK, Entry, release, zip_bytes
-from trials import info_ini
+from release import info_ini, sha256
 
 
 def zqu_status(site, *arguments):

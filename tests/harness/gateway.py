@@ -1,28 +1,44 @@
-"""A gateway that runs the daemon, and how its definitions root has to look."""
+"""A gateway that runs the daemon."""
 
 import functools
 import json
 import os
 import pathlib
-import stat
 import subprocess
-import textwrap
 import time
 
-import archives
 from builds import REPOSITORY
+from outcomes import ENGINE, listing, status_text
 
 BUILD = pathlib.Path(os.environ.get("ZQU_BUILD_DIR", REPOSITORY / "build")).resolve()
 DAEMON = BUILD / "zel_quorin_updater"
 for proxy in ("http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"):
     os.environ.pop(proxy, None)  # libcurl would send the requests to this machine's servers through it
 SANITIZED = b"__asan_init" in DAEMON.read_bytes()
-ENGINE = "engine 7"
 # What to put before a command that might go by the default settings: they lead to a mirror elsewhere and to a tree of
 # the machine's own.
 APART = ["unshare", "--mount", "--net", "sh", "-ec", 'mount -t tmpfs tmpfs /usr/local; exec "$@"', "sh"]
 STARTED = "info zel_quorin_updater loop started (interval={}s jitter={}s)"
 STOPPED = "info zel_quorin_updater loop stopped"
+# All settings, with their defaults.
+SETTINGS = {
+    "mirror_base_url": "https://definitions.zelgw.example",
+    "mirror_subdir": "rhex/deffiles/def5-2",
+    "flavor": "v2",
+    "ca_path": "",
+    "engine_version": "",
+    "def_root": "/usr/local/zelgw/opt/av/quorin/defs",
+    "status_path": "/usr/local/zelgw/opt/av/quorin/defs/manifest/status.json",
+    "poll_interval_s": 900,
+    "poll_jitter_s": 120,
+    "retained_snapshots": 3,
+    "http_timeout_s": 300,
+}
+
+
+def configuration(settings):
+    """The text of a configuration file with these settings."""
+    return "".join(f"{key} = {value}\n" for key, value in settings.items())
 
 
 def preloading(*libraries):
@@ -30,45 +46,6 @@ def preloading(*libraries):
     missing = [name for name in libraries if not (BUILD / name).exists()]
     assert not missing, f"not in {BUILD}: {', '.join(missing)}; all is built with cmake -DZQU_BUILD_TESTS=ON"
     return " ".join(libraries)
-
-
-def listing(root):
-    """Everything below root, sorted: directories with a trailing slash, links with their target."""
-    names = []
-    for folder, folders, files in os.walk(root):
-        for name in folders + files:
-            path = os.path.join(folder, name)
-            relative = os.path.relpath(path, root)
-            if os.path.islink(path):
-                names.append(f"{relative} -> {os.readlink(path)}")
-            else:
-                names.append(relative + ("/" if os.path.isdir(path) else ""))
-    return sorted(names)
-
-
-def tree(root):
-    """Everything below root with its type and mode: files with their content, links with their target."""
-    found = {}
-    for name in listing(root):
-        name = name.split(" -> ")[0].rstrip("/")
-        path = os.path.join(root, name)
-        mode = os.lstat(path).st_mode
-        if stat.S_ISLNK(mode):
-            found[name] = f"-> {os.readlink(path)}"
-        elif stat.S_ISREG(mode):
-            found[name] = f"{mode:o} {pathlib.Path(path).read_bytes()!r}"
-        else:
-            found[name] = f"{mode:o}"
-    return found
-
-
-def snapshot_listing(active, *versions, flavor="v2"):
-    """The listing of a definitions root that holds just these whole snapshots."""
-    names = ["snapshots/"] + ([f"active -> snapshots/{active}"] if active else [])
-    for version in versions:
-        names.append(f"snapshots/{version}/")
-        names += [f"snapshots/{version}/{name}" for name in archives.definition_names(flavor)]
-    return sorted(names)
 
 
 # A /dev of the namespace's own, with what lies in the folder and the few devices that the libraries open.
@@ -83,11 +60,6 @@ exec "$@"
 def in_own_dev(folder):
     """What to put before a command that is to find that folder's entries in /dev, in a mount namespace of its own."""
     return ["unshare", "--mount", "sh", "-ec", _ENTER_DEV, "sh", folder]
-
-
-def published(version, former="none"):
-    """The log lines of a cycle that puts a release into service."""
-    return [f"info published def snapshot {version}", f"info def snapshot updated: {former} -> {version}"]
 
 
 def wait_for(condition, process=None):
@@ -127,7 +99,7 @@ class Gateway:
     @property
     def config_path(self):
         path = self.folder / "updater.conf"
-        path.write_text("".join(f"{key} = {value}\n" for key, value in self.settings.items()))
+        path.write_text(configuration(self.settings))
         return path
 
     def environment(self, calls=False, memory=False, **extra):
@@ -184,22 +156,10 @@ class Gateway:
 
     def expect_status(self, version, error=""):
         """Compares the whole status file, but for the time of the check."""
-        checked = self.status()["last_check_epoch"]
-        success = 0 if error else checked
-        assert self.status_path.read_text() == textwrap.dedent(
-            f"""\
-            {{
-              "schema_version": 1,
-              "active_version": "{version}",
-              "engine_version": "{self.settings['engine_version']}",
-              "antivir_def_version": "{version}",
-              "aivsecon_def_version": "{version}",
-              "last_check_epoch": {checked},
-              "last_success_epoch": {success},
-              "last_error": "{error}"
-            }}
-            """
-        )
+        found = self.status_path.read_text(errors="surrogateescape")
+        checked = json.loads(found, strict=False)["last_check_epoch"]
+        expected = status_text(version, checked, error, self.settings["engine_version"])
+        assert found == expected, f"expected\n{expected}\ncame\n{found}\nthe files are in {self.folder}"
 
     def listing(self):
         return listing(self.root)
