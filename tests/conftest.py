@@ -2,6 +2,7 @@
 
 import collections
 import pathlib
+import shutil
 import socket
 import tempfile
 
@@ -10,6 +11,8 @@ import trustme
 from gateway import Gateway
 from mirrors import Mirror, Nginx
 from trials import Trial, server_context
+
+FAILED = pytest.StashKey()
 
 
 def pytest_addoption(parser):
@@ -26,6 +29,18 @@ def pytest_collection_modifyitems(config, items):
     long = [item for item in items if item.get_closest_marker("long")]
     config.hook.pytest_deselected(items=long)
     items[:] = [item for item in items if item not in long]
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    """Ends the report of a failed test with where its files are; the files of a passed one go."""
+    report = (yield).get_result()
+    files = getattr(item, "funcargs", {}).get("tmp_path")
+    if report.failed:
+        item.stash[FAILED] = True
+        report.sections.append(("files", str(files or item.config.getoption("basetemp"))))
+    elif files and call.when == "teardown" and not item.stash.get(FAILED, False):
+        shutil.rmtree(files, ignore_errors=True)
 
 
 def pytest_terminal_summary(terminalreporter):
