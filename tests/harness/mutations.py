@@ -1,5 +1,5 @@
-"""Finds what can be changed in a source, one thing at a time, with the eyes of a compiler: libclang tells a template's
-bracket from a comparison, and a statement's end from a semicolon in a text."""
+"""Finds what can be changed in a C++ source, one thing at a time. libclang tells a template's bracket from a
+comparison, and the end of a statement from a semicolon in a text."""
 
 import dataclasses
 import hashlib
@@ -7,83 +7,40 @@ import re
 
 from clang.cindex import CursorKind, Index, TokenKind
 
+
+def table(text):
+    """Lines or parts of "one other..." as {one: [other...]}."""
+    return {words[0]: words[1:] for words in map(str.split, re.split("[;\n]", text)) if words}
+
+
+def kinds(names):
+    return [getattr(CursorKind, name) for name in names.split()]
+
+
 # Each operator with what it becomes. Equality has one opposite; an order also moves its boundary.
-COMPARISONS = {
-    "==": ["!="],
-    "!=": ["=="],
-    "<": ["<=", ">="],
-    "<=": ["<", ">"],
-    ">": [">=", "<="],
-    ">=": [">", "<"],
-}
-ARITHMETIC = {
-    "+": ["-"],
-    "-": ["+"],
-    "*": ["/"],
-    "/": ["*"],
-    "%": ["/"],
-    "++": ["--"],
-    "--": ["++"],
-    "+=": ["-=", "="],
-    "-=": ["+=", "="],
-    "<<": [">>"],
-    ">>": ["<<"],
-    ">>=": ["<<=", "="],
-    "&": ["|"],
-    "|": ["&"],
-}
-BOOLEANS = {"true": "false", "false": "true", "&&": "||", "||": "&&"}
+COMPARISONS = table("== !=; != ==; < <= >=; <= < >; > >= <=; >= > <")
+ARITHMETIC = table("+ -; - +; * /; / *; % /; ++ --; -- ++; += -= =; -= += =; << >>; >> <<; >>= <<= =; & |; | &")
+BOOLEANS = table("true false; false true; && ||; || &&")
 # Constants and calls that have a name, each with a neighbour that compiles in its place.
-NAMES = {
-    "LOG_ERR": "LOG_WARNING",
-    "LOG_WARNING": "LOG_ERR",
-    "LOG_INFO": "LOG_NOTICE",
-    "LOG_DAEMON": "LOG_USER",
-    "SIGTERM": "SIGHUP",
-    "SIGINT": "SIGHUP",
-    "O_RDONLY": "O_WRONLY",
-    "O_DIRECTORY": "O_RDONLY",
-    "EINTR": "EIO",
-    "CURL_GLOBAL_ALL": "CURL_GLOBAL_NOTHING",
-    "CURLE_OK": "CURLE_WRITE_ERROR",
-    "ARCHIVE_OK": "ARCHIVE_WARN",
-    "ARCHIVE_EOF": "ARCHIVE_OK",
-    "AE_IFREG": "AE_IFDIR",
-    "EVP_sha256": "EVP_sha1",
-    "min": "max",
-    "front": "back",
-    "back": "front",
-    "find_first_not_of": "find_last_not_of",
-    "find_last_not_of": "find_first_not_of",
-    "exists": "is_regular_file",
-    "remove_all": "remove",
-    "create_directories": "create_directory",
-    "last_write_time": "file_size",
-}
-OPERATORS = (
-    CursorKind.BINARY_OPERATOR,
-    CursorKind.COMPOUND_ASSIGNMENT_OPERATOR,
-    CursorKind.UNARY_OPERATOR,
-    CursorKind.CALL_EXPR,
-    CursorKind.DECL_REF_EXPR,
+NAMES = table(
+    """
+    LOG_ERR LOG_WARNING; LOG_WARNING LOG_ERR; LOG_INFO LOG_NOTICE; LOG_DAEMON LOG_USER
+    SIGTERM SIGHUP; SIGINT SIGHUP; O_RDONLY O_WRONLY; O_DIRECTORY O_RDONLY; EINTR EIO
+    CURL_GLOBAL_ALL CURL_GLOBAL_NOTHING; CURLE_OK CURLE_WRITE_ERROR
+    ARCHIVE_OK ARCHIVE_WARN; ARCHIVE_EOF ARCHIVE_OK; AE_IFREG AE_IFDIR; EVP_sha256 EVP_sha1
+    min max; front back; back front
+    find_first_not_of find_last_not_of; find_last_not_of find_first_not_of
+    exists is_regular_file; remove_all remove; create_directories create_directory; last_write_time file_size
+    """
 )
-STATEMENTS = (
-    CursorKind.CALL_EXPR,
-    CursorKind.BINARY_OPERATOR,
-    CursorKind.COMPOUND_ASSIGNMENT_OPERATOR,
-    CursorKind.UNARY_OPERATOR,
-    CursorKind.UNEXPOSED_EXPR,
-    CursorKind.CXX_STATIC_CAST_EXPR,
-)
-JUMPS = (CursorKind.RETURN_STMT, CursorKind.CONTINUE_STMT, CursorKind.BREAK_STMT)
-BODIES = (CursorKind.COMPOUND_STMT, CursorKind.CASE_STMT, CursorKind.DEFAULT_STMT)
-FUNCTIONS = (
-    CursorKind.FUNCTION_DECL,
-    CursorKind.CXX_METHOD,
-    CursorKind.CONSTRUCTOR,
-    CursorKind.DESTRUCTOR,
-    CursorKind.LAMBDA_EXPR,
-)
+
+UNARY, CALL, NAME = kinds("UNARY_OPERATOR CALL_EXPR DECL_REF_EXPR")
+COMPUTING = kinds("BINARY_OPERATOR COMPOUND_ASSIGNMENT_OPERATOR UNARY_OPERATOR CALL_EXPR")
+OPERATORS = [*COMPUTING, NAME]
+STATEMENTS = [*COMPUTING, *kinds("UNEXPOSED_EXPR CXX_STATIC_CAST_EXPR")]
+JUMPS = kinds("RETURN_STMT CONTINUE_STMT BREAK_STMT")
+BODIES = kinds("COMPOUND_STMT CASE_STMT DEFAULT_STMT")
+FUNCTIONS = kinds("FUNCTION_DECL CXX_METHOD CONSTRUCTOR DESTRUCTOR LAMBDA_EXPR")
 
 
 @dataclasses.dataclass(frozen=True)
@@ -98,8 +55,8 @@ class Mutant:
     end: int
     before: str
     after: str
-    source: str  # digest of the source, so that results of a former one are told apart
-    code: str  # the line that is changed, or begins to be
+    source: str  # digest of the source: results of another version of it do not count
+    code: str  # the line that is changed, or the first of them
 
     @property
     def id(self):
@@ -107,15 +64,13 @@ class Mutant:
 
     @property
     def key(self):
-        """What the mutant is called as long as its line stays as it is, wherever that moves."""
+        """A name that stays as long as the text of the line stays, wherever the line moves."""
         return self.file, self.code, self.change
 
     @property
     def change(self):
-        def on_one_line(text):
-            return re.sub(r"\s+", " ", text).strip()
-
-        return f"{self.kind}: {on_one_line(self.before)} -> {on_one_line(self.after)}"
+        before, after = (" ".join(text.split()) for text in (self.before, self.after))
+        return f"{self.kind}: {before} -> {after}"
 
     def apply(self, source):
         return source[: self.start] + self.after.encode() + source[self.end :]
@@ -124,53 +79,50 @@ class Mutant:
         return f"{self.file}:{self.line}:{self.column}: {self.change}"
 
 
-class _Finder:
+def extent(cursor):
+    return cursor.extent.start.offset, cursor.extent.end.offset
+
+
+class Finder:
     def __init__(self, path, options):
         self.path = path
         self.source = path.read_bytes()
         self.digest = hashlib.sha256(self.source).hexdigest()[:12]
+        self.found = {}
         unit = Index.create().parse(str(path), args=options)
         assert not unit.diagnostics, [str(d) for d in unit.diagnostics]
-        self.tokens = [t for t in unit.get_tokens(extent=unit.cursor.extent) if t.kind != TokenKind.COMMENT]
-        self.found = {}
-        self._look_at_tokens()
+        lines = self.source.splitlines()
+        for token in unit.get_tokens(extent=unit.cursor.extent):
+            if token.kind != TokenKind.COMMENT and not lines[token.location.line - 1].startswith(b"#"):
+                self._look_at_token(token, token.spelling, *extent(token))
         self._look_below(unit.cursor)
 
-    def mutants(self):
-        return sorted(self.found.values(), key=lambda m: (m.start, m.end, m.kind, m.after))
-
     def _add(self, kind, start, end, after):
-        before = self.source[start:end].decode()
-        if before == after:
-            return
-        line = self.source.count(b"\n", 0, start) + 1
-        column = start - (self.source.rfind(b"\n", 0, start) + 1) + 1
-        code = self.source.splitlines()[line - 1].decode().strip()
-        mutant = Mutant(self.path.name, line, column, kind, start, end, before, after, self.digest, code)
-        self.found.setdefault((start, end, after), mutant)
+        """Adds a change; of two with the same result the first gives the kind."""
+        before = self._text(start, end)
+        if before != after:
+            line = self.source.count(b"\n", 0, start) + 1
+            column = start - self.source.rfind(b"\n", 0, start)
+            code = self.source.splitlines()[line - 1].decode().strip()
+            mutant = Mutant(self.path.name, line, column, kind, start, end, before, after, self.digest, code)
+            self.found.setdefault((start, end, after), mutant)
 
     def _text(self, start, end):
         return self.source[start:end].decode()
 
     # Tokens: operators, literals, names.
 
-    def _look_at_tokens(self):
-        directives = {n for n, line in enumerate(self.source.split(b"\n"), 1) if line.startswith(b"#")}
-        for token in self.tokens:
-            if token.location.line in directives:
-                continue
-            start, end = token.extent.start.offset, token.extent.end.offset
-            if token.kind == TokenKind.LITERAL:
-                self._literal(token, start, end)
-            elif token.kind == TokenKind.IDENTIFIER and token.spelling in NAMES:
-                self._add("constant" if token.spelling.isupper() else "call", start, end, NAMES[token.spelling])
-            elif token.spelling in ("true", "false"):
-                self._add("boolean", start, end, BOOLEANS[token.spelling])
-            elif token.kind == TokenKind.PUNCTUATION and token.cursor.kind in OPERATORS:
-                self._operator(token, start, end)
+    def _look_at_token(self, token, text, start, end):
+        if token.kind == TokenKind.LITERAL:
+            self._literal(text, start, end)
+        elif token.kind == TokenKind.IDENTIFIER and text in NAMES:
+            self._add("constant" if text.isupper() else "call", start, end, *NAMES[text])
+        elif text in ("true", "false"):
+            self._add("boolean", start, end, *BOOLEANS[text])
+        elif token.kind == TokenKind.PUNCTUATION and token.cursor.kind in OPERATORS:
+            self._operator(token.cursor, text, start, end)
 
-    def _literal(self, token, start, end):
-        text = token.spelling
+    def _literal(self, text, start, end):
         if text.startswith('"'):
             self._add("text", start, end, '"~' + text[1:])
             if len(text) == 3:  # a separator may be left out
@@ -178,53 +130,42 @@ class _Finder:
         elif text.startswith("'"):
             self._add("constant", start, end, "'~'")
         else:
-            number = re.match(r"(0x[0-9A-Fa-f]+|[0-9]+)(.*)$", text)
-            value = int(number[1], 0)
-            for other in {value + 1, value - 1 if value > 0 else value + 1, 0 if value > 2 else value + 1}:
-                self._add("constant", start, end, f"{other}{number[2]}")
+            digits, suffix = re.match(r"(0x[0-9A-Fa-f]+|[0-9]+)(.*)$", text).groups()
+            value = int(digits, 0)
+            for other in {value + 1, abs(value - 1), 0 if value > 2 else value + 1}:
+                self._add("constant", start, end, f"{other}{suffix}")
 
-    def _operator(self, token, start, end):
-        text = token.spelling
-        cursor = token.cursor
-        overloaded = cursor.kind in (CursorKind.CALL_EXPR, CursorKind.DECL_REF_EXPR)
+    def _operator(self, cursor, text, start, end):
+        overloaded = cursor.kind in (CALL, NAME)
+        prefix = cursor.kind == UNARY and text in ("&", "*", "+", "-")
         if overloaded and f"operator{text}" not in cursor.spelling:
             return
-        if text in COMPARISONS:
-            for other in COMPARISONS[text]:
-                self._add("comparison", start, end, other)
-        elif text in BOOLEANS:
-            self._add("boolean", start, end, BOOLEANS[text])
-        elif text == "!":
+        if text == "!":
             self._add("negation", start, end, "")
-        elif text in ARITHMETIC and not overloaded and not self._is_prefix(cursor, text):
-            for other in ARITHMETIC[text]:
-                self._add("arithmetic", start, end, other)
-
-    @staticmethod
-    def _is_prefix(cursor, text):
-        return cursor.kind == CursorKind.UNARY_OPERATOR and text in ("&", "*", "+", "-")
+        for other in COMPARISONS.get(text, []):
+            self._add("comparison", start, end, other)
+        for other in BOOLEANS.get(text, []):
+            self._add("boolean", start, end, other)
+        for other in [] if overloaded or prefix else ARITHMETIC.get(text, []):
+            self._add("arithmetic", start, end, other)
 
     # The tree: conditions, operands, statements and their order.
 
-    def _look_below(self, cursor, function_body=None):
+    def _look_below(self, cursor):
         for child in cursor.get_children():
             if child.location.file and child.location.file.name != str(self.path):
                 continue
-            body = child if child.kind == CursorKind.COMPOUND_STMT and cursor.kind in FUNCTIONS else None
-            self._look_at(child, body)
-            self._look_below(child, body)
-
-    def _look_at(self, cursor, body):
-        if cursor.kind in (CursorKind.IF_STMT, CursorKind.CONDITIONAL_OPERATOR):
-            self._condition(next(cursor.get_children()))
-        elif cursor.kind == CursorKind.BINARY_OPERATOR or cursor.spelling in ("operator+", "operator|"):
-            self._operands(cursor)
-        if cursor.kind in BODIES:
-            self._statements(list(cursor.get_children()), is_function=body is not None)
+            if child.kind in kinds("IF_STMT CONDITIONAL_OPERATOR"):
+                self._condition(next(child.get_children()))
+            elif child.kind == CursorKind.BINARY_OPERATOR or child.spelling in ("operator+", "operator|"):
+                self._operands(child)
+            if child.kind in BODIES:
+                self._statements(list(child.get_children()), is_function=cursor.kind in FUNCTIONS)
+            self._look_below(child)
 
     def _condition(self, condition):
-        """Makes a condition always hold, and never; a comparison and a negation are turned round elsewhere."""
-        start, end = self._range(condition)
+        """Makes a condition hold always, and never. Comparisons and negations are inverted elsewhere."""
+        start, end = extent(condition)
         while condition.kind == CursorKind.UNEXPOSED_EXPR and len(list(condition.get_children())) == 1:
             (condition,) = condition.get_children()
         operator = self._split(condition)[1]
@@ -234,48 +175,42 @@ class _Finder:
             self._add("condition", start, end, "false")
 
     def _operands(self, cursor):
-        """Leaves one operand of a conjunction, of a set of flags or of a joined text out."""
+        """Leaves one operand out of a conjunction, a set of flags or a joined text."""
         left, operator, right = self._split(cursor)
         if operator in ("&&", "||", "|") or cursor.spelling == "operator+":
             self._add("operand", left[0], right[0], "")
             self._add("operand", left[1], right[1], "")
 
     def _split(self, cursor):
-        """The ranges of both operands of an expression and the operator between them, which is empty without."""
-        parts = [child for child in cursor.get_children() if child.kind.is_expression()]
+        """The extents of both operands of an expression and the operator between them; it is empty without two."""
+        parts = [extent(child) for child in cursor.get_children() if child.kind.is_expression()]
         if len(parts) < 2:
             return (0, 0), "", (0, 0)
-        left, right = self._range(parts[0]), self._range(parts[-1])
-        return left, self._text(left[1], right[0]).strip(), right
+        return parts[0], self._text(parts[0][1], parts[-1][0]).strip(), parts[-1]
 
-    def _range(self, cursor):
-        return cursor.extent.start.offset, cursor.extent.end.offset
-
-    def _statement_range(self, cursor):
-        start, end = self._range(cursor)
-        while self.source[end - 1 : end] != b";":
-            end += 1
-        return start, end
+    def _statement(self, cursor):
+        start, end = extent(cursor)
+        return start, self.source.index(b";", end - 1) + 1
 
     def _statements(self, children, is_function):
         for child in children:
             last = is_function and child == children[-1]
             if child.kind in STATEMENTS or (child.kind in JUMPS and not last):
-                self._add("statement", *self._statement_range(child), ";")
+                self._add("statement", *self._statement(child), ";")
         for first, second in zip(children, children[1:]):
-            if self._may_swap(first) and self._may_swap(second):
-                (a, b), (c, d) = self._statement_range(first), self._statement_range(second)
+            if self._calls(first) and self._calls(second):
+                (a, b), (c, d) = self._statement(first), self._statement(second)
                 self._add("order", a, d, self._text(c, d) + self._text(b, c) + self._text(a, b))
 
-    def _may_swap(self, cursor):
-        """Whether a statement calls something: the order of mere assignments, or of lambdas, matters to nothing."""
+    def _calls(self, cursor):
+        """Whether a statement calls something. The order of other statements, and of lambdas, has no effect."""
         return (
-            cursor.kind in (*STATEMENTS, CursorKind.DECL_STMT)
-            and "(" in self._text(*self._range(cursor))
+            cursor.kind in [*STATEMENTS, CursorKind.DECL_STMT]
+            and "(" in self._text(*extent(cursor))
             and not any(child.kind == CursorKind.LAMBDA_EXPR for child in cursor.walk_preorder())
         )
 
 
 def mutants_of(path, options):
     """All mutants of one source, in its order."""
-    return _Finder(path, options).mutants()
+    return sorted(Finder(path, options).found.values(), key=lambda m: (m.start, m.end, m.kind, m.after))
