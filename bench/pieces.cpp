@@ -1,8 +1,8 @@
 // The daemon's components through their public headers, each against the size of what it works on.
 //
-// usage: zqu_bench_pieces FOLDER LARGEST [options of Google Benchmark]
+// usage: zqu_bench_pieces DIRECTORY LARGEST [options of Google Benchmark]
 //
-// Works in FOLDER, which has to be there, and leaves nothing in it. LARGEST bounds the sizes: snapshots and lines as
+// Works in DIRECTORY, which has to be there, and leaves nothing in it. LARGEST bounds the sizes: snapshots and lines as
 // they are, files at a thousand times as many bytes.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -31,7 +31,7 @@ namespace {
 namespace fs = std::filesystem;
 using benchmark::State;
 
-fs::path work_folder;  // set by main before anything runs
+fs::path work_directory;  // set by main before anything runs
 
 void require(bool condition, const std::string& what) {
     if (!condition) {
@@ -66,8 +66,8 @@ public:
     }
 
     explicit Snapshots(std::int64_t count) : count_(count) {
-        cfg_.def_root = work_folder / "defs";
-        cfg_.status_path = work_folder / "defs/status.json";
+        cfg_.def_root = work_directory / "defs";
+        cfg_.status_path = work_directory / "defs/status.json";
         cfg_.retained_snapshots = static_cast<std::uint32_t>(count);
         store_ = std::make_unique<zqu::SnapshotStore>(cfg_);
         for (std::int64_t i = 0; i < count; ++i) {
@@ -84,11 +84,11 @@ public:
         const fs::path snapshot = store_->stage_dir("oldest");
         write(snapshot / "antivir-v2.def", "antivir");
         write(snapshot / "aivsecon-v2.def", "aivsecon");
-        fs::last_write_time(snapshot, fs::last_write_time(folder()) - std::chrono::hours(24));
+        fs::last_write_time(snapshot, fs::last_write_time(directory()) - std::chrono::hours(24));
     }
-    [[nodiscard]] bool has_oldest() const { return fs::exists(folder() + "/oldest"); }
+    [[nodiscard]] bool has_oldest() const { return fs::exists(directory() + "/oldest"); }
     void put_into_service() { require(store_->publish(name(count_ - 1)), "cannot publish"); }
-    [[nodiscard]] std::string folder() const { return cfg_.def_root + "/snapshots"; }
+    [[nodiscard]] std::string directory() const { return cfg_.def_root + "/snapshots"; }
     zqu::SnapshotStore& store() { return *store_; }
 
 private:
@@ -120,7 +120,7 @@ void publish(State& state) {
 
 // What pruning does twice for every comparison of two snapshots, which come in no particular order there either.
 void read_time(State& state) {
-    std::vector<fs::directory_entry> snapshots(fs::directory_iterator(Snapshots::of(state.range(0)).folder()), {});
+    std::vector<fs::directory_entry> snapshots(fs::directory_iterator(Snapshots::of(state.range(0)).directory()), {});
     shuffle(snapshots);
     std::size_t next = 0;
     for ([[maybe_unused]] auto _ : state) {
@@ -150,8 +150,8 @@ void comparisons(State& state) {
 
 void write_status(State& state) {
     zqu::Config cfg;
-    cfg.def_root = work_folder / "status";
-    cfg.status_path = work_folder / "status/status.json";
+    cfg.def_root = work_directory / "status";
+    cfg.status_path = work_directory / "status/status.json";
     const zqu::SnapshotStore store(cfg);
     const zqu::SnapshotStore::Status status{"1001", "engine", "1001", "1001", 1'700'000'000, 1'700'000'000, ""};
     for ([[maybe_unused]] auto _ : state) {
@@ -171,14 +171,13 @@ std::string repeated(const std::string& line, std::int64_t count) {
 }
 
 void load_config(State& state) {
-    const fs::path path = work_folder / "updater.conf";
+    const fs::path path = work_directory / "updater.conf";
     write(path, repeated("# a line that says something\nretained_snapshots = 5\n", state.range(0) / 2));
     for ([[maybe_unused]] auto _ : state) {
         zqu::Config cfg;
         require(zqu::Config::load(path, cfg), "cannot read the configuration");
         benchmark::DoNotOptimize(cfg);
     }
-    state.counters["bytes"] = static_cast<double>(fs::file_size(path));
     fs::remove(path);
 }
 
@@ -187,7 +186,7 @@ class FileMirror {
 public:
     explicit FileMirror(std::int64_t lines) {
         const std::string others = repeated("; a line\nsome.key = some value\n", lines / 2);
-        const fs::path mirror = work_folder / "mirror";
+        const fs::path mirror = work_directory / "mirror";
         fs::create_directory(mirror);
         write(mirror / "antivir-v2-hit.ini", others + "[Current]\ndefId=1001\n");
         write(mirror / "antivir-v2-c-1001.ini", others +
@@ -195,50 +194,43 @@ public:
                                                     "def.Current.name=antivir-v2-1001.cab\n"
                                                     "def.Current.SHA256=" +
                                                     std::string(64, 'a') + "\ndef.Current.size=1000\n");
-        size_ = static_cast<std::int64_t>(fs::file_size(mirror / "antivir-v2-hit.ini"));
-        cfg_.mirror_base_url = "file://" + work_folder.string();
+        cfg_.mirror_base_url = "file://" + work_directory.string();
         cfg_.mirror_subdir = "mirror";
     }
-    ~FileMirror() { fs::remove_all(work_folder / "mirror"); }
+    ~FileMirror() { fs::remove_all(work_directory / "mirror"); }
     FileMirror(const FileMirror&) = delete;
     FileMirror& operator=(const FileMirror&) = delete;
 
     [[nodiscard]] const zqu::Config& cfg() const { return cfg_; }
-    [[nodiscard]] std::int64_t size() const { return size_; }
 
 private:
     zqu::Config cfg_;
-    std::int64_t size_ = 0;
 };
+
+template <typename Fetch>
+void fetch(State& state, const Fetch& succeeds) {
+    const FileMirror mirror(state.range(0));
+    zqu::MirrorClient client(mirror.cfg());
+    for ([[maybe_unused]] auto _ : state) {
+        require(succeeds(client), "cannot fetch an INI file, or it does not name the release");
+    }
+}
 
 // Fetching alone: what the two that follow do as well.
 void fetch_ini(State& state) {
-    const FileMirror mirror(state.range(0));
-    zqu::MirrorClient client(mirror.cfg());
     std::string body;
-    for ([[maybe_unused]] auto _ : state) {
-        require(client.http_get_string(client.hit_ini_url(), body), "cannot fetch the hit INI");
-    }
-    state.counters["bytes"] = static_cast<double>(mirror.size());
+    fetch(state, [&body](zqu::MirrorClient& client) { return client.http_get_string(client.hit_ini_url(), body); });
 }
 
 void fetch_hit(State& state) {
-    const FileMirror mirror(state.range(0));
-    zqu::MirrorClient client(mirror.cfg());
-    for ([[maybe_unused]] auto _ : state) {
-        require(client.fetch_defid() == "1001", "the hit INI does not tell the release");
-    }
-    state.counters["bytes"] = static_cast<double>(mirror.size());
+    fetch(state, [](zqu::MirrorClient& client) { return client.fetch_defid() == "1001"; });
 }
 
 void fetch_complete(State& state) {
-    const FileMirror mirror(state.range(0));
-    zqu::MirrorClient client(mirror.cfg());
-    for ([[maybe_unused]] auto _ : state) {
+    fetch(state, [](zqu::MirrorClient& client) {
         const auto info = client.fetch_complete_info("1001");
-        require(info && info->size == 1000, "the complete INI does not tell the archive");
-    }
-    state.counters["bytes"] = static_cast<double>(mirror.size());
+        return info && info->size == 1000;
+    });
 }
 
 // Every line names another file.
@@ -251,17 +243,15 @@ void parse_index(State& state) {
         const auto index = zqu::verifier::parse_def_index(text);
         require(index.size() == static_cast<std::size_t>(state.range(0)), "the index lacks files");
     }
-    state.counters["bytes"] = static_cast<double>(text.size());
 }
 
 void verify(State& state) {
-    const fs::path path = work_folder / "file";
+    const fs::path path = work_directory / "file";
     write(path, std::string(static_cast<std::size_t>(state.range(0)), 'x'));
     const std::string digest(64, '0');  // of the right length, so that it is compared
     for ([[maybe_unused]] auto _ : state) {
         require(!zqu::verifier::verify(path, digest), "a wrong digest fits");
     }
-    state.counters["bytes"] = static_cast<double>(state.range(0));
     fs::remove(path);
 }
 
@@ -296,10 +286,10 @@ void add_all(std::int64_t largest) {
 
 int main(int argc, char** argv) {
     if (argc < 3) {
-        std::fputs("usage: zqu_bench_pieces FOLDER LARGEST [options of Google Benchmark]\n", stderr);
+        std::fputs("usage: zqu_bench_pieces DIRECTORY LARGEST [options of Google Benchmark]\n", stderr);
         return 2;
     }
-    work_folder = argv[1];
+    work_directory = argv[1];
     setlogmask(LOG_MASK(LOG_EMERG));  // each publication would be logged
     add_all(std::strtoll(argv[2], nullptr, 10));
     argv[2] = argv[0];

@@ -6,12 +6,12 @@ import time
 
 
 class Relay:
-    """Listens on a free port of loopback and passes each connection on to another one. Counts connections, and the
-    bytes of their content in both directions: what TCP carries, without its headers and those below it."""
+    """Listens on a free port of loopback and passes connections on to another port. Counts them, and the bytes that TCP
+    carries in both directions, without headers."""
 
     def __init__(self, port):
         self.target = port
-        self.connections = self.sent = self.received = 0  # as the client sees it
+        self.counts = {"connections": 0, "sent": 0, "received": 0}  # as the client sees it
         self.lock = threading.Lock()
         self.listener = socket.create_server(("127.0.0.1", 0))
         self.port = self.listener.getsockname()[1]
@@ -25,17 +25,16 @@ class Relay:
         self.listener.close()
 
     def totals(self):
-        with self.lock:
-            return {"connections": self.connections, "sent": self.sent, "received": self.received}
-
-    def quiet_totals(self):
-        """The totals once nothing has passed for a while, for what a client that has gone may still have on its way."""
-        totals = self.totals()
-        while True:
+        """The counts, once nothing has passed for a while: a client that has gone may still have sent something."""
+        former = None
+        while (totals := dict(self.counts)) != former:
+            former = totals
             time.sleep(0.1)
-            former, totals = totals, self.totals()
-            if former == totals:
-                return totals
+        return totals
+
+    def _count(self, what, number):
+        with self.lock:
+            self.counts[what] += number
 
     def _accept(self):
         while True:
@@ -44,8 +43,7 @@ class Relay:
             except OSError:  # closed
                 return
             server = socket.create_connection(("127.0.0.1", self.target))
-            with self.lock:
-                self.connections += 1
+            self._count("connections", 1)
             for source, sink, direction in ((client, server, "sent"), (server, client, "received")):
                 source.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
                 threading.Thread(target=self._pass_on, args=(source, sink, direction), daemon=True).start()
@@ -53,8 +51,7 @@ class Relay:
     def _pass_on(self, source, sink, direction):
         try:
             while data := source.recv(1 << 16):
-                with self.lock:
-                    setattr(self, direction, getattr(self, direction) + len(data))
+                self._count(direction, len(data))
                 sink.sendall(data)
             sink.shutdown(socket.SHUT_WR)
         except OSError:  # one side has gone

@@ -1,4 +1,4 @@
-"""A scratch folder on disk, of which nothing is left however a run ends, nor of the processes that it started."""
+"""A scratch directory on disk, of which nothing is left however a run ends, nor of the processes that it started."""
 
 import contextlib
 import ctypes
@@ -31,13 +31,13 @@ def end_children():
 
 @contextlib.contextmanager
 def scratch():
-    """The folder. Processes that are left when the block ends are killed, and a signal that ends this process, unless
-    it is ignored, does so once they are killed and the folder is removed."""
-    with tempfile.TemporaryDirectory(prefix="zqu-bench-", dir="/var/tmp") as folder:
+    """The directory. At the end of the block, and before a signal ends this process, all processes that are left are
+    killed and the directory is removed."""
+    with tempfile.TemporaryDirectory(prefix="zqu-bench-", dir="/var/tmp") as directory:
 
         def give_up(number, _frame):
             end_children()
-            shutil.rmtree(folder, ignore_errors=True)
+            shutil.rmtree(directory, ignore_errors=True)
             end_children()  # those that other threads have started meanwhile
             signal.signal(number, signal.SIG_DFL)
             os.kill(os.getpid(), number)
@@ -47,7 +47,7 @@ def scratch():
             if former[number] != signal.SIG_IGN:
                 signal.signal(number, give_up)
         try:
-            yield pathlib.Path(folder)
+            yield pathlib.Path(directory)
         finally:
             end_children()
             for number in SIGNALS:

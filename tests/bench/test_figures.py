@@ -1,28 +1,28 @@
-"""What figures are computed with: the orders in which commands run, the instructions of a profile, the defaults."""
+"""What figures are computed with: orders, ratios, instructions of a profile, handshakes, and the waits of a fleet."""
 
 import collections
-import subprocess
 import sys
 
 import pytest
 from builds import REPOSITORY
-from gateway import DAEMON, SANITIZED, STARTED, wait_for
+from gateway import SANITIZED, STARTED
+from paced import PacedDaemon, cycles_of
 
 sys.path.append(str(REPOSITORY / "bench"))
-import callgrind  # noqa: E402  (from the folder named just before)
-import check  # noqa: E402
+import check  # noqa: E402  (from the directory named just before)
 import compare  # noqa: E402
-import gateways  # noqa: E402
-import machine  # noqa: E402
+import fleet  # noqa: E402
+import loop  # noqa: E402
 import measure  # noqa: E402
 import startup  # noqa: E402
 import update  # noqa: E402
+from fleet import model  # noqa: E402
 
 pytestmark = pytest.mark.skipif(SANITIZED, reason="measured is what is shipped")
 
 
 @pytest.mark.parametrize("count", range(2, 9))
-def test_each_contender_has_each_place_and_follows_each_other_equally_often(count):
+def test_orders_are_even_in_places_and_followers(count):
     orders = measure.orders(count)
     places = collections.Counter(pair for order in orders for pair in enumerate(order))
     pairs = collections.Counter(pair for order in orders for pair in zip(order, order[1:]))
@@ -31,38 +31,36 @@ def test_each_contender_has_each_place_and_follows_each_other_equally_often(coun
     assert (len(pairs), len(set(pairs.values()))) == (count * (count - 1), 1)
 
 
-def test_contenders_run_in_these_orders_over_and_over():
+ROUNDS = {
+    len(update.TITLES): update.SIZES.values(),
+    len(check.TITLES): [check.ROUNDS],
+    len(startup.TITLES): [startup.ROUNDS],
+    len(compare.NAMES): [*compare.UPDATES.values(), compare.CHECKS, compare.STARTS, compare.PEAKS],
+}
+
+
+@pytest.mark.parametrize(("contenders", "rounds"), ROUNDS.items(), ids=map(str, ROUNDS))
+def test_rounds_are_whole_sets_of_orders(contenders, rounds):
+    assert [count % len(measure.orders(contenders)) for count in rounds] == [0] * len(rounds)
+
+
+def test_contest_takes_medians_and_ratios_within_a_round():
     ran = []
-    contenders = {name: lambda name=name: ran.append(name) or {"wall": len(ran)} for name in "abc"}
-    costs = measure.in_turn(contenders, 7)
-    orders = measure.orders(3)
-    assert ["".join(ran[3 * i : 3 * i + 3]) for i in range(7)] == [
-        "".join("abc"[number] for number in order) for order in [*orders, orders[0]]
+
+    def contender(name, *walls):
+        costs = iter(walls)
+        return lambda: ran.append(name) or {"cpu": 2, "system": 1, "faults": 7, "wall": next(costs)}
+
+    contenders = {"a": contender("a", 1, 4, 9), "b": contender("b", 2, 1, 3), "c": contender("c", 1, 1, 1)}
+    result = measure.contest(contenders, 3)
+    assert "".join(ran) == "".join("abc"[number] for order in measure.orders(3)[:3] for number in order)
+    assert result["costs"]["a"]["wall"] == {"median": 4, "low": 2.5, "high": 6.5}
+    assert [result["costs"]["b"][field] for field in ("wall", "system")] == [
+        {"median": 2, "low": 1.5, "high": 2.5},
+        0.5,
     ]
-    assert costs["b"] == [{"wall": 3 * i + ran[3 * i : 3 * i + 3].index("b") + 1} for i in range(7)]
-
-
-@pytest.mark.parametrize(
-    "rounds, contenders",
-    [
-        *((rounds, len(update.TITLES)) for rounds in update.SIZES.values()),
-        (check.ROUNDS, 3),
-        (startup.ROUNDS, len(startup.WHOLE)),
-        (startup.FIRST_ROUNDS, len(startup.FIRST)),
-        *((rounds, 2) for rounds in (*compare.UPDATES.values(), compare.CHECKS, compare.STARTS, compare.PEAKS)),
-    ],
-)
-def test_rounds_are_whole_sets_of_orders(rounds, contenders):
-    assert rounds % len(measure.orders(contenders)) == 0
-
-
-def test_instructions_of_a_profile_come_to_its_total(tmp_path):
-    out = tmp_path / "callgrind.out"
-    command = [*callgrind.prefix(out), DAEMON, "--help"]
-    subprocess.run(command, stdout=subprocess.DEVNULL, check=True, timeout=60)
-    counts = callgrind.counts(out)
-    assert counts.total() == int(out.read_text().rsplit("totals:", 1)[1])
-    assert DAEMON.name in counts and counts["ld-linux-x86-64.so.2"] > 0
+    assert sorted(result["ratios"]) == ["a to b", "a to c"]
+    assert result["ratios"]["a to b"]["wall"] == {"median": 3, "low": 1.75, "high": 3.5}
 
 
 PROFILE = """\
@@ -84,28 +82,40 @@ totals: 135
 """
 
 
-def test_inlined_functions_count_for_the_program_and_calls_for_the_library():
-    assert callgrind.counts_of(PROFILE.splitlines()) == {"program": 35, "library.so": 100}
+def test_inlined_code_counts_for_its_program():
+    assert measure.counted_instructions(PROFILE.splitlines()) == {"program": 35, "library.so": 100}
 
 
 @pytest.mark.parametrize("damage", [("totals: 135", "totals: 136"), ("7 100\n", ""), ("totals: 135\n", "")])
-def test_profile_that_does_not_come_to_its_total_is_refused(damage):
+def test_profile_unequal_to_its_total_is_refused(damage):
     with pytest.raises(AssertionError, match="instructions are listed"):
-        callgrind.counts_of(PROFILE.replace(*damage).splitlines())
+        measure.counted_instructions(PROFILE.replace(*damage).splitlines())
 
 
-def test_defaults_that_costs_are_scaled_to_are_the_daemons(gateway, closed_port):
-    gateway.settings["mirror_base_url"] = f"https://127.0.0.1:{closed_port}"
-    process = gateway.start()
-    wait_for(lambda: gateway.log_path.exists() and "loop started" in gateway.log_path.read_text(), process)
-    assert STARTED.format(gateways.INTERVAL_S, gateways.JITTER_S) in gateway.take_log()
+def test_handshakes_follow_from_connections_and_sessions():
+    requests = [line.split() for line in ("4 . 200", "4 . 200", "5 r 200", "5 r 200", "6 . 200", "4 . 200")]
+    assert list(loop.handshakes(requests)) == ["full", "none", "resumed", "none", "full", "full"]
 
 
-def test_handshakes_are_told_from_connections_and_sessions():
-    lines = [line.split() for line in ("4 . 200", "4 . 200", "5 r 200", "5 r 200", "6 . 200", "4 . 200")]
-    assert list(check.handshakes(lines)) == ["full", "none", "resumed", "none", "full", "full"]
+@pytest.mark.parametrize("poll", [(900, 120), (601, 127), (3, 1000), (0, 61)], ids=str)
+def test_waits_of_the_model_are_the_daemons(poll, gateway, mirror):
+    gateway.settings.update(poll_interval_s=poll[0], poll_jitter_s=poll[1])
+    mirror.publish("1001")
+    with PacedDaemon(gateway) as daemon:
+        daemon.until_gate()
+        daemon.run_until(25)  # two readings of the clock for each cycle
+        cycles = cycles_of(daemon.until_gate())
+    ends = [(cycle.end - model.EPOCH_S) * model.SECOND for cycle in cycles]
+    waits = [model.wait_s(daemon.process.pid, end, *poll) for end in ends]
+    assert waits == [len(cycle.sleeps) for cycle in cycles] and len(set(waits)) > 1
 
 
-def test_file_system_that_cannot_be_told_is_unknown(tmp_path):
-    assert machine.file_system(tmp_path / "missing") == "unknown"
-    assert machine.file_system(tmp_path) != "unknown"
+def test_default_waits_of_the_sizes_are_the_daemons(gateway):
+    with PacedDaemon(gateway) as daemon:
+        assert daemon.until_gate()[-1] == STARTED.format(fleet.INTERVAL_S, fleet.JITTER_S)
+
+
+def test_checks_of_the_second_day_are_counted():
+    counts, following = model.second_day(100, 900, 0, check=(2_000_000, 2_000_000), late=10_000, day_s=1800)
+    assert {second: count for second, count in enumerate(counts) if count} == {22: 100, 933: 100}
+    assert {int(second) for second in following} == {44}

@@ -25,8 +25,8 @@ FLOOR_ONLY = [r'unlink "antivir-v2\.ini"\n', r"open FILE\n(?=EVP_MD_CTX_new)", r
 
 
 def calls(path, left_out):
-    """What was recorded: without addresses and folders, and the archive under one name. The order in which the files
-    are flushed is that of the folder."""
+    """What was recorded: without addresses and directories, and the archive under one name. Files are flushed in the
+    order of their directory."""
     text = re.sub(r" 0x[0-9a-f]+", "", path.read_text())
     path.unlink()
     text = re.sub(r'"(?!https|snapshots/)[^"\n]*/', '"', text).replace('""', '"snapshot or root"')
