@@ -1,27 +1,28 @@
 #include "config.hpp"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <functional>
 #include <stdexcept>
 #include <tuple>
 #include <type_traits>
 
+#include "expectations.hpp"
 #include "support.hpp"
 
 namespace zqu::test {
 namespace {
 
-auto fields(const Config& c) {
-    return std::tie(c.mirror_base_url, c.mirror_subdir, c.flavor, c.ca_path, c.engine_version, c.def_root,
-                    c.status_path, c.poll_interval_s, c.poll_jitter_s, c.retained_snapshots, c.http_timeout_s);
+// The defaults but for one field.
+template <typename Field, typename Value>
+Config with(Field Config::*field, const Value& value) {
+    Config cfg;
+    cfg.*field = value;
+    return cfg;
 }
 
-bool same(const Config& a, const Config& b) {
-    return fields(a) == fields(b);
-}
-
-class ConfigTest : public ::testing::Test {
+class ConfigTest : public LoggedTest {
 protected:
     // The defaults overlaid with a file of this text, which must load.
     Config loaded(const std::string& text) {
@@ -31,54 +32,51 @@ protected:
         return cfg;
     }
 
-    TempDir dir_;
-    std::string path_ = dir_ / "conf";
-    LogCapture log_;
+    // Loads a file in which the number in the second line is malformed.
+    template <typename Error>
+    void expect_refused(const std::string& number) {
+        SCOPED_TRACE(number);
+        Config cfg;
+        write_file(path_, "flavor = v3\n" + number + "\nca_path = never\n");
+        try {
+            static_cast<void>(Config::load(path_, cfg));
+            FAIL() << "is accepted";
+        } catch (const Error& e) {
+            EXPECT_STREQ(e.what(), "stoul");
+        }
+        EXPECT_EQ(fields(cfg), fields(with(&Config::flavor, "v3")));
+    }
 
-    void TearDown() override { EXPECT_EQ(log_.take(), std::vector<std::string>{}); }
+    static void expect_valid(const Config& cfg, bool valid, const std::string& expected) {
+        std::string reason = "as it was";
+        EXPECT_EQ(cfg.validate(reason), valid);
+        EXPECT_EQ(reason, expected);
+    }
+
+    std::string path_ = dir_ / "conf";
 };
 
 TEST_F(ConfigTest, DefaultsAreTheirLiterals) {
-    const Config c;
-    EXPECT_EQ(c.mirror_base_url, "https://definitions.zelgw.example");
-    EXPECT_EQ(c.mirror_subdir, "rhex/deffiles/def5-2");
-    EXPECT_EQ(c.flavor, "v2");
-    EXPECT_EQ(c.ca_path, "");
-    EXPECT_EQ(c.engine_version, "");
-    EXPECT_EQ(c.def_root, "/usr/local/zelgw/opt/av/quorin/defs");
-    EXPECT_EQ(c.status_path, "/usr/local/zelgw/opt/av/quorin/defs/manifest/status.json");
-    EXPECT_EQ(c.poll_interval_s, 900U);
-    EXPECT_EQ(c.poll_jitter_s, 120U);
-    EXPECT_EQ(c.retained_snapshots, 3U);
-    EXPECT_EQ(c.http_timeout_s, 300U);
+    EXPECT_EQ(fields(Config()),
+              std::make_tuple("https://definitions.zelgw.example", "rhex/deffiles/def5-2", "v2", "", "",
+                              "/usr/local/zelgw/opt/av/quorin/defs",
+                              "/usr/local/zelgw/opt/av/quorin/defs/manifest/status.json", 900U, 120U, 3U, 300U));
 }
 
 TEST_F(ConfigTest, FieldsStandInTheirOrder) {
     const Config c;
-    const auto at = [&c](const auto& field) {
-        return reinterpret_cast<const char*>(&field) - reinterpret_cast<const char*>(&c);
-    };
-    EXPECT_EQ(at(c.mirror_base_url), 0);
-    EXPECT_LT(at(c.mirror_base_url), at(c.mirror_subdir));
-    EXPECT_LT(at(c.mirror_subdir), at(c.flavor));
-    EXPECT_LT(at(c.flavor), at(c.ca_path));
-    EXPECT_LT(at(c.ca_path), at(c.engine_version));
-    EXPECT_LT(at(c.engine_version), at(c.def_root));
-    EXPECT_LT(at(c.def_root), at(c.status_path));
-    EXPECT_LT(at(c.status_path), at(c.poll_interval_s));
-    EXPECT_LT(at(c.poll_interval_s), at(c.poll_jitter_s));
-    EXPECT_LT(at(c.poll_jitter_s), at(c.retained_snapshots));
-    EXPECT_LT(at(c.retained_snapshots), at(c.http_timeout_s));
+    const auto addresses = [](const auto&... field) { return std::vector<const void*>{&field...}; };
+    const auto at = std::apply(addresses, fields(c));
+    EXPECT_EQ(at.front(), &c);
+    EXPECT_TRUE(std::is_sorted(at.begin(), at.end(), std::less<>()));
     EXPECT_TRUE((std::is_same_v<decltype(c.http_timeout_s), std::uint32_t>));
     EXPECT_TRUE(std::is_copy_constructible_v<Config>);
 }
 
 TEST_F(ConfigTest, MissingFileFailsAndTouchesNothing) {
-    Config cfg;
-    cfg.flavor = "kept";
-    Config before = cfg;
+    Config cfg = with(&Config::flavor, "kept");
     EXPECT_FALSE(Config::load(dir_ / "none", cfg));
-    EXPECT_TRUE(same(cfg, before));
+    EXPECT_EQ(fields(cfg), fields(with(&Config::flavor, "kept")));
 }
 
 TEST_F(ConfigTest, UnreadableFileFailsAndTouchesNothing) {
@@ -87,23 +85,13 @@ TEST_F(ConfigTest, UnreadableFileFailsAndTouchesNothing) {
     Config cfg;
     const AsOrdinaryUser user({dir_.path(), path_});
     EXPECT_FALSE(Config::load(path_, cfg));
-    EXPECT_TRUE(same(cfg, Config()));
+    EXPECT_EQ(fields(cfg), fields(Config()));
 }
 
 TEST_F(ConfigTest, DirectoryInPlaceOfTheFileLoadsAsEmpty) {
     Config cfg;
     EXPECT_TRUE(Config::load(dir_.path(), cfg));
-    EXPECT_TRUE(same(cfg, Config()));
-}
-
-TEST_F(ConfigTest, EmptyFileKeepsTheDefaults) {
-    EXPECT_TRUE(same(loaded(""), Config()));
-}
-
-TEST_F(ConfigTest, CommentsBlanksSectionsAndUnknownKeysKeepTheDefaults) {
-    EXPECT_TRUE(same(loaded("# flavor = x\n   # flavor = x\n\n \t\v\f\r\n[flavor]\nflavor\nno_such_key = 1\n"
-                            "; flavor = x\n=\n= x\n"),
-                     Config()));
+    EXPECT_EQ(fields(cfg), fields(Config()));
 }
 
 TEST_F(ConfigTest, EveryKeySetsItsOwnField) {
@@ -113,121 +101,75 @@ TEST_F(ConfigTest, EveryKeySetsItsOwnField) {
     EXPECT_EQ(fields(c), std::make_tuple("a", "b", "c", "d", "e", "f", "g", 1U, 2U, 3U, 4U));
 }
 
-TEST_F(ConfigTest, BlanksAroundKeySignAndValueVanish) {
-    EXPECT_EQ(loaded(" \t poll_interval_s \t=\t 60 \t \n").poll_interval_s, 60U);
-}
-
-TEST_F(ConfigTest, CarriageReturnsVanish) {
-    EXPECT_EQ(loaded("poll_interval_s = 60\r\n").poll_interval_s, 60U);
-    EXPECT_EQ(loaded("flavor = v3\r\n").flavor, "v3");
-}
-
-TEST_F(ConfigTest, LastLineNeedsNoLineFeed) {
-    EXPECT_EQ(loaded("flavor = v3").flavor, "v3");
-}
-
 TEST_F(ConfigTest, LinesMayBeVeryLong) {
     const std::string value(3'000'000, 'x');
     EXPECT_EQ(loaded("flavor = " + value + "\n").flavor, value);
 }
 
-TEST_F(ConfigTest, SplitIsAtTheFirstEqualsSign) {
-    EXPECT_EQ(loaded("mirror_base_url = https://mirror/x=y\n").mirror_base_url, "https://mirror/x=y");
+// What the defaults become by a file of this text.
+struct FileCase : Verdict {
+    std::string text;
+    Config expected{};
+};
+
+class ConfigFileTest : public ConfigTest, public ::testing::WithParamInterface<FileCase> {};
+
+TEST_P(ConfigFileTest, IsReadAsDocumented) {
+    EXPECT_EQ(fields(loaded(GetParam().text)), fields(GetParam().expected));
 }
 
-TEST_F(ConfigTest, TrailingCommentIsPartOfTheValue) {
-    EXPECT_EQ(loaded("flavor = v2 # default\n").flavor, "v2 # default");
-}
+const FileCase file_cases[] = {
+    {"EmptyFile", ""},
+    {"CommentsSectionsAndOtherKeys",
+     "# flavor = x\n   # flavor = x\n\n \t\v\f\r\n[flavor]\nflavor\nno_such_key = 1\n; flavor = x\n=\n= x\n"},
+    {"BlanksAroundKeySignAndValue", " \t poll_jitter_s \t=\t 60 \t \n", with(&Config::poll_jitter_s, 60U)},
+    {"CarriageReturnAfterANumber", "poll_interval_s = 60\r\n", with(&Config::poll_interval_s, 60U)},
+    {"CarriageReturnAfterAText", "flavor = v3\r\n", with(&Config::flavor, "v3")},
+    {"LastLineWithoutLineFeed", "flavor = v3", with(&Config::flavor, "v3")},
+    {"FirstEqualsSignParts", "ca_path = x/y=z\n", with(&Config::ca_path, "x/y=z")},
+    {"TrailingCommentIsPartOfTheValue", "flavor = v2 # default\n", with(&Config::flavor, "v2 # default")},
+    {"LineThatEndsLikeACommentIsNone", "flavor = v2#\n", with(&Config::flavor, "v2#")},
+    {"QuotationMarksAreKept", "flavor = \"v 2\"\n", with(&Config::flavor, "\"v 2\"")},
+    {"OnlyBlanksAreTrimmed", "flavor = \x01v\xC4\xA0\n", with(&Config::flavor, "\x01v\xC4\xA0")},
+    {"KeysAreCaseSensitive", "Flavor = v3\nFLAVOR = v3\n"},
+    {"LineThatStartsWithAnEqualsSign", "= v3\n"},
+    {"SemicolonBeginsNoComment", "flavor = ;x\n", with(&Config::flavor, ";x")},
+    {"EmptyValue", "flavor =\n", with(&Config::flavor, "")},
+    {"ValueOfBlanks", "flavor =   \n", with(&Config::flavor, "")},
+    {"LastTextWins", "flavor = a\nflavor = b\n", with(&Config::flavor, "b")},
+    {"LastNumberWins", "poll_jitter_s = 1\npoll_jitter_s = 2\n", with(&Config::poll_jitter_s, 2U)},
+    {"MovedRootLeavesTheStatusPath", "def_root = /srv/defs\n", with(&Config::def_root, "/srv/defs")},
+};
+INSTANTIATE_TEST_SUITE_P(Case, ConfigFileTest, ::testing::ValuesIn(file_cases), ByVerdict());
 
-TEST_F(ConfigTest, LineThatEndsLikeACommentIsNone) {
-    EXPECT_EQ(loaded("flavor = v2#\n").flavor, "v2#");
-}
-
-TEST_F(ConfigTest, QuotationMarksAreKept) {
-    EXPECT_EQ(loaded("flavor = \"v 2\"\n").flavor, "\"v 2\"");
-}
-
-TEST_F(ConfigTest, OnlyBlanksAreTrimmed) {
-    EXPECT_EQ(loaded("flavor = \x01v\xC4\xA0\n").flavor, "\x01v\xC4\xA0");
-}
-
-TEST_F(ConfigTest, KeysAreCaseSensitive) {
-    EXPECT_EQ(loaded("Flavor = v3\nFLAVOR = v3\n").flavor, "v2");
-}
-
-TEST_F(ConfigTest, LineThatStartsWithAnEqualsSignIsIgnored) {
-    EXPECT_TRUE(same(loaded("= v3\n"), Config()));
-}
-
-TEST_F(ConfigTest, SemicolonBeginsNoComment) {
-    EXPECT_EQ(loaded("flavor = ;x\n").flavor, ";x");
-}
-
-TEST_F(ConfigTest, EmptyValueEmptiesATextField) {
-    EXPECT_EQ(loaded("flavor =\n").flavor, "");
-    EXPECT_EQ(loaded("flavor =   \n").flavor, "");
-}
-
-TEST_F(ConfigTest, LastOfTwoLinesWins) {
-    EXPECT_EQ(loaded("flavor = a\nflavor = b\n").flavor, "b");
-    EXPECT_EQ(loaded("poll_jitter_s = 1\npoll_jitter_s = 2\n").poll_jitter_s, 2U);
-}
-
-TEST_F(ConfigTest, NumbersKeepTheirLow32Bits) {
-    EXPECT_EQ(loaded("retained_snapshots = 4294967295\n").retained_snapshots, 4294967295U);
-    EXPECT_EQ(loaded("retained_snapshots = 4294967296\n").retained_snapshots, 0U);
-    EXPECT_EQ(loaded("retained_snapshots = 4294967297\n").retained_snapshots, 1U);
-    EXPECT_EQ(loaded("retained_snapshots = 18446744073709551615\n").retained_snapshots, 0xFFFFFFFFU);
-}
-
-TEST_F(ConfigTest, NegativeNumbersWrapAround) {
-    EXPECT_EQ(loaded("retained_snapshots = -1\n").retained_snapshots, 0xFFFFFFFFU);
-}
-
-TEST_F(ConfigTest, TextAfterTheDigitsIsIgnored) {
-    EXPECT_EQ(loaded("retained_snapshots = 5x\n").retained_snapshots, 5U);
-    EXPECT_EQ(loaded("poll_interval_s = 900s\n").poll_interval_s, 900U);
-    EXPECT_EQ(loaded("poll_interval_s = 1.9\n").poll_interval_s, 1U);
-}
-
-TEST_F(ConfigTest, NumbersAreReadInBaseTenWithAnOptionalSign) {
-    EXPECT_EQ(loaded("http_timeout_s = +7\n").http_timeout_s, 7U);
-    EXPECT_EQ(loaded("http_timeout_s = 010\n").http_timeout_s, 10U);
-    EXPECT_EQ(loaded("http_timeout_s = 0x10\n").http_timeout_s, 0U);
-}
-
-TEST_F(ConfigTest, NumberWithoutDigitsThrowsAndKeepsEarlierLines) {
-    for (const char* key : {"poll_interval_s", "poll_jitter_s", "retained_snapshots", "http_timeout_s"}) {
-        for (const char* value : {"", "abc", "-", "+ 1"}) {
-            Config cfg;
-            write_file(path_, "flavor = v3\n" + std::string(key) + " = " + value + "\nca_path = never\n");
-            try {
-                static_cast<void>(Config::load(path_, cfg));
-                FAIL() << key << " = " << value;
-            } catch (const std::invalid_argument& e) {
-                EXPECT_STREQ(e.what(), "stoul");
-            }
-            EXPECT_EQ(cfg.flavor, "v3");
-            EXPECT_EQ(cfg.ca_path, "");
+TEST_F(ConfigTest, NumbersAreWhatStoulReadsInTheirLow32Bits) {
+    const std::pair<const char*, std::uint32_t> cases[] = {
+        {"4294967295", 4294967295U},
+        {"4294967296", 0},
+        {"4294967297", 1},
+        {"18446744073709551615", 0xFFFFFFFFU},
+        {"-1", 0xFFFFFFFFU},
+        {"5x", 5},
+        {"900s", 900},
+        {"1.9", 1},
+        {"+7", 7},
+        {"010", 10},
+        {"0x10", 0},
+    };
+    for (const auto& [key, field] : number_settings) {
+        for (const auto& [value, number] : cases) {
+            EXPECT_EQ(fields(loaded(key + " = " + value + "\n")), fields(with(field, number))) << key << " = " << value;
         }
     }
 }
 
-TEST_F(ConfigTest, NumberBeyond64BitsThrows) {
-    Config cfg;
-    write_file(path_, "poll_interval_s = 18446744073709551616\n");
-    try {
-        static_cast<void>(Config::load(path_, cfg));
-        FAIL();
-    } catch (const std::out_of_range& e) {
-        EXPECT_STREQ(e.what(), "stoul");
+TEST_F(ConfigTest, MalformedNumberThrowsAndKeepsEarlierLines) {
+    for (const auto& [key, field] : number_settings) {
+        for (const char* value : {"", "abc", "-", "+ 1"}) {
+            expect_refused<std::invalid_argument>(key + " = " + value);
+        }
+        expect_refused<std::out_of_range>(key + " = 18446744073709551616");
     }
-}
-
-TEST_F(ConfigTest, MovingTheRootLeavesTheStatusPath) {
-    const Config c = loaded("def_root = /srv/defs\n");
-    EXPECT_EQ(c.def_root, "/srv/defs");
-    EXPECT_EQ(c.status_path, "/usr/local/zelgw/opt/av/quorin/defs/manifest/status.json");
 }
 
 TEST_F(ConfigTest, NoSettingIsTakenFromTheEnvironment) {
@@ -238,31 +180,14 @@ TEST_F(ConfigTest, NoSettingIsTakenFromTheEnvironment) {
     unsetenv("FLAVOR");
 }
 
-TEST_F(ConfigTest, DefaultsAreValidAndLeaveTheReasonAlone) {
-    std::string reason = "as it was";
-    EXPECT_TRUE(Config().validate(reason));
-    EXPECT_EQ(reason, "as it was");
-}
-
-TEST_F(ConfigTest, MissingMirrorIsReportedFirst) {
-    const Config c = loaded("mirror_base_url =\nflavor =\n");
-    std::string reason;
-    EXPECT_FALSE(c.validate(reason));
-    EXPECT_EQ(reason, "mirror_base_url is not set (the updater will idle, performing no checks)");
-}
-
-TEST_F(ConfigTest, MissingFlavorIsReported) {
-    std::string reason;
-    EXPECT_FALSE(loaded("flavor =\n").validate(reason));
-    EXPECT_EQ(reason, "flavor is not set");
-}
-
-TEST_F(ConfigTest, NothingElseIsValidated) {
-    std::string reason = "as it was";
-    EXPECT_TRUE(loaded("mirror_subdir =\nca_path =\nengine_version =\ndef_root =\nstatus_path =\npoll_interval_s = 0\n"
-                       "poll_jitter_s = 0\nretained_snapshots = 0\nhttp_timeout_s = 0\n")
-                    .validate(reason));
-    EXPECT_EQ(reason, "as it was");
+TEST_F(ConfigTest, OnlyMirrorAndFlavorAreValidatedInThisOrder) {
+    expect_valid({}, true, "as it was");
+    expect_valid(loaded("mirror_base_url =\nflavor =\n"), false,
+                 "mirror_base_url is not set (the updater will idle, performing no checks)");
+    expect_valid(loaded("flavor =\n"), false, "flavor is not set");
+    expect_valid(loaded("mirror_subdir =\nca_path =\nengine_version =\ndef_root =\nstatus_path =\npoll_interval_s = 0\n"
+                        "poll_jitter_s = 0\nretained_snapshots = 0\nhttp_timeout_s = 0\n"),
+                 true, "as it was");
 }
 
 }  // namespace

@@ -2,18 +2,15 @@
 
 #include <archive.h>
 #include <archive_entry.h>
-#include <gtest/gtest.h>
 #include <libgcab.h>
 #include <openssl/evp.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -22,8 +19,6 @@
 
 namespace zqu::test {
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr uid_t nobody = 65534;
 
@@ -92,8 +87,8 @@ void make_dirs(const std::string& path) {
     fs::create_directories(path);
 }
 
-std::vector<std::string> listing(const std::string& dir) {
-    std::vector<std::string> names;
+Lines listing(const std::string& dir) {
+    Lines names;
     for (const auto& entry : fs::recursive_directory_iterator(dir)) {
         std::string name = entry.path().lexically_relative(dir).string();
         if (entry.is_symlink()) {
@@ -119,6 +114,13 @@ std::string sha256(const std::string& content) {
     return hex.str();
 }
 
+std::string damaged(std::string bytes, std::size_t begin, std::size_t end) {
+    for (std::size_t i = begin; i < end; ++i) {
+        bytes.at(i) = static_cast<char>(~bytes.at(i));
+    }
+    return bytes;
+}
+
 LogCapture::LogCapture() {
     setenv("ZQU_LOG_FILE", (dir_ / "log").c_str(), 1);
     static_cast<void>(chmod(dir_.path().c_str(), 0777));
@@ -128,8 +130,8 @@ LogCapture::~LogCapture() {
     unsetenv("ZQU_LOG_FILE");
 }
 
-std::vector<std::string> LogCapture::take() {
-    std::vector<std::string> lines;
+Lines LogCapture::take() {
+    Lines lines;
     std::ifstream in(dir_ / "log");
     for (std::string line; std::getline(in, line);) {
         lines.push_back(line);
@@ -153,7 +155,7 @@ AsOrdinaryUser::~AsOrdinaryUser() {
     }
 }
 
-void write_zip(const std::string& path, const std::vector<ArchiveEntry>& entries) {
+void write_zip(const std::string& path, const Entries& entries) {
     const std::unique_ptr<archive, int (*)(archive*)> zip(archive_write_new(), archive_write_free);
     archive_write_set_format_zip(zip.get());
     require(archive_write_open_filename(zip.get(), path.c_str()) == ARCHIVE_OK, "open zip");
@@ -177,7 +179,7 @@ void write_zip(const std::string& path, const std::vector<ArchiveEntry>& entries
     require(archive_write_close(zip.get()) == ARCHIVE_OK, "close zip");
 }
 
-void write_cab(const std::string& path, const std::vector<ArchiveEntry>& entries) {
+void write_cab(const std::string& path, const Entries& entries) {
     const std::unique_ptr<GCabCabinet, void (*)(gpointer)> cabinet(gcab_cabinet_new(), g_object_unref);
     const std::unique_ptr<GCabFolder, void (*)(gpointer)> folder(gcab_folder_new(GCAB_COMPRESSION_MSZIP),
                                                                  g_object_unref);
@@ -215,7 +217,7 @@ std::string Mirror::content(const std::string& file, const std::string& id) {
     return "content of " + file + " in release " + id + "\n";
 }
 
-std::vector<ArchiveEntry> Mirror::release_entries(const std::string& id) const {
+Entries Mirror::release_entries(const std::string& id) const {
     const std::string a = "antivir-" + flavor_ + ".def";
     const std::string b = "aivsecon-" + flavor_ + ".def";
     return {{a, content(a, id)},
@@ -224,12 +226,16 @@ std::vector<ArchiveEntry> Mirror::release_entries(const std::string& id) const {
                                                 ".sha256 = " + sha256(content(b, id)) + "\n"}};
 }
 
-void Mirror::publish(const std::string& id, const std::vector<ArchiveEntry>& entries) {
+void Mirror::publish(const std::string& id, const Entries& entries) const {
     const std::string cab = "release-" + id + ".cab";
     write_zip(path(cab), entries);
+    announce(id, cab, read_file(path(cab)));
+}
+
+void Mirror::announce(const std::string& id, const std::string& cab, const std::string& bytes) const {
+    write(cab, bytes);
     write("antivir-" + flavor_ + "-c-" + id + ".ini", "[def]\ndef.Current.defId=" + id + "\ndef.Current.name=" + cab +
-                                                          "\ndef.Current.SHA256=" + sha256(read_file(path(cab))) +
-                                                          "\n");
+                                                          "\ndef.Current.SHA256=" + sha256(bytes) + "\n");
     write("antivir-" + flavor_ + "-hit.ini", "[Current]\ndefId=" + id + "\n");
 }
 

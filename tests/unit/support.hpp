@@ -2,19 +2,38 @@
 // libarchive and libgcab, a mirror on disk, and stand-ins for the clock, the process id and the sleep.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
-#include <csignal>
 #include <ctime>
+#include <filesystem>
 #include <functional>
-#include <map>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
 #include "config.hpp"
 
 namespace zqu::test {
+
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+
+// What a row of a table of cases begins with. The test of the row is named after it.
+struct Verdict {
+    Verdict(const char* text) : verdict(text) {}
+    const char* verdict;
+};
+inline std::ostream& operator<<(std::ostream& out, const Verdict& row) {
+    return out << row.verdict;
+}
+struct ByVerdict {
+    template <typename Row>
+    std::string operator()(const ::testing::TestParamInfo<Row>& info) const {
+        return info.param.verdict;
+    }
+};
 
 // A directory of its own, removed with all it holds.
 class TempDir {
@@ -37,9 +56,12 @@ void write_file(const std::string& path, const std::string& content);
 void make_dirs(const std::string& path);
 
 // Everything below dir, sorted: files by name, directories with a trailing "/", links as "name -> target".
-[[nodiscard]] std::vector<std::string> listing(const std::string& dir);
+[[nodiscard]] Lines listing(const std::string& dir);
 
 [[nodiscard]] std::string sha256(const std::string& content);
+
+// The bytes, of which those from begin up to end are inverted.
+[[nodiscard]] std::string damaged(std::string bytes, std::size_t begin, std::size_t end);
 
 // Captures what is sent to syslog(3) from its construction on.
 class LogCapture {
@@ -50,10 +72,19 @@ public:
     LogCapture& operator=(const LogCapture&) = delete;
 
     // "<priority> <text>" for each message so far, and forgets them.
-    [[nodiscard]] std::vector<std::string> take();
+    [[nodiscard]] Lines take();
 
 private:
     TempDir dir_;
+};
+
+// Each test has a directory of its own, and has to take every line from the log.
+class LoggedTest : public ::testing::Test {
+protected:
+    TempDir dir_;
+    LogCapture log_;
+
+    void TearDown() override { EXPECT_EQ(log_.take(), Lines{}); }
 };
 
 // Gives up the rights of the superuser until it is destroyed, so that permissions count. The temporary directories
@@ -69,18 +100,22 @@ private:
     uid_t former_;
 };
 
+constexpr unsigned int regular_file = 0100000, directory = 0040000, symbolic_link = 0120000;  // as in stat(2)
+
 struct ArchiveEntry {
     std::string name;
     std::string content{};
-    unsigned int type = 0100000;  // as in stat(2)
+    unsigned int type = regular_file;
     unsigned int mode = 0644;
     std::string link_target{};
     std::time_t mtime = 1'700'000'000;
     int owner = 0;  // user and group
 };
 
-void write_zip(const std::string& path, const std::vector<ArchiveEntry>& entries);
-void write_cab(const std::string& path, const std::vector<ArchiveEntry>& entries);  // MSZIP, regular files only
+using Entries = std::vector<ArchiveEntry>;
+
+void write_zip(const std::string& path, const Entries& entries);
+void write_cab(const std::string& path, const Entries& entries);  // MSZIP, regular files only
 
 // A mirror in a directory, reached by a file:// URL.
 class Mirror {
@@ -91,11 +126,14 @@ public:
     [[nodiscard]] Config config(const std::string& root) const;
 
     // The archive's entries for a good release: both definition files and the index.
-    [[nodiscard]] std::vector<ArchiveEntry> release_entries(const std::string& id) const;
+    [[nodiscard]] Entries release_entries(const std::string& id) const;
 
     // Announces the id with an archive of these entries, "release-<id>.cab".
-    void publish(const std::string& id, const std::vector<ArchiveEntry>& entries);
-    void publish(const std::string& id) { publish(id, release_entries(id)); }
+    void publish(const std::string& id, const Entries& entries) const;
+    void publish(const std::string& id) const { publish(id, release_entries(id)); }
+
+    // Announces the id with these bytes as an archive of that name.
+    void announce(const std::string& id, const std::string& cab, const std::string& bytes) const;
 
     void write(const std::string& name, const std::string& content) const;
     void remove(const std::string& name) const;

@@ -1,12 +1,10 @@
-#include <gtest/gtest.h>
-
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
-#include <filesystem>
 #include <functional>
-#include <ostream>
 
+#include "expectations.hpp"
 #include "http_server.hpp"
 #include "support.hpp"
 #include "updater.hpp"
@@ -14,15 +12,15 @@
 namespace zqu::test {
 namespace {
 
-using Lines = std::vector<std::string>;
+constexpr std::time_t first_check = 1'800'000'000;
 using Waits = std::vector<std::uint32_t>;
 
 // Runs the loop against a server that sees each cycle begin: it counts the sleeps between two requests of the hit INI
 // and decides what that cycle will meet.
-class RunLoopTest : public ::testing::Test {
+class RunLoopTest : public LoggedTest {
 protected:
     RunLoopTest() : cfg_(mirror_.config(dir_.path())) {
-        clock_.now = 1'800'000'000;
+        clock_.now = first_check;
         clock_.pid = 4242;
         cfg_.poll_interval_s = 3;
         cfg_.poll_jitter_s = 0;
@@ -30,7 +28,7 @@ protected:
         EXPECT_TRUE(Updater(cfg_).run_once());
         static_cast<void>(log_.take());
         auto entries = mirror_.release_entries("throwing");
-        entries[0] = {"antivir-v2.def", "", 0120000, 0777, "antivir-v2.def"};
+        entries[0] = {"antivir-v2.def", "", symbolic_link, 0777, "antivir-v2.def"};
         mirror_.publish("throwing", entries);
         mirror_.remove("antivir-v2-hit.ini");
         cfg_.mirror_base_url = server_.url();
@@ -45,6 +43,34 @@ protected:
         throwing_ = throwing;
         Updater(cfg_).run_loop(stop_);
         return waits_;
+    }
+
+    // One cycle that stops the loop, and what it logs in between.
+    void run_one_cycle(const Lines& between = {}) {
+        EXPECT_EQ(waits_after({}), Waits{});
+        EXPECT_EQ(log_.take(), loop_log(between));
+    }
+
+    // Stops the loop in a slice of its first wait, which has to be the last thing that it does.
+    void stop_in_slice(std::size_t number) {
+        clock_.on_sleep = [this, number](const timespec*, timespec*) {
+            stop_ = clock_.sleeps.size() == number ? 1 : 0;
+            return 0;
+        };
+        static_cast<void>(waits_after({false, false}));
+        EXPECT_EQ(cycles_, 1U);
+        EXPECT_EQ(clock_.sleeps.size(), number);
+        EXPECT_EQ(log_.take(), loop_log());
+    }
+
+    void expect_times_of_the_first_check() const {
+        EXPECT_EQ(read_file(cfg_.status_path),
+                  status_text({"good", "engine 7", "good", "good", first_check, first_check, ""}));
+    }
+
+    void set_active(const std::string& version) const {
+        fs::remove(cfg_.def_root + "/active");
+        fs::create_symlink("snapshots/" + version, cfg_.def_root + "/active");
     }
 
     void answer(httplib::Response& response) {
@@ -80,9 +106,7 @@ protected:
     }
 
     Mirror mirror_;
-    TempDir dir_;
     Config cfg_;
-    LogCapture log_;
     FakeClock clock_;
     volatile std::sig_atomic_t stop_ = 0;
     std::function<void()> on_check = [] {};  // called in the midst of every cycle
@@ -95,67 +119,43 @@ protected:
 
 TEST_F(RunLoopTest, TimeOfACheckIsReadOnceAtItsStart) {
     on_check = [this] { clock_.now = *clock_.now + 7; };
-    static_cast<void>(waits_after({}));
-    const std::string times = "  \"last_check_epoch\": 1800000000,\n  \"last_success_epoch\": 1800000000,\n";
-    EXPECT_NE(read_file(cfg_.status_path).find(times), std::string::npos);
-    static_cast<void>(log_.take());
+    run_one_cycle();
+    expect_times_of_the_first_check();
 }
 
 TEST_F(RunLoopTest, TimeOfAPublicationIsThatOfTheCheck) {
-    std::filesystem::remove(cfg_.def_root + "/active");
+    fs::remove(cfg_.def_root + "/active");
     on_check = [this] { clock_.now = *clock_.now + 7; };
-    static_cast<void>(waits_after({}));
-    const std::string times = "  \"last_check_epoch\": 1800000000,\n  \"last_success_epoch\": 1800000000,\n";
-    EXPECT_NE(read_file(cfg_.status_path).find(times), std::string::npos);
-    EXPECT_EQ(log_.take(), loop_log({"info published def snapshot good", "info def snapshot updated: none -> good"}));
+    run_one_cycle({"info published def snapshot good", "info def snapshot updated: none -> good"});
+    expect_times_of_the_first_check();
 }
 
 TEST_F(RunLoopTest, VersionInServiceIsReadBeforeTheMirrorIsAsked) {
-    std::filesystem::remove(cfg_.def_root + "/active");
-    std::filesystem::create_symlink("snapshots/former", cfg_.def_root + "/active");
-    on_check = [this] {
-        std::filesystem::remove(cfg_.def_root + "/active");
-        std::filesystem::create_symlink("snapshots/good", cfg_.def_root + "/active");
-    };
-    static_cast<void>(waits_after({}));
-    EXPECT_EQ(log_.take(), loop_log({"info published def snapshot good", "info def snapshot updated: former -> good"}));
+    set_active("former");
+    on_check = [this] { set_active("good"); };
+    run_one_cycle({"info published def snapshot good", "info def snapshot updated: former -> good"});
 }
 
 TEST_F(RunLoopTest, StopBeforeTheFirstCycleRunsNone) {
     stop_ = 1;
-    EXPECT_EQ(waits_after({}), Waits{});
+    run_one_cycle();
     EXPECT_EQ(cycles_, 0U);
-    EXPECT_EQ(log_.take(), loop_log());
 }
 
 TEST_F(RunLoopTest, StopDuringACycleLetsItEndAndSleepsNoMore) {
-    std::filesystem::remove(cfg_.status_path);
-    EXPECT_EQ(waits_after({}), Waits{});
+    fs::remove(cfg_.status_path);
+    run_one_cycle();
     EXPECT_EQ(cycles_, 1U);
     EXPECT_EQ(clock_.sleeps.size(), 0U);
     EXPECT_TRUE(exists(cfg_.status_path));
-    EXPECT_EQ(log_.take(), loop_log());
 }
 
 TEST_F(RunLoopTest, StopDuringASliceSleepsNoFurtherOne) {
-    clock_.on_sleep = [this](const timespec*, timespec*) {
-        stop_ = clock_.sleeps.size() == 2 ? 1 : 0;
-        return 0;
-    };
-    static_cast<void>(waits_after({false, false}));
-    EXPECT_EQ(cycles_, 1U);
-    EXPECT_EQ(clock_.sleeps.size(), 2U);
-    EXPECT_EQ(log_.take(), loop_log());
+    stop_in_slice(2);
 }
 
 TEST_F(RunLoopTest, StopDuringTheLastSliceRunsNoFurtherCycle) {
-    clock_.on_sleep = [this](const timespec*, timespec*) {
-        stop_ = clock_.sleeps.size() == 3 ? 1 : 0;
-        return 0;
-    };
-    static_cast<void>(waits_after({false, false}));
-    EXPECT_EQ(cycles_, 1U);
-    EXPECT_EQ(clock_.sleeps.size(), 3U);
+    stop_in_slice(3);
 }
 
 TEST_F(RunLoopTest, WaitIsTheIntervalInSlicesOfOneSecond) {
@@ -164,12 +164,6 @@ TEST_F(RunLoopTest, WaitIsTheIntervalInSlicesOfOneSecond) {
         EXPECT_EQ(slice.tv_sec, 1);
         EXPECT_EQ(slice.tv_nsec, 0);
     }
-    EXPECT_EQ(log_.take(), loop_log());
-}
-
-TEST_F(RunLoopTest, IntervalAndJitterOfZeroSleepNotAtAll) {
-    cfg_.poll_interval_s = 0;
-    EXPECT_EQ(waits_after({false, false, false}), (Waits{0, 0, 0}));
     EXPECT_EQ(log_.take(), loop_log());
 }
 
@@ -182,55 +176,72 @@ TEST_F(RunLoopTest, HandledFailureIsNoException) {
 }
 
 // Whether each cycle throws, and the seconds to wait after each.
-struct WaitCase {
-    const char* verdict;
+struct WaitCase : Verdict {
     std::uint32_t interval;
     std::vector<bool> throwing;
     Waits waits;
 };
-
-std::ostream& operator<<(std::ostream& out, const WaitCase& c) {
-    return out << c.verdict;
-}
 
 class WaitTest : public RunLoopTest, public ::testing::WithParamInterface<WaitCase> {};
 
 TEST_P(WaitTest, ShrinksWithExceptionsInARow) {
     cfg_.poll_interval_s = GetParam().interval;
     EXPECT_EQ(waits_after(GetParam().throwing), GetParam().waits);
-    Lines exceptions;
-    for (const bool throwing : GetParam().throwing) {
-        if (throwing) {
-            exceptions.push_back(exception_line());
-        }
-    }
-    EXPECT_EQ(log_.take(), loop_log(exceptions));
+    const auto& throwing = GetParam().throwing;
+    const auto count = static_cast<std::size_t>(std::count(throwing.begin(), throwing.end(), true));
+    EXPECT_EQ(log_.take(), loop_log(Lines(count, exception_line())));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Case, WaitTest,
-    ::testing::Values(WaitCase{"FiveInARow", 600, {true, true, true, true, true}, {600, 300, 150, 75, 75}},
-                      WaitCase{"GoodCycleResets", 600, {true, true, false, true, true}, {600, 300, 600, 600, 300}},
-                      WaitCase{"IntervalOfOne", 1, {true, true, true}, {1, 0, 0}},
-                      WaitCase{"BitsFallOff", 7, {true, true, true, true}, {7, 3, 1, 0}},
-                      WaitCase{"LongRow", 16, std::vector<bool>(10, true), {16, 8, 4, 2, 2, 2, 2, 2, 2, 2}}),
-    [](const auto& param) { return param.param.verdict; });
+const WaitCase wait_cases[] = {
+    {"NoException", 0, {false, false, false}, {0, 0, 0}},
+    {"FiveInARow", 600, {true, true, true, true, true}, {600, 300, 150, 75, 75}},
+    {"GoodCycleResets", 600, {true, true, false, true, true}, {600, 300, 600, 600, 300}},
+    {"IntervalOfOne", 1, {true, true, true}, {1, 0, 0}},
+    {"BitsFallOff", 7, {true, true, true, true}, {7, 3, 1, 0}},
+    {"LongRow", 16, std::vector<bool>(10, true), {16, 8, 4, 2, 2, 2, 2, 2, 2, 2}},
+};
+INSTANTIATE_TEST_SUITE_P(Case, WaitTest, ::testing::ValuesIn(wait_cases), ByVerdict());
 
 TEST_F(RunLoopTest, ExceptionOfAnotherTypePassesThrough) {
-    std::filesystem::remove(cfg_.def_root + "/active");
+    fs::remove(cfg_.def_root + "/active");
     clock_.on_flush = [] { throw 42; };
     EXPECT_THROW(static_cast<void>(waits_after({})), int);
     EXPECT_EQ(log_.take(), Lines{loop_log().front()});
 }
 
-TEST_F(RunLoopTest, JitterComesFromProcessIdAndTime) {
-    cfg_.poll_jitter_s = 120;
-    // 4242 * 2654435761 + 1800000000 = 11261916498162, and 42 more than a multiple of 120
-    EXPECT_EQ(waits_after({false}), Waits{3 + 42});
+// The seconds to wait by process id, time and settings.
+struct JitterCase : Verdict {
+    pid_t pid;
+    std::time_t now;
+    std::uint32_t interval, jitter, wait;
+};
+
+class JitterTest : public RunLoopTest, public ::testing::WithParamInterface<JitterCase> {};
+
+TEST_P(JitterTest, ComesFromProcessIdAndTime) {
+    clock_.pid = GetParam().pid;
+    clock_.now = GetParam().now;
+    cfg_.poll_interval_s = GetParam().interval;
+    cfg_.poll_jitter_s = GetParam().jitter;
+    EXPECT_EQ(waits_after({false}), Waits{GetParam().wait});
     EXPECT_EQ(log_.take(), loop_log());
 }
 
-TEST_F(RunLoopTest, JitterIsComputedAfreshAfterEveryCycle) {
+const JitterCase jitter_cases[] = {
+    // 4242 * 2654435761 + 1800000000 = 11261916498162, and 42 more than a multiple of 120
+    {"AddsToTheInterval", 4242, first_check, 3, 120, 3 + 42},
+    {"OfOneIsAlwaysZero", 4242, first_check, 3, 1, 3},
+    {"SumWithTheIntervalWraps", 4242, first_check, 4294967295U, 120, 41},
+    // 2^31 - 1 times the factor needs 63 bits, and the limit does not fit into 31:
+    // 5700357388759500367 + 3474701533 is 5 more than a multiple of 2^32 - 1.
+    {"IsComputedIn64Bits", 2147483647, 3'474'701'533, 0, 4294967295U, 5},
+    {"NegativeRemainderWraps", 1, -2'654'435'761 - 2, 6, 120, 4},
+    // 1800000000 - 2654435761 is -854435761
+    {"ProcessIdIsWidenedWithItsSign", -1, first_check, 761 + 5, 1000, 5},
+};
+INSTANTIATE_TEST_SUITE_P(Case, JitterTest, ::testing::ValuesIn(jitter_cases), ByVerdict());
+
+TEST_F(RunLoopTest, JitterIsComputedAgainAfterEveryCycle) {
     cfg_.poll_jitter_s = 120;
     clock_.on_sleep = [this](const timespec*, timespec*) {
         clock_.now = *clock_.now + 1;
@@ -245,49 +256,7 @@ TEST_F(RunLoopTest, JitterIsAddedToTheShortenedWait) {
     cfg_.poll_jitter_s = 120;
     cfg_.poll_interval_s = 8;
     EXPECT_EQ(waits_after({true, true}), (Waits{8 + 42, 4 + 42}));
-    static_cast<void>(log_.take());
-}
-
-TEST_F(RunLoopTest, JitterOfOneIsAlwaysZero) {
-    cfg_.poll_jitter_s = 1;
-    EXPECT_EQ(waits_after({false}), Waits{3});
-    EXPECT_EQ(log_.take(), loop_log());
-}
-
-TEST_F(RunLoopTest, JitterIsComputedIn64Bits) {
-    // 2^31 - 1 times the factor needs 63 bits, and the limit does not fit into 31.
-    clock_.pid = 2147483647;
-    cfg_.poll_jitter_s = 4294967295U;
-    cfg_.poll_interval_s = 0;
-    // 5700357388759500367 + 3474701533 is 5 more than a multiple of 2^32 - 1.
-    clock_.now = 3'474'701'533;
-    EXPECT_EQ(waits_after({false}), Waits{5});
-    static_cast<void>(log_.take());
-}
-
-TEST_F(RunLoopTest, NegativeRemainderWrapsTheWait) {
-    clock_.pid = 1;
-    clock_.now = -2'654'435'761 - 2;
-    cfg_.poll_jitter_s = 120;
-    cfg_.poll_interval_s = 6;
-    EXPECT_EQ(waits_after({false}), Waits{4});
-    static_cast<void>(log_.take());
-}
-
-TEST_F(RunLoopTest, ProcessIdIsWidenedWithItsSign) {
-    clock_.pid = -1;
-    cfg_.poll_jitter_s = 1000;
-    // 1800000000 - 2654435761 is -854435761
-    cfg_.poll_interval_s = 761 + 5;
-    EXPECT_EQ(waits_after({false}), Waits{5});
-    static_cast<void>(log_.take());
-}
-
-TEST_F(RunLoopTest, SumOfIntervalAndJitterWrapsAround) {
-    cfg_.poll_interval_s = 4294967295U;
-    cfg_.poll_jitter_s = 120;
-    EXPECT_EQ(waits_after({false}), Waits{41});
-    EXPECT_EQ(log_.take(), loop_log());
+    EXPECT_EQ(log_.take(), loop_log({exception_line(), exception_line()}));
 }
 
 TEST_F(RunLoopTest, InterruptedSliceIsResumedForTheTimeLeft) {
@@ -322,6 +291,7 @@ TEST_F(RunLoopTest, InterruptionThatRaisesTheFlagStillFinishesTheSlice) {
     static_cast<void>(waits_after({false}));
     EXPECT_EQ(clock_.sleeps.size(), 2U);
     EXPECT_EQ(cycles_, 1U);
+    EXPECT_EQ(log_.take(), loop_log());
 }
 
 TEST_F(RunLoopTest, SliceThatFailsOtherwiseCountsAsDone) {
@@ -330,7 +300,7 @@ TEST_F(RunLoopTest, SliceThatFailsOtherwiseCountsAsDone) {
         return -1;
     };
     EXPECT_EQ(waits_after({false}), Waits{3});
-    static_cast<void>(log_.take());
+    EXPECT_EQ(log_.take(), loop_log());
 }
 
 }  // namespace
