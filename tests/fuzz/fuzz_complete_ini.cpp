@@ -2,10 +2,8 @@
 // record that it yields with what the rules of the file give.
 #include <cerrno>
 #include <cstdlib>
-#include <optional>
-#include <string>
 
-#include "mirror_ini.hpp"
+#include "fuzz.hpp"
 
 namespace {
 
@@ -19,12 +17,11 @@ long number_in(const std::string& value) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static zqu::fuzz::LocalMirror mirror;
-    mirror.serve("antivir-v2-c-7.ini", data, size);
-    const auto got = mirror.client().fetch_complete_info("7");
+    const std::string text = zqu::fuzz::to_string(data, size);
+    mirror.serve("antivir-v2-c-7.ini", text);
+    const auto got = mirror.client.fetch_complete_info("7");
 
-    const auto value = [text = zqu::fuzz::to_string(data, size)](const std::string& key) {
-        return zqu::fuzz::first_value(text, "def.current." + key).value_or("");
-    };
+    const auto value = [&text](const std::string& key) { return zqu::fuzz::first_value(text, "def.current." + key); };
     zqu::fuzz::require(got.has_value() == (!value("name").empty() && !value("sha256").empty()));
     if (got) {
         zqu::fuzz::require(got->cab_name == value("name"));

@@ -9,10 +9,8 @@
 #include <csignal>
 #include <filesystem>
 #include <set>
-#include <string>
 
-#include "fuzz_file.hpp"
-#include "text_lines.hpp"
+#include "fuzz.hpp"
 #include "verifier.hpp"
 
 namespace {
@@ -31,21 +29,21 @@ bool enter_sandbox() {
     return true;
 }
 
-void make_accessible(const std::string& folder) {
-    zqu::fuzz::require(chmod(folder.c_str(), S_IRWXU) == 0);
+void make_accessible(const std::string& directory) {
+    zqu::fuzz::require(chmod(directory.c_str(), S_IRWXU) == 0);
 }
 
-std::set<std::string> names_in(const std::string& folder) {
+std::set<std::string> names_in(const std::string& directory) {
     std::set<std::string> names;
-    for (const auto& entry : fs::directory_iterator(folder)) {
+    for (const auto& entry : fs::directory_iterator(directory)) {
         names.insert(entry.path().filename().string());
     }
     return names;
 }
 
 // Directories that the archive made may have a mode that keeps even their owner from removing them.
-void empty_out(const std::string& folder) {
-    for (const auto& entry : fs::directory_iterator(folder)) {
+void empty_out(const std::string& directory) {
+    for (const auto& entry : fs::directory_iterator(directory)) {
         if (fs::is_directory(entry.symlink_status())) {
             make_accessible(entry.path());
             zqu::fuzz::require(names_in(entry.path()).empty());
@@ -59,20 +57,21 @@ void empty_out(const std::string& folder) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const bool in_sandbox = enter_sandbox();
     zqu::fuzz::require(in_sandbox);
-    const zqu::fuzz::Folder folder;
-    const std::string stage = folder / "stage";
-    const std::string other = folder / "other";
+    const zqu::fuzz::Directory directory;
+    const std::string content = zqu::fuzz::to_string(data, size);
+    const std::string stage = directory / "stage";
+    const std::string other = directory / "other";
     fs::create_directory(stage);
-    zqu::fuzz::write_file(stage + "/archive", data, size);
-    zqu::fuzz::write_file(other, data, size);
+    zqu::fuzz::write_file(stage + "/archive", content);
+    zqu::fuzz::write_file(other, content);
 
     static_cast<void>(zqu::verifier::extract(stage + "/archive", stage));
 
-    make_accessible(folder.path());  // an entry named ".." sets the mode of the folder above
-    zqu::fuzz::require(names_in(folder.path()) == std::set<std::string>{"other", "stage"});
+    make_accessible(directory.path());  // an entry named ".." sets the mode of the directory above
+    zqu::fuzz::require(names_in(directory.path()) == std::set<std::string>{"other", "stage"});
     struct stat after {};
     zqu::fuzz::require(lstat(other.c_str(), &after) == 0 && S_ISREG(after.st_mode) && after.st_nlink == 1);
-    zqu::fuzz::require(zqu::fuzz::read_file(other) == zqu::fuzz::to_string(data, size));
+    zqu::fuzz::require(zqu::fuzz::read_file(other) == content);
     zqu::fuzz::require(fs::is_directory(fs::symlink_status(stage)));
     make_accessible(stage);
     empty_out(stage);

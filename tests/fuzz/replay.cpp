@@ -1,18 +1,16 @@
-// Runs a fuzz target over the files of a corpus, one after the other, without libFuzzer: replay_<target> <folder>
+// Runs a fuzz target over the files of a corpus, one after the other, without libFuzzer: replay_<target> <directory>
 // A crash or a failed check ends it as it ends the fuzzer; so does a corpus without a file.
 #include <algorithm>
-#include <cstdint>
 #include <cstdio>
 #include <filesystem>
-#include <string>
 #include <utility>
 #include <vector>
 
-#include "fuzz_file.hpp"
+#include "fuzz.hpp"
 
 int main(int argc, char** argv) {
     if (argc != 2) {
-        std::fputs("usage: replay_<target> <folder>\n", stderr);
+        std::fputs("usage: replay_<target> <directory>\n", stderr);
         return 2;
     }
     // All of them are read first: a target may give up the right to.
