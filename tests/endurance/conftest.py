@@ -3,6 +3,7 @@
 import pytest
 from gateway import Gateway
 from mirrors import Mirror, Nginx
+from model_mirror import ModelMirror
 
 
 @pytest.fixture
@@ -15,12 +16,14 @@ def own_nginx(tmp_path):
 
 
 @pytest.fixture
-def own_mirror(own_nginx):
-    return Mirror(own_nginx.root, "defs")
+def own_mirror(own_nginx, tmp_path):
+    return ModelMirror(Mirror(own_nginx.root, "defs"), own_nginx.url(), tmp_path / "scratch")
 
 
 @pytest.fixture
-def own_gateway(own_nginx, own_mirror, tmp_path):
-    machine = Gateway(tmp_path, mirror_base_url=own_nginx.url(), mirror_subdir="defs", ca_path=own_nginx.ca_path)
+def own_gateway(own_nginx, tmp_path):
+    folder = tmp_path / "machine"
+    folder.mkdir()
+    machine = Gateway(folder, mirror_base_url=own_nginx.url(), mirror_subdir="defs", ca_path=own_nginx.ca_path)
     yield machine
     machine.end_all()

@@ -11,13 +11,18 @@ from collections import namedtuple
 
 import pytest
 from builds import REPOSITORY
-from gateway import DAEMON, SANITIZED, Gateway, in_own_dev, may_mount, wait_for
+from gateway import DAEMON, SANITIZED, Gateway, configuration, in_own_dev, may_mount, wait_for
 from mirrors import Mirror
-from release import definition_names, good_files
+from model import model_of
+from model_mirror import ModelMirror
+from release import definition_names
 
 RSYSLOG = shutil.which("rsyslogd", path=f"{os.environ['PATH']}:/usr/sbin")
-ANTIVIR, AIVSECON = definition_names()
-REFUSED = "HTTP response code said error"
+FLAWS = (
+    *("complete-info not there", "complete-info without the name", "archive not there", "archive in a subdirectory"),
+    *("archive digest wrong", "not an archive", "without the first", "without the second"),
+    *("index wrong for the first", "index wrong for the second"),
+)
 
 # Bytes that a log daemon might escape, and a reader of the log might stumble over: controls, quotes, a percent sign,
 # what is no UTF-8.
@@ -78,10 +83,10 @@ def log_daemon(tmp_path_factory):
 
 
 class Runs:
-    """Runs of the daemon, one of each kind, and the messages expected of them."""
+    """Runs of the daemon, one of each kind, and the messages that the model expects of them."""
 
     def __init__(self, log_daemon, folder, nginx):
-        self.dev = log_daemon.socket_path.parent
+        self.log_daemon = log_daemon
         self.folder = folder
         self.nginx = nginx
         self.count = 0
@@ -94,156 +99,86 @@ class Runs:
         folder.mkdir()
         mirror = Mirror(self.nginx.root, f"{self.folder.name}-{self.count}")
         settings = {"mirror_base_url": self.nginx.url(), "mirror_subdir": mirror.subdir, **settings}
-        return Gateway(folder, ca_path=self.nginx.ca_path, **settings), mirror
+        gateway = Gateway(folder, ca_path=self.nginx.ca_path, **settings)
+        return gateway, ModelMirror(mirror, self.nginx.url(), self.folder / "scratch")
 
-    def url(self, mirror, name):
-        return f"{self.nginx.url()}/{mirror.subdir}/antivir-{name}"
-
-    def expect(self, process, *texts):
-        for text in texts:
-            severity, _, words = text.partition(" ")
-            self.expected.append(Message("daemon", severity, "zel_quorin_updater", str(process.pid), f" {words}"))
-
-    def start(self, *arguments, prefix=(), program=DAEMON):
-        command = [*in_own_dev(self.dev), *prefix, program, *arguments]
+    def start(self, path, *arguments, prefix=(), program=DAEMON):
+        command = [*in_own_dev(self.log_daemon.socket_path.parent), *prefix, program, "--config", path, *arguments]
         return subprocess.Popen(command, stdin=subprocess.DEVNULL)
 
-    def once(self, gateway, *texts):
-        process = self.start("--config", gateway.config_path, "--once")
+    def expect(self, process, lines):
         assert process.wait(timeout=60) == 0
-        self.expect(process, *texts)
+        for line in lines:
+            severity, _, words = line.partition(" ")
+            self.expected.append(Message("daemon", severity, "zel_quorin_updater", str(process.pid), f" {words}"))
 
-    def once_with_failing_call(self, gateway, path, injection, *texts):
-        """strace makes a system call on that path fail; -D leaves the daemon the process that was started."""
-        prefix = ["strace", "-D", "-f", "-qq", "-o", "/dev/null", "-P", path, "-e", f"inject={injection}"]
-        process = self.start("--config", gateway.config_path, "--once", prefix=prefix)
-        assert process.wait(timeout=60) == 0
-        self.expect(process, *texts)
+    def once(self, gateway, mirror, before=(), **options):
+        """A run that logs these lines before those that the model expects."""
+        path = gateway.config_path
+        model = model_of(gateway.folder, mirror)
+        model.once(path, configuration(gateway.settings))
+        self.expect(self.start(path, "--once", **options), [*before, *model.disk.lines])
 
     def defaults(self):
         """Without network or name service, and with an empty place where the defaults lead to."""
         hide = 'for place in /usr/local /run; do mount -t tmpfs none $place; done; exec "$@"'
+        prefix = ["unshare", "--mount", "--net", "sh", "-ec", hide, "sh"]
         path = self.folder / "no such file"
-        process = self.start(
-            "--config",
-            path,
-            "--once",
-            prefix=["unshare", "--mount", "--net", "sh", "-ec", hide, "sh"],
-            program=shutil.copy(DAEMON, self.folder),
-        )
-        assert process.wait(timeout=60) == 0
-        url = re.search(r'mirror_base_url = "(.*)"', (REPOSITORY / "include" / "config.hpp").read_text())[1]
-        self.expect(
-            process,
-            f"warning could not read config {path}; using defaults",
-            f"err GET {url}/rhex/deffiles/def5-2/antivir-v2-hit.ini: Couldn't resolve host name",
-        )
+        mirror = self.new()[1]
+        mirror.failure = "Couldn't resolve host name"
+        model = model_of(self.folder, mirror)
+        model.once(path, None)
+        program = shutil.copy(DAEMON, self.folder)
+        self.expect(self.start(path, "--once", prefix=prefix, program=program), model.disk.lines)
 
-    def warnings(self):
-        gateway, _ = self.new(mirror_base_url="", mirror_subdir="x")
-        self.once(
-            gateway,
-            "warning config: mirror_base_url is not set (the updater will idle, performing no checks)",
-            "err GET /x/antivir-v2-hit.ini: URL using bad/illegal format or missing URL",
-        )
-        gateway, mirror = self.new(flavor="")
-        hit = self.url(mirror, "-hit.ini")
-        self.once(gateway, "warning config: flavor is not set", f"err GET {hit}: {REFUSED}")
+    def settings(self):
+        for settings in ({"mirror_base_url": ""}, {"flavor": ""}):
+            self.once(*self.new(**settings))
 
-    def indexes(self):
-        gateway, mirror = self.new()
-        mirror.write("antivir-v2-hit.ini", "[Current]\n")
-        self.once(gateway, "err parse_hit_defid: no [Current] defId")
-        mirror.write("antivir-v2-hit.ini", "defId=1001\n")
-        mirror.write("antivir-v2-c-1001.ini", "def.Current.name=x\n")
-        self.once(gateway, "err parse_complete_info: missing def.Current.name/SHA256")
+    def hits(self):
+        """What the mirror names goes to the log as it is, however odd; libcurl refuses such an address."""
+        for content in (b"[Current]\n", b"defId=" + ODD + b"\n"):
+            gateway, mirror = self.new()
+            mirror.write("antivir-v2-hit.ini", content)
+            self.once(gateway, mirror)
 
-    def refused(self, change, reason, *before):
-        gateway, mirror = self.new()
-        mirror.publish("1001")
-        change(mirror)
-        lines = [line.format(root=gateway.root, url=self.url(mirror, "v2-")) for line in before]
-        self.once(gateway, *lines, f"err run_once: staging failed: {reason}")
-
-    def stagings(self):
-        cab = "antivir-v2-1001.cab"
-
-        def entries(change):
-            def publish(mirror):
-                files = good_files("1001")
-                change(files)
-                mirror.publish("1001", files)
-
-            return publish
-
-        self.refused(
-            lambda mirror: mirror.path(cab).unlink(), "download CAB", f"err download_cab {{url}}1001.cab: {REFUSED}"
-        )
-        self.refused(lambda mirror: mirror.write(cab, b"tampered"), "CAB sha256 mismatch")
-        self.refused(entries(lambda files: files.pop(0)), f"CAB missing {ANTIVIR}")
-        self.refused(entries(lambda files: files.pop(1)), f"CAB missing {AIVSECON}")
-        self.refused(entries(lambda files: files.__setitem__(0, (ANTIVIR, b"x"))), f"sha256 mismatch {ANTIVIR}")
-        self.refused(entries(lambda files: files.__setitem__(1, (AIVSECON, b"x"))), f"sha256 mismatch {AIVSECON}")
-
-        def no_archive(mirror):
-            mirror.write("plain", b"no archive")
-            mirror.announce("1001", "plain")
-
-        refusal = "err extract: cannot open {root}/snapshots/1001/plain: Unrecognized archive format"
-        self.refused(no_archive, "CAB extract", refusal)
-
-        def no_folder(mirror):
-            digest = "def.Current.SHA256=00\n"
-            mirror.write("antivir-v2-c-1001.ini", f"def.Current.name=none/x.cab\n{digest}")
-
-        refusal = "err download_cab: cannot create {root}/snapshots/1001/none/x.cab.part"
-        self.refused(no_folder, "download CAB", refusal)
+    def releases(self):
+        for flaw in FLAWS:
+            gateway, mirror = self.new()
+            mirror.publish("1001", [flaw])
+            self.once(gateway, mirror)
 
     def flushes(self):
-        done = ["info published def snapshot 1001", "info def snapshot updated: none -> 1001"]
+        """strace makes a system call on the first file fail; -D leaves the daemon the process that was started."""
         for injection, text in (
             ("openat:error=EACCES:when=2", "warning fsync: open {} failed"),  # the first one creates it
             ("fsync:error=EIO", "warning fsync: {} failed"),
         ):
             gateway, mirror = self.new()
             mirror.publish("1001")
-            path = f"{gateway.root}/snapshots/1001/{ANTIVIR}"
-            self.once_with_failing_call(gateway, path, injection, text.format(path), *done)
+            path = f"{gateway.root}/snapshots/1001/{definition_names()[0]}"
+            prefix = ["strace", "-D", "-f", "-qq", "-o", "/dev/null", "-P", path, "-e", f"inject={injection}"]
+            self.once(gateway, mirror, [text.format(path)], prefix=prefix)
 
     def publications(self):
-        for name, text in (
-            ("active.tmp", "err publish: symlink {} failed"),
-            ("active", "err publish: rename to active failed"),
-        ):
+        for name in ("active.tmp", "active"):
             gateway, mirror = self.new()
             mirror.publish("1001")
             (gateway.root / name).mkdir(parents=True)
-            self.once(gateway, text.format(gateway.root / name))
+            self.once(gateway, mirror)
             (gateway.root / name).rmdir()
-            self.once(gateway, "info published def snapshot 1001", "info def snapshot updated: none -> 1001")
+            self.once(gateway, mirror)
 
-    def odd_bytes(self):
-        """What the mirror names goes to the log as it is, however odd; libcurl refuses such an address."""
-        gateway, mirror = self.new()
-        mirror.path("antivir-v2-hit.ini").write_bytes(b"defId=" + ODD + b"\n")
-        url = self.url(mirror, f"v2-c-{os.fsdecode(ODD)}.ini")
-        self.once(gateway, f"err GET {url}: URL using bad/illegal format or missing URL")
-
-    def loop(self, log_daemon):
+    def loop(self):
         gateway, mirror = self.new(poll_interval_s=600, poll_jitter_s=1)
-        mirror.publish_looping("1001")
-        process = self.start("--config", gateway.config_path)
-        path = f"{gateway.root}/snapshots/1001/{ANTIVIR}"
-        exception = "run_once exception: filesystem error: status: Too many levels of symbolic links"
-        wait_for(lambda: exception.encode() in log_daemon.received.read_bytes(), process)
+        mirror.publish("1001", ["first links to itself"])
+        path = gateway.config_path
+        model = model_of(gateway.folder, mirror)
+        model.loop(path, configuration(gateway.settings), cycles=1)
+        process = self.start(path)
+        wait_for(lambda: b"run_once exception" in self.log_daemon.received.read_bytes(), process)
         process.send_signal(signal.SIGTERM)
-        assert process.wait(timeout=60) == 0
-        self.expect(
-            process,
-            "info zel_quorin_updater loop started (interval=600s jitter=1s)",
-            f"err {exception} [{path}]",
-            "info zel_quorin_updater loop stopped",
-        )
+        self.expect(process, model.disk.lines)
 
 
 def message_formats():
@@ -264,14 +199,8 @@ def message_formats():
 @pytest.mark.skipif(SANITIZED, reason="the sanitizers need more of /dev")
 def test_log_daemon_receives_every_message_byte_for_byte(log_daemon, tmp_path, nginx):
     runs = Runs(log_daemon, tmp_path, nginx)
-    runs.defaults()
-    runs.warnings()
-    runs.indexes()
-    runs.stagings()
-    runs.flushes()
-    runs.publications()
-    runs.odd_bytes()
-    runs.loop(log_daemon)
+    for run in (runs.defaults, runs.settings, runs.hits, runs.releases, runs.flushes, runs.publications, runs.loop):
+        run()
     received = log_daemon.messages()
     assert received == runs.expected
     for severity, pattern in message_formats():

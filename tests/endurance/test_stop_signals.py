@@ -1,4 +1,6 @@
-"""Stop signals at random moments and in storms: the daemon always ends cleanly, after the cycle at hand."""
+"""Stop signals at random moments and in storms: the daemon always ends cleanly, after the cycle at hand.
+
+The model is stopped where the first signal came, and has to give the same events and the same disk."""
 
 import pathlib
 import random
@@ -7,35 +9,39 @@ import socket
 import ssl
 import threading
 import time
-from collections import Counter, namedtuple
+from collections import Counter
 from signal import SIGINT, SIGTERM
 
 import pytest
-from gateway import STARTED, STOPPED, Gateway
-from outcomes import published, snapshot_listing
-from paced import EPOCH, SLICE, PacedDaemon, cycles_of, jitter, roles
+from gateway import Gateway, configuration
+from mirrors import Mirror
+from model import Pace, model_of
+from model_disk import scan
+from model_mirror import ModelMirror
+from outcomes import published
+from paced import EPOCH, PacedDaemon
 
 INTERVAL, JITTER = 2, 3
-UPDATE = published("1001", "1000")
-REFUSAL = ["err run_once: staging failed: CAB sha256 mismatch"]
 HANDLERS = [f"handler {SIGTERM:d}", f"handler {SIGINT:d}"]
-BEGINNING = ["open zel_quorin_updater 3 24", *HANDLERS, STARTED.format(INTERVAL, JITTER)]
-
-# What comes of a release: the lines of the first cycle and of the others, the version in service, the error, and the
-# snapshots.
-Release = namedtuple("Release", "first then version error snapshots")
-GOOD = Release(UPDATE, [], "1001", "", ("1000", "1001"))
-TAMPERED = Release(REFUSAL, REFUSAL, "1000", "CAB sha256 mismatch", ("1000",))
+BEGINNING = ["open zel_quorin_updater 3 24", *HANDLERS]
 
 
 @pytest.fixture
-def outdated(gateway, mirror):
+def model_mirror(nginx, tmp_path):
+    return ModelMirror(Mirror(nginx.root, f"defs-{tmp_path.name}"), nginx.url(), tmp_path / "scratch")
+
+
+@pytest.fixture
+def outdated(nginx, model_mirror, tmp_path):
     """A gateway with a release in service, and a newer one to fetch."""
-    mirror.publish("1000")
+    folder = tmp_path / "machine"
+    folder.mkdir()
+    settings = {"mirror_base_url": nginx.url(), "mirror_subdir": model_mirror.mirror.subdir, "ca_path": nginx.ca_path}
+    gateway = Gateway(folder, poll_interval_s=INTERVAL, poll_jitter_s=JITTER, **settings)
+    model_mirror.publish("1000")
     gateway.run_once()
     gateway.status_path.unlink()
-    mirror.publish("1001")
-    gateway.settings.update(poll_interval_s=INTERVAL, poll_jitter_s=JITTER)
+    model_mirror.publish("1001")
     return gateway
 
 
@@ -45,97 +51,80 @@ def copy_of(gateway, folder):
     return Gateway(folder, **settings)
 
 
-def check_whole_waits(cycles, pid):
-    """Every wait but the last one is as long as the formula says, and the clock shows no second more."""
-    now = EPOCH
-    for cycle in cycles:
-        assert (cycle.start, cycle.end) == (now, now + 1)
-        wait = INTERVAL + jitter(pid, cycle.end, JITTER)
-        if cycle is not cycles[-1]:
-            assert cycle.sleeps == [SLICE] * wait
-        now += 2 + wait
-    assert cycles[-1].sleeps.count(SLICE) <= wait
+class Shot(PacedDaemon):
+    """The loop of a daemon that is to be sent signals, and the model of it."""
+
+    def __init__(self, gateway, mirror, **pace):
+        self.gateway = gateway
+        self.mirror = mirror
+        self.path = gateway.config_path
+        self.before = scan(gateway.folder)
+        super().__init__(gateway, gates=False, **pace)
+
+    def predicted(self, lines):
+        """The events of a run in which the flag is found raised once there are so many lines, and the disk after it."""
+        model = model_of(self.gateway.folder, self.mirror, self.before, Pace(self.process.pid, EPOCH))
+        model.loop(self.path, configuration(self.gateway.settings), lines=lines)
+        return (*BEGINNING, *model.disk.lines, "close"), model.disk
+
+    def expect_clean_stop(self, events):
+        """Requires what the model predicts; returns where the first signal found the daemon."""
+        assert self.process.wait(timeout=60) == 0
+        before = events[: next(n for n, event in enumerate(events) if event.startswith("signal "))]
+        lines = len(before) - len(BEGINNING)
+        # The loop may have looked at the flag just before the signal came.
+        predictions = dict(map(self.predicted, (lines, lines + 1)))
+        found = tuple(without_signals(events))
+        assert found in predictions, f"expected one of {list(predictions)}\ncame {found}"
+        predictions[found].expect_real()
+        readings = sum(event.startswith("time ") for event in before)
+        return "before the loop" if not readings else "in a cycle" if readings % 2 else "in a wait"
+
+    def expect_default_effect(self, events, number):
+        """The signal came before the handler, and nothing had happened yet."""
+        assert events == BEGINNING[: len(events)]
+        assert f"handler {number:d}" not in events
+        assert scan(self.gateway.folder) == self.before
 
 
-def check_interruptions(events):
-    """What a signal leaves of a slice is slept at once, whatever comes."""
-    events = [event for event in events if not event.startswith("signal ")]
-    for event, following in zip(events, events[1:]):
-        if event.startswith("interrupted "):
-            assert following == event.replace("interrupted", "sleep") + " same"
+def without_signals(events):
+    """The events but those of signals, and of what these leave of a slice: that is slept at once, whatever comes."""
+    left = None
+    for event in events:
+        word, _, rest = event.partition(" ")
+        if left is not None and word != "signal":
+            assert event == f"sleep {left} same"
+            left = None
+        elif word == "interrupted":
+            left = rest
+        elif word != "signal":
+            yield event
 
 
-def check_nothing_begins(events, first):
-    """After the signal neither a slice nor a cycle begins; but the loop may have tested the flag just before it."""
-    kinds = [kind for kind in list(roles(events))[first:] if kind != "signal"]
-    assert not {"start", "slice"} & set(kinds[1:])
-
-
-def check_disk(gateway, cycles, release):
-    if cycles:
-        assert gateway.listing() == snapshot_listing(release.version, *release.snapshots)
-        gateway.expect_status(release.version, release.error)
-        assert gateway.status()["last_check_epoch"] == cycles[-1].start
-    else:
-        check_untouched(gateway)
-
-
-def check_untouched(gateway):
-    assert gateway.listing() == snapshot_listing("1000", "1000")
-    assert not gateway.status_path.exists()
-
-
-def check_clean_stop(gateway, daemon, events, release=GOOD):
-    """Requires that the daemon ended as it should after the first signal; returns where that one found it."""
-    assert daemon.process.wait(timeout=60) == 0
-    kinds = list(roles(events))
-    first = kinds.index("signal")
-    told = [event for event, kind in zip(events, kinds) if kind != "signal"]
-    assert (told[:4], told[-2:]) == (BEGINNING, [STOPPED, "close"])
-    cycles = cycles_of(told[4:-2])
-    if cycles:
-        assert [cycle.lines for cycle in cycles] == [release.first] + [release.then] * (len(cycles) - 1)
-        check_whole_waits(cycles, daemon.process.pid)
-    check_interruptions(events)
-    check_nothing_begins(events, first)
-    check_disk(gateway, cycles, release)
-    before = [kind for kind in kinds[:first] if kind != "line"]
-    return {"handler": "before the loop", "start": "in a cycle"}.get(before[-1] if before else "handler", "in a wait")
-
-
-def check_default_effect(gateway, events, number):
-    """The signal came before the handler, and nothing had happened yet."""
-    assert events == BEGINNING[: len(events)]
-    assert f"handler {number:d}" not in events
-    check_untouched(gateway)
-
-
-def shoot(gateway, release, chance):
+def shoot(gateway, mirror, chance):
     """Starts the loop, its seconds shortened to two milliseconds, and sends one signal at a random moment."""
     number = chance.choice((SIGTERM, SIGINT))
-    with PacedDaemon(gateway, second_ns=2_000_000, gates=False) as daemon:
+    with Shot(gateway, mirror, second_ns=2_000_000) as daemon:
         events = [daemon.next_event() for _ in range(chance.randrange(24))]
         time.sleep(chance.choice((0, 0.001, 0.01)) * chance.random())  # no wait for anything: the moment is the point
         daemon.send(number)
         events += daemon.rest()
         if daemon.process.wait(timeout=60) == -number:
-            check_default_effect(gateway, events, number)
+            daemon.expect_default_effect(events, number)
             return "before the handlers"
-        return check_clean_stop(gateway, daemon, events, release)
+        return daemon.expect_clean_stop(events)
 
 
-@pytest.mark.parametrize("seed", [1, 2])
-@pytest.mark.parametrize("release", [pytest.param(GOOD, id="good"), pytest.param(TAMPERED, id="tampered")])
+@pytest.mark.parametrize("flaws", [pytest.param([], id="good"), pytest.param(["archive digest wrong"], id="tampered")])
 def test_signal_at_any_moment_ends_the_daemon_cleanly(
-    outdated, mirror, tmp_path, release, seed, request, record_property
+    outdated, model_mirror, tmp_path, flaws, request, record_property
 ):
-    if release is TAMPERED:
-        mirror.write("antivir-v2-1001.cab", b"tampered")
-    chance = random.Random(seed)
+    model_mirror.publish("1001", flaws)
+    chance = random.Random(1)
     moments = Counter()
-    for _ in range(1_000 if request.config.getoption("--all") else 60):
+    for _ in range(2_000 if request.config.getoption("--all") else 60):
         folder = tmp_path / "shot"
-        moments[shoot(copy_of(outdated, folder), release, chance)] += 1
+        moments[shoot(copy_of(outdated, folder), model_mirror, chance)] += 1
         shutil.rmtree(folder)
     print(dict(moments))
     record_property("signals_at_random_moments", sum(moments.values()))
@@ -173,21 +162,18 @@ def until(daemon, wanted):
     return events
 
 
-def test_storm_of_signals_during_a_wait_shortens_no_slice(outdated):
-    with PacedDaemon(outdated, second_ns=1_000_000_000, gates=False) as daemon:
-        events = until(daemon, SLICE) + storm(daemon, 300) + daemon.rest()
-        assert check_clean_stop(outdated, daemon, events) == "in a wait"
-    kinds = Counter(roles(events))
-    assert kinds["resumption"] == kinds["interrupted"] > 1
+def test_storm_of_signals_during_a_wait_shortens_no_slice(outdated, model_mirror):
+    with Shot(outdated, model_mirror, second_ns=1_000_000_000) as daemon:
+        events = until(daemon, Pace.SLICE) + storm(daemon, 300) + daemon.rest()
+        assert daemon.expect_clean_stop(events) == "in a wait"
+    assert sum(event.startswith("interrupted ") for event in events) > 1
 
 
-def test_storm_of_signals_all_through_a_cycle_lets_it_end(outdated):
-    with PacedDaemon(outdated, gates=False) as daemon:
+def test_storm_of_signals_all_through_a_cycle_lets_it_end(outdated, model_mirror):
+    with Shot(outdated, model_mirror) as daemon:
         events = until(daemon, "time ") + storm(daemon, 1_000_000, asleep=False)
-        assert check_clean_stop(outdated, daemon, events) == "in a cycle"
-    kinds = Counter(roles(events))
-    assert kinds["start"] == 1
-    assert kinds["signal"] > 1
+        assert daemon.expect_clean_stop(events) == "in a cycle"
+    assert sum(event.startswith("signal ") for event in events) > 1
 
 
 class HoldingServer:
@@ -237,19 +223,19 @@ class HoldingServer:
 
 
 @pytest.mark.parametrize("point", ["handshake", "answer", "body"])
-def test_storm_of_signals_during_a_transfer_does_not_break_it(outdated, mirror, nginx, point):
-    with HoldingServer(mirror, nginx.folder / "good.pem", point) as server:
-        outdated.settings["mirror_base_url"] = server.url
-        with PacedDaemon(outdated, gates=False) as daemon:
+def test_storm_of_signals_does_not_break_a_transfer(outdated, model_mirror, nginx, point):
+    with HoldingServer(model_mirror.mirror, nginx.folder / "good.pem", point) as server:
+        outdated.settings["mirror_base_url"] = model_mirror.url = server.url
+        with Shot(outdated, model_mirror) as daemon:
             assert server.held.wait(timeout=60)
             events = storm(daemon, 300)
             server.go_on.set()
             events += daemon.rest()
-            assert check_clean_stop(outdated, daemon, events) == "in a cycle"
-    kinds = Counter(roles(events))
-    assert (kinds["start"], kinds["signal"]) == (1, 300)
+            assert daemon.expect_clean_stop(events) == "in a cycle"
+    assert sum(event.startswith("signal ") for event in events) == 300
 
 
 def test_interrupted_system_calls_of_a_transfer_are_repeated(outdated):
     injection = "inject=poll:error=EINTR:when=1..20"
-    assert outdated.run_once(prefix=["strace", "-f", "-qq", "-o", "/dev/null", "-e", injection]) == UPDATE
+    prefix = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", injection]
+    assert outdated.run_once(prefix=prefix) == published("1001", "1000")

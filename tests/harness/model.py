@@ -1,21 +1,23 @@
 """A model of the daemon: what one run of it makes of a disk, a mirror and a configuration, step by step.
 
 It shares nothing with the daemon but what both are meant to do. Where the daemon's libraries have a say (the texts of
-their errors, what a broken archive yields), the mirror's model tells."""
+their errors, what a broken archive yields), the mirror's model knows it."""
 
+import collections
 import hashlib
 import re
+import time
 
-from gateway import SETTINGS
-from model_disk import Broken, Link
+from gateway import SETTINGS, STARTED, STOPPED
+from model_disk import Broken, Disk, Link, scan
+from outcomes import published, status_text
+from release import definition_names
 
 BLANKS = " \t\n\v\f\r"
 NOW = "the time of the check"  # stands in the status file where the real one has a number
-END = "the end of the run"  # what a run stages changes last between its start and its end
 ABORTED = -6
 TOO_MANY_LINKS = "filesystem error: status: Too many levels of symbolic links [{}]"  # libstdc++'s words
 STDIO_BUFFER = 4096  # bytes; a download that fits in fails only when the file is closed, which is not looked at
-DEFAULTS = {**SETTINGS, "mirror_base_url": "https:"}  # whatever; no test asks there
 
 
 class Uncaught(Exception):
@@ -30,7 +32,7 @@ def stoul(text):
 
 
 def parse_configuration(text):
-    config = dict(DEFAULTS)
+    config = dict(SETTINGS)
     for line in (line.strip(BLANKS) for line in text.split("\n")):
         key, equals, value = (part.strip(BLANKS) for part in line.partition("="))
         if line.startswith("#") or not equals or key not in config:
@@ -59,32 +61,44 @@ def definition_index(text):
     return index
 
 
-def escaped(text):
-    replacements = {"\t": "\\t", "\n": "\\n", "\r": "\\r", '"': '\\"', "\\": "\\\\"}
-    return "".join(replacements.get(char, char) for char in text)
-
-
 def decode(data):
     return data.decode(errors="surrogateescape")
 
 
+class Pace:
+    """The clock of a daemon under the pace shim, which every reading and every second of sleep moves on."""
+
+    SLICE = "sleep 1 0 same"
+    JITTER_FACTOR = 2654435761
+
+    def __init__(self, pid, now):
+        self.pid = pid
+        self.now = now
+
+    def jitter(self, now, limit):
+        return (self.pid * self.JITTER_FACTOR + now) % limit
+
+
 class Daemon:
-    """One process of the daemon. Reads and changes the disk, whose history and log tell what it did on the way.
+    """One process of the daemon. Reads and changes the disk, whose history and log show what it did on the way.
 
     times has the last change of each directory before the run, in nanoseconds; the real outcome decides among
-    snapshots of equal age only: touched tells whether a key differs from before."""
+    snapshots of equal age only: touched says whether a key differs from before."""
 
-    def __init__(self, disk, mirror, times, touched, seen):
+    def __init__(self, disk, mirror, times=(), touched=lambda key: False, pace=None):
         self.disk = disk
         self.mirror = mirror
         self.times = dict(times)
         self.touched = touched
-        self.seen = seen
+        self.pace = pace
+        self.slice = pace.SLICE if pace else "nanosleep 1 0 same"  # a second of a wait, in the words of the shims
+        self.seen = collections.Counter()
+        self.failures = 0
 
     def start(self, path, text):
         """The entry and the constructors, with the configuration's path and text; false when the process has ended."""
         try:
-            self.config = dict(DEFAULTS) if text is None else parse_configuration(text)
+            self.config = dict(SETTINGS) if text is None else parse_configuration(text)
         except Uncaught:
             self.seen["aborted by a malformed number"] += 1
             return False
@@ -94,6 +108,7 @@ class Daemon:
             self.disk.log("warning config: mirror_base_url is not set (the updater will idle, performing no checks)")
         elif not self.config["flavor"]:
             self.disk.log("warning config: flavor is not set")
+        self.files = definition_names(self.config["flavor"])
         self.root = self.config["def_root"]
         self.disk.make_directories(f"{self.root}/snapshots")
         self.disk.make_directories(self.config["status_path"].rpartition("/")[0])
@@ -109,39 +124,65 @@ class Daemon:
             return ABORTED
         return 0
 
-    def loop(self, path, text, cycles=None, slices=None):
-        """A run of the loop to its exit status. SIGTERM comes in the last of so many cycles, or slices of waits."""
+    def loop(self, path, text, **end):
+        """A run of the loop to its exit status. SIGTERM comes after so many cycles, slices of waits or lines."""
         if not self.start(path, text):
             return ABORTED
-        interval, jitter = self.config["poll_interval_s"], self.config["poll_jitter_s"]
-        self.disk.log(f"info zel_quorin_updater loop started (interval={interval}s jitter={jitter}s)")
-        failures = done = 0
-        while done != cycles and slices != 0:
-            wait = interval
-            try:
-                self.cycle()
-                failures = 0
-            except Uncaught as exception:
-                self.disk.log(f"err run_once exception: {exception}")
-                wait >>= min(failures, 3)
-                failures += 1
-            assert jitter <= 1, "more would depend on the time and the process id"
-            done += 1
-            for _ in range(0 if done == cycles else min(wait, slices)):
-                self.disk.log("nanosleep 1 0 same")
-                slices -= 1
-        self.disk.log("info zel_quorin_updater loop stopped")
+        self.begin_loop()
+        while not self.stopped(end):
+            self.check(end)
+        self.disk.log(STOPPED)
         return 0
+
+    def begin_loop(self):
+        self.disk.log(STARTED.format(self.config["poll_interval_s"], self.config["poll_jitter_s"]))
+
+    def stopped(self, end):
+        """Whether one of the numbers is reached."""
+        past = {
+            "lines": len(self.disk.lines),
+            "slices": self.disk.lines.count(self.slice),
+            "cycles": self.seen["cycles"],
+        }
+        return any(past[kind] >= number for kind, number in end.items())
+
+    def check(self, end={}):
+        """One cycle in the loop, and the wait after it."""
+        wait, limit = self.config["poll_interval_s"], self.config["poll_jitter_s"]
+        try:
+            self.cycle()
+            self.failures = 0
+        except Uncaught as exception:
+            self.disk.log(f"err run_once exception: {exception}")
+            wait >>= min(self.failures, 3)
+            self.failures += 1
+        assert self.pace or limit <= 1, "more would depend on the time and the process id"
+        if self.pace and limit:
+            wait += self.pace.jitter(self.read_clock(), limit)
+        for _ in range(wait):
+            if self.stopped(end):
+                break
+            self.disk.log(self.slice)
+            if self.pace:
+                self.pace.now += 1
+
+    def read_clock(self):
+        if not self.pace:
+            return NOW
+        self.disk.log(f"time {self.pace.now}")
+        self.pace.now += 1
+        return self.pace.now - 1
 
     def cycle(self):
         self.seen["cycles"] += 1
+        self.now = self.read_clock()
         active = self.active_version()
         defid = self.fetch_defid()
         if not defid:
             return self.fail(active, "defId fetch failed")
         if active == defid:
             self.seen["current"] += 1
-            return self.write_status(active, NOW, "")
+            return self.write_status(active)
         info = self.fetch_complete_info(defid)
         if not info:
             return self.fail(active, f"complete-info fetch failed for {defid}")
@@ -156,13 +197,13 @@ class Daemon:
         if not self.publish(defid):
             return self.fail(active, "publish/flip failed")
         self.prune(self.disk.resolve(stage))
-        self.write_status(defid, NOW, "")
+        self.write_status(defid)
         self.seen["published"] += 1
-        self.disk.log(f"info def snapshot updated: {'none' if active is None else active} -> {defid}")
+        self.disk.log(published(defid, "none" if active is None else active)[1])
 
     def fail(self, active, error):
         self.seen[re.sub(" for .*| antivir.*| aivsecon.*", "", error)] += 1
-        self.write_status(active or "", 0, error)
+        self.write_status(active or "", error)
 
     # The mirror
 
@@ -228,14 +269,13 @@ class Daemon:
             return "CAB extract"
         self.disk.remove(path)
         index = definition_index(decode(self.disk.read(f"{stage}/antivir-{self.config['flavor']}.ini") or b""))
-        names = [f"{kind}-{self.config['flavor']}.def" for kind in ("antivir", "aivsecon")]
-        for name in names:
+        for name in self.files:
             if self.missing(f"{stage}/{name}"):
                 return f"CAB missing {name}"
             if name in index and not self.matches(f"{stage}/{name}", index[name]):
                 return f"sha256 mismatch {name}"
-        self.seen["published without a digest"] += not index.keys() >= set(names)
-        self.disk.remove_entries(stage, [name for name in self.disk.children(stage) if name not in names])
+        self.seen["published without a digest"] += not index.keys() >= set(self.files)
+        self.disk.remove_entries(stage, [name for name in self.disk.children(stage) if name not in self.files])
         self.seen["left a directory in a snapshot"] += len(self.disk.children(stage)) > 2
         return ""
 
@@ -294,11 +334,11 @@ class Daemon:
             self.disk.unlink(f"{active}.tmp")
             self.seen["link not renamed"] += 1
             return False
-        self.disk.log(f"info published def snapshot {defid}")
+        self.disk.log(published(defid)[0])
         return True
 
     def prune(self, staged):
-        self.times[staged] = self.times[END]
+        self.times[staged] = time.time_ns()
         snapshots = f"{self.root}/snapshots"
         candidates = [name for name in self.disk.children(snapshots) if self.is_candidate(f"{snapshots}/{name}")]
         ages = {name: self.times[self.disk.resolve(f"{snapshots}/{name}")] for name in candidates}
@@ -325,22 +365,18 @@ class Daemon:
             raise Uncaught(TOO_MANY_LINKS.format(path))
         return self.disk.is_directory(path)
 
-    def write_status(self, version, success, error):
+    def write_status(self, version, error=""):
         path = self.config["status_path"]
         if not self.disk.truncate(path):
             self.seen["status not written"] += 1
             return
-        members = {
-            "active_version": version,
-            "engine_version": self.config["engine_version"],
-            "antivir_def_version": version,
-            "aivsecon_def_version": version,
-            "last_check_epoch": NOW,
-            "last_success_epoch": success,
-            "last_error": error,
-        }
-        lines = ['  "schema_version": 1']
-        for key, value in members.items():
-            lines.append(f'  "{key}": ' + (str(value) if key.endswith("epoch") else f'"{escaped(value)}"'))
-        text = "{\n" + ",\n".join(lines) + "\n}\n"
+        text = status_text(version, self.now, error, self.config["engine_version"])
         self.disk.write(path, text.encode(errors="surrogateescape"))
+
+
+def model_of(folder, mirror, before=None, pace=None):
+    """The daemon before a run on a real folder as it is, or as scan() found it before."""
+    nodes, times = before or scan(folder)
+    disk = Disk(folder)
+    disk.begin(nodes)
+    return Daemon(disk, mirror, times, pace=pace)

@@ -2,6 +2,7 @@
 that the folder goes through meanwhile, so that a run that was killed can be found among them."""
 
 import dataclasses
+import operator
 import os
 
 DIRECTORY = "a directory"
@@ -39,9 +40,7 @@ class State:
     removed: frozenset = frozenset()  # some of these may be gone
 
     def allows(self, nodes, lines, same):
-        return lines == self.lines and all(
-            self._allows(key, nodes.get(key), same) for key in nodes.keys() | self.nodes.keys()
-        )
+        return lines == self.lines and all(self._allows(key, nodes.get(key), same) for key in nodes | self.nodes)
 
     def _allows(self, key, real, same):
         node = self.nodes.get(key)
@@ -74,6 +73,12 @@ def scan(folder):
     return nodes, times
 
 
+def differences(expected, real, same=operator.eq):
+    """The keys where two folders differ, each with what was expected and what came."""
+    pairs = {key: (expected.get(key), real.get(key)) for key in sorted(expected.keys() | real.keys())}
+    return {key: pair for key, pair in pairs.items() if not same(*pair)}
+
+
 class Disk:
     """Nodes by their path below the folder. The calls take absolute paths, as the daemon forms them."""
 
@@ -84,10 +89,15 @@ class Disk:
         self.history = []
         self.free = None
 
-    def begin(self, nodes, free):
-        """Starts a run in a folder that is as told, with so many blocks free; None is plenty."""
+    def begin(self, nodes, free=None):
+        """Starts a run in a folder with these nodes, with so many blocks free; None is plenty."""
         self.nodes, self.lines, self.history, self.free = dict(nodes), [], [], free
         self._remember()
+
+    def expect_real(self):
+        """Requires that the real folder is like this one."""
+        wrong = differences(self.nodes, scan(self.folder)[0])
+        assert not wrong, f"expected and came: {wrong}\nthe files are in {self.folder}"
 
     def log(self, line):
         self.lines.append(line)

@@ -31,48 +31,23 @@ class Archive:
     refusal: str = ""
 
 
-MISSING_FLAWS = ("without the index", "without the first", "without the second")
+MISSING_FLAWS = "without the index; without the first; without the second".split("; ")
 CONTENT_FLAWS = (
-    "index lacks the first",
-    "index lacks the second",
-    "index in upper case",
-    "index names in upper case",
-    "index wrong for the first",
-    "index wrong for the second",
-    "index wrong, then right",
-    "index right, then wrong",
-    "index with an empty digest",
-    "index in CRLF, with comments",
-    "first twice, bad one first",
-    "second twice, bad one last",
-    "nested names",
-    "more files",
-    "large",
-)
-ZIP_FLAWS = ("directory entries", "first links to itself", "first links nowhere", "first links to the second")
-ARCHIVE_FLAWS = (
-    "not an archive",
-    "empty archive",
-    "cut to 4 bytes",
-    "cut in the headers",
-    "cut in the data",
-    "cut tail",
+    "index lacks the first; index lacks the second; index in upper case; index names in upper case; "
+    "index wrong for the first; index wrong for the second; index wrong, then right; index right, then wrong; "
+    "index with an empty digest; index in CRLF, with comments; "
+    "first twice, bad one first; second twice, bad one last; nested names; more files; large"
+).split("; ")
+ZIP_FLAWS = "directory entries; first links to itself; first links nowhere; first links to the second".split("; ")
+ARCHIVE_FLAWS = "not an archive; empty archive; cut to 4 bytes; cut in the headers; cut in the data; cut tail".split(
+    "; "
 )
 ANNOUNCED_FLAWS = (
-    "archive not there",
-    "archive digest wrong",
-    "archive digest in upper case",
-    "archive named like the first",
-    "archive named like the index",
-    "archive in a subfolder",
-    "complete-info not there",
-    "complete-info without the name",
-    "complete-info without the digest",
-    "complete-info without more",
-    "complete-info of another id",
-    "complete-info with an odd size",
-    "complete-info with lines twice",
-)
+    "archive not there; archive digest wrong; archive digest in upper case; archive named like the first; "
+    "archive named like the index; archive in a subdirectory; complete-info not there; complete-info without the name; "
+    "complete-info without the digest; complete-info without more; complete-info of another id; "
+    "complete-info with an odd size; complete-info with lines twice"
+).split("; ")
 FLAWS = (MISSING_FLAWS, CONTENT_FLAWS, ZIP_FLAWS, ARCHIVE_FLAWS, ANNOUNCED_FLAWS)
 HITS = {
     "plain": "[Current]\r\ndefId={}\r\n",
@@ -111,9 +86,8 @@ def index_text(files, flaws):
     if "index in upper case" in flaws:
         lines = [f"{key}.SHA256={digest.upper()}" for key, digest in (line.split(".sha256 = ") for line in lines)]
     if "index in CRLF, with comments" in flaws:
-        return "\r\n".join(
-            ["[files]", f";{lines[0]}bad", f"{files[0][0]}.md5=1", *(f"\t{line} " for line in lines), ""]
-        )
+        lines = ["[files]", f";{lines[0]}bad", f"{files[0][0]}.md5=1", *(f"\t{line} " for line in lines)]
+        return "".join(f"{line}\r\n" for line in lines)
     return "".join(f"{line}\n" for line in lines)
 
 
@@ -240,6 +214,7 @@ class ModelMirror:
         self.url = url
         self.scratch = scratch
         self.announced = ""  # the latest id
+        self.failure = ""  # what libcurl says of every request, while no one answers
         self.files = {}
         self.unpacked = {}
 
@@ -252,7 +227,7 @@ class ModelMirror:
         if self.files.pop(name, None) is not None:
             self.mirror.path(name).unlink()
 
-    def publish(self, version, container, flavor, flaws):
+    def publish(self, version, flaws=(), container="cab", flavor="v2"):
         if set(flaws) & set(ZIP_FLAWS):
             container = "zip"
         entries = entries_of(version, container, flavor, flaws)
@@ -266,9 +241,9 @@ class ModelMirror:
         self.write(info, complete_info(version, archive, data, flaws))
         if "complete-info not there" in flaws:
             self.remove(info)
-        self.announce(version, flavor, "plain")
+        self.announce(version, flavor=flavor)
 
-    def announce(self, version, flavor, style):
+    def announce(self, version, style="plain", flavor="v2"):
         self.announced = version
         self.write(f"antivir-{flavor}-hit.ini", HITS[style].format(version))
 
@@ -278,16 +253,16 @@ class ModelMirror:
             return f"antivir-{flavor}.def"
         if "archive named like the index" in flaws:
             return f"antivir-{flavor}.ini"
-        if "archive in a subfolder" in flaws:
+        if "archive in a subdirectory" in flaws:
             return "sub/release"
         return f"{version}.archive"
 
     def answer(self, url):
         """What a request yields: the body, or the error's text."""
-        if not url.startswith("https:") or " " in url:
+        if not url.startswith("https:") or any(char <= " " for char in url):
             return None, BAD_URL
-        if not url.startswith(f"{self.url}/"):
-            return None, UNREACHABLE
+        if self.failure or not url.startswith(f"{self.url}/"):
+            return None, self.failure or UNREACHABLE
         body = self.files.get(url.removeprefix(f"{self.url}/{self.mirror.subdir}/"))
         return (None, REFUSED) if body is None else (body, "")
 

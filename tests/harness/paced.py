@@ -1,66 +1,13 @@
-"""The daemon's loop at a pace that the test sets, and what it does told as one stream of events."""
+"""The daemon's loop at a pace that the test sets, and what it does as one stream of events."""
 
 import os
 import signal
 import struct
 import subprocess
-from dataclasses import dataclass, field
 
 from gateway import DAEMON, preloading
 
 EPOCH = 1_700_000_000  # what the daemon's clock shows first
-SLICE = "sleep 1 0 same"
-JITTER_FACTOR = 2654435761
-
-
-def jitter(pid, now, limit):
-    """The seconds added to a wait that begins at that time."""
-    return (pid * JITTER_FACTOR + now) % limit
-
-
-@dataclass
-class Cycle:
-    """One cycle and the wait after it; times by the daemon's clock."""
-
-    start: int
-    lines: list = field(default_factory=list)
-    end: int = 0
-    sleeps: list = field(default_factory=list)
-
-
-def roles(events):
-    """What each event is: the start or the end of a cycle, a slice of a wait or its resumption, or what its word says;
-    a line of the log otherwise. The loop reads its clock at a cycle's start and at its end."""
-    readings, resumed = 0, False
-    for event in events:
-        word = event.partition(" ")[0]
-        if word == "time":
-            readings += 1
-            yield "start" if readings % 2 else "end"
-        elif word == "sleep":
-            yield "resumption" if resumed else "slice"
-            resumed = False
-        elif word in ("handler", "signal", "interrupted"):
-            resumed = resumed or word == "interrupted"
-            yield word
-        else:
-            yield "line"
-
-
-def cycles_of(events):
-    """The cycles that a stream of events holds."""
-    cycles = []
-    for role, event in zip(roles(events), events):
-        if role == "start":
-            cycles.append(Cycle(int(event.split()[1])))
-        elif role == "end":
-            cycles[-1].end = int(event.split()[1])
-        elif role == "line":
-            assert not cycles[-1].end, f"logged during a wait: {event}"
-            cycles[-1].lines.append(event)
-        elif role != "signal":
-            cycles[-1].sleeps.append(event)
-    return cycles
 
 
 def _default_signals():
@@ -72,16 +19,16 @@ class PacedDaemon:
     """The loop under the pace shim. Unless gates are left out, it stands still before its first cycle."""
 
     def __init__(self, gateway, second_ns=0, gates=True, prefix=(), **extra):
-        events, told = os.pipe()
+        events, ours = os.pipe()
         waiting, self.gates = os.pipe() if gates else (None, None)
-        settings = {"EVENTS": told, "EPOCH": EPOCH, "SECOND_NS": second_ns, **({"GATES": waiting} if gates else {})}
+        settings = {"EVENTS": ours, "EPOCH": EPOCH, "SECOND_NS": second_ns, **({"GATES": waiting} if gates else {})}
         environment = gateway.environment(
-            ZQU_LOG_FILE=f"/dev/fd/{told}",
+            ZQU_LOG_FILE=f"/dev/fd/{ours}",
             **{f"ZQU_PACE_{name}": str(value) for name, value in settings.items()},
             **extra,
         )
         environment["LD_PRELOAD"] = preloading("libzqu_pace_shim.so", *environment["LD_PRELOAD"].split())
-        inherited = [told, waiting] if gates else [told]
+        inherited = [ours, waiting] if gates else [ours]
         self.process = subprocess.Popen(
             [*prefix, DAEMON, "--config", gateway.config_path],
             env=environment,
