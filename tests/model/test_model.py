@@ -4,6 +4,7 @@ do exactly what the model says: to every file, to the log, and in its exit statu
 After a failure Hypothesis prints the shortest history that it finds. The seed that is printed too replays it."""
 
 import collections
+import contextlib
 import functools
 import itertools
 import os
@@ -109,7 +110,7 @@ def place_thing(path, thing):
 
 
 def changes(before, after):
-    """Tells of a key whether anything below it changed."""
+    """Whether anything below a key changed, as a function of the key."""
 
     def part(nodes, key):
         return {name: node for name, node in nodes.items() if f"{name}/".startswith(f"{key}/")}
@@ -128,15 +129,17 @@ class Bench:
         self.machine = (disk or folder) / "machine"
         self.seen = collections.Counter()
 
-    def fill(self):
+    @contextlib.contextmanager
+    def filled(self):
         """Leaves no block free where the machine is."""
         room = os.statvfs(self.disk)
         with open(self.disk / "filler", "wb") as filler:
             os.posix_fallocate(filler.fileno(), 0, room.f_bfree * room.f_bsize)
         assert os.statvfs(self.disk).f_bfree == 0
-
-    def empty(self):
-        (self.disk / "filler").unlink()
+        try:
+            yield
+        finally:
+            (self.disk / "filler").unlink()
 
 
 class Gateways(RuleBasedStateMachine):
@@ -239,7 +242,7 @@ class Gateways(RuleBasedStateMachine):
 
     @rule()
     def run_once(self):
-        self.run(model.Daemon.once, "--once")
+        self.run()
 
     @rule(slices=st.integers(1, 40), jitter=st.sampled_from([0, 1]))
     def run_the_loop(self, slices, jitter):
@@ -263,15 +266,15 @@ class Gateways(RuleBasedStateMachine):
         """SIGKILL at the n-th call of its kind, if the run comes to that."""
         call, number = kill.split(":")
         injection = f"inject={call}:signal=KILL:when={number}"
-        self.run(model.Daemon.once, "--once", prefix=[*STRACE, "-e", f"trace={call}", "-e", injection])
+        self.run(prefix=[*STRACE, "-e", f"trace={call}", "-e", injection])
 
     @rule(number=st.sampled_from([None, *MALFORMED]))
     def run_with_a_bad_configuration(self, number):
         """A malformed number, or no file at all: then the defaults must not be acted on, on this machine."""
         if number is not None:
-            return self.run(model.Daemon.once, "--once", settings={**self.settings, "http_timeout_s": number})
+            return self.run({**self.settings, "http_timeout_s": number})
         self.run(
-            functools.partial(model.Daemon.loop, cycles=0),
+            end={"cycles": 0},
             unreadable=True,
             prefix=[*STRACE, "-e", "inject=mkdir:error=EACCES"],
             calls=True,
@@ -283,17 +286,14 @@ class Gateways(RuleBasedStateMachine):
     def update_on_a_full_disk(self, large, version):
         self.publish(version, "zip", ["large"] if large else [])
         if self.bench.disk is None:
-            return self.run_once()
-        self.bench.fill()
-        try:
-            self.run(model.Daemon.once, "--once", free=0)
-        finally:
-            self.bench.empty()
+            return self.run()
+        with self.bench.filled():
+            self.run(free=0)
 
     def run_for_long(self, end, jitter, **environment):
         # With a shorter interval a cycle that keeps throwing would come to wait no more, and never end.
         settings = {**self.settings, "poll_interval_s": "8", "poll_jitter_s": str(jitter)}
-        self.run(functools.partial(model.Daemon.loop, **end), settings=settings, calls=True, **environment)
+        self.run(settings, end, calls=True, **environment)
         self.see("looped")
 
     def reach_the_mirror(self):
@@ -325,8 +325,8 @@ class Gateways(RuleBasedStateMachine):
             text += STYLES[self.style].format(key=key, KEY=key.upper(), value=value.format(**names))
         return text
 
-    def run(self, predict, *arguments, settings=None, unreadable=False, free=None, **options):
-        """Runs the daemon and the model, and compares what they have done."""
+    def run(self, settings=None, end=None, unreadable=False, free=None, **options):
+        """Runs the daemon and the model, for one cycle or for a loop to that end, and compares what they have done."""
         text = None if unreadable else self.configuration(settings or self.settings)
         path = self.bench.folder / "updater.conf"
         path.unlink(missing_ok=True)
@@ -334,22 +334,24 @@ class Gateways(RuleBasedStateMachine):
             path.write_text(text, newline="")
         before, times = self.disk.nodes, self.times
         start = time.clock_gettime(CLOCK_REALTIME_COARSE)
-        process = self.gateway.run("--config", path, *arguments, **options)
+        process = self.gateway.run("--config", path, *([] if end else ["--once"]), **options)
         self.seconds = range(int(start), int(time.clock_gettime(CLOCK_REALTIME_COARSE)) + 1)
         lines = [line for line in self.gateway.take_log() if re.match("(err|warning|info|nanosleep) ", line)]
         real, self.times = scan(self.bench.machine)
         daemon = model.Daemon(self.disk, self.model_mirror, times, changes(before, real))
         self.disk.begin(before, free)
-        status = predict(daemon, path, text)
+        status = daemon.loop(path, text, **end) if end else daemon.once(path, text)
         if process.returncode in (-signal.SIGKILL, 128 + signal.SIGKILL):
             return self.find_in_history(real, lines)
         for kind, count in (+daemon.seen).items():
             self.see(kind, count)
         assert lines == self.disk.lines
         assert process.returncode == status
-        self.compare(real)
+        wrong = differences(self.disk.nodes, real, self.same)
+        assert not wrong, f"expected and came: {wrong}\nthe files are in {self.bench.machine}"
         assert process.stdout == ""
         assert (process.stderr == "") == (status == 0)
+        self.disk.nodes = real
 
     def same(self, expected, real):
         """Whether a node is as expected; the time of the check lies within that of the run."""
@@ -360,11 +362,6 @@ class Gateways(RuleBasedStateMachine):
         if isinstance(expected, Broken) and isinstance(real, bytes):
             return expected.allows(real)
         return expected == real
-
-    def compare(self, real):
-        wrong = differences(self.disk.nodes, real, self.same)
-        assert not wrong, f"expected and came: {wrong}\nthe files are in {self.bench.machine}"
-        self.disk.nodes = real
 
     def find_in_history(self, real, lines):
         """The run was killed at one of the moments that the model went through."""
