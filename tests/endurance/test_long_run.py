@@ -6,10 +6,11 @@ import re
 import signal
 
 import pytest
-from gateway import SANITIZED, STOPPED, configuration
+from gateway import SANITIZED, STOPPED, Gateway, configuration
+from mirrors import Mirror, Nginx
 from model import Pace, model_of
 from model_disk import scan
-from model_mirror import UNREACHABLE
+from model_mirror import UNREACHABLE, ModelMirror
 from paced import EPOCH, PacedDaemon
 
 SETTINGS = {"poll_interval_s": 9, "poll_jitter_s": 5, "retained_snapshots": 3}
@@ -39,6 +40,20 @@ KINDS |= {"CAB sha256 mismatch", "CAB extract", "CAB missing", "sha256 mismatch"
 KINDS |= {"link not made", "exception while staging"}
 
 
+@pytest.fixture
+def setting(tmp_path):
+    """A gateway, its mirror, and an nginx of the test's own, which it may stop, start and give other certificates."""
+    for name in ("nginx", "machine"):
+        (tmp_path / name).mkdir()
+    server = Nginx(tmp_path / "nginx")
+    mirror = ModelMirror(Mirror(server.root, "defs"), server.url(), tmp_path / "scratch")
+    settings = {"mirror_base_url": server.url(), "mirror_subdir": "defs", "ca_path": server.ca_path, **SETTINGS}
+    gateway = Gateway(tmp_path / "machine", **settings)
+    yield gateway, mirror, server
+    gateway.end_all()
+    server.stop()
+
+
 class Run:
     """A daemon under way, its mirror and its model, and what its next cycles have to do."""
 
@@ -46,7 +61,6 @@ class Run:
         self.gateway = gateway
         self.mirror = mirror
         self.server = server
-        gateway.settings.update(SETTINGS)
         self.number = 1000
         self.cycles = 0
         self.spare_leaves = [server.authority.issue_cert("localhost", "127.0.0.1") for _ in range(2)]
@@ -183,11 +197,9 @@ def run_rounds(run, cycles, idle, settled_after):
     return measured
 
 
-def test_thousands_of_cycles_change_nothing_but_what_they_must(
-    own_gateway, own_mirror, own_nginx, request, record_property
-):
+def test_thousands_of_cycles_change_nothing_but_what_they_must(setting, request, record_property):
     whole = request.config.getoption("--all")
-    run = Run(own_gateway, own_mirror, own_nginx)
+    run = Run(*setting)
     with run.daemon:
         settled, *later = run_rounds(run, *((50_000, 400, 1_000) if whole else (1_500, 85, 300)))
     assert later
@@ -209,11 +221,11 @@ def descriptors_left_open(report):
 
 @pytest.mark.long
 @pytest.mark.skipif(SANITIZED, reason="valgrind does not run a sanitized program")
-def test_valgrind_finds_no_error_no_leak_and_no_open_descriptor(own_gateway, own_mirror, own_nginx, tmp_path):
+def test_valgrind_finds_no_error_no_leak_and_no_open_descriptor(setting, tmp_path):
     log = tmp_path / "valgrind"
     kinds = "leak-kinds=definite,indirect"
     checks = ["--leak-check=full", f"--show-{kinds}", f"--errors-for-{kinds}", "--track-fds=yes", "--error-exitcode=99"]
-    run = Run(own_gateway, own_mirror, own_nginx, prefix=["valgrind", f"--log-file={log}", *checks])
+    run = Run(*setting, prefix=["valgrind", f"--log-file={log}", *checks])
     with run.daemon:
         run_rounds(run, cycles=150, idle=10, settled_after=0)
     report = log.read_text()

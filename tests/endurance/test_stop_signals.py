@@ -138,8 +138,8 @@ def wait_until_asleep(daemon):
 
 
 def storm(daemon, most, asleep=True):
-    """Sends one signal after another, each once the former one has arrived, and only to a daemon that waits unless told
-    otherwise; returns the events until then."""
+    """Sends one signal after another, each once the former one has arrived, and only to a daemon that waits if
+    asleep; returns the events until then."""
     events = []
     for count in range(most):
         number = (SIGTERM, SIGINT)[count % 2]

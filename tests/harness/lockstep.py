@@ -4,12 +4,12 @@ import http.server
 import signal
 import sys
 
-from release import sha256
+from release import HIT, Release
 
 
 class _Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"  # keeps the connection, which is what makes a check cheap
-    wbufsize = -1  # sends an answer as one packet, lest the next waits for an acknowledgement
+    wbufsize = -1  # sends an answer as one packet: a second one would wait for an acknowledgement
     timeout = 60
 
     def do_GET(self):
@@ -45,14 +45,8 @@ class LockstepMirror(http.server.HTTPServer):
         }
 
     def offer(self, version, archive, name="release.archive"):
-        """Announces an archive as it is, in the stead of the one before."""
-        self.files = {
-            "antivir-v2-hit.ini": f"defId={version}\n".encode(),
-            f"antivir-v2-c-{version}.ini": (
-                f"def.Current.name={name}\ndef.Current.SHA256={sha256(archive)}\n".encode()
-            ),
-            name: archive,
-        }
+        """Announces an archive as it is, in place of the one before."""
+        self.files = dict(Release(str(version), archive=archive, archive_name=name).files.values())
 
     def run(self, steps):
         """Runs a generator that fills self.files and yields before each check; then the daemon has to end well."""
@@ -70,7 +64,7 @@ class LockstepMirror(http.server.HTTPServer):
             self.server_close()
 
     def answer(self, path):
-        if path == "mirror/antivir-v2-hit.ini":
+        if path == f"mirror/{HIT}":
             try:
                 next(self.steps)
             except StopIteration:

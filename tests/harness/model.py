@@ -375,7 +375,7 @@ class Daemon:
 
 
 def model_of(folder, mirror, before=None, pace=None):
-    """The daemon before a run on a real folder as it is, or as scan() found it before."""
+    """The daemon before a run in a real directory as it is, or as scan() found it before."""
     nodes, times = before or scan(folder)
     disk = Disk(folder)
     disk.begin(nodes)

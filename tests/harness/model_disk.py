@@ -1,5 +1,5 @@
-"""A folder in memory: directories, files and links, the calls that the daemon makes of its file system, and every state
-that the folder goes through meanwhile, so that a run that was killed can be found among them."""
+"""A tree in memory: directories, files and links, the calls that the daemon makes of its file system, and every state
+that the tree goes through meanwhile, so that a run that was killed can be found among them."""
 
 import dataclasses
 import operator
@@ -32,7 +32,7 @@ class _Loop(Exception):
 
 @dataclasses.dataclass
 class State:
-    """The folder and the log at one moment, or while something goes on that has no order to rely on."""
+    """The tree and the log at one moment, or while something goes on that has no order to rely on."""
 
     nodes: dict
     lines: list
@@ -53,7 +53,7 @@ def blocks(node):
 
 
 def scan(folder):
-    """What there really is below a folder, and when each directory changed last: both by relative path."""
+    """What there really is below a directory, and when each directory changed last: both by relative path."""
     nodes, times = {"": DIRECTORY}, {}
 
     def visit(key):
@@ -74,13 +74,13 @@ def scan(folder):
 
 
 def differences(expected, real, same=operator.eq):
-    """The keys where two folders differ, each with what was expected and what came."""
+    """The keys where two trees differ, each with what was expected and what came."""
     pairs = {key: (expected.get(key), real.get(key)) for key in sorted(expected.keys() | real.keys())}
     return {key: pair for key, pair in pairs.items() if not same(*pair)}
 
 
 class Disk:
-    """Nodes by their path below the folder. The calls take absolute paths, as the daemon forms them."""
+    """Nodes by their path below a directory. The calls take absolute paths, as the daemon forms them."""
 
     def __init__(self, folder):
         self.folder = str(folder)
@@ -90,12 +90,12 @@ class Disk:
         self.free = None
 
     def begin(self, nodes, free=None):
-        """Starts a run in a folder with these nodes, with so many blocks free; None is plenty."""
+        """Starts a run on these nodes, with so many blocks free; None is plenty."""
         self.nodes, self.lines, self.history, self.free = dict(nodes), [], [], free
         self._remember()
 
     def expect_real(self):
-        """Requires that the real folder is like this one."""
+        """Requires that the real directory is like this one."""
         wrong = differences(self.nodes, scan(self.folder)[0])
         assert not wrong, f"expected and came: {wrong}\nthe files are in {self.folder}"
 

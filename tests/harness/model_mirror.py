@@ -148,7 +148,7 @@ def build(path, container, entries, flaws):
 
 def zip_info(entry):
     info = zipfile.ZipInfo(entry.name)
-    info.create_system = 3  # Unix, whose modes tell links and directories
+    info.create_system = 3  # Unix, whose modes mark links and directories
     info.external_attr = (0o120777 if entry.link else 0o40755 if entry.name.endswith("/") else 0o100644) << 16
     info.compress_type = zipfile.ZIP_STORED if entry.link or entry.name.endswith("/") else zipfile.ZIP_DEFLATED
     return info
@@ -168,7 +168,7 @@ def cut_cab(_path, data, entries, flaw):
 
 
 def cut_zip(path, data, entries, flaw):
-    """Without its central directory, a ZIP is read from the start, which tells no links; what is whole comes out."""
+    """Without its central directory, a ZIP is read from the start, where no links show; what is whole comes out."""
     entries = [dataclasses.replace(entry, link=False) for entry in entries]
     with zipfile.ZipFile(path) as archive:
         last = archive.infolist()[-1]
