@@ -7,7 +7,7 @@ import struct
 import zipfile
 
 import archives
-from release import definition_names
+from release import definition_names, info_name
 
 REFUSED = "HTTP response code said error"
 UNREACHABLE = "Couldn't connect to server"
@@ -114,13 +114,11 @@ def entries_of(version, container, flavor, flaws):
 
 
 def with_links_and_directories(entries, first, second, flaws):
-    targets = {"itself": first, "nowhere": "none.def", "to the second": second}
+    targets = {"first links to itself": first, "first links nowhere": "none.def", "first links to the second": second}
     for flaw, target in targets.items():
-        if f"first links {flaw}" in flaws or f"first links to {flaw}" in flaws:
-            entries = [
-                dataclasses.replace(entry, content=target.encode(), link=True) if entry.name == first else entry
-                for entry in entries
-            ]
+        if flaw in flaws:
+            link = Entry(first, target.encode(), link=True)
+            entries = [link if entry.name == first else entry for entry in entries]
     if "directory entries" in flaws:
         entries = [Entry("some/", b""), *entries, Entry("some/more/", b"")]
     return entries
@@ -133,12 +131,10 @@ def build(path, container, entries, flaws):
     else:
         archives.write_zip(path, [(zip_info(entry), entry.content) for entry in entries])
     data = path.read_bytes()
-    if "not an archive" in flaws:
-        return b"neither a CAB nor a ZIP" * 20, Archive(refusal=UNRECOGNIZED)
-    if "empty archive" in flaws:
-        return b"", Archive(refusal=UNRECOGNIZED)
-    if "cut to 4 bytes" in flaws:
-        return data[:3], Archive(refusal=UNRECOGNIZED)
+    unreadable = {"not an archive": b"neither a CAB nor a ZIP" * 20, "empty archive": b"", "cut to 4 bytes": data[:3]}
+    for flaw in flaws:
+        if flaw in unreadable:
+            return unreadable[flaw], Archive(refusal=UNRECOGNIZED)
     cut = cut_cab if container == "cab" else cut_zip
     for flaw in flaws:
         if flaw.startswith("cut "):
@@ -185,22 +181,19 @@ def cut_zip(path, data, entries, flaw):
 
 def complete_info(version, archive, data, flaws):
     digest = hashlib.sha256(data).hexdigest()
-    if "archive digest wrong" in flaws:
-        digest = digest[::-1]
-    if "archive digest in upper case" in flaws:
-        digest = digest.upper()
     values = {"defId": version, "name": archive, "SHA256": digest, "size": len(data)}
-    if "complete-info of another id" in flaws:
-        values["defId"] = "9999"
-    if "complete-info with an odd size" in flaws:
-        values["size"] = "none"
-    if "complete-info without the name" in flaws:
-        del values["name"]
-    if "complete-info without the digest" in flaws:
-        values["SHA256"] = ""
-    if "complete-info without more" in flaws:
-        del values["defId"], values["size"]
-    lines = [f"def.Current.{key}={value}" for key, value in values.items()]
+    changes = {
+        "archive digest wrong": {"SHA256": digest[::-1]},
+        "archive digest in upper case": {"SHA256": digest.upper()},
+        "complete-info of another id": {"defId": "9999"},
+        "complete-info with an odd size": {"size": "none"},
+        "complete-info without the name": {"name": None},
+        "complete-info without the digest": {"SHA256": ""},
+        "complete-info without more": {"defId": None, "size": None},
+    }
+    for flaw in flaws:
+        values |= changes.get(flaw, {})
+    lines = [f"def.Current.{key}={value}" for key, value in values.items() if value is not None]
     if "complete-info with lines twice" in flaws:
         lines += ["def.current.NAME=other", "DEF.Current.sha256=00", "def.Current.size=99999999999999999999"]
     return "\r\n".join(["[def.Current]", "; def.Current.name=comment", *lines, ""])
@@ -237,7 +230,7 @@ class ModelMirror:
         self.write(archive, data)
         if "archive not there" in flaws:
             self.remove(archive)
-        info = f"antivir-{flavor}-c-{version}.ini"
+        info = info_name(version, flavor)
         self.write(info, complete_info(version, archive, data, flaws))
         if "complete-info not there" in flaws:
             self.remove(info)
@@ -249,13 +242,12 @@ class ModelMirror:
 
     @staticmethod
     def archive_name(version, flavor, flaws):
-        if "archive named like the first" in flaws:
-            return f"antivir-{flavor}.def"
-        if "archive named like the index" in flaws:
-            return f"antivir-{flavor}.ini"
-        if "archive in a subdirectory" in flaws:
-            return "sub/release"
-        return f"{version}.archive"
+        names = {
+            "archive named like the first": f"antivir-{flavor}.def",
+            "archive named like the index": f"antivir-{flavor}.ini",
+            "archive in a subdirectory": "sub/release",
+        }
+        return next((names[flaw] for flaw in flaws if flaw in names), f"{version}.archive")
 
     def answer(self, url):
         """What a request yields: the body, or the error's text."""
