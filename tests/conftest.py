@@ -54,6 +54,12 @@ def pytest_terminal_summary(terminalreporter):
         terminalreporter.write_line(f"counted: {name.replace('_', ' ')}: {total}")
 
 
+@pytest.fixture
+def thorough(request):
+    """Whether the long form of a test is to run."""
+    return request.config.getoption("--all")
+
+
 @pytest.fixture(scope="session")
 def nginx(tmp_path_factory):
     server = Nginx(tmp_path_factory.mktemp("nginx"))
@@ -104,9 +110,9 @@ def scripted_context(authority):
 
 
 @pytest.fixture
-def trial(request, authority, scripted_context, tmp_path, record_property):
+def trial(authority, scripted_context, tmp_path, record_property, thorough):
     """A gateway with a release in service, and a mirror that does what the test tells it."""
-    trial = Trial(tmp_path, scripted_context, thorough=request.config.getoption("--all"))
+    trial = Trial(tmp_path, scripted_context, thorough)
     authority.cert_pem.write_to_path(trial.gateway.folder / "ca.pem")
     trial.gateway.settings["ca_path"] = trial.gateway.folder / "ca.pem"
     try:

@@ -66,7 +66,7 @@ def test_source_that_no_target_lists_fails_the_configure_step(copy, folder):
     assert f"{copy}/{folder}/forgotten.cpp" in process.stderr
 
 
-def test_daemon_alone_is_configured_without_what_tools_and_tests_need(copy, monkeypatch):
+def test_daemon_alone_needs_nothing_of_tools_and_tests(copy, monkeypatch):
     monkeypatch.setenv("PKG_CONFIG_LIBDIR", "/nowhere")  # hides what is found by pkg-config
     process = configure(copy, "-DCMAKE_DISABLE_FIND_PACKAGE_CLI11=ON", "-DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON")
     assert process.returncode == 0

@@ -1,4 +1,4 @@
-"""Times of snapshots that cannot be read, while far more snapshots are sorted than fit into a sort's small case."""
+"""Times of snapshots that cannot be read."""
 
 import os
 import re
@@ -13,7 +13,8 @@ RETAINED = 60  # more than there are: all stay, in the order in which the direct
 def many(gateway, mirror):
     """A gateway with release 1001 in service among 25 snapshots, release 1002 to come, and their order in the listing.
 
-    The times are such that a sort by division takes the largest for its pivot once the smallest cannot be read."""
+    They are far more than fit into a sort's small case. The times are such that a sort by division takes the largest
+    for its pivot once the smallest cannot be read."""
     gateway.settings["retained_snapshots"] = RETAINED
     mirror.publish("1001")
     gateway.run_once()
@@ -30,6 +31,23 @@ def many(gateway, mirror):
     return gateway, names, times
 
 
+def failing(path, calls, rule):
+    """What to put before a command whose calls on that path are to fail."""
+    return [
+        "strace",
+        "-f",
+        "-qq",
+        "-o",
+        "/dev/null",
+        "-P",
+        path,
+        "-e",
+        f"trace={calls}",
+        "-e",
+        f"inject={calls}:{rule}",
+    ]
+
+
 def set_back(gateway, times):
     for name, time in times.items():
         os.utime(gateway.root / "snapshots" / name, (time, time))
@@ -42,9 +60,7 @@ def test_time_that_cannot_be_read_once_ends_nothing(many, number, record_propert
     gateway, names, times = many
     for name in names:
         set_back(gateway, times)
-        rule = f"inject=newfstatat:error=EIO:when={number}"
-        path = gateway.root / "snapshots" / name
-        prefix = ["strace", "-f", "-qq", "-o", "/dev/null", "-P", path, "-e", "trace=newfstatat", "-e", rule]
+        prefix = failing(gateway.root / "snapshots" / name, "newfstatat", f"error=EIO:when={number}")
         process = gateway.run("--config", gateway.config_path, "--once", prefix=prefix)
         assert process.returncode == 0, (name, process.stderr)
         assert gateway.take_log() == published("1002", "1001"), name
@@ -52,7 +68,22 @@ def test_time_that_cannot_be_read_once_ends_nothing(many, number, record_propert
     record_property("times_unread", len(names))
 
 
-def test_version_in_service_is_read_before_the_listing_and_times_at_every_comparison(many):
+@pytest.mark.parametrize("unreadable", ["1001", "1002", "1003", "1004"])
+def test_snapshot_whose_time_cannot_be_read_is_the_oldest(gateway, mirror, unreadable):
+    for version in ("1001", "1002", "1003"):
+        mirror.publish(version)
+        gateway.run_once()
+    (gateway.root / "snapshots" / "1004").mkdir()
+    mirror.publish("1005")
+    gateway.settings["retained_snapshots"] = 4
+    # Neither its time can be read nor can it be removed, which counts all the same.
+    prefix = failing(gateway.root / "snapshots" / unreadable, "newfstatat,openat,unlinkat", "error=EACCES")
+    assert gateway.run_once(prefix=prefix) == published("1005", "1003")
+    versions = sorted(path.name for path in (gateway.root / "snapshots").iterdir())
+    assert versions == ["1001", "1002", "1003", "1004", "1005"]
+
+
+def test_service_is_read_before_the_listing_and_times_often(many):
     gateway, names, times = many
     set_back(gateway, times)
     trace = gateway.folder / "trace"

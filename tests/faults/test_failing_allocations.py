@@ -95,7 +95,10 @@ def is_told(outcome, errors):
 def check(scene, number):
     process = run(scene, ZQU_FAIL_ALLOCATION=str(number))
     outcome = outcome_of(scene, process)
-    assert is_told(outcome, process.stderr), (outcome, process.stderr)
+    where = f"the files are in {scene.gateway.folder}"
+    assert is_told(
+        outcome, process.stderr
+    ), f"expected one of the known outcomes, came\n{outcome}\n{process.stderr}\n{where}"
     scene.heal()
 
 
@@ -104,24 +107,24 @@ def scene(gateway, mirror):
     return Scene(gateway, mirror)
 
 
-@pytest.mark.parametrize("part", range(4))
-def test_failed_allocation_leaves_a_whole_snapshot_and_one_clean_run_heals_it(scene, part, request, record_property):
+@pytest.mark.parametrize("part", range(2))
+def test_failed_allocation_leaves_a_whole_snapshot_and_heals(scene, part, thorough, record_property):
     start, count = allocations_of_update(scene)
     every = range(start + 1, count + 1)
     # Most are made while TLS is set up; from the second transfer on they are few.
-    chosen = every if request.config.getoption("--all") else sorted({*every[::50], *every[-320:]})
+    chosen = every if thorough else sorted({*every[::150], *every[-320:]})
     faults = []
-    for number in chosen[part::4]:
+    for number in chosen[part::2]:
         try:
             check(scene, number)
         except AssertionError as fault:
             faults.append(f"allocation {number} of {count}: {fault}")
     assert not faults, "\n".join(faults)
-    record_property("allocations_failed", len(chosen[part::4]))
+    record_property("allocations_failed", len(chosen[part::2]))
 
 
 @pytest.mark.skipif(not may_mount(), reason="needs the right to make namespaces of its own")
-def test_failed_allocation_at_the_start_never_leaves_settings_half_read(scene, record_property):
+def test_failed_allocation_never_leaves_settings_half_read(scene, record_property):
     start, _ = allocations_of_update(scene)
     config_path = scene.gateway.config_path
     for number in range(1, start + 1):
@@ -132,7 +135,7 @@ def test_failed_allocation_at_the_start_never_leaves_settings_half_read(scene, r
         outcome = outcome_of(scene, process)
         ended = is_ended(outcome, process.stderr) and outcome.log == ()
         defaults = outcome.log[:1] == ("warning could not read config @/updater.conf; using defaults",)
-        own = outcome.log[:1] and outcome.log[0].startswith(f"err GET {scene.gateway.settings['mirror_base_url']}/")
-        assert ended or defaults or own, (number, outcome)
+        own = outcome.log[:1] and outcome.log[0].startswith("err GET URL/")
+        assert ended or defaults or own, f"allocation {number} of {start}, came\n{outcome}"
         assert scene.in_service() == FORMER
     record_property("allocations_failed", start)

@@ -1,7 +1,8 @@
-"""The power fails before every system call of an update: a real ext4 file system is shut down there, so that nothing
-that was not flushed comes to be written, and mounted again, which replays its journal.
+"""The power fails before the system calls of an update; before every one with --all.
 
-The snapshot in service is whole then, the new one once its publication was flushed, and one clean run heals it."""
+A real ext4 file system is shut down there, so that nothing that was not flushed comes to be written, and mounted again,
+which replays its journal. The snapshot in service is whole then, the new one once its publication was flushed, and one
+clean run heals it."""
 
 import ctypes
 import fcntl
@@ -13,7 +14,7 @@ import struct
 import subprocess
 
 import pytest
-from faults import NEW, Scene
+from faults import NEW, Scene, telling
 from gateway import may_mount
 
 EXT4_IOC_SHUTDOWN = 0x8004587D  # _IOR('X', 125, __u32)
@@ -149,25 +150,21 @@ def check(scene, points, point, last_act):
     return True
 
 
-def cut_everywhere(scene, last_act, record_property, part, parts):
+long = pytest.mark.long
+SCENES = {
+    "update": {},
+    "first_update": {"first": True},
+    "writeback": {"options": "data=writeback"},
+    "data_journal": {"options": "data=journal"},
+    "nodelalloc": {"options": "data=ordered,nodelalloc"},
+}
+
+
+@pytest.mark.parametrize("last_act", LAST_ACTS)
+@pytest.mark.parametrize("kind", [pytest.param(kind, marks=[] if kind == "update" else long) for kind in SCENES])
+def test_power_cut_leaves_a_whole_snapshot_and_heals(scene_on, kind, last_act, thorough, record_property):
+    scene = scene_on(**SCENES[kind])
     points = scene.points()
-    reached = scene.go_through(points[part::parts], lambda point: check(scene, points, point, last_act))
+    chosen = points if thorough else telling(points)
+    reached = scene.go_through(chosen, lambda point: check(scene, points, point, LAST_ACTS[last_act]))
     record_property("power_cuts", reached)
-
-
-@pytest.mark.parametrize("part", range(2))
-@pytest.mark.parametrize("last_act", LAST_ACTS)
-@pytest.mark.parametrize(
-    "first", [pytest.param(False, id="update"), pytest.param(True, id="first_update", marks=pytest.mark.long)]
-)
-def test_power_cut_before_any_call_leaves_a_whole_snapshot_and_one_clean_run_heals_it(
-    scene_on, first, last_act, part, record_property
-):
-    cut_everywhere(scene_on(first=first), LAST_ACTS[last_act], record_property, part, 2)
-
-
-@pytest.mark.long
-@pytest.mark.parametrize("options", ["data=writeback", "data=journal", "data=ordered,nodelalloc"])
-@pytest.mark.parametrize("last_act", LAST_ACTS)
-def test_power_cut_is_survived_with_other_mount_options(scene_on, last_act, options, record_property):
-    cut_everywhere(scene_on(options), LAST_ACTS[last_act], record_property, 0, 1)

@@ -18,13 +18,13 @@ def current(gateway, mirror):
     return gateway
 
 
-def test_release_in_service_is_staged_again_into_its_own_directory(current, mirror):
+def test_release_in_service_is_staged_again_where_it_is(current, mirror):
     assert run_with_unreadable_link(current, 1) == published("1001")
     assert current.listing() == snapshot_listing("1001", "1001")
     assert current.active_files() == definitions("1001")
 
 
-def test_release_in_service_is_lost_when_that_fails_and_no_check_notices(current, mirror):
+def test_release_in_service_is_lost_when_that_fails(current, mirror):
     mirror.path("antivir-v2-1001.cab").unlink()
     assert run_with_unreadable_link(current, 1)[-1] == "err run_once: staging failed: download CAB"
     assert current.listing() == ["active -> snapshots/1001", "snapshots/"]
@@ -32,7 +32,7 @@ def test_release_in_service_is_lost_when_that_fails_and_no_check_notices(current
     current.expect_status("1001")
 
 
-def test_release_just_published_is_pruned_when_none_is_to_be_retained(current, mirror):
+def test_release_just_published_is_pruned_when_none_is_retained(current, mirror):
     mirror.publish("1002")
     current.settings["retained_snapshots"] = 0
     assert run_with_unreadable_link(current, 2) == published("1002", "1001")

@@ -16,6 +16,7 @@ from outcomes import Outcome, published, snapshot_listing
 from release import definition_names, index_of
 
 OLD, FORMER, NEW = "1000", "1001", "1002"
+CHANGING = ("mkdir", "write", "fsync", "fchmod", "utimensat", "rename", "symlink", "unlink", "unlinkat", "rmdir")
 
 
 @dataclass(frozen=True)
@@ -35,8 +36,22 @@ class Point:
         """Whether it may come earlier or later in another run, with the rhythm of the network or of the heap."""
         return self.name in ("poll", "recvfrom", "sendto", "rt_sigaction", "getpid", "futex", "brk", "mmap", "munmap")
 
+    @property
+    def changes(self):
+        """Whether it changes the disk, or what of the disk is flushed."""
+        creates = "O_CREAT" in self.text or "O_TRUNC" in self.text
+        return self.name in CHANGING or (self.name == "openat" and creates)
+
     def __str__(self):
         return f"{self.name} #{self.number} {self.path} (opened {self.opened} times, repeated {self.repeated} times)"
+
+
+def telling(points):
+    """The points right after a change of the disk, and the first of each kind of call: at any other point the disk is
+    as at the one before."""
+    seen = set()
+    chosen = [p for p in points if points[p.index - 1].changes or p.name not in seen and not seen.add(p.name)]
+    return chosen
 
 
 class Scene:
@@ -56,6 +71,7 @@ class Scene:
             files = [(name, noise(40_000)) for name in definition_names()]
             mirror.publish(version, [index_of(files), *files] if index_first else [*files, index_of(files)])
             self.releases[version] = dict(files)
+            self.archive_size = mirror.path(f"antivir-v2-{version}.cab").stat().st_size
             if version != NEW:
                 gateway.run_once()
         self._saved = gateway.folder / "saved"
@@ -141,7 +157,7 @@ class Scene:
         return process
 
     def go_through(self, points, check):
-        """Checks point after point; returns how many were reached, which all are but for some vague ones."""
+        """Checks point after point; returns how many were reached, which are all but for some vague ones."""
         faults, reached = [], 0
         for point in points:
             try:
@@ -199,7 +215,7 @@ class Scene:
 
 
 # What an update comes to when something in it fails. In the log, "@" stands for the gateway's directory, and "URL" for
-# the archive's address.
+# the address of the mirror's.
 
 
 def snapshot(version):
@@ -220,6 +236,10 @@ def refused(reason, *lines):
     return Outcome((*lines, f"err run_once: staging failed: {reason}"), f"{FORMER}/{reason}", frozenset(UNDONE))
 
 
+def not_downloaded(text):
+    return refused("download CAB", f"err download_cab URL/antivir-v2-{NEW}.cab: {text}")
+
+
 def unpublished(line):
     return Outcome((f"err publish: {line}",), f"{FORMER}/publish/flip failed", frozenset(STAGED))
 
@@ -232,11 +252,12 @@ def unflushed(what):
     return good(f"warning fsync: {what} failed")
 
 
-def outcome_of(scene, process):
+def outcome_of(scene, process, log=None):
+    """What the update has left; with its log, where that has been taken already."""
     gateway = scene.gateway
-    base = gateway.settings["mirror_base_url"]
-    lines = [re.sub(rf"{re.escape(base)}\S*/antivir-v2-{NEW}.cab\b", "URL", line) for line in gateway.take_log()]
-    lines = tuple(line.replace(str(gateway.folder), "@") for line in lines)
+    url = f"{gateway.settings['mirror_base_url']}/{gateway.settings['mirror_subdir']}"
+    log = gateway.take_log() if log is None else log
+    lines = tuple(line.replace(url, "URL").replace(str(gateway.folder), "@") for line in log)
     return Outcome(lines, scene.status(), frozenset(gateway.listing()), process.returncode)
 
 
@@ -247,7 +268,7 @@ def is_failed_transfer(outcome):
         (f"c-{NEW}.ini", (), f"{FORMER}/complete-info fetch failed for {NEW}"),
         ("", ("err run_once: staging failed: download CAB",), f"{FORMER}/download CAB"),
     ):
-        line = rf"err GET \S+/antivir-v2-{file}: \S.*" if file else r"err download_cab URL: \S.*"
+        line = rf"err GET URL/antivir-v2-{file}: \S.*" if file else rf"err download_cab URL/antivir-v2-{NEW}.cab: \S.*"
         if outcome.log and re.fullmatch(line, outcome.log[0]):
             return outcome == Outcome((outcome.log[0], *log), status, frozenset(UNDONE))
     return False

@@ -143,7 +143,7 @@ class Nginx:
 
     def _server_lines(self, _name):
         """Lines of the block "server" that shows that certificate."""
-        return "location /moved/ { rewrite ^/moved/(.*)$ /$1 redirect; }"
+        return ""
 
     def _server(self, name):
         return f"""
