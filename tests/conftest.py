@@ -10,7 +10,7 @@ import pytest
 import trustme
 from gateway import Gateway
 from mirrors import Mirror, Nginx
-from trials import Trial, server_context
+from trials import server_context
 
 FAILED = pytest.StashKey()
 
@@ -107,17 +107,3 @@ def authority():
 @pytest.fixture(scope="session")
 def scripted_context(authority):
     return server_context(authority.issue_cert("localhost", "127.0.0.1"))
-
-
-@pytest.fixture
-def trial(authority, scripted_context, tmp_path, record_property, thorough):
-    """A gateway with a release in service, and a mirror that does what the test tells it."""
-    trial = Trial(tmp_path, scripted_context, thorough)
-    authority.cert_pem.write_to_path(trial.gateway.folder / "ca.pem")
-    trial.gateway.settings["ca_path"] = trial.gateway.folder / "ca.pem"
-    try:
-        trial.begin()
-        yield trial
-        record_property("answers_of_hostile_mirrors", trial.tried)
-    finally:
-        trial.end()

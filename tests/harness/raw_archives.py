@@ -5,7 +5,7 @@ import stat
 import struct
 import zlib
 
-from release import definition_names, sha256
+from release import definition_names, index_of
 
 REGULAR = stat.S_IFREG | 0o644
 LINK = stat.S_IFLNK | 0o777
@@ -46,10 +46,9 @@ class Entry:
 
 
 def release(text):
-    """The entries of a release; the index comes first, as zqu-mirror writes it."""
-    definitions = [Entry(name, f"{name} {text}\n".encode()) for name in definition_names()]
-    index = "".join(f"{entry.name.decode()}.sha256={sha256(entry.content)}\n" for entry in definitions)
-    return [Entry("antivir-v2.ini", index.encode()), *definitions]
+    """The entries of a release as small as it gets; the index comes first, as zqu-mirror writes it."""
+    files = {name: f"{name} {text}\n".encode() for name in definition_names()}.items()
+    return [Entry(name, content) for name, content in (index_of(files), *files)]
 
 
 def deflated(name, content, mode=REGULAR):
@@ -58,33 +57,30 @@ def deflated(name, content, mode=REGULAR):
     return Entry(name, content, mode, packed, {"method": 8})
 
 
+SHARED = ("needed", "flags", "method", "time", "date", "crc", "packed_size", "size")  # by both of an entry's headers
+
+
 def zip_local(entry):
     f = entry.zip_fields()
-    shared = [f[name] for name in ("needed", "flags", "method", "time", "date", "crc", "packed_size", "size")]
-    header = struct.pack("<4s5H3I2H", b"PK\3\4", *shared, len(entry.name), len(f["local_extra"]))
+    header = struct.pack("<4s5H3I2H", b"PK\3\4", *map(f.get, SHARED), len(entry.name), len(f["local_extra"]))
     return header + entry.name + f["local_extra"] + (entry.content if entry.packed is None else entry.packed)
 
 
 def zip_central(entry, offset):
     f = entry.zip_fields()
-    shared = [f[name] for name in ("needed", "flags", "method", "time", "date", "crc", "packed_size", "size")]
-    header = struct.pack("<4sBB5H3I", b"PK\1\2", 30, f["system"], *shared)
+    header = struct.pack("<4sBB5H3I", b"PK\1\2", 30, f["system"], *map(f.get, SHARED))
     header += struct.pack("<5H2I", len(entry.name), len(f["central_extra"]), 0, 0, 0, f["external"], offset)
     return header + entry.name + f["central_extra"]
 
 
-def zip_end(count, size, offset, comment=b""):
-    return struct.pack("<4s4H2IH", b"PK\5\6", 0, 0, count, count, size, offset, len(comment)) + comment
-
-
-def zip_bytes(entries, prefix=b"", offsets=None):
-    """A ZIP of these entries; offsets replace the places where the central directory says they begin."""
-    body, places = prefix, []
+def zip_bytes(entries, prefix=b"", offsets=None, body=None):
+    """A ZIP of these entries; offsets replace the places where the central directory says they begin, in this body."""
+    places = [len(prefix)]
     for entry in entries:
-        places.append(len(body))
-        body += zip_local(entry)
-    central = b"".join(zip_central(entry, place) for entry, place in zip(entries, offsets or places))
-    return body + central + zip_end(len(entries), len(central), len(body))
+        places.append(places[-1] + len(zip_local(entry)))
+    body = prefix + b"".join(map(zip_local, entries)) if body is None else body
+    central = b"".join(map(zip_central, entries, offsets or places))
+    return body + central + struct.pack("<4s4H2IH", b"PK\5\6", 0, 0, *[len(entries)] * 2, len(central), len(body), 0)
 
 
 def cab_checksum(data, start=0):
@@ -108,9 +104,9 @@ def cab_file(name, size, offset, folder=0, attributes=0x20):
     return struct.pack("<IIHHHH", size, offset, folder, 0x5921, 0, attributes) + name + b"\0"
 
 
-def cab_bytes(entries, blocks=None, method=0, flags=0, extra=b"", reserves=(b"", b""), checksum=True, **replaced):
+def cab_bytes(entries, blocks=None, method=0, flags=0, extra=b"", reserves=(b"", b""), checksum=True, folders=1):
     """A CAB of one folder. Blocks (the CFDATA) default to one with all contents, stored. The extra bytes stand behind
-    the header, as flags tell; reserves are those of the folder and of the data block."""
+    the header, as flags say; reserves are those of the folder and of the data block."""
     data = b"".join(entry.content for entry in entries)
     blocks = [cab_data(data, checksum=checksum, reserve=reserves[1])] if blocks is None else blocks
     files, offset = b"", 0
@@ -118,14 +114,7 @@ def cab_bytes(entries, blocks=None, method=0, flags=0, extra=b"", reserves=(b"",
         files += cab_file(entry.name, len(entry.content), offset)
         offset += len(entry.content)
     first_file = 36 + len(extra) + 8 + len(reserves[0])
-    position = first_file + len(files)
-    fields = {
-        "total": position + sum(map(len, blocks)),
-        "first_file": first_file,
-        "folders": 1,
-        "files": len(entries),
-        **replaced,
-    }
-    header = struct.pack("<4sIIIIIBB", b"MSCF", 0, fields["total"], 0, fields["first_file"], 0, 3, 1)
-    header += struct.pack("<HHHHH", fields["folders"], fields["files"], flags, 0, 0) + extra
-    return header + struct.pack("<IHH", position, len(blocks), method) + reserves[0] + files + b"".join(blocks)
+    data_start = first_file + len(files)
+    header = struct.pack("<4sIIIIIBB", b"MSCF", 0, data_start + sum(map(len, blocks)), 0, first_file, 0, 3, 1)
+    header += struct.pack("<HHHHH", folders, len(entries), flags, 0, 0) + extra
+    return header + struct.pack("<IHH", data_start, len(blocks), method) + reserves[0] + files + b"".join(blocks)

@@ -73,34 +73,13 @@ def drip(data):
     return step
 
 
-def drip_for_ever(data, interval_s=0.02):
-    """Sends the data again and again, a byte at a time, until the client hangs up."""
+def flood(data, interval_s=0):
+    """Sends the data again and again until the client hangs up: as fast as it takes it, or at an interval."""
 
     def step(connection):
-        while True:
-            for byte in data:
-                if select.select([connection.socket], [], [], interval_s)[0]:
-                    raise ConnectionAbortedError
-                connection.socket.sendall(bytes((byte,)))
-
-    return step
-
-
-def pause(seconds):
-    """Says nothing for so long, or until the client hangs up."""
-
-    def step(connection):
-        select.select([connection.socket], [], [], seconds)
-
-    return step
-
-
-def flood(data):
-    """Sends the data again and again, as fast as the client takes it, until it hangs up."""
-
-    def step(connection):
-        while True:
+        while not select.select([connection.socket], [], [], interval_s)[0]:
             connection.socket.sendall(data)
+        raise ConnectionAbortedError
 
     return step
 
@@ -174,6 +153,12 @@ class ScriptedServer:
         found = [lines[0].split(" ", 1)[1].rsplit(" ", 1)[0].removeprefix(f"/{SUBDIR}/") for lines in self.requests]
         self.requests.clear()
         return found
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.stop()
 
     def stop(self):
         self._listener.shutdown(socket.SHUT_RDWR)

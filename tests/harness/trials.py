@@ -1,71 +1,88 @@
-"""A gateway with a release in service, and a mirror that turns on it: each check must leave all as it was."""
+"""A gateway with a release in service, and a mirror that turns on it: what each check leaves is known to the byte."""
 
-import json
+import os
+import re
 import signal
 import ssl
+import subprocess
 from dataclasses import dataclass
 
-from gateway import Gateway
-from outcomes import published, snapshot_listing, status_text, tree
-from release import HIT, Release, definitions
-from scripted_server import SUBDIR, ScriptedServer, reply
+from gateway import STARTED, STOPPED, Gateway
+from outcomes import published, status_text, tree
+from raw_archives import zip_bytes
+from release import HIT, Release, definitions, good_files
+from scripted_server import SUBDIR, ScriptedServer
 
 OLD, NEW = "1001", "1002"
 REQUESTS = ("hit", "info", "archive")
 TIMEOUT_S = 20  # never to be reached but where a test sets it lower
 SERVERS_REFUSAL = "HTTP response code said error"
+ACTIVE = "machine/defs/active"
+SNAPSHOTS = "machine/defs/snapshots"
+SERVED = f"{SNAPSHOTS}/{OLD}"
+ALWAYS_WRITTEN = ("machine/log", "machine/updater.conf", "machine/status/status.json")
 
 
 @dataclass
 class Case:
-    """What the mirror does in the place of what it should, and how a check has to end then: "" when it succeeds."""
+    """What the mirror does in the place of what it should, and what a check of it leaves."""
 
     script: dict
     lines: list
-    error: str
+    version: str  # in service
+    error: str  # in the status
+    tree: dict
+
+
+def without(tree, *prefixes):
+    """The tree less everything at or below these."""
+    return {name: what for name, what in tree.items() if not f"{name}/".startswith(tuple(f"{p}/" for p in prefixes))}
 
 
 class Trial:
-    """A gateway with release 1001 in service, two folders below the test's own; its mirror has release 1002."""
+    """A gateway with release 1001 in service, two directories below the test's own; its mirror has release 1002."""
 
-    def __init__(self, folder, context, thorough=False):
+    def __init__(self, folder, kept, context, authority, thorough=False):
         self.folder = folder
-        self.tried = 0  # how many cases
+        self.kept = kept  # gets a copy of the files when a check does not end as it has to
         self.thorough = thorough
+        self.modes = True  # compares them, too
+        self.tried = 0  # how many cases
+        self.context = context
         self.server = ScriptedServer(context)
+        (folder / "machine").mkdir()
+        authority.cert_pem.write_to_path(folder / "machine" / "ca.pem")
         self.gateway = Gateway(
             folder / "machine",
             mirror_base_url=self.server.base().removesuffix(f"/{SUBDIR}"),
             mirror_subdir=SUBDIR,
+            ca_path=folder / "machine" / "ca.pem",
             http_timeout_s=TIMEOUT_S,
+            retained_snapshots=1,
         )
-        self.gateway.folder.mkdir()
+        self.settings = dict(self.gateway.settings)
+        self.old, self.new = (Release(version, good_files(version, size=20)) for version in (OLD, NEW))
 
     def begin(self):
-        self.server.script = Release(OLD).script
+        self.server.script = self.old.script
         assert self.gateway.run_once() == published(OLD)
-        assert self.gateway.listing() == snapshot_listing(OLD, OLD)
-        self.new = Release(NEW)
         self.before = self.tree()
         self.mend()
 
     def mend(self):
-        self.server.script = self.new.script
-        self.server.opening = None
-        self.server.greeting = []
+        """The mirror and the settings as they should be."""
+        self.server.script, self.server.opening, self.server.greeting = self.new.script, None, []
+        self.server.context = self.context
         self.server.requests.clear()
-        self.gateway.settings["http_timeout_s"] = TIMEOUT_S
+        self.gateway.settings = dict(self.settings)
 
     def end(self):
         self.gateway.end_all()
         self.server.stop()
 
     def tree(self):
-        """All that the daemon may have written, but for the status: the test's whole folder."""
-        found = tree(self.folder)
-        for name in ("log", "updater.conf", "status/status.json"):
-            found.pop(f"machine/{name}", None)
-        return found
+        """All that the daemon may have written, but for the status: the test's whole directory."""
+        return without(tree(self.folder, self.modes), *ALWAYS_WRITTEN)
 
     def name(self, request):
         return self.new.files[request][0]
@@ -76,154 +93,163 @@ class Trial:
     def url(self, request):
         return f"{self.gateway.settings['mirror_base_url']}/{SUBDIR}/{self.name(request)}"
 
-    def failure(self, request, text):
-        """The log lines of a check whose request of that kind fails with libcurl's text, and the status's error."""
-        return {
-            "hit": ([f"err GET {self.url('hit')}: {text}"], "defId fetch failed"),
-            "info": ([f"err GET {self.url('info')}: {text}"], f"complete-info fetch failed for {NEW}"),
-            "archive": (
-                [f"err download_cab {self.url('archive')}: {text}", "err run_once: staging failed: download CAB"],
-                "download CAB",
-            ),
-        }[request]
+    def after(self, snapshot=None, version=NEW):
+        """The tree with a snapshot in service, by default that of the new release, and the old one pruned."""
+        place = os.path.normpath(f"{SNAPSHOTS}/{version}")
+        if snapshot is None:
+            files = definitions(NEW, size=20).items()
+            snapshot = {name: ("100666", content) if self.modes else content for name, content in files}
+        files = {os.path.normpath(f"{place}/{name}"): what for name, what in snapshot.items()}
+        kept = without(self.before, *([SERVED] if self.gateway.settings["retained_snapshots"] == 1 else []))
+        return {**kept, ACTIVE: f"-> snapshots/{version}", place: self.before[SNAPSHOTS], **files}
 
-    def refused(self, request, steps, text):
-        """The case of one request that is answered with these steps; libcurl says the text."""
-        return Case({self.name(request): steps}, *self.failure(request, text))
+    # The cases of a check
 
-    def unreadable(self, request, steps):
-        """The case of an answer that libcurl accepts and that does not hold what it should."""
-        lines, error = {
-            "hit": (["err parse_hit_defid: no [Current] defId"], "defId fetch failed"),
-            "info": (
-                ["err parse_complete_info: missing def.Current.name/SHA256"],
-                f"complete-info fetch failed for {NEW}",
-            ),
-            "archive": (["err run_once: staging failed: CAB sha256 mismatch"], "CAB sha256 mismatch"),
-        }[request]
-        return Case({self.name(request): steps}, lines, error)
+    def refused(self, script, error, *lines):
+        """The status says this error, and nothing else has changed."""
+        return Case(script, list(lines), OLD, error, self.before)
 
-    def accepted(self, request, steps):
-        """The case of an odd answer that is as good as any."""
-        return Case({self.name(request): steps}, published(NEW, OLD), "")
+    def unstaged(self, script, error, *lines):
+        return self.refused(script, error, *lines, f"err run_once: staging failed: {error}")
+
+    def published(self, script, snapshot=None, *lines):
+        return Case(script, [*lines, *published(NEW, OLD)], NEW, "", self.after(snapshot))
 
     def case(self, request, steps, outcome):
-        """The case of an answer with that outcome: "accepted", "unreadable", or libcurl's text."""
-        if outcome in ("accepted", "unreadable"):
-            return getattr(self, outcome)(request, steps)
-        return self.refused(request, steps, outcome)
+        """An answer that is "accepted", or "unreadable" (without what it should hold), or has libcurl say a text."""
+        script, unreadable, url = {self.name(request): steps}, outcome == "unreadable", self.url(request)
+        if outcome == "accepted":
+            return self.published(script)
+        if request == "archive":
+            if unreadable:
+                return self.unstaged(script, "CAB sha256 mismatch")
+            return self.unstaged(script, "download CAB", f"err download_cab {url}: {outcome}")
+        error, line = {
+            "hit": ("defId fetch failed", "parse_hit_defid: no [Current] defId"),
+            "info": (f"complete-info fetch failed for {NEW}", "parse_complete_info: missing def.Current.name/SHA256"),
+        }[request]
+        return self.refused(script, error, "err " + (line if unreadable else f"GET {url}: {outcome}"))
 
-    def refuse(self, lines, error):
-        """One check of the mirror as it is, which must fail like this and change nothing."""
-        found = self.gateway.run_once()
-        self.compare(Case(self.server.script, lines, error), found, self.gateway.status_path.read_text(), self.tree())
+    def archive_case(self, archive, outcome, *lines, name="release.archive"):
+        """An archive that is announced as it is, or the entries of a ZIP: it is refused with this error, or puts this
+        snapshot into service. More log lines come before."""
+        archive = archive if isinstance(archive, bytes) else zip_bytes(archive)
+        script = Release(NEW, archive=archive, archive_name=name).script
+        return (self.unstaged if isinstance(outcome, str) else self.published)(script, outcome, *lines)
+
+    # One check in a process of its own
 
     def check(self, case):
-        """One process, one check; what came of an update is then undone."""
+        """Of what the case says; when a release went into service, another check takes the old one back."""
         self.server.script = {**self.new.script, **case.script}
-        lines = self.gateway.run_once()
-        self.compare(case, lines, self.gateway.status_path.read_text(), self.tree())
-        if not case.error:
-            self.set_back()
+        self.expect(case)
+        if case.version != OLD:
+            self.go_back(case.version)
 
-    def compare(self, case, lines, status, found):
-        """The log lines, the whole status file, and every byte on the gateway's disk."""
-        checked = json.loads(status, strict=False)["last_check_epoch"]
-        expected_status = status_text(OLD if case.error else NEW, checked, case.error)
-        expected_tree = self.before if case.error else self.after()
-        assert lines == case.lines, f"{lines} instead of {case}"
-        assert status == expected_status, f"{status} instead of {expected_status} for {case}"
-        assert (
-            found == expected_tree
-        ), f"{sorted(found)} instead of {sorted(expected_tree)}, or other content, for {case}"
+    def fail(self, request, text):
+        """Of the mirror as it is, which fails with libcurl's text and changes nothing."""
+        self.expect(self.case(request, [], text))
+
+    def refuse(self, request, text):
+        self.fail(request, text)
+        self.heal()
+
+    def accept(self):
+        """Of the mirror as it is, which puts the new release into service, with nothing left over."""
+        self.expect(self.published({}))
+
+    def heal(self):
+        """Of a sound mirror."""
+        self.mend()
+        self.accept()
+
+    def go_back(self, former=NEW):
+        """Of a mirror that has the old release again: nothing is left of the new one."""
+        self.server.script = self.old.script
+        self.expect(self._back(*published(OLD, former)))
+
+    def expect(self, case, lines=None):
+        """Runs it, unless its log lines are given, and compares all that it left."""
+        self._compare([case], self.gateway.run_once() if lines is None else lines)
+
+    # Many checks of one process
 
     def check_all(self, cases):
         """Tries the cases one after another, then heals.
 
         One looping daemon meets all of them, since starting one takes longer than a check; with --all each case has a
-        process of its own besides.
-        """
+        process of its own besides."""
         cases = list(cases)
-        assert cases
-        self.tried += len(cases)
-        outcomes = self._loop_through(cases)
-        assert len(outcomes) == len(cases)
-        for case, outcome in zip(cases, outcomes):
-            self.compare(case, *outcome)
-        if self.thorough:
-            for case in cases:
-                self.check(case)
+        self.loop_through([case] for case in cases)
+        for case in cases if self.thorough else ():
+            self.check(case)
         self.heal()
 
-    def _loop_through(self, cases):
-        """What each of the checks left: the log lines, the status and the tree.
+    def loop_through(self, cases):
+        """Has one daemon meet the cases, each of which is a list of how it may end (the log decides), and a sound one.
 
-        When the hit INI is asked for, the check before has ended, and the daemon waits for the answer.
-        """
-        ahead = list(reversed(cases))
-        outcomes = []
-        undone = False
+        A check begins with the request for the hit INI. All that the check before it left is there then, and the daemon
+        waits for the answer. After each update the old release goes into service again, in a check of its own. Returns
+        the errors that the cases ended with."""
+        ahead = [*cases, [self.published({})]][::-1]
+        self.tried += len(ahead) - 1
+        assert self.tried
+        now = [self._back(STARTED.format(0, 0))]
+        errors, failures = set(), []
+
+        def next_check():
+            nonlocal now
+            done = self._compare(now, self.gateway.take_log())
+            errors.add(done.error)
+            self.gateway.status_path.write_text("{}")  # the next check has to write it again
+            if done.version == OLD:
+                now = ahead.pop()
+            else:
+                now = [self._back(*published(OLD, done.version), *([] if ahead else [STOPPED]))]
+                if not ahead:
+                    self.gateway.daemons[-1].send_signal(signal.SIGTERM)
+            self.server.script = {**self.new.script, **now[0].script, HIT: hit}
+            return now[0].script.get(HIT, self.new.script[HIT])
 
         def hit():
-            nonlocal undone
-            outcome = self._take_outcome()
-            if not undone:
-                outcomes.append(outcome)
-            # This check has looked up the version in service already: it is spent on undoing the update.
-            undone = not undone and outcome[0] == published(NEW, OLD)
-            if undone:
-                self.set_back()
-                return [reply(b"", "404 Not Found")]
-            case = ahead.pop() if ahead else Case({}, [], "")
-            if len(outcomes) > len(cases):
-                daemon.send_signal(signal.SIGTERM)
-            self.server.script = {**self.new.script, **case.script, HIT: hit}
-            return case.script.get(HIT, self.new.script[HIT])
+            try:
+                return next_check()
+            except Exception as failure:
+                failures.append(failure)
+                self.gateway.daemons[-1].kill()
+                raise ConnectionAbortedError from failure
 
-        self.server.script = {**self.new.script, HIT: hit}
         self.gateway.settings.update(poll_interval_s=0, poll_jitter_s=0)
-        daemon = self.gateway.start()
-        assert daemon.wait(timeout=300) == 0
-        assert outcomes.pop(0)[0] == ["info zel_quorin_updater loop started (interval=0s jitter=0s)"]
-        assert self.gateway.take_log() == [*published(NEW, OLD), "info zel_quorin_updater loop stopped"]
-        self.expect_new()
-        self.set_back()
-        return outcomes
+        self.server.script = {HIT: hit}
+        exit_status = self.gateway.start().wait(timeout=300)
+        if failures:
+            raise failures[0]
+        assert exit_status == 0, f"in the case of {now[0].script}"
+        self._compare(now, self.gateway.take_log())
+        return errors
 
-    def _take_outcome(self):
-        outcome = (self.gateway.take_log(), self.gateway.status_path.read_text(), self.tree())
-        self.gateway.status_path.write_text("{}")  # the next check has to write it anew
-        return outcome
+    def _back(self, *lines):
+        return Case(self.old.script, list(lines), OLD, "", self.before)
 
-    def accept(self):
-        """One check that must put the new release into service, with nothing left over."""
-        assert self.gateway.run_once() == published(NEW, OLD)
-        self.expect_new()
+    def _compare(self, cases, lines):
+        """The log lines, the whole status file, and every byte and mode on the disk; returns the case that it was."""
+        case = next((case for case in cases if case.lines == lines), cases[0])
+        status = self.gateway.status_path.read_text(errors="surrogateescape")
+        checked = re.search(r'"last_check_epoch": (\d+)|$', status)[1]
+        trees = [case.tree, self.tree()]
+        odd = {name for tree in trees for name in tree if trees[0].get(name) != trees[1].get(name)}
+        wanted, found = ({name: what for name, what in tree.items() if name in odd} for tree in trees)
+        self._require(
+            (case.lines, status_text(case.version, checked, case.error), wanted), (lines, status, found), case
+        )
+        return case
 
-    def expect_new(self):
-        self.gateway.expect_status(NEW)
-        assert self.tree() == self.after()
-
-    def after(self):
-        new = f"machine/defs/snapshots/{NEW}"
-        files = {f"{new}/{name}": content for name, content in definitions(NEW).items()}
-        return {**self.before, "machine/defs/active": f"-> snapshots/{NEW}", new: None, **files}
-
-    def set_back(self):
-        """Undoes an update, so that it can be tried again: as if it had never been."""
-        snapshots = self.gateway.root / "snapshots"
-        for name in definitions(NEW):
-            (snapshots / NEW / name).unlink()
-        (snapshots / NEW).rmdir()
-        link = self.gateway.root / "active"
-        link.unlink()
-        link.symlink_to(f"snapshots/{OLD}")
-        assert self.tree() == self.before
-
-    def heal(self):
-        """Mends the mirror; one clean check must then do."""
-        self.mend()
-        self.accept()
+    def _require(self, wanted, found, case=None):
+        differences = [f"expected {w!r:.2000}\ncame     {f!r:.2000}" for w, f in zip(wanted, found) if w != f]
+        if differences or len(wanted) != len(found):
+            subprocess.run(["cp", "-a", self.folder, self.kept], check=True)
+            script = f"of {case.script!r:.1000}\n" if case else ""
+            raise AssertionError(script + "\n".join(differences) + f"\nthe files are in {self.kept}")
 
 
 def server_context(certificate):

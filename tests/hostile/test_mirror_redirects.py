@@ -5,46 +5,45 @@ import threading
 
 import pytest
 from release import HIT
-from scripted_server import SUBDIR, ScriptedServer, finish, head, reply
+from scripted_server import SUBDIR, ScriptedServer, reply
 from trials import REQUESTS, SERVERS_REFUSAL, server_context
 
 REFUSED_SCHEME = "Unsupported protocol"
+BAD_URL = "URL using bad/illegal format or missing URL"
+BROKEN = "Failure when receiving data from the peer"
+UNTRUSTED = "SSL peer certificate or SSH remote key was not OK"
 CODES = ("300 x", "301 x", "302 x", "303 x", "305 x", "306 x", "307 x", "308 x", "399 x")
+every_request = pytest.mark.parametrize("request_kind", REQUESTS)
 
 
-def moved(location, status="302 Found"):
-    return reply(b"", status, f"Location: {location}")
+def moved(location, status="302 Found", body=b""):
+    return reply(body, status, f"Location: {location}")
 
 
-def lead_to(trial, request_kind, location, outcome="accepted", status="302 Found"):
-    return trial.case(request_kind, [moved(location, status)], outcome)
+def aside(trial, request_kind):
+    """The requested file's content under other names."""
+    content = [reply(trial.content(request_kind))]
+    return {"aside": content, "deeper/aside": content}
+
+
+def check(trial, request_kind, outcomes):
+    """Answers in the place of the requested file, which lies aside as well."""
+    cases = [trial.case(request_kind, [answer], outcome) for answer, outcome in outcomes.items()]
+    for case in cases:
+        case.script.update(aside(trial, request_kind))
+    trial.check_all(cases)
 
 
 @pytest.fixture
 def elsewhere(scripted_context):
     """Another mirror on another port."""
-    server = ScriptedServer(scripted_context)
-    yield server
-    server.stop()
+    with ScriptedServer(scripted_context) as server:
+        yield server
 
 
-@pytest.fixture
-def plain():
-    """A mirror that speaks plain HTTP."""
-    server = ScriptedServer()
-    yield server
-    server.stop()
-
-
-def put_aside(trial, request_kind):
-    """Serves the requested file's content under another name as well."""
-    content = [reply(trial.content(request_kind))]
-    return {"aside": content, "deeper/aside": content}
-
-
-@pytest.mark.parametrize("request_kind", REQUESTS)
+@every_request
 def test_redirect_on_the_same_mirror_is_followed(trial, request_kind):
-    aside = put_aside(trial, request_kind)
+    """What came with it is dropped, not put in front of what it leads to."""
     locations = [
         f"/{SUBDIR}/aside",
         "aside",
@@ -59,190 +58,140 @@ def test_redirect_on_the_same_mirror_is_followed(trial, request_kind):
         f"{trial.server.base(scheme='HTTPS')}/aside",
         f"   /{SUBDIR}/aside   ",
     ]
-    cases = [lead_to(trial, request_kind, location) for location in locations]
-    cases += [lead_to(trial, request_kind, "aside", status=status) for status in CODES]
-    for case in cases:
-        case.script.update(aside)
-    trial.check_all(cases)
+    answers = [moved(location) for location in locations] + [moved("aside", status) for status in CODES]
+    answers.append(moved("aside", body=b"defId=666\n" * 10))
+    check(trial, request_kind, dict.fromkeys(answers, "accepted"))
 
 
-@pytest.mark.parametrize("request_kind", REQUESTS)
-def test_location_of_an_answer_that_is_no_redirect_is_not_followed(trial, request_kind):
-    answers = [reply(trial.content(request_kind), status, "Location: aside") for status in ("200 x", "201 x", "299 x")]
-    trial.check_all(trial.accepted(request_kind, [answer]) for answer in answers)
-
-
-@pytest.mark.parametrize("request_kind", REQUESTS)
-def test_redirect_with_an_error_code_is_an_error(trial, request_kind):
-    trial.check_all(
-        lead_to(trial, request_kind, "aside", SERVERS_REFUSAL, status) for status in ("400 x", "404 x", "503 x")
-    )
-
-
-@pytest.mark.parametrize("request_kind", REQUESTS)
-def test_redirect_to_nowhere_counts_with_its_content(trial, request_kind):
+@every_request
+def test_location_counts_with_a_redirects_status_alone(trial, request_kind):
+    """A redirect to nowhere counts with its content, and one with an error's status is an error."""
     content = trial.content(request_kind)
-    trial.check_all(trial.case(request_kind, [reply(content, status, "Location:")], "accepted") for status in CODES)
+    outcomes = {moved("aside", status, content): "accepted" for status in ("200 x", "201 x", "299 x")}
+    outcomes |= {moved("", status, content): "accepted" for status in CODES}
+    outcomes |= {moved("aside", status): SERVERS_REFUSAL for status in ("400 x", "404 x", "503 x")}
+    cases = [trial.case(request_kind, [answer], outcome) for answer, outcome in outcomes.items()]
+    trial.check_all(cases)  # nothing lies aside
 
 
-@pytest.mark.parametrize("request_kind", REQUESTS)
-def test_redirect_keeps_no_content_of_its_own(trial, request_kind):
-    """What came with the redirect is dropped, not put in front of what it leads to."""
-    answer = reply(b"defId=666\n" * 10, "302 Found", "Location: aside")
-    case = trial.accepted(request_kind, [answer])
-    case.script.update(put_aside(trial, request_kind))
-    trial.check_all([case])
-
-
-@pytest.mark.parametrize("request_kind", REQUESTS)
+@every_request
 def test_redirect_to_another_port_or_host_is_followed(trial, elsewhere, request_kind):
-    elsewhere.script = put_aside(trial, request_kind)
-    trial.check_all(
-        [
-            lead_to(trial, request_kind, f"{elsewhere.base()}/aside"),
-            lead_to(trial, request_kind, f"{elsewhere.base(host='localhost')}/aside"),
-        ]
-    )
+    """Credentials in it are not sent."""
+    elsewhere.script = aside(trial, request_kind)
+    hosts = ("127.0.0.1", "localhost", "user:secret@127.0.0.1")
+    check(trial, request_kind, {moved(f"{elsewhere.base(host)}/aside"): "accepted" for host in hosts})
+    assert not any(line.startswith("Authorization") for head in elsewhere.requests for line in head)
     assert set(elsewhere.targets()) == {"aside"}
 
 
-@pytest.mark.parametrize("request_kind", REQUESTS)
+@every_request
 def test_certificate_is_checked_after_a_redirect_too(trial, authority, elsewhere, request_kind):
     elsewhere.context = server_context(authority.issue_cert("elsewhere.example"))
-    elsewhere.script = put_aside(trial, request_kind)
-    text = "SSL peer certificate or SSH remote key was not OK"
-    trial.check_all([lead_to(trial, request_kind, f"{elsewhere.base()}/aside", text)])
+    elsewhere.script = aside(trial, request_kind)
+    check(trial, request_kind, {moved(f"{elsewhere.base()}/aside"): UNTRUSTED})
     assert elsewhere.targets() == []
 
 
-@pytest.mark.parametrize("request_kind", REQUESTS)
-def test_redirect_to_plain_http_is_followed(trial, plain, request_kind):
+@every_request
+def test_redirect_to_plain_http_is_followed(trial, request_kind):
     """From there on anybody on the way can write what the gateway reads."""
-    plain.script = put_aside(trial, request_kind)
-    trial.check_all([lead_to(trial, request_kind, f"{plain.base()}/aside")])
-    assert set(plain.targets()) == {"aside"}
+    with ScriptedServer() as plain:
+        plain.script = aside(trial, request_kind)
+        check(trial, request_kind, {moved(f"{plain.base()}/aside"): "accepted"})
+        assert set(plain.targets()) == {"aside"}
 
 
-@pytest.mark.parametrize("request_kind", REQUESTS)
-def test_credentials_in_a_redirect_to_another_port_are_not_sent(trial, elsewhere, request_kind):
-    elsewhere.script = put_aside(trial, request_kind)
-    trial.check_all([lead_to(trial, request_kind, f"{elsewhere.base(host='user:secret@127.0.0.1')}/aside")])
-    sent = [line for lines in elsewhere.requests for line in lines]
-    assert sent and not any(line.startswith("Authorization") for line in sent)
+SCHEMES = ("dict", "gopher", "imap", "ldap", "pop3", "rtsp", "scp", "sftp", "smb", "smtp", "telnet", "tftp")
 
 
-@pytest.mark.parametrize("request_kind", REQUESTS)
+@every_request
 def test_redirect_to_another_scheme_is_refused(trial, request_kind):
     """A file of this machine cannot be had by a redirect, nor can another protocol be spoken but FTP."""
     secret = trial.folder / "secret"
     secret.write_bytes(trial.content(request_kind))
     trial.before = trial.tree()
     locations = [f"file://{secret}", f"FILE://{secret}", f"file://localhost{secret}", "javascript:x", "nonsense://x/"]
-    port = trial.server.port
-    locations += [
-        f"{scheme}://127.0.0.1:{port}/{SUBDIR}/aside"
-        for scheme in ("dict", "gopher", "imap", "ldap", "pop3", "rtsp", "scp", "sftp", "smb", "smtp", "telnet", "tftp")
-    ]
-    outcomes = {location: REFUSED_SCHEME for location in locations}
-    outcomes["https://"] = "URL using bad/illegal format or missing URL"
-    outcomes["https://127.0.0.1:99999/"] = "URL using bad/illegal format or missing URL"
-    outcomes["https://a b/"] = "URL using bad/illegal format or missing URL"
-    trial.check_all(lead_to(trial, request_kind, location, outcome) for location, outcome in outcomes.items())
+    locations += [f"{scheme}://127.0.0.1:{trial.server.port}/{SUBDIR}/aside" for scheme in SCHEMES]
+    outcomes = {moved(location): REFUSED_SCHEME for location in locations}
+    outcomes |= {moved(location): BAD_URL for location in ("https://", "https://127.0.0.1:99999/", "https://a b/")}
+    check(trial, request_kind, outcomes)
 
 
-class OneFileFtp:
-    """An FTP server that has one file and knows as little as libcurl needs."""
-
-    def __init__(self, content):
-        self.content = content
-        self._listener = socket.create_server(("127.0.0.1", 0))
-        self.port = self._listener.getsockname()[1]
-        self.commands = []
-        self._thread = threading.Thread(target=self._serve)
-        self._thread.start()
-
-    def stop(self):
-        self._listener.shutdown(socket.SHUT_RDWR)
-        self._thread.join(timeout=30)
-        self._listener.close()
-
-    def _serve(self):
-        while True:
-            try:
-                control = self._listener.accept()[0]
-            except OSError:
-                return  # the listener was shut down
-            with control, socket.create_server(("127.0.0.1", 0)) as data:
-                control.sendall(b"220 ready\r\n")
-                for line in control.makefile("rb"):
-                    self._answer(control, data, line.decode().split()[0])
-
-    def _answer(self, control, data, command):
-        self.commands.append(command)
-        answers = {
-            "USER": "331 password",
-            "PASS": "230 welcome",
-            "PWD": '257 "/"',
-            "EPSV": f"229 Entering (|||{data.getsockname()[1]}|)",
-            "SIZE": f"213 {len(self.content)}",
-            "RETR": "150 here it comes",
-        }
-        control.sendall((answers.get(command, "200 very well") + "\r\n").encode())
-        if command == "RETR":
-            with data.accept()[0] as transfer:
-                transfer.sendall(self.content)
-            control.sendall(b"226 done\r\n")
+def serve_ftp(listener, content, commands):
+    """An FTP server that has one file and knows as little as libcurl needs, until the listener is shut down."""
+    while True:
+        try:
+            control = listener.accept()[0]
+        except OSError:
+            return
+        with control, socket.create_server(("127.0.0.1", 0)) as data:
+            answers = {
+                "USER": "331 password",
+                "PASS": "230 welcome",
+                "PWD": '257 "/"',
+                "EPSV": f"229 Entering (|||{data.getsockname()[1]}|)",
+                "SIZE": f"213 {len(content)}",
+                "RETR": "150 here it comes",
+            }
+            control.sendall(b"220 ready\r\n")
+            for line in control.makefile("rb"):
+                commands.append(line.decode().split()[0])
+                control.sendall((answers.get(commands[-1], "200 very well") + "\r\n").encode())
+                if commands[-1] == "RETR":
+                    with data.accept()[0] as transfer:
+                        transfer.sendall(content)
+                    control.sendall(b"226 done\r\n")
 
 
-@pytest.mark.parametrize("request_kind", REQUESTS)
+@every_request
 def test_redirect_to_ftp_is_followed(trial, request_kind):
     """libcurl allows it by default: plain FTP, with nothing to prove who answers."""
-    server = OneFileFtp(trial.content(request_kind))
-    try:
-        trial.check_all([lead_to(trial, request_kind, f"ftp://127.0.0.1:{server.port}/aside")])
-    finally:
-        server.stop()
-    assert "RETR" in server.commands
+    commands = []
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        server = threading.Thread(target=serve_ftp, args=(listener, trial.content(request_kind), commands))
+        server.start()
+        try:
+            check(trial, request_kind, {moved(f"ftp://127.0.0.1:{listener.getsockname()[1]}/aside"): "accepted"})
+        finally:
+            listener.shutdown(socket.SHUT_RDWR)
+            server.join(timeout=30)
+    assert "RETR" in commands
 
 
-@pytest.mark.parametrize("request_kind", REQUESTS)
+@every_request
 def test_chain_of_redirects_is_followed_to_its_end(trial, request_kind):
     """There is no limit on their number, only on the size of all their heads together and on the time."""
-    name, count = trial.name(request_kind), 500
-    trial.server.script = {
-        **trial.new.script,
-        name: [moved("1")],
-        **{str(number): [moved(number + 1)] for number in range(1, count)},
-        str(count): [reply(trial.content(request_kind))],
+    count = 500
+    chain = {str(number): [moved(number + 1)] for number in range(1, count)}
+    trial.server.script |= {
+        trial.name(request_kind): [moved("1")],
+        **chain,
+        str(count): aside(trial, request_kind)["aside"],
     }
     trial.accept()
     assert len(trial.server.requests) == 3 + count
 
 
-@pytest.mark.parametrize("request_kind", REQUESTS)
+@every_request
 @pytest.mark.parametrize("through", [[], ["aside"]], ids=["to_itself", "in_a_circle"])
-def test_redirects_in_a_circle_end_at_the_limit_of_their_heads(trial, request_kind, through):
+def test_redirects_in_a_circle_end_at_the_limit_of_heads(trial, request_kind, through):
     """All heads of one request, redirects and all, may have about 300 KB together."""
-    name = trial.name(request_kind)
-    chain = [name, *through, name]
-    for here, there in zip(chain, chain[1:]):
-        trial.server.script[here] = [moved(there)]
-    trial.refuse(*trial.failure(request_kind, "Failure when receiving data from the peer"))
-    trial.heal()
+    chain = [trial.name(request_kind), *through, trial.name(request_kind)]
+    trial.server.script |= {here: [moved(there)] for here, there in zip(chain, chain[1:])}
+    trial.refuse(request_kind, BROKEN)
 
 
 def test_long_location_is_followed_as_long_as_its_line_is_taken(trial):
     name = "x" * 60_000
-    case = lead_to(trial, "hit", name)
-    case.script[name] = [reply(trial.content("hit"))]
-    trial.check_all([case, lead_to(trial, "hit", "x" * 120_000, "Out of memory")])
+    cases = [trial.case("hit", [moved(name)], "accepted"), trial.case("hit", [moved(name * 2)], "Out of memory")]
+    cases[0].script[name] = trial.new.script[HIT]
+    trial.check_all(cases)
 
 
 def test_redirect_does_not_outlast_its_request(trial):
     """The next check asks the mirror that is configured, not the one that the last redirect led to."""
-    trial.server.script[HIT] = [moved("aside", "301 Moved Permanently")]
-    trial.server.script["aside"] = [head(), trial.content("hit"), finish]
+    trial.server.script |= {HIT: [moved("aside", "301 Moved Permanently")], **aside(trial, "hit")}
     trial.accept()
-    trial.server.targets()
+    trial.server.requests.clear()
     assert trial.gateway.run_once() == []
     assert trial.server.targets() == [HIT, "aside"]

@@ -1,9 +1,9 @@
 """What the machine around the daemon can do to its conversation with the mirror: the environment and local users."""
 
+import pytest
 from outcomes import published, status_text
-from release import HIT
 from scripted_server import ScriptedServer, finish, reply
-from trials import NEW, OLD
+from trials import ACTIVE, NEW, OLD
 
 
 def run_once(trial, **environment):
@@ -12,36 +12,33 @@ def run_once(trial, **environment):
     return trial.gateway.take_log()
 
 
-def expect_refused(trial, lines, text):
-    trial.compare(trial.refused("hit", [], text), lines, trial.gateway.status_path.read_text(), trial.tree())
+def run_through(proxy, trial, steps):
+    """A check under an environment that names the proxy, which is asked once for the mirror, and takes these steps."""
+    target = f"127.0.0.1:{trial.server.port}"
+    proxy.script[target] = steps
+    lines = run_once(trial, https_proxy=f"http://127.0.0.1:{proxy.port}", no_proxy="", NO_PROXY="")
+    assert [request[0] for request in proxy.requests] == [f"CONNECT {target} HTTP/1.1"]
+    assert trial.server.targets() == []
+    return lines
 
 
-def test_environment_may_send_the_requests_through_a_proxy(trial):
+@pytest.fixture
+def proxy():
+    with ScriptedServer() as server:
+        yield server
+
+
+def test_environment_may_send_the_requests_through_a_proxy(trial, proxy):
     """libcurl looks at it unasked. The proxy learns whom the gateway talks to, and may refuse."""
-    proxy = ScriptedServer()
-    try:
-        target = f"127.0.0.1:{trial.server.port}"
-        proxy.script[target] = [reply(b"", "403 Forbidden"), finish]
-        address = f"http://127.0.0.1:{proxy.port}"
-        lines = run_once(trial, https_proxy=address, no_proxy="", NO_PROXY="")
-        expect_refused(trial, lines, "HTTP response code said error")
-        assert [request[0] for request in proxy.requests] == [f"CONNECT {target} HTTP/1.1"]
-        assert trial.server.targets() == []
-    finally:
-        proxy.stop()
+    lines = run_through(proxy, trial, [reply(b"", "403 Forbidden"), finish])
+    trial.expect(trial.case("hit", [], "HTTP response code said error"), lines)
     trial.heal()
 
 
-def test_proxy_that_answers_for_the_mirror_is_refused(trial):
+def test_proxy_that_answers_for_the_mirror_is_refused(trial, proxy):
     """TLS is spoken with the mirror, through the proxy: one that speaks it itself has no certificate for that."""
-    proxy = ScriptedServer()
-    try:
-        target = f"127.0.0.1:{trial.server.port}"
-        proxy.script[target] = [b"HTTP/1.1 200 OK\r\n\r\n", reply(b"defId=666"), finish]
-        lines = run_once(trial, https_proxy=f"http://127.0.0.1:{proxy.port}", no_proxy="", NO_PROXY="")
-        expect_refused(trial, lines, "SSL connect error")
-    finally:
-        proxy.stop()
+    lines = run_through(proxy, trial, [b"HTTP/1.1 200 OK\r\n\r\n", reply(b"defId=666"), finish])
+    trial.expect(trial.case("hit", [], "SSL connect error"), lines)
     trial.heal()
 
 
@@ -53,33 +50,21 @@ def test_environment_may_have_the_keys_of_tls_written_down(trial):
 
 
 def test_files_of_the_users_home_are_not_read(trial):
-    """Neither credentials nor options for other programs count here."""
+    """Neither credentials nor options for other programs count here, and requests tell nothing about the gateway."""
     (trial.folder / ".netrc").write_text("machine 127.0.0.1 login user password secret\n")
     (trial.folder / ".curlrc").write_text("insecure\nuser-agent = other\n")
     trial.before = trial.tree()
-    assert run_once(trial, HOME=str(trial.folder), CURL_HOME=str(trial.folder)) == published(NEW, OLD)
-    trial.expect_new()
-    heads = [line for lines in trial.server.requests for line in lines]
-    assert not any(line.startswith(("Authorization", "User-Agent")) for line in heads)
-
-
-def test_requests_tell_the_mirror_nothing_about_the_gateway(trial):
-    trial.accept()
-    host = f"127.0.0.1:{trial.server.port}"
-    names = (HIT, trial.name("info"), trial.name("archive"))
+    trial.expect(trial.published({}), run_once(trial, HOME=str(trial.folder), CURL_HOME=str(trial.folder)))
+    host, names = f"127.0.0.1:{trial.server.port}", map(trial.name, ("hit", "info", "archive"))
     assert trial.server.requests == [[f"GET /defs/{name} HTTP/1.1", f"Host: {host}", "Accept: */*"] for name in names]
 
 
-def test_variables_do_not_add_authorities(trial, tmp_path):
+def test_variables_do_not_add_authorities(trial):
     """The configured file alone counts."""
-    right = trial.gateway.settings["ca_path"]
-    other = tmp_path / "machine" / "other.pem"
-    other.write_bytes(right.read_bytes())
+    other = str(trial.gateway.settings["ca_path"])
     trial.gateway.settings["ca_path"] = ""
-    trial.before = trial.tree()
-    lines = run_once(trial, SSL_CERT_FILE=str(other), CURL_CA_BUNDLE=str(other))
-    expect_refused(trial, lines, "SSL peer certificate or SSH remote key was not OK")
-    trial.gateway.settings["ca_path"] = right
+    lines = run_once(trial, SSL_CERT_FILE=other, CURL_CA_BUNDLE=other)
+    trial.expect(trial.case("hit", [], "SSL peer certificate or SSH remote key was not OK"), lines)
     trial.heal()
 
 
@@ -93,10 +78,10 @@ def test_files_changed_in_service_are_not_noticed(trial):
     assert file.read_bytes() == b"other content"
 
 
-def test_link_that_leads_elsewhere_is_believed_by_its_last_component(trial):
+def test_link_that_leads_elsewhere_is_believed_by_its_last_name(trial):
     elsewhere = trial.folder / "elsewhere" / NEW
     elsewhere.mkdir(parents=True)
-    link = trial.gateway.root / "active"
+    link = trial.folder / ACTIVE
     link.unlink()
     link.symlink_to(elsewhere)
     assert trial.gateway.run_once() == []
@@ -105,7 +90,7 @@ def test_link_that_leads_elsewhere_is_believed_by_its_last_component(trial):
 
 
 def test_status_is_written_through_a_link(trial):
-    """So its folder belongs to the daemon's user alone."""
+    """So its directory belongs to the daemon's user alone."""
     victim = trial.folder / "victim"
     victim.write_text("precious " * 1000)
     trial.gateway.status_path.unlink()
