@@ -73,12 +73,12 @@ def zip_central(entry, offset):
     return header + entry.name + f["central_extra"]
 
 
-def zip_bytes(entries, prefix=b"", offsets=None, body=None):
-    """A ZIP of these entries; offsets replace the places where the central directory says they begin, in this body."""
+def zip_bytes(entries, prefix=b"", offsets=None):
+    """A ZIP of these entries; offsets replace the places where the central directory says they begin."""
     places = [len(prefix)]
     for entry in entries:
         places.append(places[-1] + len(zip_local(entry)))
-    body = prefix + b"".join(map(zip_local, entries)) if body is None else body
+    body = prefix + b"".join(map(zip_local, entries))
     central = b"".join(map(zip_central, entries, offsets or places))
     return body + central + struct.pack("<4s4H2IH", b"PK\5\6", 0, 0, *[len(entries)] * 2, len(central), len(body), 0)
 

@@ -16,7 +16,17 @@ from scripted_server import SUBDIR, ScriptedServer
 OLD, NEW = "1001", "1002"
 REQUESTS = ("hit", "info", "archive")
 TIMEOUT_S = 20  # never to be reached but where a test sets it lower
+# What libcurl says.
 SERVERS_REFUSAL = "HTTP response code said error"
+UNSUPPORTED = "Unsupported protocol"
+BAD_URL = "URL using bad/illegal format or missing URL"
+BROKEN = "Failure when receiving data from the peer"
+NOTHING = "Server returned nothing (no headers, no data)"
+PARTIAL = "Transferred a partial file"
+TIMED_OUT = "Timeout was reached"
+UNTRUSTED = "SSL peer certificate or SSH remote key was not OK"
+NO_HANDSHAKE = "SSL connect error"
+NO_MEMORY = "Out of memory"
 ACTIVE = "machine/defs/active"
 SNAPSHOTS = "machine/defs/snapshots"
 SERVED = f"{SNAPSHOTS}/{OLD}"

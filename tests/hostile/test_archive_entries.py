@@ -15,7 +15,7 @@ import struct
 
 import pytest
 from outcomes import published
-from raw_archives import LINK, REGULAR, Entry, cab_bytes, cab_data, cab_file, deflated, release, zip_bytes, zip_local
+from raw_archives import LINK, REGULAR, Entry, cab_bytes, cab_data, cab_file, deflated, release, zip_bytes
 from release import Release, definition_names
 from scripted_server import reply
 from trials import NEW, OLD
@@ -375,36 +375,3 @@ def test_what_is_no_archive_cannot_be_opened(trial):
 def test_bomb_is_unpacked_and_swept(trial):
     """An entry that unpacks to a thousand times its size."""
     check(trial, (new(first=[deflated("bomb", bytes((200 if trial.thorough else 20) << 20))]), snapshot()))
-
-
-def entries_written(trial, archive):
-    """How many entries of an archive the daemon wrote, the release's three among them, until it was in service."""
-    trial.server.script |= trial.archive_case(archive, snapshot()).script
-    lines = trial.gateway.run_once(calls=True)
-    assert [line for line in lines if line.startswith(("err", "warning", "info"))] == published(NEW, OLD)
-    return lines.count("archive_write_header")
-
-
-def offsets_of(entries):
-    return [sum(len(zip_local(entry)) for entry in entries[:count]) for count in range(len(entries))]
-
-
-def test_entries_at_one_place_are_one(trial):
-    entries = new(deflated("x", bytes(1000)))
-    listed = [*new(), *(deflated(f"x{i}", bytes(1000)) for i in range(20))]
-    *offsets, last = offsets_of(entries)
-    body = b"".join(map(zip_local, entries))
-    assert entries_written(trial, zip_bytes(listed, offsets=[*offsets, *[last] * 20], body=body)) == 3 + 1
-
-
-def test_entries_that_overlap_are_unpacked_each(trial):
-    """The content of each is what stands behind its own header: the other ones' headers and contents."""
-    inner = [Entry("x0", bytes(10_000))]
-    for number in range(1, 20):
-        inner.insert(0, Entry(f"x{number}", zip_local(inner[0])))
-    entries = new(*inner)
-    offsets = offsets_of(entries[:4])
-    for outer in inner[:-1]:
-        offsets.append(offsets[-1] + 30 + len(outer.name))
-    body = b"".join(map(zip_local, entries[:4]))
-    assert entries_written(trial, zip_bytes(entries, offsets=offsets, body=body)) == 3 + 20

@@ -5,16 +5,10 @@ import zlib
 
 import pytest
 from scripted_server import chunk, chunked, drip, finish, flood, head, reply
-from trials import REQUESTS, SERVERS_REFUSAL
+from trials import BROKEN, NOTHING, NO_MEMORY, PARTIAL, REQUESTS, SERVERS_REFUSAL, UNSUPPORTED
 
-# What libcurl says of a status line that is none, and of HTTP/0.9, which it does not take unasked.
-NO_HTTP = "Unsupported protocol"
-BROKEN = "Failure when receiving data from the peer"
-NOTHING = "Server returned nothing (no headers, no data)"
 WEIRD = "Weird server reply"
-PARTIAL = "Transferred a partial file"
 BAD_ENCODING = "Unrecognized or bad HTTP Content or Transfer-Encoding"
-MEMORY = "Out of memory"
 ACCEPTED, UNREADABLE = "accepted", "unreadable"
 
 # Each function gives the steps of answers in the place of one with this content, and what comes of them.
@@ -31,7 +25,7 @@ def statuses(content):
         "200  ": ACCEPTED,
         "204 x": UNREADABLE,  # these two have no body, whatever comes
         "304 x": UNREADABLE,
-        **{status: NO_HTTP for status in ("000 x", "001 x", "99 x", "1000 x", "-1 x", "2x0 x", "20", "abc", "")},
+        **{status: UNSUPPORTED for status in ("000 x", "001 x", "99 x", "1000 x", "-1 x", "2x0 x", "20", "abc", "")},
     }
     return [([reply(content, status), finish], outcome) for status, outcome in outcomes.items()]
 
@@ -41,7 +35,7 @@ def interim_answers(content):
     for status in ("100 Continue", "102 Processing", "103 Early Hints", "199 x"):
         yield [head(status), reply(content)], ACCEPTED
         yield [head(status) * 100, reply(content)], ACCEPTED
-        yield [head(status), content, finish], NO_HTTP
+        yield [head(status), content, finish], UNSUPPORTED
     yield [head("100 Continue"), finish], NOTHING
     yield [reply(content, "101 Switching Protocols"), finish], ACCEPTED
     yield [flood(head("100 Continue") * 100)], BROKEN  # the limit of all heads together
@@ -49,20 +43,13 @@ def interim_answers(content):
 
 def status_lines(content):
     length = b"Content-Length: %d\r\n\r\n" % len(content)
+    no_starts = b" HTTP/1.1 200 OK,\r\nHTTP/1.1 200 OK,HTTP 200 OK,HTTP/1.2 200 OK,HTTP/3 200 OK,HTTP/7.7 200 OK"
+    no_starts += b",ICY 200 OK,RTSP/1.0 200 OK,GET / HTTP/1.1,\0\xff\xfe"
     starts = {
-        b"": NO_HTTP,  # HTTP/0.9: nothing but the content
-        b"\r\n": NO_HTTP,
-        b"\0\xff\xfe\r\n\r\n": NO_HTTP,
-        b"GET / HTTP/1.1\r\n\r\n": NO_HTTP,
-        b"220 ready\r\n": NO_HTTP,
-        b" HTTP/1.1 200 OK\r\n\r\n": NO_HTTP,
-        b"\r\nHTTP/1.1 200 OK\r\n\r\n": NO_HTTP,
-        b"HTTP 200 OK\r\n\r\n": NO_HTTP,
-        b"HTTP/1.2 200 OK\r\n\r\n": NO_HTTP,
-        b"HTTP/3 200 OK\r\n\r\n": NO_HTTP,
-        b"HTTP/7.7 200 OK\r\n\r\n": NO_HTTP,
-        b"ICY 200 OK\r\n\r\n": NO_HTTP,
-        b"RTSP/1.0 200 OK\r\n\r\n": NO_HTTP,
+        b"": UNSUPPORTED,  # HTTP/0.9: nothing but the content
+        b"\r\n": UNSUPPORTED,
+        b"220 ready\r\n": UNSUPPORTED,
+        **{start + b"\r\n\r\n": UNSUPPORTED for start in no_starts.split(b",")},
         b"HTTP/1.0 200 OK\r\n\r\n": ACCEPTED,
         b"HTTP/2 200 OK\r\n" + length: ACCEPTED,
         b"http/1.1 200 OK\r\n\r\n": ACCEPTED,
@@ -82,10 +69,7 @@ def lengths(content):
         ("9223372036854775807",): PARTIAL,
         ("9223372036854775808",): ACCEPTED,  # beyond the range: no length at all
         (f"{10 ** 40}",): ACCEPTED,
-        ("-1",): WEIRD,
-        (f"-{size}",): WEIRD,
-        ("abc",): WEIRD,
-        ("",): WEIRD,
+        **{(value,): WEIRD for value in ("-1", f"-{size}", "abc", "")},
         ("0",): UNREADABLE,
         ("5abc",): UNREADABLE,  # five bytes
         (f"0x{size:x}",): UNREADABLE,  # none
@@ -103,6 +87,7 @@ def lengths(content):
 def chunks(content):
     """A length is of no account beside them."""
     size, end, whole = len(content), chunk(b""), chunk(content)
+    no_counts = (b"%x" % (size - 3), b"%x" % (size + 3), b"-5", b"zzz", b"", b"8" + b"0" * 15, b"0" * 30 + b"%x" % size)
     bodies = {
         whole + end: ACCEPTED,
         b"".join(chunk(bytes((byte,))) for byte in content) + end: ACCEPTED,
@@ -115,14 +100,8 @@ def chunks(content):
         whole: PARTIAL,
         end: UNREADABLE,
         content: BROKEN,
-        b"%x\r\n%s\r\n" % (size - 3, content) + end: BROKEN,
-        b"%x\r\n%s\r\n" % (size + 3, content) + end: BROKEN,
-        b"-5\r\n%s\r\n" % content + end: BROKEN,
-        b"zzz\r\n%s\r\n" % content + end: BROKEN,
-        b"\r\n%s\r\n" % content + end: BROKEN,
+        **{b"%s\r\n%s\r\n" % (count, content) + end: BROKEN for count in no_counts},
         b"7fffffffffffffff\r\n%s\r\n" % content + end: PARTIAL,
-        b"8000000000000000\r\n%s\r\n" % content + end: BROKEN,
-        b"%s%x\r\n%s\r\n" % (b"0" * 30, size, content) + end: BROKEN,
     }
     encoding, length = "Transfer-Encoding: chunked", "Content-Length: 3"
     cases = [([head("200 OK", encoding), body, finish], outcome) for body, outcome in bodies.items()]
@@ -166,14 +145,14 @@ def sizes(content):
         ([line], ACCEPTED),
         ([line] * 2, ACCEPTED),
         ([line] * 4, BROKEN),
-        (["X: " + "y" * 110_000], MEMORY),
+        (["X: " + "y" * 110_000], NO_MEMORY),
         (["X: y"] * 5_000, ACCEPTED),
         (["X: y"] * 60_000, BROKEN),
         ([f"Set-Cookie: name{number}=value" for number in range(500)], ACCEPTED),
     ):
         yield [reply(content, "200 OK", *headers)], outcome
     yield [b"HTTP/1.1 200 OK\r\nX: ", flood(b"y\r\nX: " * 1000)], BROKEN
-    yield [b"HTTP/1.1 200 OK\r\nX: ", flood(b"y" * 1000)], MEMORY
+    yield [b"HTTP/1.1 200 OK\r\nX: ", flood(b"y" * 1000)], NO_MEMORY
 
 
 def drips(content):
@@ -198,6 +177,6 @@ def test_bytes_left_over_from_an_answer_spoil_the_next_one(trial, request_kind):
     trial.server.script[trial.name(request_kind)] = [start, content + b"HTTP/1.1 2"]
     following = {"hit": "info", "info": "archive"}.get(request_kind)
     if following:
-        trial.refuse(following, NO_HTTP)
+        trial.refuse(following, UNSUPPORTED)
     else:
         trial.accept()

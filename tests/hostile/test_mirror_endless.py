@@ -5,7 +5,7 @@ import signal
 import pytest
 from gateway import SANITIZED, STARTED, STOPPED
 from scripted_server import flood, head, reply
-from trials import NEW, SNAPSHOTS, without
+from trials import NEW, SNAPSHOTS, TIMED_OUT, without
 
 # Address space that a check needs many times less of, and that a flood fills within a fraction of a second.
 MEMORY = ["prlimit", f"--as={256 << 20}", "--core=0"]
@@ -29,7 +29,7 @@ def test_endless_answer_ends_with_the_time_out(trial, request_kind):
     """A trickle: a flood would fill this machine's memory or disk. What came until then is let go, or removed."""
     trial.gateway.settings["http_timeout_s"] = 1
     trial.server.script[trial.name(request_kind)] = [head(), flood(b"defId=666\n" * 100, interval_s=0.02)]
-    trial.refuse(request_kind, "Timeout was reached")
+    trial.refuse(request_kind, TIMED_OUT)
 
 
 def test_endless_archive_is_bounded_by_a_limit_on_file_sizes(trial, endless_archive):

@@ -7,9 +7,8 @@ import pytest
 from outcomes import published
 from release import HIT, Release, definition_names, good_files, hit_ini, info_ini, info_name, sha256
 from scripted_server import SUBDIR, reply
-from trials import ACTIVE, NEW, OLD, SERVED, SERVERS_REFUSAL, SNAPSHOTS, Case, without
+from trials import ACTIVE, BAD_URL, NEW, OLD, SERVED, SERVERS_REFUSAL, SNAPSHOTS, Case, without
 
-BAD_URL = "URL using bad/illegal format or missing URL"
 NOT_FOUND = reply(b"", "404 x")
 
 

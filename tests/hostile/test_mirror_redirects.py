@@ -6,12 +6,8 @@ import threading
 import pytest
 from release import HIT
 from scripted_server import SUBDIR, ScriptedServer, reply
-from trials import REQUESTS, SERVERS_REFUSAL, server_context
+from trials import BAD_URL, BROKEN, NO_MEMORY, REQUESTS, SERVERS_REFUSAL, UNSUPPORTED, UNTRUSTED, server_context
 
-REFUSED_SCHEME = "Unsupported protocol"
-BAD_URL = "URL using bad/illegal format or missing URL"
-BROKEN = "Failure when receiving data from the peer"
-UNTRUSTED = "SSL peer certificate or SSH remote key was not OK"
 CODES = ("300 x", "301 x", "302 x", "303 x", "305 x", "306 x", "307 x", "308 x", "399 x")
 every_request = pytest.mark.parametrize("request_kind", REQUESTS)
 
@@ -112,7 +108,7 @@ def test_redirect_to_another_scheme_is_refused(trial, request_kind):
     trial.before = trial.tree()
     locations = [f"file://{secret}", f"FILE://{secret}", f"file://localhost{secret}", "javascript:x", "nonsense://x/"]
     locations += [f"{scheme}://127.0.0.1:{trial.server.port}/{SUBDIR}/aside" for scheme in SCHEMES]
-    outcomes = {moved(location): REFUSED_SCHEME for location in locations}
+    outcomes = {moved(location): UNSUPPORTED for location in locations}
     outcomes |= {moved(location): BAD_URL for location in ("https://", "https://127.0.0.1:99999/", "https://a b/")}
     check(trial, request_kind, outcomes)
 
@@ -183,7 +179,7 @@ def test_redirects_in_a_circle_end_at_the_limit_of_heads(trial, request_kind, th
 
 def test_long_location_is_followed_as_long_as_its_line_is_taken(trial):
     name = "x" * 60_000
-    cases = [trial.case("hit", [moved(name)], "accepted"), trial.case("hit", [moved(name * 2)], "Out of memory")]
+    cases = [trial.case("hit", [moved(name)], "accepted"), trial.case("hit", [moved(name * 2)], NO_MEMORY)]
     cases[0].script[name] = trial.new.script[HIT]
     trial.check_all(cases)
 

@@ -5,11 +5,7 @@ import time
 
 import pytest
 from scripted_server import cut, finish, flood, head, hello_answer, receive, reply, reset, stall
-from trials import OLD, REQUESTS
-
-TIMED_OUT = "Timeout was reached"
-BROKEN = "Failure when receiving data from the peer"
-NOTHING = "Server returned nothing (no headers, no data)"
+from trials import BROKEN, NOTHING, OLD, PARTIAL, REQUESTS, TIMED_OUT, UNSUPPORTED
 
 
 @pytest.fixture
@@ -88,7 +84,7 @@ def test_answer_that_breaks_off_is_refused(trial, request_kind, end):
     """A process each: libcurl tries a kept connection again that ends without a byte, but a new one never."""
     texts = dict.fromkeys(STAGES, BROKEN)
     if end is not reset:
-        texts = {**dict.fromkeys(STAGES, NOTHING), "in_content": "Transferred a partial file", "in_head": "unreadable"}
+        texts = {**dict.fromkeys(STAGES, NOTHING), "in_content": PARTIAL, "in_head": "unreadable"}
     for stage, sent in answer_stages(trial.content(request_kind)).items():
         trial.check(trial.case(request_kind, [sent, end], texts[stage]))
         tries = 1 if request_kind == "hit" or stage == "in_head" or stage == "in_content" else 2
@@ -114,4 +110,4 @@ def test_answer_that_comes_before_its_request_is_taken(trial):
 
 def test_garbage_before_the_request_is_refused(trial):
     trial.server.greeting = [b"220 ready\r\n"]
-    trial.refuse("hit", "Unsupported protocol")
+    trial.refuse("hit", UNSUPPORTED)

@@ -8,11 +8,9 @@ from certificates import CLIENTS_ONLY, DAY, Issuer
 from cryptography import x509
 from release import HIT
 from scripted_server import SUBDIR, cut, finish, hello_answer, receive, reset
+from trials import BAD_URL, NO_HANDSHAKE, UNSUPPORTED, UNTRUSTED
 
-UNTRUSTED = "SSL peer certificate or SSH remote key was not OK"
-NO_HANDSHAKE = "SSL connect error"
 BAD_AUTHORITIES = "Problem with the SSL CA cert (path? access rights?)"
-BAD_URL = "URL using bad/illegal format or missing URL"
 
 HERE = [x509.IPAddress(ipaddress.ip_address("127.0.0.1")), x509.DNSName("localhost")]
 
@@ -170,7 +168,7 @@ def test_mirror_that_cannot_be_reached_fails_the_check(trial, closed_port):
         f"https://127.0.0.1:{closed_port}": "Couldn't connect to server",
         f"127.0.0.1:{closed_port}": "Couldn't connect to server",  # taken for plain HTTP
         f"https://{'x' * 64}.invalid:{trial.server.port}": "Couldn't resolve host name",
-        "nonsense://127.0.0.1": "Unsupported protocol",
+        "nonsense://127.0.0.1": UNSUPPORTED,
         "https://a b": BAD_URL,
         "https://127.0.0.1:65536": BAD_URL,
     }
@@ -186,7 +184,7 @@ def test_mirror_that_cannot_be_reached_fails_the_check(trial, closed_port):
 def test_plain_requests_to_a_port_that_speaks_tls_are_refused(trial):
     trial.gateway.settings["mirror_base_url"] = f"http://127.0.0.1:{trial.server.port}"
     trial.server.opening = [receive, b"\x15\x03\x01\x00\x02\x02\x46", finish]
-    trial.refuse("hit", "Unsupported protocol")
+    trial.refuse("hit", UNSUPPORTED)
 
 
 def test_configured_plain_http_is_spoken(trial):

@@ -6,9 +6,8 @@ import ssl
 import pytest
 from release import HIT, info_name
 from scripted_server import chunked, cut, finish, head, reset
-from trials import NEW, OLD, REQUESTS, SERVERS_REFUSAL
+from trials import BROKEN, NEW, NOTHING, OLD, PARTIAL, REQUESTS, SERVERS_REFUSAL
 
-PARTIAL = "Transferred a partial file"
 every_request = pytest.mark.parametrize("request_kind", REQUESTS)
 either_end = pytest.mark.parametrize("end", [finish, cut])
 
@@ -49,7 +48,7 @@ def test_reset_is_refused_at_every_length(trial, request_kind):
     content = trial.content(request_kind)
     whole = head("200 OK", f"Content-Length: {len(content)}") + content
     trial.check_all(
-        trial.case(request_kind, [whole[:length], reset], "Failure when receiving data from the peer")
+        trial.case(request_kind, [whole[:length], reset], BROKEN)
         for length in cut_lengths(whole, 1 if trial.thorough else 17)
         if length > 0 or request_kind == "hit"  # a kept connection that says nothing is tried again, see the stalls
     )
@@ -113,7 +112,7 @@ def test_head_that_breaks_off_is_an_answer_without_content(trial, request_kind):
 
     def outcome(length):
         if length < status_end:
-            return "Server returned nothing (no headers, no data)"
+            return NOTHING
         return "unreadable" if length < length_end else PARTIAL
 
     trial.check_all(
