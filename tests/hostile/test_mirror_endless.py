@@ -1,11 +1,11 @@
-"""Answers without end: what bounds them is the time-out, and the limits that the surroundings set."""
+"""Answers without end: what bounds them besides the time-out is the limits that the surroundings set."""
 
 import signal
 
 import pytest
 from gateway import SANITIZED, STARTED, STOPPED
 from scripted_server import flood, head, reply
-from trials import NEW, SNAPSHOTS, TIMED_OUT, without
+from trials import NEW, SNAPSHOTS, without
 
 # Address space that a check needs many times less of, and that a flood fills within a fraction of a second.
 MEMORY = ["prlimit", f"--as={256 << 20}", "--core=0"]
@@ -22,14 +22,6 @@ def endless_ini(request, trial):
 @pytest.fixture
 def endless_archive(trial):
     trial.server.script[trial.new.archive_name] = [head(), flood(b"x" * 100_000)]
-
-
-@pytest.mark.parametrize("request_kind", ["hit", "info", "archive"])
-def test_endless_answer_ends_with_the_time_out(trial, request_kind):
-    """A trickle: a flood would fill this machine's memory or disk. What came until then is let go, or removed."""
-    trial.gateway.settings["http_timeout_s"] = 1
-    trial.server.script[trial.name(request_kind)] = [head(), flood(b"defId=666\n" * 100, interval_s=0.02)]
-    trial.refuse(request_kind, TIMED_OUT)
 
 
 def test_endless_archive_is_bounded_by_a_limit_on_file_sizes(trial, endless_archive):

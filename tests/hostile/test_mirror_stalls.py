@@ -36,17 +36,18 @@ def test_silence_in_an_answer_ends_with_the_time_out(impatient, request_kind, st
     impatient.refuse(request_kind, TIMED_OUT)
 
 
-@pytest.mark.parametrize(
-    "request_kind, start, drip",
-    [
-        ("hit", b"HTTP/1.1 200 OK\r\n", b"X: y\r\n"),
-        ("archive", head("200 OK", "Content-Length: 1000000"), b"x"),
-        pytest.param("info", head("200 OK", "Content-Length: 1000000"), b"x", marks=pytest.mark.long),
-    ],
-    ids=["head", "archive", "info"],
-)
+DRIPS = {
+    "head": ("hit", b"HTTP/1.1 200 OK\r\n", b"X: y\r\n"),
+    "hit": ("hit", head(), b"defId=666\n" * 100),
+    "info": ("info", head(), b"defId=666\n" * 100),
+    "archive": ("archive", head("200 OK", "Content-Length: 1000000"), b"x"),
+    "endless_archive": ("archive", head(), b"x" * 1000),
+}
+
+
+@pytest.mark.parametrize("request_kind, start, drip", DRIPS.values(), ids=DRIPS)
 def test_answer_that_drips_too_long_ends_with_the_time_out(impatient, request_kind, start, drip):
-    """Each byte comes in good time, but the time-out is for the whole."""
+    """All comes in good time, but the time-out is for the whole. What came until then is let go, or removed."""
     impatient.server.script[impatient.name(request_kind)] = [start, flood(drip, interval_s=0.02)]
     impatient.refuse(request_kind, TIMED_OUT)
 
