@@ -3,19 +3,17 @@
 import stat
 
 import pytest
-from confined import CONFIGURATION, READER, ROOT, SERVICE, STATUS, STRANGER, UNIT
+from booted_gateway import CONFIG, READER, RESTART, ROOT, STATUS, STRANGER, UNIT, USER
 from pages import blocks
 from raw_archives import Entry, cab_bytes, release as entries_of, zip_bytes
-from release import HIT, hit_ini, info_ini, info_name, sha256
-from scripted_server import reply
 from trials import NEW
 
+STAGE = f"{ROOT}/snapshots/{NEW}"
 FILE = f"{ROOT}/active/antivir-v2.def"
 CONTENT = entries_of("new")[1].content.decode().rstrip("\n")
-
+(RECIPE,) = blocks("operations.md", "The root is out of order")
 UNPREPARED = "[Service]\nExecStartPre=\n"  # a start that heals nothing
-
-# Each tries something without a sound; its exit status tells what came of it.
+# Each tries something without a sound; its exit status says what came of it.
 TRIES = {
     "list": f"ls {ROOT}/snapshots",
     "read": f"cat {FILE}",
@@ -29,91 +27,40 @@ TRIES = {
     "create beside the status": f"touch {ROOT}/manifest/new",
     "replace the link": f"ln -sfn /tmp {ROOT}/active",
     "change the mode": f"chmod 777 {FILE}",
-    "write the configuration": f"echo x >>{CONFIGURATION}",
+    "write the configuration": f"echo x >>{CONFIG}",
 }
 READING = ["list", "read", "read the status"]
+NOT_THE_FILES = ["list", "read the status"]
 
 
-def may(system, user, tries=TRIES):
+def may(gateway, user, tries=TRIES):
     """What of all that the user can do."""
     script = "".join(f"({command}) >/dev/null 2>&1 && echo '{name}'\n" for name, command in tries.items())
-    return system.run("sh", "-c", script, user=user, check=False).stdout.splitlines()
+    return gateway.run("sh", "-c", script, user=user, check=False).stdout.splitlines()
 
 
-def serve(system, archive, version=NEW, **settings):
-    """A mirror whose release is of that archive, named in the configuration."""
-    server = system.scripted()
-    server.script = {
-        HIT: [reply(hit_ini(version))],
-        info_name(version): [reply(info_ini(version, "x.archive", sha256(archive)))],
-        "x.archive": [reply(archive)],
-    }
-    system.configure(server, **settings)
+def expect_rights(gateway, readers):
+    """That a reader can do just this, and a stranger nothing."""
+    assert {user: may(gateway, user) for user in (READER, STRANGER)} == {READER: readers, STRANGER: []}
 
 
-def update(system, archive):
+def serve(gateway, archive, version=NEW, **settings):
+    """The mirror has a release of that archive."""
+    gateway.publish(version, archive=archive, archive_name="x.archive")
+    gateway.configure(**settings)
+
+
+def update(gateway, archive):
     """An update under the unit to a release of that archive."""
-    serve(system, archive)
-    system.restart()
+    serve(gateway, archive)
+    gateway.expect_check(NEW)
 
 
 def zip_with_mode(mode):
     entries = entries_of("new")
     for entry in entries:
-        entry.mode = 0o100000 | mode
+        entry.mode = stat.S_IFREG | mode
     return zip_bytes(entries)
-
-
-ARCHIVES = {
-    "cab": (cab_bytes(entries_of("new")), "666"),
-    **{f"zip_{mode:04o}": (zip_with_mode(mode), f"{mode:o}") for mode in (0o666, 0o777, 0o644, 0o444)},
-}
-
-
-@pytest.mark.parametrize("archive, mode", ARCHIVES.values(), ids=ARCHIVES)
-def test_readers_read_and_strangers_do_nothing(system, archive, mode):
-    update(system, archive)
-    system.expect_status(NEW)
-    assert system.out("stat", "--format=%a %U", FILE) == f"{mode} {SERVICE}"
-    assert may(system, STRANGER) == []
-    assert may(system, READER) == READING
-    assert system.out("cat", FILE, user=READER) == CONTENT
-
-
-def test_file_of_mode_0600_is_for_the_service_alone(system):
-    update(system, zip_with_mode(0o600))
-    system.expect_status(NEW)
-    assert may(system, STRANGER) == []
-    assert may(system, READER) == ["list", "read the status"]
-
-
-def test_set_user_id_bit_is_not_set(system):
-    update(system, zip_with_mode(0o4755))
-    system.expect_status(NEW)
-    assert system.out("stat", "--format=%a %U", FILE) == f"755 {SERVICE}"
-    assert may(system, STRANGER) == []
-    assert may(system, READER) == READING
-
-
-def test_index_of_mode_0000_checks_nothing(system):
-    """The service's user cannot read it."""
-    index, wrong, other = entries_of("new")
-    index.mode, wrong.content = stat.S_IFREG, b"wrong\n"
-    update(system, zip_bytes([index, wrong, other]))
-    system.expect_status(NEW)
-    assert system.out("cat", FILE) == "wrong"
-    stage = f"{ROOT}/snapshots/{NEW}"
-    assert f"fsync: open {stage}/antivir-v2.ini failed" in system.take_log()
-    assert system.out("ls", stage).split() == ["aivsecon-v2.def", "antivir-v2.def"]
-
-
-def test_definition_of_mode_0000_is_refused_by_its_digest(system):
-    """Right as it is; for it cannot be read."""
-    entries = entries_of("new")
-    entries[1].mode = stat.S_IFREG
-    update(system, zip_bytes(entries))
-    system.expect_status("", "sha256 mismatch antivir-v2.def")
-    assert system.listing() == ["manifest/", "manifest/status.json", "snapshots/"]
 
 
 def zip_with_directory(mode):
@@ -121,100 +68,118 @@ def zip_with_directory(mode):
     return zip_bytes([Entry(".", b"", stat.S_IFDIR | mode), *entries_of("new")])
 
 
-(RECIPE,) = blocks("operations.md", "The root is out of order")
-DIRECTORIES = {0o777: READING, 0o755: READING, 0o700: ["list", "read the status"]}
+CAB = cab_bytes(entries_of("new"))
+# Archives, what has a mode from them, that mode, and what readers may do; a start of the service gives them the rest.
+ARCHIVES = {
+    "cab": (CAB, FILE, "666", READING),
+    **{f"zip_{mode:04o}": (zip_with_mode(mode), FILE, f"{mode:o}", READING) for mode in (0o666, 0o777, 0o644, 0o444)},
+    "zip_4755": (zip_with_mode(0o4755), FILE, "755", READING),  # the bit is not set
+    "zip_0600": (zip_with_mode(0o600), FILE, "600", NOT_THE_FILES),
+    "directory_0777": (zip_with_directory(0o777), STAGE, "777", READING),
+    "directory_0755": (zip_with_directory(0o755), STAGE, "755", READING),
+    "directory_0700": (zip_with_directory(0o700), STAGE, "700", NOT_THE_FILES),
+}
 
 
-@pytest.mark.parametrize("mode, readable", DIRECTORIES.items(), ids=map("{:04o}".format, DIRECTORIES))
-def test_directory_entry_without_rights_for_the_group_hides_the_release_from_readers(system, mode, readable):
-    """And gives nobody more; a restart shows it to them."""
-    update(system, zip_with_directory(mode))
-    system.expect_status(NEW)
-    assert system.out("stat", "--format=%a %U", f"{ROOT}/snapshots/{NEW}") == f"{mode:o} {SERVICE}"
-    assert may(system, STRANGER) == []
-    assert may(system, READER) == readable
-    system.run("sh", "-ec", RECIPE)
-    assert may(system, STRANGER) == []
-    assert may(system, READER) == READING
+@pytest.mark.parametrize("archive, place, mode, readable", ARCHIVES.values(), ids=ARCHIVES)
+def test_readers_at_most_read_and_strangers_do_nothing(gateway, archive, place, mode, readable):
+    update(gateway, archive)
+    assert gateway.out("stat", "--format=%a %U", place) == f"{mode} {USER}"
+    expect_rights(gateway, readable)
+    if readable != READING:
+        gateway.check(RECIPE)
+        expect_rights(gateway, READING)
+    assert gateway.out("cat", FILE, user=READER) == CONTENT
 
 
-def test_directory_of_mode_0000_blocks_its_id_until_a_restart(system):
-    system.drop_in(UNPREPARED)
-    serve(system, zip_with_directory(0))
-    system.run("systemctl", "restart", UNIT)
+def test_index_of_mode_0000_checks_nothing(gateway):
+    """The service's user cannot read it."""
+    index, wrong, other = entries_of("new")
+    index.mode, wrong.content = stat.S_IFREG, b"wrong\n"
+    update(gateway, zip_bytes([index, wrong, other]))
+    assert gateway.out("cat", FILE) == "wrong"
+    assert f"fsync: open {STAGE}/antivir-v2.ini failed" in gateway.take_log()
+    assert gateway.out("ls", STAGE).split() == ["aivsecon-v2.def", "antivir-v2.def"]
+
+
+def test_definition_of_mode_0000_is_refused_by_its_digest(gateway):
+    """Right as it is; for it cannot be read."""
+    entries = entries_of("new")
+    entries[1].mode = stat.S_IFREG
+    serve(gateway, zip_bytes(entries))
+    gateway.expect_check("", "sha256 mismatch antivir-v2.def")
+    assert gateway.listing() == ["manifest/", "manifest/status.json", "snapshots/"]
+
+
+def test_directory_of_mode_0000_costs_its_id_until_a_restart(gateway):
+    """The staging directory stays, shut to the unit itself: that id is lost, the next one is not."""
+    gateway.drop_in(UNPREPARED)
+    serve(gateway, zip_with_directory(0))
+    gateway.run("sh", "-c", RESTART)
     log = []
-    system.wait_for(lambda: log.extend(system.take_log()) or log[-1:] and "exception" in log[-1])
-    stage = f"{ROOT}/snapshots/{NEW}"
+    gateway.wait_for(lambda: log.extend(gateway.take_log()) or "exception" in "".join(log[-1:]))
     exception = "run_once exception: filesystem error: status: Permission denied"
-    assert log[-1] == f"{exception} [{stage}/antivir-v2.def]"
-    assert system.out("stat", "--format=%a", stage) == "0"
-    serve(system, ARCHIVES["cab"][0])
-    system.restart()
-    system.expect_status("", "download CAB")
-    assert f"download_cab: cannot create {stage}/x.archive.part" in system.take_log()
-    system.path(STATUS).unlink()
-    system.drop_in("")
-    system.run("sh", "-ec", RECIPE)
-    system.wait_for_status(NEW)
-    system.expect_status(NEW)
-    assert may(system, STRANGER) == []
-    assert may(system, READER) == READING
+    assert log[-1] == f"{exception} [{STAGE}/antivir-v2.def]"
+    assert gateway.out("stat", "--format=%a", STAGE) == "0"
+    serve(gateway, CAB)
+    gateway.expect_check("", "download CAB")
+    assert f"download_cab: cannot create {STAGE}/x.archive.part" in gateway.take_log()
+    serve(gateway, CAB, "1003")
+    gateway.expect_check("1003")
+    serve(gateway, CAB)
+    gateway.drop_in("")
+    gateway.expect_check(NEW, command=RECIPE)
+    expect_rights(gateway, READING)
 
 
-@pytest.mark.parametrize("mode", [0o500, 0o555], ids=oct)
-def test_unwritable_snapshot_stays_until_a_restart(system, mode):
+def test_unwritable_snapshot_stays_until_a_restart(gateway):
     """What else the archive held stays in it."""
-    system.drop_in(UNPREPARED)
-    update(system, zip_with_directory(mode))
-    system.expect_status(NEW)
+    gateway.drop_in(UNPREPARED)
+    update(gateway, zip_with_directory(0o555))
+
+    def of_the_first():
+        return [name for name in gateway.listing() if name.startswith(f"snapshots/{NEW}/")]
+
     names = ("", "aivsecon-v2.def", "antivir-v2.def", "antivir-v2.ini", "x.archive")
-    stuck = [f"snapshots/{NEW}/{name}" for name in names]
-    serve(system, ARCHIVES["cab"][0], "1003", retained_snapshots=1)
-    system.restart()
-    system.expect_status("1003")
-    assert [name for name in system.listing() if name.startswith(stuck[0])] == stuck
-    serve(system, ARCHIVES["cab"][0], "1004", retained_snapshots=1)
-    system.path(STATUS).unlink()
-    system.drop_in("")
-    system.run("sh", "-ec", RECIPE)
-    system.wait_for_status("1004")
-    assert [name for name in system.listing() if name.startswith(stuck[0])] == []
+    for version, kept in (("1003", [f"snapshots/{NEW}/{name}" for name in names]), ("1004", [])):
+        serve(gateway, CAB, version, retained_snapshots=1)
+        gateway.expect_check(version, command=RECIPE)
+        assert of_the_first() == kept
+        gateway.drop_in("")
 
 
-def test_service_user_cannot_write_the_configuration(system):
-    """Nor, outside the unit, anything else but the definitions."""
-    update(system, ARCHIVES["cab"][0])
-    assert system.out("stat", "--format=%a %U %G", CONFIGURATION) == "644 root root"
-    system.stop()
-    assert "write the configuration" not in may(system, SERVICE)
+def test_service_user_cannot_write_the_configuration(gateway):
+    """Outside the unit either."""
+    update(gateway, CAB)
+    assert gateway.out("stat", "--format=%a %U %G", CONFIG) == "644 root root"
+    gateway.run("systemctl", "stop", UNIT)
+    assert "write the configuration" not in may(gateway, USER)
 
 
-def test_reader_could_write_without_the_default_acl(system):
-    """What the lines in tmpfiles.d are for."""
-    system.drop_in(UNPREPARED)
-    system.run("setfacl", "--remove-default", f"{ROOT}/snapshots")
-    update(system, ARCHIVES["cab"][0])
-    assert "write" in may(system, READER)
+# What the default ACLs and the modes of directories in tmpfiles.d are for.
+WITHOUT = {
+    READER: f"setfacl --remove-default {ROOT}/snapshots",
+    STRANGER: f"chmod o+rx {ROOT} {ROOT}/snapshots",
+}
 
 
-def test_stranger_could_write_without_the_modes_of_directories(system):
-    system.drop_in(UNPREPARED)
-    system.run("chmod", "o+rx", ROOT, f"{ROOT}/snapshots")
-    update(system, ARCHIVES["cab"][0])
-    assert "write" in may(system, STRANGER)
+@pytest.mark.parametrize("user, command", WITHOUT.items(), ids=WITHOUT)
+def test_user_could_write_without_what_guards_the_root(gateway, user, command):
+    gateway.drop_in(UNPREPARED)
+    gateway.run(*command.split())
+    update(gateway, CAB)
+    assert "write" in may(gateway, user)
 
 
 @pytest.fixture
-def without_acls(system):
+def without_acls(gateway):
     """The definitions root on a file system that knows no ACLs."""
-    system.run("mount", "-t", "ramfs", "ramfs", ROOT)
-    yield system
-    system.stop()
-    system.run("umount", ROOT)
+    gateway.run("mount", "-t", "ramfs", "ramfs", ROOT)
+    yield gateway
+    gateway.stop()
+    gateway.run("umount", ROOT)
 
 
 def test_without_acls_nobody_but_the_service_gets_in(without_acls):
-    update(without_acls, ARCHIVES["cab"][0])
-    without_acls.expect_status(NEW)
-    assert may(without_acls, STRANGER) == []
-    assert may(without_acls, READER) == []
+    update(without_acls, CAB)
+    expect_rights(without_acls, [])

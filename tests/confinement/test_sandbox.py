@@ -2,11 +2,12 @@
 what came of each try. Each line of the unit is then taken away, and the tries that it guards have to succeed."""
 
 import pytest
-from confined import CONFIGURATION, DAEMON, QUORIN, ROOT, UNIT
+from booted_gateway import CONFIG, DAEMON, ROOT, TIMER, UNIT
+from builds import REPOSITORY
 from gateway import BUILD
 
 # Open to everybody, so that nothing but the sandbox stands before them.
-OPEN_FOLDERS = (
+OPEN = (
     "/etc /usr /usr/lib /usr/lib32 /usr/lib64 /var /srv /run /opt /mnt "
     "/run/lock /dev/shm /tmp /var/tmp /home /root /run/user"
 ).split()
@@ -17,9 +18,9 @@ FORBIDDEN = {
     "NoNewPrivs": "1",
     "Seccomp": "2",
     "other processes": "0",
-    **{f"write {folder}/zqu-open/file": "EROFS" for folder in OPEN_FOLDERS[:10]},
-    **{f"write {folder}/zqu-open/file": "EACCES" for folder in OPEN_FOLDERS[10:14]},
-    f"write {QUORIN}/etc/zel_quorin_updater.conf": "EROFS",
+    **{f"write {folder}/zqu-open/file": "EROFS" for folder in OPEN[:10]},
+    **{f"write {folder}/zqu-open/file": "EACCES" for folder in OPEN[10:14]},
+    f"write {CONFIG}": "EROFS",
     **{f"read {folder}/zqu-open/file": "EACCES" for folder in ("/home", "/root", "/run/user")},
     **{f"write /{name}": "ENOENT" for name in ("proc/sys/kernel/core_pattern", "dev/kmsg")},
     "write /sys/fs/cgroup/cgroup.procs": "ENOENT",
@@ -53,30 +54,32 @@ NEEDED = {
     "writable mount": ROOT,  # the only one
     "chmod 0666": "allowed",
     "mkfifo": "allowed",
-    f"read {QUORIN}/etc/zel_quorin_updater.conf": "allowed",
+    f"read {CONFIG}": "allowed",
     "write /dev/null": "allowed",
     **{f"socket {family}": "allowed" for family in ("inet", "inet6", "unix")},
 }
 
 
 @pytest.fixture(scope="module")
-def probed(booted):
-    """The booted system with the probe in the daemon's place, and folders that are open to everybody."""
-    for folder in OPEN_FOLDERS:
-        booted.run("install", "-d", "-m", "777", f"{folder}/zqu-open")
-        booted.put(f"{folder}/zqu-open/file", "precious\n", 0o666)
-    booted.put(CONFIGURATION, "", 0o666)
-    booted.put(DAEMON, (BUILD / "zqu_probe").read_bytes(), 0o755)
-    return booted
+def probed(module_gateway):
+    """The booted gateway with the probe in the daemon's place, and directories that are open to everybody."""
+    gateway = module_gateway
+    for folder in OPEN:
+        gateway.run("install", "-d", "-m", "777", f"{folder}/zqu-open")
+        gateway.put(f"{folder}/zqu-open/file", "precious\n", 0o666)
+    gateway.put(CONFIG, "", 0o666)
+    gateway.put(DAEMON, (BUILD / "zqu_probe").read_bytes(), 0o755)
+    return gateway
 
 
-def probe(system, *lines):
+def probe(gateway, *lines):
     """What comes of each try under the unit with these lines changed."""
-    system.drop_in("\n".join(("[Service]", *lines)))
-    system.take_log()
-    system.run("systemctl", "start", UNIT)
-    system.wait_for(lambda: system.state() == ("inactive", "success"))
-    found = [line.split(": ", 1) for line in system.take_log()]
+    gateway.drop_in("\n".join(("[Service]", *lines)))
+    gateway.take_log()
+    gateway.run("systemctl", "start", UNIT)
+    gateway.wait_for(lambda: gateway.state() == "inactive")
+    assert gateway.show(UNIT, "Result") == "success"
+    found = [line.split(": ", 1) for line in gateway.take_log()]
     assert len(found) == len(dict(found)) or lines, found
     return dict(found)
 
@@ -90,7 +93,7 @@ AS_ROOT = ["User=root", "PrivateUsers=no", "CapabilityBoundingSet=~"]  # nothing
 GUARDS = {
     "ProtectSystem": (
         ["ProtectSystem=no"],
-        ["write /etc/zqu-open/file", f"write {QUORIN}/etc/zel_quorin_updater.conf"],
+        ["write /etc/zqu-open/file", f"write {CONFIG}"],
     ),
     "ReadOnlyPaths": (["ReadOnlyPaths="], ["write /run/zqu-open/file"]),
     "BindReadOnlyPaths": (
@@ -140,12 +143,28 @@ def test_sandbox_without_a_guard_lets_through_what_it_guards(probed, guard):
     assert [name for name in tries if found.get(name) == {**FORBIDDEN, **NEEDED}[name]] == []
 
 
-def test_exposure_is_at_most_1_2(probed):
+# What systemd-analyze(1) may rate the services at, in tenths.
+EXPOSURE = {UNIT: 12, "zqu-status.service": 8, "zqu-mirror-sync.service": 15}
+SAMPLES = [path for kind in ("consumer", "mirror") for path in sorted((REPOSITORY / "packaging" / kind).iterdir())]
+
+
+@pytest.fixture
+def with_samples(probed):
+    """Every unit that there is."""
     probed.drop_in("")
-    assert probed.run("systemd-analyze", "security", "--no-pager", "--threshold=12", UNIT, check=False).returncode == 0
+    for sample in SAMPLES:
+        probed.put(f"/etc/systemd/system/{sample.name}", sample.read_text())
+    probed.run("systemctl", "daemon-reload")
+    return probed
 
 
-@pytest.mark.parametrize("name", [UNIT, "zel_quorin_updater-retry.timer"])
-def test_units_verify_without_a_word(booted, name):
-    process = booted.run("systemd-analyze", "verify", "--man=no", f"/usr/local/lib/systemd/system/{name}")
+@pytest.mark.parametrize("unit", EXPOSURE)
+def test_exposure_is_bounded(with_samples, unit):
+    command = ["systemd-analyze", "security", "--no-pager", f"--threshold={EXPOSURE[unit]}", unit]
+    assert with_samples.run(*command, check=False).returncode == 0
+
+
+def test_units_verify_without_a_word(with_samples):
+    units = [UNIT, TIMER, "zqu-status.service", "zqu-status.timer", *(sample.name for sample in SAMPLES)]
+    process = with_samples.run("systemd-analyze", "verify", "--man=no", *units)
     assert process.stdout + process.stderr == ""

@@ -15,7 +15,7 @@ import time
 CLONE_NEWNET = 0x40000000
 _ENVIRONMENT = ["env", "-i", "PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C.UTF-8", "SYSTEMD_PAGER=", "TERM=dumb"]
 
-# $1 is the empty folder to work in; the others are folders to be seen at the same place in the booted system.
+# $1 is the empty directory to work in; the others are directories to be seen at the same place in the booted system.
 _BOOT = r"""
 work=$1; shift
 mount -t tmpfs -o mode=755 tmpfs "$work"
@@ -24,6 +24,8 @@ mount -t overlay -o "lowerdir=/,upperdir=$work/upper,workdir=$work/work" overlay
 cd "$work/root"
 : >etc/fstab
 rm -rf usr/local/zelgw  # an updater of this machine is none of theirs
+# A container's, which would hold back services; and what would have each package index all pages of the manual.
+rm -f usr/sbin/policy-rc.d var/lib/man-db/auto-update
 rm -f etc/machine-id; : >etc/machine-id
 printf '[Unit]\nRequires=basic.target\nAfter=basic.target\n' >etc/systemd/system/bare.target
 rm -rf etc/systemd/system/multi-user.target.wants etc/systemd/system/timers.target.wants
@@ -119,7 +121,7 @@ class Booted:
     /tmp, /run, processes, users' sessions and network, of which there is only the loopback interface."""
 
     def __init__(self, *shared):
-        """Boots; the folders are this machine's own, at the same path, for both to read and write."""
+        """Boots; the directories are this machine's own, at the same path, for both to read and write."""
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="zqu-boot-"))
         self.groups = []
         try:
@@ -196,11 +198,6 @@ class Booted:
         """Where this machine finds a path of the booted system; a link in it must be relative."""
         return pathlib.Path(f"/proc/{self.init}/root{path}")
 
-    def written(self):
-        """Where this machine finds all that differs in the booted system from this machine's files, by the same paths,
-        less its file systems in memory: /tmp, /var/tmp, /run, /dev."""
-        return self.path("/run/written")
-
     def show(self, unit, name):
         """One property of a unit."""
         return self.out("systemctl", "show", "--property", name, "--value", unit)
@@ -212,12 +209,14 @@ class Booted:
 
     def wait_for(self, condition, seconds=60):
         """Waits until the condition holds."""
-        for _ in range(seconds * 50):
+        end = time.monotonic() + seconds
+        while time.monotonic() < end:
             if condition():
                 return
             assert self.outer.poll() is None, self._said()
             time.sleep(0.02)
-        raise AssertionError("it never came to that\n" + self.out("journalctl", "-n", "40", "--no-pager", check=False))
+        log = self.out("journalctl", "-n", "40", "--no-pager", check=False)
+        raise AssertionError(f"it never came to that in {seconds} s; the end of the journal:\n{log}")
 
     def in_network(self, action):
         """Does something, such as starting a server, with the booted system's network but this machine's files."""

@@ -1,11 +1,10 @@
-"""What the pages below docs/ tell to do, as commands."""
+"""What the pages below docs/ say to do, as commands."""
 
 import re
 import textwrap
 
 from builds import REPOSITORY
-
-DEFS = "/usr/local/zelgw/opt/av/quorin/defs"  # which the pages abbreviate
+from gateway import SETTINGS
 
 
 def section(page, heading):
@@ -17,4 +16,4 @@ def section(page, heading):
 def blocks(page, heading):
     """The indented blocks below a heading, ready to run."""
     found = re.findall(r"^((?:    .*\n)+(?:\n*(?:    .*\n)+)*)", section(page, heading), re.MULTILINE)
-    return [textwrap.dedent(block).replace("…/defs", DEFS) for block in found]
+    return [textwrap.dedent(block).replace("…/defs", SETTINGS["def_root"]) for block in found]

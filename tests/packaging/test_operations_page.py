@@ -1,267 +1,202 @@
 """The pages for those who run a gateway and those who read its definitions: what they say to do, done as it stands."""
 
 import ctypes
-import json
 import os
 import re
-import shutil
 import struct
 
 import pytest
 import trustme
-from packages import CONFIG, DEFS, SERVICE
+from booted_gateway import AUTHORITY, CONFIG, PROGRAM, ROOT, STATUS, UNIT
 from pages import blocks
+from trials import server_context
 
-STATUS = f"{DEFS}/manifest/status.json"
-DROP_IN = f"/etc/systemd/system/{SERVICE}.d/override.conf"
-RESTART = "systemctl restart zel_quorin_updater"
+DESK = "/tmp/installation"
+DROP_IN = f"/etc/systemd/system/{UNIT}.d/override.conf"
+START, STOP = f"systemctl start {PROGRAM}", f"systemctl stop {PROGRAM}"
 USER = "mailfilter"  # whom a block lets read the definitions
+REFUSED = "defId fetch failed"
 
 
-class Gateway:
-    """The system with the package installed the way the page says, in the hands of an administrator."""
+class Administrator:
+    """Works at a gateway by the pages."""
 
-    def __init__(self, site, deb):
-        self.site, self.machine, self.mirror = site, site.machine, site.mirror
-        self.folder = self.machine.path("/tmp/installation")
-        self.folder.mkdir()
-        self.folder.chmod(0o755)
-        shutil.copy(deb, self.folder)
+    def __init__(self, gateway, deb):
+        self.gateway = gateway
+        gateway.put(f"{DESK}/{deb.name}", deb.read_bytes())
         # The editor writes what it finds in a file over what it is given, as somebody who types would.
-        editor = self.folder / "editor"
-        editor.write_text('#!/bin/sh\nfor last; do :; done\ncat /tmp/installation/text >"$last"\n')
-        editor.chmod(0o755)
-        self.type(f"mirror_base_url = {site.nginx.url()}\nmirror_subdir = defs\nca_path = /etc/mirror-ca.pem\n")
-        self.machine.path("/etc/mirror-ca.pem").write_bytes(site.nginx.ca_path.read_bytes())
+        gateway.put(f"{DESK}/editor", f'#!/bin/sh\nfor last; do :; done\ncat {DESK}/text >"$last"\n', 0o755)
 
     def type(self, text):
         """What the administrator will write when an editor comes up."""
-        (self.folder / "text").write_text(text)
+        self.gateway.put(f"{DESK}/text", text)
 
-    def take_new(self, version=None):
-        """Has a release published, a new one unless told which, and taken; returns its id."""
-        self.latest = version or str(int(self.latest) + 1)
-        self.mirror.publish(self.latest)
-        assert self.after(RESTART) == (self.latest, "")
-        return self.latest
-
-    def sh(self, script, **options):
+    def sh(self, script):
         """Has the administrator's shell run it; each command has to succeed."""
-        environment = "PATH=/tmp/installation:/usr/sbin:/usr/bin:/sbin:/bin"
-        shell = ["env", "--chdir=/tmp/installation", environment, "EDITOR=editor", "DEBIAN_FRONTEND=noninteractive"]
-        return self.machine.out(*shell, "sh", "-ec", script, **options)
+        path = f"PATH={DESK}:/usr/sbin:/usr/bin:/sbin:/bin"
+        shell = ["env", f"--chdir={DESK}", path, "EDITOR=editor", "DEBIAN_FRONTEND=noninteractive", "sh", "-ec"]
+        return self.gateway.out(*shell, script)
 
     def edit_unit(self, text):
         """systemctl edit, which wants a terminal."""
         self.type(text)
-        self.sh("script --quiet --return --command 'systemctl edit zel_quorin_updater' /dev/null")
-        assert self.machine.path(DROP_IN).read_text().strip() == text.strip()
+        self.sh(f"script --quiet --return --command 'systemctl edit {PROGRAM}' /dev/null")
+        assert self.gateway.path(DROP_IN).read_text().strip() == text.strip()
 
-    def undo_drop_in(self):
-        self.machine.run("rm", "-rf", os.path.dirname(DROP_IN))
-        self.machine.run("systemctl", "daemon-reload")
-
-    def after(self, script, status=STATUS):
-        """Runs what ends in a check; returns the version then in service, and what was the matter."""
-        path = self.machine.path(status)
-        path.unlink(missing_ok=True)
-        self.machine.run("systemctl", "reset-failed", SERVICE, check=False)
-        self.sh(script)
-        self.machine.wait_for(lambda: path.exists() and path.read_text().endswith("}\n"))
-        told = json.loads(path.read_text())
-        return told["active_version"], told["last_error"]
-
-    def release(self, folder=DEFS, user=None):
-        """Whose definitions whoever reads them gets."""
-        lines = self.machine.out("cat", f"{folder}/active/antivir-v2.def", user=user).splitlines()
-        return lines[0].removeprefix("antivir-v2.def of ")
-
-    def requests(self):
-        """The files that the mirror was asked for since this was asked last."""
-        log = self.site.nginx.folder / "access.log"
-        names = [line.split()[0].rpartition("/")[2] for line in log.read_text().splitlines()]
-        os.truncate(log, 0)
-        return names
+    def take_new(self):
+        """Has the release after the one in service published and taken; returns its id."""
+        version = str(int(self.gateway.in_service()) + 1)
+        self.gateway.publish(version)
+        self.gateway.expect_check(version)
+        return version
 
 
 @pytest.fixture(scope="module")
-def gateway(installation, packages):
-    """Installed by the page's block, and with a reader made so by the line for consumers."""
-    made = Gateway(installation, packages.deb())
+def administrator(bare_gateway, packages):
+    """The package is installed by the page's block, and a reader let in by the line for consumers."""
+    made, gateway = Administrator(bare_gateway, packages.deb()), bare_gateway
+    gateway.publish("1001")
+    made.type(gateway.configuration("localhost"))
     (block,) = blocks("operations.md", "First installation")
     made.said = made.sh(block.replace("zqu-status\n", f"until [ -s {STATUS} ]; do sleep 0.1; done\nzqu-status\n"))
-    made.latest = made.release()
-    made.machine.run("useradd", "--no-create-home", USER)
-    made.refused = made.machine.run("cat", f"{DEFS}/active/antivir-v2.def", user=USER, check=False).stderr
+    gateway.run("useradd", "--no-create-home", USER)
+    made.refused = gateway.run("cat", f"{ROOT}/active/antivir-v2.def", user=USER, check=False).stderr
     (block,) = blocks("consumers.md", "May read")
     made.sh(block)
     return made
 
 
-def test_first_installation_ends_with_definitions_in_service(gateway):
+@pytest.fixture
+def gateway(administrator):
+    """With a new release in service; drop-ins are taken back."""
+    made = administrator.gateway
+    made.version = administrator.take_new()
+    yield made
+    made.drop_in("")
+
+
+def test_first_installation_ends_with_definitions_in_service(administrator):
     """apt-get has no network here: all that the package needs is there already."""
-    assert re.search(r"^verdict +OK$", gateway.said, re.MULTILINE), gateway.said
-    assert (gateway.site.enabled(), gateway.site.active()) == ("enabled", "active")
+    assert re.search(r"^verdict +OK$", administrator.said, re.MULTILINE), administrator.said
+    assert (administrator.gateway.enabled(), administrator.gateway.state()) == ("enabled", "active")
 
 
-def test_user_is_let_in_by_the_line_for_consumers(gateway):
-    assert gateway.refused == f"cat: {DEFS}/active/antivir-v2.def: Permission denied\n"
-    assert gateway.release(user=USER) == gateway.latest
+def test_user_is_let_in_by_the_line_for_consumers(administrator, gateway):
+    assert administrator.refused == f"cat: {ROOT}/active/antivir-v2.def: Permission denied\n"
+    assert gateway.in_service(user=USER) == gateway.version
 
 
-def test_two_authorities_in_one_file_carry_over_a_change_of_the_mirrors_certificate(gateway):
-    nginx, pem = gateway.site.nginx, gateway.machine.path("/etc/mirror-ca.pem")
-    former, authority = pem.read_bytes(), trustme.CA()
-    nginx.set_certificate(authority.issue_cert("localhost"))
+def test_two_authorities_carry_over_a_change_of_certificates(gateway):
+    server, other, pem = gateway.server, trustme.CA(), gateway.path(AUTHORITY).read_bytes()
+    former, server.context = server.context, server_context(other.issue_cert("localhost"))
     try:
-        nginx.reload()
-        assert gateway.after(RESTART) == (gateway.latest, "defId fetch failed")
-        pem.write_bytes(former + authority.cert_pem.bytes())
-        assert gateway.after(RESTART) == (gateway.latest, "")
+        gateway.expect_check(gateway.version, REFUSED)
+        gateway.put(AUTHORITY, pem + other.cert_pem.bytes())
+        gateway.expect_check(gateway.version)
     finally:
-        nginx.set_certificate(nginx.leaves["good"])
-        nginx.reload()
-    assert gateway.after(RESTART) == (gateway.latest, "")
+        server.context = former
+    gateway.expect_check(gateway.version)
 
 
-def test_no_proxy_spares_the_mirror_the_proxy_of_the_drop_in(gateway):
+def test_no_proxy_spares_the_mirror_the_proxy_of_the_drop_in(administrator, gateway):
     (block,) = blocks("operations.md", "A proxy")
-    gateway.edit_unit(block)
-    try:
-        assert gateway.after(RESTART) == (gateway.latest, "defId fetch failed")
-        assert gateway.machine.journal(SERVICE)[-1].endswith(": Couldn't resolve proxy name")
-        gateway.edit_unit(block + "Environment=no_proxy=localhost\n")
-        assert gateway.after(RESTART) == (gateway.latest, "")
-    finally:
-        gateway.undo_drop_in()
+    administrator.edit_unit(block)
+    gateway.expect_check(gateway.version, REFUSED)
+    assert gateway.take_log()[-1].endswith(": Couldn't resolve proxy name")
+    administrator.edit_unit(block + "Environment=no_proxy=localhost\n")
+    gateway.expect_check(gateway.version)
 
 
 def everything_below(gateway, folder):
     """Names, modes, owners, times, links and ACLs."""
-    listed = gateway.machine.out("find", folder, "-printf", "%P %M %u:%g %T@ %l\\n")
-    return sorted(listed.splitlines()), sorted(gateway.sh(f"cd {folder} && getfacl --recursive .").split("\n\n"))
+    listed = gateway.out("find", folder, "-printf", "%P %M %u:%g %T@ %l\\n")
+    acls = gateway.out("sh", "-c", f"cd {folder} && getfacl --recursive .")
+    return sorted(listed.splitlines()), sorted(acls.split("\n\n"))
 
 
-def test_copy_of_the_root_filters_from_the_first_minute(gateway):
-    gateway.sh(f"systemctl stop zel_quorin_updater; cp -a {DEFS} /srv/copy")
-    before = everything_below(gateway, DEFS)
-    gateway.sh(f"rm -r {DEFS}; cp -a /srv/copy {DEFS}; rm -r /srv/copy")
-    assert everything_below(gateway, DEFS) == before
-    assert gateway.release(user=USER) == gateway.latest
-    gateway.requests()
-    assert gateway.after("systemctl start zel_quorin_updater") == (gateway.latest, "")
-    assert gateway.requests() == ["antivir-v2-hit.ini"]
+def test_copy_of_the_root_filters_from_the_first_minute(administrator, gateway):
+    administrator.sh(f"{STOP}; cp -a {ROOT} /srv/copy")
+    before = everything_below(gateway, ROOT)
+    administrator.sh(f"rm -r {ROOT}; cp -a /srv/copy {ROOT}; rm -r /srv/copy")
+    assert everything_below(gateway, ROOT) == before
+    assert gateway.in_service(user=USER) == gateway.version
+    gateway.server.requests.clear()
+    gateway.expect_check(gateway.version, command=START)
+    assert gateway.server.targets() == ["antivir-v2-hit.ini"]
 
 
-def test_rollback_by_hand_lasts_until_the_service_is_started(gateway):
+def test_rollback_by_hand_lasts_until_the_service_is_started(administrator, gateway):
     """Which then takes what the mirror names: the bad release again, or the one after it."""
+    good, bad = gateway.version, administrator.take_new()
     (block,) = blocks("operations.md", "Rollback by hand")
-    for version in ("1004", "1005"):
-        gateway.take_new(version)
-    for expected in ("1005", "1006"):
-        assert gateway.sh(block).split()[:2] == ["1005", "1004"]
-        assert gateway.site.active() == "inactive"
-        assert (gateway.release(), gateway.release(user=USER)) == ("1004", "1004")
-        gateway.mirror.publish(expected)
-        assert gateway.after("systemctl start zel_quorin_updater") == (expected, "")
-        assert gateway.release() == expected
-    gateway.latest = "1006"
-
-
-def test_link_that_leads_nowhere_is_restored_by_a_restart(gateway):
-    """Without that, what is not there is taken for current."""
-    (recipe,) = blocks("operations.md", "The root is out of order")
-    version = gateway.take_new()
-    gateway.machine.run("rm", "-r", f"{DEFS}/snapshots/{version}")
-    assert gateway.after(recipe) == (version, "")
-    assert gateway.release(user=USER) == version
+    assert block.count("/1004 ") == 1
+    for expected in (bad, str(int(bad) + 1)):
+        assert administrator.sh(block.replace("1004", good)).split()[:2] == [bad, good]
+        assert gateway.state() == "inactive"
+        assert (gateway.in_service(), gateway.in_service(user=USER)) == (good, good)
+        gateway.publish(expected)
+        gateway.expect_check(expected, command=START)
+        assert gateway.in_service() == expected
 
 
 MOVED = "/srv/definitions"
 
 
 @pytest.fixture
-def file_system(gateway):
+def file_system(administrator, gateway):
     """One of its own for the definitions, and the gateway as it was afterwards."""
-    former = gateway.machine.path(CONFIG).read_text()
-    gateway.machine.path("/etc/fstab").write_text(f"tmpfs {MOVED} tmpfs nosuid,nodev 0 0\n")
-    gateway.sh("systemctl daemon-reload; systemctl start srv-definitions.mount")
+    former = gateway.path(CONFIG).read_text()
+    gateway.put("/etc/fstab", f"tmpfs {MOVED} tmpfs nosuid,nodev 0 0\n")
+    administrator.sh("systemctl daemon-reload; systemctl start srv-definitions.mount")
     yield
-    gateway.sh(f"systemctl stop zel_quorin_updater srv-definitions.mount; rmdir {MOVED}; : >/etc/fstab")
-    gateway.undo_drop_in()
-    gateway.machine.path(CONFIG).write_text(former)
-    assert gateway.after("systemctl start zel_quorin_updater") == (gateway.latest, "")
+    administrator.sh(f"{STOP} srv-definitions.mount; rmdir {MOVED}; : >/etc/fstab")
+    gateway.put(CONFIG, former)
 
 
-def test_moved_root_serves_its_readers_and_only_while_its_file_system_is_there(gateway, file_system):
+def test_moved_root_serves_only_while_its_file_system_is_there(administrator, gateway, file_system):
     stop, settings, drop_in, copy, start = blocks("operations.md", "Moving the root")
-    gateway.sh(stop)
-    with open(gateway.machine.path(CONFIG), "a") as configuration:
-        configuration.write(settings)
-    gateway.edit_unit(drop_in)
-    gateway.sh(copy)
-    gateway.requests()
+    administrator.sh(stop)
+    gateway.put(CONFIG, gateway.path(CONFIG).read_text() + settings)
+    administrator.edit_unit(drop_in)
+    administrator.sh(copy)
+    gateway.server.requests.clear()
     moved = f"{MOVED}/manifest/status.json"
-    assert gateway.after(start, status=moved) == (gateway.latest, "")
-    permissions = [gateway.sh(f"cd {root} && getfacl . snapshots manifest") for root in (DEFS, MOVED)]
+    gateway.expect_check(gateway.version, command=start, status=moved)
+    assert gateway.server.targets() == ["antivir-v2-hit.ini"]  # the snapshots came along
+    permissions = [administrator.sh(f"cd {root} && getfacl . snapshots manifest") for root in (ROOT, MOVED)]
     assert permissions[0] == permissions[1]
-    assert gateway.requests() == ["antivir-v2-hit.ini"]  # the snapshots came along
-    mounts = gateway.machine.out("cat", f"/proc/{gateway.machine.show(SERVICE, 'MainPID')}/mountinfo").splitlines()
+    mounts = gateway.out("cat", f"/proc/{gateway.show(UNIT, 'MainPID')}/mountinfo").splitlines()
     (options,) = [line.split()[5] for line in mounts if line.split()[4] == MOVED]
     assert set(options.split(",")) >= {"rw", "noexec"}
-    former, gateway.latest = gateway.latest, str(int(gateway.latest) + 1)
-    gateway.mirror.publish(gateway.latest)
-    assert gateway.after(RESTART, status=moved) == (gateway.latest, "")
-    assert gateway.release(MOVED, user=USER) == gateway.latest
-    assert gateway.release() == former  # what the old root holds
+    gateway.publish("next")
+    gateway.expect_check("next", status=moved)
+    assert gateway.in_service(MOVED, user=USER) == "next"
+    assert gateway.in_service() == gateway.version  # what the old root holds
     writing = ["sh", "-c", f"echo >>{MOVED}/active/antivir-v2.def"]
-    assert gateway.machine.run(*writing, user=USER, check=False).stderr.endswith("Permission denied\n")
-    gateway.sh("systemctl stop srv-definitions.mount")
-    assert gateway.site.active() == "inactive"
+    assert gateway.run(*writing, user=USER, check=False).stderr.endswith("Permission denied\n")
+    administrator.sh("systemctl stop srv-definitions.mount")
+    assert gateway.state() == "inactive"
 
 
 IN_MOVED_TO = 0x80
 IN_ANY_CHANGE = 0x2 | 0x4 | 0x8 | 0x40 | 0x80 | 0x100 | 0x200 | 0x400 | 0x800  # all but opening, reading and closing it
 
 
-class Watches:
-    """inotify(7)."""
-
-    def __init__(self):
-        self.libc = ctypes.CDLL(None, use_errno=True)
-        self.queue = os.fdopen(self.libc.inotify_init1(os.O_NONBLOCK), "rb", buffering=0)
-
-    def add(self, path, mask):
-        watch = self.libc.inotify_add_watch(self.queue.fileno(), os.fsencode(path), mask)
-        assert watch > 0, os.strerror(ctypes.get_errno())
-        return watch
-
-    def events(self):
-        """What has been told so far: watch, event, name."""
-        data, found = self.queue.read(65536) or b"", []
-        while data:
-            watch, event, _, length = struct.unpack_from("iIII", data)
-            found.append((watch, event, data[16 : 16 + length].rstrip(b"\0").decode()))
-            data = data[16 + length :]
-        return found
-
-
-def watch_by_systemd(gateway, name, path):
-    """A path unit that starts a service on the first change."""
-    units = gateway.machine.path("/etc/systemd/system")
-    (units / f"{name}.path").write_text(f"[Path]\nPathChanged={path}\n")
-    (units / f"{name}.service").write_text("[Service]\nType=oneshot\nRemainAfterExit=yes\nExecStart=/bin/true\n")
-    gateway.machine.run("systemctl", "daemon-reload")
-    gateway.machine.run("systemctl", "start", f"{name}.path")
-
-
-def test_watch_of_the_folder_sees_an_update_and_watch_of_the_link_sees_nothing(gateway):
-    watch_by_systemd(gateway, "link", f"{DEFS}/active")
-    watch_by_systemd(gateway, "folder", DEFS)
-    watches = Watches()
-    folder = watches.add(gateway.machine.path(DEFS), IN_MOVED_TO)
-    watches.add(gateway.machine.path(f"{DEFS}/active"), IN_ANY_CHANGE)
-    gateway.take_new()
-    assert watches.events() == [(folder, IN_MOVED_TO, "active")]
-    gateway.machine.wait_for(lambda: gateway.machine.show("folder.service", "ActiveState") == "active")
-    assert gateway.machine.show("link.service", "ActiveState") == "inactive"
+def test_watch_of_the_root_sees_an_update_one_of_the_link_nothing(administrator, gateway):
+    """By inotify(7), and by a path unit that starts a service on the first change."""
+    for name, path in (("link", f"{ROOT}/active"), ("folder", ROOT)):
+        gateway.put(f"/etc/systemd/system/{name}.path", f"[Path]\nPathChanged={path}\n")
+        service = "[Service]\nType=oneshot\nRemainAfterExit=yes\nExecStart=/bin/true\n"
+        gateway.put(f"/etc/systemd/system/{name}.service", service)
+    administrator.sh("systemctl daemon-reload; systemctl start link.path folder.path")
+    libc = ctypes.CDLL(None)
+    watched = libc.inotify_init1(os.O_NONBLOCK)
+    folder = libc.inotify_add_watch(watched, os.fsencode(gateway.path(ROOT)), IN_MOVED_TO)
+    assert libc.inotify_add_watch(watched, os.fsencode(gateway.path(f"{ROOT}/active")), IN_ANY_CHANGE) > folder > 0
+    administrator.take_new()
+    events = os.read(watched, 65536)
+    os.close(watched)
+    watch, event, _, length = struct.unpack_from("iIII", events)
+    assert (watch, event, events[16:]) == (folder, IN_MOVED_TO, b"active".ljust(length, b"\0"))
+    gateway.wait_for(lambda: gateway.state("folder.service") == "active")
+    assert gateway.state("link.service") == "inactive"

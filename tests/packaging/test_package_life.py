@@ -1,0 +1,280 @@
+"""The packages, in a booted system: installed, upgraded, removed and purged, with the daemon at work."""
+
+import json
+import re
+
+import pytest
+from booted_gateway import CONFIG, LAYOUT, PROGRAM, ROOT, UNIT
+from packages import NEXT
+from raw_archives import LINK, Entry, zip_bytes
+from raw_archives import release as entries_of
+
+NAME = "zel-quorin-updater"
+DEB = "dpkg --force-confold"
+# Debian's rpm needs to be forced; what it requires came with Debian's packages, which its own database does not name.
+RPM = "rpm --dbpath /var/lib/rpm-of-tests --force-debian --nodeps"
+COMMANDS = {
+    "deb": {"install": f"{DEB} --install", "upgrade": f"{DEB} --install", "remove": "dpkg --remove"},
+    "rpm": {"install": f"{RPM} --install", "upgrade": f"{RPM} --upgrade", "remove": f"{RPM} --erase"},
+}
+PURGE = {"deb": f"dpkg --purge {NAME}", "rpm": f"{RPM} --erase --allmatches {NAME}"}
+HINT = f"{PROGRAM}: set mirror_base_url in {CONFIG}, then: systemctl enable --now {PROGRAM}"
+MOVED = "/srv/definitions"
+# That of versions in which the root belonged to the service's user.
+OLD_LAYOUT = """
+d {root} 0750 zel-quorin zel-quorin-readers -
+a {root} - - - - user::rwx,group::r-x,other::---
+a+ {root} - - - - default:user::rwx,default:group::r-x,default:group:zel-quorin-readers:r-x,default:other::r-x
+d {root}/manifest 0755 zel-quorin zel-quorin -
+d {root}/snapshots 0755 zel-quorin zel-quorin -
+f {root}/manifest/status.json 0644 zel-quorin zel-quorin -
+"""
+
+
+class Package:
+    """The updater's package of one kind, in a booted system."""
+
+    def __init__(self, kind, gateway, packages):
+        self.kind, self.gateway = kind, gateway
+        self.first, self.next = (getattr(packages, kind)(folder=folder) for folder in (packages.first, packages.next))
+
+    def act(self, action, subject):
+        return self.gateway.run(*COMMANDS[self.kind][action].split(), subject)
+
+    def install(self):
+        return self.act("install", self.first).stdout
+
+    def upgrade(self):
+        """To the next version, whose unit systemd has to know then, unless it is masked."""
+        assert HINT not in self.act("upgrade", self.next).stdout
+        description = UNIT if self.gateway.enabled() == "masked" else "The next version"
+        assert self.gateway.show(UNIT, "Description") == description
+
+    def remove(self):
+        self.act("remove", NAME)
+
+    def purge(self):
+        return self.gateway.run(*PURGE[self.kind].split(), check=False)
+
+    def clear(self):
+        """Makes the system forget what a test has installed or left."""
+        self.gateway.run("systemctl", "unmask", UNIT, check=False)
+        self.purge()
+        self.gateway.run("sh", "-c", f"rm -rf /usr/local/zelgw /srv/* /etc/systemd/system/{UNIT}.d")
+
+
+@pytest.fixture
+def deb(bare_gateway, packages):
+    """The .deb, not installed yet."""
+    package = Package("deb", bare_gateway, packages)
+    yield package
+    package.clear()
+
+
+@pytest.fixture(params=["deb", "rpm"])
+def package(request, bare_gateway, packages):
+    """Either package, installed, and what that printed."""
+    package = Package(request.param, bare_gateway, packages)
+    package.said = package.install()
+    yield package
+    package.clear()
+
+
+for_deb = pytest.mark.parametrize("package", ["deb"], indirect=True)
+
+
+def serve(gateway):
+    """The service is enabled, and has taken a release; returns the configuration."""
+    text = gateway.configure()
+    gateway.publish("1001")
+    gateway.expect_check("1001", command=f"systemctl enable --now {UNIT}")
+    return text
+
+
+def how_it_runs(gateway):
+    return gateway.enabled(), gateway.state()
+
+
+def test_installing_neither_enables_nor_starts(package):
+    """And says in one line what to do."""
+    assert how_it_runs(package.gateway) == ("disabled", "inactive")
+    assert [line for line in package.said.splitlines() if PROGRAM in line] == [HINT]
+    assert package.gateway.entries() == LAYOUT
+
+
+def test_upgrade_restarts_and_keeps_settings_and_definitions(package):
+    gateway = package.gateway
+    text, definitions = serve(gateway), gateway.entries()
+    former = gateway.show(UNIT, "MainPID")
+    package.upgrade()
+    assert how_it_runs(gateway) == ("enabled", "active")
+    assert gateway.show(UNIT, "MainPID") != former
+    assert gateway.path(CONFIG).read_text() == text
+    assert gateway.entries() == definitions
+
+
+@pytest.mark.parametrize("action, state", [("disable", "disabled"), ("enable", "enabled"), ("mask", "masked")])
+def test_upgrade_leaves_a_stopped_service_as_it_was(package, action, state):
+    package.gateway.run("systemctl", action, UNIT)
+    package.upgrade()
+    assert how_it_runs(package.gateway) == (state, "inactive")
+    if state == "masked":
+        package.remove()
+        package.install()
+        assert how_it_runs(package.gateway) == ("masked", "inactive")
+
+
+@pytest.mark.parametrize("root, runs", [(ROOT, False), (MOVED, False), (MOVED, True)])
+def test_upgrade_brings_an_older_root_to_the_new_layout(package, root, runs):
+    """Also when a mirror had planted a link in place of the status file."""
+    gateway = package.gateway
+    gateway.run("sh", "-c", f"rm -r {ROOT}; mkdir -p {root}")
+    gateway.put("/run/old.conf", OLD_LAYOUT.format(root=root))
+    gateway.run("systemd-tmpfiles", "--create", "/run/old.conf")
+    gateway.run("ln", "-sf", "/etc/passwd", f"{root}/manifest/status.json")
+    gateway.configure(def_root=root, status_path=f"{root}/manifest/status.json")
+    drop_in = f"[Service]\nReadWritePaths={root}\nNoExecPaths={root}\n"
+    gateway.drop_in(f"{drop_in}ExecStartPre=\n")
+    if runs:
+        gateway.run("systemctl", "start", UNIT)
+    gateway.put(f"/etc/systemd/system/{UNIT}.d/override.conf", drop_in)
+    package.upgrade()
+    entries = gateway.entries(root)
+    assert {name: entries[name] for name in LAYOUT} == LAYOUT
+    assert "group:zel-quorin-readers:r-x" in gateway.out("getfacl", "--absolute-names", root).split()
+
+
+@for_deb
+def test_upgrade_brings_the_new_configuration(package):
+    """In place of one that nobody has edited."""
+    former = package.gateway.path(CONFIG).read_text()
+    package.upgrade()
+    assert package.gateway.path(CONFIG).read_text() == former + "# a line that came with the next version\n"
+
+
+def test_removing_stops_and_disables_but_keeps_the_rest(package):
+    gateway = package.gateway
+    text = serve(gateway)
+    gateway.run("systemctl", "enable", "--now", "zqu-status.timer")
+    gateway.run("systemctl", "start", "zqu-status.service")
+    assert gateway.exists("/run/zqu-status/zel-quorin-updater.prom")
+    definitions = gateway.entries()
+    package.remove()
+    wants = (
+        "/etc/systemd/system/multi-user.target.wants/" + UNIT,
+        "/etc/systemd/system/timers.target.wants/zqu-status.timer",
+    )
+    assert [path for path in (*wants, "/run/zqu-status") if gateway.exists(path)] == []
+    assert gateway.state("zqu-status.timer") == "inactive"
+    assert gateway.show(UNIT, "LoadState") == "not-found"
+    assert gateway.run("pgrep", "-x", "zel_quorin_upda", check=False).stdout == ""
+    assert gateway.path(CONFIG + (".rpmsave" if package.kind == "rpm" else "")).read_text() == text
+    assert gateway.exists(CONFIG) == (package.kind == "deb")
+    assert gateway.entries() == definitions
+    package.install()
+    assert how_it_runs(gateway) == ("disabled", "inactive")
+
+
+# A whole life, and what purging leaves.
+
+OPEN = "/etc/zqu-open"  # a directory that everybody may write to, as far as its mode goes
+
+
+def files(gateway):
+    """The system's files and directories with modes and owners, less accounts and what others write meanwhile."""
+    own = ["/var/log", "/var/lib/systemd", "/var/lib/dpkg", "/var/cache", "/var/lib/rpm"]
+    others = [word for path in own for word in ("-path", path, "-prune", "-o")]
+    listed = gateway.out("find", "/etc", "/opt", "/srv", "/usr", "/var", *others, "-printf", "%M %U:%G %p\\n")
+    accounts = r"/etc/((passwd|group|shadow|gshadow|subuid|subgid)-?|\.pwd\.lock)"
+    return {line for line in listed.splitlines() if not re.fullmatch(accounts, line.split(" ", 2)[2])}
+
+
+def verdict(gateway):
+    return json.loads(gateway.run("zqu-status", "--json", check=False).stdout)["verdict"]
+
+
+def test_whole_life_ends_with_the_system_as_it_was(deb):
+    """But for the users. In between the gateway is watched, updated, attacked and upgraded."""
+    gateway = deb.gateway
+    before = files(gateway)
+    deb.install()
+    assert gateway.exists("/usr/sbin/zel_quorin_updater")
+    assert verdict(gateway) == "critical"  # nothing is in service yet
+    serve(gateway)
+    assert "1001" in gateway.out("zqu-config", "check", "--online")
+    assert verdict(gateway) == "ok"
+
+    gateway.run("install", "-d", "-m", "777", OPEN)
+    link = Entry("", OPEN.encode(), LINK)
+    gateway.publish("1002", archive=zip_bytes([link, *entries_of("new")]), archive_name="../x.zip")
+    gateway.server.script["/x.zip"] = gateway.server.script.pop("../x.zip")  # as libcurl asks for it
+    gateway.expect_check("1001", "CAB extract")
+    assert (gateway.out("ls", "-A", OPEN), verdict(gateway)) == ("", "warning")
+    gateway.run("rmdir", OPEN)
+
+    deb.upgrade()
+    assert gateway.out("dpkg-query", "--showformat=${Version}", "--show", NAME) == NEXT
+    gateway.publish("1003")
+    gateway.expect_check("1003")
+    assert verdict(gateway) == "ok"
+
+    gateway.path(f"{ROOT}/active.tmp").symlink_to("snapshots/1000")  # as a crash leaves it
+    assert deb.purge().returncode == 0
+    assert files(gateway) ^ before == set()
+    assert gateway.state() == "inactive"
+    assert gateway.run("dpkg", "--status", NAME, check=False).returncode != 0
+    assert gateway.out("id", "--user", "--name", "zel-quorin") == "zel-quorin"
+
+
+@for_deb
+def test_purging_leaves_what_an_administrator_put_there(package):
+    gateway = package.gateway
+    serve(gateway)
+    kept = [f"{ROOT}/manifest/notes", f"{ROOT}/notes", f"{ROOT}/../etc/notes"]
+    gateway.run("touch", *kept)
+    package.purge()
+    listed = gateway.out("find", f"{ROOT}/..", "-printf", "%P\\n").splitlines()
+    assert sorted(listed) == ["", "defs", "defs/manifest", "defs/manifest/notes", "defs/notes", "etc", "etc/notes"]
+
+
+@for_deb
+def test_purging_leaves_a_root_that_is_a_link_to_elsewhere(package):
+    gateway = package.gateway
+    serve(gateway)
+    gateway.run("sh", "-ec", f"systemctl stop {UNIT}; mv {ROOT} {MOVED}; ln -s {MOVED} {ROOT}")
+    before = gateway.entries(MOVED)
+    package.purge()
+    assert gateway.entries(MOVED) == before
+    assert gateway.exists(ROOT)
+
+
+@for_deb
+def test_purging_follows_no_link_that_the_services_user_left(package):
+    gateway = package.gateway
+    gateway.run("sh", "-ec", f"mkdir /srv/other; cd /srv/other; touch status.json 1001; rm -r {ROOT}/*")
+    for name in ("manifest", "snapshots"):
+        gateway.run("ln", "-s", "/srv/other", f"{ROOT}/{name}")
+    package.purge()
+    assert gateway.out("ls", "/srv/other").split() == ["1001", "status.json"]
+
+
+@for_deb
+@pytest.mark.parametrize("place", ["snapshots", "snapshots/1001", "snapshots/1001/more"])
+def test_purging_removes_nothing_that_is_mounted_in_the_root(package, place):
+    gateway = package.gateway
+    gateway.run("mkdir", "-p", "/srv/other", f"{ROOT}/{place}")
+    gateway.run("touch", "/srv/other/file")
+    gateway.run("mount", "--bind", "/srv/other", f"{ROOT}/{place}")
+    process = package.purge()
+    gateway.run("umount", f"{ROOT}/{place}")
+    assert f"{PROGRAM}: {ROOT} stays: something is mounted in its snapshots\n" in process.stderr
+    assert gateway.exists("/srv/other/file")
+
+
+def test_package_comes_and_goes_where_no_systemd_runs(deb):
+    bare = ["unshare", "--mount", "sh", "-ec", 'mount -t tmpfs tmpfs /run; exec "$@"', "sh"]
+    deb.gateway.run(*bare, "dpkg", "--install", deb.first)
+    assert deb.gateway.entries() == LAYOUT
+    assert deb.gateway.enabled() == "disabled"
+    deb.gateway.run(*bare, "dpkg", "--purge", NAME)
+    assert not deb.gateway.exists(ROOT)
