@@ -58,39 +58,6 @@ def test_stop_stops_the_timer_too(gateway, state):
     expect_both(gateway, stopped, "inactive")
 
 
-@pytest.fixture
-def timer_without(gateway):
-    """Leaves a line out of the retry timer."""
-    place = f"/etc/systemd/system/{TIMER}"
-
-    def leave_out(line):
-        text = gateway.path(f"/usr/local/lib/systemd/system/{TIMER}").read_text()
-        assert text.count(f"{line}\n") == 1
-        gateway.put(place, text.replace(f"{line}\n", ""))
-        gateway.run("systemctl", "daemon-reload")
-
-    yield leave_out
-    gateway.path(place).unlink()
-
-
-def test_timer_that_is_no_part_of_the_unit_outlives_its_stop(served, timer_without):
-    timer_without(f"PartOf={UNIT}")
-    served.run("systemctl", "stop", UNIT)
-    expect_both(served, "inactive", "active")
-
-
-def test_timer_with_a_limit_of_starts_fails_with_the_unit(gateway, timer_without):
-    timer_without("StartLimitIntervalSec=0")
-    start_in_vain(gateway, "[Unit]\nStartLimitBurst=7\n[Service]\nRestartSec=50ms\n")
-    expect_both(gateway, "failed", "failed")
-
-
-def test_killed_daemon_stays_away_without_restart(served):
-    served.drop_in("[Service]\nRestart=no\n")
-    served.run("systemctl", "kill", "--signal=KILL", UNIT)
-    await_state(served, "failed")
-
-
 @pytest.mark.parametrize("signal", ["KILL", "SEGV", "ABRT"])
 def test_killed_daemon_is_started_again(served, signal):
     served.drop_in("[Service]\nRestartSec=50ms\n")
@@ -106,7 +73,7 @@ def test_daemon_terminated_past_systemd_is_left_to_the_timer(served):
     expect_both(served, "inactive", "active")
 
 
-def test_stop_at_rest_is_clean_and_the_unit_comes_with_the_system(served):
+def test_stop_at_rest_is_clean_and_the_next_boot_starts_the_unit(served):
     served.run("systemctl", "stop", UNIT)
     assert served.show(UNIT, "Result") == "success"
     expect_both(served, "inactive", "inactive")

@@ -136,33 +136,19 @@ def test_proxy_is_the_drop_ins_not_the_one_of_the_shell(configured, named_by):
     assert [lines[0] for lines in proxy.requests] == used
 
 
-MOVED = "/srv/definitions"
+MOVED = "/srv/definitions"  # with a drop-in: tests/packaging/test_operations_page.py
 
 
-@pytest.fixture
-def moved(configured):
-    """Another place for the definitions."""
+def test_moved_root_without_a_drop_in_fails_in_the_log_alone(configured):
     configured.run("mkdir", MOVED)
     configured.configure(def_root=MOVED, status_path=f"{MOVED}/manifest/status.json")
-    yield configured
-    configured.stop()
-    configured.run("rm", "-r", MOVED)
-
-
-def test_moved_root_is_written_with_a_drop_in_that_names_it(moved):
-    moved.drop_in(f"[Service]\nReadWritePaths={MOVED}\n")
-    moved.expect_check(OLD, status=f"{MOVED}/manifest/status.json")
-    assert moved.in_service(MOVED) == OLD
-
-
-def test_moved_root_without_a_drop_in_fails_in_the_log_alone(moved):
-    moved.run("systemctl", "start", UNIT)
+    configured.run("systemctl", "start", UNIT)
     log = []
-    moved.wait_for(lambda: log.extend(moved.take_log()) or len(log) == 3)
+    configured.wait_for(lambda: log.extend(configured.take_log()) or len(log) == 3)
     part = f"{MOVED}/snapshots/{OLD}/antivir-v2-{OLD}.cab.part"
     assert log[1:] == [f"download_cab: cannot create {part}", "run_once: staging failed: download CAB"]
-    assert moved.entries(MOVED) == LAYOUT
-    assert moved.status_text(f"{MOVED}/manifest/status.json") == ""
+    assert configured.entries(MOVED) == LAYOUT
+    assert configured.status_text(f"{MOVED}/manifest/status.json") == ""
 
 
 @pytest.mark.parametrize("place", ["/media/zqu", "/mnt/zqu"])

@@ -31,8 +31,7 @@ def module_gateway(installation):
 def gateway(module_gateway):
     """The module's booted gateway, as it was after the installation."""
     module_gateway.reset()
-    yield module_gateway
-    module_gateway.stop()
+    return module_gateway
 
 
 @pytest.fixture(scope="session")

@@ -38,6 +38,13 @@ LAYOUT = {
     "manifest/status.json": "-rw-rw-r-- root:zel-quorin",
     "snapshots": "drwxrwx--T root:zel-quorin",
 }
+# Takes back what a test has changed of the installation.
+_RESET = f"""
+rm -r /etc/systemd/system/{PROGRAM}*.d && systemctl daemon-reload
+systemctl reset-failed {UNIT}
+rm -rf {ROOT} {CONFIG}
+systemd-tmpfiles --create {PROGRAM}.conf
+"""
 # What the system itself writes while it runs.
 _CHURN = ("run/systemd", "run/log", "run/written", "run/udev", "var/log/journal", "var/lib/systemd", "run/zqu-cursor")
 
@@ -131,17 +138,13 @@ class BootedGateway(Booted):
         """Back to the moment after the installation, with a new mirror that has nothing."""
         self.stop()
         if self.cmake_installed:
-            self.run("sh", "-c", f"rm -rf /etc/systemd/system/{PROGRAM}*.d {ROOT} {CONFIG}")
-            self.run("systemd-tmpfiles", "--create", f"{PROGRAM}.conf")
-            self.run("systemctl", "daemon-reload")
-            self.run("systemctl", "reset-failed", UNIT, check=False)
+            self.run("sh", "-c", _RESET)
         self.take_log()
         self.server = self.scripted()
 
     def stop(self):
         """Ends the unit at once, in whatever it is doing, and the mirrors."""
-        self.run("systemctl", "kill", "--signal=KILL", UNIT, check=False)
-        self.run("systemctl", "stop", UNIT, TIMER, check=False)
+        self.run("sh", "-c", f"systemctl kill --signal=KILL {UNIT}; systemctl stop {UNIT} {TIMER}", check=False)
         for server in self.servers:
             server.stop()
         self.servers = []
@@ -248,10 +251,10 @@ class BootedGateway(Booted):
 
     def take_log(self):
         """What the unit's processes have logged since the last call."""
-        self.run("journalctl", "--sync")
-        command = ["journalctl", "--quiet", "--output", "cat", "--cursor-file", "/run/zqu-cursor"]
         # By the name too: the log daemon may not find the unit of a process that has ended meanwhile.
-        process = self.run(*command, f"_SYSTEMD_UNIT={UNIT}", "+", f"SYSLOG_IDENTIFIER={PROGRAM}", check=False)
+        lines = f"--cursor-file /run/zqu-cursor _SYSTEMD_UNIT={UNIT} + SYSLOG_IDENTIFIER={PROGRAM}"
+        command = f"journalctl --sync; journalctl --quiet --output cat {lines}"
+        process = self.run("sh", "-c", command, check=False)
         assert process.stderr == ""  # the exit status is 1 when there is nothing new
         return process.stdout.splitlines()
 

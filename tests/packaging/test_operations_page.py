@@ -182,7 +182,7 @@ IN_MOVED_TO = 0x80
 IN_ANY_CHANGE = 0x2 | 0x4 | 0x8 | 0x40 | 0x80 | 0x100 | 0x200 | 0x400 | 0x800  # all but opening, reading and closing it
 
 
-def test_watch_of_the_root_sees_an_update_one_of_the_link_nothing(administrator, gateway):
+def test_watch_of_the_root_sees_an_update_of_the_link_nothing(administrator, gateway):
     """By inotify(7), and by a path unit that starts a service on the first change."""
     for name, path in (("link", f"{ROOT}/active"), ("folder", ROOT)):
         gateway.put(f"/etc/systemd/system/{name}.path", f"[Path]\nPathChanged={path}\n")

@@ -117,7 +117,7 @@ def test_configuration_is_marked_as_such_in_both_kinds(packages):
     assert {name: flag for name, flag in flags.items() if "c" in flag} == {CONFIG: "cn"}  # %config(noreplace)
 
 
-def test_deb_needs_no_interpreter_and_nothing_of_the_mirrors_tool(packages):
+def test_deb_needs_no_interpreter_and_nothing_of_zqu_mirror(packages):
     output = run("dpkg-deb", "--field", packages.deb(), "Depends", "Pre-Depends", "Recommends")
     needed = dict(line.split(": ", 1) for line in output.splitlines())
     names = {dependency.split()[0] for dependency in needed.pop("Depends").split(", ")}
@@ -145,7 +145,7 @@ def test_maintainer_scripts_are_of_plain_sh(packages, tmp_path):
     assert programs == "(none) /bin/sh /bin/sh /bin/sh"
 
 
-def test_versions_are_those_of_the_sources_and_of_both_changelogs(packages):
+def test_versions_are_those_of_sources_and_changelogs(packages):
     version = re.search(r"\bproject\(.* VERSION ([\d.]+)", (REPOSITORY / "CMakeLists.txt").read_text())[1]
     for name in ("updater", "mirror"):
         assert run("dpkg-deb", "--field", packages.deb(name), "Version") == version + "\n"
@@ -156,7 +156,7 @@ def test_versions_are_those_of_the_sources_and_of_both_changelogs(packages):
     assert (folder / "rpm" / "changelog").read_text().splitlines()[0].endswith(f" - {version}-1")
 
 
-def test_programs_are_stripped_and_name_no_directory_of_the_build(packages, tmp_path):
+def test_programs_are_stripped_and_name_no_build_directory(packages, tmp_path):
     for name, program in (("updater", "usr/sbin/zel_quorin_updater"), ("mirror", "usr/bin/zqu-mirror")):
         run("dpkg-deb", "--extract", packages.deb(name), tmp_path)
         sections = run("readelf", "--section-headers", "--wide", tmp_path / program)
