@@ -5,7 +5,7 @@ import subprocess
 
 import pytest
 from builds import REPOSITORY
-from gateway import BUILD, DAEMON
+from gateway import BUILD, DAEMON, SETTINGS
 
 PAGES = sorted((REPOSITORY / "docs" / "man").iterdir())
 TOOLS = ("zqu-config", "zqu-mirror", "zqu-status")
@@ -28,7 +28,7 @@ def messages():
 
 
 def errors():
-    """The texts of last_error, as updater.cpp has them; what follows a text is told by a word in capitals."""
+    """The texts of last_error, as updater.cpp has them; a word in capitals on the page stands for what follows."""
     source = (REPOSITORY / "src" / "updater.cpp").read_text()
     found = re.findall(r'return (?:fail\()?"([^"]+)"', source)
     return sorted(set(found))
@@ -99,32 +99,24 @@ def test_page_of_the_daemon_has_its_options_and_its_messages():
     assert {head for head in heads if "%" in head or head.startswith("publish")} <= {m for _, m in messages()}
 
 
-def test_page_for_operators_has_every_message_with_its_priority_and_no_other():
+def test_page_for_operators_has_just_the_messages_of_the_log():
     priorities = {"ERR": "error", "WARNING": "warning", "INFO": "info"}
     rows = table(REPOSITORY / "docs" / "operations.md", "Messages of the log")
-    told = {(cells[0].strip("`"), cells[1]) for cells in rows}
-    assert told == {(message, priorities[priority]) for priority, message in messages()}
+    listed = {(cells[0].strip("`"), cells[1]) for cells in rows}
+    assert listed == {(message, priorities[priority]) for priority, message in messages()}
 
 
-def test_page_for_operators_has_every_text_of_last_error_and_no_other():
+def test_page_for_operators_has_just_the_texts_of_last_error():
     rows = table(REPOSITORY / "docs" / "operations.md", "Texts of `last_error`")
-    told = sorted(re.sub(r"(ID|NAME)$", "", cells[0].strip("`")) for cells in rows)
-    assert told == errors()
+    listed = sorted(re.sub(r"(ID|NAME)$", "", cells[0].strip("`")) for cells in rows)
+    assert listed == errors()
 
 
-def settings():
-    """The keys of the configuration with their defaults, as the header has them."""
-    header = (REPOSITORY / "include" / "config.hpp").read_text()
-    fields = re.findall(r"^ +std::(?:string|uint32_t) (\w+)(?: = \"?([^;\"]*)\"?)?;", header, re.MULTILINE)
-    return {name: value for name, value in fields}
-
-
-def test_readme_and_configuration_page_have_every_key_with_its_default():
-    known = settings()
-    assert len(known) == 11
+def test_readme_and_manual_page_have_every_key_and_default():
+    known = {key: str(default) for key, default in SETTINGS.items()}
     rows = table(REPOSITORY / "README.md", "Configure")
-    told = {re.match(r"`(\w+)`", cells[0])[1]: cells[1].strip("`") for cells in rows}
-    assert {key: "" if value == "empty" else value for key, value in told.items()} == known
+    listed = {re.match(r"`(\w+)`", cells[0])[1]: cells[1].strip("`") for cells in rows}
+    assert {key: "" if value == "empty" else value for key, value in listed.items()} == known
     page = rendered(REPOSITORY / "docs" / "man" / "zel_quorin_updater.conf.5")
     for key, default in known.items():
         assert re.search(rf"^ +{key}\b", page, re.MULTILINE), key
