@@ -4,7 +4,7 @@ import subprocess
 
 import pytest
 from gateway import Gateway, may_mount
-from mirror_tool import SUBDIR, Setting, run
+from mirror_tool import SUBDIR, OwnMirror, run
 from outcomes import published, snapshot_listing, tree
 from release import sha256
 
@@ -17,7 +17,7 @@ class Medium:
         self.mounted_at = folder / "medium"
         self.mounted_at.mkdir()
         self.mounted = False
-        self.outside = Setting(folder)
+        self.outside = OwnMirror(folder)
 
     def write(self, id):
         """Publishes a release where there is a network, and writes the mirror to an image."""
@@ -26,7 +26,7 @@ class Medium:
         image = self.folder / f"image-{id}"
         with open(image, "wb") as file:
             file.truncate(2 << 20)
-        make = ["mkfs.ext4", "-q", "-O", "^has_journal", "-d", self.outside.mirror, image]
+        make = ["mkfs.ext4", "-q", "-O", "^has_journal", "-d", self.outside.root, image]
         subprocess.run(make, check=True, capture_output=True)
         return image
 
@@ -87,7 +87,7 @@ def test_medium_that_has_gone_bad_is_refused(medium, site):
     assert site.run_once() == published("1001")
     medium.remove()
     image = medium.write("1002")
-    archive = (medium.outside.dir / "antivir-v2-c-1002.cab").read_bytes()
+    archive = (medium.outside.folder / "antivir-v2-c-1002.cab").read_bytes()
     data = image.read_bytes()
     assert data.count(archive) == 1
     middle = data.index(archive) + len(archive) // 2
@@ -101,18 +101,18 @@ def test_medium_that_has_gone_bad_is_refused(medium, site):
 def test_a_mirror_of_web_servers_is_filled_from_a_medium(medium, tmp_path):
     medium.insert(medium.write("1001"))
     code, out, err = run("mirror", f"file://{medium.mounted_at}", tmp_path / "www")
-    archive = (medium.outside.dir / "antivir-v2-c-1001.cab").read_bytes()
+    archive = (medium.outside.folder / "antivir-v2-c-1001.cab").read_bytes()
     line = f"mirrored 1001: antivir-v2-c-1001.cab, {len(archive)} bytes, SHA-256 {sha256(archive)}\n"
     assert (code, out, err) == (0, line, "")
-    assert tree(tmp_path / "www" / SUBDIR, modes=True) == tree(medium.outside.dir, modes=True)
+    assert tree(tmp_path / "www" / SUBDIR, modes=True) == tree(medium.outside.folder, modes=True)
     assert run("check", medium.mounted_at)[0] == 0
 
 
 @pytest.mark.parametrize("ca_path", ["", "/nonexistent/ca.pem"])
 def test_a_folder_serves_whatever_certificates_are_set(tmp_path, ca_path):
-    outside = Setting(tmp_path)
+    outside = OwnMirror(tmp_path)
     assert outside.publish("1001")[0] == 0
-    settings = {"mirror_base_url": f"file://{outside.mirror}", "mirror_subdir": SUBDIR, "ca_path": ca_path}
+    settings = {"mirror_base_url": f"file://{outside.root}", "mirror_subdir": SUBDIR, "ca_path": ca_path}
     site = Gateway(tmp_path, **settings)
     assert site.run_once() == published("1001")
     site.expect_status("1001")
@@ -120,8 +120,8 @@ def test_a_folder_serves_whatever_certificates_are_set(tmp_path, ca_path):
 
 @pytest.mark.parametrize("written, works", [("av%20share", True), ("av share", False)])
 def test_a_blank_in_the_folders_name_has_to_be_encoded(tmp_path, written, works):
-    outside = Setting(tmp_path)
-    assert outside.publish("1001", mirror=tmp_path / "av share")[0] == 0
+    outside = OwnMirror(tmp_path)
+    assert outside.publish("1001", root=tmp_path / "av share")[0] == 0
     site = Gateway(tmp_path, mirror_base_url=f"file://{tmp_path}/{written}", mirror_subdir=SUBDIR)
     url = f"{site.settings['mirror_base_url']}/{SUBDIR}/antivir-v2-hit.ini"
     refused = [f"err GET {url}: URL using bad/illegal format or missing URL"]

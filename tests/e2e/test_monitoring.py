@@ -10,12 +10,14 @@ import urllib.request
 
 import pytest
 from builds import REPOSITORY
-from gateway import BUILD, wait_for
+from gateway import wait_for
+from tools import Tool
 
 SHIPPED = REPOSITORY / "packaging" / "monitoring"
 RULES = SHIPPED / "zel-quorin-updater.rules.yml"
+TESTS = REPOSITORY / "tests" / "e2e" / "alerts.test.yml"
 DASHBOARD = json.loads((SHIPPED / "zel-quorin-updater.dashboard.json").read_text())
-TOOL = BUILD / "zqu-status"
+run = Tool("zqu-status")
 
 
 def promtool(*words):
@@ -28,8 +30,7 @@ def exposition(gateway, mirror):
     """The metrics of a gateway with a release in service: all that there can be."""
     mirror.publish("1001")
     gateway.run_once()
-    command = [TOOL, "--config", gateway.config_path, "--prometheus"]
-    return subprocess.run(command, capture_output=True, text=True, check=True).stdout
+    return run("--config", gateway.config_path, "--prometheus")[1]
 
 
 def emitted(exposition):
@@ -41,12 +42,12 @@ def named(text):
     return set(re.findall(r"zelquorin_\w+", text))
 
 
-def test_alerts_are_well_formed_and_each_has_the_verdicts_of_its_own_test():
+def test_each_alert_is_raised_when_it_has_to_be_and_not_else():
     code, out = promtool("check", "rules", RULES)
     assert code == 0, out
-    code, out = promtool("test", "rules", REPOSITORY / "tests" / "e2e" / "alerts.test.yml")
+    code, out = promtool("test", "rules", TESTS)
     assert code == 0 and "SUCCESS" in out, out
-    tried = (REPOSITORY / "tests" / "e2e" / "alerts.test.yml").read_text()
+    tried = TESTS.read_text()
     for alert in re.findall(r"alert: (\w+)", RULES.read_text()):
         assert re.search(rf"alertname: {alert}\n +exp_alerts:\n", tried), f"{alert} is never raised"
         assert re.search(rf"alertname: {alert}, exp_alerts: \[\]", tried), f"{alert} is always raised"
@@ -140,8 +141,8 @@ def test_node_exporter_serves_what_the_tool_wrote(gateway, mirror, tmp_path):
     folder.mkdir()
     written.parent.mkdir()
     (folder / written.name).symlink_to(written)
-    command = [TOOL, "--config", gateway.config_path, "--prometheus", "--output", written]
-    subprocess.run(command, check=True)
+    words = ["--config", gateway.config_path, "--prometheus", "--output", written]
+    assert run(*words) == (0, "", "")
     exporter = Exporter(folder)
     try:
         served = exporter.metrics()
@@ -150,7 +151,7 @@ def test_node_exporter_serves_what_the_tool_wrote(gateway, mirror, tmp_path):
         gateway.run_once()
         mirror.publish("1002")
         gateway.run_once()
-        subprocess.run(command, check=True)
+        assert run(*words) == (0, "", "")
         served = exporter.metrics()
         assert samples_of(served) == samples_of(written.read_text())
         assert 'version="1002"' in served and 'version="1001"' not in served
@@ -161,7 +162,7 @@ def test_node_exporter_serves_what_the_tool_wrote(gateway, mirror, tmp_path):
 def test_page_has_every_metric_and_every_alert_and_no_other(exposition):
     page = (REPOSITORY / "docs" / "monitoring.md").read_text()
     assert set(re.findall(r"^\| `(zelquorin_\w+)` \|", page, re.MULTILINE)) == emitted(exposition)
-    told = re.findall(r"^\| `(ZelQuorin\w+)` \| (\w+) \|", page, re.MULTILINE)
+    listed = re.findall(r"^\| `(ZelQuorin\w+)` \| (\w+) \|", page, re.MULTILINE)
     alerts = re.findall(r"alert: (\w+)\n(?:.*\n)*? +severity: (\w+)", RULES.read_text())
     severities = {name: {severity for other, severity in alerts if other == name} for name, _ in alerts}
-    assert {name: {"warning", "critical"} if word == "both" else {word} for name, word in told} == severities
+    assert {name: {"warning", "critical"} if word == "both" else {word} for name, word in listed} == severities

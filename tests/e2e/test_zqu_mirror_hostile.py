@@ -16,59 +16,55 @@ import zlib
 
 import pytest
 from gateway import SANITIZED, wait_for
-from mirror_tool import SUBDIR, TOOL, WORK, measured, run, shown_on_terminal
+from mirror_tool import SUBDIR, WORK, run
+from mirrors import Mirror
 from raw_archives import LINK, Entry, deflated, release, zip_bytes, zip_local
-from release import sha256
-from scripted_server import ScriptedServer, finish, flood, head, reply
+from release import HIT, info_name
+from scripted_server import finish, flood, head, reply
+from tools import AS_ROOT
 
 INDEX, FIRST, SECOND = (entry.name.decode() for entry in release("new"))
-HIT = "antivir-v2-hit.ini"
-INFO = "antivir-v2-c-7.ini"
+INFO = info_name("7")
 OTHER_USER = 12345
-needs_root = pytest.mark.skipif(os.geteuid() != 0, reason="takes on another user")
+COMMANDS = pytest.mark.parametrize("command", ["check", "mirror"])
+needs_root = pytest.mark.skipif(not AS_ROOT, reason="takes on another user")
 
 
 class Hostile:
-    """An upstream mirror of one release, in a place that everybody may enter."""
+    """An upstream mirror of one release, and a mirror to copy it to, in a place that everybody may enter."""
 
     def __init__(self, base):
         self.base = base
-        self.upstream = base / "upstream"
+        self.upstream = Mirror(base / "upstream", SUBDIR)
         self.mirror = base / "mirror"
         self.temp = base / "temp"
-        (self.upstream / SUBDIR).mkdir(parents=True)
         self.temp.mkdir()
-        self.tool = base / "zqu-mirror"
-        self.tool.write_bytes(TOOL.read_bytes())
-        self.environment = {**os.environ, "TMPDIR": str(self.temp)}
-        for path in (base, self.tool):
-            path.chmod(0o755)
         self.temp.chmod(0o1777)
+        self.tool = run.copied_to(base)
+        self.environment = {**os.environ, "TMPDIR": str(self.temp)}
+        base.chmod(0o755)
 
     def put(self, archive, name="x.zip"):
-        folder = self.upstream / SUBDIR
-        (folder / name).write_bytes(archive)
-        (folder / HIT).write_text("defId = 7\n")
-        (folder / INFO).write_text(
-            f"def.Current.name = {name}\ndef.Current.SHA256 = {sha256(archive)}\ndef.Current.size = {len(archive)}\n"
-        )
+        self.upstream.write(name, archive if isinstance(archive, bytes) else zip_bytes(archive))
+        self.upstream.announce("7", name)
 
     def words(self, command):
-        return {
-            "check": [self.tool, "check", self.upstream],
-            "mirror": [self.tool, "mirror", f"file://{self.upstream}", self.mirror],
-        }[command]
+        root = self.base / "upstream"
+        return ["check", root] if command == "check" else ["mirror", f"file://{root}", self.mirror]
 
     def run(self, command, **options):
-        done = subprocess.run(
-            self.words(command), env=self.environment, capture_output=True, text=True, timeout=120, **options
-        )
-        return done.returncode, done.stdout, done.stderr
+        return self.tool(*self.words(command), env=self.environment, **options)
 
     def start(self, command):
-        return subprocess.Popen(
-            self.words(command), env=self.environment, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True
-        )
+        pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True}
+        return subprocess.Popen([self.tool.path, *self.words(command)], env=self.environment, **pipes)
+
+
+def reason(result):
+    """Why a check or a copy has failed."""
+    code, out, err = result
+    assert code == 1, result
+    return re.fullmatch("(?:FAULT   |zqu-mirror:) (.*)", (out + err).splitlines()[-1])[1]
 
 
 @pytest.fixture
@@ -113,51 +109,46 @@ def long_index():
     return changed(0, content=release("new")[0].content + b"; \n" * 400_000)
 
 
-UNPACKED = "x.zip cannot be unpacked: {}"
+CANNOT = "x.zip cannot be unpacked: {}"
+NO_FILE_NAME = CANNOT.format("an entry has no file name")
 FAULTS = {
-    "no archive": (b"\0" * 1000, UNPACKED.format("Unrecognized archive format")),
-    "first definition missing": (release("new")[::2], f"{FIRST} is not in the archive"),
-    "second definition missing": (release("new")[:2], f"{SECOND} is not in the archive"),
-    "definition without a right": (changed(1, mode=stat.S_IFREG), f"{FIRST} has the mode 0000: clients cannot read it"),
-    "index without a right": (
-        changed(0, mode=stat.S_IFREG | 0o077),
-        f"{INDEX} has the mode 0077: clients cannot read it",
-    ),
-    "definition is a link": (changed(1, mode=LINK, content=b"other"), f"{FIRST} is no regular file"),
+    "no archive": (b"\0" * 1000, CANNOT.format("Unrecognized archive format")),
+    "no first file": (release("new")[::2], f"{FIRST} is not in the archive"),
+    "no second file": (release("new")[:2], f"{SECOND} is not in the archive"),
+    "file without a right": (changed(1, mode=stat.S_IFREG), f"{FIRST} has the mode 0000: clients cannot read it"),
+    "index closed": (changed(0, mode=stat.S_IFREG | 0o077), f"{INDEX} has the mode 0077: clients cannot read it"),
+    "file is a link": (changed(1, mode=LINK, content=b"other"), f"{FIRST} is no regular file"),
     "index is a link": (changed(0, mode=LINK, content=b"other"), f"{INDEX} is no regular file"),
-    "definition is a socket": (changed(1, mode=stat.S_IFSOCK | 0o644), f"{FIRST} is no regular file"),
-    "definition is a directory": (changed(1, mode=stat.S_IFDIR | 0o755, content=b""), f"{FIRST} is not in the archive"),
-    "wrong one comes last": (
-        new(Entry(f"sub/{FIRST}", b"bad")),
-        f"{FIRST} does not have the digest that the index gives",
-    ),
-    "index is too long": (long_index(), f"{INDEX} is longer than 1048576 bytes"),
-    "size in the header is another": (cut_by_its_header(), f"{FIRST} has another size than the archive says"),
-    "directory locks clients out": (
+    "file is a socket": (changed(1, mode=stat.S_IFSOCK | 0o644), f"{FIRST} is no regular file"),
+    "file is a directory": (changed(1, mode=stat.S_IFDIR | 0o755, content=b""), f"{FIRST} is not in the archive"),
+    "wrong one last": (new(Entry(f"sub/{FIRST}", b"bad")), f"{FIRST} does not have the digest that the index gives"),
+    "index too long": (long_index(), f"{INDEX} is longer than 1048576 bytes"),
+    "other size in header": (cut_by_its_header(), f"{FIRST} has another size than the archive says"),
+    "locked directory": (
         new(Entry("sub", b"", stat.S_IFDIR | 0o600)),
-        UNPACKED.format("a directory of mode 0600 locks clients out"),
+        CANNOT.format("a directory of mode 0600 locks clients out"),
     ),
-    "no name": (new(Entry("", b"x")), UNPACKED.format("an entry has no file name")),
-    "dots": (new(Entry("a/..", b"x")), UNPACKED.format("an entry has no file name")),
-    "name too long": (new(Entry("x" * 256, b"x")), UNPACKED.format("an entry's name is too long for a file")),
-    "link to nothing": (new(Entry("a", b"", LINK)), UNPACKED.format("the link a leads nowhere")),
-    "link too long": (new(Entry("a", b"x" * 4096, LINK)), UNPACKED.format("the link a leads nowhere")),
-    "character device": (new(Entry("a", b"", stat.S_IFCHR | 0o644)), UNPACKED.format("a is a device")),
-    "block device": (new(Entry("a", b"", stat.S_IFBLK | 0o644)), UNPACKED.format("a is a device")),
-    "huge file": (of_size(2**33 + 1), UNPACKED.format("huge is larger than a gateway accepts")),
+    "no name": (new(Entry("", b"x")), NO_FILE_NAME),
+    "dots": (new(Entry("a/..", b"x")), NO_FILE_NAME),
+    "name too long": (new(Entry("x" * 256, b"x")), CANNOT.format("an entry's name is too long for a file")),
+    "link to nothing": (new(Entry("a", b"", LINK)), CANNOT.format("the link a leads nowhere")),
+    "link too long": (new(Entry("a", b"x" * 4096, LINK)), CANNOT.format("the link a leads nowhere")),
+    "character device": (new(Entry("a", b"", stat.S_IFCHR | 0o644)), CANNOT.format("a is a device")),
+    "block device": (new(Entry("a", b"", stat.S_IFBLK | 0o644)), CANNOT.format("a is a device")),
+    "huge file": (of_size(2**33 + 1), CANNOT.format("huge is larger than a gateway accepts")),
 }
 
 
 @pytest.mark.parametrize("fault", FAULTS)
-def test_archive_that_clients_fail_on_is_a_fault_and_not_copied(hostile, fault):
+def test_archive_that_clients_fail_on_is_a_fault(hostile, fault):
     archive, text = FAULTS[fault]
-    hostile.put(archive if isinstance(archive, bytes) else zip_bytes(archive))
+    hostile.put(archive)
     code, out, err = found = hostile.run("check")
     assert (code, f"\nFAULT    {text}\n" in out, err) == (1, True, "")
     refused = f"zqu-mirror: the upstream mirror's archive is refused: {text}\n"
     assert hostile.run("mirror") == (1, "", refused)
     assert not hostile.mirror.exists()
-    if os.geteuid() == 0:
+    if AS_ROOT:
         assert hostile.run("check", user=OTHER_USER, group=OTHER_USER, extra_groups=[]) == found
     assert list(hostile.temp.iterdir()) == []
 
@@ -187,7 +178,7 @@ TOO_LARGE = {
 
 @pytest.mark.skipif(SANITIZED, reason="the sanitizers need more memory than a gateway has")
 @pytest.mark.parametrize("what", TOO_LARGE)
-def test_archive_that_needs_more_memory_than_a_gateway_has_is_a_fault(hostile, what):
+def test_archive_that_needs_too_much_memory_is_a_fault(hostile, what):
     hostile.put(TOO_LARGE[what])
     code, out, err = hostile.run("check")
     assert (code, out.count("\nFAULT    x.zip cannot be unpacked: "), out.count("unpacked"), err) == (1, 1, 1, "")
@@ -210,7 +201,7 @@ NOTED = {
 @pytest.mark.parametrize("what", NOTED)
 def test_other_entries_are_noted_up_to_twenty_and_copied(hostile, what):
     entries, names, more = NOTED[what]
-    hostile.put(zip_bytes(new(first=entries)))
+    hostile.put(new(first=entries))
     code, out, err = hostile.run("check")
     lines = "".join(DROPPED.format(name) for name in names)
     lines += f"warning  {more} more entries: clients drop them\n" if more else ""
@@ -237,6 +228,7 @@ def larger_than_three_files():
     return file * 3 + zstd_frame((zip_bytes(release("new")), 1))
 
 
+@pytest.mark.long
 @pytest.mark.skipif(SANITIZED, reason="takes minutes then")
 def test_entries_larger_than_three_files_are_a_fault(hostile):
     hostile.put(larger_than_three_files())
@@ -246,7 +238,7 @@ def test_entries_larger_than_three_files_are_a_fault(hostile):
 
 
 def test_definition_that_only_its_owner_may_read_is_a_warning(hostile):
-    hostile.put(zip_bytes(changed(1, mode=stat.S_IFREG | 0o600)))
+    hostile.put(changed(1, mode=stat.S_IFREG | 0o600))
     line = f"warning  {FIRST} has the mode 0600: other users of a gateway cannot read it\n"
     code, out, err = hostile.run("check")
     assert (code, out.count(line), out.count("warning"), err) == (0, 1, 1, "")
@@ -255,7 +247,7 @@ def test_definition_that_only_its_owner_may_read_is_a_warning(hostile):
 
 def test_archive_named_like_a_definition_removes_that(hostile):
     """Clients remove the archive once it is unpacked."""
-    hostile.put(zip_bytes(new()), FIRST)
+    hostile.put(new(), FIRST)
     assert f"FAULT    {FIRST} is not in the archive\n" in hostile.run("check")[1]
     line = f"zqu-mirror: the upstream mirror's archive is refused: {FIRST} is not in the archive\n"
     assert hostile.run("mirror") == (1, "", line)
@@ -266,24 +258,24 @@ ESCAPED = "\\xC2\\x9B\\xE2\\x80\\xAE\\xE2\\x81\\xA6\\xFF"
 
 def test_no_text_of_a_mirror_reaches_a_terminal_as_it_is(hostile):
     nasty = "\u009b\u202e\u2066".encode() + b"\xff"
-    hostile.put(zip_bytes(new(first=[Entry(nasty, b"x")])))
+    hostile.put(new(first=[Entry(nasty, b"x")]))
     assert DROPPED.format(ESCAPED) in hostile.run("check")[1]
-    hostile.put(zip_bytes(new(first=[Entry(nasty, b"x", stat.S_IFCHR)])))
+    hostile.put(new(first=[Entry(nasty, b"x", stat.S_IFCHR)]))
     assert f"cannot be unpacked: {ESCAPED} is a device\n" in hostile.run("check")[1]
     assert f"cannot be unpacked: {ESCAPED} is a device\n" in hostile.run("mirror")[2]
-    (hostile.upstream / SUBDIR / INFO).write_bytes(b"def.Current.name = " + nasty + b"\ndef.Current.SHA256 = 0\n")
+    hostile.upstream.write(INFO, b"def.Current.name = " + nasty + b"\ndef.Current.SHA256 = 0\n")
     code, out, err = hostile.run("check")
     assert (code, out.count(ESCAPED), err) == (1, 2, "")
     assert f"archive name {ESCAPED} is refused: " in hostile.run("mirror")[2]
-    (hostile.upstream / SUBDIR / HIT).write_bytes(b"defId = " + nasty + b"\n")
+    hostile.upstream.write(HIT, b"defId = " + nasty + b"\n")
     code, out, err = hostile.run("check")
     assert (code, out.count(ESCAPED), err) == (1, 2, "")
     assert f"id {ESCAPED} is refused: " in hostile.run("mirror")[2]
 
 
-def test_no_archive_name_reaches_a_terminal_as_it_is_while_it_is_read(hostile):
-    hostile.put(zip_bytes(new(first=SLOW * 4)), "x\u009b\u202e\u2066.zip")
-    code, shown = shown_on_terminal(hostile.words("check"))
+def test_no_archive_name_reaches_a_terminal_as_it_is(hostile):
+    hostile.put(new(first=SLOW * 4), "x\u009b\u202e\u2066.zip")
+    code, shown = run.on_terminal("stderr", *hostile.words("check"))
     line = "\x1b[Kzqu-mirror: reading x\\xC2\\x9B\\xE2\\x80\\xAE\\xE2\\x81\\xA6.zip: 0 MB\r"
     assert (code, line.encode() in shown) == (0, True)
     assert {byte for byte in shown if byte >= 127} == set()
@@ -346,12 +338,12 @@ def attacker(hostile):
 
 
 @needs_root
-@pytest.mark.parametrize("command", ["check", "mirror"])
+@COMMANDS
 def test_no_other_user_reaches_anything_while_it_runs(hostile, command):
     """The archive opens its directory to everybody, and brings a program with its owner's rights."""
     open_to_all = [Entry(name, b"", stat.S_IFDIR | 0o777) for name in ("./", "../", ".", "sub/")]
     program = Entry("program", pathlib.Path("/usr/bin/id").read_bytes(), stat.S_IFREG | 0o6777)
-    hostile.put(zip_bytes(new(first=[*open_to_all, program, *SLOW])))
+    hostile.put(new(first=[*open_to_all, program, *SLOW]))
     control = hostile.temp / "open"
     control.mkdir()
     (control / "program").write_bytes(pathlib.Path("/usr/bin/id").read_bytes())
@@ -393,7 +385,7 @@ def status_of(pid):
 
 @needs_root
 def test_reading_process_has_no_rights_and_ends_with_the_run(hostile):
-    hostile.put(zip_bytes(new(first=SLOW * 4)))
+    hostile.put(new(first=SLOW * 4))
     process = hostile.start("check")
     reader = reader_of(process)
     status = status_of(reader)
@@ -416,9 +408,9 @@ def test_reading_process_has_no_rights_and_ends_with_the_run(hostile):
     assert list(hostile.temp.iterdir()) == []
 
 
-@pytest.mark.parametrize("command", ["check", "mirror"])
-def test_a_reader_that_is_killed_gives_no_verdict(hostile, command):
-    hostile.put(zip_bytes(new(first=SLOW * 4)))
+@COMMANDS
+def test_reader_that_is_killed_gives_no_verdict(hostile, command):
+    hostile.put(new(first=SLOW * 4))
     process = hostile.start(command)
     os.kill(reader_of(process), signal.SIGKILL)
     out, err = process.communicate(timeout=60)
@@ -428,24 +420,24 @@ def test_a_reader_that_is_killed_gives_no_verdict(hostile, command):
 
 
 @needs_root
-@pytest.mark.parametrize("command", ["check", "mirror"])
+@COMMANDS
 def test_run_that_cannot_give_up_privileges_reads_no_archive(hostile, command):
-    hostile.put(zip_bytes(new()))
-    bare = ["setpriv", "--bounding-set=-setuid,-setgid", "--inh-caps=-all", *hostile.words(command)]
-    done = subprocess.run(bare, env=hostile.environment, capture_output=True, text=True, timeout=60)
+    hostile.put(new())
+    bare = ["setpriv", "--bounding-set=-setuid,-setgid", "--inh-caps=-all"]
+    code, out, err = hostile.run(command, prefix=bare)
     line = "zqu-mirror: cannot give up root's privileges: Operation not permitted\n"
-    assert (done.returncode, "unpacked" in done.stdout, done.stderr) == (1, False, line)
+    assert (code, "unpacked" in out, err) == (1, False, line)
 
 
 @needs_root
 def test_directories_that_only_root_may_enter_can_be_used(hostile):
-    for path in (hostile.upstream, hostile.temp):
+    for path in (hostile.base / "upstream", hostile.temp):
         path.chmod(0o700)
     sources = hostile.base / "sources"
     sources.mkdir(mode=0o700)
     (sources / "first").write_bytes(b"one")
     hostile.mirror.mkdir(mode=0o700)
-    words = ["publish", "--id", "7", hostile.upstream, sources / "first", sources / "first"]
+    words = ["publish", "--id", "7", hostile.base / "upstream", sources / "first", sources / "first"]
     assert run(*words, umask=0o077)[::2] == (0, "")
     assert hostile.run("check")[::2] == (0, "")
     assert hostile.run("mirror")[::2] == (0, "")
@@ -454,59 +446,47 @@ def test_directories_that_only_root_may_enter_can_be_used(hostile):
 # ---- Answers without an end ----
 
 
-@pytest.mark.parametrize("command", ["check", "mirror"])
+def words_for(scripted, command, base):
+    words = [command, "--ca", scripted.ca_path, "--subdir", "defs", scripted.url]
+    return words + ([base / "mirror"] if command == "mirror" else [])
+
+
+@COMMANDS
 @pytest.mark.parametrize("endless", [HIT, INFO])
-def test_an_endless_ini_is_given_up_at_its_bound(tmp_path, authority, scripted_context, command, endless):
-    authority.cert_pem.write_to_path(tmp_path / "ca.pem")
-    server = ScriptedServer(scripted_context)
-    try:
-        server.script = {HIT: [reply(b"defId = 7\n")], endless: [head(), flood(b"x = y\n" * 10_000)]}
-        base = server.base().removesuffix("/defs")
-        words = [TOOL, command, "--ca", tmp_path / "ca.pem", "--subdir", "defs", base]
-        result, megabytes = measured(words + ([tmp_path / "mirror"] if command == "mirror" else []))
-        line = f"GET {server.base()}/{endless}: longer than 1048576 bytes\n"
-    finally:
-        server.stop()
+def test_endless_ini_is_given_up_at_its_bound(tmp_path, scripted, command, endless):
+    scripted.server.script = {HIT: [reply(b"defId = 7\n")], endless: [head(), flood(b"x = y\n" * 10_000)]}
+    result, megabytes = run.measured(*words_for(scripted, command, tmp_path))
+    line = f"GET {scripted.url}/defs/{endless}: longer than 1048576 bytes\n"
     named = f"ok       {HIT} names 7\n" if endless == INFO else ""
     assert result == ((1, f"{named}FAULT    {line}", "") if command == "check" else (1, "", f"zqu-mirror: {line}"))
     assert megabytes < 100 or SANITIZED
 
 
-@pytest.mark.parametrize("command", ["check", "mirror"])
-def test_archive_that_is_announced_as_too_long_is_given_up_at_once(tmp_path, authority, scripted_context, command):
-    authority.cert_pem.write_to_path(tmp_path / "ca.pem")
-    server = ScriptedServer(scripted_context)
-    try:
-        server.script = {
-            HIT: [reply(b"defId = 7\n")],
-            INFO: [reply(b"def.Current.name = x.zip\ndef.Current.SHA256 = 00\n")],
-            "x.zip": [head("200 OK", f"Content-Length: {9 << 30}"), b"x", finish],
-        }
-        words = [command, "--ca", tmp_path / "ca.pem", "--subdir", "defs", server.base().removesuffix("/defs")]
-        code, out, err = run(*words, *([tmp_path / "mirror"] if command == "mirror" else []))
-        line = f"GET {server.base()}/x.zip: longer than {8 << 30} bytes"
-    finally:
-        server.stop()
-    assert (code, (out + err).splitlines()[-1].split(" ", 1)[1].lstrip()) == (1, line)
+@COMMANDS
+def test_archive_that_is_announced_as_too_long_is_given_up(tmp_path, scripted, command):
+    scripted.server.script = {
+        HIT: [reply(b"defId = 7\n")],
+        INFO: [reply(b"def.Current.name = x.zip\ndef.Current.SHA256 = 00\n")],
+        "x.zip": [head("200 OK", f"Content-Length: {9 << 30}"), b"x", finish],
+    }
+    result = run(*words_for(scripted, command, tmp_path))
+    assert reason(result) == f"GET {scripted.url}/defs/x.zip: longer than {8 << 30} bytes"
 
 
-@pytest.mark.parametrize("command", ["check", "mirror"])
+@COMMANDS
 def test_nothing_is_copied_of_a_file_that_is_too_long(hostile, command):
     hostile.put(b"")
-    path = hostile.upstream / SUBDIR / "x.zip"
+    path = hostile.upstream.path("x.zip")
     os.truncate(path, 9 << 30)
-    words = ["prlimit", "--fsize=1000", *hostile.words(command)]
-    done = subprocess.run(words, env=hostile.environment, capture_output=True, text=True, timeout=60)
-    line = (done.stdout + done.stderr).splitlines()[-1].split(" ", 1)[1].lstrip()
-    assert (done.returncode, line) == (1, f"GET file://{path}: longer than {8 << 30} bytes")
+    result = hostile.run(command, prefix=["prlimit", "--fsize=1000"])
+    assert reason(result) == f"GET file://{path}: longer than {8 << 30} bytes"
 
 
-@pytest.mark.parametrize("command", ["check", "mirror"])
+@COMMANDS
 @pytest.mark.parametrize("name", [HIT, INFO, "x.zip"])
-def test_a_fifo_on_the_mirror_keeps_nobody_waiting(hostile, command, name):
-    hostile.put(zip_bytes(new()))
-    path = hostile.upstream / SUBDIR / name
+def test_fifo_on_the_mirror_keeps_nobody_waiting(hostile, command, name):
+    hostile.put(new())
+    path = hostile.upstream.path(name)
     path.unlink()
     os.mkfifo(path)
-    code, out, err = hostile.run(command)
-    assert (code, (out + err).splitlines()[-1].split(" ", 1)[1].lstrip()) == (1, f"GET file://{path}: no regular file")
+    assert reason(hostile.run(command)) == f"GET file://{path}: no regular file"

@@ -1,52 +1,29 @@
-"""zqu-mirror, and a place where it runs."""
+"""zqu-mirror, and a mirror that it makes."""
 
+import copy
 import hashlib
 import os
-import pty
-import signal
-import subprocess
-import tempfile
+import re
+import shutil
+import time
 
-from gateway import BUILD
+from mirrors import Mirror
 from outcomes import tree
+from raw_archives import Entry, zip_bytes
+from release import HIT, good_files, info_name
+from tools import Stopped, Tool
 
-TOOL = BUILD / "zqu-mirror"
+run = Tool("zqu-mirror")
+TOOL = run.path
 SUBDIR = "rhex/deffiles/def5-2"
 WORK = ".zqu-mirror.work"
-CAPTURED = {"capture_output": True, "text": True, "timeout": 300}
+DAY = 86400
+NAME_RULE = "may hold only letters, digits and -._~!$&'()*+,;:@ (clients could not fetch it otherwise)"
+DOTS_RULE = 'must not be empty, "." or ".."'
 
 
-def run(*args, **options):
-    done = subprocess.run([TOOL, *args], capture_output=True, timeout=300, **options)
-    return done.returncode, done.stdout.decode(), done.stderr.decode()
-
-
-def measured(words):
-    """What a run says, and the most memory it had, in MB. By time(1): a child of this process would begin with what
-    this one has."""
-    with tempfile.NamedTemporaryFile("r") as used:
-        done = subprocess.run(["time", "--quiet", "--format=%M", f"--output={used.name}", *words], **CAPTURED)
-        return (done.returncode, done.stdout, done.stderr), int(used.read()) / 1024
-
-
-def shown_on_terminal(words):
-    """The exit status of a run, and what it writes to a terminal on standard error."""
-    master, slave = pty.openpty()
-    process = subprocess.Popen(words, stdout=subprocess.DEVNULL, stderr=slave)
-    os.close(slave)
-    shown = b""
-    while True:
-        try:
-            shown += os.read(master, 4096)
-        except OSError:  # the other end is closed
-            break
-    os.close(master)
-    return process.wait(timeout=60), shown
-
-
-def under_strace():
-    """The environment of a tool that strace runs: the leak check does not work under ptrace(2)."""
-    return {**os.environ, "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"}
+def cab(id, flavor="v2"):
+    return f"antivir-{flavor}-c-{id}.cab"
 
 
 def noise(size, seed):
@@ -55,80 +32,144 @@ def noise(size, seed):
     return b"".join(blocks)[:size]
 
 
-def release_files(root):
-    return sorted(path.name for path in (root / SUBDIR).iterdir())
+def change_info(mirror, id, **changes):
+    """Changes values of a complete-info INI; None removes the line."""
+    text = mirror.path(info_name(id)).read_text()
+    for key, value in changes.items():
+        line = "" if value is None else f"def.Current.{key}={value}\n"
+        text = re.sub(rf"def.Current.{key} *=.*\n", lambda unused: line, text)
+    mirror.write(info_name(id), text)
 
 
-class Setting:
-    """A place with two definition files and a mirror that may hold a release "old" of other content."""
+class OwnMirror(Mirror):
+    """A mirror that zqu-mirror publishes to, beside two definition files to publish, with times of their own."""
 
     def __init__(self, base):
         self.base = base
-        self.mirror = base / "mirror"
-        self.dir = self.mirror / SUBDIR
+        self.subdir = SUBDIR
+        self.root, self.folder = base / "mirror", base / "mirror" / SUBDIR
         self.antivir = base / "first input"
         self.aivsecon = base / "second input"
         self.antivir.write_bytes(noise(70000, "antivir"))
         self.aivsecon.write_bytes(b"signature\n" * 3000)
         os.utime(self.antivir, (1583298368, 1583298368))
         os.utime(self.aivsecon, (1614834370, 1614834370))
-        self.old = base / "old input"
-        self.old.write_bytes(b"old\n")
+        self.began = time.time()
 
-    def publish(self, id, *flags, mirror=None, **options):
-        return run("publish", *flags, "--id", id, mirror or self.mirror, self.antivir, self.aivsecon, **options)
+    def copied_to(self, root):
+        """The same mirror, inputs included, with its files at another place."""
+        made = copy.copy(self)
+        made.root, made.folder = root, root / SUBDIR
+        if self.root.exists():
+            shutil.copytree(self.root, root)
+        return made
 
-    def publish_old(self):
-        assert run("publish", "--id", "old", self.mirror, self.old, self.old)[0] == 0
+    # ---- Commands ----
 
-    def check(self, *flags, mirror=None, **options):
-        return run("check", *flags, mirror or self.mirror, **options)
+    def publishing(self, id, *flags, root=None):
+        """The words that publish the two files."""
+        return ["publish", *flags, "--id", id, root or self.root, self.antivir, self.aivsecon]
 
-    def require_refused(self, line, *flags, id="new", code=1, **options):
-        before = tree(self.mirror, modes=True)
-        assert self.publish(id, *flags, **options) == (code, "", f"zqu-mirror: {line}\n")
-        assert tree(self.mirror, modes=True) == before
+    def publish(self, id, *flags, root=None, **options):
+        return run(*self.publishing(id, *flags, root=root), **options)
+
+    def publish_small(self, *ids, flavor="v2"):
+        """Publishes releases of other content than that of the two files."""
+        for id in ids:
+            small = self.base / "small input"
+            small.write_text(f"{flavor} {id}\n")
+            assert run("publish", "--flavor", flavor, "--id", id, self.root, small, small)[0] == 0
+
+    def check(self, *flags, root=None, **options):
+        return run("check", *flags, root or self.root, **options)
+
+    def prune(self, *words):
+        return run("prune", *words, self.root)
+
+    def stopped(self, words, path, call="openat"):
+        """A run that stands still at its first call on a path of the mirror."""
+        return Stopped([run.path, *words], self.path(path), call)
+
+    # ---- What is there ----
+
+    def files(self):
+        return sorted(os.listdir(self.folder))
+
+    def files_of(self, *ids, flavors=("v2",)):
+        """The files of these releases, and the hit INIs."""
+        names = [name for flavor in flavors for id in ids for name in (info_name(id, flavor), cab(id, flavor))]
+        return sorted([*names, *(f"antivir-{flavor}-hit.ini" for flavor in flavors)])
+
+    def removed(self, *ids, did="removed"):
+        """The lines of a prune for these releases, as long as they are there."""
+        sizes = {id: self.size(info_name(id), cab(id)) for id in ids}
+        return "".join(f"{did} {id}: {info_name(id)}, {cab(id)}, {size} bytes\n" for id, size in sizes.items())
+
+    def tree(self):
+        return tree(self.root, modes=True)
+
+    def seen(self):
+        """All of it, with the times of the files."""
+        times = {path: path.stat().st_mtime_ns for path in self.root.rglob("*") if path.is_file()}
+        return self.tree(), times
+
+    def expect_refused(self, line, *words, code=1, **options):
+        """The run ends with this line, and changes nothing."""
+        before = self.seen()
+        assert run(*words, **options) == (code, "", f"zqu-mirror: {line}\n")
+        assert self.seen() == before
+
+    def expect_left(self, *names, rules=("--keep", "1")):
+        """A prune by these rules succeeds, and leaves these files."""
+        assert self.prune(*rules)[0] == 0
+        assert self.files() == sorted(names)
+
+    def size(self, *names):
+        return sum(self.path(name).stat().st_size for name in names)
+
+    # ---- What happened to it ----
+
+    def set_age(self, name, days):
+        os.utime(self.path(name), (self.began - days * DAY, self.began - days * DAY))
+
+    def history(self, *days, flavor="v2"):
+        """Releases "1", "2" and so on; each was published so many days ago, and replaced by the next."""
+        ids = [str(number) for number in range(1, len(days) + 1)]
+        self.publish_small(*ids, flavor=flavor)
+        for id, age in zip(ids, days):
+            self.set_age(info_name(id, flavor), age)
+        self.set_age(f"antivir-{flavor}-hit.ini", days[-1])
+
+    def make_by_hand(self, entries=(), id="7", hit="[Current]\ndefId = 7\n", **changes):
+        """Puts a ZIP there with these entries in the place of the good ones or besides them (None drops one), and
+        changes lines of its complete-info INI. Returns the ZIP."""
+        self.folder.mkdir(parents=True)
+        contents = {**dict(good_files("7")), **dict(entries)}
+        made = [Entry(name, data) for name, data in contents.items() if data is not None]
+        self.write("x.zip", zip_bytes(made))
+        self.announce(id, "x.zip")
+        change_info(self, id, **changes)
+        self.write(HIT, hit)
+        return self.path("x.zip").read_bytes()
 
 
-class Stopped:
-    """A publish that stands still before its first call of a kind on a path."""
+class Copy(OwnMirror):
+    """A mirror that is to be copied from an upstream one, behind nginx."""
 
-    def __init__(self, place, path, call="openat", number=1, id="new", tool_args=None):
-        log = place.base / "stop-log"
-        log.unlink(missing_ok=True)
-        words = tool_args or ["publish", "--id", id, place.mirror, place.antivir, place.aivsecon]
-        self.process = subprocess.Popen(
-            [
-                "strace",
-                "-D",
-                "-o",
-                log,
-                "-P",
-                str(path),
-                "-e",
-                f"inject={call}:signal=STOP:when={number}",
-                TOOL,
-                *words,
-            ],
-            env=under_strace(),
-            stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE,
-        )
-        while not (log.exists() and "--- stopped by SIGSTOP ---" in log.read_text()):
-            assert self.process.poll() is None, "ended without having been stopped"
+    def __init__(self, base, nginx, upstream):
+        super().__init__(base)
+        self.nginx = nginx
+        self.upstream = upstream
 
-    def __enter__(self):
-        return self
+    def words(self, *words, root=None):
+        options = ["--ca", self.nginx.ca_path, "--upstream-subdir", self.upstream.subdir, *words]
+        return ["mirror", *options, self.nginx.url(), root or self.root]
 
-    def __exit__(self, *unused):
-        if self.process.returncode is None:
-            self.process.kill()
-            self.process.communicate()
+    def run(self, *words, **options):
+        return run(*self.words(*words), **options)
 
-    def signal(self, number):
-        self.process.send_signal(number)
-
-    def finish(self):
-        self.process.send_signal(signal.SIGCONT)
-        out, err = self.process.communicate(timeout=120)
-        return self.process.returncode, out.decode(), err.decode()
+    def follow(self, *ids):
+        """Copies these releases, one after the other."""
+        for id in ids:
+            self.upstream.publish(id)
+            assert self.run()[0] == 0

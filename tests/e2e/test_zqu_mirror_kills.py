@@ -1,0 +1,289 @@
+"""zqu-mirror cut short: publish, mirror and prune are killed, stopped, or fail at each of their system calls.
+
+A command that changes a mirror has its row in COMMANDS, and with it all tests here."""
+
+import itertools
+import re
+import shutil
+import signal
+from concurrent.futures import ThreadPoolExecutor
+from dataclasses import dataclass
+from typing import Callable
+
+import pytest
+from mirror_tool import WORK, cab, run
+from release import HIT, info_name
+from tools import under_strace
+
+# Calls that change nothing on a disk. A kill before one leaves what a kill before the next one of others leaves.
+HARMLESS = {"close", "fcntl", "flock", "fstat", "getdents64", "lseek", "newfstatat", "pread64", "read", "statx"}
+SIGNALS = {signal.SIGINT: "Interrupt", signal.SIGTERM: "Terminated", signal.SIGHUP: "Hangup"}
+FAILING = ["mkdir", "openat", "write", "lseek", "fsync", "rename", "flock"]
+
+
+@dataclass
+class Command:
+    """What a command does to a mirror with the release "old", or "1" to "4", current. Words depend on the root."""
+
+    words: Callable
+    work: list  # what it has in the work directory, in the order in which it comes
+    archive: str
+    steps: list  # its calls of fsync, rename and unlink; D is the mirror's directory, W the work directory
+    prepare: Callable = lambda own, upstream: own.publish_small("old")
+    heal: Callable = None  # other words than its own, which heal what a kill leaves
+
+
+def prepare_copying(own, upstream):
+    own.publish_small("old")
+    upstream.publish("new")
+
+
+FINAL_STEPS = ["fsync D/W/hit", f"rename D/W/hit, D/{HIT}", "fsync D"]
+COMMANDS = {
+    "publish": Command(
+        words=lambda own, root: own.publishing("new", root=root),
+        work=["archive", "info", "hit"],
+        archive=cab("new"),
+        steps=[
+            "fsync D/W/archive",
+            "fsync D/W/info",
+            "rename D/W/archive, D/antivir-v2-c-new.cab",
+            "rename D/W/info, D/antivir-v2-c-new.ini",
+            "fsync D",
+            *FINAL_STEPS,
+        ],
+    ),
+    "mirror": Command(
+        prepare=prepare_copying,
+        words=lambda own, root: own.words(root=root),
+        work=["antivir-v2-c-new.ini", "archive", "hit"],
+        archive="antivir-v2-new.cab",
+        steps=[
+            "fsync D/W/antivir-v2-c-new.ini",
+            "fsync D/W/archive",
+            "rename D/W/archive, D/antivir-v2-new.cab",
+            "fsync D",
+            "rename D/W/antivir-v2-c-new.ini, D/antivir-v2-c-new.ini",
+            "fsync D",
+            *FINAL_STEPS,
+        ],
+    ),
+    "prune": Command(
+        prepare=lambda own, upstream: own.history(50, 40, 30, 20),
+        words=lambda own, root: ["prune", "--keep", "1", root],
+        heal=lambda own, root: ["prune", "--keep", "1", "--grace", "0s", root],
+        work=[],
+        archive=cab("1"),
+        steps=[
+            *(step for id in "123" for step in (f"unlink D/{info_name(id)}", "fsync D", f"unlink D/{cab(id)}")),
+            "fsync D",
+        ],
+    ),
+}
+
+
+class Campaign:
+    """Runs a command on copies of a mirror, with strace between it and the mirror."""
+
+    def __init__(self, name, own, every=False):
+        self.command = COMMANDS[name]
+        self.own = own
+        self.every = every
+        self.command.prepare(own, own.upstream)
+        self.copies = itertools.count()
+
+    def copy(self):
+        return self.own.copied_to(self.own.base / f"copy-{next(self.copies)}")
+
+    def traced(self, mirror, *options, log="/dev/null"):
+        """Runs the command while strace sees to the calls that name or use something on the mirror."""
+        work = [f"{WORK}/{name}" for name in ("", *self.command.work)]
+        names = {*self.own.files(), HIT, info_name("new"), self.command.archive, *work}
+        top = [mirror.root, mirror.root / "rhex", mirror.root / "rhex/deffiles", mirror.folder]
+        paths = [word for path in (*top, *map(mirror.path, sorted(names))) for word in ("-P", path)]
+        prefix = ["strace", "-D", "-y", "-o", log, *options, *paths]
+        return run(*self.command.words(self.own, mirror.root), prefix=prefix, env=under_strace())
+
+    def calls(self, mirror, *options, shown="all"):
+        """The result of a run, and its calls as lines, less what strace itself says."""
+        log = self.own.base / "calls"
+        result = self.traced(mirror, "-e", f"trace={shown}", *options, log=log)
+        return result, [line for line in log.read_text().splitlines() if re.match(r"[a-z]\w*\(", line)]
+
+    def numbers(self, count):
+        """Which calls of a kind: all when every one is wanted. Of more than 24 about 16, and the last 8."""
+        step = 1 if self.every or count <= 24 else count // 16
+        return sorted({*range(1, count + 1, step), *range(max(1, count - 7), count + 1)})
+
+    def interfere(self, how, names, judge):
+        """Does it at each of the calls that names() chooses, on a fresh copy each; returns at how many."""
+        reference = self.copy()
+        (code, _, _), lines = self.calls(reference)
+        assert code == 0
+        calls = [line.split("(")[0] for line in lines]
+        points = [(name, number) for name in names({*calls}) for number in self.numbers(calls.count(name))]
+
+        def run_one(point):
+            mirror = self.copy()
+            result = self.traced(mirror, "-e", f"inject={point[0]}:{how}:when={point[1]}")
+            judge(mirror, result, reference.tree())
+            shutil.rmtree(mirror.root)
+
+        with ThreadPoolExecutor(4) as pool:
+            list(pool.map(run_one, points))
+        return len(points)
+
+
+@pytest.fixture
+def own(copy):
+    """With an upstream, and with small definition files, which take few calls to write."""
+    copy.antivir.write_text("antivir\n")
+    copy.aivsecon.write_text("aivsecon\n")
+    return copy
+
+
+def without_work(files):
+    return {name: what for name, what in files.items() if WORK not in name}
+
+
+@pytest.mark.parametrize("name", COMMANDS)
+def test_kill_at_any_call_leaves_a_whole_release(own, name, request, record_property):
+    """And the next run heals all that is left."""
+    every = request.config.getoption("--all")
+    campaign = Campaign(name, own, every)
+    heal = campaign.command.heal or campaign.command.words
+    healed = set()
+
+    def judge(mirror, result, whole):
+        assert result[0] == -signal.SIGKILL
+        left = frozenset(mirror.tree().items())
+        if left in healed:  # another kill has left just the same
+            return
+        code, out, err = mirror.check()
+        assert (code, err) == (0, ""), out
+        for path in mirror.folder.glob("antivir-v2-c-*.ini"):
+            archive = re.search(r"def.Current.name *= *(\S+)", path.read_text())[1]
+            assert mirror.path(archive).exists(), f"{path.name} names {archive}, which is gone"
+        code, out, err = run(*heal(own, mirror.root))
+        assert (code, err) == (0, "")
+        assert without_work(mirror.tree()) == without_work(whole)
+        assert not mirror.path(WORK).exists() or out.startswith("nothing new")
+        healed.add(left)
+
+    kills = campaign.interfere("signal=KILL", lambda calls: calls if every else calls - HARMLESS, judge)
+    assert len(healed) >= (6 if name == "prune" else 8)
+    record_property("kills_of_zqu_mirror", kills)
+
+
+@pytest.mark.parametrize("name", ["publish", "mirror"])
+def test_no_room_at_any_call_leaves_the_mirror_untouched(own, name, request, record_property):
+    campaign = Campaign(name, own, request.config.getoption("--all"))
+    before = own.tree()
+    codes = []
+
+    def judge(mirror, result, whole):
+        code, out, err = result
+        if code == 0:  # a call whose failure does no harm, such as the removal of a temporary
+            assert without_work(mirror.tree()) == whole
+        elif err.startswith("zqu-mirror: new is published, but a power cut might undo that: "):
+            assert mirror.tree() == whole
+        else:
+            assert (code, out) == (1, "")
+            assert re.fullmatch("(zqu-mirror: [^\n]+\n){1,2}", err)
+            assert mirror.tree() == before
+        codes.append(code)
+
+    failures = campaign.interfere("error=ENOSPC", lambda calls: calls & {*FAILING}, judge)
+    assert codes.count(1) > 8
+    record_property("failed_calls_of_zqu_mirror", failures)
+
+
+@pytest.mark.parametrize("name", COMMANDS)
+def test_each_step_is_on_disk_before_the_next(own, name):
+    """The hit INI comes last, and an archive goes after its INI."""
+    campaign = Campaign(name, own)
+    _, lines = campaign.calls(own, shown="fsync,rename,unlink")
+    text = "\n".join(lines).replace(str(own.folder), "D").replace(WORK, "W").replace('"', "")
+    steps = re.findall(r"^(\w+)\((?:\d+<)?(.*?)>?\) += 0$", text, re.MULTILINE)
+    done = [f"{call} {what}" for call, what in steps]
+    assert [step for step in done if not step.startswith("unlink D/W")] == campaign.command.steps
+
+
+def test_failed_publish_undoes_its_work_under_the_lock(own):
+    campaign = Campaign("publish", own)
+    before = own.tree()
+    shown = "flock,close,unlink,unlinkat,rmdir,rename"
+    result, lines = campaign.calls(own, "-e", "inject=rename:error=EIO:when=3", shown=shown)  # of the hit INI
+    assert result[0] == 1
+    assert own.tree() == before
+    taken = next(number for number, line in enumerate(lines) if line.startswith("flock("))
+    descriptor = re.match(r"flock\((\d+)<", lines[taken])[1]
+    closing = f"close({descriptor}<"
+    given_up = next(number for number, line in enumerate(lines) if number > taken and line.startswith(closing))
+    undone = [number for number, line in enumerate(lines) if line.startswith(("unlink", "rmdir"))]
+    assert len(undone) >= 3 and max(undone) < given_up
+
+
+# What fails, with the line on standard error, the releases that were removed before, and the files that are gone.
+PRUNE_FAILURES = {
+    "unlink:error=EPERM:when=3": (
+        f"cannot remove {{}}/{info_name(2)}: Operation not permitted",
+        "1",
+        {info_name(1), cab(1)},
+    ),
+    "fsync:error=EIO:when=1": ("cannot flush {}: Input/output error", "", {info_name(1)}),
+}
+
+
+@pytest.mark.parametrize("injection", PRUNE_FAILURES)
+def test_failed_removal_ends_a_prune_and_the_rest_stays(own, injection):
+    campaign = Campaign("prune", own)
+    line, removed, gone = PRUNE_FAILURES[injection]
+    before = own.files()
+    code, out, err = campaign.traced(own, "-e", f"inject={injection}")
+    assert (code, err) == (1, f"zqu-mirror: {line.format(own.folder)}\n")
+    assert re.findall(r"^removed (\d):", out, re.MULTILINE) == [*removed]
+    assert own.files() == sorted({*before} - gone)
+
+
+@pytest.mark.parametrize("number", SIGNALS)
+@pytest.mark.parametrize("name", ["publish", "mirror"])
+def test_signal_ends_the_run_and_the_mirror_is_untouched(own, name, number):
+    command = COMMANDS[name]
+    command.prepare(own, own.upstream)
+    where = command.work[[*SIGNALS].index(number)]
+    before = own.seen()
+    with own.stopped(command.words(own, own.root), f"{WORK}/{where}") as stopped:
+        assert own.path(WORK).exists()
+        assert stopped.finish(number) == (128 + number, "", f"zqu-mirror: ended by signal: {SIGNALS[number]}\n")
+    assert own.seen() == before
+
+
+def test_signal_ends_the_first_publish_and_nothing_is_left(own):
+    with own.stopped(own.publishing("new"), f"{WORK}/hit") as stopped:
+        assert stopped.finish(signal.SIGTERM)[0] == 128 + signal.SIGTERM
+    assert not own.root.exists()
+
+
+@pytest.mark.parametrize("number", SIGNALS)
+def test_signal_ends_a_prune_between_two_releases(own, number):
+    command = COMMANDS["prune"]
+    command.prepare(own, own.upstream)
+    line = own.removed("1")
+    with own.stopped(command.words(own, own.root), cab("1"), "unlink") as stopped:
+        assert stopped.finish(number) == (128 + number, line, f"zqu-mirror: ended by signal: {SIGNALS[number]}\n")
+    assert own.files() == own.files_of("2", "3", "4")
+
+
+@pytest.mark.parametrize("name", COMMANDS)
+def test_second_run_is_refused_while_one_is_at_work(own, name):
+    COMMANDS["mirror"].prepare(own, own.upstream)
+    COMMANDS["prune"].prepare(own, own.upstream)
+    refused = (1, "", f"zqu-mirror: another run is at work in {own.folder}\n")
+    place = (info_name("1"), "unlink") if name == "prune" else (f"{WORK}/archive", "openat")
+    with own.stopped(COMMANDS[name].words(own, own.root), *place) as first:
+        for second in (*COMMANDS, "prune --dry-run"):
+            words = COMMANDS[second.split()[0]].words(own, own.root) + second.split()[1:]
+            assert run(*words) == refused, second
+        assert first.finish()[0] == 0
+    assert own.publish("other")[0] == 0
