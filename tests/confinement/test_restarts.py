@@ -84,12 +84,13 @@ def test_stop_at_rest_is_clean_and_the_next_boot_starts_the_unit(served):
 
 def begin_download(gateway, end=stall):
     """Restarts the unit, whose download of the new release comes to such an end; returns when it has begun."""
-    release = gateway.publish(NEW)
-    steps = [head("200 OK", "Content-Length: 1000000"), b"x" * 1000, end]
+    release, begun = gateway.publish(NEW), threading.Event()
+    steps = [head("200 OK", "Content-Length: 1000000"), b"x" * 1000, lambda connection: begun.set(), end]
     gateway.server.script[release.archive_name] = steps
     gateway.drop_in("[Service]\nTimeoutStopSec=1s\n")
     gateway.run("systemctl", "restart", UNIT)
-    gateway.wait_for(lambda: f"snapshots/{NEW}/{release.archive_name}.part" in gateway.listing())
+    gateway.wait_for(begun.is_set)
+    assert f"snapshots/{NEW}/{release.archive_name}.part" in gateway.listing()
 
 
 def test_stop_in_a_download_kills_and_the_next_start_heals(served):

@@ -102,7 +102,8 @@ class SteppedMirror:
         self.await_check()
 
     def stop(self):
-        self.answers.put([reply(b"", "404 Not Found")])  # whoever waits still
+        for _ in range(10):  # daemons that were killed may have left requests behind, which wait still
+            self.answers.put([reply(b"", "404 Not Found")])
         self.server.stop()
 
 

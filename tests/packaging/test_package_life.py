@@ -125,7 +125,10 @@ def test_upgrade_leaves_a_stopped_service_as_it_was(package, action, state):
         assert how_it_runs(package.gateway) == ("masked", "inactive")
 
 
-@pytest.mark.parametrize("root, runs", [(ROOT, False), (MOVED, False), (MOVED, True)])
+ROOTS = {"default": (ROOT, False), "moved": (MOVED, False), "running": (MOVED, True)}
+
+
+@pytest.mark.parametrize("root, runs", ROOTS.values(), ids=ROOTS)
 def test_upgrade_brings_an_older_root_to_the_new_layout(package, root, runs):
     """Also when a mirror had planted a link in place of the status file."""
     gateway = package.gateway
