@@ -38,9 +38,10 @@ def pytest_runtest_makereport(item, call):
     files = getattr(item, "funcargs", {}).get("tmp_path")
     if report.failed:
         item.stash[FAILED] = True
-        report.sections.append(("files", str(files or item.config.getoption("basetemp"))))
+        report.sections.append(("files", str(files or "none")))
     elif files and call.when == "teardown" and not item.stash.get(FAILED, False):
         shutil.rmtree(files, ignore_errors=True)
+        files.mkdir(exist_ok=True)  # keeps its name from being given again: a mirror has it too
 
 
 def pytest_terminal_summary(terminalreporter):

@@ -6,7 +6,7 @@ import sys
 import pytest
 from builds import REPOSITORY
 from gateway import SANITIZED, STARTED
-from paced import PacedDaemon, cycles_of
+from paced import PacedDaemon
 
 sys.path.append(str(REPOSITORY / "bench"))
 import check  # noqa: E402  (from the directory named just before)
@@ -104,10 +104,16 @@ def test_waits_of_the_model_are_the_daemons(poll, gateway, mirror):
     with PacedDaemon(gateway) as daemon:
         daemon.until_gate()
         daemon.run_until(25)  # two readings of the clock for each cycle
-        cycles = cycles_of(daemon.until_gate())
-    ends = [(cycle.end - model.EPOCH_S) * model.SECOND for cycle in cycles]
-    waits = [model.wait_s(daemon.process.pid, end, *poll) for end in ends]
-    assert waits == [len(cycle.sleeps) for cycle in cycles] and len(set(waits)) > 1
+        events = [event.split() for event in daemon.until_gate()]
+    ends, waits = [], []
+    for event in events:
+        if event[0] == "time":  # where a cycle starts, and where it ends
+            ends.append((int(event[1]) - model.EPOCH_S) * model.SECOND)
+            waits.append(0)
+        elif event[0] == "sleep":
+            waits[-1] += 1
+    assert waits[1::2] == [model.wait_s(daemon.process.pid, end, *poll) for end in ends[1::2]]
+    assert waits[::2] == [0] * 12 and len(set(waits)) > 2
 
 
 def test_default_waits_of_the_sizes_are_the_daemons(gateway):
