@@ -108,21 +108,15 @@ def test_a_mirror_of_web_servers_is_filled_from_a_medium(medium, tmp_path):
     assert run("check", medium.mounted_at)[0] == 0
 
 
-@pytest.mark.parametrize("ca_path", ["", "/nonexistent/ca.pem"])
-def test_a_folder_serves_whatever_certificates_are_set(tmp_path, ca_path):
-    outside = OwnMirror(tmp_path)
-    assert outside.publish("1001")[0] == 0
-    settings = {"mirror_base_url": f"file://{outside.root}", "mirror_subdir": SUBDIR, "ca_path": ca_path}
-    site = Gateway(tmp_path, **settings)
-    assert site.run_once() == published("1001")
-    site.expect_status("1001")
-
-
-@pytest.mark.parametrize("written, works", [("av%20share", True), ("av share", False)])
-def test_a_blank_in_the_folders_name_has_to_be_encoded(tmp_path, written, works):
+@pytest.mark.parametrize(
+    "written, ca_path, works",
+    [("av%20share", "", True), ("av%20share", "/nonexistent/ca.pem", True), ("av share", "", False)],
+)
+def test_share_is_read_by_its_encoded_name_without_certificates(tmp_path, written, ca_path, works):
     outside = OwnMirror(tmp_path)
     assert outside.publish("1001", root=tmp_path / "av share")[0] == 0
-    site = Gateway(tmp_path, mirror_base_url=f"file://{tmp_path}/{written}", mirror_subdir=SUBDIR)
+    site = Gateway(tmp_path, mirror_base_url=f"file://{tmp_path}/{written}", mirror_subdir=SUBDIR, ca_path=ca_path)
     url = f"{site.settings['mirror_base_url']}/{SUBDIR}/antivir-v2-hit.ini"
     refused = [f"err GET {url}: URL using bad/illegal format or missing URL"]
     assert site.run_once() == (published("1001") if works else refused)
+    site.expect_status(*(["1001"] if works else ["", "defId fetch failed"]))

@@ -42,8 +42,8 @@ def test_reader_tells_missing_links_and_mixed_sets(tmp_path):
     assert reader.lookups == reader.vanished > 0
 
 
-def test_reader_misses_nothing_during_hundreds_of_updates(gateway, mirror, request, record_property):
-    count = 2000 if request.config.getoption("--all") else 200
+def test_reader_misses_nothing_during_hundreds_of_updates(gateway, mirror, thorough, record_property):
+    count = 2000 if thorough else 200
     gateway.settings["retained_snapshots"] = 10  # so that none is pruned while the reader has it open
     mirror.publish("1000")
     gateway.run_once()

@@ -1,8 +1,8 @@
 """The power fails before the system calls of an update; before every one with --all.
 
 A real ext4 file system is shut down there, so that nothing that was not flushed comes to be written, and mounted again,
-which replays its journal. The snapshot in service is whole then, the new one once its publication was flushed, and one
-clean run heals it."""
+which replays its journal. The snapshot in service is whole then, the new one once the log says so, and one clean run
+heals it."""
 
 import ctypes
 import fcntl
@@ -127,14 +127,14 @@ def scene_on(gateway, mirror, tmp_path):
 
 
 def possible_versions(scene, points, point):
-    """What may be in service: the former or the new until the new link is flushed; then only the new one."""
+    """What may be in service: the former or the new until the log says that the new one is; then only that."""
     renamed = next(p.index for p in points if p.name == "rename" and p.path.endswith("/active.tmp"))
-    flushed = next((p.index for p in points if p.name == "fsync" and p.path == "disk/defs"), len(points))
+    logged = next(p.index for p in points if p.name == "write" and p.path == "log")
     if point.vague:
         return {scene.former, NEW}
     if point.index <= renamed:
         return {scene.former}
-    return {scene.former, NEW} if point.index <= flushed else {NEW}
+    return {scene.former, NEW} if point.index <= logged else {NEW}
 
 
 def check(scene, points, point, last_act):
