@@ -6,7 +6,7 @@ import re
 import signal
 
 import pytest
-from gateway import SANITIZED, STOPPED, Gateway, configuration
+from gateway import SANITIZED, STOPPED, Gateway
 from mirrors import Mirror, Nginx
 from model import Pace, model_of
 from model_disk import scan
@@ -64,12 +64,11 @@ class Run:
         self.number = 1000
         self.cycles = 0
         self.spare_leaves = [server.authority.issue_cert("localhost", "127.0.0.1") for _ in range(2)]
-        path = gateway.config_path
-        before = scan(gateway.folder)
+        before = scan(gateway.config_path.parent)  # with the configuration
         self.daemon = PacedDaemon(gateway, prefix=prefix, GLIBC_TUNABLES=NO_CACHE)
         self.model = model_of(gateway.folder, mirror, before, Pace(self.daemon.process.pid, EPOCH))
         self.disk = self.model.disk
-        self.model.start(path, configuration(gateway.settings))
+        self.model.start(gateway.settings)
         self.model.begin_loop()
         assert self.daemon.until_gate()[-1:] == self.disk.lines
 

@@ -11,7 +11,7 @@ from collections import namedtuple
 
 import pytest
 from builds import REPOSITORY
-from gateway import DAEMON, SANITIZED, Gateway, configuration, in_own_dev, may_mount, wait_for
+from gateway import DAEMON, SANITIZED, Gateway, in_own_dev, may_mount, wait_for
 from mirrors import Mirror
 from model import model_of
 from model_mirror import ModelMirror
@@ -114,22 +114,22 @@ class Runs:
 
     def once(self, gateway, mirror, before=(), **options):
         """A run that logs these lines before those that the model expects."""
-        path = gateway.config_path
         model = model_of(gateway.folder, mirror)
-        model.once(path, configuration(gateway.settings))
-        self.expect(self.start(path, "--once", **options), [*before, *model.disk.lines])
+        model.once(gateway.settings)
+        self.expect(self.start(gateway.config_path, "--once", **options), [*before, *model.disk.lines])
 
     def defaults(self):
         """Without network or name service, and with an empty place where the defaults lead to."""
         hide = 'for place in /usr/local /run; do mount -t tmpfs none $place; done; exec "$@"'
         prefix = ["unshare", "--mount", "--net", "sh", "-ec", hide, "sh"]
         path = self.folder / "no such file"
+        warning = f"warning could not read config {path}; using defaults"
         mirror = self.new()[1]
         mirror.failure = "Couldn't resolve host name"
         model = model_of(self.folder, mirror)
-        model.once(path, None)
+        model.once({})
         program = shutil.copy(DAEMON, self.folder)
-        self.expect(self.start(path, "--once", prefix=prefix, program=program), model.disk.lines)
+        self.expect(self.start(path, "--once", prefix=prefix, program=program), [warning, *model.disk.lines])
 
     def settings(self):
         for settings in ({"mirror_base_url": ""}, {"flavor": ""}):
@@ -172,10 +172,9 @@ class Runs:
     def loop(self):
         gateway, mirror = self.new(poll_interval_s=600, poll_jitter_s=1)
         mirror.publish("1001", ["first links to itself"])
-        path = gateway.config_path
         model = model_of(gateway.folder, mirror)
-        model.loop(path, configuration(gateway.settings), cycles=1)
-        process = self.start(path)
+        model.loop(gateway.settings, cycles=1)
+        process = self.start(gateway.config_path)
         wait_for(lambda: b"run_once exception" in self.log_daemon.received.read_bytes(), process)
         process.send_signal(signal.SIGTERM)
         self.expect(process, model.disk.lines)

@@ -5,20 +5,16 @@ The model is stopped where the first signal came, and has to give the same event
 import pathlib
 import random
 import shutil
-import socket
-import ssl
-import threading
 import time
 from collections import Counter
 from signal import SIGINT, SIGTERM
 
 import pytest
-from gateway import Gateway, configuration
+from gateway import Gateway
 from mirrors import Mirror
 from model import Pace, model_of
 from model_disk import scan
 from model_mirror import ModelMirror
-from outcomes import published
 from paced import EPOCH, PacedDaemon
 
 INTERVAL, JITTER = 2, 3
@@ -57,14 +53,13 @@ class Shot(PacedDaemon):
     def __init__(self, gateway, mirror, **pace):
         self.gateway = gateway
         self.mirror = mirror
-        self.path = gateway.config_path
-        self.before = scan(gateway.folder)
+        self.before = scan(gateway.config_path.parent)  # with the configuration
         super().__init__(gateway, gates=False, **pace)
 
     def predicted(self, lines):
         """The events of a run in which the flag is found raised once there are so many lines, and the disk after it."""
         model = model_of(self.gateway.folder, self.mirror, self.before, Pace(self.process.pid, EPOCH))
-        model.loop(self.path, configuration(self.gateway.settings), lines=lines)
+        model.loop(self.gateway.settings, lines=lines)
         return (*BEGINNING, *model.disk.lines, "close"), model.disk
 
     def expect_clean_stop(self, events):
@@ -174,68 +169,3 @@ def test_storm_of_signals_all_through_a_cycle_lets_it_end(outdated, model_mirror
         events = until(daemon, "time ") + storm(daemon, 1_000_000, asleep=False)
         assert daemon.expect_clean_stop(events) == "in a cycle"
     assert sum(event.startswith("signal ") for event in events) > 1
-
-
-class HoldingServer:
-    """Serves a mirror's files over TLS, and holds the archive's transfer at one point until it is let on."""
-
-    def __init__(self, mirror, certificate, point):
-        self.mirror = mirror
-        self.point = point
-        self.held, self.go_on = threading.Event(), threading.Event()
-        self.context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        self.context.load_cert_chain(certificate)
-        self.listener = socket.create_server(("127.0.0.1", 0))
-        self.url = f"https://localhost:{self.listener.getsockname()[1]}"
-        self.thread = threading.Thread(target=self._serve)
-
-    def __enter__(self):
-        self.thread.start()
-        return self
-
-    def __exit__(self, *_):
-        self.go_on.set()
-        self.thread.join(timeout=60)
-        self.listener.close()
-
-    def _serve(self):
-        """Three requests, each with a connection of its own: hit, complete-info, archive."""
-        for number in range(3):
-            connection, _ = self.listener.accept()
-            with connection:
-                self._hold(number == 2 and self.point == "handshake")
-                with self.context.wrap_socket(connection, server_side=True) as tls:
-                    self._answer(tls, number == 2)
-
-    def _answer(self, tls, archive):
-        request = tls.recv(65536).decode()
-        body = self.mirror.path(request.split()[1].rpartition("/")[2]).read_bytes()
-        self._hold(archive and self.point == "answer")
-        tls.sendall(f"HTTP/1.1 200 OK\r\nContent-Length: {len(body)}\r\nConnection: close\r\n\r\n".encode())
-        tls.sendall(body[: len(body) // 2])
-        self._hold(archive and self.point == "body")
-        tls.sendall(body[len(body) // 2 :])
-
-    def _hold(self, condition):
-        if condition:
-            self.held.set()
-            assert self.go_on.wait(timeout=60)
-
-
-@pytest.mark.parametrize("point", ["handshake", "answer", "body"])
-def test_storm_of_signals_does_not_break_a_transfer(outdated, model_mirror, nginx, point):
-    with HoldingServer(model_mirror.mirror, nginx.folder / "good.pem", point) as server:
-        outdated.settings["mirror_base_url"] = model_mirror.url = server.url
-        with Shot(outdated, model_mirror) as daemon:
-            assert server.held.wait(timeout=60)
-            events = storm(daemon, 300)
-            server.go_on.set()
-            events += daemon.rest()
-            assert daemon.expect_clean_stop(events) == "in a cycle"
-    assert sum(event.startswith("signal ") for event in events) == 300
-
-
-def test_interrupted_system_calls_of_a_transfer_are_repeated(outdated):
-    injection = "inject=poll:error=EINTR:when=1..20"
-    prefix = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", injection]
-    assert outdated.run_once(prefix=prefix) == published("1001", "1000")

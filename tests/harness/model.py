@@ -1,7 +1,7 @@
-"""A model of the daemon: what one run of it makes of a disk, a mirror and a configuration, step by step.
+"""A model of the daemon: what one run of it makes of a disk, a mirror and its settings, step by step.
 
 It shares nothing with the daemon but what both are meant to do. Where the daemon's libraries have a say (the texts of
-their errors, what a broken archive yields), the mirror's model knows it."""
+their errors, what an archive yields), the mirror's model knows it."""
 
 import collections
 import hashlib
@@ -9,7 +9,7 @@ import re
 import time
 
 from gateway import SETTINGS, STARTED, STOPPED
-from model_disk import Broken, Disk, Link, scan
+from model_disk import Disk, Link, scan
 from outcomes import published, status_text
 from release import definition_names
 
@@ -17,28 +17,10 @@ BLANKS = " \t\n\v\f\r"
 NOW = "the time of the check"  # stands in the status file where the real one has a number
 ABORTED = -6
 TOO_MANY_LINKS = "filesystem error: status: Too many levels of symbolic links [{}]"  # libstdc++'s words
-STDIO_BUFFER = 4096  # bytes; a download that fits in fails only when the file is closed, which is not looked at
 
 
 class Uncaught(Exception):
     """What the standard library throws in the daemon; the text is its what()."""
-
-
-def stoul(text):
-    number = re.match(rf"[{BLANKS}]*([+-]?)([0-9]+)", text)
-    if not number or int(number[2]) >= 1 << 64:
-        raise Uncaught("stoul")
-    return int(number[1] + number[2]) % (1 << 64)
-
-
-def parse_configuration(text):
-    config = dict(SETTINGS)
-    for line in (line.strip(BLANKS) for line in text.split("\n")):
-        key, equals, value = (part.strip(BLANKS) for part in line.partition("="))
-        if line.startswith("#") or not equals or key not in config:
-            continue
-        config[key] = stoul(value) % (1 << 32) if isinstance(config[key], int) else value
-    return config
 
 
 def ini_pairs(text):
@@ -80,7 +62,7 @@ class Pace:
 
 
 class Daemon:
-    """One process of the daemon. Reads and changes the disk, whose history and log show what it did on the way.
+    """One process of the daemon. Reads and changes the disk and its log.
 
     times has the last change of each directory before the run, in nanoseconds; the real outcome decides among
     snapshots of equal age only: touched says whether a key differs from before."""
@@ -91,19 +73,12 @@ class Daemon:
         self.times = dict(times)
         self.touched = touched
         self.pace = pace
-        self.slice = pace.SLICE if pace else "nanosleep 1 0 same"  # a second of a wait, in the words of the shims
         self.seen = collections.Counter()
         self.failures = 0
 
-    def start(self, path, text):
-        """The entry and the constructors, with the configuration's path and text; false when the process has ended."""
-        try:
-            self.config = dict(SETTINGS) if text is None else parse_configuration(text)
-        except Uncaught:
-            self.seen["aborted by a malformed number"] += 1
-            return False
-        if text is None:
-            self.disk.log(f"warning could not read config {path}; using defaults")
+    def start(self, settings):
+        """The entry and the constructors."""
+        self.config = {key: type(value)(settings.get(key, value)) for key, value in SETTINGS.items()}
         if not self.config["mirror_base_url"]:
             self.disk.log("warning config: mirror_base_url is not set (the updater will idle, performing no checks)")
         elif not self.config["flavor"]:
@@ -112,38 +87,30 @@ class Daemon:
         self.root = self.config["def_root"]
         self.disk.make_directories(f"{self.root}/snapshots")
         self.disk.make_directories(self.config["status_path"].rpartition("/")[0])
-        return True
 
-    def once(self, path, text):
+    def once(self, settings):
         """A run with --once; its exit status."""
+        self.start(settings)
         try:
-            if not self.start(path, text):
-                return ABORTED
             self.cycle()
         except Uncaught:
             return ABORTED
         return 0
 
-    def loop(self, path, text, **end):
-        """A run of the loop to its exit status. SIGTERM comes after so many cycles, slices of waits or lines."""
-        if not self.start(path, text):
-            return ABORTED
+    def loop(self, settings, **end):
+        """A run of the loop. SIGTERM comes after so many cycles or lines."""
+        self.start(settings)
         self.begin_loop()
         while not self.stopped(end):
             self.check(end)
         self.disk.log(STOPPED)
-        return 0
 
     def begin_loop(self):
         self.disk.log(STARTED.format(self.config["poll_interval_s"], self.config["poll_jitter_s"]))
 
     def stopped(self, end):
         """Whether one of the numbers is reached."""
-        past = {
-            "lines": len(self.disk.lines),
-            "slices": self.disk.lines.count(self.slice),
-            "cycles": self.seen["cycles"],
-        }
+        past = {"lines": len(self.disk.lines), "cycles": self.seen["cycles"]}
         return any(past[kind] >= number for kind, number in end.items())
 
     def check(self, end={}):
@@ -156,15 +123,13 @@ class Daemon:
             self.disk.log(f"err run_once exception: {exception}")
             wait >>= min(self.failures, 3)
             self.failures += 1
-        assert self.pace or limit <= 1, "more would depend on the time and the process id"
         if self.pace and limit:
             wait += self.pace.jitter(self.read_clock(), limit)
         for _ in range(wait):
             if self.stopped(end):
                 break
-            self.disk.log(self.slice)
-            if self.pace:
-                self.pace.now += 1
+            self.disk.log(Pace.SLICE)
+            self.pace.now += 1
 
     def read_clock(self):
         if not self.pace:
@@ -243,15 +208,11 @@ class Daemon:
             self.seen["part not created"] += 1
             return False
         body, error = self.mirror.answer(self.url(name))
-        if not error:
-            self.disk.write(part, body)
-            if self.disk.read(part) != body and len(body) >= STDIO_BUFFER:
-                error = "Failed writing received data to disk/application"
-                self.seen["disk full in the download"] += 1
         if error:
             self.disk.log(f"err download_cab {self.url(name)}: {error}")
             self.disk.unlink(part)
             return False
+        self.disk.write(part, body)
         renamed = self.disk.rename(part, path)
         self.seen["part not renamed"] += not renamed
         return renamed
@@ -297,8 +258,6 @@ class Daemon:
         written = []
         for entry in archive.entries:
             place = f"{stage}/{entry.name.rpartition('/')[2]}"
-            if not entry.name.rpartition("/")[2]:
-                continue  # the staging directory itself, which is there
             if self.disk.find(place, follow=False) is not None and not self.disk.remove(place):
                 self.seen["entry in whose way a directory is"] += 1
                 return False
@@ -306,14 +265,11 @@ class Daemon:
                 self.disk.symlink(entry.content.decode(), place)
                 continue
             self.disk.truncate(place)
-            self.disk.write(place, Broken(entry.content) if entry.broken else entry.content)
-            if entry.broken:
-                return False
+            self.disk.write(place, entry.content)
             written.append(place)
         for place in written:
             if self.disk.read(place) is None:  # a link that leads nowhere has taken its place
                 self.disk.log(f"warning fsync: open {place} failed")
-                self.seen["file to flush that is gone"] += 1
         return True
 
     # The store

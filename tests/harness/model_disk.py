@@ -1,12 +1,10 @@
-"""A tree in memory: directories, files and links, the calls that the daemon makes of its file system, and every state
-that the tree goes through meanwhile, so that a run that was killed can be found among them."""
+"""A tree in memory: directories, files and links, and the calls that the daemon makes of its file system."""
 
 import dataclasses
 import operator
 import os
 
 DIRECTORY = "a directory"
-BLOCK = 4096  # bytes; what a tmpfs gives out at once
 HOPS = 40  # links that Linux follows in one path
 
 
@@ -15,41 +13,8 @@ class Link:
     target: str
 
 
-@dataclasses.dataclass(frozen=True)
-class Broken:
-    """A file of which only the first bytes could be unpacked; libarchive may make up its size with zeros."""
-
-    content: bytes
-
-    def allows(self, real):
-        kept = len(os.path.commonprefix([self.content, real]))
-        return not real[kept:].strip(b"\0") and len(real) in (kept, len(self.content))
-
-
 class _Loop(Exception):
     """A path that leads through too many links."""
-
-
-@dataclasses.dataclass
-class State:
-    """The tree and the log at one moment, or while something goes on that has no order to rely on."""
-
-    nodes: dict
-    lines: list
-    written: str = ""  # this file may hold only the first bytes of its content
-    removed: frozenset = frozenset()  # some of these may be gone
-
-    def allows(self, nodes, lines, same):
-        return lines == self.lines and all(self._allows(key, nodes.get(key), same) for key in nodes | self.nodes)
-
-    def _allows(self, key, real, same):
-        node = self.nodes.get(key)
-        begun = key == self.written and isinstance(real, bytes) and isinstance(node, bytes) and node.startswith(real)
-        return same(node, real) or begun or (real is None and key in self.removed)
-
-
-def blocks(node):
-    return -(-len(node) // BLOCK) if isinstance(node, bytes) else 0
 
 
 def scan(folder):
@@ -86,13 +51,10 @@ class Disk:
         self.folder = str(folder)
         self.nodes = {"": DIRECTORY}
         self.lines = []
-        self.history = []
-        self.free = None
 
-    def begin(self, nodes, free=None):
-        """Starts a run on these nodes, with so many blocks free; None is plenty."""
-        self.nodes, self.lines, self.history, self.free = dict(nodes), [], [], free
-        self._remember()
+    def begin(self, nodes):
+        """Starts a run on these nodes."""
+        self.nodes, self.lines = dict(nodes), []
 
     def expect_real(self):
         """Requires that the real directory is like this one."""
@@ -101,7 +63,6 @@ class Disk:
 
     def log(self, line):
         self.lines.append(line)
-        self._remember()
 
     def resolve(self, path, follow=True):
         """The key that a path leads to, where nothing may be yet; None when there is no way to it."""
@@ -164,7 +125,7 @@ class Disk:
                 key = self.resolve(path[:end], follow=False)
                 if key is None or key in self.nodes:
                     return
-                self._put(key, DIRECTORY)
+                self.nodes[key] = DIRECTORY
 
     def truncate(self, path):
         """Creates or empties a file, through links; false when it cannot be opened for writing."""
@@ -173,15 +134,11 @@ class Disk:
             return False
         if self.nodes.get(os.path.dirname(key)) is not DIRECTORY:
             return False
-        self._put(key, b"")
+        self.nodes[key] = b""
         return True
 
     def write(self, path, content):
-        """Writes into an empty file, as much as there is room for."""
-        key = self.resolve(path)
-        if self.free is not None:
-            content = content[: self.free * BLOCK]
-        self._put(key, content, written=key)
+        self.nodes[self.resolve(path)] = content
 
     def unlink(self, path):
         key = self.resolve(path, follow=False)
@@ -212,7 +169,7 @@ class Disk:
         key = self.resolve(path, follow=False)
         if key is None or key in self.nodes:
             return False
-        self._put(key, Link(target))
+        self.nodes[key] = Link(target)
         return True
 
     def rename(self, old, new):
@@ -221,7 +178,7 @@ class Disk:
         if self.nodes.get(destination) is DIRECTORY:
             return False
         node = self.nodes.pop(source)
-        self._put(destination, node)
+        self.nodes[destination] = node
         return True
 
     @staticmethod
@@ -231,19 +188,6 @@ class Disk:
     def _below(self, key):
         return {other for other in self.nodes if other == key or other.startswith(key + "/")}
 
-    def _put(self, key, node, written=""):
-        if self.free is not None:
-            self.free += blocks(self.nodes.get(key)) - blocks(node)
-        self.nodes[key] = node
-        self._remember(written=written)
-
     def _drop(self, keys):
-        self._remember(removed=frozenset(keys))
         for key in keys:
-            node = self.nodes.pop(key)
-            if self.free is not None:
-                self.free += blocks(node)
-        self._remember()
-
-    def _remember(self, **activity):
-        self.history.append(State(dict(self.nodes), list(self.lines), **activity))
+            del self.nodes[key]

@@ -73,13 +73,12 @@ def zip_central(entry, offset):
     return header + entry.name + f["central_extra"]
 
 
-def zip_bytes(entries, prefix=b"", offsets=None):
-    """A ZIP of these entries; offsets replace the places where the central directory says they begin."""
+def zip_bytes(entries, prefix=b""):
     places = [len(prefix)]
     for entry in entries:
         places.append(places[-1] + len(zip_local(entry)))
     body = prefix + b"".join(map(zip_local, entries))
-    central = b"".join(map(zip_central, entries, offsets or places))
+    central = b"".join(map(zip_central, entries, places))
     return body + central + struct.pack("<4s4H2IH", b"PK\5\6", 0, 0, *[len(entries)] * 2, len(central), len(body), 0)
 
 
@@ -92,29 +91,24 @@ def cab_checksum(data, start=0):
     return result ^ int.from_bytes(data[whole:], "big")
 
 
-def cab_data(data, size=None, checksum=True, reserve=b""):
+def cab_data(data, size=None, checksum=True):
     """One CFDATA block, whose content is size bytes once unpacked."""
     sizes = struct.pack("<HH", len(data), len(data) if size is None else size)
-    total = cab_checksum(sizes + reserve, cab_checksum(data)) if checksum else 0
-    return struct.pack("<I", total) + sizes + reserve + data
+    total = cab_checksum(sizes, cab_checksum(data)) if checksum else 0
+    return struct.pack("<I", total) + sizes + data
 
 
-def cab_file(name, size, offset, folder=0, attributes=0x20):
-    name = name if isinstance(name, bytes) else name.encode()
-    return struct.pack("<IIHHHH", size, offset, folder, 0x5921, 0, attributes) + name + b"\0"
-
-
-def cab_bytes(entries, blocks=None, method=0, flags=0, extra=b"", reserves=(b"", b""), checksum=True, folders=1):
+def cab_bytes(entries, blocks=None, method=0, flags=0, extra=b"", checksum=True):
     """A CAB of one folder. Blocks (the CFDATA) default to one with all contents, stored. The extra bytes stand behind
-    the header, as flags say; reserves are those of the folder and of the data block."""
+    the header, as flags say."""
     data = b"".join(entry.content for entry in entries)
-    blocks = [cab_data(data, checksum=checksum, reserve=reserves[1])] if blocks is None else blocks
+    blocks = [cab_data(data, checksum=checksum)] if blocks is None else blocks
     files, offset = b"", 0
     for entry in entries:
-        files += cab_file(entry.name, len(entry.content), offset)
+        files += struct.pack("<IIHHHH", len(entry.content), offset, 0, 0x5921, 0, 0x20) + entry.name + b"\0"
         offset += len(entry.content)
-    first_file = 36 + len(extra) + 8 + len(reserves[0])
+    first_file = 36 + len(extra) + 8
     data_start = first_file + len(files)
     header = struct.pack("<4sIIIIIBB", b"MSCF", 0, data_start + sum(map(len, blocks)), 0, first_file, 0, 3, 1)
-    header += struct.pack("<HHHHH", folders, len(entries), flags, 0, 0) + extra
-    return header + struct.pack("<IHH", data_start, len(blocks), method) + reserves[0] + files + b"".join(blocks)
+    header += struct.pack("<HHHHH", 1, len(entries), flags, 0, 0) + extra
+    return header + struct.pack("<IHH", data_start, len(blocks), method) + files + b"".join(blocks)

@@ -27,12 +27,6 @@ def chunk(data):
     return b"%x\r\n%s\r\n" % (len(data), data)
 
 
-def chunked(body, size=50):
-    """A whole answer in chunks."""
-    pieces = [body[start : start + size] for start in range(0, len(body), size)]
-    return head("200 OK", "Transfer-Encoding: chunked") + b"".join(map(chunk, pieces)) + chunk(b"")
-
-
 def finish(connection):
     """Ends the connection in order: TLS says so before TCP does."""
     if isinstance(connection.socket, ssl.SSLSocket):
@@ -61,16 +55,6 @@ def stall(connection):
 def receive(connection):
     """Takes what the client has sent, and does nothing with it."""
     connection.socket.recv(65536)
-
-
-def drip(data):
-    """Sends the data a byte at a time."""
-
-    def step(connection):
-        for byte in data:
-            connection.socket.sendall(bytes((byte,)))
-
-    return step
 
 
 def flood(data, interval_s=0):
@@ -132,7 +116,6 @@ class ScriptedServer:
         self.context = context
         self.script = {}  # file name: steps, or a function of no arguments that returns them
         self.opening = None  # steps in the place of the TLS handshake; the connection ends with them
-        self.greeting = []  # steps between the handshake and the first request
         self.requests = []  # the head of every request, as lines
         self.connections = 0
         self.mistakes = []  # exceptions that no connection explains: the test itself is wrong
@@ -144,9 +127,9 @@ class ScriptedServer:
         self._threads = [threading.Thread(target=self._accept)]
         self._threads[0].start()
 
-    def base(self, host="127.0.0.1", scheme=None):
+    def base(self, host="127.0.0.1"):
         """What the files' URLs begin with."""
-        return f"{scheme or ('https' if self.context else 'http')}://{host}:{self.port}/{SUBDIR}"
+        return f"{'https' if self.context else 'http'}://{host}:{self.port}/{SUBDIR}"
 
     def targets(self):
         """The requested files, in order; forgets them."""
@@ -204,7 +187,6 @@ class ScriptedServer:
             self._open.discard(connection.socket)  # its descriptor goes over to the TLS socket
             connection.socket = self.context.wrap_socket(connection.socket, server_side=True)
             self._open.add(connection.socket)
-        connection.play(self.greeting)
         while (target := connection.request()) is not None:
             steps = self.script.get(target.removeprefix(f"/{SUBDIR}/"), [reply(b"", "404 Not Found")])
             connection.play(steps() if callable(steps) else steps)

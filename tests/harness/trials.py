@@ -81,7 +81,7 @@ class Trial:
 
     def mend(self):
         """The mirror and the settings as they should be."""
-        self.server.script, self.server.opening, self.server.greeting = self.new.script, None, []
+        self.server.script, self.server.opening = self.new.script, None
         self.server.context = self.context
         self.server.requests.clear()
         self.gateway.settings = dict(self.settings)
@@ -185,14 +185,8 @@ class Trial:
     # Many checks of one process
 
     def check_all(self, cases):
-        """Tries the cases one after another, then heals.
-
-        One looping daemon meets all of them, since starting one takes longer than a check; with --all each case has a
-        process of its own besides."""
-        cases = list(cases)
+        """One looping daemon meets the cases one after another, since starting one takes longer than a check."""
         self.loop_through([case] for case in cases)
-        for case in cases if self.thorough else ():
-            self.check(case)
         self.heal()
 
     def loop_through(self, cases):

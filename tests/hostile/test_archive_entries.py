@@ -4,8 +4,6 @@ Each case says what libarchive makes of such an archive, by what the daemon then
 to refuse it, or the snapshot that goes into service. Beside the definitions root lies a directory that no archive may
 touch. Each snapshot is pruned again when a good release goes into service after it."""
 
-import base64
-import bz2
 import dataclasses
 import gzip
 import lzma
@@ -15,7 +13,7 @@ import struct
 
 import pytest
 from outcomes import published
-from raw_archives import LINK, REGULAR, Entry, cab_bytes, cab_data, cab_file, deflated, release, zip_bytes
+from raw_archives import LINK, REGULAR, Entry, cab_bytes, cab_data, release, zip_bytes
 from release import Release, definition_names
 from scripted_server import reply
 from trials import NEW, OLD
@@ -115,24 +113,15 @@ def test_index_of_a_special_type_checks_nothing(trial, special):
     check(trial, *(([changed(0, mode=mode)[0], *definitions], TAMPERED) for mode in [*special, LINK]))
 
 
-def test_other_entry_of_any_type_is_swept(trial, special):
-    modes = [*special, stat.S_IFIFO, stat.S_IFREG | 0o7777]
-    check(trial, *((new(first=[Entry("other", b"some", mode)]), snapshot()) for mode in modes))
-
-
 # Directories: libarchive gives their names a trailing slash, so that their last component is empty.
 
 
-@pytest.mark.parametrize("mode", [0o700, 0o1777, pytest.param(0, marks=as_root)], ids=oct)
+@pytest.mark.parametrize("mode", [0o1777, pytest.param(0, marks=as_root)], ids=oct)
 def test_directory_gives_its_mode_to_the_staging_directory_alone(trial, mode):
     mode |= stat.S_IFDIR
     names = (FIRST, "sub", "sub/", "..", "../", ".", "/", "a/..")
     staged = snapshot(**{".": (f"{mode:o}", None)})
     check(trial, *((new(first=[Entry(name, b"", mode)]), staged) for name in names))
-
-
-def test_directory_in_place_of_a_definition_is_a_missing_one(trial):
-    check(trial, (changed(1, content=b"", mode=stat.S_IFDIR | 0o755), MISSING))
 
 
 # Links are made as the archive has them.
@@ -194,18 +183,13 @@ def test_archive_that_lies_elsewhere_may_have_it_replaced(trial, beside):
 NAMES = (
     b"/beside/kept",
     b"../../../beside/kept",
-    b"a/" * 2000 + b"x",
     b"..\\..\\x",
-    b"C:\\x",
     b"\xff\xfe",
-    b"x" * 255,
     b"new\nline",
     bytes(range(1, 32)),
-    b"release.archive",
     b"release.archive.part",
     FIRST.upper().encode(),
     b"sub/" + FIRST.encode(),
-    b"sub\\x" + FIRST.encode(),
     b"antivir-v3.def",
 )
 PACKERS = [(zip_bytes, snapshot()), (cab_bytes, IN_CAB)]
@@ -228,12 +212,6 @@ def test_last_of_several_entries_of_one_name_counts(trial, pack, good):
         (pack(new(WRONG_INDEX)), MISMATCH),
         (pack(new(first=[WRONG_INDEX])), good),
     )
-
-
-def test_name_that_no_file_can_have_is_refused(trial):
-    long = [new(Entry(b"x" * length, b"some")) for length in (256, 5000)]
-    links = [new(first=[link("x", target)]) for target in ("", "x" * 4096)]
-    check(trial, *((archive, EXTRACT) for archive in (*long, *map(cab_bytes, long), *links)))
 
 
 UTF_8 = {"flags": 0x800}
@@ -260,23 +238,6 @@ def test_entries_behind_a_warning_are_not_there(trial):
 # Shapes: what stands around the entries.
 
 
-def with_folder(number, entry):
-    """A CAB whose given entry says that it lies in another folder."""
-    entries, listed, offset = new(), b"", 0
-    for i, e in enumerate(entries):
-        listed += cab_file(e.name, len(e.content), offset, number if i == entry else 0)
-        offset += len(e.content)
-    return cab_bytes(entries)[:44] + listed + cab_data(b"".join(e.content for e in entries))
-
-
-def with_size(size):
-    """A CAB that gives its last file another size than its content has."""
-    whole = bytearray(cab_bytes(new()))
-    place = whole.index(SECOND.encode()) - 16
-    whole[place : place + 4] = struct.pack("<I", size)
-    return bytes(whole)
-
-
 def zip64(size, packed_size):
     """A leading entry whose sizes stand in a ZIP64 field, as they are given."""
     extra = struct.pack("<HHQQ", 1, 16, size, packed_size)
@@ -284,76 +245,40 @@ def zip64(size, packed_size):
     return new(first=[Entry("x", b"x", fields=fields)])
 
 
-def packed(compress, method):
-    return [Entry(e.name, e.content, packed=compress(e.content), fields={"method": method}) for e in new()]
-
-
-def uuencoded(data):
-    lines = b"".join(base64.binascii.b2a_uu(data[i : i + 45]) for i in range(0, len(data), 45))
-    return b"begin 644 x\n" + lines + b"`\nend\n"
-
-
 CAB, ZIP = cab_bytes(new()), zip_bytes(new())
-MANY = new(*(Entry(f"f{i}", b"x") for i in range(3000)))
 STREAMED = snapshot(mode="100664")  # without the modes, which stand at a ZIP's end
-RESERVES = {"flags": 4, "extra": struct.pack("<HBB", 5, 3, 2) + b"abcde", "reserves": (b"fff", b"dd")}
 SHAPES_TAKEN = {
-    "cab_with_reserved_areas": (cab_bytes(new(), **RESERVES), IN_CAB),
     "cab_behind_a_program": (b"MZ" + b"x" * 70_000 + CAB, IN_CAB),
     "cab_before_a_zip": (CAB + zip_bytes(release("other")), IN_CAB),
-    "cab_with_a_tail": (CAB + b"tail", IN_CAB),
     "cab_of_read_only_files": (CAB.replace(b"\x21Y\0\0\x20\0", b"\x21Y\0\0\x21\0"), snapshot(mode="100555")),
-    "cab_in_gzip": (gzip.compress(CAB), IN_CAB),
     "cab_in_gzip_twice": (gzip.compress(gzip.compress(CAB)), IN_CAB),
-    "cab_in_bzip2": (bz2.compress(CAB), IN_CAB),
     "cab_in_xz": (lzma.compress(CAB), IN_CAB),
-    "cab_in_lzma": (lzma.compress(CAB, format=lzma.FORMAT_ALONE), IN_CAB),
-    "cab_uuencoded": (uuencoded(CAB), IN_CAB),
     "zip_in_gzip": (gzip.compress(ZIP), STREAMED),
     "zip_behind_a_program": (zip_bytes(new(), prefix=b"x" * 140_000), snapshot()),
     "zip_with_a_tail": (ZIP + b"tail", snapshot()),
-    "zip_with_a_long_tail": (ZIP + b"x" * 70_000, STREAMED),
-    "zip_of_bzip2": (packed(bz2.compress, 12), snapshot()),
-    "zip_of_xz": (packed(lzma.compress, 95), snapshot()),
-    "many_entries_in_a_zip": (zip_bytes(MANY), snapshot()),
-    "many_entries_in_a_cab": (cab_bytes(MANY), IN_CAB),
 }
-OTHER_METHODS = (1, 2, 6, 9, 10, 12, 14, 18, 19, 93, 95, 96, 97, 98, 99, 65535)  # of plain content, which fits none
+CANNOT_OPEN = "err extract: cannot open {}: Unrecognized archive format"
 SHAPES_REFUSED = {
+    "nothing": (b"", EXTRACT, CANNOT_OPEN),
+    "zeros": (bytes(100_000), EXTRACT, CANNOT_OPEN),
+    "cab_behind_text": (b"x" * 100 + CAB, EXTRACT, CANNOT_OPEN),
+    "cab_far_behind_a_program": (b"MZ" + b"x" * 140_000 + CAB, EXTRACT, CANNOT_OPEN),
     "zip_without_entries": (zip_bytes([]), MISSING),
     "cab_without_files": (cab_bytes([]), MISSING),
-    "cab_without_folders": (cab_bytes([], folders=0), MISSING),
     "cab_after_another_volume": (cab_bytes(new(), flags=1, extra=b"former.cab\0disk\0"), MISSING),
     "cab_before_another_volume": (cab_bytes(new(), flags=2, extra=b"next.cab\0disk\0"), MISSING),
-    "cab_file_from_another_volume": (with_folder(0xFFFD, 1), MISSING),
-    "cab_file_into_another_volume": (with_folder(0xFFFE, 2), EXTRACT),
-    "cab_file_through_volumes": (with_folder(0xFFFF, 1), MISSING),
-    "cab_file_of_no_folder": (with_folder(7, 2), MISSING),
     "cab_of_quantum": (cab_bytes(new(), method=2 | 0x0400), EXTRACT),
     "cab_of_no_mszip": (cab_bytes(new(), method=1), EXTRACT),
-    "cab_of_no_lzx": (cab_bytes(new(), method=3 | 15 << 8), EXTRACT),
     "cab_of_no_method": (cab_bytes(new(), method=15), EXTRACT),
-    "cab_file_of_4_gb": (with_size(2**32 - 1), MISSING),
-    "cab_file_of_2_gb": (with_size(2**31 - 1), MISSING),
     "cab_block_of_nothing": (cab_bytes(new(), [cab_data(b"x" * 300, 0)]), EXTRACT),
-    "cab_block_too_large": (cab_bytes(new(), [cab_data(b"x" * 40_000)]), EXTRACT),
     "zip64_entry_of_an_exabyte": (zip64(2**60, 1), EXTRACT),
-    "zip64_entry_packed_to_an_exabyte": (zip64(2**60, 2**60), EXTRACT),
     "zip64_entry_of_a_negative_size": (zip64(2**63, 2**63), MISSING),
     "zip_file_of_4_gb": (changed(1, fields={"size": 2**32 - 2}), EXTRACT),
     "zip_file_longer_than_its_size": (changed(1, fields={"size": 3}), EXTRACT),
-    "zip_entries_that_are_one": (zip_bytes(new(), offsets=[0, 0, 0]), MISSING),
-    "zip_entries_beyond_the_end": (zip_bytes(new(), offsets=[0, 10**6, 2**32 - 2]), MISSING),
     "zip_encrypted": (changed(1, fields={"flags": 1}), EXTRACT),
     "zip_other_file_encrypted": (new(Entry("x", b"x" * 12, fields={"flags": 1})), EXTRACT),
-    **{f"zip_of_method_{method}": (changed(1, fields={"method": method}), EXTRACT) for method in OTHER_METHODS},
-}
-NO_ARCHIVES = {
-    "nothing": b"",
-    "zeros": bytes(100_000),
-    "cab_behind_text": b"x" * 100 + CAB,
-    "cab_far_behind_a_program": b"MZ" + b"x" * 140_000 + CAB,
-    "gzip_of_nothing": gzip.compress(b""),
+    "zip_of_an_unknown_method": (changed(1, fields={"method": 2}), EXTRACT),
+    "zip_of_no_deflate64": (changed(1, fields={"method": 9}), EXTRACT),
 }
 
 
@@ -362,16 +287,8 @@ def test_shape_is_taken(trial):
 
 
 def test_shape_is_refused(trial):
-    trial.check_all(trial.archive_case(*shape, name=name) for name, shape in SHAPES_REFUSED.items())
-
-
-def test_what_is_no_archive_cannot_be_opened(trial):
-    line = f"err extract: cannot open {trial.gateway.root}/snapshots/{NEW}/{{}}: Unrecognized archive format"
+    stage = trial.gateway.root / "snapshots" / NEW
     trial.check_all(
-        trial.archive_case(content, EXTRACT, line.format(name), name=name) for name, content in NO_ARCHIVES.items()
+        trial.archive_case(archive, error, *(line.format(stage / name) for line in lines), name=name)
+        for name, (archive, error, *lines) in SHAPES_REFUSED.items()
     )
-
-
-def test_bomb_is_unpacked_and_swept(trial):
-    """An entry that unpacks to a thousand times its size."""
-    check(trial, (new(first=[deflated("bomb", bytes((200 if trial.thorough else 20) << 20))]), snapshot()))

@@ -4,7 +4,8 @@ import signal
 
 import pytest
 from gateway import SANITIZED, STARTED, STOPPED
-from scripted_server import flood, head, reply
+from release import HIT
+from scripted_server import flood, head
 from trials import NEW, SNAPSHOTS, without
 
 # Address space that a check needs many times less of, and that a flood fills within a fraction of a second.
@@ -13,10 +14,9 @@ FILE_SIZE = ["prlimit", f"--fsize={1 << 20}", "--core=0"]
 unlimited_address_space = pytest.mark.skipif(SANITIZED, reason="a sanitizer needs terabytes of address space")
 
 
-@pytest.fixture(params=["hit", "info"])
-def endless_ini(request, trial):
-    trial.server.script[trial.name(request.param)] = [head(), flood(b"x" * 100_000)]
-    return request.param
+@pytest.fixture
+def endless_ini(trial):
+    trial.server.script[HIT] = [head(), flood(b"x" * 100_000)]
 
 
 @pytest.fixture
@@ -59,14 +59,13 @@ def test_endless_ini_under_a_limit_of_memory_ends_one_check(trial, endless_ini):
 def test_endless_ini_under_a_limit_of_memory_spoils_the_loop(trial, endless_ini):
     """The loop goes on, but the exception went through libcurl, whose handle takes no transfer from then on."""
     trial.gateway.settings.update(poll_interval_s=1, poll_jitter_s=0)
-    name = trial.name(endless_ini)
-    answers = iter([trial.server.script[name]])
-    trial.server.script[name] = lambda: next(answers, [reply(trial.content(endless_ini))])  # good again at once
+    answers = iter([trial.server.script[HIT]])
+    trial.server.script[HIT] = lambda: next(answers, trial.new.script[HIT])  # good again at once
     process = trial.gateway.run("--config", trial.gateway.config_path, prefix=MEMORY, calls=True, ZQU_SLEEPS="3")
     assert process.returncode == 0
     lines = [line for line in trial.gateway.take_log() if line.startswith(("err ", "info "))]
     failed = trial.case("hit", [], "Failed initialization")
     assert lines == [STARTED.format(1, 0), "err run_once exception: std::bad_alloc", *failed.lines * 2, STOPPED]
-    assert trial.server.targets()[-1] == name
+    assert trial.server.targets() == [HIT]
     assert trial.tree() == trial.before
     trial.heal()

@@ -59,8 +59,7 @@ def cannot_create(trial, place):
 
 # What such an id asks for ends where the rest is for the client.
 ASKED = {"10#02": {"info": "antivir-v2-c-10"}}
-PLAIN_IDS = ["active", "active.tmp", "snapshots", "10@02", "10:02", "10+02", "10%2f02", "10%02", "%s%n%d", "10#02"]
-PLAIN_IDS += ["10?02", "...", "-rf", "~", "$(id)", "10;02", "[Current]", "a=b", "x" * 237, "größe€", 'a"b\\c']
+PLAIN_IDS = ("active", "10%2f02", "%s%n%d", "10#02", "10?02", "...", "-rf", "$(id)", "[Current]", "größe€", 'a"b\\c')
 
 
 def test_odd_id_that_is_a_file_name_is_a_release_like_any_other(trial):
@@ -88,14 +87,7 @@ def test_id_with_blanks_or_control_characters_makes_no_url(trial):
     )
 
 
-def test_id_too_long_for_the_disk_is_refused(trial):
-    trial.check_all(
-        trial.unstaged(announced(trial, version), *cannot_create(trial, f"{version}/{trial.new.archive_name}.part"))
-        for version in ("x" * 256, "x" * 5000)
-    )
-
-
-@pytest.mark.parametrize("version", ["a/b", "./b", "a/../b", "/b", "a/./b", "../../../outside"])
+@pytest.mark.parametrize("version", ["a/b", "a/../b", "../../../outside"])
 def test_id_with_slashes_lands_elsewhere_and_is_never_current(trial, unpruned, version):
     """Only the last component is read back: each check installs the same release again, where it is in service."""
     script, last = announced(trial, version), posixpath.basename(version)
@@ -128,7 +120,7 @@ def test_id_that_climbs_out_removes_what_it_names_if_it_fails(trial, precious):
 
 
 # Ids that name the snapshot in service, or all of them, without being equal to its id.
-@pytest.mark.parametrize("version", ["./1001", "1001/", "/1001", "x/../1001", "../snapshots/1001", ".", ".."])
+@pytest.mark.parametrize("version", ["./1001", "1001/", "x/../1001", ".", ".."])
 def test_id_that_names_the_snapshot_in_service_may_destroy_it(trial, unpruned, version):
     """It does when the download fails."""
     script = announced(trial, version, answer=NOT_FOUND)
@@ -147,22 +139,9 @@ def test_id_with_a_nul_destroys_the_snapshot_of_its_beginning(trial):
     expect_healed(trial, tree)
 
 
-def test_archive_name_that_is_no_file_name_is_refused(trial):
-    cases = [(announced(trial, name="../x.cab", answer=NOT_FOUND), not_found(trial, "../x.cab"))]
-    for name in ("folder/x.cab", "/x/y.cab", "./folder/../x.cab", "x.cab/", "x" * 251):
-        cases.append((announced(trial, name=name), cannot_create(trial, f"{NEW}/{name}.part")))
-    # It is moved to where the staging directory is, without a word of its own.
-    for name, request in ((".", ""), ("..", "/")):
-        cases.append((announced(trial, name=name, cab=request), ["download CAB"]))
-    # The file that came out of it is removed as if it were the archive.
-    for name in definition_names():
-        cases.append((announced(trial, name=name), [f"CAB missing {name}"]))
-    trial.check_all(trial.unstaged(script, *outcome) for script, outcome in cases)
-
-
 def test_odd_archive_name_is_accepted(trial):
     asked = {"#1": "", "x.cab\0y": "x.cab"}
-    names = ["x" * 250, "10@02.cab", "ü.cab", "%41.cab", 'a"b\\c', "-rf", "x.cab.part", *asked]
+    names = ["x" * 250, "ü.cab", "%41.cab", "-rf", "x.cab.part", *asked]
     trial.check_all(
         trial.published(announced(trial, name=name, cab=asked.get(name, request_for(name)))) for name in names
     )
