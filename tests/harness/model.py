@@ -23,24 +23,10 @@ class Uncaught(Exception):
     """What the standard library throws in the daemon; the text is its what()."""
 
 
-def ini_pairs(text):
-    for line in (line.strip(BLANKS) for line in text.split("\n")):
-        if line and line[0] not in ";#[" and "=" in line:
-            key, _, value = line.partition("=")
-            yield key.strip(BLANKS), value.strip(BLANKS)
-
-
-def ini_lookup(text, wanted):
-    return next((value for key, value in ini_pairs(text) if key.lower() == wanted.lower()), "")
-
-
-def definition_index(text):
-    index = {}
-    for key, value in ini_pairs(text):
-        name = key[: -len(".sha256")]
-        if key.lower().endswith(".sha256") and name.lower().endswith(".def"):
-            index[name] = value.lower()
-    return index
+def ini(text):
+    """The values of an INI without a key that stands twice."""
+    pairs = (line.partition("=") for line in text.split("\n"))
+    return {key.strip(BLANKS): value.strip(BLANKS) for key, equals, value in pairs if equals}
 
 
 def decode(data):
@@ -185,7 +171,7 @@ class Daemon:
         text = self.get(f"antivir-{self.config['flavor']}-hit.ini")
         if text is None:
             return None
-        defid = ini_lookup(text, "defId")
+        defid = ini(text).get("defId")
         if not defid:
             self.disk.log("err parse_hit_defid: no [Current] defId")
         return defid
@@ -195,7 +181,7 @@ class Daemon:
         text = self.get(f"antivir-{self.config['flavor']}-c-{defid}.ini")
         if text is None:
             return None
-        info = ini_lookup(text, "def.Current.name"), ini_lookup(text, "def.Current.SHA256")
+        info = [ini(text)[f"def.Current.{key}"] for key in ("name", "SHA256")]
         if not all(info):
             self.disk.log("err parse_complete_info: missing def.Current.name/SHA256")
             return None
@@ -229,20 +215,21 @@ class Daemon:
         if not self.extract(path, stage):
             return "CAB extract"
         self.disk.remove(path)
-        index = definition_index(decode(self.disk.read(f"{stage}/antivir-{self.config['flavor']}.ini") or b""))
+        index = ini(decode(self.disk.read(f"{stage}/antivir-{self.config['flavor']}.ini") or b""))
         for name in self.files:
             if self.missing(f"{stage}/{name}"):
                 return f"CAB missing {name}"
-            if name in index and not self.matches(f"{stage}/{name}", index[name]):
+            digest = index.get(f"{name}.sha256")
+            if digest and not self.matches(f"{stage}/{name}", digest):
                 return f"sha256 mismatch {name}"
-        self.seen["published without a digest"] += not index.keys() >= set(self.files)
+        self.seen["published without a digest"] += len(index) < 2
         self.disk.remove_entries(stage, [name for name in self.disk.children(stage) if name not in self.files])
         self.seen["left a directory in a snapshot"] += len(self.disk.children(stage)) > 2
         return ""
 
     def matches(self, path, digest):
         content = self.disk.read(path)
-        return content is not None and hashlib.sha256(content).hexdigest() == digest.lower()
+        return content is not None and hashlib.sha256(content).hexdigest() == digest
 
     def missing(self, path):
         if self.disk.loops(path):
