@@ -73,12 +73,7 @@ def test_page_is_clean_for_both_programs_that_show_it(page):
         text=True,
     )
     assert process.stderr == ""
-
-
-@pytest.mark.parametrize("page", PAGES, ids=lambda page: page.name)
-def test_page_refers_to_pages_that_exist(page):
-    ours = set(re.findall(r"^\.Xr (z\S+) \d", page.read_text(), re.MULTILINE))
-    assert ours <= NAMES
+    assert set(re.findall(r"^\.Xr (z\S+) \d", page.read_text(), re.MULTILINE)) <= NAMES
 
 
 def test_each_program_and_the_configuration_have_their_page():

@@ -6,8 +6,6 @@ The programs come from the directory that ZQU_BUILD_DIR names, by default "build
 import hashlib
 import os
 import re
-import resource
-import signal
 import stat
 import subprocess
 import zipfile
@@ -18,7 +16,7 @@ from gateway import Gateway
 from mirror_tool import DOTS_RULE, NAME_RULE, SUBDIR, WORK, cab, change_info, noise, run
 from outcomes import published
 from release import HIT, info_name, sha256
-from tools import Stopped, under_strace
+from tools import under_strace
 
 CAB_CAPACITY = 65535 * 32768
 FORMATS = {"cab": [], "zip": ["--zip"]}
@@ -109,7 +107,7 @@ def test_same_input_gives_the_same_archive(own, extension):
 @pytest.mark.parametrize("extension", FORMATS)
 def test_definition_file_of_any_size_comes_through(own, extension):
     own.aivsecon.write_bytes(b"")
-    for size in (0, 1, 32767, 32768, 32769, 65536):  # a block of a CAB holds 32768 bytes
+    for size in (0, 32768, 32769):  # a block of a CAB holds 32768 bytes
         own.antivir.write_bytes(noise(size, "size"))
         assert own.publish(f"{size}", *FORMATS[extension])[0] == 0
         expect_clean(own, size, extension)
@@ -179,21 +177,16 @@ def test_progress_is_shown_on_a_terminal_and_cleared(own):
 REFUSED_NAMES = {
     "--id": {
         DOTS_RULE: ["", ".", ".."],
-        NAME_RULE: [
-            *("a/b", "/", "../x", "a\nb", "a\n", " a", "a ", "a b", "\ta", "a\x01", "a\x7f", "a#b", "a?b", "a%41"),
-            *("a=b", "a\\b", 'a"b', "a<b", "a[1]", "a{b}", "a|b", "a^b", "a`b", "\u00e9"),
-        ],
+        NAME_RULE: ["a/b", "a b", "a\n", "a%41", "a=b", "a\\b", "a\x7f", "\u00e9"],
     },
-    "--flavor": {DOTS_RULE: ["", ".."], NAME_RULE: ["a/b", "a b", "a=b", "a\n"]},
-    "--subdir": {DOTS_RULE: ["..", "a/../b", "a/..", "./a"], NAME_RULE: ["a b", "a%2fb"]},
+    "--flavor": {DOTS_RULE: [""], NAME_RULE: ["a/b"]},
+    "--subdir": {DOTS_RULE: ["..", "a/../b", "./a"], NAME_RULE: ["a b"]},
 }
 
 
-@pytest.mark.parametrize("populated", [False, True], ids=["empty", "populated"])
 @pytest.mark.parametrize("option", REFUSED_NAMES)
-def test_name_that_clients_could_not_fetch_is_refused(own, option, populated):
-    if populated:
-        own.publish_small("old")
+def test_name_that_clients_could_not_fetch_is_refused(own, option):
+    own.publish_small("old")
     for rule, values in REFUSED_NAMES[option].items():
         for value in values:
             words = ["publish", option, value, *(["--id", "1"] if option != "--id" else [])]
@@ -213,17 +206,15 @@ def name_no_file(own):
     own.aivsecon = own.base / "a\nb"
 
 
-def replace_first_by(make):
-    return lambda own: (own.antivir.unlink(), make(own.antivir))
-
-
 def take_archive_name(own):
     own.path(cab("old")).rename(own.path(cab("new")))
     change_info(own, "old", name=cab("new"))
 
 
-def damage_new(damage):
-    return lambda own: (own.publish("new"), damage(own.path(cab("new"))), own.publish_small("old"))
+def damage_new(own):
+    own.publish("new")
+    append(own.path(cab("new")))
+    own.publish_small("old")
 
 
 def make_too_large(own):
@@ -234,20 +225,14 @@ def make_too_large(own):
 
 # How the inputs or the mirror with the release "old" look, and what then is said of a publish.
 REFUSED = {
-    "missing": (lambda own: own.aivsecon.unlink(), "cannot open {base}/second input: No such file or directory"),
     "line break in a path": (name_no_file, "cannot open {base}/a\\x0Ab: No such file or directory"),
-    "directory": (replace_first_by(Path.mkdir), "{base}/first input is not a regular file"),
-    "fifo": (replace_first_by(os.mkfifo), "{base}/first input is not a regular file"),
+    "fifo": (lambda own: (own.antivir.unlink(), os.mkfifo(own.antivir)), "{base}/first input is not a regular file"),
     "archive name taken": (
         take_archive_name,
         f"{cab('new')} is on the mirror, and {info_name('old')} names it: take a new id",
     ),
     "damaged": (
-        damage_new(lambda path: os.truncate(path, path.stat().st_size - 1)),
-        "new is on the mirror, but its INI file and its archive do not match",
-    ),
-    "archive gone": (
-        damage_new(Path.unlink),
+        damage_new,
         "new is on the mirror, but its INI file and its archive do not match",
     ),
     "other content": (
@@ -274,17 +259,10 @@ def test_publish_is_refused_and_the_mirror_is_untouched(own, case):
         assert own.publish("new", "--zip")[0] == 0
 
 
-@pytest.mark.parametrize(
-    "call, error, line",
-    [
-        ("openat", "EACCES", "cannot open {}: Permission denied"),
-        ("read", "EIO", "cannot read {}: Input/output error"),
-    ],
-)
-def test_unreadable_file_is_refused(own, call, error, line):
+def test_unreadable_file_is_refused(own):
     own.publish_small("old")
-    prefix = ["strace", "-D", "-o", "/dev/null", "-P", own.aivsecon, "-e", f"inject={call}:error={error}:when=1"]
-    line = line.format(own.aivsecon)
+    prefix = ["strace", "-D", "-o", "/dev/null", "-P", own.aivsecon, "-e", "inject=read:error=EIO:when=1"]
+    line = f"cannot read {own.aivsecon}: Input/output error"
     own.expect_refused(line, *own.publishing("new"), prefix=prefix, env=under_strace())
 
 
@@ -322,7 +300,6 @@ CHANGES = {
     "grown": append,
     "replaced": replace,
     "removed": Path.unlink,
-    "cut short": lambda path: os.truncate(path, 5),
     "rewritten, its time put back": rewrite_in_secret,
 }
 
@@ -337,39 +314,6 @@ def test_file_that_changes_while_it_is_read_is_refused(own, case):
         line = "the archive does not hold what was read" if in_secret else f"{own.antivir} changed while it was read"
         assert stopped.finish() == (1, "", f"zqu-mirror: {line}\n")
     assert own.seen() == before
-
-
-# ---- No room ----
-
-
-def without_zip_leaks(own):
-    """The environment of a publish that may fail to write a ZIP: libarchive then frees neither its zlib stream nor its
-    block buffer. What these refer to, such as the writer, goes unseen too: the publishes that succeed look for that."""
-    suppressions = own.base / "suppressions"
-    suppressions.write_text("leak:deflateInit2_\nleak:archive_write_open2\n")
-    options = f"{os.environ.get('LSAN_OPTIONS', '')}:suppressions={suppressions}:print_suppressions=0"
-    whole_stacks = os.environ.get("ASAN_OPTIONS", "") + ":fast_unwind_on_malloc=0"  # libarchive has no frame pointers
-    return {**os.environ, "LSAN_OPTIONS": options, "ASAN_OPTIONS": whole_stacks}
-
-
-@pytest.mark.parametrize("extension", FORMATS)
-def test_file_size_limit_leaves_the_mirror_untouched(own, extension):
-    """Each failure is one line and leaves no trace; a limit that is wide enough is no failure."""
-    own.publish_small("old")
-    environment = without_zip_leaks(own) if extension == "zip" else None
-    before = own.seen()
-    failed = 0
-    for limit in [0, 1, 20, 35, 100, 200, *range(4096, 100000, 4096)]:
-        limited = {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))}
-        code, out, err = own.publish("new", *FORMATS[extension], env=environment, **limited)
-        if code == 0:
-            break
-        assert (code, out) == (1, "")
-        assert re.fullmatch(r"zqu-mirror: [^\n]*File too large[^\n]*\n", err)
-        assert own.seen() == before
-        failed += 1
-    assert (code, failed > 10) == (0, True)
-    expect_clean(own, "new", extension)
 
 
 # ---- Checking ----
@@ -393,24 +337,14 @@ def other_name(name, shown, reason):
 
 
 UNCHECKED = "warning  {} has no digest in the index: clients take it unchecked"
-DROPPED = "warning  {} is in the archive too: clients drop it"
 GET = "GET file://{{}}/{}: Couldn't read a file:// file"
 NOT_THE_DIGEST = "FAULT    {} does not have the digest that the index gives"
 ONLY_SECOND = f"{SECOND}.sha256 = {sha256(b'two')}\n".encode()
-CONTROLS = "\u009b\u202e"
-SHOWN = "\\xC2\\x9B\\xE2\\x80\\xAE"
 # How a mirror is made by hand, and which lines of the clean report others replace: from, to, the others.
 CHECKS = {
     "nothing": ({}, 7, 7, []),
     "other id": ({"defId": "8"}, 2, 2, ["warning  def.Current.defId is another id: 8"]),
     "other size": ({"size": "5"}, 3, 3, ["warning  def.Current.size is another size: 5"]),
-    "no size": ({"size": None}, 3, 3, ["warning  def.Current.size is another size: 0"]),
-    "more entries": ({"entries": {"b": b"", "sub/a": b""}}, 7, 7, [DROPPED.format(name) for name in "ab"]),
-    "id with controls": (
-        {"defId": f"8\x07{CONTROLS}"},
-        *(2, 2, [f"warning  def.Current.defId is another id: 8\\x07{SHOWN}"]),
-    ),
-    "entry with controls": ({"entries": {"a\x1b[2J\nok": b""}}, 7, 7, [DROPPED.format("a\\x1B[2J\\x0Aok")]),
     "one digest": (
         {"entries": {INDEX: ONLY_SECOND, SECOND: b"two"}},
         *(5, 6, [UNCHECKED.format(FIRST)]),
@@ -419,16 +353,12 @@ CHECKS = {
     "no id": ({"hit": "[Current]\n"}, 0, 7, [f"FAULT    {HIT} names no release"]),
     "no info": other_id("9", "9", GET.format(info_name(9))),
     "no name": ({"name": None}, 1, 7, [f"FAULT    {info_name(7)} names no archive or no digest"]),
-    "no digest": ({"SHA256": ""}, 1, 7, [f"FAULT    {info_name(7)} names no archive or no digest"]),
     "no archive": other_name("y.zip", "y.zip", GET.format("y.zip")),
     "name a path": other_name("../y.zip", "../y.zip", "the archive's name is a path: ../y.zip"),
     "id makes no URL": other_id("7\x1b[2J\rok", "7\\x1B[2J\\x0Dok", "the id makes no URL: 7\\x1B[2J\\x0Dok"),
     "id with delete": other_id("7\x7f7", "7\\x7F7", "the id makes no URL: 7\\x7F7"),
     "id a path": other_id("a/b", "a/b", "the id is a path: a/b"),
-    "name with NUL": other_name("x.zip\0end", "x.zip\\x00end", "the archive's name makes no URL: x.zip\\x00end"),
-    "name with controls": other_name(f"x{CONTROLS}.zip", f"x{SHOWN}.zip", GET.format(f"x{SHOWN}.zip")),
     "other digest": ({"SHA256": "00"}, 3, 7, ["FAULT    x.zip does not have the digest 00"]),
-    "first damaged": ({"entries": {FIRST: b"bad"}}, 5, 6, [NOT_THE_DIGEST.format(FIRST)]),
     "second damaged": ({"entries": {SECOND: b"bad"}}, 6, 7, [NOT_THE_DIGEST.format(SECOND)]),
 }
 
@@ -447,14 +377,6 @@ def test_check_reports_faults_and_warnings(own, temporary, case):
 def test_id_of_dots_is_a_fault_though_its_files_are_there(own, id):
     own.make_by_hand(id=id, hit=f"defId = {id}\n")
     assert own.check() == (1, f"ok       {HIT} names {id}\nFAULT    the id is a path: {id}\n", "")
-
-
-def test_signal_ends_a_check_and_its_temporaries(own, temporary):
-    own.make_by_hand()
-    with Stopped([run.path, "check", own.root], own.path("x.zip"), env={**under_strace(), **temporary}) as stopped:
-        assert len(os.listdir(temporary["TMPDIR"])) == 1
-        code, _, err = stopped.finish(signal.SIGTERM)
-    assert (code, err) == (128 + signal.SIGTERM, "zqu-mirror: ended by signal: Terminated\n")
 
 
 def test_mirror_behind_https_is_checked_with_its_authority(own, nginx, mirror, temporary):

@@ -8,8 +8,8 @@ import pytest
 from gateway import Gateway
 from mirror_tool import DOTS_RULE, NAME_RULE, SUBDIR, WORK, change_info, run
 from outcomes import published, tree
-from release import HIT, good_files, index_of, info_name, sha256
-from scripted_server import ScriptedServer, stall
+from release import HIT, good_files, info_name, sha256
+from scripted_server import stall
 from tools import AS_ROOT
 
 HIT_RULE = 'must not be "hit" or end in -hit'
@@ -43,21 +43,16 @@ def archives_asked(copy, count):
 
 
 def test_copy_is_the_upstreams_to_the_byte(copy):
+    """And the next release follows, while the former one stays."""
     copy.upstream.publish("1001")
     assert copy.run(umask=0o077) == done(copy, "1001")
     expect_files(copy, "1001")
-    code, out, err = copy.check()
-    assert (code, err) == (0, "")
-    assert out.startswith(f"ok       {HIT} names 1001\nok       {info_name('1001')} names {cab('1001')}\n")
-
-
-def test_next_release_follows_and_the_former_one_stays(copy):
-    for id in ("1001", "1002"):
-        copy.upstream.publish(id)
-        assert copy.run() == done(copy, id)
+    copy.upstream.publish("1002")
+    assert copy.run() == done(copy, "1002")
     expect_files(copy, "1001", "1002")
     times = [copy.path(name).stat().st_mtime_ns for name in (info_name("1001"), HIT)]
     assert times[0] == times[1]  # as prune expects
+    assert copy.check()[::2] == (0, "")
 
 
 def test_nothing_new_changes_nothing_and_asks_twice(copy):
@@ -67,11 +62,6 @@ def test_nothing_new_changes_nothing_and_asks_twice(copy):
     assert copy.run() == (0, "nothing new: 1001 is current\n", "")
     assert copy.seen() == before
     assert copy.nginx.requests(copy.upstream.subdir, 5) == [*asked, f"{cab('1001')} 200", *asked]
-
-
-def test_ini_that_only_looks_different_is_nothing_new(copy):
-    copy.follow("1001")
-    before = copy.seen()
     copy.upstream.write(info_name("1001"), copy.upstream.path(info_name("1001")).read_text() + "; a remark\n")
     assert copy.run() == (0, "nothing new: 1001 is current\n", "")
     assert copy.seen() == before
@@ -132,13 +122,6 @@ def change(**values):
     return lambda copy: change_info(copy.upstream, "1002", **values)
 
 
-def change_archive(damage):
-    def make(copy):
-        copy.upstream.write(cab("1002"), damage(copy.upstream.path(cab("1002")).read_bytes()))
-
-    return make
-
-
 def damage_definition(copy):
     copy.upstream.publish("1002", [*dict(good_files("1002"), **{"aivsecon-v2.def": b"other"}).items()])
 
@@ -153,17 +136,13 @@ NO_DIGEST = f"{UPSTREAM} {cab('1002')} does not have the digest {{digest}}"
 LONG = "x" * (255 - len(".cab.part")) + "y.cab"
 REFUSED_IDS = {
     "../9": f"it {NAME_RULE}",
-    "/etc/x": f"it {NAME_RULE}",
     "..": f"it {DOTS_RULE}",
-    "a%2fb": f"it {NAME_RULE}",
     "hit": f"it {HIT_RULE}",
     "9-hit": f"it {HIT_RULE}",
     "x" * 300: "it is too long for a file name",
 }
 REFUSED_ARCHIVES = {
     "../x.cab": NAME_RULE,
-    "sub/x.cab": NAME_RULE,
-    "a b.cab": NAME_RULE,
     "..": DOTS_RULE,
     WORK: "must not begin with a dot",
     HIT: "must not end in .ini",
@@ -177,8 +156,7 @@ TAMPERED = {
     "no name": (change(name=""), f"{info_name('1002')} names no archive or no digest"),
     "no digest": (change(SHA256=""), f"{info_name('1002')} names no archive or no digest"),
     "archive missing": (change(name="gone.cab"), GET_ERROR.format("gone.cab")),
-    "archive damaged": (change_archive(lambda data: data[:-1] + bytes([data[-1] ^ 1])), NO_DIGEST),
-    "archive cut": (change_archive(lambda data: data[:-1]), NO_DIGEST),
+    "archive damaged": (lambda copy: copy.upstream.write(cab("1002"), b"damaged"), NO_DIGEST),
     "definition damaged": (
         damage_definition,
         f"{UPSTREAM} archive is refused: aivsecon-v2.def does not have the digest that the index gives",
@@ -193,22 +171,13 @@ TAMPERED = {
 
 @pytest.mark.parametrize("fault", TAMPERED)
 def test_what_a_client_would_refuse_leaves_the_mirror_untouched(copy, fault):
-    """On a mirror that is empty yet, and on one with a release."""
     make, line = TAMPERED[fault]
-    populated = copy.copied_to(copy.base / "populated")
-    populated.follow("1001")
+    copy.follow("1001")
     copy.upstream.publish("1002")
     digest = sha256(copy.upstream.path(cab("1002")).read_bytes())
     make(copy)
     line = line.format(digest=digest, url=f"{copy.nginx.url()}/{copy.upstream.subdir}")
     copy.expect_refused(line, *copy.words())
-    populated.expect_refused(line, *populated.words())
-
-
-def test_index_that_names_one_file_is_accepted_as_by_the_daemon(copy):
-    entries = good_files("1001")
-    copy.upstream.publish("1001", [entries[0], entries[1], index_of([entries[0]])])
-    assert copy.run() == done(copy, "1001")
 
 
 OTHER_CONTENT = "1001 is on the mirror with other content: an id never gets other content"
@@ -238,8 +207,7 @@ def follow_and_take_name(copy):
 
 # What is here does not fit to what the upstream says.
 CONFLICTS = {
-    "id here and current": (publish_here, OTHER_CONTENT),
-    "id here": (lambda copy: (publish_here(copy), copy.publish_small("old")), OTHER_CONTENT),
+    "id here": (publish_here, OTHER_CONTENT),
     "id gets other content": (follow_and_change, OTHER_CONTENT),
     "id here damaged": (follow_and_damage, "1001 is on the mirror, but its INI file and its archive do not match"),
     "archive name taken": (
@@ -279,7 +247,7 @@ def test_what_a_killed_run_has_left_without_modes_is_removed(copy):
         assert (done.returncode, done.stderr, copy.path(WORK).exists()) == (0, b"", False)
 
 
-@pytest.mark.parametrize("certificate", ["wrong_host", "expired", "unknown_authority"])
+@pytest.mark.parametrize("certificate", ["wrong_host", "unknown_authority"])
 def test_upstream_that_cannot_prove_who_it_is_is_refused(copy, certificate):
     copy.upstream.publish("1001")
     url = copy.nginx.url(certificate)
@@ -288,19 +256,13 @@ def test_upstream_that_cannot_prove_who_it_is_is_refused(copy, certificate):
     copy.expect_refused(f"GET {url}/{copy.upstream.subdir}/{HIT}: {reason}", *words)
 
 
-def test_upstream_that_falls_silent_is_given_up(copy, authority, scripted_context):
-    authority.cert_pem.write_to_path(copy.base / "ca.pem")
-    server = ScriptedServer(scripted_context)
-    try:
-        server.script = {HIT: [stall]}
-        words = ["mirror", "--ca", copy.base / "ca.pem", "--timeout", "1", "--subdir", "defs"]
-        line = f"GET {server.base()}/{HIT}: Timeout was reached"
-        copy.expect_refused(line, *words, server.base().removesuffix("/defs"), copy.root)
-    finally:
-        server.stop()
+def test_upstream_that_falls_silent_is_given_up(copy, scripted):
+    scripted.server.script = {HIT: [stall]}
+    words = ["mirror", "--ca", scripted.ca_path, "--timeout", "1", "--subdir", "defs", scripted.url, copy.root]
+    copy.expect_refused(f"GET {scripted.url}/defs/{HIT}: Timeout was reached", *words)
 
 
-@pytest.mark.parametrize("url", ["http://mirror.example", "/srv/mirror", "", "ftp://mirror.example"])
+@pytest.mark.parametrize("url", ["http://mirror.example", "/srv/mirror"])
 def test_upstream_that_proves_nothing_is_a_usage_error(copy, url):
     line = "UPSTREAM: must be an https or a file URL (see zqu-mirror --help)"
     copy.expect_refused(line, "mirror", url, copy.root, code=2)

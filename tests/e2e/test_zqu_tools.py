@@ -8,7 +8,7 @@ from tools import Tool
 
 VERSION = re.search(r"project\(\S+ VERSION (\S+)", (REPOSITORY / "CMakeLists.txt").read_text())[1]
 DURATION = "{} is no duration, such as 90, 15m, 4h or 2d"
-# Command lines, with what is said of them. None stands for words that CLI11 chooses.
+# Command lines, with what is said of them.
 REFUSED = {
     "zqu-mirror": "A subcommand is required",
     "zqu-mirror publish m a b": "--id is required",
@@ -20,16 +20,12 @@ REFUSED = {
     "zqu-config check a b": "The following argument was not expected: b",
     "zqu-status --warn-age x": "--warn-age: " + DURATION.format("x"),
     "zqu-status --crit-age 5w": "--crit-age: " + DURATION.format("5w"),
-    "zqu-status --warn-check -5": "--warn-check: " + DURATION.format("-5"),
+    "zqu-status --warn-check 5mm": "--warn-check: " + DURATION.format("5mm"),
     "zqu-status --crit-check 12345678901": "--crit-check: " + DURATION.format("12345678901"),
-    "zqu-status --warn-age 5mm": "--warn-age: " + DURATION.format("5mm"),
     "zqu-status --json --nagios": "--json excludes --nagios",
     "zqu-status --nagios --prometheus": "--nagios excludes --prometheus",
     "zqu-status --json --prometheus": "--json excludes --prometheus",
-    "zqu-status --warn-age=": None,
-    "zqu-status --config": None,
-    "zqu-status --frobnicate": None,
-    "zqu-status word": None,
+    "zqu-status word": "The following argument was not expected: word",
 }
 
 
@@ -38,8 +34,7 @@ def test_wrong_command_line_is_refused(line):
     name, *words = line.split()
     code, out, err = Tool(name)(*words)
     assert (code, out) == (3 if name == "zqu-status" else 2, "")
-    said = ".*" if REFUSED[line] is None else re.escape(REFUSED[line])
-    assert re.fullmatch(rf"{name}: {said} \(see {name} --help\)\n", err)
+    assert err == f"{name}: {REFUSED[line]} (see {name} --help)\n"
 
 
 # The commands of each tool, what its help says of the exit status, and the end when output is lost.
@@ -76,40 +71,30 @@ FILES = "a file|other file|the directory"
 # Words up to the cursor, separated by bars; what bash offers for the last of them, likewise or by blanks.
 COMPLETIONS = {
     "zqu-mirror|": "publish mirror prune check",
-    "zqu-mirror|p": "publish prune",
-    "zqu-mirror|m": "mirror",
     "zqu-mirror|-": "--help --version",
     "zqu-mirror|publish|-": COMMON + "--id --zip",
     "zqu-mirror|mirror|-": COMMON + "--upstream-subdir --ca --timeout",
     "zqu-mirror|prune|-": COMMON + "--keep --older-than --grace --dry-run",
     "zqu-mirror|check|-": COMMON + "--ca",
-    "zqu-mirror|prune|--dry-run|--k": "--keep",
     "zqu-mirror|publish|--id|": "",
     "zqu-mirror|prune|--older-than|30": "30s 30m 30h 30d 30w",
-    "zqu-mirror|prune|--older-than|": "",
     "zqu-mirror|prune|--grace|=|2": "2s 2m 2h 2d 2w",
     "zqu-mirror|prune|t": "the directory|",
     "zqu-mirror|publish|": FILES,
     "zqu-mirror|mirror|--ca|": FILES,
-    "zqu-mirror|check|--ca|=": FILES,
     "zqu-mirror|check|--ca|=|a f": "a file|",
-    "zqu-mirror|check|--flavor|v": "",
     "zqu-config|": "check show --help --version",
-    "zqu-config|s": "show",
     "zqu-config|check|--": "--user --online --timeout --json --quiet --help",
     "zqu-config|show|--": "--json --help",
     "zqu-config|check|--user|roo": "root",
     "zqu-config|check|--online|--timeout|": "",
     "zqu-config|check|oth": "other file|",
-    "zqu-config|show|a file|": FILES,
     "zqu-status|--warn-": "--warn-age --warn-check",
-    "zqu-status|--n": "--nagios",
     "zqu-status|--json|--n": "",
     "zqu-status|--json|--o": "--output",
     "zqu-status|--nagios|--": "--help --version --config --output --warn-age --crit-age --warn-check --crit-check",
     "zqu-status|--crit-age|4": "4h 4d",
     "zqu-status|--config|a": "a file|",
-    "zqu-status|--output|x": "",
     "zqu-status|x": "",
 }
 
