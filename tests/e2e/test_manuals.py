@@ -76,14 +76,6 @@ def test_page_is_clean_for_both_programs_that_show_it(page):
     assert set(re.findall(r"^\.Xr (z\S+) \d", page.read_text(), re.MULTILINE)) <= NAMES
 
 
-def test_each_program_and_the_configuration_have_their_page():
-    assert {page.name for page in PAGES} == {
-        "zel_quorin_updater.8",
-        "zel_quorin_updater.conf.5",
-        *(f"{tool}.1" for tool in TOOLS),
-    }
-
-
 def test_page_of_the_daemon_has_its_options_and_its_messages():
     page = REPOSITORY / "docs" / "man" / "zel_quorin_updater.8"
     usage = subprocess.run([DAEMON, "--help"], capture_output=True, text=True, check=True).stdout
