@@ -272,13 +272,6 @@ def test_mirror_that_is_a_file_is_refused(own):
     assert own.root.read_bytes() == b"mine"
 
 
-@pytest.mark.parametrize("root", ["", "https://mirror.example"])
-def test_publishing_to_what_is_no_directory_is_refused(own, root):
-    result = run("publish", "--id", "1", root, own.antivir, own.aivsecon, cwd=own.base)
-    assert result == (2, "", "zqu-mirror: MIRROR: must be a folder (see zqu-mirror --help)\n")
-    assert sorted(os.listdir(own.base)) == ["first input", "second input"]
-
-
 def append(path):
     with path.open("ab") as file:
         file.write(b"more")

@@ -260,9 +260,3 @@ def test_upstream_that_falls_silent_is_given_up(copy, scripted):
     scripted.server.script = {HIT: [stall]}
     words = ["mirror", "--ca", scripted.ca_path, "--timeout", "1", "--subdir", "defs", scripted.url, copy.root]
     copy.expect_refused(f"GET {scripted.url}/defs/{HIT}: Timeout was reached", *words)
-
-
-@pytest.mark.parametrize("url", ["http://mirror.example", "/srv/mirror"])
-def test_upstream_that_proves_nothing_is_a_usage_error(copy, url):
-    line = "UPSTREAM: must be an https or a file URL (see zqu-mirror --help)"
-    copy.expect_refused(line, "mirror", url, copy.root, code=2)

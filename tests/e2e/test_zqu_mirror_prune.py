@@ -4,7 +4,7 @@ import os
 
 import pytest
 from gateway import DAEMON, Gateway
-from mirror_tool import DAY, NAME_RULE, SUBDIR, WORK, cab, run
+from mirror_tool import DAY, NAME_RULE, SUBDIR, WORK, cab
 from outcomes import published
 from release import HIT, info_name
 from tools import Stopped
@@ -255,21 +255,6 @@ def test_ini_that_is_not_understood_ends_it_before_all(own, number):
 def test_missing_directory_is_refused(own):
     line = f"cannot open {own.folder}: No such file or directory"
     own.expect_refused(line, "prune", "--keep", "1", own.root)
-
-
-AGE_RULE = "must be a number and s, m, h, d or w"
-MEANINGLESS = {
-    "--keep 0": "Value 0 not in range 1 to 1000000",
-    **{f"--older-than {age}": AGE_RULE for age in ("30", "d", "-1d")},
-    "--grace 1y": AGE_RULE,
-    "--grace 1000000s": AGE_RULE,
-}
-
-
-@pytest.mark.parametrize("words", MEANINGLESS)
-def test_number_or_age_that_means_nothing_is_a_usage_error(own, words):
-    line = f"{words.split()[0]}: {MEANINGLESS[words]} (see zqu-mirror --help)"
-    assert run("prune", *words.split(), own.root) == (2, "", f"zqu-mirror: {line}\n")
 
 
 # ---- While it runs ----

@@ -1,6 +1,7 @@
 """What all tools of the operators have: help, version, refusals of a wrong command line, and completion."""
 
 import re
+import shlex
 
 import pytest
 from builds import REPOSITORY
@@ -8,11 +9,22 @@ from tools import Tool
 
 VERSION = re.search(r"project\(\S+ VERSION (\S+)", (REPOSITORY / "CMakeLists.txt").read_text())[1]
 DURATION = "{} is no duration, such as 90, 15m, 4h or 2d"
+AGE = "must be a number and s, m, h, d or w"
 # Command lines, with what is said of them.
 REFUSED = {
     "zqu-mirror": "A subcommand is required",
     "zqu-mirror publish m a b": "--id is required",
+    "zqu-mirror publish --id 1 https://mirror.example a b": "MIRROR: must be a folder",
+    "zqu-mirror prune ''": "MIRROR: must be a folder",
+    "zqu-mirror mirror http://mirror.example m": "UPSTREAM: must be an https or a file URL",
+    "zqu-mirror mirror /srv/mirror m": "UPSTREAM: must be an https or a file URL",
     "zqu-mirror check /nonexistent": "MIRROR: must be a folder or an http(s) URL",
+    "zqu-mirror prune --keep 0 m": "--keep: Value 0 not in range 1 to 1000000",
+    "zqu-mirror prune --older-than 30 m": "--older-than: " + AGE,
+    "zqu-mirror prune --older-than d m": "--older-than: " + AGE,
+    "zqu-mirror prune --older-than -1d m": "--older-than: " + AGE,
+    "zqu-mirror prune --grace 1y m": "--grace: " + AGE,
+    "zqu-mirror prune --grace 1000000s m": "--grace: " + AGE,
     "zqu-config": "A subcommand is required",
     "zqu-config check --json --quiet": "--json excludes --quiet",
     "zqu-config check --timeout 5": "--timeout requires --online",
@@ -30,11 +42,12 @@ REFUSED = {
 
 
 @pytest.mark.parametrize("line", REFUSED)
-def test_wrong_command_line_is_refused(line):
-    name, *words = line.split()
-    code, out, err = Tool(name)(*words)
+def test_wrong_command_line_is_refused(tmp_path, line):
+    name, *words = shlex.split(line)
+    code, out, err = Tool(name)(*words, cwd=tmp_path)
     assert (code, out) == (3 if name == "zqu-status" else 2, "")
     assert err == f"{name}: {REFUSED[line]} (see {name} --help)\n"
+    assert list(tmp_path.iterdir()) == []
 
 
 # The commands of each tool, what its help says of the exit status, and the end when output is lost.
