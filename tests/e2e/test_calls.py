@@ -148,14 +148,6 @@ def test_file_of_whole_blocks_is_hashed_without_an_empty_update(gateway, mirror)
     assert only(run(gateway)[1], "EVP_DigestUpdate") == ["EVP_DigestUpdate 65536"] * 2
 
 
-def test_entries_are_written_by_the_last_component(gateway, mirror):
-    mirror.publish("1001", [(f"dir/{name}", content) for name, content in good_files("1001")])
-    stage = f"{gateway.root}/snapshots/1001"
-    assert only(run(gateway)[1], "archive_entry_set_pathname") == [
-        f'archive_entry_set_pathname "{stage}/{name}"' for name, _ in good_files("1001")
-    ]
-
-
 # Every call fails once.
 
 STAGE = f"defs/snapshots/{NEW}"
@@ -348,15 +340,6 @@ def test_refused_digest_matches_no_short_announcement(gateway, mirror, announced
     ini = mirror.path("antivir-v2-c-1001.ini")
     ini.write_text(re.sub("SHA256=.*", f"SHA256={announced}", ini.read_text()))
     assert messages(run(gateway, "EVP_MD_CTX_new:1:0")[1]) == ["err run_once: staging failed: CAB sha256 mismatch"]
-
-
-def test_exception_of_another_type_is_not_caught_by_the_loop(gateway, mirror):
-    mirror.publish("1001")
-    process = gateway.run(
-        "--config", gateway.config_path, calls=True, ZQU_FAULT="curl_easy_perform:1:throw", ZQU_SLEEPS="1"
-    )
-    assert process.returncode == -signal.SIGABRT
-    assert messages(gateway.take_log()) == ["info zel_quorin_updater loop started (interval=900s jitter=120s)"]
 
 
 def test_single_cycle_runs_even_after_a_stop_signal(gateway, mirror):

@@ -25,7 +25,7 @@ from faults import (
 )
 from outcomes import published
 
-ERRORS = ("ENOSPC", "EIO", "EACCES", "EMFILE", "EINTR", "EROFS", "EDQUOT")
+ERRORS = ("ENOSPC", "EIO", "EACCES", "EMFILE", "EINTR", "EROFS", "EDQUOT", "EFBIG")
 # These cannot fail, or for want of memory only, which the tests of allocations see to.
 NEVER_FAIL = {"brk", "mmap", "munmap", "futex", "getpid", "geteuid", "umask", "rt_sigaction", "exit_group"}
 STAGE = f"defs/snapshots/{NEW}"

@@ -18,13 +18,10 @@ def current(gateway, mirror):
     return gateway
 
 
-def test_release_in_service_is_staged_again_where_it_is(current, mirror):
+def test_release_in_service_is_staged_again_and_lost_if_it_fails(current, mirror):
     assert run_with_unreadable_link(current, 1) == published("1001")
     assert current.listing() == snapshot_listing("1001", "1001")
     assert current.active_files() == definitions("1001")
-
-
-def test_release_in_service_is_lost_when_that_fails(current, mirror):
     mirror.path("antivir-v2-1001.cab").unlink()
     assert run_with_unreadable_link(current, 1)[-1] == "err run_once: staging failed: download CAB"
     assert current.listing() == ["active -> snapshots/1001", "snapshots/"]

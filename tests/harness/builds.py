@@ -22,13 +22,6 @@ def copy_sources(target):
     return target
 
 
-def replace_once(path, before, after):
-    """Replaces the only occurrence of a text in a file; that there is just one is part of the promise."""
-    text = path.read_text()
-    assert text.count(before) == 1, f"{path.name} holds {text.count(before)} times: {before}"
-    path.write_text(text.replace(before, after))
-
-
 def configure(source, *options, folder="build"):
     return subprocess.run(["cmake", "-S", source, "-B", source / folder, *options], capture_output=True, text=True)
 

@@ -8,13 +8,11 @@ import socket
 import subprocess
 import textwrap
 import time
-import zipfile
 from datetime import datetime, timedelta
 
-import archives
 import trustme
 from gateway import wait_for
-from release import Release, good_files, hit_ini, info_ini, info_name
+from release import Release, hit_ini, info_ini, info_name
 
 
 class Mirror:
@@ -45,14 +43,6 @@ class Mirror:
         """Publishes a release as a CAB; of these (name, bytes) files if any are given."""
         for name, content in reversed(Release(version, files, flavor=flavor).files.values()):
             self.write(name, content)
-
-    def publish_looping(self, version):
-        """A release whose first definition file is a link to itself, so that its status cannot be told."""
-        link = zipfile.ZipInfo("antivir-v2.def")
-        link.external_attr = 0o120777 << 16
-        link.create_system = 3
-        archives.write_zip(self.path("loop.zip"), [(link, b"antivir-v2.def"), *good_files(version)[1:]])
-        self.announce(version, "loop.zip")
 
 
 class Nginx:

@@ -17,7 +17,7 @@ CANNOT_OPEN = ("Unrecognized archive format",)
 
 def mszip_cab(entries):
     data = b"".join(entry.content for entry in entries)
-    return cab_bytes(entries, [cab_data(archives.COMPRESSIONS["mszip"][1](data, True), len(data))], method=1)
+    return cab_bytes(entries, [cab_data(archives.mszip(data), len(data))], method=1)
 
 
 FORMATS = {

@@ -2,9 +2,8 @@
 // make among themselves), in order and with their values, one line each, to the file that ZQU_CALL_FILE names.
 //
 // ZQU_FAULT=<function>:<n>:<value> makes the n-th call of a function fail: with that errno where the function sets it,
-// with that result where it returns a code, with a null pointer where it returns a pointer. The value "throw" throws an
-// int instead, which no standard library function does; the value "term" raises SIGTERM before the call. Several faults
-// are separated by blanks. ZQU_SLEEPS=<n> makes nanosleep return at once and the n-th one raise SIGTERM.
+// with that result where it returns a code, with a null pointer where it returns a pointer. The value "term" raises
+// SIGTERM before the call. ZQU_SLEEPS=<n> makes nanosleep return at once and the n-th one raise SIGTERM.
 #include <archive.h>
 #include <archive_entry.h>
 #include <curl/curl.h>
@@ -57,9 +56,6 @@ std::optional<int> fault(const std::string& function) {
         const std::string due = function + ":" + std::to_string(number) + ":";
         if (item.compare(0, due.size(), due) == 0) {
             record("fault ", item);
-            if (item.substr(due.size()) == "throw") {
-                throw 42;
-            }
             if (item.substr(due.size()) == "term") {
                 raise(SIGTERM);
                 return std::nullopt;
