@@ -47,14 +47,10 @@ class Disk:
             subprocess.run(["umount", self.mounted_at], check=True)
             self.mounted = False
 
-    def save(self, copy):
+    def copy(self, source, target):
+        """Of the whole file system, or back."""
         self.unmount()
-        subprocess.run(["cp", "--sparse=always", self.image, copy], check=True)
-        self.mount()
-
-    def restore(self, copy):
-        self.unmount()
-        subprocess.run(["cp", "--sparse=always", copy, self.image], check=True)
+        subprocess.run(["cp", "--sparse=always", source, target], check=True)
         self.mount()
 
     def cut_power(self, last_act):
@@ -80,10 +76,10 @@ class SceneOnDisk(Scene):
         super().__init__(gateway, mirror, first=first)
         super().set_back()
         self.saved_image = gateway.folder / "saved image"
-        disk.save(self.saved_image)
+        disk.copy(disk.image, self.saved_image)
 
     def set_back(self):
-        self.disk.restore(self.saved_image)
+        self.disk.copy(self.saved_image, self.disk.image)
         self.gateway.log_path.unlink(missing_ok=True)
 
 

@@ -167,12 +167,8 @@ ZQU_INTERPOSE(sighandler_t, signal, (int number, sighandler_t handler), (number,
 
 namespace {
 
-// Whether open takes a mode; O_TMPFILE shares a bit with O_DIRECTORY.
-bool creates(int flags) {
-    return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
-}
-
-int traced_open(const char* path, int flags, const void* caller) {
+// The mode is passed on even where there is none: the system looks at it only when it creates a file.
+int traced_open(const char* path, int flags, mode_t mode, const void* caller) {
     static const auto real = next<int (*)(const char*, int, ...)>(&open, "open");
     if (in_program(caller)) {
         record("open ", quoted(path), " ", flags);
@@ -181,40 +177,29 @@ int traced_open(const char* path, int flags, const void* caller) {
             return -1;
         }
     }
-    return real(path, flags);
+    return real(path, flags, mode);
 }
 
 }  // namespace
 
+#define ZQU_OPEN(name)                                                      \
+    int name(const char* path, int flags, ...) {                            \
+        std::va_list arguments;                                             \
+        va_start(arguments, flags);                                         \
+        const mode_t mode = va_arg(arguments, mode_t);                      \
+        va_end(arguments);                                                  \
+        return traced_open(path, flags, mode, __builtin_return_address(0)); \
+    }
+
 extern "C" {
 
-int open(const char* path, int flags, ...) {
-    if (creates(flags)) {
-        static const auto real = next<int (*)(const char*, int, ...)>(&open, "open");
-        std::va_list arguments;
-        va_start(arguments, flags);
-        const mode_t mode = va_arg(arguments, mode_t);
-        va_end(arguments);
-        return real(path, flags, mode);
-    }
-    return traced_open(path, flags, __builtin_return_address(0));
-}
-
-int open64(const char* path, int flags, ...) {
-    if (creates(flags)) {
-        std::va_list arguments;
-        va_start(arguments, flags);
-        const mode_t mode = va_arg(arguments, mode_t);
-        va_end(arguments);
-        return open(path, flags, mode);
-    }
-    return traced_open(path, flags, __builtin_return_address(0));
-}
+ZQU_OPEN(open)
+ZQU_OPEN(open64)
 
 // glibc's own entry point for open under _FORTIFY_SOURCE, when the flags are no constant.
 int __open_2(const char* path, int flags);
 int __open_2(const char* path, int flags) {
-    return traced_open(path, flags, __builtin_return_address(0));
+    return traced_open(path, flags, 0, __builtin_return_address(0));
 }
 
 void openlog(const char* ident, int options, int facility) {

@@ -1,5 +1,5 @@
-// Feeds the reader of the complete-info INI through the mirror client, from a mirror of local files, and compares the
-// record that it yields with what the rules of the file give.
+// Feeds the reader of the hit INI and of the complete-info INI through the mirror client, from a mirror of local files,
+// and compares the id and the record that they yield with what the rules of these files give.
 #include <cerrno>
 #include <cstdlib>
 
@@ -18,6 +18,10 @@ long number_in(const std::string& value) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static zqu::fuzz::LocalMirror mirror;
     const std::string text = zqu::fuzz::to_string(data, size);
+    mirror.serve("antivir-v2-hit.ini", text);
+    const std::string defid = zqu::fuzz::first_value(text, "defid");
+    zqu::fuzz::require(mirror.client.fetch_defid() == (defid.empty() ? std::nullopt : std::optional(defid)));
+
     mirror.serve("antivir-v2-c-7.ini", text);
     const auto got = mirror.client.fetch_complete_info("7");
 
