@@ -1,4 +1,4 @@
-// The eleven settings and the text of the status file, as the unit tests and the fuzz targets expect them.
+// The eleven settings and the text of the status file, as the tests expect them.
 #pragma once
 
 #include <map>
