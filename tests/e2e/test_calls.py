@@ -404,7 +404,7 @@ def test_success_is_logged_after_pruning_and_the_status(gateway, mirror):
     )
 
 
-def test_failed_staging_is_logged_then_removed_then_in_the_status(gateway, mirror):
+def test_failed_staging_is_logged_then_removed_then_in_status(gateway, mirror):
     files = good_files("1001")
     files[1] = (files[1][0], b"tampered")
     mirror.publish("1001", files)

@@ -94,7 +94,7 @@ class Nginx:
         self.process.wait(timeout=30)
 
     def reload(self):
-        """Makes the running nginx read its certificates anew; returns once only new workers are left."""
+        """Makes the running nginx read its certificates again; returns once only new workers are left."""
         former = self._workers()
         self.process.send_signal(signal.SIGHUP)
         wait_for(lambda: self._workers() and not self._workers() & former, self.process)
