@@ -158,14 +158,22 @@ class Scene:
 
     def go_through(self, points, check):
         """Checks point after point; returns how many were reached, which are all but for some vague ones."""
-        faults, reached = [], 0
-        for point in points:
-            try:
-                reached += check(point)
-            except (AssertionError, OSError) as fault:
-                faults.append(f"{point}: {fault}")
-        assert not faults, "\n".join(faults)
+        reached = self.try_all(points, check)
         assert len(points) - reached <= sum(point.vague for point in points) / 3
+        return reached
+
+    def try_all(self, cases, check):
+        """Checks case after case and keeps the files of those that fail; returns how many checks returned true."""
+        faults, reached = [], 0
+        for case in cases:
+            try:
+                reached += bool(check(case))
+            except (AssertionError, OSError) as fault:
+                kept = self.gateway.folder / f"failed-{len(faults)}"
+                for folder in filter(os.path.exists, self.folders):
+                    shutil.copytree(folder, kept / folder.name, symlinks=True)
+                faults.append(f"{case}: {fault}\nwhat it left is in {kept}")
+        assert not faults, "\n".join(faults)
         return reached
 
     def in_service(self):

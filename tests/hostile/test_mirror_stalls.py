@@ -3,7 +3,7 @@
 import socket
 
 import pytest
-from scripted_server import cut, finish, flood, head, hello_answer, reset, stall
+from scripted_server import cut, finish, flood, head, hello_answer, receive, reset, stall
 from trials import BROKEN, NOTHING, PARTIAL, REQUESTS, TIMED_OUT
 
 
@@ -19,7 +19,15 @@ def answer_stages(content):
     return {"status_line": b"", "in_status_line": start[:9], "in_head": start[:30], "in_content": start + content[:9]}
 
 
-@pytest.mark.parametrize("request_kind, stage", [("hit", "status_line"), ("archive", "in_content")])
+SHORT_FORM = (("hit", "status_line"), ("info", "in_head"), ("archive", "in_status_line"), ("archive", "in_content"))
+STAGES = [
+    pytest.param(kind, stage, marks=() if (kind, stage) in SHORT_FORM else pytest.mark.long)
+    for kind in REQUESTS
+    for stage in answer_stages(b"")
+]
+
+
+@pytest.mark.parametrize("request_kind, stage", STAGES)
 def test_silence_in_an_answer_ends_with_the_time_out(impatient, request_kind, stage):
     steps = [answer_stages(impatient.content(request_kind))[stage], stall]
     impatient.server.script[impatient.name(request_kind)] = steps
@@ -40,7 +48,11 @@ def test_answer_that_drips_too_long_ends_with_the_time_out(impatient, request_ki
     impatient.refuse(request_kind, TIMED_OUT)
 
 
-@pytest.mark.parametrize("opening", [[stall], [hello_answer(), stall]], ids=["before_hellos", "after_hellos"])
+@pytest.mark.parametrize(
+    "opening",
+    [[stall], [receive, stall], [hello_answer(50), stall], [hello_answer(), stall]],
+    ids=["before_the_hello", "after_the_hello", "in_the_servers_hello", "after_the_servers_hello"],
+)
 def test_silence_in_the_handshake_ends_with_the_time_out(impatient, opening):
     impatient.server.opening = opening
     impatient.refuse("hit", TIMED_OUT)

@@ -1,4 +1,4 @@
-"""Each file cut short at every length, by each way of saying where an answer ends."""
+"""Each file cut short at every length, with and without a length that says so."""
 
 import socket
 import ssl
@@ -50,6 +50,23 @@ def test_hit_ini_cut_to_the_id_in_service_hides_the_new_release(trial):
     trial.server.script[HIT] = [head() + f"defId={OLD}".encode(), cut]
     trial.expect(trial.refused({}, ""))
     trial.heal()
+
+
+@either_end
+def test_cut_complete_info_counts_if_name_and_digest_are_whole(trial, end):
+    text = trial.content("info")
+    digest_end = text.index(b"\ndef.Current.size")
+
+    def case(length):
+        name, digest = (text[:length].partition(key)[2] for key in (b"Current.name=", b"SHA256="))
+        if not name or not digest:
+            found = trial.case("info", [], "unreadable")
+        else:
+            found = trial.case("archive", [], "unreadable" if length < digest_end else "accepted")
+        found.script = {info_name(NEW): [head() + text[:length], end]}
+        return found
+
+    trial.check_all(map(case, range(0, len(text), 1 if trial.thorough else 3)))
 
 
 def test_cut_connection_is_one_that_tls_did_not_end(trial):
