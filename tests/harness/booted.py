@@ -78,6 +78,8 @@ def _hierarchies():
     for line in pathlib.Path("/proc/mounts").read_text().splitlines():
         _, point, kind, options = line.split()[:4]
         names = [name for name in options.split(",") if name in kinds or name.startswith("name=")]
+        if not point.startswith("/sys/"):
+            continue  # seen a second time, by a chroot
         if kind == "cgroup2":
             found.setdefault(pathlib.Path(point), "")
         elif kind == "cgroup" and names:
