@@ -5,7 +5,6 @@ import threading
 import pytest
 from booted_gateway import CONFIG, DAEMON, PROGRAM, RESTART, ROOT, STATUS, TIMER, UNIT, USER
 from pages import blocks
-from release import HIT
 from scripted_server import cut, head, reply, stall
 from trials import NEW, OLD
 
@@ -22,54 +21,39 @@ def expect_both(gateway, service, timer):
     assert (gateway.state(UNIT), gateway.state(TIMER)) == (service, timer)
 
 
-def await_state(gateway, state):
-    gateway.wait_for(lambda: state in (gateway.state(), gateway.show(UNIT, "SubState")))
-
-
-def start_in_vain(gateway, drop_in, state="failed"):
-    """Starts the unit with a configuration that ends the daemon."""
+def fail(gateway, limits, timer=""):
+    """Starts the unit with a configuration that ends the daemon, until it has failed."""
     gateway.put(CONFIG, "http_timeout_s = soon\n")
-    gateway.drop_in(drop_in)
+    gateway.drop_in(timer, unit=TIMER)
+    gateway.drop_in(f"{limits}[Service]\nRestartSec=50ms\n")
     gateway.run("systemctl", "start", UNIT)
-    await_state(gateway, state)
+    gateway.wait_for(lambda: gateway.state() == "failed")
 
 
 def test_malformed_number_fails_the_unit_after_ten_starts(gateway):
-    """And the timer waits."""
-    start_in_vain(gateway, "[Service]\nRestartSec=50ms\n")
+    """And the timer waits, until the unit is stopped."""
+    fail(gateway, "")
     assert gateway.show(UNIT, "Result") == "signal"
     assert sum(line.startswith("  what():  stoul") for line in gateway.take_log()) == 10
     expect_both(gateway, "failed", "active")
     assert gateway.out("systemctl", "--failed", "--plain", "--no-legend").split()[0] == UNIT
-
-
-# The drop-in, and the state that it is in when it is stopped and thereafter.
-STOPPED = {
-    "failed": ("[Unit]\nStartLimitBurst=1\n[Service]\nRestartSec=50ms\n", "failed"),
-    "auto-restart": ("[Service]\nRestartSec=1h\n", "inactive"),
-}
-
-
-@pytest.mark.parametrize("state", STOPPED)
-def test_stop_stops_the_timer_too(gateway, state):
-    drop_in, stopped = STOPPED[state]
-    start_in_vain(gateway, drop_in, state)
     gateway.run("systemctl", "stop", UNIT)
-    expect_both(gateway, stopped, "inactive")
+    expect_both(gateway, "failed", "inactive")
 
 
-@pytest.mark.parametrize("signal", ["KILL", "SEGV", "ABRT"])
-def test_killed_daemon_is_started_again(served, signal):
-    served.drop_in("[Service]\nRestartSec=50ms\n")
-    served.check(f"systemctl kill --signal={signal} {UNIT}")
-    assert served.show(UNIT, "NRestarts") == "1"
-    expect_both(served, "active", "active")
+def test_unit_that_failed_for_good_is_started_by_the_timer(gateway):
+    soon = "[Timer]\nOnUnitInactiveSec=\nOnUnitInactiveSec=2500ms\nAccuracySec=1ms\n"
+    fail(gateway, "[Unit]\nStartLimitIntervalSec=2s\nStartLimitBurst=2\n", soon)
+    gateway.publish(OLD)
+    gateway.configure()
+    gateway.wait_for_status(OLD)
+    expect_both(gateway, "active", "active")
 
 
 def test_daemon_terminated_past_systemd_is_left_to_the_timer(served):
     """It ends well, which is no failure; but nobody stopped the unit."""
     served.run("systemctl", "kill", "--signal=TERM", UNIT)
-    await_state(served, "inactive")
+    served.wait_for(lambda: served.state() == "inactive")
     expect_both(served, "inactive", "active")
 
 
@@ -91,17 +75,6 @@ def begin_download(gateway, end=stall):
     gateway.run("systemctl", "restart", UNIT)
     gateway.wait_for(begun.is_set)
     assert f"snapshots/{NEW}/{release.archive_name}.part" in gateway.listing()
-
-
-def test_stop_in_a_download_kills_and_the_next_start_heals(served):
-    begin_download(served)
-    served.run("systemctl", "stop", UNIT)
-    assert served.show(UNIT, "Result") == "timeout"
-    expect_both(served, "failed", "inactive")
-    new = served.publish(NEW)
-    served.server.requests.clear()
-    served.expect_check(NEW)
-    assert served.server.targets() == [HIT, f"antivir-v2-c-{NEW}.ini", new.archive_name]
 
 
 def test_restarts_count_as_starts_until_the_count_is_reset(served):
@@ -141,24 +114,23 @@ def test_start_takes_over_what_a_check_by_hand_as_root_made(served):
     ]
 
 
-def test_check_by_hand_as_the_services_user_does_no_harm(served):
-    served.run("systemctl", "stop", UNIT)
-    served.publish(NEW)
-    by_hand(served, "runuser", "-u", USER, "--")
-    assert owners(served) == {USER}
-    served.expect_status(NEW)
-
-
-def test_check_by_hand_removes_the_units_staging_directory(served):
-    """Two daemons at once know nothing of each other: the failure of one takes away what the other is filling."""
+def test_download_is_lost_to_a_check_by_hand_and_to_a_stop(served):
+    """Two daemons at once know nothing of each other: the failure of one takes away what the other is filling. The stop
+    ends in a kill, and the next start heals."""
     begin_download(served)
     new = served.publish(NEW)
     served.server.script[new.archive_name] = [reply(b"", "404 Not Found")]
     by_hand(served)
     assert f"snapshots/{NEW}/" not in served.listing()
     served.expect_status(OLD, "download CAB")
+    served.run("systemctl", "stop", UNIT)
+    assert served.show(UNIT, "Result") == "timeout"
+    expect_both(served, "failed", "inactive")
+    served.publish(NEW)
+    served.expect_check(NEW)
 
 
+@pytest.mark.long
 def test_release_that_two_daemons_lost_comes_back_with_a_restart(served):
     """The unit downloads a release that a check by hand puts into service meanwhile. The download fails, and the unit
     removes its staging directory: now the snapshot in service. Later checks take the release for current."""

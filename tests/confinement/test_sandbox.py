@@ -27,6 +27,7 @@ FORBIDDEN = {
     **{f"read /proc/{name}": "ENOENT" for name in ("meminfo", "1/comm")},
     "tasks": "16",
     "open files": "256",
+    "file size": f"{8 << 30}",
     "chmod set-user-id": "EPERM",
     "chown to oneself": "EPERM",
     "mknod": "EPERM",
@@ -36,21 +37,20 @@ FORBIDDEN = {
     "map a file of its own to execute": "EPERM",
     "map memory to write and execute": "EPERM",
     "make memory executable": "EPERM",
-    **{f"socket {family}": "EAFNOSUPPORT" for family in ("netlink", "packet", "alg", "vsock")},
+    **{f"socket {family}": "EAFNOSUPPORT" for family in ("netlink", "packet")},
     "socket inet raw": "EPERM",
     **{f"unshare of {kind}": "EPERM" for kind in ("users", "mounts")},
     **{f"setuid to {user}": "EPERM" for user in ("oneself", "root")},
     "kernel log": "EPERM",
     "signal to init": "EPERM",
     **dict.fromkeys(
-        "mount umount pivot_root chroot ptrace bpf perf_event_open userfaultfd add_key memfd_create setgroups setns "
-        "init_module reboot kexec_load swapon clock_settime sethostname personality open_by_handle_at setpriority "
-        "io_uring_setup".split(),
+        "mount chroot ptrace bpf userfaultfd add_key memfd_create reboot clock_settime sethostname personality "
+        "open_by_handle_at setpriority io_uring_setup".split(),
         "EPERM",
     ),
 }
 NEEDED = {
-    f"write {ROOT}/file": "allowed",
+    "create a file of its own": "allowed",
     "writable mount": ROOT,  # the only one
     "chmod 0666": "allowed",
     "mkfifo": "allowed",
@@ -67,7 +67,8 @@ def probed(module_gateway):
     for folder in OPEN:
         gateway.run("install", "-d", "-m", "777", f"{folder}/zqu-open")
         gateway.put(f"{folder}/zqu-open/file", "precious\n", 0o666)
-    gateway.put(CONFIG, "", 0o666)
+    opened = [name for name in {**FORBIDDEN, **NEEDED} if name.startswith(("read ", "write "))]
+    gateway.put(CONFIG, "\n".join(opened), 0o666)
     gateway.put(DAEMON, (BUILD / "zqu_probe").read_bytes(), 0o755)
     return gateway
 
@@ -102,7 +103,10 @@ GUARDS = {
     ),
     "InaccessiblePaths": (["InaccessiblePaths="], ["write /dev/shm/zqu-open/file", "write /tmp/zqu-open/file"]),
     # NoExecPaths= names the root too, and what it names ProtectSystem= spares.
-    "ReadWritePaths": (["ReadWritePaths=", "NoExecPaths=", "NoExecPaths=/"], [f"write {ROOT}/file", "writable mount"]),
+    "ReadWritePaths": (
+        ["ReadWritePaths=", "NoExecPaths=", "NoExecPaths=/"],
+        ["create a file of its own", "writable mount"],
+    ),
     "NoExecPaths": (
         ["NoExecPaths="],
         ["run /bin/true", "run a file of its own", "run /bin/true by the loader", "map a file of its own to execute"],
@@ -114,8 +118,8 @@ GUARDS = {
     "ProcSubset": (["ProcSubset=all"], ["read /proc/meminfo", "write /proc/sys/kernel/core_pattern"]),
     "CapabilityBoundingSet": (["CapabilityBoundingSet=~"], ["CapBnd"]),
     "RestrictSUIDSGID": (["RestrictSUIDSGID=no"], ["chmod set-user-id"]),
-    "RestrictNamespaces": (["RestrictNamespaces=no"], ["unshare of users", "setns"]),
-    "RestrictAddressFamilies": (["RestrictAddressFamilies="], ["socket netlink", "socket packet", "socket vsock"]),
+    "RestrictNamespaces": (["RestrictNamespaces=no"], ["unshare of users"]),
+    "RestrictAddressFamilies": (["RestrictAddressFamilies="], ["socket netlink", "socket packet"]),
     "LockPersonality": (["LockPersonality=no"], ["personality"]),
     "MemoryDenyWriteExecute": (
         ["MemoryDenyWriteExecute=no"],
@@ -123,19 +127,20 @@ GUARDS = {
     ),
     "SystemCallFilter": (
         ["SystemCallFilter="],
-        "ptrace bpf perf_event_open userfaultfd add_key memfd_create setpriority open_by_handle_at".split()
+        "ptrace bpf userfaultfd add_key memfd_create setpriority open_by_handle_at".split()
         + ["io_uring_setup", "chown to oneself", "setuid to oneself"],
     ),
     "all that root is kept from": (
         [*AS_ROOT, "SystemCallFilter=", "RestrictNamespaces=no", "RestrictSUIDSGID=no", "PrivateDevices=no"]
         + [f"Protect{what}=no" for what in ("Clock", "Hostname", "KernelLogs", "KernelModules")]
         + ["RestrictAddressFamilies="],
-        "mount umount pivot_root chroot setgroups reboot swapon clock_settime sethostname mknod".split()
+        "mount chroot reboot clock_settime sethostname mknod".split()
         + ["unshare of mounts", "setuid to root", "socket inet raw", "kernel log", "CapEff", "CapPrm"],
     ),
 }
 
 
+@pytest.mark.long
 @pytest.mark.parametrize("guard", GUARDS)
 def test_sandbox_without_a_guard_lets_through_what_it_guards(probed, guard):
     lines, tries = GUARDS[guard]

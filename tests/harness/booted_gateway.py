@@ -1,6 +1,5 @@
 """A booted gateway: a booted system with the updater in it as it ships, and scripted mirrors beside it."""
 
-import contextlib
 import hashlib
 import json
 import os
@@ -94,13 +93,6 @@ class SteppedMirror:
     def await_check(self):
         """Waits until the daemon begins a check; it waits in turn."""
         self.arrivals.get(timeout=60)
-
-    def forget(self):
-        """Takes back what was not used yet, when no check is under way."""
-        for queued in (self.answers, self.arrivals):
-            with contextlib.suppress(queue.Empty):
-                while True:
-                    queued.get_nowait()
 
     def check(self, script):
         """Lets the check that has begun meet this script, and waits until the next one begins."""

@@ -3,7 +3,7 @@
 import re
 
 import pytest
-from booted_gateway import AUTHORITY
+from booted_gateway import AUTHORITY, CONFIG
 from builds import REPOSITORY
 from gateway import BUILD
 from mirror_tool import SUBDIR
@@ -83,10 +83,11 @@ def test_service_writes_only_to_its_mirror_and_runs_nothing_else(mirror):
     for place in places:
         mirror.run("install", "-d", "-m", "777", f"{place}/zqu-open")
         mirror.put(f"{place}/zqu-open/file", "", 0o666)
+    tries = {f"write {place}/zqu-open/file": "EROFS" for place in places[:-2]}
+    tries |= {f"write {place}/zqu-open/file": "EACCES" for place in places[-2:]}
+    mirror.put(CONFIG, "\n".join(tries))
     mirror.put(INSTALLED, (BUILD / "zqu_probe").read_bytes(), 0o755)
     sync(mirror)
     found = dict(line.split(": ", 1) for line in mirror.journal(SERVICE) if ": " in line)
-    tries = {f"write {place}/zqu-open/file": "EROFS" for place in places[:-2]}
-    tries |= {f"write {place}/zqu-open/file": "EACCES" for place in places[-2:]}
     tries |= {"run /bin/true": "EACCES", "run /bin/true by the loader": "refused by the loader"}
     assert {name: found.get(name) for name in tries} == tries
