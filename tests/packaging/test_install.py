@@ -19,8 +19,8 @@ def test_installing_puts_everything_below_the_prefix(tmp_path):
     assert sorted("/" + name for name in listing(tmp_path) if not name.endswith("/")) == sorted(expected)
 
 
-@pytest.mark.parametrize("prefix", ["/usr/local", "/usr", "/opt/zqu"])
-def test_units_name_the_programs_below_the_prefix(tmp_path, prefix):
+def test_units_name_the_programs_below_the_prefix(tmp_path):
+    prefix = "/opt/zqu"
     install(tmp_path, "--prefix", prefix)
     for unit, program in ((UNIT, "sbin/zel_quorin_updater"), ("zqu-status.service", "bin/zqu-status")):
         lines = (tmp_path / f"{prefix}/lib/systemd/system/{unit}".lstrip("/")).read_text().splitlines()

@@ -86,6 +86,7 @@ def test_service_writes_only_to_its_mirror_and_runs_nothing_else(mirror):
     tries = {f"write {place}/zqu-open/file": "EROFS" for place in places[:-2]}
     tries |= {f"write {place}/zqu-open/file": "EACCES" for place in places[-2:]}
     mirror.put(CONFIG, "\n".join(tries))
+    mirror.run("systemctl", "stop", TIMER, SERVICE)  # which would hold the program
     mirror.put(INSTALLED, (BUILD / "zqu_probe").read_bytes(), 0o755)
     sync(mirror)
     found = dict(line.split(": ", 1) for line in mirror.journal(SERVICE) if ": " in line)

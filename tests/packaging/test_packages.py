@@ -133,18 +133,6 @@ def test_rpm_needs_these_libraries_and_no_interpreter_but_sh(packages, name, oth
     assert run("rpm", "--query", "--package", "--recommends", packages.rpm(name)) == "ca-certificates\n"
 
 
-def test_maintainer_scripts_are_of_plain_sh(packages, tmp_path):
-    run("dpkg-deb", "--control", packages.deb(), tmp_path)
-    names = {path.name for path in tmp_path.iterdir()}
-    assert names == {"conffiles", "control", "md5sums", "postinst", "postrm", "prerm"}
-    for name in ("postinst", "postrm", "prerm"):
-        assert (tmp_path / name).read_text().startswith("#!/bin/sh\nset -e\n")
-        run("dash", "-n", tmp_path / name)
-    query = "%{PREINPROG} %{POSTINPROG} %{PREUNPROG} %{POSTUNPROG}"
-    programs = run("rpm", "--query", "--package", "--queryformat", query, packages.rpm())
-    assert programs == "(none) /bin/sh /bin/sh /bin/sh"
-
-
 def test_versions_are_those_of_sources_and_changelogs(packages):
     version = re.search(r"\bproject\(.* VERSION ([\d.]+)", (REPOSITORY / "CMakeLists.txt").read_text())[1]
     for name in ("updater", "mirror"):
@@ -154,15 +142,6 @@ def test_versions_are_those_of_sources_and_changelogs(packages):
     folder = REPOSITORY / "packaging"
     assert (folder / "deb" / "changelog").read_text().startswith(f"zel-quorin ({version}) ")
     assert (folder / "rpm" / "changelog").read_text().splitlines()[0].endswith(f" - {version}-1")
-
-
-def test_programs_are_stripped_and_name_no_build_directory(packages, tmp_path):
-    for name, program in (("updater", "usr/sbin/zel_quorin_updater"), ("mirror", "usr/bin/zqu-mirror")):
-        run("dpkg-deb", "--extract", packages.deb(name), tmp_path)
-        sections = run("readelf", "--section-headers", "--wide", tmp_path / program)
-        assert not re.search(r" \.(symtab|debug_\w+|comment) ", sections)
-        content = (tmp_path / program).read_bytes()
-        assert str(REPOSITORY).encode() not in content
 
 
 def test_lintian_finds_just_what_is_explained(packages):
