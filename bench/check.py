@@ -5,7 +5,7 @@ import pathlib
 from measure import contest, difference, instructions, run
 from report import aims, costs, table
 from relay import Relay
-from sites import Site, server
+from sites import BenchGateway, server
 
 ROUNDS, LIMIT = 198, 1.15  # a multiple of the six orders of three
 SYSTEM = pathlib.Path("/etc/ssl/certs/ca-certificates.crt")
@@ -19,14 +19,14 @@ def measure(bench):
         bundle = bench.directory / "bundle.pem"
         bundle.write_bytes(SYSTEM.read_bytes() + nginx.ca_path.read_bytes())
         for name, ca_path in (("own", nginx.ca_path), ("system", bundle)):
-            site = Site(bench, name, nginx, ca_path=ca_path)
+            site = BenchGateway(bench, name, nginx, ca_path=ca_path)
             bare = [bench.build / "zqu_floor", ca_path, site.url]
             commands = {"daemon": site.check, "curl": site.curl, "bare": bare}
             results[name] = contest(commands, 3 if bench.smoke else ROUNDS)
             results[name]["authorities"] = ca_path.read_text().count("BEGIN CERTIFICATE")
             site.expect_status("1001")
         with Relay(nginx.ports["good"]) as relay:
-            site = Site(bench, "relayed", nginx, port=relay.port)
+            site = BenchGateway(bench, "relayed", nginx, port=relay.port)
             commands = {"daemon": site.check, "curl": site.curl}
             results["wire"] = {}
             for name, command in commands.items():

@@ -4,7 +4,7 @@ import subprocess
 
 from measure import contest, in_turn, peak_kib, spread
 from report import seconds, table, with_spread
-from sites import Site, server
+from sites import BenchGateway, server
 from update import Update
 
 UPDATES = {20: 16, 200: 10}  # MB of definitions, and how often
@@ -31,7 +31,7 @@ def updates(benches, nginx, size, rounds):
 
 def checks(benches, nginx, rounds):
     """Checks with nothing new, each daemon with definitions of its own."""
-    sites = {name: Site(bench, f"nothing-new-{name}", nginx) for name, bench in benches.items()}
+    sites = {name: BenchGateway(bench, f"nothing-new-{name}", nginx) for name, bench in benches.items()}
     results = contest({name: site.check for name, site in sites.items()}, rounds)
     for site in sites.values():
         site.expect_status("1001")

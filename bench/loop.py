@@ -9,7 +9,7 @@ from gateway import SETTINGS
 from measure import difference
 from report import table
 from relay import Relay
-from sites import Loop, Site, server
+from sites import Loop, BenchGateway, server
 
 SHOWN = 3  # checks of each loop
 # How mirror and loop suit each other: seconds for which nginx keeps an idle connection and a TLS session, seconds
@@ -47,7 +47,7 @@ def handshakes(requests):
 def watch(bench, nginx, name, pace):
     """What each of the first checks of a loop takes, from the end of the one before."""
     with Relay(nginx.ports[name]) as relay:
-        site = Site(bench, re.sub(r"\W+", "-", name), nginx, port=relay.port, poll_interval_s=pace.interval)
+        site = BenchGateway(bench, re.sub(r"\W+", "-", name), nginx, port=relay.port, poll_interval_s=pace.interval)
         answered = len(nginx.requests(name, 3))
         totals = [{**relay.totals(), **dict.fromkeys(FIELDS, 0)}]
         with Loop(site) as loop:
@@ -61,7 +61,7 @@ def watch(bench, nginx, name, pace):
 
 def waiting(bench, nginx, length):
     """What so many seconds without a check cost, after the first one."""
-    with Loop(Site(bench, "waiting", nginx, poll_interval_s=86400)) as loop:
+    with Loop(BenchGateway(bench, "waiting", nginx, poll_interval_s=86400)) as loop:
         before, begin = loop.next_check(), time.monotonic()
         time.sleep(length)
         return {"seconds": time.monotonic() - begin, **difference(loop.usage(), before)}

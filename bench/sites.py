@@ -100,7 +100,7 @@ def publish(bench, root, size, release=ID, compressible=True):
     return next((root / SUBDIR).glob(f"*-{release}.cab")).stat().st_size
 
 
-class Site(Gateway):
+class BenchGateway(Gateway):
     """A gateway that has the small release in service, from that server or from a relay in front of it."""
 
     def __init__(self, bench, name, nginx, port=None, ca_path=None, **settings):

@@ -82,7 +82,7 @@ def gateway(nginx, mirror, tmp_path):
 
 @pytest.fixture
 def gateway_in_memory(nginx, mirror):
-    """For tests of very many archives: each is flushed, which takes its time on a disk."""
+    """On no disk, where each flush takes its time."""
     with tempfile.TemporaryDirectory(dir="/dev/shm", prefix="zqu-") as folder:
         machine = Gateway(
             pathlib.Path(folder), mirror_base_url=nginx.url(), mirror_subdir=mirror.subdir, ca_path=nginx.ca_path

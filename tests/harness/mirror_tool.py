@@ -14,7 +14,6 @@ from release import HIT, good_files, info_name
 from tools import Stopped, Tool
 
 run = Tool("zqu-mirror")
-TOOL = run.path
 SUBDIR = "rhex/deffiles/def5-2"
 WORK = ".zqu-mirror.work"
 DAY = 86400
