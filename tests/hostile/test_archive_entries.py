@@ -13,7 +13,7 @@ import struct
 
 import pytest
 from outcomes import published
-from raw_archives import LINK, REGULAR, Entry, cab_bytes, cab_data, release, zip_bytes
+from raw_archives import LINK, REGULAR, Entry, cab_bytes, cab_data, deflated, release, zip_bytes
 from release import Release, definition_names
 from scripted_server import reply
 from trials import NEW, OLD
@@ -292,3 +292,8 @@ def test_shape_is_refused(trial):
         trial.archive_case(archive, error, *(line.format(stage / name) for line in lines), name=name)
         for name, (archive, error, *lines) in SHAPES_REFUSED.items()
     )
+
+
+def test_bomb_is_unpacked_and_swept(trial):
+    """An entry that unpacks to a thousand times its size."""
+    check(trial, (new(first=[deflated("bomb", bytes((200 if trial.thorough else 20) << 20))]), snapshot()))
