@@ -12,7 +12,7 @@ from gateway import Gateway
 from mirrors import Mirror, Nginx
 from trials import server_context
 
-FAILED = pytest.StashKey()
+FAILED, FILES = pytest.StashKey(), pytest.StashKey()
 
 
 def pytest_addoption(parser):
@@ -35,13 +35,18 @@ def pytest_collection_modifyitems(config, items):
 def pytest_runtest_makereport(item, call):
     """Ends the report of a failed test with where its files are; the files of a passed one go."""
     report = (yield).get_result()
-    files = getattr(item, "funcargs", {}).get("tmp_path")
+    files = item.stash.get(FILES, None)
     if report.failed:
         item.stash[FAILED] = True
-        report.sections.append(("files", str(files or "none")))
+        report.sections.append(("files", str(files)))
     elif files and call.when == "teardown" and not item.stash.get(FAILED, False):
         shutil.rmtree(files, ignore_errors=True)
         files.mkdir(exist_ok=True)  # keeps its name from being given again: a mirror has it too
+
+
+@pytest.fixture(autouse=True)
+def _files(request, tmp_path):
+    request.node.stash[FILES] = tmp_path
 
 
 def pytest_terminal_summary(terminalreporter):

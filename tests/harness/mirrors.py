@@ -14,6 +14,9 @@ import trustme
 from gateway import wait_for
 from release import Release, hit_ini, info_ini, info_name
 
+# Ends a command when the process ends that started it, however it does.
+WITH_US = ["setpriv", "--pdeath-signal", "TERM"]
+
 
 class Mirror:
     """One test's corner of the session's mirror: a subdirectory of what nginx serves."""
@@ -68,8 +71,17 @@ class Nginx:
         # nginx takes over the sockets, which listen already: no port can be lost, and there is nothing to wait for.
         sockets = [socket.create_server(("127.0.0.1", port)) for port in self.ports.values()]
         descriptors = [s.fileno() for s in sockets]
+        nginx = [
+            "/usr/sbin/nginx",
+            "-p",
+            self.folder,
+            "-c",
+            self.folder / "nginx.conf",
+            "-e",
+            self.folder / "error.log",
+        ]
         self.process = subprocess.Popen(
-            ["/usr/sbin/nginx", "-p", self.folder, "-c", self.folder / "nginx.conf", "-e", self.folder / "error.log"],
+            [*WITH_US, *nginx],
             env={**os.environ, "NGINX": "".join(f"{fd};" for fd in descriptors)},
             pass_fds=descriptors,
         )
