@@ -12,6 +12,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <fstream>
+#include <iostream>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -60,6 +61,10 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
+    if (::testing::Test::HasFailure()) {
+        std::cerr << "the files of the failed test: " << path_ << '\n';
+        return;
+    }
     std::error_code ignored;
     fs::remove_all(path_, ignored);
 }

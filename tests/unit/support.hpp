@@ -35,7 +35,7 @@ struct ByVerdict {
     }
 };
 
-// A directory of its own, removed with all it holds.
+// A directory of its own, removed with all it holds unless the test fails.
 class TempDir {
 public:
     TempDir();
