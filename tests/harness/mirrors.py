@@ -15,7 +15,7 @@ from gateway import wait_for
 from release import Release, hit_ini, info_ini, info_name
 
 # Ends a command when the process ends that started it, however it does.
-WITH_US = ["setpriv", "--pdeath-signal", "TERM"]
+WITH_US = ["setpriv", "--pdeathsig", "TERM"]
 
 
 class Mirror:
