@@ -1,7 +1,7 @@
 // What an update cannot cost less than: the calls of libcurl, libcrypto and libarchive that one update makes, in the
 // same order and with the same values (tests/bench/test_floor.py), and what files and directories need to get into
 // place safely, but with no decisions, no error handling and no strings of its own. Left out are: the configuration,
-// the status file and the log; names of entries, asked for and set anew; the index, which is never read; any look at
+// the status file and the log; names of entries, asked for and set again; the index, which is never read; any look at
 // what is there already, and pruning. Paths are relative.
 //
 // usage: zqu_floor CA-FILE HIT-URL COMPLETE-URL ARCHIVE-URL DEFINITIONS-ROOT ID

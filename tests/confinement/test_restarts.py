@@ -78,7 +78,7 @@ def begin_download(gateway, end=stall):
 
 
 def test_restarts_count_as_starts_until_the_count_is_reset(served):
-    """Whoever restarts a sound service too often has none until the timer starts it again."""
+    """A sound service that is restarted too often is down until the timer starts it again."""
     served.drop_in("[Unit]\nStartLimitBurst=2\n")
     restarted = [served.run("systemctl", "restart", UNIT, check=False).returncode for _ in range(3)]
     assert restarted == [0, 0, 1]

@@ -43,7 +43,7 @@ def idle(tmp_path):
 
 
 def run(gateway, *words, name=DAEMON, **options):
-    """A run from the gateway's folder under that name, which has to end well; its output and the whole log."""
+    """A run from the gateway's directory under that name, which has to end well; its output and the whole log."""
     process = subprocess.run(
         [name, *words],
         executable=DAEMON,

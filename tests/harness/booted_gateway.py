@@ -238,7 +238,7 @@ class BootedGateway(Booted):
         self.wait_for(lambda: said in self.status_text(status) and self.status_text(status).endswith("}\n"))
 
     def in_service(self, root=ROOT, user=None):
-        """The release whose definitions whoever reads them gets."""
+        """The release whose definitions a reader gets."""
         return self.out("sed", "-n", "1s/.* of //p", f"{root}/active/antivir-v2.def", user=user)
 
     # What can be seen from outside.

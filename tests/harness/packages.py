@@ -63,7 +63,7 @@ class Packages:
 
 
 def shared_packages(base):
-    """Those of this run; whoever comes first, of several processes, makes them."""
+    """Those of this run; the first of several processes makes them."""
     folder = (base.parent if "PYTEST_XDIST_WORKER" in os.environ else base) / "packages"
     folder.mkdir(exist_ok=True)
     with open(folder / "lock", "w") as lock:

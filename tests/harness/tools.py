@@ -36,7 +36,7 @@ class Tool:
         return done.returncode, done.stdout.decode(), done.stderr.decode()
 
     def copied_to(self, folder):
-        """A copy that everybody who may enter the folder can run."""
+        """A copy that everybody who may enter the directory can run."""
         copy = Tool(self.name)
         copy.path = folder / self.name
         copy.path.write_bytes(self.path.read_bytes())

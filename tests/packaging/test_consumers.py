@@ -1,4 +1,4 @@
-"""The sample units for whoever uses the definitions, in a booted gateway."""
+"""The sample units for programs that use the definitions, in a booted gateway."""
 
 import subprocess
 
