@@ -3,7 +3,9 @@
 // Stateless; may be called from any thread.
 #pragma once
 
+#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include "config.hpp"
@@ -13,19 +15,37 @@ namespace zqu::tools {
 // Where the daemon looks for its configuration when no --config names another file.
 inline constexpr const char* default_config_path = "/usr/local/zelgw/opt/av/quorin/etc/zel_quorin_updater.conf";
 
-// Bytes of a configuration that the tools look at. The daemon has no such bound, but a longer file is none: a sparse
-// one or millions of lines would cost memory without end.
+// The user that the packaged service runs as, with a group of the same name.
+inline constexpr const char* service_user = "zel-quorin";
+
+// Bytes of a configuration that the tools look at. The daemon has no such bound.
 inline constexpr std::size_t largest_config = 1 << 20;
 
+// A setting and its member of Config: one of the two pointers is not null.
+struct Setting {
+    const char* name;
+    std::string zqu::Config::*text;
+    std::uint32_t zqu::Config::*number;
+
+    // Its value in cfg, as text.
+    [[nodiscard]] std::string of(const zqu::Config& cfg) const;
+};
+
+// All settings that the daemon knows, in the order of the members.
+extern const std::array<Setting, 11> settings;
+
+// The setting of exactly that name; null when there is none.
+[[nodiscard]] const Setting* find_setting(const std::string& name);
+
 // What the daemon makes of a configuration file.
-struct Settings {
+struct Configuration {
     zqu::Config cfg;      // with fatal: what the lines before the malformed number left
     bool opened = false;  // false: the daemon warns and goes on with the defaults
     bool fatal = false;   // true: a malformed number ends the daemon before it does anything
 };
 
-// Reads path as the daemon does at its start: defaults first, then Config::load. Prints nothing. Throws what
-// Config::load throws for other reasons than a malformed number (std::bad_alloc).
-[[nodiscard]] Settings read_settings(const std::string& path);
+// Reads path as the daemon does at its start: start is what holds before, then Config::load. Prints nothing. Throws
+// what Config::load throws for other reasons than a malformed number (std::bad_alloc).
+[[nodiscard]] Configuration load_configuration(const std::string& path, const zqu::Config& start = {});
 
 }  // namespace zqu::tools

@@ -7,8 +7,8 @@
 
 #include <fstream>
 
-#include "handle.hpp"
-#include "printable.hpp"
+#include "descriptors.hpp"
+#include "text.hpp"
 
 namespace zqu::config_tool {
 

@@ -6,8 +6,8 @@
 #include "check_paths.hpp"
 #include "check_values.hpp"
 #include "online.hpp"
-#include "printable.hpp"
 #include "reading.hpp"
+#include "text.hpp"
 #include "user.hpp"
 
 namespace zqu::config_tool {

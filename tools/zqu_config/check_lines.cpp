@@ -5,7 +5,7 @@
 
 #include "keys.hpp"
 #include "number.hpp"
-#include "printable.hpp"
+#include "text.hpp"
 
 namespace zqu::config_tool {
 

@@ -10,8 +10,8 @@
 #include <string>
 
 #include "certificates.hpp"
-#include "printable.hpp"
 #include "settings.hpp"
+#include "text.hpp"
 
 namespace zqu::config_tool {
 

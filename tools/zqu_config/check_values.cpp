@@ -4,7 +4,7 @@
 #include <cctype>
 #include <string>
 
-#include "printable.hpp"
+#include "text.hpp"
 
 namespace zqu::config_tool {
 

@@ -10,11 +10,10 @@
 #include <vector>
 
 #include "check.hpp"
-#include "printable.hpp"
+#include "program.hpp"
 #include "reading.hpp"
 #include "settings.hpp"
 #include "show.hpp"
-#include "standard_descriptors.hpp"
 
 namespace {
 
@@ -58,21 +57,16 @@ constexpr const char* about_show =
     "Exit status: 0 shown; 2 a file cannot be read or ends the daemon, or wrong command line;\n"
     "70 the daemon's own reader found other settings, a defect of this program.";
 
-void complain(const std::string& text) {
-    std::fprintf(stderr, "zqu-config: %s\n", zqu::tools::printable(text).c_str());
-}
-
-bool print(const std::string& text) {
-    return std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
-}
+using zqu::tools::complain;
+using zqu::tools::print;
 
 int check(const Options& options) {
     const Findings findings = zqu::config_tool::check(options.check);
     const std::string& path = options.check.path;
     using zqu::config_tool::as_json;
     using zqu::config_tool::as_text;
-    if (!options.quiet && !print(options.json ? as_json(path, findings) : as_text(path, findings))) {
-        return faulty;
+    if (!options.quiet) {
+        print(options.json ? as_json(path, findings) : as_text(path, findings));
     }
     if (findings.count(Severity::error) != 0) {
         return faulty;
@@ -90,7 +84,8 @@ int show(const Options& options) {
         if (!options.json && options.shown.size() > 1) {
             text += "\n";
         }
-        status = std::max(status, print(text) && usable ? clean : faulty);
+        print(text);
+        status = std::max(status, usable ? clean : faulty);
     }
     return status;
 }
@@ -129,13 +124,8 @@ int parse_and_carry_out(int argc, char** argv) {
     app.footer("Each command has its own --help.");
     add_check(app, options, chosen);
     add_show(app, options, chosen);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::Success& e) {
-        return app.exit(e);
-    } catch (const CLI::ParseError& e) {
-        complain(std::string(e.what()) + " (see zqu-config --help)");
-        return faulty;
+    if (const auto status = zqu::tools::parse(app, argc, argv, faulty)) {
+        return *status;
     }
     return chosen(options);
 }
@@ -143,20 +133,12 @@ int parse_and_carry_out(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    zqu::tools::hold_standard_descriptors();
-    static_cast<void>(signal(SIGPIPE, SIG_IGN));  // writing fails instead
-    try {
-        const int status = parse_and_carry_out(argc, argv);
-        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-            complain("cannot write the output");
-            return faulty;
+    return zqu::tools::run_program("zqu-config", faulty, [&] {
+        try {
+            return parse_and_carry_out(argc, argv);
+        } catch (const zqu::config_tool::Disagreement& e) {
+            complain(e.what());
+            return EX_SOFTWARE;
         }
-        return status;
-    } catch (const zqu::config_tool::Disagreement& e) {
-        complain(e.what());
-        return EX_SOFTWARE;
-    } catch (const std::exception& e) {
-        complain(e.what());
-        return faulty;
-    }
+    });
 }

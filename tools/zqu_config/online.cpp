@@ -18,9 +18,9 @@
 #include <string>
 #include <system_error>
 
-#include "bounded_client.hpp"
-#include "fd.hpp"
-#include "printable.hpp"
+#include "client.hpp"
+#include "descriptors.hpp"
+#include "text.hpp"
 
 namespace zqu::config_tool {
 
@@ -58,7 +58,7 @@ bool ask(const zqu::Config& cfg, const User& user, int answer) {
     }
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // after the change of user, which would undo it
     try {
-        tools::BoundedClient client(cfg);
+        tools::Client client(cfg);
         const std::string id = client.fetch_id();
         const zqu::CompleteInfo info = client.fetch_info(id);
         write_all(answer, "release " + tools::excerpt(id) + ", archive " + tools::excerpt(info.cab_name));

@@ -10,10 +10,10 @@
 #include <cstring>
 #include <system_error>
 
-#include "fd.hpp"
+#include "descriptors.hpp"
 #include "keys.hpp"
-#include "printable.hpp"
 #include "settings.hpp"
+#include "text.hpp"
 
 namespace zqu::config_tool {
 
@@ -58,7 +58,7 @@ std::string read_file(const std::string& path, std::string& text) {
 }
 
 // Through a file in memory, so that both readers have the same text, whatever happens to the file meanwhile.
-zqu::tools::Settings read_as_the_daemon(const std::string& text) {
+zqu::tools::Configuration read_as_the_daemon(const std::string& text) {
     const tools::Fd memory(memfd_create("zqu-config", MFD_CLOEXEC));
     for (std::size_t done = 0; done < text.size();) {
         const ssize_t size = write(memory.get(), text.data() + done, text.size() - done);
@@ -67,10 +67,10 @@ zqu::tools::Settings read_as_the_daemon(const std::string& text) {
         }
         done += static_cast<std::size_t>(size);
     }
-    return zqu::tools::read_settings("/proc/self/fd/" + std::to_string(memory.get()));
+    return zqu::tools::load_configuration("/proc/self/fd/" + std::to_string(memory.get()));
 }
 
-void require_agreement(const std::string& path, const Effective& ours, const zqu::tools::Settings& daemons) {
+void require_agreement(const std::string& path, const Effective& ours, const zqu::tools::Configuration& daemons) {
     if (!daemons.opened) {
         throw std::system_error(errno, std::generic_category(), "cannot open a file in memory below /proc");
     }

@@ -4,7 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "keys.hpp"
-#include "printable.hpp"
+#include "text.hpp"
 
 namespace zqu::config_tool {
 

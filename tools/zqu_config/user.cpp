@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "printable.hpp"
+#include "text.hpp"
 
 namespace zqu::config_tool {
 

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <optional>
 
-#include "bounded_client.hpp"
+#include "client.hpp"
 #include "failure.hpp"
 #include "names.hpp"
 
@@ -140,7 +140,7 @@ private:
 
     const fs::path folder_;
     zqu::Config cfg_;
-    tools::BoundedClient client_;
+    tools::Client client_;
     std::vector<std::string> names_;
 };
 

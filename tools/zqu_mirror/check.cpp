@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <string>
 
-#include "bounded_client.hpp"
+#include "client.hpp"
 #include "failure.hpp"
 #include "inspect.hpp"
 #include "names.hpp"
@@ -45,7 +45,7 @@ bool check_name(const std::string& what, const std::string& name, Run& run) {
 }
 
 // Downloads the archive, and compares it with what the complete-info INI says of it.
-bool check_archive(tools::BoundedClient& client, const zqu::CompleteInfo& info, const fs::path& archive, Run& run) {
+bool check_archive(tools::Client& client, const zqu::CompleteInfo& info, const fs::path& archive, Run& run) {
     run.phase("downloading " + info.cab_name, archive);
     client.download(info.cab_name, archive);
     const std::string size = std::to_string(fs::file_size(archive));
@@ -68,7 +68,7 @@ bool check_entries(const Options& options, const std::string& name, const fs::pa
     return first_fault(found).empty();
 }
 
-bool check_release(tools::BoundedClient& client, const Options& options, Run& run) {
+bool check_release(tools::Client& client, const Options& options, Run& run) {
     const std::string id = client.fetch_id();
     report(run, "ok", hit_name(options.flavor) + " names " + id);
     if (!check_name("the id", id, run)) {
@@ -91,7 +91,7 @@ bool check_release(tools::BoundedClient& client, const Options& options, Run& ru
 
 bool check(const Options& options, Run& run) {
     const zqu::Config cfg = client_config(options);
-    tools::BoundedClient client(cfg);
+    tools::Client client(cfg);
     try {
         return check_release(client, options, run);
     } catch (const tools::MirrorError& e) {

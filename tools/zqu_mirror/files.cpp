@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "failure.hpp"
-#include "handle.hpp"
+#include "text.hpp"
 
 namespace zqu::mirror_tool {
 
@@ -18,7 +18,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr std::size_t block_size = 65536;
-constexpr mode_t file_mode = 0666;
 
 void require(bool done) {
     if (!done) {
@@ -45,18 +44,6 @@ void make_accessible(const fs::path& path) {
 }
 
 }  // namespace
-
-Fd::Fd(int fd, const std::string& what) : fd_(fd) {
-    if (fd_ < 0) {
-        fail_errno("cannot open " + what);
-    }
-}
-
-Fd::Fd(const fs::path& path, int flags) : Fd(open(path.c_str(), flags | O_CLOEXEC, file_mode), path.string()) {}
-
-Fd::~Fd() {
-    close(fd_);
-}
 
 void read_blocks(const fs::path& path, const std::function<void(const char*, std::size_t)>& consume) {
     const Fd file(path, O_RDONLY);
@@ -88,12 +75,7 @@ std::string Sha256::hex() {
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
     require(EVP_DigestFinal_ex(context_->handle.get(), digest, &length) == 1);
-    std::string hex;
-    for (const unsigned char byte : std::vector<unsigned char>(digest, digest + length)) {
-        static const char digits[] = "0123456789abcdef";
-        hex = hex + digits[byte >> 4] + digits[byte & 0x0F];
-    }
-    return hex;
+    return tools::hex(std::string(digest, digest + length));
 }
 
 std::string sha256(const fs::path& path, const std::function<void(std::size_t)>& progress) {
@@ -107,13 +89,7 @@ std::string sha256(const fs::path& path, const std::function<void(std::size_t)>&
 
 void write_text(const fs::path& path, const std::string& text) {
     const Fd file(path, O_WRONLY | O_CREAT | O_EXCL);
-    for (std::size_t done = 0; done < text.size();) {
-        const ssize_t count = write(file.get(), text.data() + done, text.size() - done);
-        if (count < 0) {
-            fail_errno("cannot write " + path.string());
-        }
-        done += static_cast<std::size_t>(count);
-    }
+    tools::write_all(file.get(), text, path.string());
     flush(file, path);
 }
 

@@ -1,6 +1,6 @@
-// Descriptors and whole files: reading, writing, flushing, moving, digests.
+// Whole files: reading, writing, flushing, moving, digests.
 //
-// Stateless but for Fd. What fails throws std::system_error with the path and the reason, unless a function says more;
+// Stateless. What fails throws std::system_error with the path and the reason, unless a function says more;
 // what it had begun stays as it is. All may be called from any thread.
 #pragma once
 
@@ -13,27 +13,11 @@
 #include <string>
 #include <system_error>
 
+#include "descriptors.hpp"
+
 namespace zqu::mirror_tool {
 
-// Owns an open descriptor and closes it in the end, ignoring what close(2) says.
-class Fd {
-public:
-    // Takes over fd. Throws "cannot open <what>" with errno's reason when it is negative.
-    Fd(int fd, const std::string& what);
-
-    // Opens path by open(2), close-on-exec, with permissions 0666 less the umask for a file that flags make.
-    Fd(const std::filesystem::path& path, int flags);
-
-    ~Fd();
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-
-    // The descriptor, which stays owned.
-    [[nodiscard]] int get() const { return fd_; }
-
-private:
-    int fd_;
-};
+using tools::Fd;
 
 // Reads the file from its start to its end and gives each piece to consume; the last piece is empty. The memory used
 // does not depend on the file's size. What consume throws passes through.

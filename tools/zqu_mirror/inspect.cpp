@@ -177,7 +177,7 @@ Inspection inspect(const std::filesystem::path& archive, const std::string& name
     if (pipe2(ends, O_CLOEXEC) != 0) {
         fail_errno("cannot make a pipe");
     }
-    const Fd report(ends[0], "a pipe");
+    const Fd report(ends[0]);
     const pid_t child = fork();
     if (child == 0) {
         work(file.get(), ends[1], parent, name, flavor);

@@ -12,9 +12,9 @@
 #include <set>
 #include <stdexcept>
 
-#include "bounded_client.hpp"
+#include "client.hpp"
+#include "descriptors.hpp"
 #include "files.hpp"
-#include "handle.hpp"
 #include "names.hpp"
 #include "verifier.hpp"
 

@@ -25,7 +25,7 @@ struct Inspection {
 // - entries are known by the last component of their names, and the last one of a name counts;
 // - an entry that has the archive's own name is removed with the archive;
 // - the first header that libarchive does not read without complaint ends the archive.
-// Refused also are an index and files larger than bounded_client.hpp allows, entries that are together larger than
+// Refused also are an index and files larger than client.hpp allows, entries that are together larger than
 // three such files, a fatal error of libarchive behind the definition files, and what needs more memory than there is.
 //
 // Throws std::runtime_error when libcrypto cannot compute a digest.

@@ -2,30 +2,24 @@
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
-#include <csignal>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <filesystem>
-#include <iostream>
 #include <string>
 
 #include "check.hpp"
-#include "failure.hpp"
 #include "mirror.hpp"
 #include "names.hpp"
 #include "options.hpp"
+#include "program.hpp"
 #include "prune.hpp"
 #include "publish.hpp"
 #include "run.hpp"
-#include "standard_descriptors.hpp"
 
 namespace {
 
 namespace fs = std::filesystem;
 using zqu::mirror_tool::age_s;
-using zqu::mirror_tool::complain;
 using zqu::mirror_tool::is_url;
 using zqu::mirror_tool::Options;
 using zqu::mirror_tool::Run;
@@ -195,16 +189,6 @@ int carry_out(Command command, Options options) {
     return command(options, run) ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
-// Whether what CLI11 has printed went out.
-int written() {
-    std::cout.flush();
-    if (std::cout && std::fflush(stdout) == 0) {
-        return EXIT_SUCCESS;
-    }
-    complain("cannot write to standard output");
-    return EXIT_FAILURE;
-}
-
 int parse_and_carry_out(int argc, char** argv) {
     constexpr int wrong_command_line = 2;
     Options options;
@@ -217,14 +201,8 @@ int parse_and_carry_out(int argc, char** argv) {
     add_mirror(app, options, chosen);
     add_prune(app, options, chosen);
     add_check(app, options, chosen);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::Success& e) {
-        static_cast<void>(app.exit(e));
-        return written();
-    } catch (const CLI::ParseError& e) {
-        complain(std::string(e.what()) + " (see zqu-mirror --help)");
-        return wrong_command_line;
+    if (const auto status = zqu::tools::parse(app, argc, argv, wrong_command_line)) {
+        return *status;
     }
     return carry_out(chosen, options);
 }
@@ -232,15 +210,7 @@ int parse_and_carry_out(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    zqu::tools::hold_standard_descriptors();
-    umask(022);                                   // the web server must be able to read it
-    setenv("GIO_USE_VFS", "local", 1);            // no session bus, no helpers
-    static_cast<void>(signal(SIGPIPE, SIG_IGN));  // writes fail instead, and the run
-    static_cast<void>(signal(SIGXFSZ, SIG_IGN));  // cleans up behind itself
-    try {
-        return parse_and_carry_out(argc, argv);
-    } catch (const std::exception& e) {
-        complain(e.what());
-        return EXIT_FAILURE;
-    }
+    umask(022);                         // the web server must be able to read it
+    setenv("GIO_USE_VFS", "local", 1);  // no session bus, no helpers
+    return zqu::tools::run_program("zqu-mirror", EXIT_FAILURE, [&] { return parse_and_carry_out(argc, argv); });
 }

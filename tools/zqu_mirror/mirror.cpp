@@ -3,8 +3,8 @@
 #include <filesystem>
 #include <string>
 
-#include "bounded_client.hpp"
 #include "catalogue.hpp"
+#include "client.hpp"
 #include "failure.hpp"
 #include "files.hpp"
 #include "inspect.hpp"
@@ -38,7 +38,7 @@ std::string mistakable_id(const std::string& id) {
     return mistakable ? "must not be \"hit\" or end in -hit" : "";
 }
 
-Upstream ask(tools::BoundedClient& client, const Options& options) {
+Upstream ask(tools::Client& client, const Options& options) {
     const std::string id = client.fetch_id();
     require_usable("id", id, unusable_name(id));
     require_usable("id", id, mistakable_id(id));
@@ -60,7 +60,7 @@ bool is_current(const Options& options, const Upstream& upstream) {
 }
 
 // Puts the upstream's INI into the work folder, under its name.
-zqu::CompleteInfo stage_info(const tools::BoundedClient& client, const Options& options, const Upstream& upstream,
+zqu::CompleteInfo stage_info(const tools::Client& client, const Options& options, const Upstream& upstream,
                              const Workplace& place) {
     zqu::CompleteInfo info = client.read_info(upstream.info, upstream.id);
     require_usable("archive name", info.cab_name, unusable_archive(info.cab_name));
@@ -75,7 +75,7 @@ bool require_same_content(const Options& options, const Upstream& upstream, cons
         return false;
     }
     const zqu::Config cfg = client_config(options);
-    const zqu::CompleteInfo known = tools::BoundedClient(cfg).fetch_info(upstream.id);
+    const zqu::CompleteInfo known = tools::Client(cfg).fetch_info(upstream.id);
     if (!unusable_archive(known.cab_name).empty() || !zqu::verifier::verify(place / known.cab_name, known.sha256)) {
         fail(upstream.id + " is on the mirror, but its INI file and its archive do not match");
     }
@@ -98,7 +98,7 @@ bool have_archive(const Options& options, const zqu::CompleteInfo& info) {
     return false;
 }
 
-void download(tools::BoundedClient& client, const zqu::CompleteInfo& info, const fs::path& archive, Run& run) {
+void download(tools::Client& client, const zqu::CompleteInfo& info, const fs::path& archive, Run& run) {
     run.phase("downloading " + info.cab_name, archive);
     client.download(info.cab_name, archive);
     run.phase("checking the archive");
@@ -132,7 +132,7 @@ void report_nothing_new(const Upstream& upstream, Run& run) {
 
 // Gets the archive, from the upstream mirror unless it is here already, and puts the release into place.
 void add_and_make_current(const Options& options, const Upstream& upstream, const zqu::CompleteInfo& info, bool known,
-                          tools::BoundedClient& client, Workplace& place, Run& run) {
+                          tools::Client& client, Workplace& place, Run& run) {
     const bool have = have_archive(options, info);
     const fs::path archive = have ? place.folder() / info.cab_name : place.work("archive");
     if (!have) {
@@ -149,7 +149,7 @@ void add_and_make_current(const Options& options, const Upstream& upstream, cons
 
 void mirror(const Options& options, Run& run) {
     const zqu::Config cfg = upstream_config(options);
-    tools::BoundedClient client(cfg);
+    tools::Client client(cfg);
     run.phase("asking the upstream mirror");
     const Upstream upstream = ask(client, options);
     if (is_current(options, upstream)) {

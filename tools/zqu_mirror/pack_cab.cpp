@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "descriptors.hpp"
 #include "failure.hpp"
-#include "handle.hpp"
 #include "pack.hpp"
 
 namespace zqu::mirror_tool {

@@ -3,9 +3,9 @@
 
 #include <cstring>
 
+#include "descriptors.hpp"
 #include "failure.hpp"
 #include "files.hpp"
-#include "handle.hpp"
 #include "pack.hpp"
 
 namespace zqu::mirror_tool {

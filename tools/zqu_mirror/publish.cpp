@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "bounded_client.hpp"
 #include "catalogue.hpp"
+#include "client.hpp"
 #include "failure.hpp"
 #include "files.hpp"
 #include "inspect.hpp"
@@ -86,7 +86,7 @@ void add_release(const Options& options, const std::vector<Source>& sources, Wor
 // Requires that the release, read as a client does, gives back the sources.
 zqu::CompleteInfo require_release(const Options& options, const std::vector<Source>& sources, bool known) {
     const zqu::Config cfg = client_config(options);
-    zqu::CompleteInfo info = tools::BoundedClient(cfg).fetch_info(options.id);
+    zqu::CompleteInfo info = tools::Client(cfg).fetch_info(options.id);
     const fs::path archive = folder(options) / info.cab_name;
     if (info.defid != options.id || !zqu::verifier::verify(archive, info.sha256)) {
         fail(options.id + " is on the mirror, but its INI file and its archive do not match");

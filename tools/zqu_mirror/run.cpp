@@ -5,19 +5,20 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <system_error>
 
 #include "failure.hpp"
-#include "printable.hpp"
 
 namespace zqu::mirror_tool {
 
 namespace fs = std::filesystem;
 
-Run::Run() : arrivals_(signalfd(-1, &signals_, SFD_CLOEXEC), "a signalfd"), on_terminal_(isatty(STDERR_FILENO) == 1) {
+Run::Run() : arrivals_(signalfd(-1, &signals_, SFD_CLOEXEC)) {
+    if (arrivals_.get() < 0) {
+        fail_errno("cannot receive signals");
+    }
     pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
     watcher_ = std::thread([this] { watch(); });
 }
@@ -26,7 +27,7 @@ Run::~Run() {
     over_ = true;
     pthread_kill(watcher_.native_handle(), SIGHUP);
     watcher_.join();  // never returns when the watcher is ending the process
-    clear_progress();
+    progress_.clear();
     undo();
 }
 
@@ -50,14 +51,13 @@ void Run::commit(const std::function<void()>& action) {
 
 void Run::step(const std::function<void()>& action) {
     const auto lock = hold();
-    clear_progress();
+    progress_.clear();
     action();
 }
 
 void Run::phase(const std::string& text, const fs::path& growing) {
     const auto lock = hold();
-    clear_progress();
-    phase_ = text;
+    progress_.begin(text);
     growing_ = growing;
     bytes_ = 0;
 }
@@ -85,7 +85,7 @@ void Run::watch() {
 
 // The lock is held to the end, so that the other thread neither makes nor says anything more.
 void Run::end_by(int signal) {
-    clear_progress();
+    progress_.clear();
     undo();
     complain(std::string("ended by signal: ") + strsignal(signal));
     _exit(128 + signal);
@@ -110,21 +110,9 @@ void Run::clean_up() {
 }
 
 void Run::show_progress() {
-    if (!on_terminal_ || phase_.empty()) {
-        return;
-    }
     std::error_code missing;
     const std::uintmax_t size = growing_.empty() ? bytes_.load() : fs::file_size(growing_, missing);
-    const unsigned long long megabytes = missing ? 0 : size / 1'000'000;
-    std::fprintf(stderr, "\033[Kzqu-mirror: %s: %llu MB\r", tools::printable(phase_).c_str(), megabytes);
-    shown_ = true;
-}
-
-void Run::clear_progress() {
-    if (shown_) {
-        std::fputs("\033[K", stderr);
-        shown_ = false;
-    }
+    progress_.show(missing ? 0 : size);
 }
 
 sigset_t Run::ending_signals() {

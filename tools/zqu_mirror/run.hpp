@@ -17,7 +17,8 @@
 #include <thread>
 #include <vector>
 
-#include "files.hpp"
+#include "descriptors.hpp"
+#include "program.hpp"
 
 namespace zqu::mirror_tool {
 
@@ -70,18 +71,15 @@ private:
     [[noreturn]] void end_by(int signal);
     void undo();
     void show_progress();
-    void clear_progress();
     static sigset_t ending_signals();
 
     const sigset_t signals_ = ending_signals();
-    const Fd arrivals_;
+    const tools::Fd arrivals_;
     std::mutex mutex_;  // for all that follows, and for standard error
     std::vector<std::filesystem::path> made_;
     std::filesystem::path scratch_;
     bool committed_ = false;
-    const bool on_terminal_;
-    bool shown_ = false;
-    std::string phase_;
+    tools::Progress progress_;
     std::filesystem::path growing_;
     std::atomic<std::uintmax_t> bytes_{0};
     std::atomic<bool> over_{false};

@@ -5,7 +5,7 @@
 
 #include <system_error>
 
-#include "bounded_client.hpp"
+#include "client.hpp"
 #include "failure.hpp"
 #include "files.hpp"
 #include "names.hpp"
@@ -53,7 +53,7 @@ void mark_as_former(const fs::path& info, const fs::path& hit) {
 std::optional<std::string> current_id(const Options& options) {
     const zqu::Config cfg = client_config(options);
     try {
-        return tools::BoundedClient(cfg).fetch_id();
+        return tools::Client(cfg).fetch_id();
     } catch (const tools::MirrorError&) {
         return std::nullopt;
     }

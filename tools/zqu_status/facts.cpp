@@ -11,11 +11,13 @@
 #include <system_error>
 #include <thread>
 
-#include "fd.hpp"
-#include "printable.hpp"
+#include "descriptors.hpp"
 #include "settings.hpp"
+#include "text.hpp"
 
 namespace zqu::status_tool {
+
+using namespace tools;
 
 namespace {
 
@@ -45,7 +47,7 @@ ConfigState openable(const std::string& path, std::string& reason) {
 void read_configuration(Facts& facts) {
     facts.config_state = openable(facts.config_path, facts.config_reason);
     if (facts.config_state == ConfigState::read) {
-        const tools::Settings settings = tools::read_settings(facts.config_path);
+        const tools::Configuration settings = tools::load_configuration(facts.config_path);
         facts.cfg = settings.cfg;
         if (settings.fatal) {
             facts.config_state = ConfigState::malformed;

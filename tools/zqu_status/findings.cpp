@@ -4,10 +4,11 @@
 #include <utility>
 
 #include "advice.hpp"
-#include "printable.hpp"
 #include "text.hpp"
 
 namespace zqu::status_tool {
+
+using namespace tools;
 
 namespace {
 
@@ -211,11 +212,11 @@ void judge_definition(const Definition& definition, const Facts& facts, Findings
 // Adds a finding when the age exceeds a limit.
 void judge_age(const char* name, std::int64_t age, const Limit& limit, const std::string& text, const char* advice,
                Findings& found) {
-    const bool critical = limit.critical > 0 && age > limit.critical;
-    if (critical || (limit.warning > 0 && age > limit.warning)) {
-        const std::string bound = duration_text(critical ? limit.critical : limit.warning);
-        found.push_back({name, critical ? Verdict::critical : Verdict::warning,
-                         text + " " + duration_text(age) + " ago, more than " + bound, advice});
+    const Verdict verdict = limit.judge(age);
+    if (verdict != Verdict::ok) {
+        const std::int64_t bound = verdict == Verdict::critical ? limit.critical : limit.warning;
+        found.push_back(
+            {name, verdict, text + " " + duration_text(age) + " ago, more than " + duration_text(bound), advice});
     }
 }
 
@@ -340,16 +341,6 @@ Limit limit_for(const std::optional<std::int64_t>& warning, const std::optional<
 }
 
 }  // namespace
-
-const char* name_of(Verdict verdict) {
-    static constexpr std::array<const char*, 4> names{"ok", "warning", "unknown", "critical"};
-    return names.at(static_cast<std::size_t>(verdict));
-}
-
-int exit_status(Verdict verdict) {
-    static constexpr std::array<int, 4> statuses{0, 1, 3, 2};
-    return statuses.at(static_cast<std::size_t>(verdict));
-}
 
 std::int64_t age(std::int64_t now, std::int64_t event) {
     return event >= now ? 0 : now - event;

@@ -11,15 +11,12 @@
 #include <vector>
 
 #include "facts.hpp"
+#include "monitoring.hpp"
 
 namespace zqu::status_tool {
 
-// In the order of their weight: the worst finding gives the verdict.
-enum class Verdict { ok, warning, unknown, critical };
-
-// The name, "ok", and the exit status of monitoring plugins: 0, 1, 3 and 2 in the order above.
-[[nodiscard]] const char* name_of(Verdict verdict);
-[[nodiscard]] int exit_status(Verdict verdict);
+using tools::Limit;
+using tools::Verdict;
 
 // Names of all findings there can be. They are stable: other programs go by them.
 inline constexpr std::array<const char*, 31> finding_names{
@@ -39,12 +36,6 @@ struct Finding {
     std::string text;       // what is the matter; printable ASCII on one line, as shown() makes it
     std::string advice;     // what to do about it; likewise
     std::string command{};  // one line for a shell that repairs it; empty when none does
-};
-
-// Limits of one age, in seconds; 0 is none. The age has to exceed the limit.
-struct Limit {
-    std::int64_t warning = 0;
-    std::int64_t critical = 0;
 };
 
 struct Limits {

@@ -5,6 +5,8 @@
 
 namespace zqu::status_tool {
 
+using namespace tools;
+
 namespace {
 
 using json = nlohmann::ordered_json;

@@ -2,20 +2,20 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
-#include <iostream>
 #include <string>
 
 #include "facts.hpp"
 #include "findings.hpp"
 #include "forms.hpp"
 #include "output.hpp"
+#include "program.hpp"
 #include "settings.hpp"
 #include "text.hpp"
 
 namespace {
 
 using namespace zqu::status_tool;
+using namespace zqu::tools;
 
 constexpr int could_not_tell = 3;
 
@@ -97,29 +97,13 @@ int carry_out(const Options& options) {
     return options.json || options.prometheus ? EXIT_SUCCESS : exit_status(report.verdict);
 }
 
-// Whether what CLI11 has printed went out.
-int written() {
-    std::cout.flush();
-    if (std::cout && std::fflush(stdout) == 0) {
-        return EXIT_SUCCESS;
-    }
-    complain("cannot write to standard output");
-    return could_not_tell;
-}
-
 int parse_and_carry_out(int argc, char** argv) {
     Options options;
     CLI::App app(about, "zqu-status");
     app.set_version_flag("--version", "zqu-status " ZQU_VERSION);
     add_options(app, options);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::Success& e) {
-        static_cast<void>(app.exit(e));
-        return written();
-    } catch (const CLI::ParseError& e) {
-        complain(std::string(e.what()) + " (see zqu-status --help)");
-        return could_not_tell;
+    if (const auto status = zqu::tools::parse(app, argc, argv, could_not_tell)) {
+        return *status;
     }
     return carry_out(options);
 }
@@ -127,10 +111,5 @@ int parse_and_carry_out(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return parse_and_carry_out(argc, argv);
-    } catch (const std::exception& e) {
-        complain(e.what());
-        return could_not_tell;
-    }
+    return zqu::tools::run_program("zqu-status", could_not_tell, [&] { return parse_and_carry_out(argc, argv); });
 }

@@ -4,33 +4,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <system_error>
 #include <utility>
 
-#include "fd.hpp"
+#include "descriptors.hpp"
 
 namespace zqu::status_tool {
 
 namespace {
-
-[[noreturn]] void fail(const std::string& text) {
-    throw std::system_error(errno, std::generic_category(), text);
-}
-
-void write_all(int descriptor, const std::string& text, const std::string& name) {
-    for (std::size_t done = 0; done < text.size();) {
-        const ssize_t count = write(descriptor, text.data() + done, text.size() - done);
-        if (count < 0 && errno != EINTR) {
-            fail("cannot write " + name);
-        }
-        done += static_cast<std::size_t>(std::max<ssize_t>(count, 0));
-    }
-}
 
 // The content to be of a target; removed unless it has been put in its place.
 class Temporary {
@@ -38,7 +21,7 @@ public:
     Temporary(const std::string& pattern, std::string target)
         : target_(std::move(target)), path_(pattern), file_(mkostemp(path_.data(), O_CLOEXEC)) {
         if (file_.get() < 0) {
-            fail("cannot write " + target_);
+            tools::fail_errno("cannot write " + target_);
         }
     }
     ~Temporary() {
@@ -50,15 +33,15 @@ public:
     Temporary& operator=(const Temporary&) = delete;
 
     void write(const std::string& text) {
-        write_all(file_.get(), text, target_);
+        tools::write_all(file_.get(), text, target_);
         if (fchmod(file_.get(), S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH) != 0) {
-            fail("cannot write " + target_);
+            tools::fail_errno("cannot write " + target_);
         }
     }
 
     void put_in_place() {
         if (std::rename(path_.c_str(), target_.c_str()) != 0) {
-            fail("cannot replace " + target_);
+            tools::fail_errno("cannot replace " + target_);
         }
         renamed_ = true;
     }
@@ -77,10 +60,6 @@ std::string variable(const char* name) {
 
 }  // namespace
 
-void print(const std::string& text) {
-    write_all(STDOUT_FILENO, text, "to standard output");
-}
-
 void replace_file(const std::string& path, const std::string& text) {
     const std::filesystem::path target(path);
     const std::string name = "." + target.filename().string() + ".XXXXXX";
@@ -92,13 +71,6 @@ void replace_file(const std::string& path, const std::string& text) {
 bool colour_wanted() {
     const std::string terminal = variable("TERM");
     return isatty(STDOUT_FILENO) == 1 && variable("NO_COLOR").empty() && !terminal.empty() && terminal != "dumb";
-}
-
-void complain(const std::string& text) {
-    std::string line = text;
-    std::replace_if(
-        line.begin(), line.end(), [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; }, '?');
-    std::fprintf(stderr, "zqu-status: %s\n", line.c_str());
 }
 
 }  // namespace zqu::status_tool

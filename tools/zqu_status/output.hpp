@@ -7,9 +7,6 @@
 
 namespace zqu::status_tool {
 
-// Writes text to standard output, all of it. Throws std::system_error when that fails.
-void print(const std::string& text);
-
 // Makes path a file of mode 0644 with this text, by rename(2) from a temporary file ".<name>.XXXXXX" in the same
 // folder: a reader sees the old content or the new. A link at path is replaced. Not flushed to disk: after a power
 // cut the file may be empty. Throws std::system_error, with the temporary file removed and path as it was, when
@@ -19,8 +16,5 @@ void replace_file(const std::string& path, const std::string& text);
 // Whether standard output is a terminal that is to have colour: not with NO_COLOR set to anything, TERM unset or
 // "dumb".
 [[nodiscard]] bool colour_wanted();
-
-// Writes "zqu-status: ", text and a line end to standard error: one line whatever text holds. A failure is ignored.
-void complain(const std::string& text);
 
 }  // namespace zqu::status_tool

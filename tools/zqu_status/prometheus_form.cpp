@@ -7,56 +7,16 @@
 
 namespace zqu::status_tool {
 
+using namespace tools;
+
 namespace {
-
-using Labels = std::vector<std::pair<std::string, std::string>>;
-
-// The exposition in the making: samples of one metric follow its head.
-class Exposition {
-public:
-    void head(const std::string& name, const std::string& help) {
-        name_ = "zelquorin_" + name;
-        text_ += "# HELP " + name_ + " " + help + "\n# TYPE " + name_ + " gauge\n";
-    }
-
-    void sample(const Labels& labels, const std::string& value) {
-        std::string list;
-        for (const auto& [label, content] : labels) {
-            list += (list.empty() ? "" : ",") + label + "=\"" + escaped(content) + "\"";
-        }
-        text_ += name_ + (list.empty() ? "" : "{" + list + "}") + " " + value + "\n";
-    }
-
-    void gauge(const std::string& name, const std::string& help, std::int64_t value) {
-        head(name, help);
-        sample({}, std::to_string(value));
-    }
-
-    [[nodiscard]] std::string text() const { return text_; }
-
-private:
-    // shown() leaves nothing else that the format would take amiss.
-    static std::string escaped(const std::string& content) {
-        std::string result;
-        for (const char c : shown(content)) {
-            result += c == '\\' || c == '"' ? std::string("\\") + c : std::string(1, c);
-        }
-        return result;
-    }
-
-    std::string name_;
-    std::string text_;
-};
 
 std::string truth(bool value) {
     return value ? "1" : "0";
 }
 
 void verdicts(const Report& report, Exposition& out) {
-    out.head("verdict", "Whether this is the verdict on the definitions; one of the four is 1.");
-    for (const Verdict verdict : {Verdict::ok, Verdict::warning, Verdict::critical, Verdict::unknown}) {
-        out.sample({{"verdict", name_of(verdict)}}, truth(verdict == report.verdict));
-    }
+    out.verdict("verdict", "Whether this is the verdict on the definitions; one of the four is 1.", report.verdict);
     out.head("finding", "Whether something is the matter: 1 for each finding there is.");
     for (const char* name : finding_names) {
         const bool found = std::any_of(report.findings.begin(), report.findings.end(),

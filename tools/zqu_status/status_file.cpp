@@ -14,10 +14,12 @@
 #include <system_error>
 #include <utility>
 
-#include "fd.hpp"
-#include "printable.hpp"
+#include "descriptors.hpp"
+#include "text.hpp"
 
 namespace zqu::status_tool {
+
+using namespace tools;
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "fd.hpp"
+#include "descriptors.hpp"
 
 namespace zqu::status_tool {
 

@@ -7,6 +7,8 @@
 
 namespace zqu::status_tool {
 
+using namespace tools;
+
 namespace {
 
 constexpr std::size_t label_width = 13;

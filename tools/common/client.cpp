@@ -1,0 +1,247 @@
+#include "client.hpp"
+
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <ctime>
+#include <exception>
+#include <system_error>
+
+#include "descriptors.hpp"
+#include "text.hpp"
+
+namespace zqu::tools {
+
+namespace {
+
+[[noreturn]] void fail(const std::string& url, const std::string& reason) {
+    throw MirrorError("GET " + url + ": " + reason);
+}
+
+std::string file_of(const std::string& url) {
+    return url.substr(url.rfind('/') + 1);
+}
+
+// A part of a URL, decoded; empty when there is none.
+std::string part_of(const std::string& url, CURLUPart part) {
+    const Handle<CURLU, curl_url_cleanup> parts(curl_url());
+    char* text = nullptr;
+    if (curl_url_set(parts.get(), CURLUPART_URL, url.c_str(), 0) == CURLUE_OK) {
+        static_cast<void>(curl_url_get(parts.get(), part, &text, CURLU_URLDECODE));
+    }
+    const Handle<char, curl_free> owner(text);
+    return text != nullptr ? text : "";
+}
+
+[[noreturn]] void fail_too_long(const std::string& url, std::uintmax_t most) {
+    fail(url, "longer than " + std::to_string(most) + " bytes");
+}
+
+// libcurl would wait at a FIFO for ever, and takes a file of any size.
+void require_usable_file(const std::string& url, std::uintmax_t most) {
+    struct stat status {};
+    if (part_of(url, CURLUPART_SCHEME) == "file" && stat(part_of(url, CURLUPART_PATH).c_str(), &status) == 0) {
+        if (!S_ISREG(status.st_mode)) {
+            fail(url, "not a regular file");
+        }
+        if (static_cast<std::uintmax_t>(status.st_size) > most) {
+            fail_too_long(url, most);
+        }
+    }
+}
+
+// A mirror whose files are all this one: file:// ignores what follows the question mark. The daemon's client parses
+// only what it has fetched itself.
+zqu::Config mirror_of(const Fd& file) {
+    zqu::Config cfg;
+    cfg.mirror_base_url = "file://" + memory_path(file) + "?";
+    return cfg;
+}
+
+}  // namespace
+
+// Where an answer goes: to the file, if there is one, else to the text.
+struct Client::Target {
+    std::uintmax_t most;
+    int file = -1;
+    std::string text{};
+    std::uintmax_t taken = 0;
+    std::exception_ptr failure{};  // why the file cannot be written
+
+    // See CURLOPT_WRITEFUNCTION(3): another count than size * count makes libcurl abort the transfer.
+    static std::size_t write(char* data, std::size_t size, std::size_t count, void* target) {
+        auto& to = *static_cast<Target*>(target);
+        const std::string block(data, size * count);
+        to.taken += block.size();
+        if (to.taken > to.most) {
+            return 0;
+        }
+        if (to.file < 0) {
+            to.text += block;
+            return block.size();
+        }
+        try {
+            write_all(to.file, block, "the archive");
+            return block.size();
+        } catch (const std::system_error&) {
+            to.failure = std::current_exception();
+            return 0;
+        }
+    }
+};
+
+Client::Client(const zqu::Config& cfg) : cfg_(cfg), urls_(cfg), curl_(curl_easy_init()) {}
+
+Client::~Client() {
+    curl_easy_cleanup(curl_);
+}
+
+std::string Client::fetch_id() {
+    const std::string url = urls_.hit_ini_url();
+    const Fd copy = memory_file(fetch_text(url));
+    const zqu::Config cfg = mirror_of(copy);
+    auto id = zqu::MirrorClient(cfg).fetch_defid();
+    if (!id) {
+        throw MirrorError(file_of(url) + " names no release");
+    }
+    return *std::move(id);
+}
+
+std::string Client::fetch_info_text(const std::string& id) {
+    return fetch_text(urls_.complete_ini_url(id));
+}
+
+zqu::CompleteInfo Client::read_info(const std::string& text, const std::string& id) const {
+    const Fd copy = memory_file(text);
+    const zqu::Config cfg = mirror_of(copy);
+    auto info = zqu::MirrorClient(cfg).fetch_complete_info("");  // libcurl would refuse a URL with some ids
+    if (!info) {
+        throw MirrorError(file_of(urls_.complete_ini_url(id)) + " names no archive or no digest");
+    }
+    if (info->defid.empty()) {
+        info->defid = id;
+    }
+    return *std::move(info);
+}
+
+void Client::download(const std::string& name, const std::string& path) {
+    const Fd file(path, O_WRONLY | O_CREAT | O_TRUNC);
+    Target target{largest_file, file.get()};
+    transfer(urls_.file_url(name), target);
+}
+
+std::string Client::fetch_text(const std::string& url) {
+    Target target{largest_ini};
+    transfer(url, target);
+    return std::move(target.text);
+}
+
+void Client::transfer(const std::string& url, Target& target) {
+    if (curl_ == nullptr) {
+        fail(url, "libcurl cannot be used");
+    }
+    require_usable_file(url, target.most);
+    was_https_ = false;
+    set_options(url, target);
+    const CURLcode result = curl_easy_perform(curl_);
+    if (target.failure) {
+        std::rethrow_exception(target.failure);
+    }
+    if (result == CURLE_FILESIZE_EXCEEDED || target.taken > target.most) {
+        fail_too_long(url, target.most);
+    }
+    if (result != CURLE_OK) {
+        fail(url, reason_of(result));
+    }
+    curl_off_t modified = -1;
+    curl_easy_getinfo(curl_, CURLINFO_FILETIME_T, &modified);
+    last_modified_ = modified < 0 ? std::nullopt : std::optional<std::int64_t>(modified);
+}
+
+// The daemon's options, to find what the daemon would find; then those of the tools.
+void Client::set_options(const std::string& url, Target& target) {
+    curl_easy_reset(curl_);
+    curl_easy_setopt(curl_, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl_, CURLOPT_WRITEFUNCTION, Target::write);
+    curl_easy_setopt(curl_, CURLOPT_WRITEDATA, &target);
+    curl_easy_setopt(curl_, CURLOPT_TIMEOUT, static_cast<long>(cfg_.http_timeout_s));
+    curl_easy_setopt(curl_, CURLOPT_FAILONERROR, 1L);
+    curl_easy_setopt(curl_, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(curl_, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_easy_setopt(curl_, CURLOPT_SSL_VERIFYHOST, 2L);
+    if (!cfg_.ca_path.empty()) {
+        curl_easy_setopt(curl_, CURLOPT_CAINFO, cfg_.ca_path.c_str());
+    }
+
+    curl_easy_setopt(curl_, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(target.most));
+    curl_easy_setopt(curl_, CURLOPT_FILETIME, 1L);
+    curl_prereq_callback before = [](void* client, char*, char*, int, int) {
+        return static_cast<Client*>(client)->before_request();
+    };
+    curl_easy_setopt(curl_, CURLOPT_PREREQFUNCTION, before);
+    curl_easy_setopt(curl_, CURLOPT_PREREQDATA, this);
+    curl_ssl_ctx_callback watch = [](CURL*, void* ssl_ctx, void* tls) {
+        static_cast<TlsWatch*>(tls)->attach(ssl_ctx);
+        return CURLE_OK;
+    };
+    curl_easy_setopt(curl_, CURLOPT_SSL_CTX_FUNCTION, watch);
+    curl_easy_setopt(curl_, CURLOPT_SSL_CTX_DATA, &tls_);
+    if (show_) {
+        curl_xferinfo_callback progress = [](void* client, curl_off_t, curl_off_t now, curl_off_t, curl_off_t) {
+            static_cast<Client*>(client)->show_(static_cast<std::uintmax_t>(now));
+            return 0;
+        };
+        curl_easy_setopt(curl_, CURLOPT_XFERINFOFUNCTION, progress);
+        curl_easy_setopt(curl_, CURLOPT_XFERINFODATA, this);
+        curl_easy_setopt(curl_, CURLOPT_NOPROGRESS, 0L);
+    }
+}
+
+std::string Client::effective_url() const {
+    const char* url = nullptr;
+    curl_easy_getinfo(curl_, CURLINFO_EFFECTIVE_URL, &url);
+    return url != nullptr ? url : "";
+}
+
+// Before each request of a transfer, those after redirects too.
+int Client::before_request() {
+    const std::string url = effective_url();
+    const bool https = part_of(url, CURLUPART_SCHEME) == "https";
+    const bool insecure = was_https_ && !https;
+    was_https_ = was_https_ || https;
+    if (insecure && std::find(insecure_.begin(), insecure_.end(), url) == insecure_.end()) {
+        insecure_.push_back(url);
+    }
+    return insecure && refuses_insecure_ ? CURL_PREREQFUNC_ABORT : CURL_PREREQFUNC_OK;
+}
+
+std::string Client::reason_of(int result) const {
+    const std::string reason = curl_easy_strerror(static_cast<CURLcode>(result));
+    if (result == CURLE_ABORTED_BY_CALLBACK && !insecure_.empty()) {
+        return "redirected from https to " + insecure_.back() + ", where anybody on the way can change the answer";
+    }
+    const std::string trouble =
+        result == CURLE_PEER_FAILED_VERIFICATION ? tls_.trouble(part_of(effective_url(), CURLUPART_HOST)) : "";
+    return trouble.empty() ? reason : reason + ": " + trouble;
+}
+
+std::vector<std::string> Client::warnings() const {
+    std::vector<std::string> found;
+    for (const std::string& url : insecure_) {
+        found.push_back("redirected from https to " + url + ": anybody on the way can change the answer");
+    }
+    const auto& end = chain_end();
+    const std::int64_t left = end ? end->epoch - std::time(nullptr) : 0;
+    if (end && left < std::int64_t{14} * 86400) {
+        found.push_back(
+            "the certificate "
+            " + end->subject + "
+            " of the mirror's chain ends at " +
+            utc_text(end->epoch) + ", in " + duration_text(left) + ": renew it");
+    }
+    return found;
+}
+
+}  // namespace zqu::tools

@@ -1,0 +1,97 @@
+// A client of a mirror for the operators' tools. It sends the daemon's requests and reads the INI files with the
+// daemon's code, but bounds every answer, observes what the daemon does not report, and throws the reason of a failure.
+//
+// One thread only: the libcurl handle is neither shared nor locked.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "config.hpp"
+#include "mirror_client.hpp"
+#include "tls.hpp"
+
+namespace zqu::tools {
+
+// The longest INI file and the largest archive that are taken, in bytes. The daemon bounds neither; its unit bounds
+// files by LimitFSIZE.
+inline constexpr std::uintmax_t largest_ini = 1 << 20;
+inline constexpr std::uintmax_t largest_file = std::uintmax_t{8} << 30;
+
+// The mirror's fault, or the network's. The text names the URL and the reason. It may hold any bytes from the mirror.
+struct MirrorError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Every member that fetches throws MirrorError when the transfer fails: "GET <URL>: <reason>", with libcurl's text and,
+// where TLS has refused a certificate, what is wrong with it; "longer than <n> bytes"; or "not a regular file" for a
+// file:// URL that leads to anything else. Throws std::system_error when this machine is at fault: no file in memory,
+// no room for a download.
+class Client {
+public:
+    // Keeps a reference to cfg, which must outlive the client and is read on every call.
+    explicit Client(const zqu::Config& cfg);
+    ~Client();
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    // From now on, a redirect from https to another scheme is a MirrorError, and no request goes there.
+    void refuse_insecure_redirects() { refuses_insecure_ = true; }
+
+    // Called with the bytes that have arrived, from time to time during a transfer.
+    void on_progress(std::function<void(std::uintmax_t)> show) { show_ = std::move(show); }
+
+    // The id that the hit INI names, never empty. Throws MirrorError "<file> names no release" also.
+    [[nodiscard]] std::string fetch_id();
+
+    // The text of the complete-info INI of the release id.
+    [[nodiscard]] std::string fetch_info_text(const std::string& id);
+
+    // What that text says, with id for an id that it does not name. Throws MirrorError "<file> names no archive or no
+    // digest".
+    [[nodiscard]] zqu::CompleteInfo read_info(const std::string& text, const std::string& id) const;
+
+    // Both together.
+    [[nodiscard]] zqu::CompleteInfo fetch_info(const std::string& id) { return read_info(fetch_info_text(id), id); }
+
+    // GETs the mirror's file name into the file at path, which is replaced, and not flushed. What has arrived stays
+    // there on failure.
+    void download(const std::string& name, const std::string& path);
+
+    // When the last file that was fetched was modified, in seconds since the Unix epoch, by its time or its
+    // Last-Modified (RFC 9110, section 8.8.2); no value when the server did not say.
+    [[nodiscard]] std::optional<std::int64_t> last_modified() const { return last_modified_; }
+
+    // Which of all certificates seen ends first.
+    [[nodiscard]] const std::optional<ChainEnd>& chain_end() const { return tls_.chain_end(); }
+
+    // What an administrator should know of the transfers so far: redirects from https to another scheme with their
+    // address, and a certificate that ends within 14 days.
+    [[nodiscard]] std::vector<std::string> warnings() const;
+
+private:
+    struct Target;
+    std::string fetch_text(const std::string& url);
+    void transfer(const std::string& url, Target& target);
+    void set_options(const std::string& url, Target& target);
+    [[nodiscard]] std::string reason_of(int result) const;
+    int before_request();
+    [[nodiscard]] std::string effective_url() const;
+
+    const zqu::Config& cfg_;
+    zqu::MirrorClient urls_;  // also initialises libcurl
+    void* curl_;              // the easy handle (CURL is void), or null when libcurl could not create one
+    TlsWatch tls_;
+    bool refuses_insecure_ = false;
+    bool was_https_ = false;               // the request before, in this transfer
+    std::vector<std::string> insecure_{};  // addresses that a redirect from https led to
+    std::optional<std::int64_t> last_modified_;
+    std::function<void(std::uintmax_t)> show_;
+};
+
+}  // namespace zqu::tools

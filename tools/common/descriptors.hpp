@@ -1,0 +1,66 @@
+// Owners of descriptors and of C handles; whole files.
+//
+// May be called from any thread. What fails throws std::system_error with the path and the reason.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+
+namespace zqu::tools {
+
+// Handle<T, free_function> is a std::unique_ptr that releases a handle of a C library by free_function.
+template <auto release>
+struct Release {
+    template <typename T>
+    void operator()(T* handle) const {
+        release(handle);
+    }
+};
+
+template <typename T, auto release>
+using Handle = std::unique_ptr<T, Release<release>>;
+
+// Owns an open descriptor; a negative one is none.
+class Fd {
+public:
+    explicit Fd(int fd) : fd_(fd) {}
+
+    // Opens path by open(2) with O_CLOEXEC; a file that flags create gets the permissions 0666 without the umask.
+    Fd(const std::filesystem::path& path, int flags);
+
+    Fd(Fd&& other) noexcept : fd_(other.release()) {}
+    Fd& operator=(Fd&&) = delete;
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    ~Fd();
+
+    [[nodiscard]] int get() const { return fd_; }
+    [[nodiscard]] int release();  // the caller owns it then
+
+private:
+    int fd_;
+};
+
+// Throws std::system_error with text and the reason that errno gives now.
+[[noreturn]] void fail_errno(const std::string& text);
+
+// Opens the regular file at path for reading. Throws for anything else, "<path> is not a regular file"; never waits for
+// a FIFO, and opens no device.
+[[nodiscard]] Fd open_regular(const std::filesystem::path& path);
+
+// Reads fd from where it stands to its end, or until the text is longer than most bytes. what names it in a failure.
+[[nodiscard]] std::string read_all(int fd, std::size_t most, const std::string& what);
+
+// Writes all of text. what names the file in a failure: "cannot write <what>".
+void write_all(int fd, const std::string& text, const std::string& what);
+
+// A file in memory with this content, which is readable at memory_path(). It stands at its beginning.
+[[nodiscard]] Fd memory_file(const std::string& text);
+[[nodiscard]] std::string memory_path(const Fd& file);
+
+}  // namespace zqu::tools

@@ -1,0 +1,62 @@
+// What the operators' programs have in common: start, command line, output, errors, progress.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <optional>
+#include <string>
+
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
+
+namespace zqu::tools {
+
+// The body of main(). Opens /dev/null for each standard descriptor that the caller has closed, and ignores SIGPIPE and
+// SIGXFSZ, so that writing fails instead. Returns what body returns. When body throws or standard output cannot be
+// written, says so in one line on standard error and returns failed. name is the program's.
+[[nodiscard]] int run_program(const char* name, int failed, const std::function<int()>& body);
+
+// Writes "<program>: ", text as printable() makes it, and a line end to standard error. A failure is ignored.
+void complain(const std::string& text);
+
+// Writes text to standard output at once. Throws std::system_error "cannot write to standard output".
+void print(const std::string& text);
+
+// Parses the command line. No value: go on. Otherwise the exit status: that of --help and --version, whose text is
+// printed, or wrong after report() was called with a line that says what is wrong.
+[[nodiscard]] std::optional<int> parse(CLI::App& app, int argc, char** argv, int wrong,
+                                       const std::function<void(const std::string&)>& report = complain);
+
+// Adds an option that gives a duration (parse_duration) of at least so many seconds to take(), in seconds.
+CLI::Option* add_duration(CLI::App& app, const std::string& name, std::function<void(std::int64_t)> take,
+                          const std::string& description, std::int64_t least = 0);
+
+// A line on standard error, if that is a terminal, about what lasts longer than a second: what it is, and how many
+// megabytes are done. For one thread at a time.
+class Progress {
+public:
+    Progress();
+    ~Progress() { clear(); }
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    // Begins something else; an empty text ends it. Clears the line.
+    void begin(const std::string& text);
+
+    // Shows how far it is.
+    void show(std::uintmax_t bytes);
+
+    // Clears the line, for other output.
+    void clear();
+
+private:
+    const bool on_terminal_;
+    bool shown_ = false;
+    std::string text_;
+    timespec begun_{};
+};
+
+}  // namespace zqu::tools

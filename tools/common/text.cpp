@@ -1,0 +1,173 @@
+#include "text.hpp"
+
+#include <unictype.h>
+#include <unistr.h>
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+#include <map>
+
+namespace zqu::tools {
+
+namespace {
+
+constexpr std::int64_t minute = 60;
+constexpr std::int64_t hour = 60 * minute;
+constexpr std::int64_t day = 24 * hour;
+
+struct Character {
+    ucs4_t code = 0;
+    std::size_t length = 0;  // in bytes; 0: no UTF-8 there
+};
+
+Character decode(const std::string& text, std::size_t position) {
+    Character found;
+    if (position < text.size()) {
+        const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data()) + position;
+        const int length = u8_mbtoucr(&found.code, bytes, text.size() - position);
+        found.length = static_cast<std::size_t>(std::max(length, 0));
+    }
+    return found;
+}
+
+// The length in bytes of the invisible character beyond ASCII that text has at position; 0 when there is none.
+std::size_t invisible_at(const std::string& text, std::size_t position) {
+    const auto [code, length] = decode(text, position);
+    const bool invisible = code >= 0x80 && (uc_is_property_default_ignorable_code_point(code) ||
+                                            uc_is_general_category_withtable(
+                                                code, UC_CATEGORY_MASK_Z | UC_CATEGORY_MASK_Cc | UC_CATEGORY_MASK_Cf));
+    return invisible ? length : 0;
+}
+
+bool is_ascii_text(char c) {
+    return c >= 0x20 && c <= 0x7E;
+}
+
+std::string pair_text(std::int64_t large, const char* large_unit, std::int64_t small, const char* small_unit) {
+    const std::string text = std::to_string(large) + large_unit;
+    return small == 0 ? text : text + " " + std::to_string(small) + small_unit;
+}
+
+}  // namespace
+
+std::string without_invisible(std::string text) {
+    while (const std::size_t length = invisible_at(text, 0)) {
+        text.erase(0, length);
+    }
+    std::size_t end = 0;
+    for (std::size_t i = 0; i < text.size();) {
+        const std::size_t invisible = invisible_at(text, i);
+        i += invisible != 0 ? invisible : 1;
+        end = invisible != 0 ? end : i;
+    }
+    return text.substr(0, end);
+}
+
+std::string as_utf8(const std::string& text) {
+    std::string out;
+    for (std::size_t i = 0; i < text.size();) {
+        const std::size_t length = decode(text, i).length;
+        out += length == 0 ? std::string("\xEF\xBF\xBD") : text.substr(i, length);
+        i += std::max<std::size_t>(length, 1);
+    }
+    return out;
+}
+
+std::string printable(const std::string& text) {
+    std::string out;
+    for (std::size_t i = 0; i < text.size();) {
+        const auto [code, length] = decode(text, i);
+        const bool good = length > 1 ? invisible_at(text, i) == 0 : length == 1 && is_ascii_text(text[i]);
+        for (const std::size_t end = i + std::max<std::size_t>(length, 1); i < end; ++i) {
+            out += good ? text.substr(i, 1) : "\\x" + hex(text.substr(i, 1), "0123456789ABCDEF");
+        }
+    }
+    return out;
+}
+
+std::string quoted(const std::string& text) {
+    return '"' + printable(text) + '"';
+}
+
+std::string excerpt(const std::string& text) {
+    constexpr std::size_t most = 80;
+    if (text.size() <= most) {
+        return quoted(text);
+    }
+    std::size_t end = most;
+    while ((static_cast<unsigned char>(text[end]) & 0xC0) == 0x80 && end > most - 4) {
+        --end;  // not in the middle of a character
+    }
+    return quoted(text.substr(0, end)) + "...";
+}
+
+std::string shown(const std::string& text) {
+    constexpr std::size_t most = 200;
+    std::string result;
+    for (const char c : text.substr(0, most)) {
+        result += is_ascii_text(c) && c != '\\' && c != '|' ? std::string(1, c) : "\\x" + hex(std::string(1, c));
+    }
+    return text.size() > most ? result + "..." : result;
+}
+
+std::string shell_line(const std::string& command, const std::vector<std::string>& paths) {
+    std::string line = command + " --";
+    for (const std::string& path : paths) {
+        if (!std::all_of(path.begin(), path.end(), is_ascii_text)) {
+            return "";
+        }
+        line += " '";
+        for (const char c : path) {
+            line += c == '\'' ? "'\\''" : std::string(1, c);
+        }
+        line += "'";
+    }
+    return line;
+}
+
+std::string hex(const std::string& bytes, const char* digits) {
+    std::string text;
+    for (const char c : bytes) {
+        const auto byte = static_cast<unsigned char>(c);
+        text = text + digits[byte >> 4] + digits[byte & 0x0F];
+    }
+    return text;
+}
+
+std::optional<std::int64_t> parse_duration(const std::string& text) {
+    static const std::map<std::string, std::int64_t> units{{"", 1},     {"s", 1},   {"m", minute},
+                                                           {"h", hour}, {"d", day}, {"w", 7 * day}};
+    const std::size_t digits = std::min(text.find_first_not_of("0123456789"), text.size());
+    const auto unit = units.find(text.substr(digits));
+    if (digits == 0 || digits > 10 || unit == units.end()) {
+        return std::nullopt;
+    }
+    return std::stoll(text.substr(0, digits)) * unit->second;
+}
+
+std::string duration_text(std::int64_t seconds) {
+    if (seconds < minute) {
+        return std::to_string(seconds) + " s";
+    }
+    if (seconds < hour) {
+        return pair_text(seconds / minute, " min", seconds % minute, " s");
+    }
+    if (seconds < day) {
+        return pair_text(seconds / hour, " h", seconds % hour / minute, " min");
+    }
+    return pair_text(seconds / day, " d", seconds % day / hour, " h");
+}
+
+std::string utc_text(std::int64_t epoch) {
+    const std::time_t time = epoch;
+    std::tm broken_down{};
+    std::array<char, 64> text{};
+    if (gmtime_r(&time, &broken_down) == nullptr ||
+        std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S UTC", &broken_down) == 0) {
+        return "@" + std::to_string(epoch);
+    }
+    return text.data();
+}
+
+}  // namespace zqu::tools
