@@ -8,11 +8,12 @@ from builds import REPOSITORY
 from tools import Tool
 
 VERSION = re.search(r"project\(\S+ VERSION (\S+)", (REPOSITORY / "CMakeLists.txt").read_text())[1]
-DURATION = "{} is no duration, such as 90, 15m, 4h or 2d"
+DURATION = "{} is not a duration, such as 90, 5m, 2h, 1d or 1w"
 AGE = "must be a number and s, m, h, d or w"
 # Command lines, with what is said of them.
 REFUSED = {
     "zqu-mirror": "A subcommand is required",
+    "zqu-mirror frob": "there is no command frob",
     "zqu-mirror publish m a b": "--id is required",
     "zqu-mirror publish --id 1 https://mirror.example a b": "MIRROR: must be a folder",
     "zqu-mirror prune ''": "MIRROR: must be a folder",
@@ -31,7 +32,7 @@ REFUSED = {
     "zqu-config check --online --timeout 0": "--timeout: Value 0 not in range 1 to 86400",
     "zqu-config check a b": "The following argument was not expected: b",
     "zqu-status --warn-age x": "--warn-age: " + DURATION.format("x"),
-    "zqu-status --crit-age 5w": "--crit-age: " + DURATION.format("5w"),
+    "zqu-status --crit-age 5y": "--crit-age: " + DURATION.format("5y"),
     "zqu-status --warn-check 5mm": "--warn-check: " + DURATION.format("5mm"),
     "zqu-status --crit-check 12345678901": "--crit-check: " + DURATION.format("12345678901"),
     "zqu-status --json --nagios": "--json excludes --nagios",
@@ -51,9 +52,9 @@ def test_wrong_command_line_is_refused(tmp_path, line):
 
 
 # The commands of each tool, what its help says of the exit status, and the end when output is lost.
-FULL = "cannot write to standard output"
+FULL = "cannot write to standard output: No space left on device"
 HELP = {
-    "zqu-config": (["check", "show"], "", (2, "cannot write the output")),
+    "zqu-config": (["check", "show"], "", (2, FULL)),
     "zqu-mirror": (["publish", "mirror", "prune", "check"], "Exit status: 0 done", (1, FULL)),
     "zqu-status": ([], "Exit status: 0 ok, 1 warning, 2 critical, 3 unknown", (3, FULL)),
 }
@@ -75,7 +76,7 @@ def test_settings_that_cannot_be_written_are_a_failure(tmp_path):
     (tmp_path / "conf").touch()
     assert Tool("zqu-config").into_full_device("show", tmp_path / "conf") == (
         2,
-        "zqu-config: cannot write the output\n",
+        f"zqu-config: {FULL}\n",
     )
 
 

@@ -1,12 +1,14 @@
 """Everything that can be wrong before the first request: certificates, protocols, the handshake, the way there."""
 
 import ipaddress
+import re
 import ssl
 
 import pytest
 from certificates import CLIENTS_ONLY, DAY, Issuer
 from cryptography import x509
 from scripted_server import cut, finish, hello_answer, receive, reset
+from tools import Tool
 from trials import NO_HANDSHAKE, UNTRUSTED
 
 BAD_AUTHORITIES = "Problem with the SSL CA cert (path? access rights?)"
@@ -19,15 +21,37 @@ def issuer(authority):
     return Issuer.of_trustme(authority)
 
 
-# What is wrong with the certificate of a mirror: how its context is made by an issuer, in a directory.
+# What is wrong with the certificate of a mirror: how its context is made by an issuer, in a directory; what the tools say
+# of it.
 BAD_CERTIFICATES = {
-    "unknown_authority": lambda issuer, folder: Issuer.unknown().context(folder, HERE),
-    "self_signed": lambda issuer, folder: issuer.context(folder, HERE, self_signed=True),
-    "expired": lambda issuer, folder: issuer.context(folder, HERE, starts=-2 * DAY, ends=-DAY),
-    "not_yet_valid": lambda issuer, folder: issuer.context(folder, HERE, starts=DAY, ends=2 * DAY),
-    "missing_intermediate": lambda issuer, folder: issuer.below().context(folder, HERE, with_chain=False),
-    "issued_by_a_leaf": lambda issuer, folder: issuer.below(is_authority=False).context(folder, HERE),
-    "for_clients_only": lambda issuer, folder: issuer.context(folder, HERE, usage=CLIENTS_ONLY),
+    "unknown_authority": (
+        lambda issuer, folder: Issuer.unknown().context(folder, HERE),
+        "mirror's certificate comes from an authority that is not trusted",
+    ),
+    "self_signed": (
+        lambda issuer, folder: issuer.context(folder, HERE, self_signed=True),
+        "mirror's certificate is self-signed",
+    ),
+    "expired": (
+        lambda issuer, folder: issuer.context(folder, HERE, starts=-2 * DAY, ends=-DAY),
+        "mirror's certificate has expired",
+    ),
+    "not_yet_valid": (
+        lambda issuer, folder: issuer.context(folder, HERE, starts=DAY, ends=2 * DAY),
+        "mirror's certificate is not valid yet",
+    ),
+    "missing_intermediate": (
+        lambda issuer, folder: issuer.below().context(folder, HERE, with_chain=False),
+        "mirror's certificate comes from an authority that is not trusted",
+    ),
+    "issued_by_a_leaf": (
+        lambda issuer, folder: issuer.below(is_authority=False).context(folder, HERE),
+        "certificate of the mirror's authorities is refused: [a-zA-Z ]+",
+    ),
+    "for_clients_only": (
+        lambda issuer, folder: issuer.context(folder, HERE, usage=CLIENTS_ONLY),
+        "mirror's certificate is refused: [a-zA-Z ]+",
+    ),
 }
 # Names in a certificate that are not the mirror's, by the address or name that it has in the configuration.
 BAD_NAMES = {
@@ -47,10 +71,24 @@ def address_by(trial, host):
     trial.gateway.settings["mirror_base_url"] = f"https://{host}:{trial.server.port}"
 
 
+def said_by_tools(trial):
+    """What zqu-mirror says of the mirror; zqu-config must say the same."""
+    config = trial.gateway.config_path
+    settings = trial.gateway.settings
+    words = ["--subdir", settings["mirror_subdir"], "--ca", settings["ca_path"], settings["mirror_base_url"]]
+    lines = [line.split(None, 1)[1] for line in Tool("zqu-mirror")("check", *words)[1].splitlines()]
+    findings = Tool("zqu-config")("check", "--online", config)[1]
+    said = [line for line in lines if "certificate" in line]
+    assert [line for line in said if line not in findings] == []
+    return said
+
+
 @pytest.mark.parametrize("wrong", BAD_CERTIFICATES)
 def test_bad_certificate_is_refused_before_anything_is_asked(trial, issuer, tmp_path, wrong):
-    trial.server.context = BAD_CERTIFICATES[wrong](issuer, tmp_path)
+    trial.server.context = BAD_CERTIFICATES[wrong][0](issuer, tmp_path)
     trial.fail("hit", UNTRUSTED)
+    fault = rf"{UNTRUSTED}: (the|a) {BAD_CERTIFICATES[wrong][1]} \(subject \"CN=.*\", names .*, issuer \".*\"\); .+"
+    assert re.search(fault, said_by_tools(trial)[0])
     assert trial.server.targets() == []
     trial.heal()
 
@@ -63,6 +101,23 @@ def test_name_that_only_resembles_the_mirrors_is_refused(trial, issuer, tmp_path
         trial.fail("hit", UNTRUSTED)
     assert trial.server.targets() == []
     trial.heal()
+
+
+def test_tools_name_the_names_of_another_hosts_certificate(trial, issuer, tmp_path):
+    trial.server.context = issuer.context(tmp_path, [x509.DNSName(f"{i}.example") for i in range(7)])
+    names = ", ".join(f"DNS:{i}.example" for i in range(5)) + ", ..."
+    [said] = said_by_tools(trial)
+    assert re.search(rf"is for another host than 127.0.0.1 \(subject .*, names {re.escape(names)}, valid from", said)
+
+
+def test_tools_warn_before_a_certificate_ends(trial, issuer, tmp_path):
+    for days, said in ((13, 1), (15, 0)):
+        trial.server.context = issuer.context(tmp_path, HERE, ends=days * DAY)
+        warnings = said_by_tools(trial)
+        assert len(warnings) == said
+        assert all(
+            re.fullmatch('the certificate "CN=leaf" .* ends at .* UTC, in 12 d 23 h: renew it', w) for w in warnings
+        )
 
 
 def limited(context, **attributes):
