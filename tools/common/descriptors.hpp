@@ -15,7 +15,7 @@ namespace zqu::tools {
 
 // Handle<T, free_function> is a std::unique_ptr that releases a handle of a C library by free_function.
 template <auto release>
-struct Release {
+struct Releaser {
     template <typename T>
     void operator()(T* handle) const {
         release(handle);
@@ -23,7 +23,7 @@ struct Release {
 };
 
 template <typename T, auto release>
-using Handle = std::unique_ptr<T, Release<release>>;
+using Handle = std::unique_ptr<T, Releaser<release>>;
 
 // Owns an open descriptor; a negative one is none.
 class Fd {
