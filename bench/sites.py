@@ -87,14 +87,23 @@ def write_definitions(path, size, compressible=True):
             file.write(chunk[: size - begin])
 
 
+def definitions(directory, size, compressible=True):
+    """Writes two definition files, together size bytes, three quarters of them in the first; returns their paths."""
+    files = {directory / "antivir.def": 0.75, directory / "aivsecon.def": 0.25}
+    for file, share in files.items():
+        write_definitions(file, int(size * share), compressible)
+    return list(files)
+
+
+def publishing(bench, root, files, release=ID):
+    """The command that publishes these two files."""
+    return [bench.build / "zqu-mirror", "publish", "--id", release, root, *files]
+
+
 def publish(bench, root, size, release=ID, compressible=True):
-    """Publishes definitions of size bytes, three quarters of them in the first file; returns the archive's size."""
-    files = []
-    for name, share in (("antivir.def", 0.75), ("aivsecon.def", 0.25)):
-        files.append(bench.directory / name)
-        write_definitions(files[-1], int(size * share), compressible)
-    command = [bench.build / "zqu-mirror", "publish", "--id", release, root, *files]
-    subprocess.run(command, check=True, capture_output=True)
+    """Publishes definitions of size bytes; returns the archive's size."""
+    files = definitions(bench.directory, size, compressible)
+    subprocess.run(publishing(bench, root, files, release), check=True, capture_output=True)
     for file in files:
         file.unlink()
     return next((root / SUBDIR).glob(f"*-{release}.cab")).stat().st_size

@@ -14,6 +14,7 @@ import compare  # noqa: E402
 import fleet  # noqa: E402
 import loop  # noqa: E402
 import measure  # noqa: E402
+import publish  # noqa: E402
 import startup  # noqa: E402
 import update  # noqa: E402
 from fleet import model  # noqa: E402
@@ -35,7 +36,7 @@ ROUNDS = {
     len(update.TITLES): update.SIZES.values(),
     len(check.TITLES): [check.ROUNDS],
     len(startup.TITLES): [startup.ROUNDS],
-    len(compare.NAMES): [*compare.UPDATES.values(), compare.CHECKS, compare.STARTS, compare.PEAKS],
+    len(compare.NAMES): [publish.ROUNDS, *compare.UPDATES.values(), compare.CHECKS, compare.STARTS, compare.PEAKS],
 }
 
 
