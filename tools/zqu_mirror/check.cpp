@@ -14,6 +14,8 @@
 namespace zqu::mirror_tool {
 
 namespace fs = std::filesystem;
+using tools::inspect;
+using tools::Inspection;
 
 namespace {
 

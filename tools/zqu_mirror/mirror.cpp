@@ -15,6 +15,7 @@
 namespace zqu::mirror_tool {
 
 namespace fs = std::filesystem;
+using tools::inspect;
 
 namespace {
 

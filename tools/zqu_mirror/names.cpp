@@ -59,16 +59,4 @@ std::string hit_name(const std::string& flavor) {
     return "antivir-" + flavor + "-hit.ini";
 }
 
-std::string index_name(const std::string& flavor) {
-    return "antivir-" + flavor + ".ini";
-}
-
-std::string antivir_name(const std::string& flavor) {
-    return "antivir-" + flavor + ".def";
-}
-
-std::string aivsecon_name(const std::string& flavor) {
-    return "aivsecon-" + flavor + ".def";
-}
-
 }  // namespace zqu::mirror_tool

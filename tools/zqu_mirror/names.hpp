@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "inspect.hpp"
+
 namespace zqu::mirror_tool {
 
 // Why name cannot be an id or a flavor, for a usage error; empty when it can be.
@@ -27,9 +29,9 @@ namespace zqu::mirror_tool {
 // The hit INI, which names the current release.
 [[nodiscard]] std::string hit_name(const std::string& flavor);
 
-// The digest index inside an archive, and the two definition files.
-[[nodiscard]] std::string index_name(const std::string& flavor);
-[[nodiscard]] std::string antivir_name(const std::string& flavor);
-[[nodiscard]] std::string aivsecon_name(const std::string& flavor);
+// Inside an archive.
+using tools::aivsecon_name;
+using tools::antivir_name;
+using tools::index_name;
 
 }  // namespace zqu::mirror_tool

@@ -22,6 +22,8 @@
 namespace zqu::mirror_tool {
 
 namespace fs = std::filesystem;
+using tools::inspect;
+using tools::Inspection;
 
 namespace {
 
@@ -84,14 +86,15 @@ void add_release(const Options& options, const std::vector<Source>& sources, Wor
 }
 
 // Requires that the release, read as a client does, gives back the sources.
-zqu::CompleteInfo require_release(const Options& options, const std::vector<Source>& sources, bool known) {
+zqu::CompleteInfo require_release(const Options& options, const std::vector<Source>& sources, bool known, Run& run) {
     const zqu::Config cfg = client_config(options);
     zqu::CompleteInfo info = tools::Client(cfg).fetch_info(options.id);
     const fs::path archive = folder(options) / info.cab_name;
     if (info.defid != options.id || !zqu::verifier::verify(archive, info.sha256)) {
         fail(options.id + " is on the mirror, but its INI file and its archive do not match");
     }
-    Inspection found = inspect(archive, info.cab_name, options.flavor);
+    Inspection found = inspect(archive, info.cab_name, options.flavor,
+                               [&run](const auto& position) { run.phase("checking the archive", position); });
     for (const auto& source : sources) {
         if (found.digests[source.name] != source.digest) {
             fail(known ? options.id + " was published before with other content: take a new id"
@@ -134,7 +137,7 @@ void publish(const Options& options, Run& run) {
         throw;
     }
     std::for_each(sources.begin(), sources.end(), require_unchanged);
-    const zqu::CompleteInfo info = require_release(options, sources, known);
+    const zqu::CompleteInfo info = require_release(options, sources, known, run);
     place.make_current(options, options.id);
     run.phase("");
     report(options, info, known);

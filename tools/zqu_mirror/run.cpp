@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 #include <system_error>
+#include <utility>
 
 #include "failure.hpp"
 
@@ -55,11 +56,19 @@ void Run::step(const std::function<void()>& action) {
     action();
 }
 
-void Run::phase(const std::string& text, const fs::path& growing) {
+void Run::phase(const std::string& text, std::function<std::uintmax_t()> done) {
     const auto lock = hold();
     progress_.begin(text);
-    growing_ = growing;
     bytes_ = 0;
+    done_ = done ? std::move(done) : [this] { return bytes_.load(); };
+}
+
+void Run::phase(const std::string& text, const fs::path& growing) {
+    phase(text, [growing] {
+        std::error_code missing;
+        const std::uintmax_t size = fs::file_size(growing, missing);
+        return missing ? 0 : size;
+    });
 }
 
 // A signal is taken under the lock only, by whichever thread comes first: one that came before the commit wins.
@@ -79,7 +88,7 @@ void Run::watch() {
         pollfd arrival{arrivals_.get(), POLLIN, 0};
         poll(&arrival, 1, tick_ms);
         const auto lock = hold();
-        show_progress();
+        progress_.show(done_());
     }
 }
 
@@ -107,12 +116,6 @@ void Run::clean_up() {
     undo();
     scratch_.clear();
     made_.clear();
-}
-
-void Run::show_progress() {
-    std::error_code missing;
-    const std::uintmax_t size = growing_.empty() ? bytes_.load() : fs::file_size(growing_, missing);
-    progress_.show(missing ? 0 : size);
 }
 
 sigset_t Run::ending_signals() {

@@ -58,9 +58,10 @@ public:
     // it up. Without effect on what was committed.
     void clean_up();
 
-    // Names what is going on now; nothing is shown while text is empty. Its bytes are those told to advance(), or the
-    // size of the file that grows. Clears what is shown.
-    void phase(const std::string& text, const std::filesystem::path& growing = {});
+    // Names what is going on now; nothing is shown while text is empty. Its bytes are those given to advance(), what
+    // done() returns in any thread until the next phase, or the size of the file that grows. Clears what is shown.
+    void phase(const std::string& text, std::function<std::uintmax_t()> done = {});
+    void phase(const std::string& text, const std::filesystem::path& growing);
 
     // Adds to the bytes of the phase. Never ends the process.
     void advance(std::size_t bytes) { bytes_ += bytes; }
@@ -70,7 +71,6 @@ private:
     void watch();
     [[noreturn]] void end_by(int signal);
     void undo();
-    void show_progress();
     static sigset_t ending_signals();
 
     const sigset_t signals_ = ending_signals();
@@ -80,8 +80,8 @@ private:
     std::filesystem::path scratch_;
     bool committed_ = false;
     tools::Progress progress_;
-    std::filesystem::path growing_;
     std::atomic<std::uintmax_t> bytes_{0};
+    std::function<std::uintmax_t()> done_ = [] { return 0; };  // bytes of the phase
     std::atomic<bool> over_{false};
     std::thread watcher_;
 };

@@ -1,32 +1,31 @@
-#include "judge.hpp"
-
 #include <archive.h>
 #include <archive_entry.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <new>
 #include <set>
 #include <stdexcept>
+#include <system_error>
 
 #include "client.hpp"
 #include "descriptors.hpp"
-#include "files.hpp"
-#include "names.hpp"
+#include "digest.hpp"
+#include "inspect.hpp"
 #include "verifier.hpp"
 
-namespace zqu::mirror_tool {
+namespace zqu::tools {
 
 namespace {
 
 constexpr std::size_t block_size = 65536;
 constexpr std::size_t most_listed = 20;
-constexpr std::uintmax_t most_unpacked = 3 * tools::largest_file;
+constexpr std::uintmax_t most_unpacked = 3 * largest_file;
 
-using Reader = tools::Handle<archive, archive_read_free>;
+using Reader = Handle<archive, archive_read_free>;
 using Consume = std::function<void(const char*, std::size_t)>;
 
 // Why clients cannot unpack the archive.
@@ -35,6 +34,9 @@ struct Unusable : std::runtime_error {
 };
 
 [[noreturn]] void refuse(archive* reader) {
+    if (archive_errno(reader) == EIO) {  // of the disk here
+        throw std::system_error(EIO, std::generic_category(), "cannot read the archive");
+    }
     const char* reason = archive_error_string(reader);
     throw Unusable(reason != nullptr ? reason : "libarchive failed");
 }
@@ -60,7 +62,7 @@ std::uintmax_t stream(archive* reader, const std::string& name, const Consume& c
     int result = archive_read_data_block(reader, &block, &size, &offset);
     while (result == ARCHIVE_OK) {
         total += size;
-        if (total > tools::largest_file) {
+        if (total > largest_file) {
             throw Unusable(name + " is larger than a gateway accepts");
         }
         consume(static_cast<const char*>(block), size);
@@ -97,6 +99,9 @@ void require_possible(archive_entry* entry, const std::string& name) {
         throw Unusable("the link " + name + " leads nowhere");
     } else if (type == AE_IFCHR || type == AE_IFBLK) {
         throw Unusable(name + " is a device");
+    } else if (archive_entry_size_is_set(entry) != 0 &&
+               static_cast<std::uintmax_t>(archive_entry_size(entry)) > largest_file) {
+        throw Unusable(name + " is larger than a gateway accepts");
     }
 }
 
@@ -128,9 +133,15 @@ public:
     }
 
     void judge(Inspection& found) const {
-        const auto digests = judge_index(found);
+        // An index that clients cannot read would leave the definitions unchecked.
+        const auto index = wanted_.find(index_);
+        if (index != wanted_.end() && !index->second.trouble.empty()) {
+            found.remarks.push_back({"FAULT", index_ + " " + index->second.trouble});
+        }
+        const auto digests = zqu::verifier::parse_def_index(index != wanted_.end() ? index->second.text : "");
         for (const auto& name : names_) {
-            judge_definition(name, digests, found);
+            found.remarks.push_back(judge_definition(name, digests));
+            note_definition(name, found);
         }
         for (const auto& other : others_) {
             found.remarks.push_back({"warning", other + " is in the archive too: clients drop it"});
@@ -145,10 +156,6 @@ private:
         const char* path = archive_entry_pathname(entry);
         const std::string name = std::filesystem::path(path != nullptr ? path : "").filename();
         require_possible(entry, name);
-        if (archive_entry_size_is_set(entry) != 0 &&
-            static_cast<std::uintmax_t>(archive_entry_size(entry)) > tools::largest_file) {
-            throw Unusable(name + " is larger than a gateway accepts");
-        }
         if (name == index_ || name == names_[0] || name == names_[1]) {
             wanted_[name] = read_wanted(reader, entry, name);
             return;
@@ -169,66 +176,60 @@ private:
     }
 
     Wanted read_wanted(archive* reader, archive_entry* entry, const std::string& name) {
-        const mode_t mode = archive_entry_perm(entry);
+        const bool regular = archive_entry_filetype(entry) == AE_IFREG;
         const bool sized = archive_entry_size_is_set(entry) != 0;
         const auto stated = static_cast<std::uintmax_t>(archive_entry_size(entry));
         Wanted wanted;
-        wanted.mode = mode;
-        if (archive_entry_filetype(entry) != AE_IFREG) {
-            wanted.trouble = "is no regular file";
-        } else if ((mode & S_IRUSR) == 0) {
-            wanted.trouble = "has the mode " + in_octal(mode) + ": clients cannot read it";
-        }
+        wanted.mode = archive_entry_perm(entry);
         Sha256 digest;
-        const std::uintmax_t size = stream(reader, name, [&](const char* data, std::size_t count) {
-            digest.add(data, count);
-            if (name == index_ && wanted.text.size() <= tools::largest_ini) {
-                wanted.text.append(data, count);
+        const std::uintmax_t size = stream(reader, name, [&](const char* data, std::size_t length) {
+            digest.add(data, length);
+            if (name == index_ && wanted.text.size() <= largest_ini) {
+                wanted.text.append(data, length);
             }
         });
         count(size);
-        wanted.digest = digest.hex();
-        if (name == index_ && size > tools::largest_ini) {
-            wanted.trouble = "is longer than " + std::to_string(tools::largest_ini) + " bytes";
-        } else if (wanted.trouble.empty() && sized && size != stated) {
+        wanted.digest = digest.finish();
+        if (name == index_ && size > largest_ini) {
+            wanted.trouble = "is longer than " + std::to_string(largest_ini) + " bytes";
+        } else if (!regular) {
+            wanted.trouble = "is no regular file";
+        } else if ((wanted.mode & S_IRUSR) == 0) {
+            wanted.trouble = "has the mode " + in_octal(wanted.mode) + ": clients cannot read it";
+        } else if (sized && size != stated) {
             wanted.trouble = "has another size than the archive says";  // clients cut it, or fill it up with zeros
         }
         return wanted;
     }
 
-    // The digests that the index gives. An index that clients cannot read would leave the definitions unchecked.
-    [[nodiscard]] std::map<std::string, std::string> judge_index(Inspection& found) const {
-        const auto index = wanted_.find(index_);
-        if (index == wanted_.end()) {
-            return {};
-        }
-        if (!index->second.trouble.empty()) {
-            found.remarks.push_back({"FAULT", index_ + " " + index->second.trouble});
-        }
-        return zqu::verifier::parse_def_index(index->second.text);
-    }
-
-    void judge_definition(const std::string& name, const std::map<std::string, std::string>& digests,
-                          Inspection& found) const {
+    [[nodiscard]] Remark judge_definition(const std::string& name,
+                                          const std::map<std::string, std::string>& digests) const {
         const auto file = wanted_.find(name);
         const auto digest = digests.find(name);
         if (file == wanted_.end()) {
-            found.remarks.push_back({"FAULT", name + " is not in the archive"});
-        } else if (!file->second.trouble.empty()) {
-            found.remarks.push_back({"FAULT", name + " " + file->second.trouble});
-        } else if (digest == digests.end()) {
-            found.remarks.push_back({"warning", name + " has no digest in the index: clients take it unchecked"});
-        } else if (digest->second != file->second.digest) {
-            found.remarks.push_back({"FAULT", name + " does not have the digest that the index gives"});
-        } else {
-            found.remarks.push_back({"ok", name + " has the digest that the index gives"});
+            return {"FAULT", name + " is not in the archive"};
         }
-        if (file != wanted_.end() && file->second.trouble.empty()) {
-            found.digests[name] = file->second.digest;
-            if ((file->second.mode & S_IRGRP) == 0) {
-                found.remarks.push_back({"warning", name + " has the mode " + in_octal(file->second.mode) +
-                                                        ": other users of a gateway cannot read it"});
-            }
+        if (!file->second.trouble.empty()) {
+            return {"FAULT", name + " " + file->second.trouble};
+        }
+        if (digest == digests.end()) {
+            return {"warning", name + " has no digest in the index: clients take it unchecked"};
+        }
+        return digest->second == file->second.digest
+                   ? Remark{"ok", name + " has the digest that the index gives"}
+                   : Remark{"FAULT", name + " does not have the digest that the index gives"};
+    }
+
+    // What holds of a definition file that clients can read.
+    void note_definition(const std::string& name, Inspection& found) const {
+        const auto file = wanted_.find(name);
+        if (file == wanted_.end() || !file->second.trouble.empty()) {
+            return;
+        }
+        found.digests[name] = file->second.digest;
+        if ((file->second.mode & S_IRGRP) == 0) {
+            found.remarks.push_back({"warning", name + " has the mode " + in_octal(file->second.mode) +
+                                                    ": other users of a gateway cannot read it"});
         }
     }
 
@@ -241,6 +242,18 @@ private:
 };
 
 }  // namespace
+
+std::string index_name(const std::string& flavor) {
+    return "antivir-" + flavor + ".ini";
+}
+
+std::string antivir_name(const std::string& flavor) {
+    return "antivir-" + flavor + ".def";
+}
+
+std::string aivsecon_name(const std::string& flavor) {
+    return "aivsecon-" + flavor + ".def";
+}
 
 Inspection judge(int fd, const std::string& name, const std::string& flavor) {
     Inspection found;
@@ -257,4 +270,4 @@ Inspection judge(int fd, const std::string& name, const std::string& flavor) {
     return found;
 }
 
-}  // namespace zqu::mirror_tool
+}  // namespace zqu::tools
