@@ -13,7 +13,7 @@ from pathlib import Path
 
 import pytest
 from gateway import Gateway
-from mirror_tool import DOTS_RULE, NAME_RULE, SUBDIR, WORK, cab, change_info, noise, run
+from mirror_tool import DOTS_RULE, NAME_RULE, SUBDIR, WORK, cab, change_info, clean_report, noise, run
 from outcomes import published
 from release import HIT, info_name, sha256
 from tools import under_strace
@@ -21,19 +21,6 @@ from tools import under_strace
 CAB_CAPACITY = 65535 * 32768
 FORMATS = {"cab": [], "zip": ["--zip"]}
 FIRST, SECOND, INDEX = "antivir-v2.def", "aivsecon-v2.def", "antivir-v2.ini"
-
-
-def clean_report(id, archive, data):
-    """The lines of a check that finds nothing."""
-    return [
-        f"ok       {HIT} names {id}",
-        f"ok       {info_name(id)} names {archive}",
-        f"ok       {archive} can be downloaded: {len(data)} bytes",
-        f"ok       {archive} has the digest {sha256(data)}",
-        f"ok       {archive} can be unpacked",
-        f"ok       {FIRST} has the digest that the index gives",
-        f"ok       {SECOND} has the digest that the index gives",
-    ]
 
 
 def expect_clean(own, id, extension="cab"):
@@ -306,80 +293,3 @@ def test_file_that_changes_while_it_is_read_is_refused(own, case):
         line = "the archive does not hold what was read" if in_secret else f"{own.antivir} changed while it was read"
         assert stopped.finish() == (1, "", f"zqu-mirror: {line}\n")
     assert own.seen() == before
-
-
-# ---- Checking ----
-
-
-@pytest.fixture
-def temporary(tmp_path):
-    """An environment with a directory for temporaries, which must be empty in the end."""
-    path = tmp_path / "temp"
-    path.mkdir()
-    yield {**os.environ, "TMPDIR": str(path)}
-    assert os.listdir(path) == []
-
-
-def other_id(id, shown, reason):
-    return {"hit": f"defId = {id}\n"}, 0, 7, [f"ok       {HIT} names {shown}", f"FAULT    {reason}"]
-
-
-def other_name(name, shown, reason):
-    return {"name": name}, 1, 7, [f"ok       {info_name(7)} names {shown}", f"FAULT    {reason}"]
-
-
-UNCHECKED = "warning  {} has no digest in the index: clients take it unchecked"
-GET = "GET file://{{}}/{}: Couldn't read a file:// file"
-NOT_THE_DIGEST = "FAULT    {} does not have the digest that the index gives"
-ONLY_SECOND = f"{SECOND}.sha256 = {sha256(b'two')}\n".encode()
-# How a mirror is made by hand, and which lines of the clean report others replace: from, to, the others.
-CHECKS = {
-    "nothing": ({}, 7, 7, []),
-    "other id": ({"defId": "8"}, 2, 2, ["warning  def.Current.defId is another id: 8"]),
-    "other size": ({"size": "5"}, 3, 3, ["warning  def.Current.size is another size: 5"]),
-    "one digest": (
-        {"entries": {INDEX: ONLY_SECOND, SECOND: b"two"}},
-        *(5, 6, [UNCHECKED.format(FIRST)]),
-    ),
-    "no index": ({"entries": {INDEX: None}}, 5, 7, [UNCHECKED.format(FIRST), UNCHECKED.format(SECOND)]),
-    "no id": ({"hit": "[Current]\n"}, 0, 7, [f"FAULT    {HIT} names no release"]),
-    "no info": other_id("9", "9", GET.format(info_name(9))),
-    "no name": ({"name": None}, 1, 7, [f"FAULT    {info_name(7)} names no archive or no digest"]),
-    "no archive": other_name("y.zip", "y.zip", GET.format("y.zip")),
-    "name a path": other_name("../y.zip", "../y.zip", "the archive's name is a path: ../y.zip"),
-    "id makes no URL": other_id("7\x1b[2J\rok", "7\\x1B[2J\\x0Dok", "the id makes no URL: 7\\x1B[2J\\x0Dok"),
-    "id with delete": other_id("7\x7f7", "7\\x7F7", "the id makes no URL: 7\\x7F7"),
-    "id a path": other_id("a/b", "a/b", "the id is a path: a/b"),
-    "other digest": ({"SHA256": "00"}, 3, 7, ["FAULT    x.zip does not have the digest 00"]),
-    "second damaged": ({"entries": {SECOND: b"bad"}}, 6, 7, [NOT_THE_DIGEST.format(SECOND)]),
-}
-
-
-@pytest.mark.parametrize("case", CHECKS)
-def test_check_reports_faults_and_warnings(own, temporary, case):
-    """A fault is what a client fails on, with the exit status 1. What it bears is at most a warning."""
-    made, start, end, others = CHECKS[case]
-    clean = clean_report("7", "x.zip", own.make_by_hand(**made))
-    lines = [*clean[:start], *(line.format(own.folder) for line in others), *clean[end:]]
-    fault = any(line.startswith("FAULT") for line in lines)
-    assert own.check(env=temporary) == (int(fault), "".join(f"{line}\n" for line in lines), "")
-
-
-@pytest.mark.parametrize("id", [".", ".."])
-def test_id_of_dots_is_a_fault_though_its_files_are_there(own, id):
-    own.make_by_hand(id=id, hit=f"defId = {id}\n")
-    assert own.check() == (1, f"ok       {HIT} names {id}\nFAULT    the id is a path: {id}\n", "")
-
-
-def test_mirror_behind_https_is_checked_with_its_authority(own, nginx, mirror, temporary):
-    own.root = mirror.folder
-    own.folder = own.root / SUBDIR
-    assert own.publish("20240131.007")[0] == 0
-    url = f"{nginx.url()}/{mirror.subdir}"
-    checked = own.check("--ca", nginx.ca_path, root=url, env=temporary)
-    assert checked == own.check() and checked[0] == 0
-    fault = f"FAULT    GET {url}/{SUBDIR}/antivir-{{}}-hit.ini: {{}}\n"
-    missing = fault.format("v9", "HTTP response code said error")
-    assert own.check("--ca", nginx.ca_path, "--flavor", "v9", root=url, env=temporary) == (1, missing, "")
-    unknown = fault.format("v2", "SSL peer certificate or SSH remote key was not OK")
-    assert own.check(root=url) == (1, unknown, "")

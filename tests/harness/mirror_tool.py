@@ -10,7 +10,7 @@ import time
 from mirrors import Mirror
 from outcomes import tree
 from raw_archives import Entry, zip_bytes
-from release import HIT, good_files, info_name
+from release import HIT, good_files, info_name, sha256
 from tools import Stopped, Tool
 
 run = Tool("zqu-mirror")
@@ -38,6 +38,19 @@ def change_info(mirror, id, **changes):
         line = "" if value is None else f"def.Current.{key}={value}\n"
         text = re.sub(rf"def.Current.{key} *=.*\n", lambda unused: line, text)
     mirror.write(info_name(id), text)
+
+
+def clean_report(id, archive, data):
+    """The lines of a check that finds nothing."""
+    return [
+        f"ok       {HIT} names {id}",
+        f"ok       {info_name(id)} names {archive}",
+        f"ok       {archive} can be downloaded: {len(data)} bytes",
+        f"ok       {archive} has the digest {sha256(data)}",
+        f"ok       {archive} can be unpacked",
+        f"ok       antivir-v2.def has the digest that the index gives",
+        f"ok       aivsecon-v2.def has the digest that the index gives",
+    ]
 
 
 class OwnMirror(Mirror):

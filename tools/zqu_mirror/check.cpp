@@ -1,104 +1,190 @@
 #include "check.hpp"
 
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
+#include <ctime>
+#include <exception>
 #include <filesystem>
+#include <stdexcept>
 #include <string>
+#include <system_error>
 
 #include "client.hpp"
+#include "digest.hpp"
 #include "failure.hpp"
 #include "inspect.hpp"
 #include "names.hpp"
+#include "text.hpp"
 #include "verifier.hpp"
 
 namespace zqu::mirror_tool {
 
 namespace fs = std::filesystem;
-using tools::inspect;
-using tools::Inspection;
+using tools::Verdict;
 
 namespace {
 
-bool report(Run& run, const std::string& verdict, const std::string& text) {
-    run.phase("");  // clears the progress, and says nothing more once a signal is ending the run
-    say(verdict + std::string(9 - verdict.size(), ' ') + text);
-    return verdict != "FAULT";
-}
+// A FAULT that was reported, and after which there is nothing to be checked.
+struct Ended {};
 
-fs::path make_temp(Run& run) {
-    return run.make_scratch([] {
-        std::string path = fs::absolute(fs::temp_directory_path()) / "zqu-mirror-XXXXXX";
-        if (mkdtemp(path.data()) == nullptr) {
-            fail_errno("cannot create a folder like " + path);
+class Check {
+public:
+    Check(const Options& options, Run& run)
+        : options_(options), run_(run), cfg_(client_config(options)), client_(cfg_) {}
+
+    Found all() {
+        try {
+            release();
+        } catch (const Ended&) {  // and was reported
+        } catch (const tools::MirrorError& e) {
+            report(Verdict::critical, e.what());
         }
-        return fs::path(path);
-    });
-}
+        for (const auto& warning : client_.warnings()) {
+            report(Verdict::warning, warning);
+        }
+        found_.chain_end = client_.chain_end();
+        return found_;
+    }
 
-// Refuses what daemons would take for a path, or make no URL of. Says what it is.
-bool check_name(const std::string& what, const std::string& name, Run& run) {
-    if (name.find('/') != std::string::npos || name == "." || name == "..") {
-        return report(run, "FAULT", what + " is a path: " + name);
+private:
+    void report(Verdict verdict, const std::string& text) {
+        run_.phase("");  // clears the progress, and says nothing more once a signal is ending the run
+        found_.remarks.emplace_back(verdict, text);
+        if (options_.form == Form::text && !(options_.quiet && verdict == Verdict::ok)) {
+            const std::string word = word_of(verdict);
+            say(word + std::string(9 - word.size(), ' ') + text);
+        }
     }
-    if (std::any_of(name.begin(), name.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; })) {
-        return report(run, "FAULT", what + " makes no URL: " + name);
-    }
-    return true;
-}
 
-// Downloads the archive, and compares it with what the complete-info INI says of it.
-bool check_archive(tools::Client& client, const zqu::CompleteInfo& info, const fs::path& archive, Run& run) {
-    run.phase("downloading " + info.cab_name, archive);
-    client.download(info.cab_name, archive);
-    const std::string size = std::to_string(fs::file_size(archive));
-    report(run, "ok", info.cab_name + " can be downloaded: " + size + " bytes");
-    if (std::to_string(info.size) != size) {
-        report(run, "warning", "def.Current.size is another size: " + std::to_string(info.size));
+    void require(bool sound, const std::string& fault) {
+        if (!sound) {
+            report(Verdict::critical, fault);
+            throw Ended();
+        }
     }
-    if (!zqu::verifier::verify(archive, info.sha256)) {
-        return report(run, "FAULT", info.cab_name + " does not have the digest " + info.sha256);
-    }
-    return report(run, "ok", info.cab_name + " has the digest " + info.sha256);
-}
 
-bool check_entries(const Options& options, const std::string& name, const fs::path& archive, Run& run) {
-    run.phase("reading " + name);
-    const Inspection found = inspect(archive, name, options.flavor);
-    for (const auto& remark : found.remarks) {
-        report(run, remark.verdict, remark.text);
+    // Refuses what clients would take for a path, would make no URL of, or could not give the name of a file.
+    void require_name(const std::string& what, const std::string& name, const std::string& file) {
+        const auto control = [](unsigned char c) { return c < 0x20 || c == 0x7F; };
+        require(name.find('/') == std::string::npos && name != "." && name != "..", what + " is a path: " + name);
+        require(std::none_of(name.begin(), name.end(), control), what + " makes no URL: " + name);
+        require(file.size() <= NAME_MAX, what + " is too long for a file: " + name);
     }
-    return first_fault(found).empty();
-}
 
-bool check_release(tools::Client& client, const Options& options, Run& run) {
-    const std::string id = client.fetch_id();
-    report(run, "ok", hit_name(options.flavor) + " names " + id);
-    if (!check_name("the id", id, run)) {
-        return false;
+    void release() {
+        const std::string id = found_.id = client_.fetch_id();
+        report(Verdict::ok, hit_name(options_.flavor) + " names " + id);
+        require_name("the id", id, info_name(options_.flavor, id));
+        const std::string text = client_.fetch_info_text(id);
+        found_.published = client_.last_modified();
+        const zqu::CompleteInfo info = client_.read_info(text, id);
+        found_.archive = info.cab_name;
+        report(Verdict::ok, info_name(options_.flavor, id) + " names " + info.cab_name);
+        if (info.defid != id) {
+            report(Verdict::warning, "def.Current.defId is another id: " + info.defid);
+        }
+        judge_age();
+        require_name("the archive's name", info.cab_name, info.cab_name + ".part");  // as a client calls it
+        archive(info, text);
     }
-    const zqu::CompleteInfo info = client.fetch_info(id);
-    report(run, "ok", info_name(options.flavor, id) + " names " + info.cab_name);
-    if (info.defid != id) {
-        report(run, "warning", "def.Current.defId is another id: " + info.defid);
+
+    void judge_age() {
+        const std::string info = info_name(options_.flavor, found_.id);
+        const std::int64_t age = std::max<std::int64_t>(0, std::time(nullptr) - found_.published.value_or(0));
+        if (options_.max_age_s > 0 && !found_.published) {
+            report(Verdict::unknown, "the server gives no Last-Modified for " + info + ": its age is unknown");
+        } else if (options_.max_age_s > 0 && age > options_.max_age_s) {
+            const bool critical = age > 2 * options_.max_age_s;
+            report(critical ? Verdict::critical : Verdict::warning,
+                   "the release " + found_.id + " is " + tools::duration_text(age) + " old, more than " +
+                       tools::duration_text((critical ? 2 : 1) * options_.max_age_s));
+        }
     }
-    if (!check_name("the archive's name", info.cab_name, run)) {
-        return false;
+
+    void archive(const zqu::CompleteInfo& info, const std::string& info_text) {
+        const fs::path path = download(info.cab_name);
+        const std::string size = std::to_string(*found_.size);
+        report(Verdict::ok, info.cab_name + " can be downloaded: " + size + " bytes");
+        // A size behind all others counts only where there is no other.
+        if (info.size == 0 && client_.read_info(info_text + "\ndef.Current.size = 1", found_.id).size == 1) {
+            report(Verdict::warning, "def.Current.size is missing");
+        } else if (std::to_string(info.size) != size) {
+            report(Verdict::warning, "def.Current.size is another size: " + std::to_string(info.size));
+        }
+        if (!zqu::verifier::verify(path, info.sha256)) {
+            static_cast<void>(tools::sha256(path));  // throws when it is this machine that cannot read it
+            require(false, info.cab_name + " does not have the digest " + info.sha256);
+        }
+        report(Verdict::ok, info.cab_name + " has the digest " + info.sha256);
+        const auto inspection =
+            tools::inspect(path, info.cab_name, options_.flavor,
+                           [&](const tools::Position& position) { run_.phase("reading " + info.cab_name, position); });
+        for (const auto& [word, text] : inspection.remarks) {
+            report(word == "FAULT" ? Verdict::critical : word == "warning" ? Verdict::warning : Verdict::ok, text);
+        }
     }
-    // As a client calls it, for a name that is too long for a file.
-    const fs::path archive = make_temp(run) / (info.cab_name + ".part");
-    return check_archive(client, info, archive, run) && check_entries(options, info.cab_name, archive, run);
-}
+
+    // Where the archive is.
+    fs::path download(const std::string& name) {
+        const fs::path path = make_temporary() / "archive";
+        run_.phase("downloading " + name, path);
+        try {
+            client_.download(name, path);
+        } catch (const std::system_error& e) {
+            fail("cannot write " + path.string() + ": " + e.code().message() +
+                 "; name a directory with more room by TMPDIR");
+        }
+        found_.size = fs::file_size(path);
+        return path;
+    }
+
+    fs::path make_temporary() {
+        return run_.make_scratch([] {
+            std::string path = fs::absolute(fs::temp_directory_path()) / "zqu-mirror-XXXXXX";
+            if (mkdtemp(path.data()) == nullptr) {
+                fail_errno("cannot create a directory like " + path + "; name another one by TMPDIR");
+            }
+            return fs::path(path);
+        });
+    }
+
+    const Options& options_;
+    Run& run_;
+    const zqu::Config cfg_;
+    tools::Client client_;
+    Found found_;
+};
 
 }  // namespace
 
-bool check(const Options& options, Run& run) {
-    const zqu::Config cfg = client_config(options);
-    tools::Client client(cfg);
+int check(const Options& options, Run& run) {
+    Found found;
     try {
-        return check_release(client, options, run);
-    } catch (const tools::MirrorError& e) {
-        return report(run, "FAULT", e.what());
+        found = Check(options, run).all();
+    } catch (const std::exception& e) {
+        if (options.form != Form::prometheus) {
+            throw;
+        }
+        found.remarks.emplace_back(Verdict::unknown, e.what());
+        tools::complain(e.what());
     }
+    const std::int64_t now = std::time(nullptr);
+    run.phase("");
+    switch (options.form) {
+        case Form::text:
+            break;
+        case Form::json:
+            tools::print(json_form(options, found));
+            break;
+        case Form::nagios:
+            tools::print(nagios_form(options, found, now));
+            return tools::exit_status(verdict(found));
+        case Form::prometheus:
+            tools::print(prometheus_form(options, found, now));
+            return EXIT_SUCCESS;
+    }
+    return verdict(found) == Verdict::critical ? EXIT_FAILURE : EXIT_SUCCESS;
 }
 
 }  // namespace zqu::mirror_tool

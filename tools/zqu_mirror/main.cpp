@@ -2,32 +2,40 @@
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <string>
 
 #include "check.hpp"
 #include "mirror.hpp"
+#include "monitoring.hpp"
 #include "names.hpp"
 #include "options.hpp"
 #include "program.hpp"
 #include "prune.hpp"
 #include "publish.hpp"
 #include "run.hpp"
+#include "text.hpp"
 
 namespace {
 
 namespace fs = std::filesystem;
 using zqu::mirror_tool::age_s;
+using zqu::mirror_tool::Form;
 using zqu::mirror_tool::is_url;
 using zqu::mirror_tool::Options;
 using zqu::mirror_tool::Run;
 using zqu::mirror_tool::unusable_name;
 using zqu::mirror_tool::unusable_subdir;
 
-// Carries out a command; returns whether the exit status is to tell of success.
-using Command = bool (*)(const Options& options, Run& run);
+// Carries out a command; returns the exit status.
+using Command = int (*)(const Options& options, Run& run);
+
+constexpr int unknown_status = 3;            // of a plugin for Nagios
+constexpr std::int64_t longest_s = 2147483;  // that libcurl can wait, in its milliseconds
 
 constexpr const char* about =
     "Runs an internal mirror of antivirus definitions for zel_quorin_updater: publishes releases on it or copies them "
@@ -70,28 +78,27 @@ constexpr const char* about_prune =
 constexpr const char* about_check =
     "Reads the mirror as the daemon does, downloads the archive of the current release below $TMPDIR (/tmp), and\n"
     "prints one line per step: ok, warning (clients succeed all the same) or FAULT (clients fail, or cannot read the\n"
-    "index). The archive is read by a process without root's privileges, and not unpacked to disk.\n\n"
+    "index). The archive is read by a process without root's privileges, and not unpacked to disk. What goes wrong on\n"
+    "this machine, such as too little room, is no FAULT: one line on standard error says what it is.\n\n"
+    "--nagios exits with 0 ok, 1 warning, 2 critical (a FAULT) or 3 unknown, --prometheus with 0.\n\n"
     "Examples:\n"
     "  zqu-mirror check /srv/mirror\n"
-    "  zqu-mirror check --ca /etc/ssl/fleet-ca.pem https://mirror.example\n";
+    "  zqu-mirror check --ca /etc/ssl/fleet-ca.pem https://mirror.example\n"
+    "  zqu-mirror check --nagios --max-age 2d https://mirror.example\n";
 
-bool publish(const Options& options, Run& run) {
+int publish(const Options& options, Run& run) {
     zqu::mirror_tool::publish(options, run);
-    return true;
+    return EXIT_SUCCESS;
 }
 
-bool mirror(const Options& options, Run& run) {
+int mirror(const Options& options, Run& run) {
     zqu::mirror_tool::mirror(options, run);
-    return true;
+    return EXIT_SUCCESS;
 }
 
-bool prune(const Options& options, Run& run) {
+int prune(const Options& options, Run& run) {
     zqu::mirror_tool::prune(options, run);
-    return true;
-}
-
-bool check(const Options& options, Run& run) {
-    return zqu::mirror_tool::check(options, run);
+    return EXIT_SUCCESS;
 }
 
 void add_common(CLI::App& command, Options& options) {
@@ -169,15 +176,40 @@ void add_prune(CLI::App& app, Options& options, Command& chosen) {
 void add_check(CLI::App& app, Options& options, Command& chosen) {
     CLI::App* command = app.add_subcommand("check", "Check what clients find on a mirror");
     const auto no_mirror = [](const std::string& mirror) {
-        const bool web = mirror.rfind("http://", 0) == 0 || mirror.rfind("https://", 0) == 0;
-        return web || fs::is_directory(mirror) ? std::string() : std::string("must be a folder or an http(s) URL");
+        const std::string scheme = is_url(mirror) ? mirror.substr(0, mirror.find(':')) : "";
+        const bool url = scheme == "http" || scheme == "https" || scheme == "file";
+        return url || fs::is_directory(mirror) ? "" : std::string("must be a directory or an http, https or file URL");
     };
     add_common(*command, options);
     command->add_option("--ca", options.ca, "PEM file of the certificates to trust")->check(CLI::ExistingFile);
-    command->add_option("MIRROR", options.mirror, "Root folder of the mirror, or its URL: scheme and host")
+    zqu::tools::add_duration(
+        *command, "--timeout",
+        [&options](auto seconds) { options.timeout_s = static_cast<std::uint32_t>(std::min(seconds, longest_s)); },
+        "Time for one whole transfer", 1)
+        ->default_str("5m");
+    auto* quiet = command->add_flag("--quiet", options.quiet, "Print warnings and faults only");
+    const auto add_form = [&](const std::string& name, Form form, const std::string& what) {
+        return command
+            ->add_flag_callback(
+                name, [&options, form] { options.form = form; }, what)
+            ->excludes(quiet);
+    };
+    auto* json = add_form("--json", Form::json, "Print one JSON document");
+    auto* nagios = add_form("--nagios", Form::nagios, "Print one line for Nagios and the like")->excludes(json);
+    auto* prometheus = add_form("--prometheus", Form::prometheus, "Print metrics for Prometheus");
+    prometheus->excludes(json)->excludes(nagios);
+    zqu::tools::add_duration(
+        *command, "--max-age", [&options](auto seconds) { options.max_age_s = seconds; },
+        "An older release is a warning, one of twice this age critical", 1);
+    command->add_option("MIRROR", options.mirror, "Root directory of the mirror, or its URL: scheme and host")
         ->required()
         ->check(no_mirror);
-    command->callback([&chosen] { chosen = check; });
+    command->callback([&options, &chosen] {
+        if (options.max_age_s > 0 && options.form != Form::nagios && options.form != Form::prometheus) {
+            throw CLI::RequiresError("--max-age", "--nagios or --prometheus");
+        }
+        chosen = zqu::mirror_tool::check;
+    });
     command->footer(std::string(about_check) + "\n" + about_exit);
 }
 
@@ -186,10 +218,17 @@ int carry_out(Command command, Options options) {
     if (!is_url(options.mirror)) {
         options.mirror = fs::absolute(options.mirror);
     }
-    return command(options, run) ? EXIT_SUCCESS : EXIT_FAILURE;
+    return command(options, run);
 }
 
-int parse_and_carry_out(int argc, char** argv) {
+// Says in the form of a plugin for Nagios why there is no verdict.
+int unknown(const std::string& reason) {
+    using zqu::tools::Verdict;
+    zqu::tools::print(zqu::tools::nagios_line("MIRROR", Verdict::unknown, zqu::tools::shown(reason)));
+    return zqu::tools::exit_status(Verdict::unknown);
+}
+
+int parse_and_carry_out(int argc, char** argv, bool plugin) {
     constexpr int wrong_command_line = 2;
     Options options;
     Command chosen = nullptr;
@@ -201,7 +240,10 @@ int parse_and_carry_out(int argc, char** argv) {
     add_mirror(app, options, chosen);
     add_prune(app, options, chosen);
     add_check(app, options, chosen);
-    if (const auto status = zqu::tools::parse(app, argc, argv, wrong_command_line)) {
+    const auto refuse = [plugin](const std::string& text) {
+        plugin ? void(unknown(text)) : zqu::tools::complain(text);
+    };
+    if (const auto status = zqu::tools::parse(app, argc, argv, plugin ? unknown_status : wrong_command_line, refuse)) {
         return *status;
     }
     return carry_out(chosen, options);
@@ -212,5 +254,15 @@ int parse_and_carry_out(int argc, char** argv) {
 int main(int argc, char** argv) {
     umask(022);                         // the web server must be able to read it
     setenv("GIO_USE_VFS", "local", 1);  // no session bus, no helpers
-    return zqu::tools::run_program("zqu-mirror", EXIT_FAILURE, [&] { return parse_and_carry_out(argc, argv); });
+    const bool plugin = std::find(argv, argv + argc, std::string("--nagios")) != argv + argc;
+    return zqu::tools::run_program("zqu-mirror", plugin ? unknown_status : EXIT_FAILURE, [&] {
+        try {
+            return parse_and_carry_out(argc, argv, plugin);
+        } catch (const std::exception& e) {
+            if (!plugin) {
+                throw;
+            }
+            return unknown(e.what());
+        }
+    });
 }

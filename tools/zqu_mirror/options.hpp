@@ -12,6 +12,9 @@
 
 namespace zqu::mirror_tool {
 
+// What check prints.
+enum class Form { text, json, nagios, prometheus };
+
 // The options of all commands; each reads those it has.
 struct Options {
     std::string mirror;  // its root folder, absolute; or its URL, where a command takes one
@@ -31,6 +34,10 @@ struct Options {
     std::int64_t older_than_s = -1;  // the age from which releases go; -1 for no such rule
     std::int64_t grace_s = 3600;     // how long a client may be on its way
     bool dry_run = false;
+
+    Form form = Form::text;
+    bool quiet = false;
+    std::int64_t max_age_s = 0;  // of a release, for monitoring; 0 for no limit
 };
 
 // Whether mirror is a URL rather than a folder.

@@ -1,0 +1,432 @@
+"""zqu-mirror check: what it finds wrong with a mirror, what it does not blame on the mirror, and its forms."""
+
+import datetime
+import email.utils
+import ipaddress
+import json
+import os
+import re
+import subprocess
+import time
+
+import pytest
+from certificates import DAY, Issuer
+from cryptography import x509
+from gateway import SANITIZED, may_mount
+from mirror_tool import SUBDIR, clean_report, noise, run
+from raw_archives import Entry, zip_bytes
+from release import HIT, info_name, sha256
+from scripted_server import ScriptedServer, head, flood, reply, stall
+from tools import under_strace
+
+FIRST, SECOND, INDEX = "antivir-v2.def", "aivsecon-v2.def", "antivir-v2.ini"
+INFO = info_name("7")
+needs_mounts = pytest.mark.skipif(not may_mount(), reason="mounts file systems")
+
+
+@pytest.fixture
+def temporary(tmp_path):
+    """An environment with a directory for temporaries, which must be empty in the end."""
+    path = tmp_path / "temp"
+    path.mkdir()
+    yield {**os.environ, "TMPDIR": str(path)}
+    assert os.listdir(path) == []
+
+
+# ---- The mirror's faults ----
+
+
+def other_id(id, shown, reason):
+    return {"hit": f"defId = {id}\n"}, 0, 7, [f"ok       {HIT} names {shown}", f"FAULT    {reason}"]
+
+
+def other_name(name, shown, reason):
+    return {"name": name}, 1, 7, [f"ok       {INFO} names {shown}", f"FAULT    {reason}"]
+
+
+def other_size(size, reason):
+    return {"size": size}, 3, 3, [f"warning  def.Current.size is {reason}"]
+
+
+UNCHECKED = "warning  {} has no digest in the index: clients take it unchecked"
+GET = "GET file://{{}}/{}: Couldn't read a file:// file"
+NOT_THE_DIGEST = "FAULT    {} does not have the digest that the index gives"
+ONLY_SECOND = f"{SECOND}.sha256 = {sha256(b'two')}\n".encode()
+LONG = "x" * 251
+# How a mirror is made by hand, and which lines of the clean report others replace: from, to, the others.
+CHECKS = {
+    "nothing": ({}, 7, 7, []),
+    "other id": ({"defId": "8"}, 2, 2, ["warning  def.Current.defId is another id: 8"]),
+    "other size": other_size("5", "another size: 5"),
+    "no size": other_size(None, "missing"),
+    "size zero": other_size("0", "another size: 0"),
+    "one digest": (
+        {"entries": {INDEX: ONLY_SECOND, SECOND: b"two"}},
+        *(5, 6, [UNCHECKED.format(FIRST)]),
+    ),
+    "no index": ({"entries": {INDEX: None}}, 5, 7, [UNCHECKED.format(FIRST), UNCHECKED.format(SECOND)]),
+    "no id": ({"hit": "[Current]\n"}, 0, 7, [f"FAULT    {HIT} names no release"]),
+    "no info": other_id("9", "9", GET.format(info_name(9))),
+    "no name": ({"name": None}, 1, 7, [f"FAULT    {INFO} names no archive or no digest"]),
+    "no archive": other_name("y.zip", "y.zip", GET.format("y.zip")),
+    "name a path": other_name("../y.zip", "../y.zip", "the archive's name is a path: ../y.zip"),
+    "name too long": other_name(LONG, LONG, f"the archive's name is too long for a file: {LONG}"),
+    "id makes no URL": other_id("7\x1b[2J\rok", "7\\x1B[2J\\x0Dok", "the id makes no URL: 7\\x1B[2J\\x0Dok"),
+    "id with delete": other_id("7\x7f7", "7\\x7F7", "the id makes no URL: 7\\x7F7"),
+    "id a path": other_id("a/b", "a/b", "the id is a path: a/b"),
+    "other digest": ({"SHA256": "00"}, 3, 7, ["FAULT    x.zip does not have the digest 00"]),
+    "second damaged": ({"entries": {SECOND: b"bad"}}, 6, 7, [NOT_THE_DIGEST.format(SECOND)]),
+}
+
+
+@pytest.mark.parametrize("case", CHECKS)
+def test_check_reports_faults_and_warnings(own, temporary, case):
+    """A fault is what a client fails on, with the exit status 1. What it accepts is at most a warning."""
+    made, start, end, others = CHECKS[case]
+    clean = clean_report("7", "x.zip", own.make_by_hand(**made))
+    lines = [*clean[:start], *(line.format(own.folder) for line in others), *clean[end:]]
+    fault = any(line.startswith("FAULT") for line in lines)
+    for root in (own.root, f"file://{own.root}"):
+        assert own.check(root=root, env=temporary) == (int(fault), "".join(f"{line}\n" for line in lines), "")
+    quiet = [line for line in lines if not line.startswith("ok")]
+    assert own.check("--quiet", env=temporary) == (int(fault), "".join(f"{line}\n" for line in quiet), "")
+
+
+@pytest.mark.parametrize("id", [".", ".."])
+def test_id_of_dots_is_a_fault_though_its_files_are_there(own, id):
+    own.make_by_hand(id=id, hit=f"defId = {id}\n")
+    assert own.check() == (1, f"ok       {HIT} names {id}\nFAULT    the id is a path: {id}\n", "")
+
+
+def put_sparse(path):
+    path.write_bytes(b"")
+    os.truncate(path, (1 << 20) + 1)
+
+
+SPECIAL = {
+    "fifo": (os.mkfifo, "not a regular file"),
+    "device": (lambda path: path.symlink_to("/dev/null"), "not a regular file"),
+    "endless": (lambda path: path.symlink_to("/dev/zero"), "not a regular file"),
+    "directory": (os.mkdir, "not a regular file"),
+    "long": (put_sparse, "longer than 1048576 bytes"),
+}
+
+
+@pytest.mark.parametrize("kind", SPECIAL)
+@pytest.mark.parametrize("name", [HIT, INFO])
+def test_special_or_long_ini_is_a_fault_and_does_not_hang(own, temporary, name, kind):
+    own.make_by_hand()
+    make, reason = SPECIAL[kind]
+    own.path(name).unlink()
+    make(own.path(name))
+    for root in (own.root, f"file://{own.root}"):
+        code, out, err = own.check(root=root, env=temporary)
+        assert (code, out.splitlines()[-1], err) == (1, f"FAULT    GET file://{own.path(name)}: {reason}", "")
+
+
+# ---- The network ----
+
+
+class Served:
+    """A release by hand, on a scripted server."""
+
+    def __init__(self, own, scripted, *headers):
+        self.own, self.scripted, self.server = own, scripted, scripted.server
+        own.make_by_hand()
+        self.server.script = {
+            path.name: [reply(path.read_bytes(), "200 OK", *headers)] for path in own.folder.iterdir()
+        }
+
+    def check(self, *words, **options):
+        words = ["--subdir", "defs", "--ca", self.scripted.ca_path, *words]
+        return self.own.check(*words, root=self.scripted.url, **options)
+
+
+@pytest.fixture
+def served(own, scripted):
+    return Served(own, scripted)
+
+
+@pytest.mark.parametrize("name", [HIT, INFO])
+def test_endless_ini_from_a_server_is_a_fault(served, name):
+    served.server.script[name] = [head(), flood(b"x = y\n" * 10_000)]
+    code, out, err = served.check()
+    url = f"{served.scripted.url}/defs/{name}"
+    assert (code, out.splitlines()[-1], err) == (1, f"FAULT    GET {url}: longer than 1048576 bytes", "")
+
+
+@pytest.mark.parametrize("name", [HIT, INFO, "x.zip"])
+def test_redirect_to_plain_http_is_a_warning_with_its_address(served, name):
+    with ScriptedServer() as plain:
+        plain.script = {"aside": served.server.script[name]}
+        address = f"{plain.base()}/aside"
+        served.server.script[name] = [reply(b"", "302 Found", f"Location: {address}")]
+        code, out, err = served.check()
+    warning = f"warning  redirected from https to {address}: anybody on the way can change the answer"
+    assert (code, out.splitlines()[-1], out.count("warning"), err) == (0, warning, 1, "")
+
+
+def test_server_that_falls_silent_is_given_up_in_time(served):
+    served.server.script[INFO] = [stall]
+    code, out, err = served.check("--timeout", "1s")
+    assert (code, out.splitlines()[-1].split(": ")[-1], err) == (1, "Timeout was reached", "")
+
+
+HERE = [x509.IPAddress(ipaddress.ip_address("127.0.0.1"))]
+# How a server's context is made by an issuer, in a directory; and what the fault says.
+CERTIFICATES = {
+    "expired": (lambda issuer, path: issuer.context(path, HERE, starts=-2 * DAY, ends=-DAY), "has expired"),
+    "early": (lambda issuer, path: issuer.context(path, HERE, starts=DAY, ends=2 * DAY), "is not valid yet"),
+    "other host": (lambda issuer, path: issuer.context(path, []), "is for another host than 127.0.0.1"),
+    "self-signed": (lambda issuer, path: issuer.context(path, HERE, self_signed=True), "is self-signed"),
+    "unknown": (
+        lambda issuer, path: Issuer.unknown().context(path, HERE),
+        "comes from an authority that is not trusted",
+    ),
+}
+
+
+@pytest.mark.parametrize("case", CERTIFICATES)
+def test_certificate_that_is_refused_is_described(served, authority, tmp_path, case):
+    make, reason = CERTIFICATES[case]
+    served.server.context = make(Issuer.of_trustme(authority), tmp_path)
+    code, out, err = served.check()
+    fault = out.splitlines()[0]
+    assert (code, fault[:9], err) == (1, "FAULT    ", "")
+    assert f"the mirror's certificate {reason} (subject " in fault and "valid from" in fault and "issuer" in fault
+
+
+@pytest.mark.parametrize("days, warned", [(13, True), (15, False)])
+def test_certificate_that_ends_within_two_weeks_is_a_warning(served, authority, tmp_path, days, warned):
+    issuer = Issuer.of_trustme(authority)
+    served.server.context = issuer.context(tmp_path, HERE, ends=datetime.timedelta(days=days, hours=1))
+    code, out, err = served.check()
+    assert (code, out.count("warning"), err) == (0, int(warned), "")
+    assert (" of the mirror's chain ends at " in out.splitlines()[-1]) == warned
+    end = json.loads(served.check("--json")[1])["certificate_end_epoch"]
+    assert end // 86400 == (int(time.time()) + 3600) // 86400 + days
+
+
+def test_mirror_behind_https_is_checked_with_its_authority(own, nginx, mirror, temporary):
+    own.root = mirror.folder
+    own.folder = own.root / SUBDIR
+    assert own.publish("20240131.007")[0] == 0
+    url = f"{nginx.url()}/{mirror.subdir}"
+    checked = own.check("--ca", nginx.ca_path, root=url, env=temporary)
+    assert checked == own.check() and checked[0] == 0
+    missing = f"FAULT    GET {url}/{SUBDIR}/antivir-v9-hit.ini: HTTP response code said error\n"
+    assert own.check("--ca", nginx.ca_path, "--flavor", "v9", root=url, env=temporary) == (1, missing, "")
+
+
+# ---- What is wrong here ----
+
+CANNOT_WRITE = r"cannot write \S+/zqu-mirror-\S+/archive: {}; name a directory with more room by TMPDIR"
+MOUNT = ["unshare", "--mount", "sh", "-c", 'mount -t tmpfs -o "$0" none "$TMPDIR" && exec "$@"']
+# A prefix of the command, and what is said on standard error.
+LACKING = {
+    "room": ([*MOUNT, "size=100k"], CANNOT_WRITE.format("No space left on device")),
+    "inodes": (
+        [*MOUNT, "nr_inodes=1"],
+        r"cannot create a directory like \S+: No space left on device|"
+        r"cannot create a directory like \S+; name another one by TMPDIR: No space left on device",
+    ),
+    "inode": ([*MOUNT, "nr_inodes=2"], CANNOT_WRITE.format("No space left on device")),
+    "limit": (["prlimit", "--fsize=10000"], CANNOT_WRITE.format("File too large")),
+    "quota": (
+        ["strace", "-qq", "-f", "-o", "/dev/null", "-e", "inject=write:error=EDQUOT:when=5"],
+        CANNOT_WRITE.format("Disk quota exceeded"),
+    ),
+    "proc": (
+        ["unshare", "--mount", "sh", "-c", 'umount -l /proc && exec "$@"', "sh"],
+        "cannot read /proc/self/fd/[0-9]+: No such file or directory",
+    ),
+    "memory file": (
+        ["strace", "-qq", "-f", "-o", "/dev/null", "-e", "inject=memfd_create:error=ENFILE"],
+        "cannot create a file in memory: Too many open files in system",
+    ),
+    "memory": (
+        ["prlimit", f"--data={200 << 20}"],
+        "reading an archive takes 256 MiB of memory: raise the limits of ulimit -d and -v",
+    ),
+    "process": (
+        ["strace", "-qq", "-f", "-o", "/dev/null", "-e", "inject=clone,fork,vfork:error=EAGAIN"],
+        "cannot make a process: Resource temporarily unavailable",
+    ),
+}
+
+
+@pytest.mark.parametrize("case", LACKING)
+def test_what_is_lacking_here_is_no_fault_of_the_mirror(own, temporary, case):
+    prefix, reason = LACKING[case]
+    if prefix[0] == "unshare" and not may_mount():
+        pytest.skip("mounts file systems")
+    if case == "memory" and SANITIZED:
+        pytest.skip("the sanitizers' memory has no limit")
+    own.make_by_hand()
+    own.write("x.zip", zip_bytes([Entry(FIRST, noise(300_000, "room"))]))
+    own.announce("7", "x.zip")
+    environment = {**under_strace(), **temporary} if prefix[0] == "strace" else temporary
+    code, out, err = own.check(env=environment, prefix=prefix)
+    assert (code, "FAULT" in out) == (1, False)
+    assert re.fullmatch(f"zqu-mirror: (?:{reason})\n", err), err
+    code, out, err = own.check("--nagios", env=environment, prefix=prefix)
+    assert (code, err) == (3, "") and re.fullmatch(r"MIRROR UNKNOWN - \w.*\n", out)
+    code, out, err = own.check("--prometheus", env=environment, prefix=prefix)
+    assert (code, bool(re.search(r'^zelquorin_mirror_verdict{.*,verdict="unknown"} 1$', out, re.MULTILINE))) == (
+        0,
+        True,
+    )
+
+
+@needs_mounts
+def test_full_disk_under_a_mirror_is_no_fault_of_the_upstream(own, tmp_path):
+    own.make_by_hand()
+    own.write("x.zip", zip_bytes([Entry(FIRST, noise(300_000, "room"))]))
+    own.announce("7", "x.zip")
+    (tmp_path / "copy").mkdir()
+    prefix = [*MOUNT, "size=100k"]
+    environment = {**os.environ, "TMPDIR": str(tmp_path / "copy")}
+    code, out, err = run("mirror", f"file://{own.root}", tmp_path / "copy", prefix=prefix, env=environment)
+    assert (code, out) == (1, "") and re.fullmatch(r"zqu-mirror: cannot write .*: No space left on device\n", err), err
+
+
+FULL = "zqu-mirror: cannot write to standard output: No space left on device\n"
+
+
+@pytest.mark.parametrize("form, status", [("", 1), ("--json", 1), ("--prometheus", 1), ("--nagios", 3)])
+def test_output_that_cannot_be_written_is_a_failure(own, form, status):
+    own.make_by_hand()
+    assert run.into_full_device("check", *form.split(), own.root) == (status, FULL)
+
+
+# ---- Forms for monitoring systems ----
+
+
+def set_published(own, age_s):
+    moment = time.time() - age_s
+    os.utime(own.path(INFO), (moment, moment))
+
+
+HOUR = 3600
+# The age of the release in seconds, options, and the exit status, verdict, summary and limits.
+MONITORED = {
+    "no limit": (99 * HOUR, "", 0, "OK", "7 is current and sound, 4 d 3 h old", ";"),
+    "young": (HOUR, "--max-age 2h", 0, "OK", "7 is current and sound, 1 h old", "7200;14400"),
+    "old": (3 * HOUR, "--max-age 2h", 1, "WARNING", "the release 7 is 3 h old, more than 2 h", "7200;14400"),
+    "older": (5 * HOUR, "--max-age 2h", 2, "CRITICAL", "the release 7 is 5 h old, more than 4 h", "7200;14400"),
+    "in the future": (-9 * HOUR, "--max-age 1w", 0, "OK", "7 is current and sound, 0 s old", "604800;1209600"),
+}
+
+
+@pytest.mark.parametrize("case", MONITORED)
+def test_plugin_judges_the_age_of_the_release(own, case):
+    age, words, status, verdict, summary, limits = MONITORED[case]
+    own.make_by_hand()
+    set_published(own, age)
+    code, out, err = own.check("--nagios", *words.split())
+    assert (code, err) == (status, "")
+    match = re.fullmatch(rf"MIRROR {verdict} - {summary} \|age=(\d+)s;{limits};0\n", out)
+    assert match and int(match[1]) - max(age, 0) in range(60), out
+
+
+def test_plugin_names_the_worst_finding_first_and_three_at_most(own):
+    own.make_by_hand(entries={**{f"f{i}": b"" for i in range(5)}, FIRST: b"bad"}, defId="8")
+    code, out, err = own.check("--nagios")
+    assert (code, err) == (2, "")
+    fault = f"{FIRST} does not have the digest that the index gives"
+    rest = r"def.Current.defId is another id: 8; f0 is in the archive too: clients drop it; and 4 more"
+    assert re.fullmatch(rf"MIRROR CRITICAL - {fault}; {rest} \|age=\d+s;;;0\n", out)
+
+
+@pytest.mark.parametrize("words", ["", "--max-age 1d"])
+def test_age_is_unknown_only_if_asked_for_and_not_said(served, words):
+    code, out, err = served.check("--nagios", *words.split())
+    unknown = f"UNKNOWN - the server gives no Last-Modified for {INFO}: its age is unknown"
+    assert (code, out, err) == (
+        (3, f"MIRROR {unknown}\n", "") if words else (0, "MIRROR OK - 7 is current and sound\n", "")
+    )
+
+
+def test_age_over_the_network_is_that_of_last_modified(own, scripted):
+    modified = email.utils.formatdate(time.time() - 49 * HOUR, usegmt=True)
+    served = Served(own, scripted, f"Last-Modified: {modified}")
+    code, out, err = served.check("--nagios", "--max-age", "2d")
+    assert (code, out.split("|")[0], err) == (1, "MIRROR WARNING - the release 7 is 2 d 1 h old, more than 2 d ", "")
+
+
+def test_mirror_that_cannot_be_reached_is_critical(own, closed_port):
+    code, out, err = own.check("--nagios", root=f"https://127.0.0.1:{closed_port}")
+    assert (code, out.startswith("MIRROR CRITICAL - GET https://127.0.0.1:"), err) == (2, True, "")
+
+
+@pytest.mark.parametrize("words", ["", "--frob /", "--max-age 0 /", "--timeout 5x /", "/nonexistent", "--json /"])
+def test_plugin_with_a_wrong_command_line_is_unknown(words):
+    code, out, err = run("check", "--nagios", *words.split())
+    assert (code, err) == (3, "") and re.fullmatch(r"MIRROR UNKNOWN - .* \(see zqu-mirror --help\)\n", out)
+
+
+def metrics(own, *words):
+    """The samples, by name and labels but those of all; promtool has looked at them."""
+    code, out, err = own.check("--prometheus", *words)
+    assert (code, err) == (0, "")
+    done = subprocess.run(["promtool", "check", "metrics"], input=out, capture_output=True, text=True)
+    assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
+    here = f'mirror="{own.root}",flavor="v2"'
+    assert out.count(here) == len([line for line in out.splitlines() if line[0] != "#"])
+    found = dict(line.rpartition(" ")[::2] for line in out.splitlines() if line[0] != "#")
+    return {re.sub(rf"zelquorin_mirror_(.*){{{re.escape(here)},?(.*)}}", r"\1 \2", key): found[key] for key in found}
+
+
+@pytest.mark.parametrize("verdict", ["ok", "warning", "critical"])
+def test_metrics_are_written_whatever_the_verdict_is(own, verdict):
+    changes = {"ok": {}, "warning": {"defId": "8"}, "critical": {"SHA256": "00"}}[verdict]
+    size = len(own.make_by_hand(**changes))
+    os.utime(own.path(INFO), (1_900_000_000, 1_900_000_000))
+    found = metrics(own, "--max-age", "1d")
+    assert 0 <= time.time() - int(found.pop("observation_timestamp_seconds ")) < 60
+    assert found == {
+        **{f'verdict verdict="{name}"': "01"[name == verdict] for name in ("ok", "warning", "critical", "unknown")},
+        **{f'findings verdict="{name}"': "01"[name == verdict] for name in ("warning", "critical", "unknown")},
+        'release_info version="7"': "1",
+        "release_timestamp_seconds ": "1900000000",
+        "archive_size_bytes ": str(size),
+        'release_age_limit_seconds severity="warning"': "86400",
+        'release_age_limit_seconds severity="critical"': "172800",
+    }
+
+
+def test_metrics_of_an_empty_mirror_leave_out_what_is_unknown(own):
+    own.folder.mkdir(parents=True)
+    found = metrics(own)
+    assert found.pop("observation_timestamp_seconds ")
+    assert {key.split()[0] for key in found} == {"verdict", "findings"}
+    assert found['verdict verdict="critical"'] == "1"
+
+
+def test_json_is_one_document_of_the_same_lines(own):
+    made = {"nothing": {}, "size": {"size": None}, "fault": {"hit": "defId = \udcff\u202e\n"}}
+    for case, changes in made.items():
+        own.root = own.base / case
+        own.folder = own.root / SUBDIR
+        own.make_by_hand(**{key: value for key, value in changes.items() if key != "hit"})
+        if "hit" in changes:
+            own.write(HIT, changes["hit"].encode(errors="surrogateescape"))
+        else:
+            os.utime(own.path(INFO), (1_900_000_000, 1_900_000_000))
+        code, text, err = own.check()
+        answer, out, nothing = own.check("--json")
+        found = json.loads(out)
+        assert (answer, nothing) == (code, err) == (int(case == "fault"), "")
+        assert out.count("\n") == 1
+        assert "".join(f"{line['verdict']:9}{line['text']}\n" for line in found.pop("lines")) == text
+        known = case != "fault"
+        assert found == {
+            "mirror": str(own.root),
+            "flavor": "v2",
+            "verdict": {"nothing": "ok", "size": "warning", "fault": "FAULT"}[case],
+            "id": "7" if known else "\ufffd\u202e",
+            "archive": "x.zip" if known else None,
+            "size": own.size("x.zip") if known else None,
+            "published_epoch": 1_900_000_000 if known else None,
+            "certificate_end_epoch": None,
+        }
