@@ -150,11 +150,18 @@ def test_time_that_a_cab_cannot_hold_becomes_its_nearest(own, time, shown):
     assert re.search(rf"\| (.*) \| {FIRST}\n", done.stdout.decode())[1] == shown
 
 
-def test_progress_is_shown_on_a_terminal_and_cleared(own):
-    os.truncate(own.antivir, 200_000_000)
-    code, shown = run.on_terminal("stderr", *own.publishing("1"))
-    assert code == 0
-    assert re.fullmatch(rb"((\x1b\[Kzqu-mirror: [a-z ]+: \d+ MB\r)+\x1b\[K)+", shown)
+def test_each_part_of_a_publish_shows_its_progress_and_clears_it(own):
+    """Each 420th read of the files takes 1.6 seconds."""
+    own.antivir.write_bytes(os.urandom(1_000_000) * 30)
+    archives = [own.folder / WORK / "archive", own.path(cab("1"))]
+    paths = [word for path in (own.antivir, *archives) for word in ("-P", path)]
+    slow = ["strace", "-qq", "-f", "-o", "/dev/null", *paths, "-e", "inject=read:delay_enter=1600000:when=420+420"]
+    code, shown = run.on_terminal("stderr", *own.publishing("1"), prefix=slow, env=under_strace())
+    line = rb"\x1b\[Kzqu-mirror: ([a-z ]+): (\d+) MB\r"
+    assert code == 0 and re.fullmatch(rb"((%s)+\x1b\[K)+" % line, shown), shown
+    furthest = {part.decode(): int(megabytes) for part, megabytes in re.findall(line, shown)}
+    assert list(furthest) == ["reading the definitions", "packing", "reading the archive", "checking the archive"]
+    assert min(furthest.values()) > 0, furthest
 
 
 # ---- Refusals ----

@@ -47,11 +47,11 @@ class Tool:
         """The exit status and standard error where standard output has no room."""
         return self(*words, prefix=["sh", "-c", 'exec "$@" >/dev/full', "sh"])[::2]
 
-    def on_terminal(self, stream, *words, **options):
+    def on_terminal(self, stream, *words, prefix=(), **options):
         """The exit status, and what is written to a terminal in the place of one stream."""
         master, slave = pty.openpty()
         streams = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL, stream: slave}
-        process = subprocess.Popen([self.path, *words], **streams, **options)
+        process = subprocess.Popen([*prefix, self.path, *words], **streams, **options)
         os.close(slave)
         shown = b""
         try:

@@ -15,6 +15,7 @@
 
 #include "child.hpp"
 #include "descriptors.hpp"
+#include "digest.hpp"
 #include "text.hpp"
 
 namespace zqu::tools {
@@ -122,7 +123,11 @@ Inspection inspect(const std::filesystem::path& archive, const std::string& name
     if (!result.succeeded()) {
         throw std::runtime_error(result.output);
     }
-    return parse(result.output);
+    const Inspection found = parse(result.output);
+    if (!first_fault(found).empty()) {
+        static_cast<void>(sha256(archive));  // throws when the disk is at fault: libarchive may call that a short file
+    }
+    return found;
 }
 
 std::string first_fault(const Inspection& inspection) {

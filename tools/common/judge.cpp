@@ -2,14 +2,12 @@
 #include <archive_entry.h>
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <filesystem>
 #include <new>
 #include <set>
 #include <stdexcept>
-#include <system_error>
 
 #include "client.hpp"
 #include "descriptors.hpp"
@@ -34,9 +32,6 @@ struct Unusable : std::runtime_error {
 };
 
 [[noreturn]] void refuse(archive* reader) {
-    if (archive_errno(reader) == EIO) {  // of the disk here
-        throw std::system_error(EIO, std::generic_category(), "cannot read the archive");
-    }
     const char* reason = archive_error_string(reader);
     throw Unusable(reason != nullptr ? reason : "libarchive failed");
 }
