@@ -10,6 +10,7 @@ import subprocess
 import time
 
 import pytest
+from builds import REPOSITORY
 from certificates import DAY, Issuer
 from cryptography import x509
 from gateway import SANITIZED, may_mount
@@ -393,6 +394,13 @@ def test_metrics_are_written_whatever_the_verdict_is(own, verdict):
         'release_age_limit_seconds severity="warning"': "86400",
         'release_age_limit_seconds severity="critical"': "172800",
     }
+
+
+def test_page_names_every_metric(own, scripted):
+    served = Served(own, scripted, "Last-Modified: Sat, 21 Nov 2026 14:30:00 GMT")
+    out = served.check("--prometheus", "--max-age", "1d")[1]
+    page = (REPOSITORY / "docs" / "mirrors.md").read_text()
+    assert set(re.findall(r"^# TYPE (\w+) ", out, re.MULTILINE)) == set(re.findall(r"zelquorin_\w+", page))
 
 
 def test_metrics_of_an_empty_mirror_leave_out_what_is_unknown(own):

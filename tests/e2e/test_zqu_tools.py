@@ -21,7 +21,7 @@ REFUSED = {
     "zqu-mirror mirror /srv/mirror m": "UPSTREAM: must be an https or a file URL",
     "zqu-mirror check /nonexistent": "MIRROR: must be a directory or an http, https or file URL",
     "zqu-mirror check --max-age 1d /": "--max-age requires --nagios or --prometheus",
-    "zqu-mirror check --json --quiet /": "--json excludes --quiet",
+    "zqu-mirror check --json --quiet /": "--quiet excludes --json",
     "zqu-mirror check --json --prometheus /": "--json excludes --prometheus",
     "zqu-mirror prune --keep 0 m": "--keep: Value 0 not in range 1 to 1000000",
     "zqu-mirror prune --older-than 30 m": "--older-than: " + AGE,
