@@ -48,8 +48,8 @@ def clean_report(id, archive, data):
         f"ok       {archive} can be downloaded: {len(data)} bytes",
         f"ok       {archive} has the digest {sha256(data)}",
         f"ok       {archive} can be unpacked",
-        f"ok       antivir-v2.def has the digest that the index gives",
-        f"ok       aivsecon-v2.def has the digest that the index gives",
+        "ok       antivir-v2.def has the digest that the index gives",
+        "ok       aivsecon-v2.def has the digest that the index gives",
     ]
 
 

@@ -123,7 +123,7 @@ Inspection inspect(const std::filesystem::path& archive, const std::string& name
     if (!result.succeeded()) {
         throw std::runtime_error(result.output);
     }
-    const Inspection found = parse(result.output);
+    Inspection found = parse(result.output);
     if (!first_fault(found).empty()) {
         static_cast<void>(sha256(archive));  // throws when the disk is at fault: libarchive may call that a short file
     }

@@ -127,7 +127,7 @@ private:
 
     // Where the archive is.
     fs::path download(const std::string& name) {
-        const fs::path path = make_temporary() / "archive";
+        fs::path path = make_temporary() / "archive";
         run_.phase("downloading " + name, path);
         try {
             client_.download(name, path);
