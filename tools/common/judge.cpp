@@ -135,8 +135,7 @@ public:
         }
         const auto digests = zqu::verifier::parse_def_index(index != wanted_.end() ? index->second.text : "");
         for (const auto& name : names_) {
-            found.remarks.push_back(judge_definition(name, digests));
-            note_definition(name, found);
+            judge_definition(name, digests, found);
         }
         for (const auto& other : others_) {
             found.remarks.push_back({"warning", other + " is in the archive too: clients drop it"});
@@ -197,35 +196,29 @@ private:
         return wanted;
     }
 
-    [[nodiscard]] Remark judge_definition(const std::string& name,
-                                          const std::map<std::string, std::string>& digests) const {
-        const auto file = wanted_.find(name);
-        const auto digest = digests.find(name);
-        if (file == wanted_.end()) {
-            return {"FAULT", name + " is not in the archive"};
-        }
-        if (!file->second.trouble.empty()) {
-            return {"FAULT", name + " " + file->second.trouble};
-        }
-        if (digest == digests.end()) {
-            return {"warning", name + " has no digest in the index: clients take it unchecked"};
-        }
-        return digest->second == file->second.digest
-                   ? Remark{"ok", name + " has the digest that the index gives"}
-                   : Remark{"FAULT", name + " does not have the digest that the index gives"};
-    }
-
-    // What holds of a definition file that clients can read.
-    void note_definition(const std::string& name, Inspection& found) const {
-        const auto file = wanted_.find(name);
-        if (file == wanted_.end() || !file->second.trouble.empty()) {
+    void judge_definition(const std::string& name, const std::map<std::string, std::string>& digests,
+                          Inspection& found) const {
+        const auto remark = [&](const char* verdict, const std::string& text) {
+            found.remarks.push_back({verdict, name + " " + text});
+        };
+        const auto entry = wanted_.find(name);
+        if (entry == wanted_.end() || !entry->second.trouble.empty()) {
+            remark("FAULT", entry == wanted_.end() ? "is not in the archive" : entry->second.trouble);
             return;
         }
-        found.digests[name] = file->second.digest;
-        if ((file->second.mode & S_IRGRP) == 0) {
-            found.remarks.push_back({"warning", name + " has the mode " + in_octal(file->second.mode) +
-                                                    ": other users of a gateway cannot read it"});
+        const Wanted& file = entry->second;
+        const auto digest = digests.find(name);
+        if (digest == digests.end()) {
+            remark("warning", "has no digest in the index: clients take it unchecked");
+        } else if (digest->second != file.digest) {
+            remark("FAULT", "does not have the digest that the index gives");
+        } else {
+            remark("ok", "has the digest that the index gives");
         }
+        if ((file.mode & S_IRGRP) == 0) {
+            remark("warning", "has the mode " + in_octal(file.mode) + ": other users of a gateway cannot read it");
+        }
+        found.digests[name] = file.digest;
     }
 
     const std::string index_;

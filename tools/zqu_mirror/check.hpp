@@ -10,7 +10,6 @@
 #include "monitoring.hpp"
 #include "options.hpp"
 #include "run.hpp"
-#include "tls.hpp"
 
 namespace zqu::mirror_tool {
 
@@ -21,7 +20,7 @@ struct Found {
     std::string archive;                    // its name
     std::optional<std::uintmax_t> size;     // of the archive, in bytes
     std::optional<std::int64_t> published;  // the time of the complete-info INI, in seconds since the Unix epoch
-    std::optional<tools::ChainEnd> chain_end;
+    std::optional<std::int64_t> chain_end;  // when the part of the mirror's chain ends that ends first
 };
 
 // Downloads the archive of the current release to a scratch directory of the run below $TMPDIR or /tmp, checks it

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <array>
 #include <nlohmann/json.hpp>
 
 #include "check.hpp"
@@ -22,9 +21,10 @@ std::int64_t age_of(const Found& found, std::int64_t now) {
     return std::max<std::int64_t>(0, now - *found.published);
 }
 
+// null for what is not known.
 template <typename T>
-ordered_json known(const std::optional<T>& value) {
-    return value ? ordered_json(*value) : ordered_json(nullptr);
+ordered_json known(bool is_known, const T& value) {
+    return is_known ? ordered_json(value) : ordered_json(nullptr);
 }
 
 std::string summary(const Found& found, std::int64_t now) {
@@ -62,11 +62,11 @@ const char* word_of(Verdict verdict) {
 
 std::string json_form(const Options& options, const Found& found) {
     ordered_json object{{"mirror", options.mirror}, {"flavor", options.flavor}, {"verdict", word_of(verdict(found))}};
-    object["id"] = found.id.empty() ? ordered_json(nullptr) : ordered_json(found.id);
-    object["archive"] = found.archive.empty() ? ordered_json(nullptr) : ordered_json(found.archive);
-    object["size"] = known(found.size);
-    object["published_epoch"] = known(found.published);
-    object["certificate_end_epoch"] = found.chain_end ? ordered_json(found.chain_end->epoch) : ordered_json(nullptr);
+    object["id"] = known(!found.id.empty(), found.id);
+    object["archive"] = known(!found.archive.empty(), found.archive);
+    object["size"] = known(found.size.has_value(), found.size.value_or(0));
+    object["published_epoch"] = known(found.published.has_value(), found.published.value_or(0));
+    object["certificate_end_epoch"] = known(found.chain_end.has_value(), found.chain_end.value_or(0));
     object["lines"] = ordered_json::array();
     for (const auto& [verdict, text] : found.remarks) {
         object["lines"].push_back({{"verdict", word_of(verdict)}, {"text", tools::printable(text)}});
@@ -93,16 +93,9 @@ std::string prometheus_form(const Options& options, const Found& found, std::int
             out.sample(here, std::to_string(*value));
         }
     };
-    static constexpr std::array<Verdict, 4> all{Verdict::ok, Verdict::warning, Verdict::critical, Verdict::unknown};
     out.head("mirror_verdict", "The verdict on a mirror: 1 for this one, 0 for the others.");
-    for (const Verdict each : all) {
+    for (const Verdict each : {Verdict::ok, Verdict::warning, Verdict::critical, Verdict::unknown}) {
         out.sample(with("verdict", tools::name_of(each)), each == verdict(found) ? "1" : "0");
-    }
-    out.head("mirror_findings", "What a check of the mirror has found, by its verdict.");
-    for (const Verdict each : {Verdict::warning, Verdict::critical, Verdict::unknown}) {
-        const auto count = std::count_if(found.remarks.begin(), found.remarks.end(),
-                                         [each](const auto& remark) { return remark.first == each; });
-        out.sample(with("verdict", tools::name_of(each)), std::to_string(count));
     }
     if (!found.id.empty()) {
         out.head("mirror_release_info", "The release that the mirror names; always 1.");
@@ -111,7 +104,7 @@ std::string prometheus_form(const Options& options, const Found& found, std::int
     gauge("release_timestamp_seconds", "When the release was published.", found.published);
     gauge("archive_size_bytes", "Size of the release's archive.", found.size);
     gauge("certificate_end_timestamp_seconds", "When the first certificate of the mirror's chain ends.",
-          found.chain_end ? std::optional(found.chain_end->epoch) : std::nullopt);
+          found.chain_end);
     if (options.max_age_s > 0) {
         out.head("mirror_release_age_limit_seconds", "Age of the release from which on it is too old.");
         out.sample(with("severity", "warning"), std::to_string(limit_of(options).warning));
