@@ -235,11 +235,8 @@ std::vector<std::string> Client::warnings() const {
     const auto& end = chain_end();
     const std::int64_t left = end ? end->epoch - std::time(nullptr) : 0;
     if (end && left < std::int64_t{14} * 86400) {
-        found.push_back(
-            "the certificate "
-            " + end->subject + "
-            " of the mirror's chain ends at " +
-            utc_text(end->epoch) + ", in " + duration_text(left) + ": renew it");
+        found.push_back("the certificate \"" + end->subject + "\" of the mirror's chain ends at " +
+                        utc_text(end->epoch) + ", in " + duration_text(left) + ": renew it");
     }
     return found;
 }
