@@ -1,0 +1,101 @@
+// What zqu-config finds in a configuration, the checks that find it, and the user that they ask for.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "reading.hpp"
+
+namespace zqu::config_tool {
+
+// note: worth knowing. warning: the daemon runs, but maybe not as meant. error: updates, the status file or the daemon
+// itself fail.
+enum class Severity { note, warning, error };
+
+struct LineFinding {
+    Severity severity = Severity::note;
+    std::size_t line = 0;  // 0: about the file as a whole, or about a default
+    std::string text;      // one line, printable
+};
+
+struct Rule {
+    bool applies;
+    Severity severity;
+    std::string text;
+};
+
+// In the order of the lines, those without a line last; on one line in the order they came.
+class Findings {
+public:
+    void note(std::size_t line, const std::string& text) { add(Severity::note, line, text); }
+    void warning(std::size_t line, const std::string& text) { add(Severity::warning, line, text); }
+    void error(std::size_t line, const std::string& text) { add(Severity::error, line, text); }
+
+    // Adds the text of the first rule that applies, about key. Returns whether one does.
+    bool first(std::size_t line, const std::string& key, const std::vector<Rule>& rules);
+
+    [[nodiscard]] std::size_t count(Severity severity) const;
+
+    // Lines "FILE:LINE: severity: text", without a line number "FILE: severity: text", and the counts at the end.
+    [[nodiscard]] std::string as_text(const std::string& path) const;
+
+    // One JSON object and a line feed. Bytes of path that are not UTF-8 become U+FFFD.
+    [[nodiscard]] std::string as_json(const std::string& path) const;
+
+private:
+    void add(Severity severity, std::size_t line, const std::string& text);
+
+    std::vector<LineFinding> all_;
+};
+
+// Whom access is asked for. Only root can ask for another user; what a service manager forbids on top is not included.
+struct User {
+    std::string name;
+    uid_t uid = 0;
+    gid_t gid = 0;
+    bool is_service = false;  // the user that the daemon runs as
+    std::string remark;       // why it is the caller instead; empty when is_service
+
+    // Whether answers for this user say something about the daemon. Root's do when no such user is known.
+    [[nodiscard]] bool can_ask() const { return is_service || uid == 0; }
+};
+
+// The name of the user that this program runs as.
+[[nodiscard]] std::string caller();
+
+// The user called name, else "zel-quorin"; when there is none, or only root could ask for that user, the caller. Throws
+// std::invalid_argument when no user is called name.
+[[nodiscard]] User choose_user(const std::string& name);
+
+// For the mode of refusal(): the file system has a block and an inode left for the user.
+inline constexpr int room_too = 8;
+
+// 0 when user may do what mode (R_OK, W_OK, X_OK of access(2), room_too) says to path, links followed; else the errno.
+// Throws std::system_error when no child process can be made.
+[[nodiscard]] int refusal(const User& user, const std::string& path, int mode);
+
+// Turns this process into one of user, with all groups of user. Throws std::runtime_error when that fails.
+void become(const User& user);
+
+// What the daemon ignores in the lines, and reads otherwise than written.
+void check_lines(const Reading& reading, Findings& findings);
+
+// What the settings mean. Nothing on the disk is looked at.
+void check_values(const Reading& reading, Findings& findings);
+
+// Whether the paths can be used. Throws what refusal() throws.
+void check_paths(const Reading& reading, const User& user, Findings& findings);
+
+// Asks the mirror for its current release, as user, until the limit. Finds a note with the release or an error with the
+// reason, and warnings about redirects and certificates. The environment's proxies are those of this process. Shows
+// progress unless quiet. Throws std::system_error when no child process can be made.
+void check_online(const Reading& reading, const User& user, std::chrono::seconds limit, bool quiet, Findings& findings);
+
+// The path in a file:// URL; empty for other URLs.
+[[nodiscard]] std::string local_path(const std::string& url);
+
+}  // namespace zqu::config_tool

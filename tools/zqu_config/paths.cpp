@@ -1,0 +1,331 @@
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "descriptors.hpp"
+#include "findings.hpp"
+#include "settings.hpp"
+#include "text.hpp"
+
+namespace zqu::config_tool {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// What is at a path, links followed.
+struct At {
+    explicit At(const std::string& path) { error = stat(path.c_str(), &status) == 0 ? 0 : errno; }
+
+    [[nodiscard]] bool there() const { return error == 0; }
+    [[nodiscard]] bool is_directory() const { return there() && S_ISDIR(status.st_mode); }
+    [[nodiscard]] bool is_file() const { return there() && S_ISREG(status.st_mode); }
+
+    struct stat status {};
+    int error = 0;
+};
+
+bool is_link(const std::string& path) {
+    std::error_code ignored;
+    return fs::is_symlink(fs::symlink_status(path, ignored));
+}
+
+std::string reason(int error) {
+    return std::string(" (") + std::strerror(error) + ")";
+}
+
+// Without "." and "..", and without a slash at the end: for comparing texts of paths.
+fs::path plain(const std::string& path) {
+    const fs::path normal = fs::path(path).lexically_normal();
+    return normal.has_filename() ? normal : normal.parent_path();
+}
+
+// Whether path is the directory or lies below it.
+bool is_within(const std::string& path, const std::string& directory) {
+    const fs::path inner = plain(path);
+    const fs::path outer = plain(directory);
+    return std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first == outer.end();
+}
+
+bool is_same_file(const std::string& a, const std::string& b) {
+    std::error_code missing;
+    return plain(a) == plain(b) || fs::equivalent(a, b, missing);
+}
+
+// The longest part of the path that exists.
+std::string existing_part(const std::string& path) {
+    fs::path part = plain(path);
+    struct stat status {};
+    while (lstat(part.c_str(), &status) != 0 && part.has_relative_path()) {
+        part = part.parent_path();
+    }
+    return part.empty() ? "." : part.string();
+}
+
+void free_infos(STACK_OF(X509_INFO) * infos) {
+    sk_X509_INFO_pop_free(infos, X509_INFO_free);
+}
+
+// What is wrong with a file of certificates, read as libssl does; empty when libcurl can use it.
+std::string fault_of_certificates(const std::string& path) {
+    constexpr std::size_t most = 16 << 20;
+    const std::string text = tools::read_all(tools::open_regular(path).get(), most, path);
+    const tools::Handle<BIO, BIO_free> in(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+    const tools::Handle<STACK_OF(X509_INFO), free_infos> infos(
+        PEM_X509_INFO_read_bio(in.get(), nullptr, nullptr, nullptr));
+    ERR_clear_error();
+    for (int i = 0; infos && i < sk_X509_INFO_num(infos.get()); ++i) {
+        if (sk_X509_INFO_value(infos.get(), i)->x509 != nullptr) {
+            return "";
+        }
+    }
+    return infos ? " holds no PEM certificate" : " is damaged";
+}
+
+// A path of the configuration: its key, or empty for the file itself, and the line that has set it.
+struct ConfiguredPath {
+    std::string key;
+    std::string path;
+    std::size_t line = 0;
+
+    [[nodiscard]] std::string start() const { return key + (key.empty() ? "" : ": ") + tools::quoted(path); }
+};
+
+struct Paths {
+    const Reading& reading;
+    const User& user;
+    Findings& findings;
+    const zqu::Config& cfg = reading.cfg;
+
+    void check_configuration() {
+        const std::string unreadable = why_not(reading.path, R_OK);
+        if (!unreadable.empty()) {
+            findings.error(0, "user " + user.name + " may not read the file" + unreadable +
+                                  ": the daemon would go by its defaults");
+        }
+        const std::string directory = fs::absolute(reading.path).parent_path();
+        check_writers({"", reading.path});
+        check_writers({"", directory});
+        const bool sticky = (At(directory).status.st_mode & S_ISVTX) != 0;  // others' files cannot be replaced there
+        if (user.is_service && user.uid != 0 &&
+            (refusal(user, reading.path, W_OK) == 0 || (!sticky && refusal(user, directory, W_OK | X_OK) == 0))) {
+            findings.warning(0, "user " + user.name + ", whom the daemon runs as, can change or replace the file");
+        }
+    }
+
+    void check_ca() {
+        const ConfiguredPath place = place_of("ca_path", cfg.ca_path);
+        const At at(place.path);
+        if (place.path.empty() || is_hidden(place, access(place.path.c_str(), R_OK) == 0 ? 0 : errno)) {
+            return;
+        }
+        std::string fault;
+        if (!at.is_file()) {
+            fault = at.there() ? " is not a regular file" : " cannot be examined" + reason(at.error);
+        } else {
+            check_absolute(place);
+            check_writers(place);
+            fault = why_not(place.path, R_OK);
+            fault = fault.empty() ? fault_of_certificates(place.path) : " cannot be read by user " + user.name + fault;
+        }
+        if (!fault.empty()) {
+            error(place, fault + ": no transfer over https succeeds");
+        }
+    }
+
+    void check_root() {
+        const ConfiguredPath place = place_of("def_root", cfg.def_root);
+        if (place.path.empty() || plain(place.path) == "/") {
+            const std::string what = place.path.empty() ? "def_root: empty" : place.start();
+            findings.error(place.line, what + ": the definitions lie in /snapshots; name a directory of their own");
+            return;
+        }
+        check_absolute(place);
+        check_directory(place);
+        if (!At(place.path).is_directory()) {
+            return;
+        }
+        const ConfiguredPath snapshots = place_of("def_root", cfg.def_root + "/snapshots");
+        if (At(snapshots.path).error != ENOENT || is_link(snapshots.path)) {
+            check_directory(snapshots);
+        }
+        for (const std::string name : {"/active", "/active.tmp"}) {
+            const ConfiguredPath link = place_of("def_root", cfg.def_root + name);
+            if (At(link.path).is_directory() && !is_link(link.path)) {
+                error(link, " is a directory: no release can be put into service");
+            }
+        }
+    }
+
+    void check_status() {
+        const ConfiguredPath place = place_of("status_path", cfg.status_path);
+        if (place.path.empty()) {
+            findings.warning(place.line, "status_path: empty: no status file is written");
+            return;
+        }
+        check_absolute(place);
+        const zqu::Config defaults;
+        if (!is_same_file(cfg.def_root, defaults.def_root) && is_within(place.path, defaults.def_root)) {
+            const std::size_t line = place.line != 0 ? place.line : reading.line("def_root");
+            findings.warning(line, place.start() + " does not follow def_root, which is elsewhere");
+        }
+        if (is_within(cfg.def_root, place.path)) {
+            error(place, " is def_root or contains it: no status file is written");
+        } else {
+            check_status_place(place);
+            check_status_file(place);
+        }
+    }
+
+    // What the service unit forbids on top, which nothing on the disk shows. It is that of the default file only.
+    void check_unit() {
+        const std::string of_status = fs::path(cfg.status_path).parent_path();
+        check_writable_in_unit(place_of("def_root", cfg.def_root), cfg.def_root);
+        check_writable_in_unit(place_of("status_path", cfg.status_path),
+                               is_within(of_status, cfg.def_root) ? "" : of_status);
+        for (const ConfiguredPath& place :
+             {place_of("ca_path", cfg.ca_path), place_of("mirror_base_url", local_path(cfg.mirror_base_url))}) {
+            for (const std::string hidden : {"/home", "/root", "/run/user", "/tmp", "/var/tmp"}) {
+                if (is_within(place.path, hidden)) {
+                    warning(place, " is hidden from the service, as all of " + hidden + " is");
+                }
+            }
+        }
+    }
+
+    // A directory that the daemon writes into, and makes at its start when it is missing.
+    void check_directory(const ConfiguredPath& place) {
+        const At at(place.path);
+        if (at.error == ENOENT && !is_link(place.path)) {
+            const std::string existing = existing_part(place.path);
+            const std::string refused =
+                At(existing).is_directory() ? why_not(existing, W_OK | X_OK | room_too) : reason(ENOTDIR);
+            if (refused.empty()) {
+                note(place, " is missing: the daemon makes it");
+            } else {
+                error(place,
+                      " is missing, and user " + user.name + " cannot make it in " + tools::quoted(existing) + refused);
+            }
+        } else if (at.error != 0 && !is_hidden(place, at.error)) {
+            error(place, " cannot be examined" + reason(at.error));
+        } else if (at.there() && !at.is_directory()) {
+            error(place, " is no directory");
+        } else if (at.there()) {
+            require_writable(place, W_OK | X_OK | room_too);
+            check_writers(place);
+        }
+    }
+
+    // Writing there would break what lies there.
+    void check_status_place(const ConfiguredPath& place) {
+        for (const std::string name : {"/active", "/active.tmp", "/snapshots"}) {
+            if (is_within(place.path, cfg.def_root + name)) {
+                error(place, " is in the way of " + tools::quoted(cfg.def_root + name));
+            }
+        }
+        if (is_same_file(place.path, reading.path)) {
+            error(place, " is the configuration: the daemon would overwrite it");
+        }
+        if (!cfg.ca_path.empty() && is_same_file(place.path, cfg.ca_path)) {
+            error(place, " is the file of ca_path: the daemon would overwrite it");
+        }
+    }
+
+    void check_status_file(const ConfiguredPath& place) {
+        const At at(place.path);
+        if (is_hidden(place, at.error)) {
+            return;
+        }
+        if (at.is_directory() || place.path.back() == '/') {
+            error(place, " is a directory: no status file is written");
+        } else if (at.there() && S_ISFIFO(at.status.st_mode)) {
+            error(place, " is a FIFO: the daemon waits for a reader");
+        } else if (at.there() && !at.is_file()) {
+            warning(place, " is not a regular file");
+        } else if (at.there()) {
+            require_writable(place, W_OK);
+        } else {
+            const std::string directory = fs::path(place.path).parent_path();
+            check_directory({place.key, directory.empty() ? "." : directory, place.line});
+        }
+    }
+
+    void check_writable_in_unit(const ConfiguredPath& place, const std::string& directory) {
+        const zqu::Config defaults;
+        if (!directory.empty() && directory.front() == '/' && !is_within(directory, defaults.def_root)) {
+            note(place, " needs a drop-in of the unit to be written by the service: ReadWritePaths=" + directory);
+        }
+    }
+
+    void check_absolute(const ConfiguredPath& place) {
+        if (place.path.front() != '/') {
+            warning(place, " depends on the directory that the daemon is started in");
+        }
+    }
+
+    // They decide what is put into service.
+    void check_writers(const ConfiguredPath& place) {
+        const At at(place.path);
+        if (at.there() && (at.status.st_mode & S_IWOTH) != 0 && (at.status.st_mode & S_ISVTX) == 0) {
+            warning(place, " can be written by everybody");
+        }
+    }
+
+    void require_writable(const ConfiguredPath& place, int mode) {
+        const std::string unwritable = why_not(place.path, mode);
+        if (!unwritable.empty()) {
+            error(place, " cannot be written by user " + user.name + unwritable);
+        }
+    }
+
+    // Whether the error is this program's, and says nothing about the daemon.
+    bool is_hidden(const ConfiguredPath& place, int error) {
+        const bool hidden = error == EACCES && !user.can_ask();
+        if (hidden) {
+            warning(place, " cannot be read by you (user " + user.name + "): run as root; it was not checked");
+        }
+        return hidden;
+    }
+
+    [[nodiscard]] ConfiguredPath place_of(const std::string& key, const std::string& path) const {
+        return {key, path, reading.line(key)};
+    }
+
+    // Empty when the user may do that, and when that cannot be asked.
+    [[nodiscard]] std::string why_not(const std::string& path, int mode) const {
+        const int error = user.can_ask() ? refusal(user, path, mode) : 0;
+        return error == 0 ? "" : reason(error);
+    }
+
+    void note(const ConfiguredPath& place, const std::string& text) { findings.note(place.line, place.start() + text); }
+    void warning(const ConfiguredPath& place, const std::string& text) {
+        findings.warning(place.line, place.start() + text);
+    }
+    void error(const ConfiguredPath& place, const std::string& text) {
+        findings.error(place.line, place.start() + text);
+    }
+};
+
+}  // namespace
+
+void check_paths(const Reading& reading, const User& user, Findings& findings) {
+    Paths paths{reading, user, findings};
+    paths.check_configuration();
+    paths.check_ca();
+    paths.check_root();
+    paths.check_status();
+    if (reading.path == tools::default_config_path) {
+        paths.check_unit();
+    }
+}
+
+}  // namespace zqu::config_tool

@@ -1,0 +1,214 @@
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <string>
+#include <utility>
+
+#include "descriptors.hpp"
+#include "findings.hpp"
+#include "mirror_client.hpp"
+#include "text.hpp"
+
+namespace zqu::config_tool {
+
+namespace {
+
+constexpr auto note = Severity::note;
+constexpr auto warning = Severity::warning;
+constexpr auto error = Severity::error;
+
+// The parts of a URL as libcurl reads it for a transfer.
+class Url {
+public:
+    explicit Url(const std::string& text, unsigned flags = CURLU_NON_SUPPORT_SCHEME | CURLU_GUESS_SCHEME)
+        : url_(curl_url()), error_(curl_url_set(url_.get(), CURLUPART_URL, text.c_str(), flags)) {}
+
+    [[nodiscard]] CURLUcode error() const { return error_; }
+
+    // Empty when the URL has no such part.
+    [[nodiscard]] std::string part(CURLUPart which, unsigned flags = 0) const {
+        char* text = nullptr;
+        static_cast<void>(curl_url_get(url_.get(), which, &text, flags));
+        const tools::Handle<char, curl_free> owner(text);
+        return text != nullptr ? text : "";
+    }
+
+private:
+    tools::Handle<CURLU, curl_url_cleanup> url_;
+    CURLUcode error_;
+};
+
+bool is_supported(const std::string& scheme) {
+    for (const char* const* known = curl_version_info(CURLVERSION_NOW)->protocols; *known != nullptr; ++known) {
+        if (scheme == *known) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// What holds for each setting that becomes a part of the URLs. Returns whether there can be such a URL.
+bool check_url(const std::string& key, const std::string& value, const Url& url, std::size_t line, Findings& findings) {
+    const std::string refused = "libcurl refuses the URL (" + std::string(curl_url_strerror(url.error())) + ")";
+    const bool blank = url.error() == CURLUE_BAD_PATH && value.find(' ') != std::string::npos;
+    const char* of_file = url.error() == CURLUE_BAD_FILE_URL ? "; write file:///DIRECTORY" : "";
+    const char* hint = blank ? "; write %20 for a blank" : of_file;
+    const bool fails = findings.first(
+        line, key,
+        {{value.find('\0') != std::string::npos, error, "the URLs end at the byte \\x00: every check fails"},
+         {url.error() == CURLUE_NO_HOST, error, "no host: every check fails"},
+         {url.error() != CURLUE_OK, error, refused + ": every check fails" + hint}});
+    const std::string path = url.part(CURLUPART_PATH);
+    const bool ascii = std::all_of(path.begin(), path.end(), [](unsigned char c) { return c < 0x80; });
+    for (const Rule& rule :
+         {Rule{!url.part(CURLUPART_QUERY).empty(), warning, "what comes after the \"?\" is no path on the mirror"},
+          Rule{!url.part(CURLUPART_FRAGMENT).empty(), warning, "what comes after the \"#\" is no path on the mirror"},
+          Rule{!ascii, warning, "bytes beyond ASCII go into the URLs as they are"}}) {
+        findings.first(line, key, {{!fails && rule.applies, rule.severity, "nothing is encoded; " + rule.text}});
+    }
+    return !fails;
+}
+
+void check_scheme(std::size_t line, const std::string& base, const std::string& scheme, Findings& findings) {
+    const bool guessed = Url(base, CURLU_NON_SUPPORT_SCHEME).error() != CURLUE_OK;
+    findings.first(
+        line, "mirror_base_url",
+        {{guessed, warning, "no scheme: libcurl guesses " + scheme},
+         {!is_supported(scheme), error, "libcurl knows no scheme " + tools::quoted(scheme) + ": every check fails"},
+         {scheme == "http", warning, "over http anybody on the way can replace definitions and digests"},
+         {scheme == "file", note, "the mirror is a directory of this machine"},
+         {scheme != "https", warning, "the scheme is none of https, http and file"}});
+}
+
+void check_host_and_path(std::size_t line, const std::string& value, const Url& url, Findings& findings) {
+    const std::string key = "mirror_base_url";
+    findings.first(line, key,
+                   {{value.find(":///") != std::string::npos, warning,
+                     "libcurl takes " + tools::quoted(url.part(CURLUPART_HOST)) + " for the host"}});
+    findings.first(
+        line, key,
+        {{!url.part(CURLUPART_USER).empty(), warning, "the log shows the URL with its user name and password"}});
+    findings.first(line, key,
+                   {{url.part(CURLUPART_PATH) != "/", warning, "has a path; it comes before that of mirror_subdir"},
+                    {value.back() == '/', note, "slashes at the end are left out"}});
+}
+
+void check_base_url(const Reading& reading, Findings& findings) {
+    const std::string& value = reading.cfg.mirror_base_url;
+    const std::size_t line = reading.line("mirror_base_url");
+    if (value.empty()) {
+        findings.error(line, "mirror_base_url: empty: every check fails");
+        return;
+    }
+    if (line == 0) {
+        findings.warning(0, "mirror_base_url: not set: the daemon asks the default, " + value + "; set it");
+    }
+    // What the daemon puts before a path. With the path, libcurl would take its first part for a missing host.
+    const std::string base = value.substr(0, value.find_last_not_of('/') + 1) + "/";
+    const Url url(base);
+    if (check_url("mirror_base_url", value, url, line, findings)) {
+        const std::string scheme = url.part(CURLUPART_SCHEME);
+        check_scheme(line, base, scheme, findings);
+        if (scheme != "file") {
+            check_host_and_path(line, value, url, findings);
+        }
+    }
+}
+
+// The setting alone, in the URL of the hit INI.
+void check_in_path(const Reading& reading, const char* key, std::string zqu::Config::*member, Findings& findings) {
+    zqu::Config cfg;
+    cfg.*member = reading.cfg.*member;
+    const Url url(zqu::MirrorClient(cfg).hit_ini_url());
+    static_cast<void>(check_url(key, cfg.*member, url, reading.line(key), findings));
+}
+
+void check_subdir(const Reading& reading, Findings& findings) {
+    const std::string& subdir = reading.cfg.mirror_subdir;
+    const bool none = subdir.find_first_not_of('/') == std::string::npos;
+    const bool slashes = !none && (subdir.front() == '/' || subdir.back() == '/');
+    findings.first(reading.line("mirror_subdir"), "mirror_subdir",
+                   {{none, warning, "empty: the URLs have a \"//\" before the file name"},
+                    {slashes, note, "slashes at either end are left out"}});
+    check_in_path(reading, "mirror_subdir", &zqu::Config::mirror_subdir, findings);
+}
+
+void check_flavor(const Reading& reading, Findings& findings) {
+    const std::string& flavor = reading.cfg.flavor;
+    const std::size_t line = reading.line("flavor");
+    if (flavor.empty()) {
+        findings.warning(line, "flavor: empty: the names of all files have nothing in its place");
+    }
+    if (flavor.find('/') != std::string::npos) {
+        findings.error(line, "flavor: a \"/\" makes paths of the files' names: every update fails");
+    }
+    check_in_path(reading, "flavor", &zqu::Config::flavor, findings);
+}
+
+// The status file escapes five characters only.
+void check_engine_version(const Reading& reading, Findings& findings) {
+    const std::string& version = reading.cfg.engine_version;
+    const auto raw = [](char c) { return static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\r'; };
+    if (std::any_of(version.begin(), version.end(), raw) || tools::as_utf8(version) != version) {
+        findings.warning(reading.line("engine_version"), "engine_version: the status file will be no valid JSON");
+    }
+}
+
+void check_interval(const Reading& reading, Findings& findings) {
+    const std::uint32_t interval = reading.cfg.poll_interval_s;
+    const std::uint32_t jitter = reading.cfg.poll_jitter_s;
+    const std::size_t line = std::max(reading.line("poll_interval_s"), reading.line("poll_jitter_s"));
+    // The longest jitter is one second less than poll_jitter_s; the sum keeps its low 32 bits.
+    const std::uint32_t longest = jitter == 0 ? 0 : jitter - 1;
+    const bool wraps = interval + longest < interval;
+    const std::string without = "0: checks follow each other without a pause";
+    findings.first(line, "poll_interval_s",
+                   {{wraps, warning,
+                     "with the jitter of up to " + std::to_string(longest) +
+                         " s the wait wraps around at 2^32 s, and may be none"},
+                    {interval == 0, warning, without + (longest > 0 ? " but the jitter" : "")},
+                    {interval < 60, warning, "the mirror is asked every " + std::to_string(interval) + " s"},
+                    {interval > 7 * 86400, warning, "checks are " + std::to_string(interval / 86400) + " days apart"}});
+    findings.first(line, "poll_jitter_s",
+                   {{longest == 0, note, "gateways that start together ask the mirror together"}});
+}
+
+void check_retained(const Reading& reading, Findings& findings) {
+    constexpr std::uint32_t wrapping = 2147483648;
+    const std::uint32_t retained = reading.cfg.retained_snapshots;
+    findings.first(reading.line("retained_snapshots"), "retained_snapshots",
+                   {{retained > wrapping, warning,
+                     "wraps around unless there are " + std::to_string(retained - wrapping) +
+                         " snapshots: all but the one in service are removed"},
+                    {retained == 0, warning, "0: only the one in service is kept, as with 1"},
+                    {retained == 1, note, "1: only the one in service is kept"}});
+}
+
+void check_timeout(const Reading& reading, Findings& findings) {
+    constexpr std::uint32_t largest = 2147483;  // a signed 32-bit number of milliseconds
+    const std::uint32_t timeout = reading.cfg.http_timeout_s;
+    const std::string none = ": no time-out, a stalled mirror stalls the daemon";
+    findings.first(reading.line("http_timeout_s"), "http_timeout_s",
+                   {{timeout == 0, warning, "0" + none},
+                    {timeout > largest, warning, "above " + std::to_string(largest) + none},
+                    {timeout < 30, warning, "a whole archive has to arrive within " + std::to_string(timeout) + " s"}});
+}
+
+}  // namespace
+
+std::string local_path(const std::string& url) {
+    const Url parsed(url);
+    return parsed.part(CURLUPART_SCHEME) == "file" ? parsed.part(CURLUPART_PATH, CURLU_URLDECODE) : "";
+}
+
+void check_values(const Reading& reading, Findings& findings) {
+    check_base_url(reading, findings);
+    check_subdir(reading, findings);
+    check_flavor(reading, findings);
+    check_engine_version(reading, findings);
+    check_interval(reading, findings);
+    check_retained(reading, findings);
+    check_timeout(reading, findings);
+}
+
+}  // namespace zqu::config_tool
