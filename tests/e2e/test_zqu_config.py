@@ -75,8 +75,8 @@ class Configuration:
         """Compares the whole report; a finding is "LINE: severity: text" or " severity: text" without a line."""
         if not AS_ROOT:
             changeable = f" warning: user {CALLER}, whom the daemon runs as, can change or replace the file"
-            of_file = sorted([changeable, *(finding for finding in findings if finding[0] == " ")])
-            findings = [*(finding for finding in findings if finding[0] != " "), *of_file]
+            online = [finding for finding in findings if re.match(r" \w+: (the mirror|redirected) ", finding)]
+            findings = [*(finding for finding in findings if finding not in online), changeable, *online]
         text = "".join(f"{self.path}:{finding}\n" for finding in findings)
         text += f"{self.path}: {summary(findings)}\n"
         kinds = {severity_of(finding) for finding in findings}
