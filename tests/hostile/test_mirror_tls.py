@@ -77,10 +77,14 @@ def said_by_tools(trial):
     settings = trial.gateway.settings
     words = ["--subdir", settings["mirror_subdir"], "--ca", settings["ca_path"], settings["mirror_base_url"]]
     lines = [line.split(None, 1)[1] for line in Tool("zqu-mirror")("check", *words)[1].splitlines()]
-    findings = Tool("zqu-config")("check", "--online", config)[1]
-    said = [line for line in lines if "certificate" in line]
+    findings = without_clock(Tool("zqu-config")("check", "--online", config)[1])
+    said = [without_clock(line) for line in lines if "certificate" in line]
     assert [line for line in said if line not in findings] == []
     return said
+
+
+def without_clock(text):
+    return re.sub(r"which says \S+ \S+|, in \d+ [a-z]+( \d+ [a-z]+)?", "", text)
 
 
 @pytest.mark.parametrize("wrong", BAD_CERTIFICATES)
@@ -104,7 +108,7 @@ def test_name_that_only_resembles_the_mirrors_is_refused(trial, issuer, tmp_path
 
 
 def test_tools_name_the_names_of_another_hosts_certificate(trial, issuer, tmp_path):
-    trial.server.context = issuer.context(tmp_path, [x509.DNSName(f"{i}.example") for i in range(7)])
+    trial.server.context = issuer.context(tmp_path, [x509.DNSName(f"{i}.example") for i in range(7)], ends=30 * DAY)
     names = ", ".join(f"DNS:{i}.example" for i in range(5)) + ", ..."
     [said] = said_by_tools(trial)
     assert re.search(rf"is for another host than 127.0.0.1 \(subject .*, names {re.escape(names)}, valid from", said)
@@ -115,9 +119,7 @@ def test_tools_warn_before_a_certificate_ends(trial, issuer, tmp_path):
         trial.server.context = issuer.context(tmp_path, HERE, ends=days * DAY)
         warnings = said_by_tools(trial)
         assert len(warnings) == said
-        assert all(
-            re.fullmatch('the certificate "CN=leaf" .* ends at .* UTC, in 12 d 23 h: renew it', w) for w in warnings
-        )
+        assert all(re.fullmatch('the certificate "CN=leaf" .* ends at .* UTC: renew it', w) for w in warnings)
 
 
 def limited(context, **attributes):
