@@ -54,9 +54,9 @@ class Hostile:
     def run(self, command, **options):
         return self.tool(*self.words(command), env=self.environment, **options)
 
-    def start(self, command):
+    def start(self, command, *options):
         pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True}
-        return subprocess.Popen([self.tool.path, *self.words(command)], env=self.environment, **pipes)
+        return subprocess.Popen([self.tool.path, *self.words(command), *options], env=self.environment, **pipes)
 
 
 @pytest.fixture
@@ -397,6 +397,15 @@ def test_reading_process_has_no_rights_and_ends_with_the_run(hostile):
     assert process.returncode == 128 + signal.SIGTERM
     wait_for(lambda: is_gone(reader))
     assert list(hostile.temp.iterdir()) == []
+
+
+def test_plugin_that_a_signal_ends_is_unknown(hostile):
+    hostile.put(new(first=SLOW * 4))
+    process = hostile.start("check", "--nagios")
+    reader_of(process)
+    process.send_signal(signal.SIGTERM)
+    assert process.communicate(timeout=60) == ("MIRROR UNKNOWN - ended by signal: Terminated\n", "")
+    assert (process.returncode, list(hostile.temp.iterdir())) == (3, [])
 
 
 def test_reader_that_is_killed_gives_no_verdict(hostile):

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <exception>
@@ -160,6 +161,13 @@ private:
 
 int check(const Options& options, Run& run) {
     Found found;
+    if (options.form == Form::nagios) {
+        run.on_signal([](const std::string& reason) {
+            std::fputs(tools::nagios_line("MIRROR", Verdict::unknown, reason).c_str(), stdout);
+            std::fflush(stdout);
+            return tools::exit_status(Verdict::unknown);
+        });
+    }
     try {
         found = Check(options, run).all();
     } catch (const std::exception& e) {

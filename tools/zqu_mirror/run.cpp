@@ -96,7 +96,11 @@ void Run::watch() {
 void Run::end_by(int signal) {
     progress_.clear();
     undo();
-    complain(std::string("ended by signal: ") + strsignal(signal));
+    const std::string reason = std::string("ended by signal: ") + strsignal(signal);
+    if (last_words_) {
+        _exit(last_words_(reason));
+    }
+    complain(reason);
     _exit(128 + signal);
 }
 
@@ -109,6 +113,11 @@ void Run::undo() {
     for (auto path = made_.rbegin(); path != made_.rend(); ++path) {
         fs::remove(*path, ignored);
     }
+}
+
+void Run::on_signal(std::function<int(const std::string&)> last_words) {
+    const auto lock = hold();
+    last_words_ = std::move(last_words);
 }
 
 void Run::clean_up() {

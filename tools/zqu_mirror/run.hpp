@@ -54,6 +54,9 @@ public:
     // waits. What action throws passes through. action must not call the run.
     void step(const std::function<void()>& action);
 
+    // Calls last_words with the reason when a signal ends the run, and exits with what it returns. It must not throw.
+    void on_signal(std::function<int(const std::string&)> last_words);
+
     // Undoes at once what would be undone at the end: whoever holds a lock on where it happens calls this before giving
     // it up. Without effect on what was committed.
     void clean_up();
@@ -79,6 +82,7 @@ private:
     std::vector<std::filesystem::path> made_;
     std::filesystem::path scratch_;
     bool committed_ = false;
+    std::function<int(const std::string&)> last_words_;
     tools::Progress progress_;
     std::atomic<std::uintmax_t> bytes_{0};
     std::function<std::uintmax_t()> done_ = [] { return 0; };  // bytes of the phase
