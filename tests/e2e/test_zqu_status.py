@@ -9,18 +9,20 @@ import sys
 import textwrap
 import time
 from concurrent.futures import ThreadPoolExecutor
-from datetime import datetime, timezone
+from datetime import datetime, timedelta, timezone
 
 import pytest
 from builds import REPOSITORY
 from gateway import SETTINGS, may_mount, wait_for
 from outcomes import status_text
-from release import HIT, definition_names
+from release import HIT, Release, definition_names
+from scripted_server import ScriptedServer, head, reply, stall
 from tools import AS_ROOT, Tool, cases, under_strace
+from trials import server_context
 
 run = Tool("zqu-status")
-HEADER = (REPOSITORY / "tools" / "zqu_status" / "findings.hpp").read_text()
-FINDINGS = set(re.findall(r'"(\w+)"', HEADER.partition("finding_names{")[2].partition("}")[0]))
+KINDS = (REPOSITORY / "tools" / "zqu_status" / "kinds.cpp").read_text()
+FINDINGS = set(re.findall(r'{"(\w+)", (?:warning|unknown|critical),', KINDS))
 EXITS = {"ok": 0, "warning": 1, "critical": 2, "unknown": 3}
 FORMS = ([], ["--json"], ["--nagios"], ["--prometheus"])
 HOUR = 3600
@@ -139,6 +141,10 @@ point $one/antivir-v2.def # heals
 point / # heals                 critical active_outside: {root}/active leads to /, which is no snapshot
 mkdir $one/1001; point $one/1001 # heals
     critical active_outside: {root}/active leads to snapshots/1001/1001, which is no snapshot
+cp -a . $away; point $away/$one # heals
+    critical active_outside: {root}/active leads to {root.parent}/elsewhere/snapshots/1001, which is no snapshot
+cp -a . $away; ln -s $away other; point other/active # heals
+    critical active_outside: {root}/active leads to other/active, which is no snapshot
 mv $one $away; ln -s $away $one # heals
     critical active_outside: {root}/active leads to snapshots/1001, which is no snapshot
 point "$root/$one"              nothing
@@ -155,7 +161,7 @@ rm -r snapshots; : >snapshots # heals
     critical active_dangling: {root}/active leads nowhere: snapshots/1001 is no directory
 mkdir $away; cp $status $away; ln -s $away manifest; echo "status_path = $root/manifest/status.json" >>$conf # heals
     critical directory_kind: {root}/manifest is a link
-cp -r $one snapshots/999; point snapshots/999
+cp -a $one snapshots/999; point snapshots/999
     warning version_differs: active leads to 999, but the last check left 1001
 member active_version '"1000"'          nothing
 member active_version '""'; member last_error '"defId fetch failed"'; aged active $hour
@@ -165,7 +171,20 @@ rm active/aivsecon-v2.def # heals
     critical definition_missing: aivsecon-v2.def is missing from the snapshot in service
 ln -sf aivsecon-v2.def active/antivir-v2.def # heals
     critical definition_not_regular: antivir-v2.def in the snapshot in service is no regular file
-: >active/aivsecon-v2.def       warning definition_empty: aivsecon-v2.def in the snapshot in service is empty
+: >active/aivsecon-v2.def # heals
+    critical definition_empty: aivsecon-v2.def in the snapshot in service is empty
+head -c 70000 /dev/zero >active/antivir-v2.def # heals
+    critical definition_zeroed: antivir-v2.def in the snapshot in service begins and ends with zero bytes only
+printf '\0\0' >active/antivir-v2.def # heals
+    critical definition_zeroed: antivir-v2.def in the snapshot in service begins and ends with zero bytes only
+truncate -s 10 active/antivir-v2.def
+    warning definition_changed: antivir-v2.def in the snapshot in service was changed after it was put into service
+touch -d yesterday active/antivir-v2.def
+    warning definition_changed: antivir-v2.def in the snapshot in service was changed after it was put into service
+head -c 70000 /dev/zero >active/antivir-v2.def; printf x >>active/antivir-v2.def; sleep 0.05; chown -h $(id -u) active
+    warning definition_changed: antivir-v2.def in the snapshot in service was changed after it was put into service
+chmod 0 active/antivir-v2.def; sleep 0.05; chown -h $(id -u) active
+    critical definition_closed: antivir-v2.def in the snapshot in service cannot be read by anybody
 rm $status                      critical status_missing: the status file {status} is missing
 echo status_path = >>$conf      critical status_missing: the status file  is missing
 rm $status; mkdir $status       critical status_not_regular: the status file {status} is no regular file
@@ -230,6 +249,9 @@ def test_every_finding_that_the_tool_names_is_tried_here():
         *("config_missing", "config_unreadable", "active_unreadable", "definition_unreadable"),
         *("snapshots_unreadable", "status_unreadable", "status_invalid", "status_schema"),
         *("directory_owner", "directory_mode", "writable_by_others"),
+        *("definition_differs", "release_gone", "not_compared", "certificate_ends", "insecure_redirect"),
+        # tests/packaging/test_status_timer.py
+        *("service_failed", "service_stopped", "service_disabled", "service_unknown", "drop_in_left"),
     }
     assert tried | elsewhere == FINDINGS
 
@@ -695,6 +717,7 @@ def test_json_form_has_all_its_keys(watched):
     shown = ("flavor", "poll_interval_s", "poll_jitter_s", "retained_snapshots")
     paths = {"def_root": str(watched.root), "status_path": str(watched.status_path)}
     missing = {"finding": "definition_missing", "verdict": "critical", "command": f"rm -f -- '{watched.link}'"}
+    present = {"state": "present", "changed": False}
     assert checked <= report["observed_epoch"] <= time.time()
     assert report == {
         "format": 1,
@@ -712,13 +735,15 @@ def test_json_form_has_all_its_keys(watched):
             "target": "snapshots/1001",
             "published_epoch": int(os.lstat(watched.link).st_mtime),
             "definitions": [
-                {"name": FIRST, "state": "present", "size": (watched.snapshot / FIRST).stat().st_size},
-                {"name": SECOND, "state": "missing", "size": None},
+                {**present, "name": FIRST, "size": (watched.snapshot / FIRST).stat().st_size},
+                {**present, "name": SECOND, "state": "missing", "size": None},
             ],
             "snapshots": 1,
         },
         "status": {"state": "valid", "reason": None, "contents": watched.gateway.status()},
         "next_check": {"earliest_epoch": checked + 900, "latest_epoch": checked + 1019},
+        "comparison": None,
+        "unit": None,
         "limits_s": {
             "definitions_age": {"warning": 0, "critical": 4 * DAY},
             "check_age": {"warning": LONGEST, "critical": 0},
@@ -758,6 +783,22 @@ def test_nagios_form_has_performance_data_with_its_limits(watched):
     )
 
 
+def test_wrong_nagios_command_is_one_unknown_line(watched):
+    for word, reason in (
+        ("--crit-ag", "The following argument was not expected: --crit-ag"),
+        ("--json", "--json excludes --nagios"),
+        ("x\033|y", r"The following argument was not expected: x\x1b\x7cy"),
+    ):
+        code, out, err = watched.run("--nagios", word)
+        assert (code, out, err) == (3, f"DEFINITIONS UNKNOWN - {reason} (see zqu-status --help)\n", "")
+
+
+def test_quiet_writes_nothing_but_the_exit_status(watched):
+    assert watched.run("--quiet") == (0, "", "")
+    watched.change("rm active")
+    assert watched.run("--quiet") == (2, "", "")
+
+
 # Ages in seconds and limits on the command line, with the verdict.
 LIMITS = [
     (DAY, "", "ok"),
@@ -769,6 +810,7 @@ LIMITS = [
     (100, "--warn-age 90s --crit-age 95", "critical"),
     (100, "--warn-age 1m --crit-age 2m", "warning"),
     (100, "--warn-age 9999999999d", "ok"),
+    (8 * DAY, "--warn-age 1w --crit-age 2w", "warning"),
 ]
 
 
@@ -849,21 +891,43 @@ def test_output_replaces_the_file_in_one_step(watched, tmp_path):
 
 
 def test_output_that_cannot_be_written_leaves_nothing(watched, tmp_path):
-    folder = tmp_path / "out"
-    (folder / "folder" / "x").mkdir(parents=True)
-    (folder / "kept").write_text("former")
+    directory = tmp_path / "out"
+    directory.mkdir()
+    (directory / "kept").write_text("former")
     full_disk = ["sh", "-c", 'trap "" XFSZ; ulimit -f 1; exec "$@"', "sh"]
     for name, line, prefix in (
         ("none/y", "cannot write {}: No such file or directory", []),
-        ("folder", "cannot replace {}: Is a directory", []),
         ("kept", "cannot write {}: File too large", full_disk),
     ):
-        line = f"zqu-status: {line.format(folder / name)}\n"
-        assert watched.run("--prometheus", "--output", folder / name, prefix=prefix) == (3, "", line)
-    assert (folder / "kept").read_text() == "former"
-    assert sorted(os.listdir(folder)) == ["folder", "kept"]
+        line = f"zqu-status: {line.format(directory / name)}\n"
+        assert watched.run("--prometheus", "--output", directory / name, prefix=prefix) == (3, "", line)
+    assert (directory / "kept").read_text() == "former"
+    assert os.listdir(directory) == ["kept"]
     line = "zqu-status: cannot write to standard output: No space left on device\n"
     assert run.into_full_device("--config", watched.config) == (3, line)
+    assert run.into_full_device("--config", watched.config, "--nagios") == (3, line)
+
+
+def test_output_replaces_nothing_but_a_regular_file(watched, tmp_path):
+    """As root, another tool would take /dev/null away."""
+    target = tmp_path / "target"
+    for make in (
+        "mkdir",
+        "mkfifo",
+        "ln -s /dev/null",
+        "ln -s nowhere",
+        'touch "$0.other"; ln -s "$0.other"',
+        *(["mknod -m 666 $0 c 1 3 && :"] if may_mount() else []),
+    ):
+        subprocess.run(["sh", "-ec", f'{make} "$0"', target], check=True)
+        before = os.lstat(target)
+        reason = f"cannot replace {target}: it is not a regular file; name another one"
+        assert watched.run("--json", "--output", target) == (3, "", f"zqu-status: {reason}\n")
+        assert watched.run("--nagios", "--output", target) == (3, f"DEFINITIONS UNKNOWN - {reason}\n", "")
+        after = os.lstat(target)
+        assert (after.st_ino, after.st_mode, after.st_ctime_ns) == (before.st_ino, before.st_mode, before.st_ctime_ns)
+        os.rmdir(target) if stat.S_ISDIR(after.st_mode) else target.unlink()
+    assert {path.name: path.read_text() for path in tmp_path.glob("target*")} == {"target.other": ""}
 
 
 def check_metrics(text):
@@ -938,3 +1002,107 @@ def test_nothing_is_created_or_changed_by_looking(watched):
     assert watched.run("--json")[0] == 0
     assert everything() == before
     assert not (watched.gateway.folder / "nowhere").exists()
+
+
+# ---- Beside the mirror's ----
+
+
+# What is done to the gateway, and what is found beside the mirror's definitions. "heals" is as above.
+BESIDE = r"""
+:                               nothing
+touch active/antivir-v2.def     nothing
+printf x >>active/antivir-v2.def # heals
+    critical definition_differs: antivir-v2.def in the snapshot in service differs from the mirror's file of that
+        release
+truncate -s -1 active/antivir-v2.def # heals
+    critical definition_differs: antivir-v2.def in the snapshot in service differs from the mirror's file of that
+        release
+truncate -s -1 active/aivsecon-v2.def; truncate -s +1 active/aivsecon-v2.def # heals
+    critical definition_differs: aivsecon-v2.def in the snapshot in service differs from the mirror's file of that
+        release
+mkdir snapshots/1000; mv active/*.def snapshots/1000; point snapshots/1000; member active_version '"1000"'
+    unknown release_gone: the mirror no longer has the release 1000 to compare with: it names 1001
+rm active                       critical active_missing: no definitions are in service: there is no {root}/active
+"""
+
+
+@pytest.mark.parametrize("change, expected", cases(BESIDE))
+def test_definitions_are_compared_with_the_mirrors(watched, change, expected):
+    watched.change(change)
+    report = watched.report("--verify")
+    found = [f"{f['verdict']} {f['finding']}: {f['text']}" for f in report["findings"]]
+    assert found == [watched.expand(line) for line in expected]
+    if change.endswith("# heals\n"):
+        subprocess.run(["sh", "-ec", report["findings"][0]["command"]], check=True)
+        watched.check()
+    if not expected or change.endswith("# heals\n"):
+        code, out, err = watched.run("--verify")
+        assert (code, err) == (0, "") and "\nverified     the definitions are those of the mirror" in out
+        assert report["comparison"]["state"] == ("differs" if expected else "same")
+
+
+# What the mirror answers for the archive of a sound release, and why nothing was compared then.
+UNUSABLE = {
+    "antivir-v2-1001.cab does not have the digest that the mirror gives": [reply(b"other")],
+    "GET {}/defs/antivir-v2-1001.cab: HTTP response code said error": [reply(b"", "404 Not Found")],
+    "GET {}/defs/antivir-v2-1001.cab: Timeout was reached": [stall],
+    "GET {}/defs/antivir-v2-1001.cab: longer than 8589934592 bytes": [head("200 OK", f"Content-Length: {9 << 30}")],
+    "antivir-v2-1001.cab cannot be unpacked: Unrecognized archive format": Release("1001", archive=b"no archive" * 99),
+}
+
+
+@pytest.mark.parametrize("reason", UNUSABLE)
+def test_mirror_that_cannot_be_compared_with_is_unknown(watched, scripted, reason):
+    release = UNUSABLE[reason]
+    steps = {} if isinstance(release, Release) else {"antivir-v2-1001.cab": release}
+    release = release if isinstance(release, Release) else Release("1001")
+    scripted.server.script = {**release.script, **steps}
+    watched.configure(mirror_base_url=scripted.url, mirror_subdir="defs", ca_path=scripted.ca_path)
+    (finding,) = watched.report("--verify", "--timeout", "1s" if "Timeout" in reason else "1m")["findings"]
+    text = "the definitions could not be compared with the mirror's: " + reason.format(scripted.url)
+    assert (finding["finding"], finding["verdict"], finding["text"]) == ("not_compared", "unknown", text)
+
+
+def test_redirect_to_http_is_a_warning(watched, scripted):
+    with ScriptedServer() as plain:
+        plain.script = Release("1001").script
+        location = f"Location: {plain.base()}/antivir-v2-1001.cab"
+        scripted.server.script = {
+            **Release("1001").script,
+            "antivir-v2-1001.cab": [reply(b"", "302 Found", location)],
+        }
+        watched.configure(mirror_base_url=scripted.url, mirror_subdir="defs", ca_path=scripted.ca_path)
+        (finding,) = watched.report("--verify")["findings"]
+    assert (finding["finding"], finding["verdict"]) == ("insecure_redirect", "warning")
+    assert location.removeprefix("Location: ") in finding["text"]
+
+
+@pytest.mark.skipif(not AS_ROOT, reason="others have no rights to give up")
+def test_archive_is_not_read_with_roots_rights(watched):
+    bare = ["setpriv", "--bounding-set=-setuid,-setgid", "--inh-caps=-all"]
+    (finding,) = watched.report("--verify", prefix=bare)["findings"]
+    assert finding["text"].endswith("the mirror's: cannot give up root's privileges: Operation not permitted")
+
+
+def test_comparing_needs_little_memory_for_large_definitions(watched):
+    watched.mirror.publish("1002", [(FIRST, b"x" * (64 << 20)), (SECOND, b"y")])
+    watched.check()
+    (code, out, err), most = run.measured("--config", watched.config, "--nagios", "--verify")
+    assert (code, err) == (0, "") and most < 48, (out, most)
+
+
+def test_end_of_the_mirrors_chain_is_told_14_days_before(watched, authority, tmp_path):
+    ca_path = tmp_path / "authorities.pem"
+    ca_path.write_bytes(authority.cert_pem.bytes())
+    for days, expected in ((13, ["certificate_ends"]), (15, [])):
+        end = datetime.utcnow().replace(microsecond=0) + timedelta(days=days)
+        server = ScriptedServer(server_context(authority.issue_cert("127.0.0.1", not_after=end)))
+        server.script = Release("1001").script
+        with server:
+            base = server.base().removesuffix("/defs")
+            watched.configure(mirror_base_url=base, mirror_subdir="defs", ca_path=ca_path)
+            assert [name for name, _ in watched.found("--verify")] == expected
+            epoch = int(end.replace(tzinfo=timezone.utc).timestamp())
+            assert watched.report("--verify")["comparison"]["certificate_end_epoch"] == epoch
+            found = metrics(watched, "--verify")
+            assert found["zelquorin_mirror_certificate_end_timestamp_seconds"] == str(epoch)

@@ -39,8 +39,9 @@ REFUSED = {
     "zqu-status --crit-age 5y": "--crit-age: " + DURATION.format("5y"),
     "zqu-status --warn-check 5mm": "--warn-check: " + DURATION.format("5mm"),
     "zqu-status --crit-check 12345678901": "--crit-check: " + DURATION.format("12345678901"),
-    "zqu-status --json --nagios": "--json excludes --nagios",
-    "zqu-status --nagios --prometheus": "--nagios excludes --prometheus",
+    "zqu-status --json --quiet": "--json excludes --quiet",
+    "zqu-status --timeout 5": "--timeout requires --verify",
+    "zqu-status --verify --timeout 0": "--timeout: 0 is too short",
     "zqu-status --json --prometheus": "--json excludes --prometheus",
     "zqu-status word": "The following argument was not expected: word",
 }
@@ -111,7 +112,9 @@ COMPLETIONS = {
     "zqu-status|--warn-": "--warn-age --warn-check",
     "zqu-status|--json|--n": "",
     "zqu-status|--json|--o": "--output",
-    "zqu-status|--nagios|--": "--help --version --config --output --warn-age --crit-age --warn-check --crit-check",
+    "zqu-status|--nagios|--": "--help --version --config --output --unit --verify --timeout --warn-age --crit-age "
+    "--warn-check --crit-check",
+    "zqu-status|--unit|n": "none",
     "zqu-status|--crit-age|4": "4h 4d",
     "zqu-status|--config|a": "a file|",
     "zqu-status|x": "",

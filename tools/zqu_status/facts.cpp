@@ -1,13 +1,11 @@
 #include "facts.hpp"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <ctime>
+#include <stdexcept>
 #include <system_error>
 #include <thread>
 
@@ -26,32 +24,28 @@ constexpr std::chrono::milliseconds between_looks(20);
 
 // Why the file cannot be read, and in which state that leaves the configuration; read when it can.
 ConfigState openable(const std::string& path, std::string& reason) {
-    struct stat found {};
-    const bool there = stat(path.c_str(), &found) == 0;
-    if (there && !S_ISREG(found.st_mode)) {
+    try {
+        const Fd file = open_regular(path);
+        if (read_all(file.get(), largest_config, path).size() <= largest_config) {
+            return ConfigState::read;
+        }
+        reason = "it is longer than " + std::to_string(largest_config) + " bytes";
+    } catch (const std::system_error& e) {
+        reason = e.code().message();
+        const bool missing = e.code().value() == ENOENT || e.code().value() == ENOTDIR;
+        return missing ? ConfigState::missing : ConfigState::unreadable;
+    } catch (const std::runtime_error&) {
         reason = "it is no regular file";
-        return ConfigState::unreadable;
     }
-    if (there && static_cast<std::uintmax_t>(found.st_size) > tools::largest_config) {
-        reason = "it is longer than " + std::to_string(tools::largest_config) + " bytes";
-        return ConfigState::unreadable;
-    }
-    const tools::Fd file(there ? open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1);
-    if (file.get() >= 0) {
-        return ConfigState::read;
-    }
-    reason = std::generic_category().message(errno);
-    return errno == ENOENT || errno == ENOTDIR ? ConfigState::missing : ConfigState::unreadable;
+    return ConfigState::unreadable;
 }
 
 void read_configuration(Facts& facts) {
     facts.config_state = openable(facts.config_path, facts.config_reason);
     if (facts.config_state == ConfigState::read) {
-        const tools::Configuration settings = tools::load_configuration(facts.config_path);
-        facts.cfg = settings.cfg;
-        if (settings.fatal) {
-            facts.config_state = ConfigState::malformed;
-        }
+        const Configuration found = load_configuration(facts.config_path);
+        facts.cfg = found.cfg;
+        facts.config_state = found.fatal ? ConfigState::malformed : ConfigState::read;
     }
 }
 
@@ -61,12 +55,16 @@ void look(Facts& facts) {
     facts.now = std::time(nullptr);
 }
 
+bool is_same_link(const Store& first, const Store& second) {
+    return first.link == second.link && first.target == second.target && first.published == second.published;
+}
+
 bool settled(const Store& before, const Facts& facts) {
     const bool told = facts.status.state == StatusState::valid &&
-                      facts.status.contents.active_version == tools::as_utf8(facts.store.version);
+                      facts.status.contents.active_version == as_utf8(facts.store.version);
     const bool nothing_to_tell =
         facts.status.state != StatusState::valid && facts.status.state != StatusState::unfinished;
-    return same_link(before, facts.store) && (told || nothing_to_tell);
+    return is_same_link(before, facts.store) && (told || nothing_to_tell);
 }
 
 }  // namespace
@@ -76,7 +74,7 @@ const char* name_of(ConfigState state) {
     return names.at(static_cast<std::size_t>(state));
 }
 
-std::optional<Span> next_check(const Facts& facts) {
+std::optional<std::pair<std::int64_t, std::int64_t>> next_check(const Facts& facts) {
     const std::int64_t longest = 2 * std::int64_t{UINT32_MAX};
     const std::int64_t last = facts.status.contents.last_check_epoch;
     if (!facts.looked || facts.status.state != StatusState::valid || last > INT64_MAX - longest) {
@@ -84,7 +82,7 @@ std::optional<Span> next_check(const Facts& facts) {
     }
     const std::int64_t earliest = last + std::int64_t{facts.cfg.poll_interval_s};
     const std::uint32_t jitter = facts.cfg.poll_jitter_s;
-    return Span{earliest, earliest + (jitter > 0 ? std::int64_t{jitter} - 1 : 0)};
+    return std::pair{earliest, earliest + (jitter > 0 ? std::int64_t{jitter} - 1 : 0)};
 }
 
 Facts observe(const std::string& path) {

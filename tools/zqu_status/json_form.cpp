@@ -1,6 +1,6 @@
 #include <nlohmann/json.hpp>
 
-#include "forms.hpp"
+#include "report.hpp"
 #include "text.hpp"
 
 namespace zqu::status_tool {
@@ -13,7 +13,7 @@ using json = nlohmann::ordered_json;
 
 json findings_json(const Report& report) {
     json list = json::array();
-    for (const Finding& finding : report.findings) {
+    for (const Matter& finding : report.findings) {
         list.push_back({{"finding", finding.name},
                         {"verdict", name_of(finding.verdict)},
                         {"text", finding.text},
@@ -23,9 +23,13 @@ json findings_json(const Report& report) {
     return list;
 }
 
+template <typename T>
+json known(bool is_known, const T& value) {
+    return is_known ? json(value) : json();
+}
+
 // mirror_base_url is left out: it may hold a password.
 json configuration_json(const Facts& facts) {
-    json result = {{"path", facts.config_path}, {"state", name_of(facts.config_state)}};
     const Config& cfg = facts.cfg;
     const json settings = {{"flavor", cfg.flavor},
                            {"def_root", cfg.def_root},
@@ -34,27 +38,26 @@ json configuration_json(const Facts& facts) {
                            {"poll_jitter_s", cfg.poll_jitter_s},
                            {"retained_snapshots", cfg.retained_snapshots},
                            {"http_timeout_s", cfg.http_timeout_s}};
-    result["settings"] = facts.looked ? settings : json();
-    return result;
+    return {{"path", facts.config_path},
+            {"state", name_of(facts.config_state)},
+            {"settings", known(facts.looked, settings)}};
 }
 
 json active_json(const Store& store) {
-    json result = {
-        {"state", name_of(store.link)}, {"version", nullptr}, {"target", nullptr}, {"published_epoch", nullptr}};
-    if (store.published) {
-        result["version"] = store.version;
-        result["target"] = store.target;
-        result["published_epoch"] = *store.published;
-    }
-    result["definitions"] = json::array();
+    const bool linked = store.published.has_value();
+    json definitions = json::array();
     for (const Definition& definition : store.definitions) {
-        const bool present = definition.state == DefinitionState::present;
-        result["definitions"].push_back({{"name", definition.name},
-                                         {"state", name_of(definition.state)},
-                                         {"size", present ? json(definition.size) : json()}});
+        definitions.push_back({{"name", definition.name},
+                               {"state", name_of(definition.state)},
+                               {"size", known(definition.size.has_value(), definition.size.value_or(0))},
+                               {"changed", definition.changed}});
     }
-    result["snapshots"] = store.snapshots ? json(*store.snapshots) : json();
-    return result;
+    return {{"state", name_of(store.link)},
+            {"version", known(linked, store.version)},
+            {"target", known(linked, store.target)},
+            {"published_epoch", known(linked, store.published.value_or(0))},
+            {"definitions", definitions},
+            {"snapshots", known(store.snapshots.has_value(), store.snapshots.value_or(0))}};
 }
 
 json contents_json(const SnapshotStore::Status& status) {
@@ -71,13 +74,32 @@ json contents_json(const SnapshotStore::Status& status) {
 json status_json(const StatusFile& status) {
     const bool valid = status.state == StatusState::valid;
     return {{"state", name_of(status.state)},
-            {"reason", valid ? json() : json(status.reason)},
-            {"contents", valid ? contents_json(status.contents) : json()}};
+            {"reason", known(!valid, status.reason)},
+            {"contents", known(valid, contents_json(status.contents))}};
+}
+
+json unit_json(const Unit& unit) {
+    const bool found = !unit.active.empty();
+    return {{"name", unit.name},
+            {"load_state", known(!unit.load.empty(), unit.load)},
+            {"active_state", known(found, unit.active)},
+            {"sub_state", known(found, unit.sub)},
+            {"unit_file_state", known(found, unit.file)},
+            {"result", known(found, unit.result)},
+            {"reason", known(!unit.reason.empty(), unit.reason)}};
 }
 
 json next_check_json(const Facts& facts) {
-    const std::optional<Span> next = next_check(facts);
-    return next ? json{{"earliest_epoch", next->earliest}, {"latest_epoch", next->latest}} : json();
+    const auto next = next_check(facts);
+    return next ? json{{"earliest_epoch", next->first}, {"latest_epoch", next->second}} : json();
+}
+
+json comparison_json(const Comparison& comparison) {
+    const std::int64_t end = comparison.chain_end ? comparison.chain_end->epoch : 0;
+    return {{"state", name_of(comparison.state)},
+            {"reason", known(!comparison.reason.empty(), comparison.reason)},
+            {"differing", comparison.differing},
+            {"certificate_end_epoch", known(end != 0, end)}};
 }
 
 json limit_json(const Limit& limit) {
@@ -97,6 +119,9 @@ std::string json_form(const Report& report) {
         {"active", facts.looked ? active_json(facts.store) : json()},
         {"status", facts.looked ? status_json(facts.status) : json()},
         {"next_check", next_check_json(facts)},
+        {"comparison",
+         facts.comparison.state == ComparisonState::not_asked_for ? json() : comparison_json(facts.comparison)},
+        {"unit", unit_text(facts.unit).empty() ? json() : unit_json(facts.unit)},
         {"limits_s",
          {{"definitions_age", limit_json(report.limits.definitions)}, {"check_age", limit_json(report.limits.check)}}},
     };

@@ -1,4 +1,3 @@
-#include "layout.hpp"
 
 #include <endian.h>
 #include <grp.h>
@@ -13,6 +12,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "facts.hpp"
 #include "settings.hpp"
 
 namespace zqu::status_tool {
@@ -21,24 +21,20 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* service_user = "zel-quorin";
+constexpr const char* readers_group = "zel-quorin-readers";
 constexpr std::size_t longest_list = 65536;  // of an extended attribute: xattr(7)
 
-// Somebody who may have rights: ACL_USER or ACL_GROUP with a number, or ACL_OTHER for everybody else.
+// Somebody with rights: ACL_USER or ACL_GROUP with a number, or ACL_OTHER for everybody else.
 struct Subject {
     unsigned tag = ACL_OTHER;
     id_t id = 0;
-};
-
-struct Entry {
-    Subject subject;
     unsigned rights = 0;
 };
 
 // The rights to one file or directory: its mode, and its groups and named users, the owning group first.
 struct Access {
     struct stat found {};
-    std::vector<Entry> entries;
+    std::vector<Subject> entries;
 };
 
 struct Service {
@@ -47,14 +43,14 @@ struct Service {
 };
 
 std::optional<Service> service() {
-    const passwd* entry = getpwnam(service_user);
+    const passwd* entry = getpwnam(tools::service_user);
     return entry == nullptr ? std::nullopt : std::optional<Service>({entry->pw_uid, entry->pw_gid});
 }
 
 // The entries of the access ACL but for those of the owner, the mask and everybody else, which the mode has.
-std::vector<Entry> entries_of(const std::string& path, const struct stat& found) {
+std::vector<Subject> entries_of(const std::string& path, const struct stat& found) {
     const unsigned mask = found.st_mode >> 3 & 7U;  // with an ACL, the group's bits of a mode are its mask
-    std::vector<Entry> entries{{{ACL_GROUP, found.st_gid}, mask}};
+    std::vector<Subject> entries{{ACL_GROUP, found.st_gid, mask}};
     std::vector<char> list(longest_list);
     const ssize_t size = lgetxattr(path.c_str(), "system.posix_acl_access", list.data(), list.size());
     posix_acl_xattr_entry entry{};
@@ -66,7 +62,7 @@ std::vector<Entry> entries_of(const std::string& path, const struct stat& found)
         if (tag == ACL_GROUP_OBJ) {
             entries.front().rights = rights;
         } else if (tag == ACL_USER || tag == ACL_GROUP) {
-            entries.push_back({{tag, le32toh(entry.e_id)}, rights});
+            entries.push_back({tag, le32toh(entry.e_id), rights});
         }
     }
     return entries;
@@ -84,8 +80,8 @@ std::optional<Access> access_to(const std::string& path) {
 // What the subject may do by its number alone: acl(5), "access check algorithm".
 unsigned rights_of(const Subject& subject, const Access& access) {
     std::optional<unsigned> rights;
-    for (const Entry& entry : access.entries) {
-        if (entry.subject.tag == subject.tag && entry.subject.id == subject.id) {
+    for (const Subject& entry : access.entries) {
+        if (entry.tag == subject.tag && entry.id == subject.id) {
             rights = rights.value_or(0U) | entry.rights;
         }
     }
@@ -136,7 +132,36 @@ bool may_be_shared(const Place& place) {
     return (of_status && (mode & S_ISVTX) != 0) || !(S_ISDIR(mode) || S_ISREG(mode));
 }
 
-void find_writers(Place& place, const std::optional<Service>& service) {
+// In a user namespace that lacks a group, ACLs show it as (gid_t)-1.
+bool has_hidden_groups(const Access& access) {
+    return std::any_of(access.entries.begin(), access.entries.end(), [](const Subject& entry) {
+        return entry.tag == ACL_GROUP && entry.id == static_cast<id_t>(-1);
+    });
+}
+
+bool may_reach(const Subject& subject, const std::vector<Access>& above) {
+    return std::all_of(above.begin(), above.end(),
+                       [&subject](const Access& directory) { return (rights_of(subject, directory) & 1U) != 0; });
+}
+
+void find_writers(Place& place, const Access& access, const std::vector<Access>& above,
+                  const std::optional<Service>& service) {
+    std::vector<Subject> candidates = access.entries;
+    candidates.push_back({ACL_OTHER, 0, place.found.st_mode & 7U});
+    for (const Subject& subject : candidates) {
+        if ((subject.rights & 2U) == 0 || !may_reach(subject, above) ||
+            !is_stranger(subject, place.found.st_uid, service)) {
+            continue;
+        }
+        if (subject.tag == ACL_OTHER) {
+            place.everybody = true;
+        } else {
+            place.writers.push_back(name_of(subject));
+        }
+    }
+}
+
+void find_rights(Place& place, const Layout& layout, const std::optional<Service>& service) {
     std::error_code error;
     const fs::path path = fs::canonical(place.path, error);
     const std::optional<Access> access = error ? std::nullopt : access_to(path);
@@ -145,22 +170,15 @@ void find_writers(Place& place, const std::optional<Service>& service) {
         return;
     }
     place.group_rights = access->entries.front().rights;
-    std::vector<Entry> candidates = access->entries;
-    candidates.push_back({{ACL_OTHER, 0}, place.found.st_mode & 7U});
-    for (const Entry& candidate : candidates) {
-        const Subject& subject = candidate.subject;
-        const bool reaches = std::all_of(above.begin(), above.end(), [&subject](const Access& directory) {
-            return (rights_of(subject, directory) & 1U) != 0;
-        });
-        if ((candidate.rights & 2U) == 0 || !reaches || !is_stranger(subject, place.found.st_uid, service) ||
-            may_be_shared(place)) {
-            continue;
-        }
-        if (subject.tag == ACL_OTHER) {
-            place.everybody = true;
-        } else {
-            place.writers.push_back(name_of(subject));
-        }
+    if (!may_be_shared(place)) {
+        find_writers(place, *access, above, service);
+    }
+    const Subject readers{ACL_GROUP, layout.readers.value_or(0), 0};
+    const bool hidden = std::any_of(above.begin(), above.end(), has_hidden_groups) || has_hidden_groups(*access);
+    if (layout.readers) {
+        place.closed = !hidden && (!may_reach(readers, above) || (rights_of(readers, *access) & 4U) == 0);
+    } else {
+        place.closed = (place.found.st_mode & (S_IRUSR | S_IRGRP | S_IROTH)) == 0;
     }
 }
 
@@ -210,12 +228,14 @@ Layout look_at_layout(const std::string& config_path, const Config& cfg, const S
     Layout layout;
     layout.packaged = known && config_path == tools::default_config_path;
     layout.group = known ? std::optional<gid_t>(known->gid) : std::nullopt;
+    const group* readers = layout.packaged ? getgrnam(readers_group) : nullptr;
+    layout.readers = readers != nullptr ? std::optional<gid_t>(readers->gr_gid) : std::nullopt;
     for (const auto& [role, path] : places_of(cfg, store)) {
         Place place;
         place.role = role;
         place.path = path;
         if (look(path, role == Role::root || role == Role::status_directory, place.found)) {
-            find_writers(place, known);
+            find_rights(place, layout, known);
             layout.places.push_back(place);
         }
     }

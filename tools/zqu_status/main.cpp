@@ -1,14 +1,19 @@
-// zqu-status: tells how the definitions and their updater fare, to people and to monitoring systems.
+// zqu-status: shows the state of the definitions and of their updater to people and to monitoring systems.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
 #include <string>
+#include <utility>
 
-#include "facts.hpp"
-#include "findings.hpp"
-#include "forms.hpp"
-#include "output.hpp"
+#include "descriptors.hpp"
 #include "program.hpp"
+#include "report.hpp"
 #include "settings.hpp"
 #include "text.hpp"
 
@@ -20,96 +25,158 @@ using namespace zqu::tools;
 constexpr int could_not_tell = 3;
 
 constexpr const char* about =
-    "Tells how the antivirus definitions and their updater zel_quorin_updater fare: what is in service since when, how "
-    "the last check went, and whether something has to be done.";
+    "Shows the state of the antivirus definitions and of their updater zel_quorin_updater: what is in service since "
+    "when, how the last check went, and whether something has to be done.";
 
 constexpr const char* about_more =
-    "DURATION is a number of seconds, or of minutes, hours or days with m, h or d after it; 0 sets no limit.\n\n"
+    "DURATION is a number of seconds, or of minutes, hours, days or weeks with m, h, d or w after it; as a limit, 0 is "
+    "none.\n\n"
     "Exit status: 0 ok, 1 warning, 2 critical, 3 unknown, wrong command line, or the output could not be written.\n"
-    "With --json and --prometheus, 0 whenever the output was written.\n\n"
-    "Examples:\n"
-    "  zqu-status\n"
-    "  zqu-status --nagios --crit-age 7d\n"
-    "  zqu-status --prometheus --output /var/lib/prometheus/node-exporter/zel-quorin-updater.prom\n";
+    "With --json and --prometheus, 0 whenever the output was written. The manual page has examples.\n";
 
-struct Options {
-    std::string config = zqu::tools::default_config_path;
+struct Request {
+    std::string config = default_config_path;
     std::string output;
+    std::optional<std::string> unit;
+    std::optional<std::uint32_t> timeout_s;
     bool json = false;
     bool nagios = false;
     bool prometheus = false;
+    bool quiet = false;
+    bool verify = false;
     Wishes wishes;
 };
 
-void add_limit(CLI::App& app, const char* name, std::optional<std::int64_t>& limit, const char* description) {
-    const auto take = [&limit, name](const std::string& text) {
-        limit = parse_duration(text);
-        if (!limit) {
-            throw CLI::ValidationError(name, text + " is no duration, such as 90, 15m, 4h or 2d");
-        }
+void add_options(CLI::App& app, Request& request) {
+    app.add_option("--config", request.config, "The daemon's configuration file")->capture_default_str();
+    CLI::Option* json = app.add_flag("--json", request.json, "Write JSON");
+    CLI::Option* nagios = app.add_flag("--nagios", request.nagios, "Write a line as monitoring plugins do");
+    CLI::Option* prometheus = app.add_flag("--prometheus", request.prometheus, "Write metrics");
+    CLI::Option* quiet = app.add_flag("--quiet", request.quiet, "Write nothing: the exit status is the verdict");
+    json->excludes(nagios)->excludes(prometheus)->excludes(quiet);
+    nagios->excludes(prometheus)->excludes(quiet);
+    prometheus->excludes(quiet);
+    app.add_option("--output", request.output, "Replace this regular file, atomically, instead of standard output")
+        ->excludes(quiet);
+    app.add_option(
+        "--unit", request.unit,
+        "The daemon's systemd unit, or none (zel_quorin_updater.service for the default configuration, else none)");
+    CLI::Option* verify =
+        app.add_flag("--verify", request.verify, "Compare every byte of the definitions with the mirror's");
+    const auto take_timeout = [&request](std::int64_t seconds) {
+        request.timeout_s = static_cast<std::uint32_t>(std::min<std::int64_t>(seconds, UINT32_MAX));
     };
-    app.add_option_function<std::string>(name, take, description)->type_name("DURATION");
-}
-
-void add_options(CLI::App& app, Options& options) {
-    app.add_option("--config", options.config, "The daemon's configuration file")->capture_default_str();
-    CLI::Option* json = app.add_flag("--json", options.json, "Write JSON");
-    CLI::Option* nagios = app.add_flag("--nagios", options.nagios, "Write a line as monitoring plugins do");
-    CLI::Option* prometheus = app.add_flag("--prometheus", options.prometheus, "Write metrics");
-    json->excludes(nagios)->excludes(prometheus);
-    nagios->excludes(prometheus);
-    app.add_option("--output", options.output, "Replace this file, atomically, instead of writing to standard output");
-    add_limit(app, "--warn-age", options.wishes.warn_age, "Warn when the release is older (2d)");
-    add_limit(app, "--crit-age", options.wishes.crit_age, "Critical when it is older (twice the warning)");
-    add_limit(app, "--warn-check", options.wishes.warn_check,
-              "Warn when the last check is older (the longest that two checks can be apart by the configuration)");
-    add_limit(app, "--crit-check", options.wishes.crit_check, "Critical when it is older (twice the warning)");
+    add_duration(app, "--timeout", take_timeout, "Longest time of one transfer (http_timeout_s)", 1)->needs(verify);
+    for (const auto& [name, limit, description] :
+         {std::tuple("--warn-age", &request.wishes.warn_age, "Warn when the release is older (2d)"),
+          std::tuple("--crit-age", &request.wishes.crit_age, "Critical when it is older (twice the warning)"),
+          std::tuple("--warn-check", &request.wishes.warn_check,
+                     "Warn when the last check is older (the longest that two checks can be apart)"),
+          std::tuple("--crit-check", &request.wishes.crit_check, "Critical when it is older (twice the warning)")}) {
+        add_duration(
+            app, name, [limit = limit](std::int64_t seconds) { *limit = seconds; }, description);
+    }
     app.footer(about_more);
 }
 
-Report report_on(const Options& options) {
-    Report report;
-    report.facts = observe(options.config);
-    report.limits = limits_for(options.wishes, report.facts.cfg);
-    report.findings = judge(report.facts, report.limits);
-    report.verdict = verdict_of(report.findings);
-    return report;
+std::string unit_of(const Request& request) {
+    const bool packaged = request.config == default_config_path;
+    const std::string unit = request.unit.value_or(packaged ? "zel_quorin_updater.service" : "none");
+    return unit == "none" ? "" : unit;
 }
 
-std::string render(const Report& report, const Options& options) {
-    if (options.json) {
+Report report_on(const Request& request) {
+    Facts facts = observe(request.config);
+    facts.unit = look_at_unit(unit_of(request), facts.cfg);
+    const Limits limits = limits_for(request.wishes, facts.cfg);
+    if (facts.looked && request.verify) {
+        zqu::Config cfg = facts.cfg;
+        cfg.http_timeout_s = request.timeout_s.value_or(cfg.http_timeout_s);
+        facts.comparison = compare_with_mirror(cfg, facts.store);
+    }
+    return judge(std::move(facts), limits, request.unit.has_value());
+}
+
+std::string variable(const char* name) {
+    const char* value = std::getenv(name);
+    return value == nullptr ? "" : value;
+}
+
+bool colour_wanted() {
+    const std::string terminal = variable("TERM");
+    return isatty(STDOUT_FILENO) == 1 && variable("NO_COLOR").empty() && !terminal.empty() && terminal != "dumb";
+}
+
+std::string render(const Report& report, const Request& request) {
+    if (request.json) {
         return json_form(report);
     }
-    if (options.nagios) {
+    if (request.nagios) {
         return nagios_form(report);
     }
-    return options.prometheus ? prometheus_form(report) : text_form(report, options.output.empty() && colour_wanted());
+    return request.prometheus ? prometheus_form(report) : text_form(report, request.output.empty() && colour_wanted());
 }
 
-int carry_out(const Options& options) {
-    const Report report = report_on(options);
-    const std::string text = render(report, options);
-    if (options.output.empty()) {
-        print(text);
-    } else {
-        replace_file(options.output, text);
+// By rename(2), so that a reader sees the old content or the new. Not flushed to disk: after a power cut the file may
+// be empty.
+void replace_file(const std::filesystem::path& target, const std::string& text) {
+    struct stat found {};
+    if (lstat(target.c_str(), &found) == 0 && !S_ISREG(found.st_mode)) {
+        throw std::runtime_error("cannot replace " + target.string() + ": it is not a regular file; name another one");
     }
-    return options.json || options.prometheus ? EXIT_SUCCESS : exit_status(report.verdict);
+    std::string next = target.parent_path() / ("." + target.filename().string() + ".XXXXXX");
+    const Fd file(mkostemp(next.data(), O_CLOEXEC));
+    if (file.get() < 0) {
+        fail_errno("cannot write " + target.string());
+    }
+    try {
+        write_all(file.get(), text, target);
+        if (fchmod(file.get(), 0644) != 0 || std::rename(next.c_str(), target.c_str()) != 0) {
+            fail_errno("cannot replace " + target.string());
+        }
+    } catch (...) {
+        unlink(next.c_str());
+        throw;
+    }
+}
+
+int carry_out(const Request& request) {
+    const Report report = report_on(request);
+    if (!request.output.empty()) {
+        replace_file(request.output, render(report, request));
+    } else if (!request.quiet) {
+        print(render(report, request));
+    }
+    return request.json || request.prometheus ? EXIT_SUCCESS : exit_status(report.verdict);
+}
+
+void print_unknown(const std::string& reason) {
+    print(nagios_line(nagios_service, Verdict::unknown, shown(reason)));
 }
 
 int parse_and_carry_out(int argc, char** argv) {
-    Options options;
+    Request request;
     CLI::App app(about, "zqu-status");
     app.set_version_flag("--version", "zqu-status " ZQU_VERSION);
-    add_options(app, options);
-    if (const auto status = zqu::tools::parse(app, argc, argv, could_not_tell)) {
+    add_options(app, request);
+    const bool nagios = std::any_of(argv, argv + argc, [](const std::string& word) { return word == "--nagios"; });
+    if (const auto status =
+            nagios ? parse(app, argc, argv, could_not_tell, print_unknown) : parse(app, argc, argv, could_not_tell)) {
         return *status;
     }
-    return carry_out(options);
+    try {
+        return carry_out(request);
+    } catch (const std::exception& e) {
+        if (!nagios) {
+            throw;
+        }
+        print_unknown(e.what());
+        return could_not_tell;
+    }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    return zqu::tools::run_program("zqu-status", could_not_tell, [&] { return parse_and_carry_out(argc, argv); });
+    return run_program("zqu-status", could_not_tell, [&] { return parse_and_carry_out(argc, argv); });
 }

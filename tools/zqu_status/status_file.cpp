@@ -1,5 +1,3 @@
-#include "status_file.hpp"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,15 +13,16 @@
 #include <utility>
 
 #include "descriptors.hpp"
+#include "facts.hpp"
 #include "text.hpp"
 
 namespace zqu::status_tool {
 
-using namespace tools;
-
 namespace {
 
 using nlohmann::json;
+
+constexpr std::size_t status_limit = 65536;
 
 StatusFile fault(StatusState state, std::string reason) {
     return {state, std::move(reason), {}, false};
@@ -65,42 +64,45 @@ json parse_once_each(const std::string& text) {
 }
 
 const json& member(const json& document, const char* name) {
-    const auto found = document.find(name);
-    if (found == document.end()) {
+    if (!document.contains(name)) {
         throw std::invalid_argument("there is no \"" + std::string(name) + "\"");
     }
-    return *found;
+    return document.at(name);
 }
 
-std::string text_of(const json& document, const char* name) {
-    const json& value = member(document, name);
-    if (!value.is_string()) {
-        throw std::invalid_argument("\"" + std::string(name) + "\" is no text");
+void require(bool met, const std::string& name, const char* otherwise) {
+    if (!met) {
+        throw std::invalid_argument("\"" + name + "\" is " + otherwise);
     }
-    return value.get<std::string>();
 }
 
-std::int64_t time_of(const json& document, const char* name) {
-    const json& value = member(document, name);
-    if (!value.is_number_integer() || (value.is_number_unsigned() && value.get<std::uint64_t>() > INT64_MAX)) {
-        throw std::invalid_argument("\"" + std::string(name) + "\" is no whole number of 64 bits");
-    }
-    if (value.get<std::int64_t>() < 0) {
-        throw std::invalid_argument("\"" + std::string(name) + "\" is negative");
-    }
-    return value.get<std::int64_t>();
-}
+using Contents = SnapshotStore::Status;
 
-SnapshotStore::Status contents_of(const json& document) {
-    SnapshotStore::Status status;
-    status.active_version = text_of(document, "active_version");
-    status.engine_version = text_of(document, "engine_version");
-    status.antivir_def_version = text_of(document, "antivir_def_version");
-    status.aivsecon_def_version = text_of(document, "aivsecon_def_version");
-    status.last_check_epoch = time_of(document, "last_check_epoch");
-    status.last_success_epoch = time_of(document, "last_success_epoch");
-    status.last_error = text_of(document, "last_error");
-    return status;
+Contents contents_of(const json& document) {
+    static constexpr std::array<std::pair<const char*, std::string Contents::*>, 5> texts{{
+        {"active_version", &Contents::active_version},
+        {"engine_version", &Contents::engine_version},
+        {"antivir_def_version", &Contents::antivir_def_version},
+        {"aivsecon_def_version", &Contents::aivsecon_def_version},
+        {"last_error", &Contents::last_error},
+    }};
+    static constexpr std::array<std::pair<const char*, std::int64_t Contents::*>, 2> times{{
+        {"last_check_epoch", &Contents::last_check_epoch},
+        {"last_success_epoch", &Contents::last_success_epoch},
+    }};
+    Contents contents;
+    for (const auto& [name, text] : texts) {
+        require(member(document, name).is_string(), name, "no text");
+        contents.*text = document.at(name).get<std::string>();
+    }
+    for (const auto& [name, time] : times) {
+        const json& value = member(document, name);
+        const bool large = value.is_number_unsigned() && value.get<std::uint64_t>() > INT64_MAX;
+        require(value.is_number_integer() && !large, name, "no whole number of 64 bits");
+        require(value.get<std::int64_t>() >= 0, name, "negative");
+        contents.*time = value.get<std::int64_t>();
+    }
+    return contents;
 }
 
 StatusFile interpret(const json& document) {
@@ -112,30 +114,6 @@ StatusFile interpret(const json& document) {
         return fault(StatusState::schema, "its schema_version is " + version.dump() + ", not 1");
     }
     return {StatusState::valid, "", contents_of(document), false};
-}
-
-StatusFile read_open(int descriptor) {
-    std::string text;
-    std::array<char, 4096> block{};
-    while (text.size() <= status_limit) {
-        const ssize_t count = read(descriptor, block.data(), block.size());
-        if (count < 0 && errno != EINTR) {
-            return fault_of(errno);
-        }
-        if (count == 0) {
-            return parse_status(text);
-        }
-        text.append(block.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-    }
-    return fault(StatusState::too_long, "it is longer than " + std::to_string(status_limit) + " bytes");
-}
-
-}  // namespace
-
-const char* name_of(StatusState state) {
-    static constexpr std::array<const char*, 8> names{"valid",    "missing",    "unreadable", "not_regular",
-                                                      "too_long", "unfinished", "invalid",    "schema"};
-    return names.at(static_cast<std::size_t>(state));
 }
 
 StatusFile parse_status(const std::string& text) {
@@ -152,20 +130,36 @@ StatusFile parse_status(const std::string& text) {
     }
 }
 
+}  // namespace
+
+const char* name_of(StatusState state) {
+    static constexpr std::array<const char*, 8> names{"valid",    "missing",    "unreadable", "not_regular",
+                                                      "too_long", "unfinished", "invalid",    "schema"};
+    return names.at(static_cast<std::size_t>(state));
+}
+
 StatusFile read_status(const std::string& path) {
     struct stat found {};
     // Looked at before it is opened: a daemon that waits for a reader of a FIFO must not be let go by us.
     if (lstat(path.c_str(), &found) != 0) {
         return fault_of(errno);
     }
+    const bool regular = S_ISREG(found.st_mode);
+    const tools::Fd file(regular ? open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC) : -1);
+    if (regular && (file.get() < 0 || fstat(file.get(), &found) != 0)) {
+        return fault_of(errno);
+    }
     if (!S_ISREG(found.st_mode)) {
         return fault(StatusState::not_regular, "it is no regular file");
     }
-    const tools::Fd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (file.get() < 0 || fstat(file.get(), &found) != 0) {
-        return fault_of(errno);
+    try {
+        const std::string text = tools::read_all(file.get(), status_limit, path);
+        return text.size() <= status_limit
+                   ? parse_status(text)
+                   : fault(StatusState::too_long, "it is longer than " + std::to_string(status_limit) + " bytes");
+    } catch (const std::system_error& e) {
+        return fault_of(e.code().value());
     }
-    return S_ISREG(found.st_mode) ? read_open(file.get()) : fault(StatusState::not_regular, "it is no regular file");
 }
 
 }  // namespace zqu::status_tool

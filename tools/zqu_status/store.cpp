@@ -1,14 +1,14 @@
-#include "store.hpp"
-
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <filesystem>
 #include <system_error>
 
 #include "descriptors.hpp"
+#include "facts.hpp"
 
 namespace zqu::status_tool {
 
@@ -16,14 +16,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-bool tells_of_absence(int error) {
+bool is_absence(int error) {
     return error == ENOENT || error == ENOTDIR;
 }
 
-void read_link(const std::string& path, Store& store) {
-    struct stat found {};
+void read_link(const std::string& path, struct stat& found, Store& store) {
     if (lstat(path.c_str(), &found) != 0) {
-        store.link = tells_of_absence(errno) ? LinkState::missing : LinkState::unreadable;
+        store.link = is_absence(errno) ? LinkState::missing : LinkState::unreadable;
         store.reason = std::generic_category().message(errno);
         return;
     }
@@ -40,27 +39,55 @@ void read_link(const std::string& path, Store& store) {
     store.published = found.st_mtime;
 }
 
-Definition look_at_definition(int folder, const std::string& name) {
+bool is_later(const timespec& first, const timespec& second) {
+    return std::make_pair(first.tv_sec, first.tv_nsec) > std::make_pair(second.tv_sec, second.tv_nsec);
+}
+
+// Whether the file was changed after the link was set. ctime alone tells it of most files, as mtime comes from the
+// archive. But each start of the packaged service renews the ctime of the link: a file that was written before that
+// has the same mtime and ctime, later than the link's mtime.
+bool is_changed(const struct stat& file, const struct stat& link) {
+    const bool written = !is_later(file.st_ctim, file.st_mtim) && !is_later(file.st_mtim, file.st_ctim);
+    return is_later(file.st_ctim, link.st_mtim) && (written || is_later(file.st_ctim, link.st_ctim));
+}
+
+// Whether the file begins and ends with nothing but zero bytes. Unknown is false.
+bool is_zeroed(int directory, const std::string& name, off_t size) {
+    const tools::Fd file(openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    std::array<char, 4096> block{};
+    const off_t length = std::min<off_t>(block.size(), size);
+    for (const off_t offset : {off_t{0}, size - length}) {
+        if (pread(file.get(), block.data(), static_cast<std::size_t>(length), offset) != length ||
+            std::any_of(block.begin(), block.begin() + length, [](char byte) { return byte != 0; })) {
+            return false;
+        }
+    }
+    return true;
+}
+
+Definition look_at_definition(int directory, const std::string& name, const struct stat& link) {
     struct stat found {};
-    if (fstatat(folder, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
-        return {name, tells_of_absence(errno) ? DefinitionState::missing : DefinitionState::unreadable, 0};
+    if (fstatat(directory, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
+        return {name, is_absence(errno) ? DefinitionState::missing : DefinitionState::unreadable};
     }
     if (!S_ISREG(found.st_mode)) {
-        return {name, DefinitionState::not_regular, 0};
+        return {name, DefinitionState::not_regular};
     }
-    return {name, DefinitionState::present, static_cast<std::uint64_t>(found.st_size)};
+    const bool zeroed = found.st_size > 0 && is_zeroed(directory, name, found.st_size);
+    const DefinitionState filled = zeroed ? DefinitionState::zeroed : DefinitionState::present;
+    return {name, found.st_size == 0 ? DefinitionState::empty : filled, found.st_size, is_changed(found, link)};
 }
 
 // One directory is held for both files: a publication in between cannot mix two releases.
-void look_at_definitions(const std::string& path, const std::string& flavor, Store& store) {
-    const tools::Fd folder(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (folder.get() < 0) {
+void look_at_definitions(const std::string& path, const std::string& flavor, const struct stat& link, Store& store) {
+    const tools::Fd directory(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (directory.get() < 0) {
         store.link = errno == EACCES || errno == EPERM ? LinkState::unreadable : LinkState::dangling;
         store.reason = std::generic_category().message(errno);
         return;
     }
     for (const char* kind : {"antivir-", "aivsecon-"}) {
-        store.definitions.push_back(look_at_definition(folder.get(), kind + flavor + ".def"));
+        store.definitions.push_back(look_at_definition(directory.get(), kind + flavor + ".def", link));
     }
 }
 
@@ -83,7 +110,7 @@ std::optional<std::size_t> count_snapshots(const std::string& path) {
         count += entry->is_directory(ignored) ? 1U : 0U;
         entry.increment(error);
     }
-    const bool none = tells_of_absence(error.value());
+    const bool none = is_absence(error.value());
     return error && !none ? std::nullopt : std::optional<std::size_t>(count);
 }
 
@@ -96,16 +123,18 @@ const char* name_of(LinkState state) {
 }
 
 const char* name_of(DefinitionState state) {
-    static constexpr std::array<const char*, 4> names{"present", "missing", "unreadable", "not_regular"};
+    static constexpr std::array<const char*, 6> names{"present",     "missing", "unreadable",
+                                                      "not_regular", "empty",   "zeroed"};
     return names.at(static_cast<std::size_t>(state));
 }
 
 Store look_at_store(const Config& cfg) {
     Store store;
     const std::string path = cfg.def_root + "/active";
-    read_link(path, store);
+    struct stat link {};
+    read_link(path, link, store);
     if (store.link == LinkState::in_service) {
-        look_at_definitions(path, cfg.flavor, store);
+        look_at_definitions(path, cfg.flavor, link, store);
     }
     if (store.link == LinkState::in_service && leads_outside(cfg.def_root, store.version)) {
         store.link = LinkState::outside;
@@ -113,10 +142,6 @@ Store look_at_store(const Config& cfg) {
     }
     store.snapshots = count_snapshots(cfg.def_root + "/snapshots");
     return store;
-}
-
-bool same_link(const Store& first, const Store& second) {
-    return first.link == second.link && first.target == second.target && first.published == second.published;
 }
 
 }  // namespace zqu::status_tool

@@ -2,7 +2,7 @@
 #include <array>
 #include <cctype>
 
-#include "forms.hpp"
+#include "report.hpp"
 #include "text.hpp"
 
 namespace zqu::status_tool {
@@ -47,7 +47,7 @@ std::string moment(std::int64_t now, std::int64_t event) {
 
 std::string findings_text(const Report& report, bool colour) {
     std::string text;
-    for (const Finding& finding : report.findings) {
+    for (const Matter& finding : report.findings) {
         const std::string name = name_of(finding.verdict);
         text += word(finding.verdict, colour) + std::string(label_width - name.size(), ' ') + finding.text + "\n";
         text += paragraph(finding.advice) + (finding.command.empty() ? "" : line("", finding.command));
@@ -63,8 +63,8 @@ std::string store_text(const Report& report) {
         text += line("in service", "since " + moment(facts.now, *store.published));
     }
     for (const Definition& definition : store.definitions) {
-        if (definition.state == DefinitionState::present) {
-            text += line("file", shown(definition.name) + ", " + std::to_string(definition.size) + " bytes");
+        if (definition.size) {
+            text += line("file", shown(definition.name) + ", " + std::to_string(*definition.size) + " bytes");
         }
     }
     const std::string count = store.snapshots ? std::to_string(*store.snapshots) : "unknown";
@@ -77,13 +77,13 @@ std::string check_text(const Report& report) {
     if (report.facts.status.state != StatusState::valid) {
         return line("last check", "unknown");
     }
-    const std::optional<Span> next = next_check(report.facts);
+    const auto next = next_check(report.facts);
     const std::string outcome = status.last_error.empty() ? ": succeeded" : ": failed";
     return line("last check", moment(report.facts.now, status.last_check_epoch) + outcome) +
            line("last error", status.last_error.empty() ? "none" : shown(status.last_error)) +
-           line("next check", next ? utc_text(next->earliest) + " to " + utc_text(next->latest) +
-                                         ", and later by what the last one took"
-                                   : "unknown") +
+           line("next check",
+                next ? utc_text(next->first) + " to " + utc_text(next->second) + ", and later by what the last one took"
+                     : "unknown") +
            line("engine", status.engine_version.empty() ? "not set" : shown(status.engine_version));
 }
 
@@ -94,6 +94,11 @@ std::string text_form(const Report& report, bool colour) {
     if (report.facts.looked) {
         text += store_text(report) + check_text(report);
     }
+    const std::string unit = unit_text(report.facts.unit);
+    if (report.facts.comparison.state == ComparisonState::same) {
+        text += line("verified", "the definitions are those of the mirror, in every byte");
+    }
+    text += unit.empty() ? "" : line("service", unit);
     return text + line("observed", utc_text(report.facts.now));
 }
 
