@@ -27,14 +27,15 @@ def promtool(*words):
 
 @pytest.fixture
 def exposition(gateway, mirror):
-    """The metrics of a gateway with a release in service: all that there can be."""
+    """The metrics of a gateway with a release in service."""
     mirror.publish("1001")
     gateway.run_once()
-    return run("--config", gateway.config_path, "--prometheus")[1]
+    return run("--config", gateway.config_path, "--prometheus", "--verify")[1]
 
 
 def emitted(exposition):
-    return set(re.findall(r"^# TYPE (\w+) ", exposition, re.MULTILINE))
+    """With the one that needs systemd: tests/packaging/test_status_timer.py."""
+    return {"zelquorin_unit_info", *re.findall(r"^# TYPE (\w+) ", exposition, re.MULTILINE)}
 
 
 def named(text):
