@@ -26,7 +26,7 @@ Run::Run() : arrivals_(signalfd(-1, &signals_, SFD_CLOEXEC)) {
 
 Run::~Run() {
     over_ = true;
-    pthread_kill(watcher_.native_handle(), SIGHUP);
+    pthread_kill(watcher_.native_handle(), SIGRTMIN);
     watcher_.join();  // never returns when the watcher is ending the process
     progress_.clear();
     undo();
@@ -127,11 +127,17 @@ void Run::clean_up() {
     made_.clear();
 }
 
+// Those that were not ignored at the start, as by nohup(1), and one that wakes the watcher in the end.
 sigset_t Run::ending_signals() {
     sigset_t signals;
     sigemptyset(&signals);
+    sigaddset(&signals, SIGRTMIN);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaddset(&signals, signal);
+        struct sigaction at_start {};
+        sigaction(signal, nullptr, &at_start);
+        if (at_start.sa_handler != SIG_IGN) {
+            sigaddset(&signals, signal);
+        }
     }
     return signals;
 }

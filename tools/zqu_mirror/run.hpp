@@ -2,8 +2,9 @@
 // shown on a terminal meanwhile.
 //
 // Everything made through the run is removed when the run ends without commit(), be it by an exception or by SIGINT,
-// SIGTERM or SIGHUP. A run that is killed removes nothing. One thread works with the run; a thread of the run's own
-// takes the signals, because neither the core library nor libgcab can be interrupted in their work.
+// SIGTERM or SIGHUP, unless that was ignored at the start. A run that is killed removes nothing. One thread works with
+// the run; a thread of the run's own takes the signals, because neither the core library nor libgcab can be interrupted
+// in their work.
 #pragma once
 
 #include <atomic>
