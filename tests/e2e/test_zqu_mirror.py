@@ -13,12 +13,13 @@ from pathlib import Path
 
 import pytest
 from gateway import Gateway
-from mirror_tool import DOTS_RULE, NAME_RULE, SUBDIR, WORK, cab, change_info, clean_report, noise, run
+from mirror_tool import DOTS_RULE, HIT_RULE, NAME_RULE, SUBDIR, WORK, cab, change_info, clean_report, noise, run
 from outcomes import published
 from release import HIT, info_name, sha256
 from tools import under_strace
 
 CAB_CAPACITY = 65535 * 32768
+FULL = "cannot write to standard output: No space left on device"
 FORMATS = {"cab": [], "zip": ["--zip"]}
 FIRST, SECOND, INDEX = "antivir-v2.def", "aivsecon-v2.def", "antivir-v2.ini"
 
@@ -95,7 +96,7 @@ def test_definition_file_of_any_size_comes_through(own):
     own.aivsecon.write_bytes(b"")
     for size in (0, 32768, 32769):  # a block of a CAB holds 32768 bytes
         own.antivir.write_bytes(noise(size, "size"))
-        assert own.publish(f"{size}")[0] == 0
+        assert own.publish(f"{size}", "--allow-empty")[0] == 0
         expect_clean(own, size)
 
 
@@ -171,6 +172,7 @@ REFUSED_NAMES = {
     "--id": {
         DOTS_RULE: ["", ".", ".."],
         NAME_RULE: ["a/b", "a b", "a\n", "a%41", "a=b", "a\\b", "a\x7f", "\u00e9"],
+        HIT_RULE: ["hit", "x-hit"],
     },
     "--flavor": {DOTS_RULE: [""], NAME_RULE: ["a/b"]},
     "--subdir": {DOTS_RULE: ["..", "a/../b", "./a"], NAME_RULE: ["a b"]},
@@ -185,6 +187,57 @@ def test_name_that_clients_could_not_fetch_is_refused(own, option):
             words = ["publish", option, value, *(["--id", "1"] if option != "--id" else [])]
             line = f"{option}: {rule} (see zqu-mirror --help)"
             own.expect_refused(line, *words, own.root, own.antivir, own.aivsecon, code=2)
+
+
+# Names of the first and the second file; whether they show that the two are swapped.
+PAIRS = {
+    ("aivsecon.def", "antivir.def"): True,
+    ("new-AIVSECON.def", "main.def"): True,
+    ("main.def", "Antivir-v2.def"): True,
+    ("antivir.def", "aivsecon.def"): False,
+    ("antivir/1.def", "aivsecon/1.def"): False,
+    ("aivsecon/antivir.def", "antivir/aivsecon.def"): False,
+    ("antivir-and-aivsecon.def", "aivsecon-and-antivir.def"): False,
+}
+
+
+@pytest.mark.parametrize("pair", PAIRS)
+def test_pair_of_files_that_is_swapped_is_refused(own, pair):
+    own.publish_small("old")
+    first, second = (own.base / "in" / name for name in pair)
+    for path in (first, second):
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_text(str(path))
+    words = ["publish", "--id", "1", own.root, first, second]
+    if PAIRS[pair]:
+        swapped = first if "aivsecon" in first.name.lower() else second
+        given, other = ("ANTIVIR", "aivsecon") if swapped == first else ("AIVSECON", "antivir")
+        line = f"{given}: {swapped} has the name of the {other} file: the order is ANTIVIR AIVSECON"
+        own.expect_refused(f"{line} (see zqu-mirror --help)", *words, code=2)
+    else:
+        assert run(*words)[0] == 0
+
+
+@pytest.mark.parametrize("number", [0, 1])
+def test_empty_file_is_refused_unless_allowed(own, number):
+    own.publish_small("old")
+    path = [own.antivir, own.aivsecon][number]
+    path.write_bytes(b"")
+    line = f"{path} is empty: gateways would scan without its signatures; --allow-empty publishes it"
+    own.expect_refused(line, *own.publishing("1"))
+    assert own.publish("1", "--allow-empty")[0] == 0
+
+
+@pytest.mark.parametrize("command", ["publish", "prune", "list", "list --json", "check", "mirror"])
+def test_output_that_cannot_be_written_is_a_failure(own, command):
+    own.publish_small("old")
+    words = {"publish": own.publishing("1"), "mirror": ["mirror", f"file://{own.root}", own.base / "copy"]}
+    words = words.get(command, [*command.split(), own.root])
+    assert run.into_full_device(*words) == (1, f"zqu-mirror: {FULL}\n")
+
+
+def test_quiet_publish_prints_nothing(own):
+    assert own.publish("1", "--quiet") == (0, "", "")
 
 
 def test_id_too_long_for_a_clients_temporary_name_is_refused(own):
@@ -212,8 +265,8 @@ def damage_new(own):
 
 def make_too_large(own):
     index = 2 * 64 + len(f"{FIRST}.sha256 = \n{SECOND}.sha256 = \n")
-    own.aivsecon.write_bytes(b"")
-    os.truncate(own.antivir, CAB_CAPACITY - index + 1)
+    own.aivsecon.write_bytes(b"x")
+    os.truncate(own.antivir, CAB_CAPACITY - index)
 
 
 # How the inputs or the mirror with the release "old" look, and what then is said of a publish.

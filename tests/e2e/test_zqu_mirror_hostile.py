@@ -481,10 +481,32 @@ def test_nothing_is_copied_of_a_file_that_is_too_long(hostile):
     assert hostile.run("mirror", prefix=["prlimit", "--fsize=1000"]) == (1, "", line)
 
 
+SPECIAL = {
+    "fifo": (os.mkfifo, "not a regular file"),
+    "device": (lambda path: path.symlink_to("/dev/zero"), "not a regular file"),
+    "long": (lambda path: path.write_bytes(bytes(2 << 20)), "longer than 1048576 bytes"),
+}
+
+
+@pytest.mark.parametrize("kind", SPECIAL)
 @pytest.mark.parametrize("name", [HIT, INFO, "x.zip"])
-def test_fifo_on_the_mirror_keeps_nobody_waiting(hostile, name):
+def test_special_or_long_file_keeps_no_command_waiting(hostile, name, kind):
+    make, reason = SPECIAL[kind]
     hostile.put(new())
     path = hostile.upstream.path(name)
     path.unlink()
-    os.mkfifo(path)
-    assert hostile.run("mirror") == (1, "", f"zqu-mirror: GET file://{path}: not a regular file\n")
+    make(path)
+    root = hostile.base / "upstream"
+    line = f"zqu-mirror: GET file://{path}: {reason}\n"
+    commands = {
+        "mirror": hostile.words("mirror"),
+        "publish": ["publish", "--id", "7", root, hostile.tool.path, hostile.tool.path],
+        "prune": ["prune", "--keep", "1", root],
+        "list": ["list", root],
+    }
+    for command, words in commands.items():
+        code, out, err = hostile.tool(*words, prefix=["timeout", "30"])
+        if name != "x.zip" and (command, name) != ("publish", HIT):
+            assert (code, err) == (1, line), command
+        else:  # an archive is opened to be read only, and a hit INI to be replaced
+            assert code == (0 if command == "prune" else 1), command

@@ -13,7 +13,7 @@ from typing import Callable
 import pytest
 from mirror_tool import WORK, cab, run
 from release import HIT, info_name
-from tools import under_strace
+from tools import Stopped, under_strace
 
 # Calls that change nothing on a disk. A kill before one leaves what a kill before the next one of others leaves.
 HARMLESS = {"close", "fcntl", "flock", "fstat", "getdents64", "lseek", "newfstatat", "pread64", "read", "statx"}
@@ -70,8 +70,7 @@ COMMANDS = {
     ),
     "prune": Command(
         prepare=lambda own, upstream: own.history(50, 40, 30, 20),
-        words=lambda own, root: ["prune", "--keep", "1", root],
-        heal=lambda own, root: ["prune", "--keep", "1", "--grace", "0s", root],
+        words=lambda own, root: ["prune", "--keep", "1", "--grace", "0", root],
         work=[],
         archive=cab("1"),
         steps=[
@@ -261,6 +260,19 @@ def test_signal_ends_the_run_and_the_mirror_is_untouched(own, name, number):
         assert own.path(WORK).exists()
         assert stopped.finish(number) == (128 + number, "", f"zqu-mirror: ended by signal: {SIGNALS[number]}\n")
     assert own.seen() == before
+
+
+@pytest.mark.parametrize("number", SIGNALS)
+def test_signal_that_is_ignored_at_the_start_stays_ignored(own, number):
+    """As nohup(1) and the background jobs of some shells begin."""
+    own.publish_small("old")
+    command = ["env", f"--ignore-signal={int(number)}", run.path, *own.publishing("new")]
+    with Stopped(command, own.path(f"{WORK}/hit")) as stopped:
+        code, out, err = stopped.finish(number)
+        assert (code, out.startswith("published new: "), err) == (0, True, "")
+    others = [other for other in SIGNALS if other != number]
+    with Stopped([*command[:-4], "next", *command[-3:]], own.path(f"{WORK}/hit")) as stopped:
+        assert stopped.finish(others[0])[0] == 128 + others[0]
 
 
 def test_signal_ends_the_first_publish_and_nothing_is_left(own):

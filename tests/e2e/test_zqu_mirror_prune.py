@@ -4,7 +4,7 @@ import os
 
 import pytest
 from gateway import DAEMON, Gateway
-from mirror_tool import DAY, NAME_RULE, SUBDIR, WORK, cab
+from mirror_tool import DAY, NAME_RULE, SUBDIR, WORK, cab, utc
 from outcomes import published
 from release import HIT, info_name
 from tools import Stopped
@@ -20,33 +20,51 @@ NOTHING = (0, total(0, 0, 0), "")
 # ---- What goes ----
 
 
-@pytest.mark.parametrize(
-    "rules, doomed",
-    [
-        ("--keep 2", "123"),
-        ("--keep 4", "1"),
-        ("--older-than 25d", "12"),
-        ("--older-than 1w", "1234"),
-        ("--older-than 960h", "1"),
-        ("--keep 3 --older-than 35d", "1"),
-        ("--keep 4 --older-than 1d", "1"),
-        ("--keep 1", "1234"),
-        ("", ""),
-    ],
-)
-def test_what_no_rule_spares_goes_oldest_first(own, rules, doomed):
-    own.history(41, 31, 21, 11, 1)
+# Rules, what they remove, and for each of the others why it stays, the newest first.
+RULES = {
+    "--keep 2": ("123", "current|among the 2 newest"),
+    "--keep 4": ("1", "current" + "|among the 4 newest" * 3),
+    "--older-than 25d": ("12", "current" + "|younger than 25 d" * 2),
+    "--older-than 1w": ("1234", "current"),
+    "--older-than 3456000": ("1", "current" + "|younger than 40 d" * 3),
+    "--keep 3 --older-than 35d": ("1", "current" + "|among the 3 newest" * 2 + "|younger than 35 d"),
+    "--keep 4 --older-than 1d": ("1", "current" + "|among the 4 newest" * 3),
+    "--keep 1 --grace 11d": ("12", "current|within the grace until {}|within the grace until {}"),
+    "--keep 1": ("1234", "current"),
+    "": ("", "current" + "|neither --keep nor --older-than is given" * 4),
+}
+
+
+@pytest.mark.parametrize("rules", RULES)
+def test_what_no_rule_keeps_goes_oldest_first(own, rules):
+    own.history(41, 31, 21, 10, 1)
+    doomed, reasons = RULES[rules]
     rules = rules.split()
     size = own.size(*(name for id in doomed for name in (info_name(id), cab(id))))
     before = own.seen()
-    would = own.removed(*doomed, did="would remove") + total(len(doomed), 0, size, "would be removed in all")
+    would = own.removed(*doomed, did="would remove")
+    for id, reason in zip("54321", reasons.format(utc(own.began + DAY), utc(own.began + 10 * DAY)).split("|")):
+        would += f"would keep {id}: {reason}\n"
+    would += total(len(doomed), 0, size, "would be removed in all")
     assert own.prune(*rules, "--dry-run") == (0, would, "")
+    assert own.prune(*rules, "--dry-run", "--quiet") == (0, own.removed(*doomed, did="would remove"), "")
     assert own.seen() == before
     lines = own.removed(*doomed)
     assert own.prune(*rules) == (0, lines + total(len(doomed), 0, size), "")
     assert own.files() == own.files_of(*(id for id in "12345" if id not in doomed))
     assert own.check()[0] == 0
     assert own.prune(*rules) == NOTHING
+    assert own.prune(*rules, "--quiet") == (0, "", "")
+
+
+def test_held_release_is_marked_and_goes_like_any_other(own):
+    own.history(40, 30, 20)
+    (own.folder / ".zqu-mirror.held").mkdir()
+    for id in ("1", "2"):
+        (own.folder / ".zqu-mirror.held" / info_name(id)).touch()
+    rules = ["--keep", "2"]
+    assert "would keep 3: current\nwould keep 2 (held): among the 2 newest\n" in own.prune(*rules, "--dry-run")[1]
+    own.expect_left(".zqu-mirror.held", *own.files_of("2", "3"), rules=rules)
 
 
 @pytest.mark.parametrize("rules, left", [("--keep 1 --older-than 2d", "1"), ("--keep 2", "13")])
@@ -96,7 +114,11 @@ def test_archive_that_another_ini_names_outlives_its_release(own):
 
 
 def test_release_with_the_id_hit_is_one_like_any_other(own):
-    own.publish_small("hit", "x-hit", "3")
+    """Publishing one is refused, but others may have put it there."""
+    own.publish_small("3")
+    for id in ("hit", "x-hit"):
+        own.write(cab(id), id)
+        own.write(info_name(id), names(cab(id)))
     for name in (info_name("hit"), info_name("x-hit"), info_name("3"), HIT):
         own.set_age(name, 5)
     own.expect_left(*own.files_of("3"))
@@ -117,7 +139,7 @@ def test_release_without_its_archive_goes(own):
 def test_what_was_published_within_the_grace_stays(own):
     own.publish_small("1", "2", "3")
     assert own.prune("--keep", "1") == own.prune("--keep", "1", "--grace", "1h") == NOTHING
-    own.expect_left(*own.files_of("3"), rules=["--keep", "1", "--grace", "0s"])
+    own.expect_left(*own.files_of("3"), rules=["--keep", "1", "--grace", "0"])
 
 
 # Ages of releases in days, the releases published now (again), the rule, and what is left.
@@ -148,13 +170,38 @@ def test_where_no_time_was_left_the_newest_before_stays(own):
     own.expect_left(*own.files_of("4"))
 
 
+# What brings a mirror up to date by other means, and leaves times behind that are older than the change.
+def as_by_rsync(own):
+    """Copied with its times from a mirror where 3 became current a week ago."""
+    own.history(40, 30)
+    own.publish_small("3")
+    for name in (info_name("2"), info_name("3"), HIT):
+        own.set_age(name, 7)
+
+
+@pytest.mark.parametrize("grace, left", [("1h", "123"), ("0", "3")])
+def test_what_was_replaced_within_the_grace_stays_by_its_ctime(own, grace, left):
+    as_by_rsync(own)
+    env = {**os.environ}  # with the true ctimes
+    until = "would keep 2: within the grace until "
+    assert (until in own.prune("--keep", "1", "--grace", grace, "--dry-run", env=env)[1]) == (grace == "1h")
+    assert own.prune("--keep", "1", "--grace", grace, env=env)[0] == 0
+    assert own.files() == own.files_of(*left)
+
+
+def test_age_and_order_are_by_mtime_alone(own):
+    own.history(40, 30, 20, 10)
+    assert own.prune("--older-than", "25d", "--grace", "0", env={**os.environ})[0] == 0
+    assert own.files() == own.files_of("3", "4")
+
+
 def test_time_in_the_future_is_within_any_grace(own):
     own.history(40, 30, 20)
     own.set_age(info_name("1"), -1)
-    own.expect_left(*own.files_of("1", "3"), rules=["--keep", "1", "--grace", "0s"])
+    own.expect_left(*own.files_of("1", "3"), rules=["--keep", "1", "--grace", "0"])
 
 
-@pytest.mark.parametrize("grace, left", [("1h", "23"), ("0s", "3")])
+@pytest.mark.parametrize("grace, left", [("1h", "23"), ("0", "3")])
 def test_client_on_its_way_is_served_within_the_grace(own, grace, left):
     """The daemon stands still once it has opened the hit INI; without a grace it is cut off."""
     own.history(3, 2)
@@ -173,16 +220,28 @@ def test_client_on_its_way_is_served_within_the_grace(own, grace, left):
 # ---- What killed runs leave ----
 
 
-def test_archive_that_nothing_names_goes_after_the_grace(own):
+def test_archive_of_ours_that_nothing_names_goes_after_the_grace(own):
     own.history(40, 30)
-    own.write("old.zip", b"x" * 5000)
-    os.utime(own.path("old.zip"), (1, 1))  # but it came a moment ago, whatever its time
-    assert own.prune() == NOTHING
-    line = "{} old.zip, which no INI names: 5000 bytes\n"
-    would = line.format("would remove") + total(0, 1, 5000, "would be removed in all")
-    assert own.prune("--grace", "0s", "--dry-run") == (0, would, "")
-    assert own.prune("--grace", "0s") == (0, line.format("removed") + total(0, 1, 5000), "")
+    name = "antivir-v3-beta-c-9.zip"
+    own.write(name, b"x" * 5000)
+    os.utime(own.path(name), (1, 1))  # but it came a moment ago, whatever its time
+    assert own.prune(env={**os.environ}) == NOTHING
+    line = f"{{}} {name}, which no INI names: 5000 bytes\n"
+    would = own.prune("--grace", "0", "--dry-run")
+    assert (would[0], line.format("would remove") in would[1], would[2]) == (0, True, "")
+    assert own.prune("--grace", "0") == (0, line.format("removed") + total(0, 1, 5000), "")
     assert own.files() == own.files_of("1", "2")
+
+
+@pytest.mark.parametrize(
+    "name", ["backup.zip", "antivir-v2-9.cab", "antivir-v2-c-.cab", "antivir-v2-c-a b.zip", "antivir--c-1.cab"]
+)
+def test_archive_of_somebody_else_is_kept_and_listed(own, name):
+    own.history(40, 30)
+    own.write(name, b"x" * 5000)
+    line = f"not ours, kept: {name}, 5000 bytes\n"
+    assert own.prune("--grace", "0") == (0, line + total(0, 0, 0), "")
+    assert own.files() == sorted([*own.files_of("1", "2"), name])
 
 
 def test_what_is_neither_archive_nor_ini_of_a_release_stays(own):
@@ -190,7 +249,7 @@ def test_what_is_neither_archive_nor_ini_of_a_release_stays(own):
     others = ["README", "index.html", "other.ini", "antivir-v2.ini", "x.cab.part"]
     for name in others:
         own.write(name, "mine\n")
-    own.expect_left(*own.files_of("2"), *others, rules=["--keep", "1", "--grace", "0s"])
+    own.expect_left(*own.files_of("2"), *others, rules=["--keep", "1", "--grace", "0"])
 
 
 def test_what_a_killed_publish_has_left_goes(own):
@@ -205,8 +264,36 @@ def test_what_a_killed_publish_has_left_goes(own):
         f"removed {WORK}, which a killed run has left: 4000 bytes\n"
         f"removed {cab('new')}, which no INI names: {archive} bytes\n"
     )
-    assert own.prune("--grace", "0s") == (0, lines + total(0, 2, 4000 + archive), "")
+    assert own.prune("--grace", "0") == (0, lines + total(0, 2, 4000 + archive), "")
     assert own.files() == own.files_of("1", "2")
+
+
+@pytest.mark.parametrize("command", ["prune", "publish"])
+def test_archive_that_a_killed_mirror_has_left_goes_at_once(copy, command):
+    """It has the upstream's name, which only the INI in the work directory tells apart from other files."""
+    copy.publish_small("old")
+    copy.upstream.publish("1001")
+    archive = "antivir-v2-1001.cab"
+    for mine in (False, True):
+        with copy.stopped(copy.words(), ".", "fsync"):
+            assert copy.path(archive).exists()  # and killed in the end
+        if mine:
+            copy.write(archive, b"other content")
+        size = copy.size(archive)
+        did = f"not ours, kept: {archive}, {size} bytes" if mine else f"removed {archive}, which a killed run has left"
+        result = copy.prune() if command == "prune" else copy.publish("2")
+        assert (result[0], did in result[1] or command == "publish", result[2]) == (0, True, "")
+        left = [] if command == "prune" else ["2"]
+        assert copy.files() == sorted([*copy.files_of("old", *left), *([archive] if mine else [])])
+
+
+@pytest.mark.parametrize("command", ["prune", "publish"])
+def test_file_in_the_place_of_the_work_directory_is_refused(own, command):
+    own.history(40, 30)
+    own.write(WORK, "mine")
+    words = {"prune": ["prune", own.root], "publish": own.publishing("3")}
+    line = "is not a directory, but zqu-mirror prepares files in one of that name: remove or rename it"
+    own.expect_refused(f"{own.folder}/{WORK} {line}", *words[command])
 
 
 # ---- What cannot be understood ----
@@ -218,11 +305,11 @@ def names(archive):
     return f"def.Current.name = {archive}\ndef.Current.SHA256 = 00\n"
 
 
-NO_FILE = "GET file://{folder}/{name}: no regular file"
+NO_FILE = "GET file://{folder}/{name}: not a regular file"
 NO_ARCHIVE = "{name} names no archive or no digest"
 # A file of the mirror, what it holds, and what is then said.
 NOT_UNDERSTOOD = [
-    (HIT, MISSING, "{name} is missing: nothing tells which release is current"),
+    (HIT, MISSING, "{name} is missing: nothing says which release is current"),
     (HIT, "", "{name} names no release"),
     (HIT, FIFO, NO_FILE),
     (HIT, "defId = a%41\n", f"{{name}}: the name a%41 {NAME_RULE}"),
@@ -262,7 +349,7 @@ def test_missing_directory_is_refused(own):
 
 def stopped_prune(own):
     """A prune that stands still once it has removed the first INI."""
-    return own.stopped(["prune", "--keep", "1", own.root], info_name("1"), "unlink")
+    return own.stopped(["prune", "--keep", "1", "--grace", "0", own.root], info_name("1"), "unlink")
 
 
 def test_release_that_becomes_current_meanwhile_stays(own):

@@ -9,14 +9,13 @@ from tools import Tool
 
 VERSION = re.search(r"project\(\S+ VERSION (\S+)", (REPOSITORY / "CMakeLists.txt").read_text())[1]
 DURATION = "{} is not a duration, such as 90, 5m, 2h, 1d or 1w"
-AGE = "must be a number and s, m, h, d or w"
 # Command lines, with what is said of them.
 REFUSED = {
     "zqu-mirror": "A subcommand is required",
     "zqu-mirror frob": "there is no command frob",
     "zqu-mirror publish m a b": "--id is required",
-    "zqu-mirror publish --id 1 https://mirror.example a b": "MIRROR: must be a folder",
-    "zqu-mirror prune ''": "MIRROR: must be a folder",
+    "zqu-mirror publish --id 1 https://mirror.example a b": "MIRROR: must be a directory",
+    "zqu-mirror prune ''": "MIRROR: must be a directory",
     "zqu-mirror mirror http://mirror.example m": "UPSTREAM: must be an https or a file URL",
     "zqu-mirror mirror /srv/mirror m": "UPSTREAM: must be an https or a file URL",
     "zqu-mirror check /nonexistent": "MIRROR: must be a directory or an http, https or file URL",
@@ -24,11 +23,11 @@ REFUSED = {
     "zqu-mirror check --json --quiet /": "--quiet excludes --json",
     "zqu-mirror check --json --prometheus /": "--json excludes --prometheus",
     "zqu-mirror prune --keep 0 m": "--keep: Value 0 not in range 1 to 1000000",
-    "zqu-mirror prune --older-than 30 m": "--older-than: " + AGE,
-    "zqu-mirror prune --older-than d m": "--older-than: " + AGE,
-    "zqu-mirror prune --older-than -1d m": "--older-than: " + AGE,
-    "zqu-mirror prune --grace 1y m": "--grace: " + AGE,
-    "zqu-mirror prune --grace 1000000s m": "--grace: " + AGE,
+    "zqu-mirror prune --older-than d m": "--older-than: " + DURATION.format("d"),
+    "zqu-mirror prune --older-than -1d m": "--older-than: " + DURATION.format("-1d"),
+    "zqu-mirror prune --grace 1y m": "--grace: " + DURATION.format("1y"),
+    "zqu-mirror list --grace '' m": "--grace: " + DURATION.format(""),
+    "zqu-mirror list file:///srv/mirror": "MIRROR: must be a directory",
     "zqu-config": "A subcommand is required",
     "zqu-config check --json --quiet": "--json excludes --quiet",
     "zqu-config check --timeout 5": "--timeout requires --online",
@@ -60,7 +59,7 @@ def test_wrong_command_line_is_refused(tmp_path, line):
 FULL = "cannot write to standard output: No space left on device"
 HELP = {
     "zqu-config": (["check", "show"], "", (2, FULL)),
-    "zqu-mirror": (["publish", "mirror", "prune", "check"], "Exit status: 0 done", (1, FULL)),
+    "zqu-mirror": (["publish", "mirror", "prune", "list", "check"], "Exit status: 0 done", (1, FULL)),
     "zqu-status": ([], "Exit status: 0 ok, 1 warning, 2 critical, 3 unknown", (3, FULL)),
 }
 
@@ -89,11 +88,13 @@ COMMON = "--help --flavor --subdir "
 FILES = "a file|other file|the directory"
 # Words up to the cursor, separated by bars; what bash offers for the last of them, likewise or by blanks.
 COMPLETIONS = {
-    "zqu-mirror|": "publish mirror prune check",
+    "zqu-mirror|": "publish mirror prune list check",
     "zqu-mirror|-": "--help --version",
-    "zqu-mirror|publish|-": COMMON + "--id --zip",
+    "zqu-mirror|publish|-": COMMON + "--quiet --id --zip --allow-empty",
     "zqu-mirror|mirror|-": COMMON + "--upstream-subdir --ca --timeout",
-    "zqu-mirror|prune|-": COMMON + "--keep --older-than --grace --dry-run",
+    "zqu-mirror|prune|-": COMMON + "--quiet --keep --older-than --grace --dry-run",
+    "zqu-mirror|list|-": COMMON + "--grace --json",
+    "zqu-mirror|list|": "the directory|",
     "zqu-mirror|check|-": COMMON + "--ca --timeout --quiet --json --nagios --prometheus --max-age",
     "zqu-mirror|check|--max-age|2": "2s 2m 2h 2d 2w",
     "zqu-mirror|publish|--id|": "",

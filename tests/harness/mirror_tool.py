@@ -7,6 +7,7 @@ import re
 import shutil
 import time
 
+from gateway import BUILD, preloading
 from mirrors import Mirror
 from outcomes import tree
 from raw_archives import Entry, zip_bytes
@@ -19,10 +20,22 @@ WORK = ".zqu-mirror.work"
 DAY = 86400
 NAME_RULE = "may hold only letters, digits and -._~!$&'()*+,;:@ (clients could not fetch it otherwise)"
 DOTS_RULE = 'must not be empty, "." or ".."'
+HIT_RULE = 'must not be "hit" or end in -hit'
 
 
 def cab(id, flavor="v2"):
     return f"antivir-{flavor}-c-{id}.cab"
+
+
+def unchanged():
+    """The environment in which every file looks unchanged since its content was written: nobody can set a ctime."""
+    options = os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
+    shim = {"LD_PRELOAD": preloading("libzqu_ctime_shim.so"), "LD_LIBRARY_PATH": str(BUILD)}
+    return {**os.environ, **shim, "ASAN_OPTIONS": options}
+
+
+def utc(epoch):
+    return time.strftime("%Y-%m-%d %H:%M:%S UTC", time.gmtime(epoch))
 
 
 def noise(size, seed):
@@ -95,8 +108,11 @@ class OwnMirror(Mirror):
     def check(self, *flags, root=None, **options):
         return run("check", *flags, root or self.root, **options)
 
-    def prune(self, *words):
-        return run("prune", *words, self.root)
+    def prune(self, *words, env=None):
+        return run("prune", *words, self.root, env=env or unchanged())
+
+    def list(self, *words, env=None):
+        return run("list", *words, self.root, env=env or unchanged())
 
     def stopped(self, words, path, call="openat"):
         """A run that stands still at its first call on a path of the mirror."""

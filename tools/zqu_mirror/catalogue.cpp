@@ -3,11 +3,15 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <optional>
+#include <ctime>
+#include <functional>
+#include <system_error>
 
 #include "client.hpp"
 #include "failure.hpp"
 #include "names.hpp"
+#include "verifier.hpp"
+#include "workplace.hpp"
 
 namespace zqu::mirror_tool {
 
@@ -19,10 +23,6 @@ const std::string prefix = "antivir-";
 const std::string hit_suffix = "-hit.ini";
 const std::string info_mark = "-c-";
 const std::string info_suffix = ".ini";
-
-bool ends_with(const std::string& name, const std::string& suffix) {
-    return name.size() >= suffix.size() && name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
 
 bool begins_with(const std::string& name, const std::string& start) {
     return name.compare(0, start.size(), start) == 0;
@@ -39,6 +39,13 @@ bool may_be_hit(const std::string& name) {
 bool may_be_info(const std::string& name) {
     return begins_with(name, prefix) && ends_with(name, info_suffix) &&
            name.find(info_mark, prefix.size()) != std::string::npos;
+}
+
+// Whether publish gives this name to an archive.
+bool is_ours(const std::string& archive) {
+    const auto mark = archive.find(info_mark, prefix.size() + 1);
+    return begins_with(archive, prefix) && mark != std::string::npos &&
+           mark + info_mark.size() + std::string(".cab").size() < archive.size() && unusable_name(archive).empty();
 }
 
 void require_plain(const std::string& file, const std::string& name) {
@@ -60,17 +67,27 @@ std::string flavor_of_hit(const std::string& name) {
     return name.substr(prefix.size(), name.size() - prefix.size() - hit_suffix.size());
 }
 
-// Reads the INI files of one folder through one client.
+std::string id_of(const std::string& info, const std::string& flavor) {
+    const std::size_t start = stem(flavor, "").size();
+    return info.substr(start, info.size() - start - info_suffix.size());
+}
+
+// Reads the INI files of one directory through one client.
 class Reader {
 public:
-    explicit Reader(const Options& options) : folder_(folder(options)), cfg_(client_config(options)), client_(cfg_) {
-        for (const auto& entry : fs::directory_iterator(folder_)) {
-            names_.push_back(entry.path().filename());
+    explicit Reader(const Options& options) : options_(options), cfg_(client_config(options)), client_(cfg_) {
+        std::error_code error;
+        for (fs::directory_iterator entry(folder(options), error), end; !error && entry != end;
+             entry.increment(error)) {
+            names_.push_back(entry->path().filename());
+        }
+        if (error) {
+            throw std::system_error(error, "cannot open " + folder(options).string());
         }
         std::sort(names_.begin(), names_.end());
     }
 
-    // The file names in the folder, sorted.
+    // The file names in the directory, sorted.
     [[nodiscard]] const std::vector<std::string>& names() const { return names_; }
 
     // Which of the marks parts flavor and id makes no difference to the file that is read.
@@ -84,51 +101,70 @@ public:
         return found;
     }
 
-    // The name of the complete-info INI that a hit INI names; none when it is the INI of a release whose id ends so.
-    std::optional<std::string> hit(const std::string& name) {
+    // The current releases and the problems with them.
+    Catalogue current() {
+        Catalogue found;
+        for (const auto& name : names_) {
+            if (may_be_hit(name)) {
+                attempt(found, [&] { read_hit(name, found.current); });
+            }
+        }
+        return found;
+    }
+
+    Catalogue all() {
+        Catalogue found = current();
+        std::set<std::string> named;
+        for (const auto& name : names_) {
+            const bool hit = may_be_hit(name) && found.current.ids.count(flavor_of_hit(name)) != 0;
+            if (may_be_info(name) && !hit) {
+                attempt(found, [&] {
+                    require_plain(name, name);
+                    Release& release = found.releases.emplace_back(release_of(name, found.current));
+                    const zqu::CompleteInfo read = info(name);
+                    release.size = read.size;
+                    named.insert(release.archive = read.cab_name);
+                });
+            }
+        }
+        for (const auto& name : names_) {
+            if (is_archive(name) && named.count(name) == 0) {
+                (is_ours(name) ? found.orphans : found.strangers).push_back(name);
+            }
+        }
+        return found;
+    }
+
+private:
+    // Adds what read throws to the problems, once.
+    static void attempt(Catalogue& found, const std::function<void()>& read) {
+        try {
+            read();
+        } catch (const std::exception& e) {
+            if (std::count(found.problems.begin(), found.problems.end(), e.what()) == 0) {
+                found.problems.emplace_back(e.what());
+            }
+        }
+    }
+
+    // A file that turns out to be the INI of a release whose id ends in "hit" is left out.
+    void read_hit(const std::string& name, Current& current) {
         require_plain(name, name);
-        cfg_.flavor = flavor_of_hit(name);
+        const std::string flavor = cfg_.flavor = flavor_of_hit(name);
         std::string id;
         try {
             id = client_.fetch_id();
         } catch (const tools::MirrorError&) {
             if (may_be_info(name) && is_info(name)) {
-                return std::nullopt;
+                return;
             }
             throw;
         }
         require_plain(name, id);
-        return info_name(flavor_of_hit(name), id);
+        current.ids[flavor] = id;
+        current.archives.insert(info(info_name(flavor, id)).cab_name);
     }
 
-    Release release(const std::string& name, const Current& current) {
-        Release release;
-        release.info = name;
-        release.archive = info(name).cab_name;
-        release.seen_ns = modified_ns(folder_ / name);
-        for (const auto& [flavor, unused] : current.infos) {
-            const std::string start = stem(flavor, "");
-            if (begins_with(name, start) && flavor.size() >= release.flavor.size()) {
-                release.flavor = flavor;
-                release.id = name.substr(start.size(), name.size() - start.size() - info_suffix.size());
-            }
-        }
-        return release;
-    }
-
-    Current current() {
-        Current current;
-        for (const auto& name : names_) {
-            const auto named = may_be_hit(name) ? hit(name) : std::nullopt;
-            if (named) {
-                current.infos[flavor_of_hit(name)] = *named;
-                current.archives.insert(info(*named).cab_name);
-            }
-        }
-        return current;
-    }
-
-private:
     bool is_info(const std::string& name) {
         try {
             info(name);
@@ -138,65 +174,124 @@ private:
         }
     }
 
-    const fs::path folder_;
+    Release release_of(const std::string& name, const Current& current) {
+        Release release;
+        release.info = name;
+        release.times = times_of(folder(options_) / name);
+        const auto consider = [&](const std::string& flavor) {
+            if (begins_with(name, stem(flavor, "")) && flavor.size() >= release.flavor.size()) {
+                release.flavor = flavor;
+                release.id = id_of(name, flavor);
+            }
+        };
+        consider(options_.flavor);
+        for (const auto& [flavor, id] : current.ids) {
+            consider(flavor);
+            release.current = release.current || info_name(flavor, id) == name;
+        }
+        return release;
+    }
+
+    const Options& options_;
     zqu::Config cfg_;
     tools::Client client_;
     std::vector<std::string> names_;
 };
 
-std::int64_t nanoseconds(const timespec& time) {
-    return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
-}
-
-struct stat status_of(const fs::path& path) {
-    struct stat status {};
-    if (lstat(path.c_str(), &status) != 0) {
-        fail_errno("cannot tell the time of " + path.string());
-    }
-    return status;
-}
-
 }  // namespace
 
 Current read_current(const Options& options) {
-    return Reader(options).current();
+    Catalogue found = Reader(options).current();
+    require_understood(found);
+    return std::move(found.current);
 }
 
 Catalogue read_catalogue(const Options& options) {
     Reader reader(options);
-    Catalogue catalogue;
-    catalogue.current = reader.current();
-    std::set<std::string> named;
-    for (const auto& name : reader.names()) {
-        const bool hit = catalogue.current.infos.count(may_be_hit(name) ? flavor_of_hit(name) : "") != 0;
-        if (may_be_info(name) && !hit) {
-            catalogue.releases.push_back(reader.release(name, catalogue.current));
-            named.insert(catalogue.releases.back().archive);
+    Catalogue found = reader.all();
+    const std::string hit = hit_name(options.flavor);
+    if (!std::binary_search(reader.names().begin(), reader.names().end(), hit)) {
+        found.problems.insert(found.problems.begin(), hit + " is missing: nothing says which release is current");
+    }
+    return found;
+}
+
+void require_understood(const Catalogue& catalogue) {
+    if (!catalogue.problems.empty()) {
+        fail(catalogue.problems.front());
+    }
+}
+
+std::vector<Release> newest_first(const Catalogue& catalogue, const Options& options, std::int64_t now) {
+    std::vector<Release> found;
+    std::copy_if(catalogue.releases.begin(), catalogue.releases.end(), std::back_inserter(found),
+                 [&](const Release& release) { return release.flavor == options.flavor; });
+    std::stable_sort(found.begin(), found.end(), [](const Release& a, const Release& b) {
+        return a.current != b.current ? a.current : a.times.modified_ns > b.times.modified_ns;
+    });
+    const fs::path hit = folder(options) / hit_name(options.flavor);
+    const Times replaced = fs::exists(fs::symlink_status(hit)) ? times_of(hit) : Times{0, 0};
+    const auto was_replaced = [&](const Release& release) {
+        return !release.current && release.times.modified_ns == replaced.modified_ns;
+    };
+    bool recorded = std::any_of(found.begin(), found.end(), was_replaced);
+    const std::int64_t grace = options.grace_s * 1'000'000'000;
+    for (auto& release : found) {
+        release.grace_ns = release.times.changed_ns + grace;
+        if (was_replaced(release) || (!release.current && !recorded && release.grace_ns < now)) {
+            release.grace_ns = std::max(release.grace_ns, replaced.changed_ns + grace);
+            recorded = true;
         }
     }
-    for (const auto& name : reader.names()) {
-        if (is_archive(name) && named.count(name) == 0) {
-            catalogue.orphans.push_back(name);
-        }
-    }
-    return catalogue;
+    return found;
 }
 
 std::string info_that_names(const Options& options, const std::string& archive) {
-    for (const auto& release : read_catalogue(options).releases) {
-        if (release.archive == archive) {
-            return release.info;
+    const Catalogue found = Reader(options).all();
+    require_understood(found);
+    const auto names_it = [&](const Release& release) { return release.archive == archive; };
+    const auto release = std::find_if(found.releases.begin(), found.releases.end(), names_it);
+    return release == found.releases.end() ? "" : release->info;
+}
+
+std::vector<std::string> archives_of_killed_run(const fs::path& directory) {
+    std::vector<std::string> left;
+    Options here;
+    here.mirror = directory;
+    here.subdir = "";
+    Options work = here;
+    work.subdir = work_folder_name;
+    Reader reader(work);
+    for (const auto& name : reader.names()) {
+        try {
+            const zqu::CompleteInfo info = may_be_info(name) ? reader.info(name) : zqu::CompleteInfo{};
+            const fs::path archive = directory / info.cab_name;
+            if (!info.cab_name.empty() && fs::is_regular_file(fs::symlink_status(archive)) &&
+                zqu::verifier::verify(archive, info.sha256) && info_that_names(here, info.cab_name).empty()) {
+                left.push_back(info.cab_name);
+            }
+        } catch (const std::runtime_error&) {  // cut short by the kill, or the mirror is damaged: the archive stays
         }
     }
-    return "";
+    return left;
 }
 
-std::int64_t modified_ns(const fs::path& path) {
-    return nanoseconds(status_of(path).st_mtim);
+Times times_of(const fs::path& path) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0) {
+        fail_errno("cannot read the time of " + path.string());
+    }
+    const auto nanoseconds = [](const timespec& time) {
+        return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+    };
+    const std::int64_t modified = nanoseconds(status.st_mtim);
+    return {modified, std::max(modified, nanoseconds(status.st_ctim))};
 }
 
-std::int64_t changed_ns(const fs::path& path) {
-    return nanoseconds(status_of(path).st_ctim);
+std::int64_t now_ns() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
 
 }  // namespace zqu::mirror_tool

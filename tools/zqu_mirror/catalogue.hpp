@@ -1,10 +1,8 @@
-// What a mirror's folder holds, read as the daemon does: which releases there are, which of them are
-// current, and which archives nothing names.
+// What a mirror's directory holds, read as the daemon does: the releases, which of them are current, which clients may
+// still ask for, and the archives that no release has.
 //
-// Functions without a state of their own, for one thread. Nothing here writes. Everything throws std::runtime_error
-// with the file and the reason when one of the INI files is no regular file, cannot be understood, or holds a name that
-// may lead to another file than the one of that name, or an archive's that may not be one (names.hpp): who removes
-// files on the strength of this must not guess.
+// Functions without a state of their own, for one thread. They write nothing and wait for nothing: an INI is a regular
+// file of at most 1 MiB. They throw std::system_error when the directory cannot be read.
 #pragma once
 
 #include <cstdint>
@@ -18,40 +16,67 @@
 
 namespace zqu::mirror_tool {
 
+// Times of a file, in nanoseconds since the Unix epoch.
+struct Times {
+    std::int64_t modified_ns = 0;  // its mtime
+    std::int64_t changed_ns = 0;   // the later of mtime and ctime, which nobody can set (inode(7))
+};
+
 // A complete-info INI and what it names.
 struct Release {
-    std::string info;         // file name of the INI
-    std::string flavor;       // of the flavors that the name may begin with, the longest that has a hit INI; else ""
-    std::string id;           // what follows the flavor in the name; empty without one
-    std::string archive;      // file name of the archive, which may be missing
-    std::int64_t seen_ns{0};  // modification time of the INI: when it was published or last ceased to be current
+    std::string info;           // file name of the INI
+    std::string flavor;         // the longest known flavor that the name may begin with; else ""
+    std::string id;             // what follows the flavor in the name; empty without one
+    std::string archive;        // its file name, there or not; empty when the INI cannot be understood
+    long size = 0;              // of the archive, as the INI says; 0 when it says nothing
+    bool current = false;       // a hit INI names it, of any flavor
+    Times times;                // of the INI: when the release was published or last ceased to be current
+    std::int64_t grace_ns = 0;  // when the grace ends, set by newest_first()
 };
 
 // What clients are told to take now.
 struct Current {
-    std::map<std::string, std::string> infos;  // by flavor, the file name of the complete-info INI
-    std::set<std::string> archives;            // the archives that these name
+    std::map<std::string, std::string> ids;  // by flavor
+    std::set<std::string> archives;          // the file names of their archives
 };
 
 struct Catalogue {
     Current current;
-    std::vector<Release> releases;     // of all flavors, sorted by the name of the INI
-    std::vector<std::string> orphans;  // *.cab and *.zip that no INI names, sorted
+    std::vector<Release> releases;       // of all flavors, sorted by the name of the INI
+    std::vector<std::string> orphans;    // archives that no INI names, with names that publish gives
+    std::vector<std::string> strangers;  // other *.cab and *.zip that no INI names
+    std::vector<std::string> problems;   // the file and the reason, for each INI that is missing, cannot be understood,
+                                         // or holds a name that may lead to another file (names.hpp)
 };
 
-// Reads all hit INIs ("antivir-<flavor>-hit.ini") of the folder that options name, and the complete-info INIs that they
-// name.
+// Reads all hit INIs ("antivir-<flavor>-hit.ini") and the complete-info INIs that they name. Throws std::runtime_error
+// with the first problem.
 [[nodiscard]] Current read_current(const Options& options);
 
 // Reads everything. A release with the id "hit" has an INI that could be a hit INI by its name: its content decides.
 [[nodiscard]] Catalogue read_catalogue(const Options& options);
 
+// Throws std::runtime_error with the first problem: nothing may be removed on the strength of a guess.
+void require_understood(const Catalogue& catalogue);
+
+// The releases of options.flavor with the ends of their graces, the current one first, then the newest. The grace of a
+// former release lasts for options.grace_s from when it was published or ceased to be current by changed_ns: a copy may
+// have kept the mtime. Workplace::make_current gives a release that ceases
+// to be current the mtime of the new hit INI. Where that was not done, the newest one whose grace has ended may have
+// been current until the hit INI was replaced.
+[[nodiscard]] std::vector<Release> newest_first(const Catalogue& catalogue, const Options& options,
+                                                std::int64_t now_ns);
+
 // The file name of a complete-info INI of any flavor that names this archive; empty when there is none.
 [[nodiscard]] std::string info_that_names(const Options& options, const std::string& archive);
 
-// When the file's content was written, as whoever wrote it may have set it, or when anything about it was changed,
-// which nobody can set (inode(7)); in nanoseconds since the Unix epoch. Throw std::system_error when it cannot be told.
-[[nodiscard]] std::int64_t modified_ns(const std::filesystem::path& path);
-[[nodiscard]] std::int64_t changed_ns(const std::filesystem::path& path);
+// The archives without a release that a killed `mirror` has put into this directory under the names that its upstream
+// gives them: those that INIs in the work directory describe, digest included.
+[[nodiscard]] std::vector<std::string> archives_of_killed_run(const std::filesystem::path& directory);
+
+// Throws std::system_error when lstat(2) fails.
+[[nodiscard]] Times times_of(const std::filesystem::path& path);
+
+[[nodiscard]] std::int64_t now_ns();
 
 }  // namespace zqu::mirror_tool

@@ -1,9 +1,11 @@
 #include "files.hpp"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 
 #include "failure.hpp"
@@ -53,6 +55,15 @@ void make_folder(const fs::path& path, mode_t mode) {
 void remove_tree(const fs::path& path, std::error_code& error) {
     make_accessible(path);
     fs::remove_all(path, error);
+}
+
+Lock::Lock(const fs::path& directory) : directory_(directory, O_RDONLY | O_DIRECTORY) {
+    if (flock(directory_.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno == EWOULDBLOCK) {
+            fail("another run is at work in " + directory.string());
+        }
+        fail_errno("cannot lock " + directory.string());
+    }
 }
 
 void move(const fs::path& from, const fs::path& to) {

@@ -1,4 +1,4 @@
-// zqu-mirror: publishes releases on a definition mirror, and checks a mirror the way a client reads it.
+// zqu-mirror: runs a mirror of definitions, and checks one as a client would. The command line.
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
@@ -7,29 +7,30 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <functional>
 #include <string>
 
 #include "check.hpp"
+#include "commands.hpp"
 #include "mirror.hpp"
 #include "monitoring.hpp"
 #include "names.hpp"
 #include "options.hpp"
 #include "program.hpp"
-#include "prune.hpp"
-#include "publish.hpp"
 #include "run.hpp"
 #include "text.hpp"
 
 namespace {
 
 namespace fs = std::filesystem;
-using zqu::mirror_tool::age_s;
 using zqu::mirror_tool::Form;
 using zqu::mirror_tool::is_url;
 using zqu::mirror_tool::Options;
 using zqu::mirror_tool::Run;
+using zqu::mirror_tool::unusable_id;
 using zqu::mirror_tool::unusable_name;
 using zqu::mirror_tool::unusable_subdir;
+using zqu::tools::add_duration;
 
 // Carries out a command; returns the exit status.
 using Command = int (*)(const Options& options, Run& run);
@@ -37,9 +38,15 @@ using Command = int (*)(const Options& options, Run& run);
 constexpr int unknown_status = 3;            // of a plugin for Nagios
 constexpr std::int64_t longest_s = 2147483;  // that libcurl can wait, in its milliseconds
 
+template <void (*command)(const Options& options, Run& run)>
+int done(const Options& options, Run& run) {
+    command(options, run);
+    return EXIT_SUCCESS;
+}
+
 constexpr const char* about =
     "Runs an internal mirror of antivirus definitions for zel_quorin_updater: publishes releases on it or copies them "
-    "from another mirror, removes old ones, and checks it as a client would.";
+    "from another mirror, lists and removes them, and checks it as a client would.";
 
 constexpr const char* about_exit =
     "Exit status: 0 done, or a client would succeed; 1 failed, or a client would fail; 2 wrong command line;\n"
@@ -48,8 +55,8 @@ constexpr const char* about_exit =
 constexpr const char* about_publish =
     "Writes the release and then, in one step, makes it current. Clients see the old release or the new one, whole.\n"
     "When anything fails, one line says why and the mirror is left as it was. Publishing the same content again makes\n"
-    "that release current again, which is how to go back to it; an id never gets other content.\n"
-    "A CAB holds 2147450880 bytes with its index; --zip has no such limit.\n\n"
+    "that release current again; an id never gets other content. The order of the files counts: a pair whose names\n"
+    "show that it is swapped is refused. A CAB holds 2147450880 bytes with its index; --zip has no such limit.\n\n"
     "Examples:\n"
     "  zqu-mirror publish --id 20240131.007 /srv/mirror antivir.def aivsecon.def\n"
     "  zqu-mirror publish --flavor v3 --zip --id 20240131.008 /srv/mirror big.def small.def\n";
@@ -66,14 +73,22 @@ constexpr const char* about_mirror =
     "  zqu-mirror mirror --flavor v3 --ca /etc/ssl/upstream-ca.pem https://mirror.example /srv/mirror\n";
 
 constexpr const char* about_prune =
-    "Removes the releases that neither --keep nor --older-than spares (without these two: none), and what killed runs\n"
-    "have left. A release's age counts from when it was published or ceased to be current. Spared in any case is what\n"
-    "the hit INI of any flavor names, and what clients may be about to fetch, because it was current within the "
-    "grace.\n"
-    "When an INI file cannot be understood, nothing is removed. AGE is a number and s, m, h, d or w.\n\n"
+    "Removes the releases that neither --keep nor --older-than keeps (without these two: none), and what killed runs\n"
+    "have left. A release's age counts from when it was published or ceased to be current. What the hit INI of any\n"
+    "flavor names is always kept, and what was current within the grace, because clients may be about to fetch it.\n"
+    "Archives that no INI names are removed if they have a name of ours; others are kept and listed. When an INI file\n"
+    "cannot be understood, nothing is removed.\n\n"
     "Examples:\n"
     "  zqu-mirror prune --keep 5 --dry-run /srv/mirror\n"
     "  zqu-mirror prune --keep 5 --older-than 30d /srv/mirror\n";
+
+constexpr const char* about_list =
+    "Lists the releases, the current one first, then the newest. The states are: current; within the grace, which is\n"
+    "the time that prune leaves to clients; held, which is what mirror does not take again; damaged; former. What is\n"
+    "wrong with the mirror is said on standard error, and the exit status is 1 then.\n\n"
+    "Examples:\n"
+    "  zqu-mirror list /srv/mirror\n"
+    "  zqu-mirror list --json /srv/mirror\n";
 
 constexpr const char* about_check =
     "Reads the mirror as the daemon does, downloads the archive of the current release below $TMPDIR (/tmp), and\n"
@@ -86,43 +101,63 @@ constexpr const char* about_check =
     "  zqu-mirror check --ca /etc/ssl/fleet-ca.pem https://mirror.example\n"
     "  zqu-mirror check --nagios --max-age 2d https://mirror.example\n";
 
-int publish(const Options& options, Run& run) {
-    zqu::mirror_tool::publish(options, run);
-    return EXIT_SUCCESS;
-}
-
-int mirror(const Options& options, Run& run) {
-    zqu::mirror_tool::mirror(options, run);
-    return EXIT_SUCCESS;
-}
-
-int prune(const Options& options, Run& run) {
-    zqu::mirror_tool::prune(options, run);
-    return EXIT_SUCCESS;
-}
-
 void add_common(CLI::App& command, Options& options) {
     command.add_option("--flavor", options.flavor, "Definition flavor")->capture_default_str()->check(unusable_name);
-    command.add_option("--subdir", options.subdir, "Folder below the mirror's root")
+    command.add_option("--subdir", options.subdir, "Directory below the mirror's root")
         ->capture_default_str()
         ->check(unusable_subdir);
 }
 
-std::string no_folder(const std::string& mirror) {
-    return mirror.empty() || is_url(mirror) ? "must be a folder" : "";
+void add_quiet(CLI::App& command, Options& options) {
+    command.add_flag("--quiet", options.quiet, "Print nothing when all went well");
+}
+
+CLI::Option* add_age(CLI::App& command, const std::string& name, std::int64_t& age_s, const std::string& description) {
+    static constexpr std::int64_t century_s = 3155760000;  // so that no sum in nanoseconds overflows
+    return add_duration(
+        command, name, [&age_s](std::int64_t seconds) { age_s = std::min(seconds, century_s); }, description);
+}
+
+void add_grace(CLI::App& command, Options& options) {
+    add_age(command, "--grace", options.grace_s,
+            "How long a client may still ask for a release that is not current any more")
+        ->default_str("1h");
+}
+
+std::string no_directory(const std::string& mirror) {
+    return mirror.empty() || is_url(mirror) ? "must be a directory" : "";
+}
+
+void add_mirror_directory(CLI::App& command, Options& options, const std::string& more = "") {
+    command.add_option("MIRROR", options.mirror, "Root directory of the mirror" + more)
+        ->required()
+        ->check(no_directory);
+}
+
+// Refuses the file name when it is that of the other file.
+std::function<std::string(const std::string&)> name_is_not(const std::string& other, const std::string& own) {
+    return [other, own](const std::string& path) {
+        const std::string name = CLI::detail::to_lower(fs::path(path).filename());
+        const bool swapped = name.find(other) != std::string::npos && name.find(own) == std::string::npos;
+        return swapped ? path + " has the name of the " + other + " file: the order is ANTIVIR AIVSECON" : "";
+    };
 }
 
 void add_publish(CLI::App& app, Options& options, Command& chosen) {
     CLI::App* command = app.add_subcommand("publish", "Publish a release and make it current");
     add_common(*command, options);
-    command->add_option("--id", options.id, "Id of the release")->required()->check(unusable_name);
+    add_quiet(*command, options);
+    command->add_option("--id", options.id, "Id of the release")->required()->check(unusable_id);
     command->add_flag("--zip", options.zip, "Pack a ZIP instead of a CAB");
-    command->add_option("MIRROR", options.mirror, "Root folder of the mirror; created when missing")
+    command->add_flag("--allow-empty", options.allow_empty, "Publish empty definition files, too");
+    add_mirror_directory(*command, options, "; created when missing");
+    command->add_option("ANTIVIR", options.antivir, "The antivir definition file")
         ->required()
-        ->check(no_folder);
-    command->add_option("ANTIVIR", options.antivir, "The antivir definition file")->required();
-    command->add_option("AIVSECON", options.aivsecon, "The aivsecon definition file")->required();
-    command->callback([&chosen] { chosen = publish; });
+        ->check(name_is_not("aivsecon", "antivir"));
+    command->add_option("AIVSECON", options.aivsecon, "The aivsecon definition file")
+        ->required()
+        ->check(name_is_not("antivir", "aivsecon"));
+    command->callback([&chosen] { chosen = done<zqu::mirror_tool::publish>; });
     command->footer(std::string(about_publish) + "\n" + about_exit);
 }
 
@@ -133,7 +168,8 @@ void add_mirror(CLI::App& app, Options& options, Command& chosen) {
         return usable ? std::string() : std::string("must be an https or a file URL");
     };
     add_common(*command, options);
-    command->add_option("--upstream-subdir", options.upstream_subdir, "Folder below the upstream's root, when another")
+    command
+        ->add_option("--upstream-subdir", options.upstream_subdir, "Directory below the upstream's root, when another")
         ->check(unusable_subdir);
     command->add_option("--ca", options.ca, "PEM file of the certificates to trust")->check(CLI::ExistingFile);
     command->add_option("--timeout", options.timeout_s, "Seconds for one whole transfer")
@@ -142,35 +178,34 @@ void add_mirror(CLI::App& app, Options& options, Command& chosen) {
     command->add_option("UPSTREAM", options.upstream, "URL of the upstream mirror: scheme and host")
         ->required()
         ->check(no_upstream);
-    command->add_option("MIRROR", options.mirror, "Root folder of the mirror; created when missing")
-        ->required()
-        ->check(no_folder);
-    command->callback([&chosen] { chosen = mirror; });
+    add_mirror_directory(*command, options, "; created when missing");
+    command->callback([&chosen] { chosen = done<zqu::mirror_tool::mirror>; });
     command->footer(std::string(about_mirror) + "\n" + about_exit);
-}
-
-CLI::Option* add_age(CLI::App& command, const std::string& name, std::int64_t& age, const std::string& what) {
-    const auto no_age = [](const std::string& text) {
-        return age_s(text) < 0 ? std::string("must be a number and s, m, h, d or w") : std::string();
-    };
-    return command
-        .add_option_function<std::string>(
-            name, [&age](const std::string& text) { age = age_s(text); }, what)
-        ->type_name("AGE")
-        ->check(no_age);
 }
 
 void add_prune(CLI::App& app, Options& options, Command& chosen) {
     CLI::App* command = app.add_subcommand("prune", "Remove old releases");
     add_common(*command, options);
+    add_quiet(*command, options);
     command->add_option("--keep", options.keep, "Keep so many releases, the current one included")
         ->check(CLI::Range(1, 1000000));
     add_age(*command, "--older-than", options.older_than_s, "Remove only what is older than this");
-    add_age(*command, "--grace", options.grace_s, "How long a client may be on its way")->default_str("1h");
-    command->add_flag("--dry-run", options.dry_run, "Say what would be removed, and remove nothing");
-    command->add_option("MIRROR", options.mirror, "Root folder of the mirror")->required()->check(no_folder);
-    command->callback([&chosen] { chosen = prune; });
+    add_grace(*command, options);
+    command->add_flag("--dry-run", options.dry_run, "Say what would be removed, what not and why; remove nothing");
+    add_mirror_directory(*command, options);
+    command->callback([&chosen] { chosen = done<zqu::mirror_tool::prune>; });
     command->footer(std::string(about_prune) + "\n" + about_exit);
+}
+
+void add_list(CLI::App& app, Options& options, Command& chosen) {
+    CLI::App* command = app.add_subcommand("list", "List the releases on a mirror");
+    add_common(*command, options);
+    add_grace(*command, options);
+    command->add_flag_callback(
+        "--json", [&options] { options.form = Form::json; }, "Print one JSON document");
+    add_mirror_directory(*command, options);
+    command->callback([&chosen] { chosen = zqu::mirror_tool::list; });
+    command->footer(std::string(about_list) + "\n" + about_exit);
 }
 
 void add_check(CLI::App& app, Options& options, Command& chosen) {
@@ -239,6 +274,7 @@ int parse_and_carry_out(int argc, char** argv, bool plugin) {
     add_publish(app, options, chosen);
     add_mirror(app, options, chosen);
     add_prune(app, options, chosen);
+    add_list(app, options, chosen);
     add_check(app, options, chosen);
     const auto refuse = [plugin](const std::string& text) {
         plugin ? void(unknown(text)) : zqu::tools::complain(text);

@@ -6,6 +6,10 @@
 
 namespace zqu::mirror_tool {
 
+bool ends_with(const std::string& name, const std::string& end) {
+    return name.size() >= end.size() && name.compare(name.size() - end.size(), end.size(), end) == 0;
+}
+
 // The daemon puts ids, flavors and subfolders into URLs and paths as they stand. What survives that unencoded is a path
 // segment's characters (RFC 3986, section 3.3) without the percent sign; "=" would part the index's keys.
 std::string unusable_name(const std::string& name) {
@@ -23,13 +27,17 @@ std::string unusable_name(const std::string& name) {
     return "";
 }
 
+std::string unusable_id(const std::string& id) {
+    const std::string reason = unusable_name(id);
+    return reason.empty() && ends_with("-" + id, "-hit") ? "must not be \"hit\" or end in -hit" : reason;
+}
+
 std::string unusable_archive(const std::string& name) {
-    const std::string ini = ".ini";
     std::string reason = unusable_name(name);
     if (reason.empty() && name.front() == '.') {
         reason = "must not begin with a dot";
     }
-    if (reason.empty() && name.size() >= ini.size() && name.compare(name.size() - ini.size(), ini.size(), ini) == 0) {
+    if (reason.empty() && ends_with(name, ".ini")) {
         reason = "must not end in .ini";
     }
     if (reason.empty() && name.size() + std::string(".part").size() > NAME_MAX) {

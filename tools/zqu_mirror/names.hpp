@@ -9,14 +9,19 @@
 
 namespace zqu::mirror_tool {
 
-// Why name cannot be an id or a flavor, for a usage error; empty when it can be.
+[[nodiscard]] bool ends_with(const std::string& name, const std::string& end);
+
+// Why name cannot be a flavor, for a usage error; empty when it can be.
 [[nodiscard]] std::string unusable_name(const std::string& name);
+
+// The same for an id. The INI of one that ends in "-hit" would have the name of another flavor's hit INI.
+[[nodiscard]] std::string unusable_id(const std::string& id);
 
 // Why name, given by an INI file, cannot be an archive's; empty when it can be. Besides what no name may hold,
 // it must not pass for an INI file or a hidden one, and leave room for the ".part" of a client.
 [[nodiscard]] std::string unusable_archive(const std::string& name);
 
-// Why subdir cannot be the folder below a mirror's root; empty when it can be. Slashes at either end or in a row are
+// Why subdir cannot be the directory below a mirror's root; empty when it can be. Slashes at either end or in a row are
 // no fault.
 [[nodiscard]] std::string unusable_subdir(const std::string& subdir);
 

@@ -1,4 +1,4 @@
-// What the command line says, and where that leads: the mirror's folder, and a client's settings.
+// What the command line says, and where that leads: the mirror's directory, and a client's settings.
 //
 // Pure functions; none fails.
 #pragma once
@@ -12,12 +12,12 @@
 
 namespace zqu::mirror_tool {
 
-// What check prints.
+// What check and list print.
 enum class Form { text, json, nagios, prometheus };
 
 // The options of all commands; each reads those it has.
 struct Options {
-    std::string mirror;  // its root folder, absolute; or its URL, where a command takes one
+    std::string mirror;  // its root directory, absolute; or its URL, where a command takes one
     std::string subdir = zqu::Config().mirror_subdir;
     std::string flavor = zqu::Config().flavor;
     std::string id;
@@ -25,9 +25,10 @@ struct Options {
     std::string aivsecon;  // path of the aivsecon definition file
     std::string ca;        // path of the certificates to trust; empty for the system's
     bool zip = false;
+    bool allow_empty = false;
 
     std::string upstream;         // URL of the mirror to copy from
-    std::string upstream_subdir;  // folder there; empty for the same as subdir
+    std::string upstream_subdir;  // directory there; empty for the same as subdir
     std::uint32_t timeout_s = zqu::Config().http_timeout_s;
 
     std::size_t keep = 0;            // how many releases to keep, the current one included; 0 for no such rule
@@ -40,19 +41,16 @@ struct Options {
     std::int64_t max_age_s = 0;  // of a release, for monitoring; 0 for no limit
 };
 
-// Whether mirror is a URL rather than a folder.
+// Whether mirror is a URL, not a directory.
 [[nodiscard]] bool is_url(const std::string& mirror);
 
-// The folder that holds the mirror's files; for a mirror that is a folder.
+// The directory that holds the mirror's files; for a mirror that is a directory.
 [[nodiscard]] std::filesystem::path folder(const Options& options);
-
-// The age in seconds that text means, a number with one of the units s, m, h, d and w; -1 when it means none.
-[[nodiscard]] std::int64_t age_s(const std::string& text);
 
 // The settings of a client of the upstream mirror.
 [[nodiscard]] zqu::Config upstream_config(const Options& options);
 
-// The settings of a client of this mirror, be it a folder or a URL.
+// The settings of a client of this mirror, a directory or a URL.
 [[nodiscard]] zqu::Config client_config(const Options& options);
 
 }  // namespace zqu::mirror_tool

@@ -1,8 +1,10 @@
 // Writes a release's archive: the digest index goes first, then the definition files.
 //
-// Stateless functions, for one thread. The archive is not flushed to disk. Whether the sources changed while they were
-// read is for the caller to find out (require_unchanged). libgcab and libarchive stay inside one source each.
+// Stateless functions, for one thread. The archive is not flushed to disk. The caller finds out whether the sources
+// changed while they were read. libgcab and libarchive stay inside one source each.
 #pragma once
+
+#include <sys/stat.h>
 
 #include <cstdint>
 #include <ctime>
@@ -10,17 +12,23 @@
 #include <string>
 #include <vector>
 
-#include "sources.hpp"
-
 namespace zqu::mirror_tool {
+
+// A definition file to publish.
+struct Source {
+    std::filesystem::path path;  // absolute
+    std::string name;            // inside the archive
+    struct stat before {};       // as it was before anything of it was read
+    std::string digest;          // SHA-256 in lower-case hexadecimal; empty until it is computed
+};
 
 // 65535 blocks of 32 KiB is all that one CAB folder holds. libgcab writes no second folder, and beyond this it writes
 // an archive that cannot be read, without an error.
 constexpr std::uintmax_t cab_capacity = std::uintmax_t{65535} * 32768;
 
-// Either writes the archive at the path given, which is absolute, with the text index under the name index_name and the
+// Both write the archive at the path given, which is absolute, with the text index under the name index_name and the
 // time index_time (seconds since the Unix epoch), and each source under its name with its own time. The same input
-// gives the same bytes. Throws std::runtime_error, "cannot write the archive: " and the library's reason, when the
+// gives the same bytes. They throw std::runtime_error, "cannot write the archive: " and the library's reason, when the
 // archive cannot be written or, for a CAB, a source cannot be read; what is written by then stays. pack_zip throws
 // std::system_error with the source's path when it cannot be read.
 

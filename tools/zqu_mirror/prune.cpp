@@ -1,21 +1,24 @@
-#include "prune.hpp"
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
-#include <ctime>
 #include <filesystem>
+#include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "catalogue.hpp"
+#include "commands.hpp"
 #include "failure.hpp"
 #include "files.hpp"
-#include "lock.hpp"
+#include "held.hpp"
 #include "names.hpp"
+#include "text.hpp"
 #include "workplace.hpp"
 
 namespace zqu::mirror_tool {
@@ -24,65 +27,24 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::int64_t now_ns() {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
-}
+constexpr std::int64_t second_ns = 1'000'000'000;
 
-// Whether the time lies more than so many seconds back. What lies in the future does not.
-bool older(std::int64_t time_ns, std::int64_t now, std::int64_t age_s) {
-    return now - time_ns > age_s * 1'000'000'000;
-}
-
-// The releases of the flavor that no hit INI names, newest first.
-std::vector<Release> former_releases(const Catalogue& catalogue, const std::string& flavor) {
-    std::vector<Release> former;
-    for (const auto& release : catalogue.releases) {
-        const auto& infos = catalogue.current.infos;
-        const bool current =
-            std::any_of(infos.begin(), infos.end(), [&](const auto& named) { return named.second == release.info; });
-        if (release.flavor == flavor && !current) {
-            former.push_back(release);
-        }
+// Why the release stays, which is the number-th newest one; empty when it is to go. A time in the future is young.
+std::string reason_to_keep(const Release& release, std::size_t number, const Options& options, std::int64_t now) {
+    if (release.current) {
+        return "current";
     }
-    std::stable_sort(former.begin(), former.end(),
-                     [](const Release& a, const Release& b) { return a.seen_ns > b.seen_ns; });
-    return former;
-}
-
-// How many of the former releases a client may be about to fetch: those that were published or ceased to be current
-// within the grace. Workplace::make_current leaves the time of the hit INI on what ceased to be current; where that was
-// not done, and the hit INI was replaced within the grace, the newest one before counts too: it may have been current
-// when the grace began.
-std::size_t count_in_grace(const std::vector<Release>& former, const Options& options, std::int64_t now) {
-    const auto is_older = [&](const Release& release) { return older(release.seen_ns, now, options.grace_s); };
-    const auto first = std::find_if(former.begin(), former.end(), is_older);
-    const std::int64_t replaced_ns = modified_ns(folder(options) / hit_name(options.flavor));
-    const bool recorded = std::any_of(former.begin(), former.end(),
-                                      [&](const Release& release) { return release.seen_ns == replaced_ns; });
-    const auto count = static_cast<std::size_t>(first - former.begin());
-    return recorded || older(replaced_ns, now, options.grace_s) ? count : count + 1;
-}
-
-// What is to go, oldest first: the former releases less those in their grace, those that --keep counts beside the
-// current one, and those that are not old enough for --older-than.
-std::vector<Release> doomed_releases(const Catalogue& catalogue, const Options& options, std::int64_t now) {
-    std::vector<Release> former = former_releases(catalogue, options.flavor);
+    if (release.grace_ns >= now) {
+        return "within the grace until " + tools::utc_text(release.grace_ns / second_ns);
+    }
     if (options.keep == 0 && options.older_than_s < 0) {
-        return {};
+        return "neither --keep nor --older-than is given";
     }
-    const std::size_t beside_current = options.keep == 0 ? 0 : options.keep - 1;
-    const std::size_t kept = std::max(beside_current, count_in_grace(former, options, now));
-    former.erase(former.begin(), former.begin() + static_cast<std::ptrdiff_t>(std::min(kept, former.size())));
-    former.erase(std::remove_if(former.begin(), former.end(),
-                                [&](const Release& release) {
-                                    return options.older_than_s >= 0 &&
-                                           !older(release.seen_ns, now, options.older_than_s);
-                                }),
-                 former.end());
-    std::reverse(former.begin(), former.end());
-    return former;
+    if (number <= options.keep) {
+        return "among the " + std::to_string(options.keep) + " newest";
+    }
+    const bool young = options.older_than_s >= 0 && now - release.times.modified_ns <= options.older_than_s * second_ns;
+    return young ? "younger than " + tools::duration_text(options.older_than_s) : "";
 }
 
 // Removes, or with --dry-run only counts, and says so.
@@ -97,77 +59,87 @@ public:
 
     void release(const Release& release) {
         const Current current = read_current(options_);  // once more: not everybody who changes a mirror takes the lock
-        for (const auto& [flavor, info] : current.infos) {
-            if (info == release.info) {
-                say("kept " + release.id + ": it is current now");
+        for (const auto& [flavor, id] : current.ids) {
+            if (info_name(flavor, id) == release.info) {
+                report("kept " + release.id + ": it is current now");
                 return;
             }
         }
         const bool shared = --uses_[release.archive] > 0 || current.archives.count(release.archive) != 0;
-        const std::uintmax_t before = bytes_;
-        run_.step([&] {
+        const std::string what = shared ? release.info + " (" + release.archive + " serves another release)"
+                                        : release.info + ", " + release.archive;
+        remove(release.id + ": " + what + ", ", [&] {
             remove_file(release.info);
             if (!shared) {
-                flush_folder();  // no power cut may leave the INI without its archive
+                flush_directory();  // no power cut may leave the INI without its archive
                 remove_file(release.archive);
             }
-            const std::string what = shared ? release.info + " (" + release.archive + " serves another release)"
-                                            : release.info + ", " + release.archive;
-            say(did() + release.id + ": " + what + ", " + std::to_string(bytes_ - before) + " bytes");
         });
         ++releases_;
     }
 
-    void orphan(const std::string& name) {
+    void orphan(const std::string& name, const std::string& reason) {
         if (read_current(options_).archives.count(name) != 0) {
-            say("kept " + name + ": a current release names it now");
+            report("kept " + name + ": a current release names it now");
             return;
         }
-        const std::uintmax_t before = bytes_;
-        run_.step([&] {
-            remove_file(name);
-            say(did() + name + ", which no INI names: " + std::to_string(bytes_ - before) + " bytes");
-        });
+        remove(name + ", which " + reason + ": ", [&] { remove_file(name); });
         ++others_;
     }
 
-    void work_folder() {
+    void work_directory() {
         const fs::path work = folder_ / work_folder_name;
-        if (!fs::exists(fs::symlink_status(work))) {
-            return;
-        }
-        const std::uintmax_t before = bytes_;
-        for (const auto& entry :
-             fs::recursive_directory_iterator(work, fs::directory_options::skip_permission_denied)) {
-            bytes_ += entry.is_regular_file() ? entry.file_size() : 0;
-        }
-        run_.step([&] {
-            if (!options_.dry_run) {
-                std::error_code error;
-                remove_tree(work, error);
-                if (error) {
-                    throw fs::filesystem_error("cannot remove", work, error);
-                }
+        remove(std::string(work_folder_name) + ", which a killed run has left: ", [&] {
+            for (const auto& entry :
+                 fs::recursive_directory_iterator(work, fs::directory_options::skip_permission_denied)) {
+                bytes_ += entry.is_regular_file() ? entry.file_size() : 0;
             }
-            say(did() + work_folder_name + ", which a killed run has left: " + std::to_string(bytes_ - before) +
-                " bytes");
+            std::error_code error;
+            if (!options_.dry_run) {
+                remove_tree(work, error);
+            }
+            if (error) {
+                throw fs::filesystem_error("cannot remove", work, error);
+            }
         });
         ++others_;
     }
 
     void finish() {
+        run_.step([&] { flush_directory(); });
+        report((options_.dry_run ? "would be removed in all: releases " : "removed in all: releases ") +
+               std::to_string(releases_) + ", leftovers " + std::to_string(others_) + ", bytes " +
+               std::to_string(bytes_));
+    }
+
+    // Says what is not a removal.
+    void report(const std::string& text) const {
         run_.step([&] {
-            flush_folder();
-            const std::string total = options_.dry_run ? "would be removed in all: " : "removed in all: ";
-            say(total + "releases " + std::to_string(releases_) + ", leftovers " + std::to_string(others_) +
-                ", bytes " + std::to_string(bytes_));
+            if (!options_.quiet) {
+                say(text);
+            }
         });
     }
 
-private:
-    [[nodiscard]] std::string did() const { return options_.dry_run ? "would remove " : "removed "; }
+    void report_kept(const std::string& what, const std::string& reason) const {
+        if (options_.dry_run) {
+            report("would keep " + what + ": " + reason);
+        }
+    }
 
-    void flush_folder() const {
+private:
+    void remove(const std::string& what, const std::function<void()>& action) {
+        const std::uintmax_t before = bytes_;
+        run_.step([&] {
+            action();
+            if (options_.dry_run || !options_.quiet) {
+                say((options_.dry_run ? "would remove " : "removed ") + what + std::to_string(bytes_ - before) +
+                    " bytes");
+            }
+        });
+    }
+
+    void flush_directory() const {
         if (!options_.dry_run) {
             flush(folder_);
         }
@@ -192,24 +164,58 @@ private:
     std::size_t others_ = 0;
 };
 
+// The archives first: which of them a killed run has left, only its work directory says.
+void remove_what_killed_runs_left(Remover& remover, const fs::path& place, std::vector<std::string>& strangers) {
+    if (!has_work_directory(place)) {
+        return;
+    }
+    for (const auto& name : archives_of_killed_run(place)) {
+        remover.orphan(name, "a killed run has left");
+        strangers.erase(std::remove(strangers.begin(), strangers.end(), name), strangers.end());
+    }
+    remover.work_directory();
+}
+
+// Oldest first.
+void remove_releases(Remover& remover, const Catalogue& catalogue, const Options& options, std::int64_t now) {
+    const std::set<std::string> held = options.dry_run ? held_ids(options) : std::set<std::string>();
+    std::vector<std::pair<std::string, std::string>> kept;
+    std::vector<Release> releases = newest_first(catalogue, options, now);
+    for (std::size_t number = releases.size(); number > 0; --number) {
+        const Release& release = releases[number - 1];
+        const std::string reason = reason_to_keep(release, number, options, now);
+        if (reason.empty()) {
+            remover.release(release);
+        } else {
+            kept.emplace_back(release.id + (held.count(release.id) != 0 ? " (held)" : ""), reason);
+        }
+    }
+    std::for_each(kept.rbegin(), kept.rend(),
+                  [&](const auto& entry) { remover.report_kept(entry.first, entry.second); });
+}
+
 }  // namespace
 
 void prune(const Options& options, Run& run) {
-    const Lock lock(folder(options));
-    const Catalogue catalogue = read_catalogue(options);
-    if (catalogue.current.infos.count(options.flavor) == 0) {
-        fail(hit_name(options.flavor) + " is missing: nothing tells which release is current");
-    }
+    const fs::path place = folder(options);
+    const Lock lock(place);
+    Catalogue catalogue = read_catalogue(options);
+    require_understood(catalogue);
     const std::int64_t now = now_ns();
     Remover remover(options, catalogue, run);
-    remover.work_folder();
-    for (const auto& release : doomed_releases(catalogue, options, now)) {
-        remover.release(release);
-    }
+    remove_what_killed_runs_left(remover, place, catalogue.strangers);
+    remove_releases(remover, catalogue, options, now);
     for (const auto& name : catalogue.orphans) {
-        if (older(changed_ns(folder(options) / name), now, options.grace_s)) {
-            remover.orphan(name);
+        const std::int64_t grace_ns = times_of(place / name).changed_ns + options.grace_s * second_ns;
+        if (grace_ns < now) {
+            remover.orphan(name, "no INI names");
+        } else {
+            remover.report_kept(name,
+                                "no INI names it, within the grace until " + tools::utc_text(grace_ns / second_ns));
         }
+    }
+    for (const auto& name : catalogue.strangers) {
+        remover.report("not ours, kept: " + name + ", " + std::to_string(fs::file_size(place / name)) + " bytes");
     }
     remover.finish();
 }

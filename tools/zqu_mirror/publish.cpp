@@ -1,4 +1,4 @@
-#include "publish.hpp"
+#include <fcntl.h>
 
 #include <algorithm>
 #include <climits>
@@ -10,12 +10,12 @@
 
 #include "catalogue.hpp"
 #include "client.hpp"
+#include "commands.hpp"
 #include "failure.hpp"
 #include "files.hpp"
 #include "inspect.hpp"
 #include "names.hpp"
 #include "pack.hpp"
-#include "sources.hpp"
 #include "verifier.hpp"
 #include "workplace.hpp"
 
@@ -34,10 +34,42 @@ void require_short_name(const Options& options) {
     }
 }
 
-// Opens and measures the sources; they are read only after all that can be refused has been refused.
-std::vector<Source> open_sources(const Options& options) {
-    std::vector<Source> sources{open_source(options.antivir, antivir_name(options.flavor)),
-                                open_source(options.aivsecon, aivsecon_name(options.flavor))};
+// Opens and measures the file at path; keeps no descriptor and reads nothing.
+Source measured(const std::string& path, const std::string& name, bool allow_empty) {
+    Source source{fs::absolute(path), name, {}, ""};
+    if (fstat(tools::open_regular(path).get(), &source.before) != 0) {
+        fail_errno("cannot read the size of " + path);
+    }
+    if (source.before.st_size == 0 && !allow_empty) {
+        fail(path + " is empty: gateways would scan without its signatures; --allow-empty publishes it");
+    }
+    return source;
+}
+
+// Throws when the file at the source's path is another one, or was written, since it was measured.
+void require_unchanged(const Source& source) {
+    struct stat now {};
+    const struct stat& before = source.before;
+    if (stat(source.path.c_str(), &now) != 0 || now.st_dev != before.st_dev || now.st_ino != before.st_ino ||
+        now.st_size != before.st_size || now.st_mtim.tv_sec != before.st_mtim.tv_sec ||
+        now.st_mtim.tv_nsec != before.st_mtim.tv_nsec) {
+        fail(source.path.string() + " changed while it was read");
+    }
+}
+
+// The digest index.
+std::string index_text(const std::vector<Source>& sources) {
+    std::string text;
+    for (const auto& source : sources) {
+        text += source.name + ".sha256 = " + source.digest + "\n";
+    }
+    return text;
+}
+
+// Measures the sources; they are read only after all that can be refused has been refused.
+std::vector<Source> measured_sources(const Options& options) {
+    std::vector<Source> sources{measured(options.antivir, antivir_name(options.flavor), options.allow_empty),
+                                measured(options.aivsecon, aivsecon_name(options.flavor), options.allow_empty)};
     std::uintmax_t total =
         index_text(sources).size() + std::uintmax_t{2} * 64;  // as long as it will be with its digests
     for (const auto& source : sources) {
@@ -90,7 +122,7 @@ zqu::CompleteInfo require_release(const Options& options, const std::vector<Sour
     const zqu::Config cfg = client_config(options);
     zqu::CompleteInfo info = tools::Client(cfg).fetch_info(options.id);
     const fs::path archive = folder(options) / info.cab_name;
-    if (info.defid != options.id || !zqu::verifier::verify(archive, info.sha256)) {
+    if (info.defid != options.id || !fs::is_regular_file(archive) || !zqu::verifier::verify(archive, info.sha256)) {
         fail(options.id + " is on the mirror, but its INI file and its archive do not match");
     }
     Inspection found = inspect(archive, info.cab_name, options.flavor,
@@ -119,7 +151,7 @@ void report(const Options& options, const zqu::CompleteInfo& info, bool known) {
 
 void publish(const Options& options, Run& run) {
     require_short_name(options);
-    std::vector<Source> sources = open_sources(options);
+    std::vector<Source> sources = measured_sources(options);
     run.phase("reading the definitions");
     for (auto& source : sources) {
         source.digest = sha256_with_progress(source.path, run);
@@ -140,7 +172,9 @@ void publish(const Options& options, Run& run) {
     const zqu::CompleteInfo info = require_release(options, sources, known, run);
     place.make_current(options, options.id);
     run.phase("");
-    report(options, info, known);
+    if (!options.quiet) {
+        report(options, info, known);
+    }
 }
 
 }  // namespace zqu::mirror_tool

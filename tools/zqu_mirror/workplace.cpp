@@ -5,6 +5,7 @@
 
 #include <system_error>
 
+#include "catalogue.hpp"
 #include "client.hpp"
 #include "failure.hpp"
 #include "files.hpp"
@@ -59,7 +60,22 @@ std::optional<std::string> current_id(const Options& options) {
     }
 }
 
+bool has_work_directory(const fs::path& directory) {
+    const fs::path work = directory / work_folder_name;
+    const auto found = fs::symlink_status(work);
+    if (fs::exists(found) && !fs::is_directory(found)) {
+        fail(work.string() +
+             " is not a directory, but zqu-mirror prepares files in one of that name: remove or rename it");
+    }
+    return fs::exists(found);
+}
+
 Workplace::Workplace(const fs::path& folder, Run& run) : folder_(make_folders(folder, run)), lock_(folder_), run_(run) {
+    if (has_work_directory(folder_)) {
+        for (const auto& archive : archives_of_killed_run(folder_)) {  // only that directory says whose they are
+            fs::remove(folder_ / archive);
+        }
+    }
     make_work(folder_ / work_folder_name, run_);
 }
 

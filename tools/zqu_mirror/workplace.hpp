@@ -10,7 +10,7 @@
 #include <optional>
 #include <string>
 
-#include "lock.hpp"
+#include "files.hpp"
 #include "options.hpp"
 #include "run.hpp"
 
@@ -19,6 +19,10 @@ namespace zqu::mirror_tool {
 // The work folder's name in the mirror's folder.
 inline constexpr const char* work_folder_name = ".zqu-mirror.work";
 
+// Whether the mirror's directory has a work directory: that of the run that has the lock, or of a killed one. Throws
+// std::runtime_error, with what to do, when something else has its name.
+[[nodiscard]] bool has_work_directory(const std::filesystem::path& directory);
+
 // The release that the hit INI of options' mirror, a folder, names; none when there is no hit INI or it cannot be read
 // or understood.
 [[nodiscard]] std::optional<std::string> current_id(const Options& options);
@@ -26,8 +30,9 @@ inline constexpr const char* work_folder_name = ".zqu-mirror.work";
 class Workplace {
 public:
     // Makes folder, an absolute path, with the parents that are missing (on disk then, and undone with the run), locks
-    // it, and makes an empty work folder in it. Keeps a reference to run, which must outlive the workplace. Throws what
-    // Lock throws, and std::system_error when folder or work folder cannot be made.
+    // it, removes what a killed run has left, and makes an empty work folder in it. Keeps a reference to run, which
+    // must outlive the workplace. Throws what Lock throws, and std::system_error when folder or work folder cannot be
+    // made.
     Workplace(const std::filesystem::path& folder, Run& run);
 
     // Removes the work folder, undoes what was not committed, and only then unlocks the folder: the next run must not

@@ -1,0 +1,29 @@
+// The commands. options.mirror is an absolute directory, or a URL where a command takes one. A command throws with the
+// reason as text when it fails.
+#pragma once
+
+#include "options.hpp"
+#include "run.hpp"
+
+namespace zqu::mirror_tool {
+
+// Packs the two definition files, puts the archive and its INI into the mirror's directory, reads them back as a client
+// does, and only then makes the release current in one step. A release that is there already with the same content is
+// read back and made current again. When anything fails, the run leaves the mirror as it was, except in one case that
+// the text names: the release is current, and only the last flush has failed.
+void publish(const Options& options, Run& run);
+
+// Removes releases of options.flavor by number (options.keep) and age (options.older_than_s), and what killed runs have
+// left; with options.dry_run only says so, and why it keeps the others.
+//
+// Never removes what a hit INI of any flavor names, even when it is changed while the run goes on, except in the
+// instant between the last look and the removal; nor what is in its grace (catalogue.hpp); nor an archive that another
+// INI names, or that is not ours. Removes nothing when an INI cannot be understood. A release's INI goes first, then
+// its archive; a signal takes effect between two releases.
+void prune(const Options& options, Run& run);
+
+// Prints the releases of options.flavor in options.form, text or JSON. Lists a damaged mirror, too; the exit status
+// that it returns says whether there is a problem. Takes no lock and changes nothing.
+[[nodiscard]] int list(const Options& options, Run& run);
+
+}  // namespace zqu::mirror_tool

@@ -1,0 +1,125 @@
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "catalogue.hpp"
+#include "commands.hpp"
+#include "failure.hpp"
+#include "held.hpp"
+#include "names.hpp"
+#include "text.hpp"
+
+namespace zqu::mirror_tool {
+
+namespace {
+
+using json = nlohmann::ordered_json;
+using Row = std::array<std::string, 5>;
+
+// What is wrong with the archive that the release's INI names.
+std::string fault_of(const Release& release, const json& entry) {
+    return entry["bytes"].is_null()
+               ? release.archive + " is missing or not a regular file, but " + release.info + " names it"
+               : release.archive + " has " + entry["bytes"].dump() + " bytes, but " + release.info + " says " +
+                     std::to_string(release.size);
+}
+
+json entry_of(const Release& release, bool held, const Options& options, std::int64_t now) {
+    struct stat archive {};
+    const bool there = !release.archive.empty() && stat((folder(options) / release.archive).c_str(), &archive) == 0 &&
+                       S_ISREG(archive.st_mode);
+    const auto dot = release.archive.rfind('.');
+    const bool in_grace = !release.current && release.grace_ns >= now;
+    return {{"id", release.id},
+            {"archive", release.archive.empty() ? json() : json(release.archive)},
+            {"format", dot == std::string::npos ? json() : json(release.archive.substr(dot + 1))},
+            {"bytes", there ? json(archive.st_size) : json()},
+            {"published_epoch", there ? json(archive.st_mtim.tv_sec) : json()},
+            {"current", release.current},
+            {"grace_until_epoch", in_grace ? json(release.grace_ns / 1'000'000'000) : json()},
+            {"held", held},
+            {"damaged", !there || (release.size != 0 && archive.st_size != release.size)}};
+}
+
+json document_of(const Options& options) {
+    Catalogue catalogue = read_catalogue(options);
+    std::set<std::string> held;
+    try {
+        held = held_ids(options);
+    } catch (const std::exception& e) {
+        catalogue.problems.emplace_back(e.what());
+    }
+    const auto& ids = catalogue.current.ids;
+    const auto current = ids.find(options.flavor);
+    json document{{"directory", folder(options).string()},
+                  {"flavor", options.flavor},
+                  {"current", current == ids.end() ? json() : json(current->second)},
+                  {"held", held},
+                  {"problems", catalogue.problems},
+                  {"releases", json::array()}};
+    const std::int64_t now = now_ns();
+    for (const auto& release : newest_first(catalogue, options, now)) {
+        const json entry = entry_of(release, held.count(release.id) != 0, options, now);
+        document["releases"].push_back(entry);
+        if (entry["damaged"] && !release.archive.empty()) {
+            document["problems"].push_back(fault_of(release, entry));
+        }
+    }
+    return document;
+}
+
+std::string state_of(const json& entry) {
+    std::string state = entry["current"] ? ", current" : "";
+    if (!entry["grace_until_epoch"].is_null()) {
+        state += ", within the grace until " + tools::utc_text(entry["grace_until_epoch"]);
+    }
+    state += entry["held"] ? ", held" : "";
+    state += entry["damaged"] ? ", damaged" : "";
+    return state.empty() ? "former" : state.substr(2);
+}
+
+Row row_of(const json& entry) {
+    return {entry["id"], entry["bytes"].is_null() ? "-" : tools::utc_text(entry["published_epoch"]),
+            entry["bytes"].is_null() ? "-" : entry["bytes"].dump(),
+            entry["format"].is_null() ? "-" : entry["format"].get<std::string>(), state_of(entry)};
+}
+
+std::string table_of(const json& releases) {
+    constexpr std::size_t size_column = 2;
+    std::vector<Row> rows{{"ID", "PUBLISHED", "SIZE", "FORMAT", "STATE"}};
+    std::transform(releases.begin(), releases.end(), std::back_inserter(rows), row_of);
+    std::string table;
+    for (const auto& row : rows) {
+        for (std::size_t column = 0; column + 1 < row.size(); ++column) {
+            const auto wider = [&](const Row& a, const Row& b) { return a[column].size() < b[column].size(); };
+            const std::size_t width = (*std::max_element(rows.begin(), rows.end(), wider))[column].size();
+            const std::string blanks(width - row[column].size(), ' ');
+            table += (column == size_column ? blanks + row[column] : row[column] + blanks) + "  ";
+        }
+        table += row.back() + "\n";
+    }
+    return table;
+}
+
+}  // namespace
+
+int list(const Options& options, Run& /*run*/) {
+    const json document = document_of(options);
+    if (options.form == Form::json) {
+        tools::print(document.dump(2, ' ', true, json::error_handler_t::replace) + "\n");
+    } else {
+        tools::print(table_of(document["releases"]));
+        for (const auto& problem : document["problems"]) {
+            complain(problem);
+        }
+    }
+    return document["problems"].empty() ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+}  // namespace zqu::mirror_tool
