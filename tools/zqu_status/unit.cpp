@@ -27,16 +27,16 @@ void require(int result) {
     }
 }
 
-bool is_below(const fs::path& path, const fs::path& directory) {
-    return std::mismatch(directory.begin(), directory.end(), path.begin(), path.end()).first == directory.end();
+bool is_below(const fs::path& inner, const fs::path& outer) {
+    return std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first == outer.end();
 }
 
 // Of use are the paths above or below what the daemon writes, and the default root, which the unit itself names.
-bool is_of_use(const fs::path& path, const Config& cfg) {
+bool is_of_use(const fs::path& writable, const Config& cfg) {
     const std::vector<fs::path> written{cfg.def_root, fs::path(cfg.status_path).parent_path(), Config().def_root};
-    return std::any_of(written.begin(), written.end(), [&path](const fs::path& directory) {
-        const fs::path normal = (directory / ".").lexically_normal().parent_path();
-        return !normal.empty() && (is_below(path, normal) || is_below(normal, path));
+    return std::any_of(written.begin(), written.end(), [&writable](const fs::path& directory) {
+        const fs::path used = (directory / ".").lexically_normal().parent_path();
+        return !used.empty() && (is_below(writable, used) || is_below(used, writable));
     });
 }
 
