@@ -3,8 +3,10 @@
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <ctime>
 #include <exception>
 #include <system_error>
@@ -50,6 +52,14 @@ void require_usable_file(const std::string& url, std::uintmax_t most) {
             fail_too_long(url, most);
         }
     }
+}
+
+bool is_missing(CURL* curl, CURLcode result, const std::string& url) {
+    long status = 0;
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    const bool local = result == CURLE_FILE_COULDNT_READ_FILE;
+    return local ? access(part_of(url, CURLUPART_PATH).c_str(), F_OK) != 0 && errno == ENOENT
+                 : result == CURLE_HTTP_RETURNED_ERROR && (status == 404 || status == 410);
 }
 
 // A mirror whose files are all this one: file:// ignores what follows the question mark. The daemon's client parses
@@ -99,12 +109,15 @@ Client::~Client() {
 }
 
 std::string Client::fetch_id() {
-    const std::string url = urls_.hit_ini_url();
-    const Fd copy = memory_file(fetch_text(url));
+    return read_id(fetch_text(urls_.hit_ini_url()));
+}
+
+std::string Client::read_id(const std::string& text) const {
+    const Fd copy = memory_file(text);
     const zqu::Config cfg = mirror_of(copy);
     auto id = zqu::MirrorClient(cfg).fetch_defid();
     if (!id) {
-        throw MirrorError(file_of(url) + " names no release");
+        throw MirrorError(file_of(urls_.hit_ini_url()) + " names no release");
     }
     return *std::move(id);
 }
@@ -151,6 +164,9 @@ void Client::transfer(const std::string& url, Target& target) {
     }
     if (result == CURLE_FILESIZE_EXCEEDED || target.taken > target.most) {
         fail_too_long(url, target.most);
+    }
+    if (result != CURLE_OK && is_missing(curl_, result, url)) {
+        throw MissingFile("GET " + url + ": " + reason_of(result));
     }
     if (result != CURLE_OK) {
         fail(url, reason_of(result));

@@ -28,6 +28,11 @@ struct MirrorError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// The mirror does not have the file: HTTP status 404 or 410, or no such file.
+struct MissingFile : MirrorError {
+    using MirrorError::MirrorError;
+};
+
 // Every member that fetches throws MirrorError when the transfer fails: "GET <URL>: <reason>", with libcurl's text and,
 // where TLS has refused a certificate, what is wrong with it; "longer than <n> bytes"; or "not a regular file" for a
 // file:// URL that leads to anything else. Throws std::system_error when this machine is at fault: no file in memory,
@@ -48,6 +53,9 @@ public:
 
     // The id that the hit INI names, never empty. Throws MirrorError "<file> names no release" also.
     [[nodiscard]] std::string fetch_id();
+
+    // The id that the text of a hit INI names.
+    [[nodiscard]] std::string read_id(const std::string& text) const;
 
     // The text of the complete-info INI of the release id.
     [[nodiscard]] std::string fetch_info_text(const std::string& id);
