@@ -1,4 +1,4 @@
-"""zqu-mirror cut short: publish, mirror and prune are killed, stopped, or fail at each of their system calls.
+"""zqu-mirror cut short: the commands that change a mirror are killed, stopped, or fail at each of their system calls.
 
 A command that changes a mirror has its row in COMMANDS, and with it all tests here."""
 
@@ -11,7 +11,7 @@ from dataclasses import dataclass, replace
 from typing import Callable
 
 import pytest
-from mirror_tool import WORK, cab, run
+from mirror_tool import HELD, WORK, cab, run
 from release import HIT, info_name
 from tools import Stopped, under_strace
 
@@ -31,6 +31,8 @@ class Command:
     steps: list  # its calls of fsync, rename and unlink; D is the mirror's directory, W the work directory
     prepare: Callable = lambda own, upstream: own.publish_small("old")
     heal: Callable = None  # other words than its own, which heal what a kill leaves
+    others: tuple = ()  # further paths that it uses
+    states: int = 8  # how many states its kills leave, at least
 
 
 def prepare_copying(own, upstream):
@@ -73,10 +75,20 @@ COMMANDS = {
         words=lambda own, root: ["prune", "--keep", "1", "--grace", "0", root],
         work=[],
         archive=cab("1"),
+        states=6,
         steps=[
             *(step for id in "123" for step in (f"unlink D/{info_name(id)}", "fsync D", f"unlink D/{cab(id)}")),
             "fsync D",
         ],
+    ),
+    "activate": Command(
+        prepare=lambda own, upstream: own.publish_small("new", "old"),
+        words=lambda own, root: ["activate", root, "new"],
+        work=["hit"],
+        archive=cab("new"),
+        others=(HELD, f"{HELD}/{info_name('old')}"),
+        states=5,
+        steps=["fsync D", f"fsync D/{HELD}", *FINAL_STEPS],
     ),
 }
 ZIP = replace(COMMANDS["publish"], words=lambda own, root: own.publishing("new", "--zip", root=root))
@@ -98,7 +110,7 @@ class Campaign:
     def traced(self, mirror, *options, log="/dev/null"):
         """Runs the command while strace sees to the calls that name or use something on the mirror."""
         work = [f"{WORK}/{name}" for name in ("", *self.command.work)]
-        names = {*self.own.files(), HIT, info_name("new"), self.command.archive, *work}
+        names = {*self.own.files(), HIT, info_name("new"), self.command.archive, *work, *self.command.others}
         top = [mirror.root, mirror.root / "rhex", mirror.root / "rhex/deffiles", mirror.folder]
         paths = [word for path in (*top, *map(mirror.path, sorted(names))) for word in ("-P", path)]
         prefix = ["strace", "-D", "-y", "-o", log, *options, *paths]
@@ -146,6 +158,15 @@ def without_work(files):
     return {name: what for name, what in files.items() if WORK not in name}
 
 
+def expect_whole(mirror):
+    """Clients find a release, and every INI its archive."""
+    code, out, err = mirror.check()
+    assert (code, err) == (0, ""), out
+    for path in mirror.folder.glob("antivir-v2-c-*.ini"):
+        archive = re.search(r"def.Current.name *= *(\S+)", path.read_text())[1]
+        assert mirror.path(archive).exists(), f"{path.name} names {archive}, which is gone"
+
+
 @pytest.mark.parametrize("name", COMMANDS)
 def test_kill_at_any_call_leaves_a_whole_release(own, name, request, record_property):
     """And the next run heals all that is left."""
@@ -159,11 +180,7 @@ def test_kill_at_any_call_leaves_a_whole_release(own, name, request, record_prop
         left = frozenset(mirror.tree().items())
         if left in healed:  # another kill has left just the same
             return
-        code, out, err = mirror.check()
-        assert (code, err) == (0, ""), out
-        for path in mirror.folder.glob("antivir-v2-c-*.ini"):
-            archive = re.search(r"def.Current.name *= *(\S+)", path.read_text())[1]
-            assert mirror.path(archive).exists(), f"{path.name} names {archive}, which is gone"
+        expect_whole(mirror)
         code, out, err = run(*heal(own, mirror.root))
         assert (code, err) == (0, "")
         assert without_work(mirror.tree()) == without_work(whole)
@@ -171,11 +188,11 @@ def test_kill_at_any_call_leaves_a_whole_release(own, name, request, record_prop
         healed.add(left)
 
     kills = campaign.interfere("signal=KILL", lambda calls: calls if every else calls - HARMLESS, judge)
-    assert len(healed) >= (6 if name == "prune" else 8)
+    assert len(healed) >= campaign.command.states
     record_property("kills_of_zqu_mirror", kills)
 
 
-@pytest.mark.parametrize("name", ["publish", "zip", "mirror"])
+@pytest.mark.parametrize("name", ["publish", "zip", "mirror", "activate"])
 def test_no_room_at_any_call_leaves_the_mirror_untouched(own, name, request, record_property):
     campaign = Campaign(name, own, request.config.getoption("--all"))
     before = own.tree()
@@ -195,9 +212,9 @@ def test_no_room_at_any_call_leaves_the_mirror_untouched(own, name, request, rec
         said.append(err)
 
     failures = campaign.interfere("error=ENOSPC", lambda calls: calls & {*FAILING}, judge)
-    assert codes.count(1) > 8
+    assert codes.count(1) > campaign.command.states
     written = r"cannot write the archive: (Write error|Error writing to file): No space left on device\n"
-    assert name == "mirror" or re.search(written, "".join(said))
+    assert name in ("mirror", "activate") or re.search(written, "".join(said))
     record_property("failed_calls_of_zqu_mirror", failures)
 
 
@@ -292,10 +309,10 @@ def test_signal_ends_a_prune_between_two_releases(own):
 
 @pytest.mark.parametrize("name", COMMANDS)
 def test_second_run_is_refused_while_one_is_at_work(own, name):
-    COMMANDS["mirror"].prepare(own, own.upstream)
-    COMMANDS["prune"].prepare(own, own.upstream)
+    for prepared in ("mirror", "prune", name):
+        COMMANDS[prepared].prepare(own, own.upstream)
     refused = (1, "", f"zqu-mirror: another run is at work in {own.folder}\n")
-    place = (info_name("1"), "unlink") if name == "prune" else (f"{WORK}/archive", "openat")
+    place = (info_name("1"), "unlink") if name == "prune" else (f"{WORK}/hit", "openat")
     with own.stopped(COMMANDS[name].words(own, own.root), *place) as first:
         for second in (*COMMANDS, "prune --dry-run"):
             words = COMMANDS[second.split()[0]].words(own, own.root) + second.split()[1:]

@@ -9,9 +9,10 @@ from gateway import Gateway
 from mirror_tool import DOTS_RULE, NAME_RULE, SUBDIR, WORK, change_info, run
 from outcomes import published, tree
 from release import HIT, good_files, info_name, sha256
-from scripted_server import stall
+from scripted_server import ScriptedServer, reply, stall
 from tools import AS_ROOT
 
+REPAIR = "run zqu-mirror repair --from"
 HIT_RULE = 'must not be "hit" or end in -hit'
 
 
@@ -209,7 +210,10 @@ def follow_and_take_name(copy):
 CONFLICTS = {
     "id here": (publish_here, OTHER_CONTENT),
     "id gets other content": (follow_and_change, OTHER_CONTENT),
-    "id here damaged": (follow_and_damage, "1001 is on the mirror, but its INI file and its archive do not match"),
+    "id here damaged": (
+        follow_and_damage,
+        f"1001 is on the mirror, but damaged: {cab('1001')} has 7 bytes instead of {{size}}; {REPAIR}",
+    ),
     "archive name taken": (
         follow_and_take_name,
         f"{cab('1001')} is on the mirror with other content, and {info_name('1001')} names it",
@@ -221,7 +225,58 @@ CONFLICTS = {
 def test_conflict_with_what_is_here_is_refused(copy, case):
     make, line = CONFLICTS[case]
     make(copy)
-    copy.expect_refused(line, *copy.words())
+    copy.expect_refused(line.format(size=copy.upstream.path(cab("1001")).stat().st_size), *copy.words())
+
+
+def cut(copy):
+    os.truncate(copy.path(cab("1001")), 20)
+
+
+def change_byte(copy):
+    data = copy.path(cab("1001")).read_bytes()
+    copy.write(cab("1001"), data[:-1] + bytes([data[-1] ^ 1]))
+
+
+# What is done to the current release here, and what is then said of it, instead of "nothing new".
+DAMAGED = {
+    "size": (cut, "has 20 bytes instead of {size}", []),
+    "gone": (lambda copy: copy.path(cab("1001")).unlink(), "is missing", []),
+    "digest": (change_byte, "does not have the digest {digest}", ["--verify"]),
+}
+
+
+@pytest.mark.parametrize("case", DAMAGED)
+def test_damaged_files_here_are_not_nothing_new(copy, case):
+    damage, what, words = DAMAGED[case]
+    copy.follow("1001")
+    data = copy.path(cab("1001")).read_bytes()
+    assert copy.run("--verify") == (0, "nothing new: 1001 is current\n", "")
+    damage(copy)
+    what = what.format(size=len(data), digest=sha256(data))
+    copy.expect_refused(f"1001 is current, but damaged: {cab('1001')} {what}; {REPAIR}", *copy.words(*words))
+    if words:
+        assert copy.run() == (0, "nothing new: 1001 is current\n", "")
+
+
+@pytest.mark.parametrize("size", [None, 0, 77])
+def test_digest_decides_where_the_upstream_gives_no_true_size(copy, size):
+    copy.upstream.publish("1001")
+    change_info(copy.upstream, "1001", size=size)
+    assert copy.run()[0] == 0
+    assert copy.run() == (0, "nothing new: 1001 is current\n", "")
+    change_byte(copy)
+    assert copy.run()[0] == 1
+
+
+def test_damage_here_is_found_while_upstreams_release_is_held(copy):
+    copy.follow("1001", "1002")
+    assert run("activate", copy.root, "1001")[0] == 0
+    size = copy.size(cab("1001"))
+    cut(copy)
+    damage = f"{cab('1001')} has 20 bytes instead of {size}"
+    copy.expect_refused(f"1001 is current, but damaged: {damage}; {REPAIR}", *copy.words())
+    copy.path(HIT).unlink()
+    copy.expect_refused(f"{HIT} is missing or names no release; {REPAIR}", *copy.words())
 
 
 def test_archive_that_a_killed_run_has_left_is_replaced(copy):
@@ -247,16 +302,38 @@ def test_what_a_killed_run_has_left_without_modes_is_removed(copy):
         assert (done.returncode, done.stderr, copy.path(WORK).exists()) == (0, b"", False)
 
 
-@pytest.mark.parametrize("certificate", ["wrong_host", "unknown_authority"])
-def test_upstream_that_cannot_prove_who_it_is_is_refused(copy, certificate):
+@pytest.mark.parametrize(
+    "certificate, why", [("wrong_host", "is for another host"), ("unknown_authority", "authority")]
+)
+def test_upstream_that_cannot_prove_who_it_is_is_refused(copy, certificate, why):
     copy.upstream.publish("1001")
     url = copy.nginx.url(certificate)
     words = ["mirror", "--ca", copy.nginx.ca_path, "--subdir", copy.upstream.subdir, url, copy.root]
-    reason = "SSL peer certificate or SSH remote key was not OK"
-    copy.expect_refused(f"GET {url}/{copy.upstream.subdir}/{HIT}: {reason}", *words)
+    code, out, err = run(*words)
+    assert (code, out) == (1, "")
+    assert err.startswith(f"zqu-mirror: GET {url}/{copy.upstream.subdir}/{HIT}: SSL peer certificate") and why in err
+    assert not copy.root.exists()
+
+
+@pytest.mark.parametrize("name", [HIT, info_name("1001"), cab("1001")])
+def test_redirect_to_plain_http_is_refused_unless_allowed(copy, scripted, name):
+    copy.upstream.publish("1001")
+    with ScriptedServer() as plain:
+        for server, moved in ((scripted.server, name), (plain, None)):
+            for file in (HIT, info_name("1001"), cab("1001")):
+                server.script[file] = [reply(copy.upstream.path(file).read_bytes())]
+        scripted.server.script[name] = [reply(b"", "302 Found", f"Location: {plain.base()}/{name}")]
+        words = ["mirror", "--ca", scripted.ca_path, "--upstream-subdir", "defs", scripted.url, copy.root]
+        why = f"redirected from https to {plain.base()}/{name}"
+        way = "anybody on the way can change the answer"
+        copy.expect_refused(f"GET {scripted.url}/defs/{name}: {why}, where {way}", *words)
+        assert plain.targets() == []
+        copied = done(copy, "1001")[1]
+        assert run(*words, "--allow-http") == (0, copied, f"zqu-mirror: warning: {why}: {way}\n")
+        assert plain.targets() == [name]
 
 
 def test_upstream_that_falls_silent_is_given_up(copy, scripted):
     scripted.server.script = {HIT: [stall]}
-    words = ["mirror", "--ca", scripted.ca_path, "--timeout", "1", "--subdir", "defs", scripted.url, copy.root]
+    words = ["mirror", "--ca", scripted.ca_path, "--timeout", "1s", "--subdir", "defs", scripted.url, copy.root]
     copy.expect_refused(f"GET {scripted.url}/defs/{HIT}: Timeout was reached", *words)

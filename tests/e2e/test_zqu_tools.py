@@ -18,6 +18,8 @@ REFUSED = {
     "zqu-mirror prune ''": "MIRROR: must be a directory",
     "zqu-mirror mirror http://mirror.example m": "UPSTREAM: must be an https or a file URL",
     "zqu-mirror mirror /srv/mirror m": "UPSTREAM: must be an https or a file URL",
+    "zqu-mirror mirror --timeout 5x file:///srv/mirror m": "--timeout: " + DURATION.format("5x"),
+    "zqu-mirror activate m": "ID is required",
     "zqu-mirror check /nonexistent": "MIRROR: must be a directory or an http, https or file URL",
     "zqu-mirror check --max-age 1d /": "--max-age requires --nagios or --prometheus",
     "zqu-mirror check --json --quiet /": "--quiet excludes --json",
@@ -59,7 +61,11 @@ def test_wrong_command_line_is_refused(tmp_path, line):
 FULL = "cannot write to standard output: No space left on device"
 HELP = {
     "zqu-config": (["check", "show"], "", (2, FULL)),
-    "zqu-mirror": (["publish", "mirror", "prune", "list", "check"], "Exit status: 0 done", (1, FULL)),
+    "zqu-mirror": (
+        ["publish", "mirror", "activate", "prune", "list", "check"],
+        "Exit status: 0 done",
+        (1, FULL),
+    ),
     "zqu-status": ([], "Exit status: 0 ok, 1 warning, 2 critical, 3 unknown", (3, FULL)),
 }
 
@@ -88,10 +94,11 @@ COMMON = "--help --flavor --subdir "
 FILES = "a file|other file|the directory"
 # Words up to the cursor, separated by bars; what bash offers for the last of them, likewise or by blanks.
 COMPLETIONS = {
-    "zqu-mirror|": "publish mirror prune list check",
+    "zqu-mirror|": "publish mirror activate prune list check",
     "zqu-mirror|-": "--help --version",
     "zqu-mirror|publish|-": COMMON + "--quiet --id --zip --allow-empty",
-    "zqu-mirror|mirror|-": COMMON + "--upstream-subdir --ca --timeout",
+    "zqu-mirror|mirror|-": COMMON + "--quiet --upstream-subdir --ca --timeout --allow-http --verify --force",
+    "zqu-mirror|activate|-": COMMON + "--quiet",
     "zqu-mirror|prune|-": COMMON + "--quiet --keep --older-than --grace --dry-run",
     "zqu-mirror|list|-": COMMON + "--grace --json",
     "zqu-mirror|list|": "the directory|",

@@ -13,6 +13,19 @@ namespace zqu::mirror_tool {
 // the text names: the release is current, and only the last flush has failed.
 void publish(const Options& options, Run& run);
 
+// Asks the mirror at options.upstream for its current release. When that is not current here, downloads it, verifies it
+// as a client does, and makes it current. The complete-info INI and the archive keep their names and their bytes.
+// Prints one line, also when there is nothing new or the release is held, and changes nothing then.
+//
+// Refused are, besides what cannot be fetched, does not verify or cannot be written: an id or an archive name that is
+// no plain file name (names.hpp), an id that is known here with another archive, an archive whose name belongs to other
+// content here, damaged files of what is current here, and a mirror that another run works on.
+void mirror(const Options& options, Run& run);
+
+// Makes the release options.id, which is on the mirror, current again after checking it, and holds the one that was
+// current (held.hpp). Refuses one that a client would not take.
+void activate(const Options& options, Run& run);
+
 // Removes releases of options.flavor by number (options.keep) and age (options.older_than_s), and what killed runs have
 // left; with options.dry_run only says so, and why it keeps the others.
 //

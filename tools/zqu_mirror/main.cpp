@@ -12,7 +12,6 @@
 
 #include "check.hpp"
 #include "commands.hpp"
-#include "mirror.hpp"
 #include "monitoring.hpp"
 #include "names.hpp"
 #include "options.hpp"
@@ -71,6 +70,12 @@ constexpr const char* about_mirror =
     "Examples:\n"
     "  zqu-mirror mirror https://definitions.zelgw.example /srv/mirror\n"
     "  zqu-mirror mirror --flavor v3 --ca /etc/ssl/upstream-ca.pem https://mirror.example /srv/mirror\n";
+
+constexpr const char* about_activate =
+    "Checks a release that is on the mirror and makes it current again. The one that was current is held then: mirror\n"
+    "does not take it again, until it is published or activated, or mirror is run with --force.\n\n"
+    "Example:\n"
+    "  zqu-mirror activate /srv/mirror 20240131.007\n";
 
 constexpr const char* about_prune =
     "Removes the releases that neither --keep nor --older-than keeps (without these two: none), and what killed runs\n"
@@ -161,26 +166,50 @@ void add_publish(CLI::App& app, Options& options, Command& chosen) {
     command->footer(std::string(about_publish) + "\n" + about_exit);
 }
 
-void add_mirror(CLI::App& app, Options& options, Command& chosen) {
-    CLI::App* command = app.add_subcommand("mirror", "Copy the current release of an upstream mirror");
+// How to reach a mirror over the network.
+void add_client(CLI::App& command, Options& options) {
+    command.add_option("--ca", options.ca, "PEM file of the certificates to trust")->check(CLI::ExistingFile);
+    add_duration(
+        command, "--timeout",
+        [&options](auto seconds) { options.timeout_s = static_cast<std::uint32_t>(std::min(seconds, longest_s)); },
+        "Time for one whole transfer", 1)
+        ->default_str("5m");
+}
+
+void add_upstream(CLI::App& command, Options& options, const std::string& name, const std::string& description) {
     const auto no_upstream = [](const std::string& url) {
         const bool usable = url.rfind("https://", 0) == 0 || url.rfind("file://", 0) == 0;
         return usable ? std::string() : std::string("must be an https or a file URL");
     };
-    add_common(*command, options);
+    command.add_option(name, options.upstream, description)->check(no_upstream);
     command
-        ->add_option("--upstream-subdir", options.upstream_subdir, "Directory below the upstream's root, when another")
+        .add_option("--upstream-subdir", options.upstream_subdir, "Directory below the upstream's root, when another")
         ->check(unusable_subdir);
-    command->add_option("--ca", options.ca, "PEM file of the certificates to trust")->check(CLI::ExistingFile);
-    command->add_option("--timeout", options.timeout_s, "Seconds for one whole transfer")
-        ->capture_default_str()
-        ->check(CLI::Range(1, 2147483));
-    command->add_option("UPSTREAM", options.upstream, "URL of the upstream mirror: scheme and host")
-        ->required()
-        ->check(no_upstream);
+    add_client(command, options);
+    command.add_flag("--allow-http", options.allow_http, "Follow redirects from https to http");
+}
+
+void add_mirror(CLI::App& app, Options& options, Command& chosen) {
+    CLI::App* command = app.add_subcommand("mirror", "Copy the current release of an upstream mirror");
+    add_common(*command, options);
+    add_quiet(*command, options);
+    add_upstream(*command, options, "UPSTREAM", "URL of the upstream mirror: scheme and host");
+    command->get_option("UPSTREAM")->required();
+    command->add_flag("--verify", options.verify, "Check the digest of what is current here, not its size alone");
+    command->add_flag("--force", options.force, "Take a release that is held");
     add_mirror_directory(*command, options, "; created when missing");
     command->callback([&chosen] { chosen = done<zqu::mirror_tool::mirror>; });
     command->footer(std::string(about_mirror) + "\n" + about_exit);
+}
+
+void add_activate(CLI::App& app, Options& options, Command& chosen) {
+    CLI::App* command = app.add_subcommand("activate", "Make a release of the mirror current again");
+    add_common(*command, options);
+    add_quiet(*command, options);
+    add_mirror_directory(*command, options);
+    command->add_option("ID", options.id, "Id of the release")->required()->check(unusable_id);
+    command->callback([&chosen] { chosen = done<zqu::mirror_tool::activate>; });
+    command->footer(std::string(about_activate) + "\n" + about_exit);
 }
 
 void add_prune(CLI::App& app, Options& options, Command& chosen) {
@@ -216,12 +245,7 @@ void add_check(CLI::App& app, Options& options, Command& chosen) {
         return url || fs::is_directory(mirror) ? "" : std::string("must be a directory or an http, https or file URL");
     };
     add_common(*command, options);
-    command->add_option("--ca", options.ca, "PEM file of the certificates to trust")->check(CLI::ExistingFile);
-    zqu::tools::add_duration(
-        *command, "--timeout",
-        [&options](auto seconds) { options.timeout_s = static_cast<std::uint32_t>(std::min(seconds, longest_s)); },
-        "Time for one whole transfer", 1)
-        ->default_str("5m");
+    add_client(*command, options);
     auto* quiet = command->add_flag("--quiet", options.quiet, "Print warnings and faults only");
     const auto add_form = [&](const std::string& name, Form form, const std::string& what) {
         return command
@@ -273,6 +297,7 @@ int parse_and_carry_out(int argc, char** argv, bool plugin) {
     app.footer(std::string("Each command has its own --help.\n\n") + about_exit);
     add_publish(app, options, chosen);
     add_mirror(app, options, chosen);
+    add_activate(app, options, chosen);
     add_prune(app, options, chosen);
     add_list(app, options, chosen);
     add_check(app, options, chosen);

@@ -1,87 +1,59 @@
-#include "mirror.hpp"
+#include "commands.hpp"
 
 #include <filesystem>
 #include <string>
 
 #include "catalogue.hpp"
-#include "client.hpp"
 #include "failure.hpp"
 #include "files.hpp"
-#include "inspect.hpp"
+#include "held.hpp"
 #include "names.hpp"
+#include "upstream.hpp"
 #include "verifier.hpp"
 #include "workplace.hpp"
 
 namespace zqu::mirror_tool {
 
 namespace fs = std::filesystem;
-using tools::inspect;
 
 namespace {
 
-// What the upstream mirror says of its current release.
-struct Upstream {
-    std::string id;
-    std::string info;  // the whole text of the complete-info INI
-};
+constexpr const char* advice = "; run zqu-mirror repair --from";
 
-void require_usable(const std::string& what, const std::string& name, const std::string& reason) {
-    if (!reason.empty()) {
-        fail("the upstream mirror's " + what + " " + name + " is refused: it " + reason);
+void report(const Options& options, const std::string& line, Run& run) {
+    run.phase("");
+    if (!options.quiet) {
+        say(line);
     }
 }
 
-// The INI of such an id has the name of a hit INI of another flavor: what it says could keep prune from its work.
-std::string mistakable_id(const std::string& id) {
-    const std::string end = "-hit";
-    const std::string name = "-" + id;
-    const bool mistakable = name.size() >= end.size() && name.compare(name.size() - end.size(), end.size(), end) == 0;
-    return mistakable ? "must not be \"hit\" or end in -hit" : "";
-}
-
-Upstream ask(tools::Client& client, const Options& options) {
-    const std::string id = client.fetch_id();
-    require_usable("id", id, unusable_name(id));
-    require_usable("id", id, mistakable_id(id));
-    require_usable("id", id, unusable_archive(stem(options.flavor, id)));  // for its length
-    return {id, client.fetch_info_text(id)};
-}
-
-std::string read_text(const fs::path& path) {
-    std::string text;
-    read_blocks(path, [&](const char* data, std::size_t size) { text.append(data, size); });
-    return text;
-}
-
-// Whether this is the current release here, too, with the same INI to the byte. Takes no lock: changes nothing.
-bool is_current(const Options& options, const Upstream& upstream) {
-    const fs::path place = folder(options);
-    const fs::path info = place / info_name(options.flavor, upstream.id);
-    return current_id(options) == upstream.id && fs::exists(info) && read_text(info) == upstream.info;
-}
-
-// Puts the upstream's INI into the work folder, under its name.
-zqu::CompleteInfo stage_info(const tools::Client& client, const Options& options, const Upstream& upstream,
-                             const Workplace& place) {
-    zqu::CompleteInfo info = client.read_info(upstream.info, upstream.id);
-    require_usable("archive name", info.cab_name, unusable_archive(info.cab_name));
-    write_text(place.work(info_name(options.flavor, upstream.id)), upstream.info);
-    return info;
+// Says so, unless the files of what is current here are damaged. Takes no lock: changes nothing.
+void report_nothing_new(const Options& options, const std::string& what, Run& run) {
+    const auto current = current_id(options);
+    if (!current) {
+        fail(hit_name(options.flavor) + " is missing or names no release" + advice);
+    }
+    run.phase("checking the files of " + *current);
+    const Examined found = examine(options, *current, options.verify ? Depth::digest : Depth::size);
+    if (!found.fault.empty()) {
+        fail(*current + " is current, but damaged: " + found.fault + advice);
+    }
+    report(options, what + *current + " is current", run);
 }
 
 // Requires that the id, if it is known here, stands for the same archive.
-bool require_same_content(const Options& options, const Upstream& upstream, const zqu::CompleteInfo& info) {
+bool require_same_content(const Options& options, const Offer& offer) {
     const fs::path place = folder(options);
-    if (!fs::exists(place / info_name(options.flavor, upstream.id))) {
+    if (!fs::exists(fs::symlink_status(place / info_name(options.flavor, offer.id)))) {
         return false;
     }
-    const zqu::Config cfg = client_config(options);
-    const zqu::CompleteInfo known = tools::Client(cfg).fetch_info(upstream.id);
-    if (!unusable_archive(known.cab_name).empty() || !zqu::verifier::verify(place / known.cab_name, known.sha256)) {
-        fail(upstream.id + " is on the mirror, but its INI file and its archive do not match");
+    const Examined known = examine(options, offer.id, Depth::digest);
+    if (!known.fault.empty()) {
+        fail(offer.id + " is on the mirror, but damaged: " + known.fault + advice);
     }
-    if (known.cab_name != info.cab_name || !zqu::verifier::verify(place / known.cab_name, info.sha256)) {
-        fail(upstream.id + " is on the mirror with other content: an id never gets other content");
+    if (known.info.cab_name != offer.info.cab_name ||
+        !zqu::verifier::verify(place / offer.info.cab_name, offer.info.sha256)) {
+        fail(offer.id + " is on the mirror with other content: an id never gets other content");
     }
     return true;
 }
@@ -99,75 +71,56 @@ bool have_archive(const Options& options, const zqu::CompleteInfo& info) {
     return false;
 }
 
-void download(tools::Client& client, const zqu::CompleteInfo& info, const fs::path& archive, Run& run) {
-    run.phase("downloading " + info.cab_name, archive);
-    client.download(info.cab_name, archive);
-    run.phase("checking the archive");
-    if (!zqu::verifier::verify(archive, info.sha256)) {
-        fail("the upstream mirror's " + info.cab_name + " does not have the digest " + info.sha256);
-    }
-    flush(archive);
-}
-
-void require_sound(const Options& options, const fs::path& archive, const zqu::CompleteInfo& info) {
-    const std::string fault = first_fault(inspect(archive, info.cab_name, options.flavor));
-    if (!fault.empty()) {
-        fail("the upstream mirror's archive is refused: " + fault);
-    }
-}
-
-// One after the other, each on disk before the next: nothing ever names what is not there.
-void add_release(const std::string& info, const std::string& archive, bool have, Workplace& place) {
-    if (!have) {
+// Gets the archive, from the upstream mirror unless it is here already, and puts the release into place, one file after
+// the other, each on disk before the next: nothing ever names what is not there.
+void add_release(const Options& options, const Offer& offer, bool known, Upstream& upstream, Workplace& place) {
+    const std::string& archive = offer.info.cab_name;
+    const bool have = have_archive(options, offer.info);
+    if (have) {
+        upstream.require_sound(offer, place.folder() / archive);
+    } else {
+        upstream.download(offer, place.work("archive"));
         place.add("archive", archive);
         flush(place.folder());
     }
-    place.add(info, info);
-    flush(place.folder());
-}
-
-void report_nothing_new(const Upstream& upstream, Run& run) {
-    run.phase("");
-    say("nothing new: " + upstream.id + " is current");
-}
-
-// Gets the archive, from the upstream mirror unless it is here already, and puts the release into place.
-void add_and_make_current(const Options& options, const Upstream& upstream, const zqu::CompleteInfo& info, bool known,
-                          tools::Client& client, Workplace& place, Run& run) {
-    const bool have = have_archive(options, info);
-    const fs::path archive = have ? place.folder() / info.cab_name : place.work("archive");
-    if (!have) {
-        download(client, info, archive, run);
-    }
-    require_sound(options, archive, info);
     if (!known) {
-        add_release(info_name(options.flavor, upstream.id), info.cab_name, have, place);
+        const std::string info = info_name(options.flavor, offer.id);
+        place.add(info, info);
+        flush(place.folder());
     }
-    place.make_current(options, upstream.id);
+}
+
+// Copies what the upstream mirror names, unless that is not to be taken or here already.
+void follow(const Options& options, Upstream& upstream, Run& run) {
+    const std::string id = upstream.current();
+    if (!options.force && current_id(options) != id && held_ids(options).count(id) != 0) {
+        report_nothing_new(options, id + " is held (zqu-mirror activate, or --force, takes it again): ", run);
+        return;
+    }
+    const Offer offer = upstream.release(id);
+    const fs::path info = folder(options) / info_name(options.flavor, id);
+    if (current_id(options) == id && text_of(info) == offer.text) {
+        report_nothing_new(options, "nothing new: ", run);
+        return;
+    }
+    Workplace place(folder(options), run);
+    write_text(place.work(info.filename()), offer.text);
+    const bool known = require_same_content(options, offer);
+    if (known && current_id(options) == id) {  // the INI has changed, but nothing in it
+        report_nothing_new(options, "nothing new: ", run);
+        return;
+    }
+    add_release(options, offer, known, upstream, place);
+    place.make_current(options, id);
+    report(options, (known ? "made current again " : "mirrored ") + summary(place.folder(), id, offer.info), run);
 }
 
 }  // namespace
 
 void mirror(const Options& options, Run& run) {
-    const zqu::Config cfg = upstream_config(options);
-    tools::Client client(cfg);
-    run.phase("asking the upstream mirror");
-    const Upstream upstream = ask(client, options);
-    if (is_current(options, upstream)) {
-        report_nothing_new(upstream, run);
-        return;
-    }
-    Workplace place(folder(options), run);
-    const zqu::CompleteInfo info = stage_info(client, options, upstream, place);
-    const bool known = require_same_content(options, upstream, info);
-    if (known && current_id(options) == upstream.id) {  // the INI has changed, but nothing in it
-        report_nothing_new(upstream, run);
-        return;
-    }
-    add_and_make_current(options, upstream, info, known, client, place, run);
-    run.phase("");
-    say((known ? "made current again " : "mirrored ") + upstream.id + ": " + info.cab_name + ", " +
-        std::to_string(fs::file_size(place.folder() / info.cab_name)) + " bytes, SHA-256 " + info.sha256);
+    Upstream upstream(options, run);
+    follow(options, upstream, run);
+    upstream.warn();
 }
 
 }  // namespace zqu::mirror_tool

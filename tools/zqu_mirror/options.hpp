@@ -27,9 +27,13 @@ struct Options {
     bool zip = false;
     bool allow_empty = false;
 
-    std::string upstream;         // URL of the mirror to copy from
+    std::string upstream;         // URL of the mirror to copy from; empty for none
     std::string upstream_subdir;  // directory there; empty for the same as subdir
     std::uint32_t timeout_s = zqu::Config().http_timeout_s;
+
+    bool allow_http = false;  // redirects from https to http are followed
+    bool force = false;       // take a held release
+    bool verify = false;      // check digests before saying that there is nothing new
 
     std::size_t keep = 0;            // how many releases to keep, the current one included; 0 for no such rule
     std::int64_t older_than_s = -1;  // the age from which releases go; -1 for no such rule

@@ -7,9 +7,13 @@
 
 #include "catalogue.hpp"
 #include "client.hpp"
+#include "descriptors.hpp"
 #include "failure.hpp"
 #include "files.hpp"
+#include "held.hpp"
+#include "inspect.hpp"
 #include "names.hpp"
+#include "verifier.hpp"
 
 namespace zqu::mirror_tool {
 
@@ -49,15 +53,78 @@ void mark_as_former(const fs::path& info, const fs::path& hit) {
     }
 }
 
+std::string fault_of_archive(const fs::path& archive, const zqu::CompleteInfo& info, Depth depth) {
+    std::error_code missing;
+    if (!fs::is_regular_file(fs::status(archive, missing))) {
+        return info.cab_name + (missing || !fs::exists(archive) ? " is missing" : " is not a regular file");
+    }
+    const std::uintmax_t size = fs::file_size(archive);
+    const bool same_size = static_cast<std::uintmax_t>(info.size) == size;
+    if ((same_size && depth == Depth::size) || zqu::verifier::verify(archive, info.sha256)) {
+        return "";
+    }
+    return info.cab_name + (same_size || info.size <= 0
+                                ? " does not have the digest " + info.sha256
+                                : " has " + std::to_string(size) + " bytes instead of " + std::to_string(info.size));
+}
+
 }  // namespace
 
 std::optional<std::string> current_id(const Options& options) {
     const zqu::Config cfg = client_config(options);
     try {
-        return tools::Client(cfg).fetch_id();
+        const std::string id = tools::Client(cfg).read_id(text_of(folder(options) / hit_name(options.flavor)));
+        const bool usable = unusable_name(id).empty() && unusable_archive(stem(options.flavor, id)).empty();
+        return usable ? std::optional<std::string>(id) : std::nullopt;
     } catch (const tools::MirrorError&) {
         return std::nullopt;
     }
+}
+
+fs::path existing_directory(const Options& options) {
+    fs::path found = folder(options);
+    if (!fs::is_directory(found)) {
+        fail(found.string() + " is no directory: there is no mirror");
+    }
+    return found;
+}
+
+Examined examine(const Options& options, const std::string& id, Depth depth) {
+    const std::string name = info_name(options.flavor, id);
+    const fs::path place = folder(options);
+    if (!fs::exists(fs::symlink_status(place / name))) {
+        return {name + " is missing"};
+    }
+    const zqu::Config cfg = client_config(options);
+    Examined found;
+    try {
+        found.info = tools::Client(cfg).fetch_info(id);
+    } catch (const tools::MirrorError& e) {
+        return {e.what()};
+    }
+    const std::string reason = unusable_archive(found.info.cab_name);
+    if (!reason.empty()) {
+        return {name + ": the archive's name " + found.info.cab_name + " " + reason};
+    }
+    found.fault = fault_of_archive(place / found.info.cab_name, found.info, depth);
+    if (found.fault.empty() && depth == Depth::entries) {
+        found.fault =
+            tools::first_fault(tools::inspect(place / found.info.cab_name, found.info.cab_name, options.flavor));
+    }
+    return found;
+}
+
+std::string text_of(const fs::path& path) {
+    if (!fs::is_regular_file(path)) {
+        return "";
+    }
+    const std::string text = tools::read_all(tools::open_regular(path).get(), tools::largest_ini, path);
+    return text.size() > tools::largest_ini ? "" : text;
+}
+
+std::string summary(const fs::path& directory, const std::string& id, const zqu::CompleteInfo& info) {
+    return id + ": " + info.cab_name + ", " + std::to_string(fs::file_size(directory / info.cab_name)) +
+           " bytes, SHA-256 " + info.sha256;
 }
 
 bool has_work_directory(const fs::path& directory) {
@@ -71,7 +138,8 @@ bool has_work_directory(const fs::path& directory) {
 }
 
 Workplace::Workplace(const fs::path& folder, Run& run) : folder_(make_folders(folder, run)), lock_(folder_), run_(run) {
-    if (has_work_directory(folder_)) {
+    removed_leftover_ = has_work_directory(folder_);
+    if (removed_leftover_) {
         for (const auto& archive : archives_of_killed_run(folder_)) {  // only that directory says whose they are
             fs::remove(folder_ / archive);
         }
@@ -91,15 +159,18 @@ void Workplace::make_current(const Options& options, const std::string& id) {
     const fs::path hit = work("hit");
     write_text(hit, "[Current]\ndefId = " + id + "\n");
     const auto former = current_id(options);
-    if (former && *former != id && unusable_name(*former).empty()) {
-        mark_as_former(folder_ / info_name(options.flavor, *former), hit);
-    }
-    run_.commit([&] { move(hit, folder_ / hit_name(options.flavor)); });
+    run_.commit([&] {
+        if (former && *former != id) {
+            mark_as_former(folder_ / info_name(options.flavor, *former), hit);
+        }
+        move(hit, folder_ / hit_name(options.flavor));
+    });
     try {
         flush(folder_);
     } catch (const std::system_error& e) {
         fail(id + " is published, but a power cut might undo that: " + e.what());
     }
+    end_hold(options, id);
 }
 
 }  // namespace zqu::mirror_tool

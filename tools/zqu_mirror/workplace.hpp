@@ -11,6 +11,7 @@
 #include <string>
 
 #include "files.hpp"
+#include "mirror_client.hpp"
 #include "options.hpp"
 #include "run.hpp"
 
@@ -23,9 +24,33 @@ inline constexpr const char* work_folder_name = ".zqu-mirror.work";
 // std::runtime_error, with what to do, when something else has its name.
 [[nodiscard]] bool has_work_directory(const std::filesystem::path& directory);
 
-// The release that the hit INI of options' mirror, a folder, names; none when there is no hit INI or it cannot be read
-// or understood.
+// The release that the hit INI of options' mirror, a directory, names; none when there is no hit INI, it cannot be
+// understood, or the id cannot be one. Throws std::system_error when it cannot be read.
 [[nodiscard]] std::optional<std::string> current_id(const Options& options);
+
+// The directory of options' mirror. Throws std::runtime_error when there is none.
+[[nodiscard]] std::filesystem::path existing_directory(const Options& options);
+
+// How closely a release is looked at; each includes the ones before. Where the INI gives another size than the archive
+// has, or none, the digest decides.
+enum class Depth { size, digest, entries };
+
+// What examine() has found.
+struct Examined {
+    std::string fault;         // why clients would not take the release; empty when they would
+    zqu::CompleteInfo info{};  // what its INI says; its names are plain when it has been understood
+};
+
+// Looks at the files that the mirror, a directory, has of the release id. Throws what inspect() throws.
+[[nodiscard]] Examined examine(const Options& options, const std::string& id, Depth depth);
+
+// The content of the file at path; empty when there is none, or it is not a regular one or longer than an INI may be.
+// Throws std::system_error when it cannot be read.
+[[nodiscard]] std::string text_of(const std::filesystem::path& path);
+
+// "<id>: <archive>, <n> bytes, SHA-256 <digest>", for a release whose archive is in the directory.
+[[nodiscard]] std::string summary(const std::filesystem::path& directory, const std::string& id,
+                                  const zqu::CompleteInfo& info);
 
 class Workplace {
 public:
@@ -42,6 +67,9 @@ public:
     Workplace(const Workplace&) = delete;
     Workplace& operator=(const Workplace&) = delete;
 
+    // Whether there was a work folder that a killed run had left.
+    [[nodiscard]] bool removed_leftover() const { return removed_leftover_; }
+
     // The mirror's folder.
     [[nodiscard]] const std::filesystem::path& folder() const { return folder_; }
 
@@ -54,15 +82,16 @@ public:
 
     // Makes the release current whose files are all in place and on disk: writes the hit INI and commits the
     // run by moving it into place. The complete-info INI of the release that was current gets the time of the new hit
-    // INI, by which prune knows when it ceased to be so; whether that succeeds is ignored, and it is not undone. Throws
-    // std::system_error when that fails, and the mirror is as it was; std::runtime_error when the release is current
-    // but the folder cannot be flushed.
+    // INI, by which prune knows when it ceased to be so; whether that succeeds is ignored, and it is not undone. Ends
+    // the hold of the release. Throws std::system_error when that fails, and the mirror is as it was;
+    // std::runtime_error when the release is current but the folder cannot be flushed.
     void make_current(const Options& options, const std::string& id);
 
 private:
     std::filesystem::path folder_;
     Lock lock_;
     Run& run_;
+    bool removed_leftover_ = false;
 };
 
 }  // namespace zqu::mirror_tool
