@@ -19,6 +19,8 @@ REFUSED = {
     "zqu-mirror mirror http://mirror.example m": "UPSTREAM: must be an https or a file URL",
     "zqu-mirror mirror /srv/mirror m": "UPSTREAM: must be an https or a file URL",
     "zqu-mirror mirror --timeout 5x file:///srv/mirror m": "--timeout: " + DURATION.format("5x"),
+    "zqu-mirror repair --from http://mirror.example m": "--from: must be an https or a file URL",
+    "zqu-mirror repair": "MIRROR is required",
     "zqu-mirror activate m": "ID is required",
     "zqu-mirror check /nonexistent": "MIRROR: must be a directory or an http, https or file URL",
     "zqu-mirror check --max-age 1d /": "--max-age requires --nagios or --prometheus",
@@ -62,7 +64,7 @@ FULL = "cannot write to standard output: No space left on device"
 HELP = {
     "zqu-config": (["check", "show"], "", (2, FULL)),
     "zqu-mirror": (
-        ["publish", "mirror", "activate", "prune", "list", "check"],
+        ["publish", "mirror", "activate", "repair", "prune", "list", "check"],
         "Exit status: 0 done",
         (1, FULL),
     ),
@@ -94,11 +96,14 @@ COMMON = "--help --flavor --subdir "
 FILES = "a file|other file|the directory"
 # Words up to the cursor, separated by bars; what bash offers for the last of them, likewise or by blanks.
 COMPLETIONS = {
-    "zqu-mirror|": "publish mirror activate prune list check",
+    "zqu-mirror|": "publish mirror activate repair prune list check",
     "zqu-mirror|-": "--help --version",
     "zqu-mirror|publish|-": COMMON + "--quiet --id --zip --allow-empty",
     "zqu-mirror|mirror|-": COMMON + "--quiet --upstream-subdir --ca --timeout --allow-http --verify --force",
     "zqu-mirror|activate|-": COMMON + "--quiet",
+    "zqu-mirror|repair|-": COMMON + "--from --upstream-subdir --ca --timeout --allow-http --yes",
+    "zqu-mirror|repair|--from|": "",
+    "zqu-mirror|repair|--timeout|5": "5s 5m 5h 5d 5w",
     "zqu-mirror|prune|-": COMMON + "--quiet --keep --older-than --grace --dry-run",
     "zqu-mirror|list|-": COMMON + "--grace --json",
     "zqu-mirror|list|": "the directory|",

@@ -18,6 +18,7 @@ run = Tool("zqu-mirror")
 SUBDIR = "rhex/deffiles/def5-2"
 WORK = ".zqu-mirror.work"
 HELD = ".zqu-mirror.held"
+REPLACED = ".zqu-mirror.replaced"
 DAY = 86400
 NAME_RULE = "may hold only letters, digits and -._~!$&'()*+,;:@ (clients could not fetch it otherwise)"
 DOTS_RULE = 'must not be empty, "." or ".."'

@@ -26,6 +26,16 @@ void mirror(const Options& options, Run& run);
 // current (held.hpp). Refuses one that a client would not take.
 void activate(const Options& options, Run& run);
 
+// Finds what is damaged, and restores it from options.upstream. Where that is empty or has nothing to choose, makes
+// the release current that was so before, with options.yes only. Prints a line for each thing found and done. Moves
+// what it replaces to a directory of its own below replaced_directory_name. What it has restored stays when it fails
+// later.
+void repair(const Options& options, Run& run);
+
+// Where repair keeps what it has replaced, in the mirror's directory. Not served, because its name begins with a dot,
+// and never pruned.
+inline constexpr const char* replaced_directory_name = ".zqu-mirror.replaced";
+
 // Removes releases of options.flavor by number (options.keep) and age (options.older_than_s), and what killed runs have
 // left; with options.dry_run only says so, and why it keeps the others.
 //

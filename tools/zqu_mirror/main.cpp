@@ -77,6 +77,16 @@ constexpr const char* about_activate =
     "Example:\n"
     "  zqu-mirror activate /srv/mirror 20240131.007\n";
 
+constexpr const char* about_repair =
+    "Finds INI files and archives that are missing, cut short or changed, and what killed runs have left. With "
+    "--from,\n"
+    "restores the files from there, to the byte; when no side has the release that the hit INI names, makes the\n"
+    "upstream's current one current. Otherwise makes the release current that was so before, with --yes only. Never\n"
+    "chooses a held release. Moves what it replaces below .zqu-mirror.replaced, which is not served.\n\n"
+    "Examples:\n"
+    "  zqu-mirror repair --from https://definitions.zelgw.example /srv/mirror\n"
+    "  zqu-mirror repair --yes /srv/mirror\n";
+
 constexpr const char* about_prune =
     "Removes the releases that neither --keep nor --older-than keeps (without these two: none), and what killed runs\n"
     "have left. A release's age counts from when it was published or ceased to be current. What the hit INI of any\n"
@@ -212,6 +222,16 @@ void add_activate(CLI::App& app, Options& options, Command& chosen) {
     command->footer(std::string(about_activate) + "\n" + about_exit);
 }
 
+void add_repair(CLI::App& app, Options& options, Command& chosen) {
+    CLI::App* command = app.add_subcommand("repair", "Restore what is damaged");
+    add_common(*command, options);
+    add_upstream(*command, options, "--from", "URL of the upstream mirror to restore from: scheme and host");
+    command->add_flag("--yes", options.yes, "Make the release current that was so before, when there is no other way");
+    add_mirror_directory(*command, options);
+    command->callback([&chosen] { chosen = done<zqu::mirror_tool::repair>; });
+    command->footer(std::string(about_repair) + "\n" + about_exit);
+}
+
 void add_prune(CLI::App& app, Options& options, Command& chosen) {
     CLI::App* command = app.add_subcommand("prune", "Remove old releases");
     add_common(*command, options);
@@ -298,6 +318,7 @@ int parse_and_carry_out(int argc, char** argv, bool plugin) {
     add_publish(app, options, chosen);
     add_mirror(app, options, chosen);
     add_activate(app, options, chosen);
+    add_repair(app, options, chosen);
     add_prune(app, options, chosen);
     add_list(app, options, chosen);
     add_check(app, options, chosen);

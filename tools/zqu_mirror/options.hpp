@@ -34,6 +34,7 @@ struct Options {
     bool allow_http = false;  // redirects from https to http are followed
     bool force = false;       // take a held release
     bool verify = false;      // check digests before saying that there is nothing new
+    bool yes = false;         // choose without an upstream mirror
 
     std::size_t keep = 0;            // how many releases to keep, the current one included; 0 for no such rule
     std::int64_t older_than_s = -1;  // the age from which releases go; -1 for no such rule

@@ -1,0 +1,359 @@
+"""zqu-mirror repair: what is damaged comes back from the upstream mirror to the byte, or the release before does."""
+
+import os
+import re
+
+import pytest
+from mirror_tool import HELD, REPLACED, SUBDIR, WORK, cab, change_info, run
+from release import HIT, good_files, info_name, sha256
+from scripted_server import reply
+
+NEW, OLD = "1002", "1001"
+INFO, ARCHIVE = info_name(NEW), f"antivir-v2-{NEW}.cab"  # of the upstream's current release
+ADVICE = (
+    "zqu-mirror: nothing is changed: give --from to restore from an upstream mirror, --yes to do this, or choose a "
+    "release with zqu-mirror activate\n"
+)
+
+
+def from_upstream(copy, *words):
+    where = ["--from", copy.nginx.url(), "--ca", copy.nginx.ca_path, "--upstream-subdir", copy.upstream.subdir]
+    return ["repair", *where, *words, copy.root]
+
+
+def files(own):
+    """The mirror's files, less what is not served."""
+    return {name: what for name, what in own.tree().items() if "/.zqu-mirror" not in name}
+
+
+def kept(own):
+    """The files that repairs have replaced, by name."""
+    return {path.name: path.read_bytes() for path in own.path(REPLACED).rglob("*") if path.is_file()}
+
+
+def summary(own, id, archive=None):
+    archive = archive or cab(id)
+    data = own.path(archive).read_bytes()
+    return f"{id}: {archive}, {len(data)} bytes, SHA-256 {sha256(data)}"
+
+
+def masked(text):
+    return re.sub(r"(?<=\.replaced/)\S+", "TIME", text)
+
+
+def cut(name, size):
+    return lambda own: os.truncate(own.path(name), size)
+
+
+def remove(name):
+    return lambda own: own.path(name).unlink()
+
+
+def write(name, content):
+    return lambda own: own.write(name, content)
+
+
+def change_bytes(name):
+    def change(own):
+        data = bytearray(own.path(name).read_bytes())
+        data[len(data) // 2] ^= 1
+        own.write(name, bytes(data))
+
+    return change
+
+
+def replace_by(make):
+    def change(own):
+        own.path(INFO).unlink()
+        make(own.path(INFO))
+
+    return change
+
+
+def leave_work(own):
+    own.path(WORK).mkdir()
+    own.write(f"{WORK}/archive", "left")
+
+
+def change_all(own):
+    """The archive is another one, and the INI gives its digest."""
+    own.write(ARCHIVE, b"forged")
+    change_info(own, NEW, SHA256=sha256(b"forged"), size=6)
+
+
+NO_ARCHIVE = f"{INFO} names no archive or no digest"
+DIGEST = f"{ARCHIVE} does not have the digest {{digest}}"
+MADE = "made current {new}\n"
+# What is done to a mirror whose current release is the upstream's; what is found; what is then made current.
+DAMAGES = {
+    "INI cut short": (cut(INFO, 70), f"{NEW}: {NO_ARCHIVE}", ""),
+    "INI cut in its digest": (cut(INFO, 150), None, ""),
+    "INI without its end": (
+        lambda own: cut(INFO, own.size(INFO) - 1)(own),
+        f"{INFO} differs from the upstream mirror's",
+        "",
+    ),
+    "INI missing": (remove(INFO), f"{NEW}: {INFO} is missing", ""),
+    "INI empty": (write(INFO, ""), f"{NEW}: {NO_ARCHIVE}", ""),
+    "INI with a path": (
+        lambda own: change_info(own, NEW, name="../x.cab"),
+        f"{NEW}: {INFO}: the archive's name ../x.cab may hold only letters, digits and -._~!$&'()*+,;:@ "
+        "(clients could not fetch it otherwise)",
+        "",
+    ),
+    "INI a FIFO": (replace_by(os.mkfifo), f"{NEW}: GET file://{{info}}: not a regular file", ""),
+    "INI a directory": (replace_by(os.mkdir), f"{NEW}: GET file://{{info}}: not a regular file", ""),
+    "INI a link to nowhere": (replace_by(lambda path: path.symlink_to("gone")), None, ""),
+    "archive with lost bytes": (cut(ARCHIVE, 100), f"{NEW}: {ARCHIVE} has 100 bytes instead of {{size}}", ""),
+    "archive with changed bytes": (change_bytes(ARCHIVE), f"{NEW}: {DIGEST}", ""),
+    "archive missing": (remove(ARCHIVE), f"{NEW}: {ARCHIVE} is missing", ""),
+    "archive and INI": (change_all, f"{NEW}: {ARCHIVE} cannot be unpacked: Unrecognized archive format", ""),
+    "hit INI cut short": (write(HIT, "[Current]\ndefI"), f"{HIT} names no release", MADE),
+    "hit INI cut in its id": (write(HIT, "[Current]\ndefId = 10"), f"{HIT} may be cut short: it ends with 10", MADE),
+    "hit INI missing": (remove(HIT), f"{HIT} is missing", MADE),
+    "hit INI wrong": (write(HIT, "[Current]\ndefId = 9\n"), f"9: {info_name('9')} is missing", MADE),
+    "hit INI with a path": (write(HIT, "[Current]\ndefId = ../9\n"), f"{HIT} names no release", MADE),
+    "former INI": (cut(info_name(OLD), 30), f"{OLD}: {info_name(OLD)} names no archive or no digest", ""),
+    "former archive": (
+        cut(f"antivir-v2-{OLD}.cab", 9),
+        f"{OLD}: antivir-v2-{OLD}.cab has 9 bytes instead of {{old_size}}",
+        "",
+    ),
+}
+
+
+@pytest.mark.parametrize("case", DAMAGES)
+def test_damage_is_repaired_from_the_upstream_to_the_byte(copy, case):
+    damage, found, made = DAMAGES[case]
+    copy.follow(OLD, NEW)
+    whole = files(copy)
+    names = {
+        "digest": sha256(copy.path(ARCHIVE).read_bytes()),
+        "size": copy.size(ARCHIVE),
+        "old_size": copy.size(f"antivir-v2-{OLD}.cab"),
+        "info": copy.path(INFO),
+        "new": summary(copy, NEW, ARCHIVE),
+    }
+    old = summary(copy, OLD, f"antivir-v2-{OLD}.cab")
+    damage(copy)
+    damaged = {path.name: path.read_bytes() for path in copy.folder.iterdir() if path.is_file()}
+    code, out, err = run(*from_upstream(copy))
+    assert (code, err) == (0, "")
+    assert files(copy) == whole
+    restored = "" if made else f"restored {old if 'former' in case else names['new']}\n"
+    end = f"what was replaced is in {copy.folder}/{REPLACED}/TIME\n" if copy.path(REPLACED).exists() else ""
+    if found:
+        assert masked(out) == f"found {found}\n{restored}{made}{end}".format(**names)
+    assert all(damaged[name] == data for name, data in kept(copy).items())
+    assert {*kept(copy)} == {name for name in damaged if damaged[name] != copy.path(name).read_bytes()}
+    assert copy.check()[0] == 0
+    assert run(*from_upstream(copy)) == (0, f"nothing is damaged: {NEW} is current\n", "")
+
+
+@pytest.mark.parametrize("name", [INFO, HIT])
+def test_ini_cut_at_any_length_is_repaired(copy, name):
+    copy.follow(OLD, NEW)
+    whole = files(copy)
+    where = [f"file://{copy.nginx.root}", "--upstream-subdir", copy.upstream.subdir]
+    sound = copy.path(name).read_bytes()
+    for size in range(len(sound)):
+        os.truncate(copy.path(name), size)
+        assert run("repair", "--from", *where, copy.root)[::2] == (0, ""), size
+        assert files(copy) == whole if name == INFO else copy.check()[1].startswith(f"ok       {HIT} names {NEW}\n")
+        copy.write(name, sound)
+
+
+def test_leftover_work_directory_is_removed(own):
+    own.publish_small("1")
+    whole = own.tree()
+    leave_work(own)
+    lines = f"found {WORK}, which a killed run has left\nremoved {WORK}\n"
+    assert run("repair", own.root) == (0, lines, "")
+    assert own.tree() == whole
+    assert run("repair", own.root) == (0, "nothing is damaged: 1 is current\n", "")
+
+
+# ---- What the upstream mirror does not have ----
+
+
+def lose(copy):
+    """The upstream mirror has another current release and no longer has the damaged one."""
+    copy.upstream.publish("1003")
+    copy.upstream.path(INFO).unlink()
+    cut(ARCHIVE, 100)(copy)
+
+
+def test_release_that_no_side_has_gives_way_to_the_upstreams(copy):
+    copy.follow(OLD, NEW)
+    left = {name: what for name, what in files(copy).items() if name.split("/")[-1] not in (INFO, ARCHIVE)}
+    found = f"found {NEW}: {ARCHIVE} has 100 bytes instead of {copy.size(ARCHIVE)}\n"
+    lose(copy)
+    code, out, err = run(*from_upstream(copy))
+    made = summary(copy, "1003", "antivir-v2-1003.cab")
+    end = f"set aside {NEW}\nwhat was replaced is in {copy.folder}/{REPLACED}/TIME\n"
+    assert (code, masked(out), err) == (0, f"{found}restored {made}\nmade current {made}\n{end}", "")
+    assert {*kept(copy)} == {HIT, INFO, ARCHIVE}
+    new = (f"{SUBDIR}/{name}" for name in (info_name("1003"), "antivir-v2-1003.cab"))
+    assert {*files(copy)} == {*left, *new}
+    assert copy.check()[0] == 0
+
+
+def with_status(status):
+    return {INFO: [reply(status=status)], HIT: [reply(b"[Current]\ndefId=1\n")]}
+
+
+@pytest.mark.parametrize("status", ["403 Forbidden", "500 Error", "503 Busy"])
+def test_upstream_that_fails_is_not_one_that_lacks_the_release(copy, scripted, status):
+    copy.follow(OLD, NEW)
+    cut(ARCHIVE, 100)(copy)
+    scripted.server.script = with_status(status)
+    words = [
+        "repair",
+        "--from",
+        scripted.url,
+        "--ca",
+        scripted.ca_path,
+        "--upstream-subdir",
+        "defs",
+        "--yes",
+        copy.root,
+    ]
+    before = copy.seen()
+    code, out, err = run(*words)
+    assert code == 1 and err.startswith(f"zqu-mirror: GET {scripted.url}/defs/{INFO}: HTTP response code said error")
+    assert copy.seen() == before
+
+
+# What a hostile upstream mirror has in the place of the release, and what is said of it.
+HOSTILE = {
+    "archive damaged": (write(ARCHIVE, "x"), f"the upstream mirror's {ARCHIVE} does not have the digest"),
+    "archive missing": (remove(ARCHIVE), "GET "),
+    "definitions damaged": (
+        lambda up: up.publish(NEW, [*dict(good_files(NEW), **{"aivsecon-v2.def": b"other"}).items()]),
+        "the upstream mirror's archive is refused: aivsecon-v2.def does not have the digest that the index gives",
+    ),
+    "archive with a path": (lambda up: change_info(up, NEW, name="../x"), "the upstream mirror's archive name ../x is"),
+    "archive is an INI": (lambda up: change_info(up, NEW, name=HIT), f"the upstream mirror's archive name {HIT} is"),
+    "no digest": (lambda up: change_info(up, NEW, SHA256=None), f"{INFO} names no archive or no digest"),
+    "id with a path": (write(HIT, "defId = ../9\n"), "the upstream mirror's id ../9 is refused"),
+    "name taken": (
+        lambda up: up.announce(NEW, f"antivir-v2-{OLD}.cab"),
+        f"antivir-v2-{OLD}.cab is on the mirror with other content, and {info_name(OLD)} names it",
+    ),
+}
+
+
+@pytest.mark.parametrize("case", HOSTILE)
+def test_what_a_client_would_refuse_is_not_restored(copy, case):
+    make, line = HOSTILE[case]
+    copy.follow(OLD, NEW)
+    if case == "name taken":
+        copy.upstream.publish(OLD, good_files("other"))
+    make(copy.upstream)
+    (remove(HIT) if case == "id with a path" else cut(ARCHIVE, 9))(copy)
+    before = copy.seen()
+    code, out, err = run(*from_upstream(copy, "--yes"))
+    assert code == 1 and err.startswith(f"zqu-mirror: {line}")
+    assert copy.seen() == before
+
+
+def test_sound_release_with_other_content_upstream_is_left_alone(copy):
+    copy.follow(NEW)
+    copy.upstream.publish(NEW, good_files("other"))
+    line = f"{NEW} is sound here, but the upstream mirror has other content under this id: nothing is changed"
+    copy.expect_refused(line, *from_upstream(copy))
+
+
+# ---- Without an upstream mirror, or with nothing to choose there ----
+
+# What is done to a mirror with the releases 1, 2 and 3; what is found; which release becomes current again, and which
+# goes.
+FORMER = {
+    "archive cut short": (cut(cab("3"), 50), f"3: {cab('3')} has 50 bytes instead of {{size}}", "2", "3"),
+    "archive changed": (change_bytes(cab("3")), f"3: {cab('3')} does not have the digest {{digest}}", "2", "3"),
+    "INI cut short": (cut(info_name("3"), 50), f"3: {info_name('3')} names no archive or no digest", "2", "3"),
+    "INI missing": (remove(info_name("3")), f"3: {info_name('3')} is missing", "2", ""),
+    "hit INI missing": (remove(HIT), f"{HIT} is missing", "3", ""),
+    "hit INI cut short": (cut(HIT, 15), f"{HIT} names no release", "3", ""),
+    "hit INI wrong": (write(HIT, "[Current]\ndefId = 9\n"), f"9: {info_name('9')} is missing", "3", ""),
+    "hit INI a directory": (
+        lambda own: (own.path(HIT).unlink(), own.path(HIT).mkdir()),
+        f"{HIT} names no release",
+        "3",
+        "",
+    ),
+    "former archive": (cut(cab("1"), 50), f"1: {cab('1')} has 50 bytes instead of {{size}}", None, "1"),
+}
+
+
+@pytest.mark.parametrize("case", FORMER)
+def test_release_before_becomes_current_only_with_consent(own, case):
+    damage, found, made, gone = FORMER[case]
+    own.publish_small("1", "2", "3")
+    names = {"size": own.size(cab(gone or "3")), "digest": sha256(own.path(cab("3")).read_bytes())}
+    damage(own)
+    found = f"found {found}\n".format(**names)
+    cannot_be_read = case == "INI cut short"  # so nothing says which archive is its own
+    goes = [info_name(gone), *([] if cannot_be_read else [cab(gone)])] if gone else []
+    left = [name for name in own.files() if name not in goes]
+    would = (f"would make current {made}\n" if made else "") + (f"would set aside {gone}\n" if gone else "")
+    before = own.seen()
+    assert run("repair", own.root) == (1, found + would, ADVICE)
+    assert own.seen() == before
+    code, out, err = run("repair", "--yes", own.root)
+    did = f"made current {summary(own, made)}\n" if made else ""
+    did += f"set aside {gone}\n" if gone else ""
+    end = f"what was replaced is in {own.folder}/{REPLACED}/TIME\n" if own.path(REPLACED).exists() else ""
+    assert (code, masked(out), err) == (0, found + did + end, "")
+    assert [name for name in own.files() if not name.startswith(".")] == sorted({*left, HIT})
+    assert own.check()[1].startswith(f"ok       {HIT} names {made or 3}\n")
+    assert run("repair", own.root) == (0, f"nothing is damaged: {made or 3} is current\n", "")
+
+
+def test_held_release_is_never_chosen(copy):
+    copy.publish_small("1")
+    copy.follow(OLD, NEW)
+    assert run("activate", copy.root, OLD)[0] == 0
+    cut(f"antivir-v2-{OLD}.cab", 9)(copy)
+    copy.upstream.path(info_name(OLD)).unlink()
+    assert run("repair", copy.root)[1].endswith(f"would make current 1\nwould set aside {OLD}\n")
+    assert run(*from_upstream(copy))[::2] == (1, ADVICE)
+    assert run(*from_upstream(copy, "--yes"))[0] == 0
+    assert copy.check()[1].startswith(f"ok       {HIT} names 1\n")
+
+
+def test_mirror_without_a_sound_release_is_left_alone(own):
+    own.publish_small("1")
+    cut(cab("1"), 9)(own)
+    before = own.seen()
+    line = "zqu-mirror: no release here is both sound and not held: use --from, or publish one\n"
+    assert run("repair", "--yes", own.root)[::2] == (1, line)
+    assert own.seen() == before
+
+
+def test_archive_that_a_sound_release_shares_is_not_set_aside(own):
+    own.publish_small("1", "2")
+    own.write(info_name("0"), own.path(info_name("1")).read_text().replace("SHA256 = ", "SHA256 = 0"))
+    assert run("repair", "--yes", own.root)[0] == 0
+    assert [name for name in own.files() if not name.startswith(".")] == own.files_of("1", "2")
+    assert {*kept(own)} == {info_name("0")}
+
+
+def test_directory_without_a_mirror_is_refused(tmp_path):
+    for words in (["repair"], ["activate"]):
+        arguments = [tmp_path / "gone", *(["1"] if words == ["activate"] else [])]
+        line = f"zqu-mirror: {tmp_path}/gone/rhex/deffiles/def5-2 is no directory: there is no mirror\n"
+        assert run(*words, *arguments) == (1, "", line)
+    assert [*tmp_path.iterdir()] == []
+
+
+def test_what_was_replaced_is_private_and_outlives_prune(own):
+    own.publish_small("1", "2", "3")
+    cut(cab("3"), 9)(own)
+    assert run("repair", "--yes", own.root)[0] == 0
+    assert run("activate", own.root, "1")[0] == 0
+    before = kept(own)
+    assert before and own.path(REPLACED).stat().st_mode & 0o777 == 0o700
+    assert own.prune("--keep", "1", "--grace", "0s")[0] == 0
+    assert kept(own) == before
+    assert own.path(HELD).exists()

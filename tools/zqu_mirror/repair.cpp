@@ -1,0 +1,383 @@
+#include <unistd.h>
+
+#include <algorithm>
+#include <ctime>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "commands.hpp"
+#include "failure.hpp"
+#include "files.hpp"
+#include "held.hpp"
+#include "names.hpp"
+#include "upstream.hpp"
+#include "verifier.hpp"
+#include "workplace.hpp"
+
+namespace zqu::mirror_tool {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class Repair {
+public:
+    Repair(const Options& options, Run& run)
+        : options_(options), run_(run), place_(existing_directory(options), run), held_(held_ids(options)) {
+        if (!options.upstream.empty()) {
+            upstream_.emplace(options, run);
+        }
+    }
+
+    void work() {
+        look();
+        choose();
+        require_consent();
+        if (offer_) {
+            restore(*offer_);
+        }
+        if (target_ != hit_) {
+            point_to_target();
+        }
+        for (const auto& id : damaged()) {
+            restore_or_set_aside(id);
+        }
+        finish();
+    }
+
+private:
+    // ---- What there is ----
+
+    void look() {
+        if (place_.removed_leftover()) {
+            found(std::string(work_folder_name) + ", which a killed run has left");
+            report("removed " + std::string(work_folder_name));
+        }
+        list_releases();
+        look_at_hit();
+        examine_releases();
+        for (const auto& [id, release] : releases_) {
+            if (!release.fault.empty()) {
+                found(id + ": " + release.fault);
+            }
+        }
+    }
+
+    void list_releases() {
+        const std::string start = stem(options_.flavor, "");
+        for (const auto& entry : fs::directory_iterator(place_.folder())) {
+            const std::string name = entry.path().stem();
+            const std::string id = name.rfind(start, 0) == 0 ? name.substr(start.size()) : "";
+            if (entry.path().extension() == ".ini" && unusable_id(id).empty()) {
+                std::error_code ignored;
+                times_[id] = fs::last_write_time(entry.path(), ignored);
+            }
+        }
+    }
+
+    // Those that are here, and the one that the hit INI names.
+    void examine_releases() {
+        std::set<std::string> ids;
+        for (const auto& [id, unused] : times_) {
+            ids.insert(id);
+        }
+        if (hit_) {
+            ids.insert(*hit_);
+        }
+        for (const auto& id : ids) {
+            run_.phase("checking " + id);
+            releases_[id] = examine(options_, id, id == hit_ ? Depth::entries : Depth::digest);
+        }
+    }
+
+    // An id that is the beginning of another one may be what is left of that.
+    void look_at_hit() {
+        const std::string name = hit_name(options_.flavor);
+        const fs::path path = place_.folder() / name;
+        hit_ = current_id(options_);
+        if (!hit_) {
+            found(name + (fs::exists(fs::symlink_status(path)) ? " names no release" : " is missing"));
+            return;
+        }
+        const std::string text = text_of(path);
+        const bool cut = !text.empty() && text.back() != '\n' &&
+                         std::any_of(times_.begin(), times_.end(), [this](const auto& known) {
+                             return known.first != *hit_ && known.first.rfind(*hit_, 0) == 0;
+                         });
+        if (cut) {
+            found(name + " may be cut short: it ends with " + *hit_);
+            hit_.reset();
+        }
+    }
+
+    [[nodiscard]] bool is_sound(const std::string& id) const {
+        const auto release = releases_.find(id);
+        return release != releases_.end() && release->second.fault.empty();
+    }
+
+    // The releases whose INIs are here, but not all of what they promise.
+    [[nodiscard]] std::vector<std::string> damaged() const {
+        std::vector<std::string> ids;
+        for (const auto& [id, unused] : times_) {
+            if (!is_sound(id)) {
+                ids.push_back(id);
+            }
+        }
+        return ids;
+    }
+
+    // ---- What is to be current ----
+
+    void choose() {
+        target_ = hit_.value_or("");
+        offer_ = hit_ ? offered(target_) : std::nullopt;
+        if (hit_ && is_sound(target_)) {
+            compare_with_upstream();
+            return;
+        }
+        if (offer_) {
+            return;
+        }
+        const std::string upstreams = upstream_ ? upstream_->current() : "";
+        if (!upstreams.empty() && held_.count(upstreams) == 0) {
+            target_ = upstreams;
+            offer_ = is_sound(target_) ? std::nullopt : std::optional<Offer>(upstream_->release(target_));
+            return;
+        }
+        target_ = former();
+    }
+
+    // What is sound here, but for its INI's bytes, gets those of the upstream mirror.
+    void compare_with_upstream() {
+        const std::string name = info_name(options_.flavor, target_);
+        if (!offer_ || offer_->text == text_of(place_.folder() / name)) {
+            offer_.reset();
+            return;
+        }
+        const zqu::CompleteInfo& info = releases_[target_].info;
+        if (info.cab_name != offer_->info.cab_name ||
+            !zqu::verifier::verify(place_.folder() / info.cab_name, offer_->info.sha256)) {
+            fail(target_ +
+                 " is sound here, but the upstream mirror has other content under this id: nothing is changed");
+        }
+        found(name + " differs from the upstream mirror's");
+    }
+
+    std::optional<Offer> offered(const std::string& id) {
+        try {
+            return upstream_ ? std::optional<Offer>(upstream_->release(id)) : std::nullopt;
+        } catch (const tools::MissingFile&) {
+            return std::nullopt;
+        }
+    }
+
+    // The release that was current before. The newest time is that of the one that last ceased to be current
+    // (Workplace::make_current). It comes first when the current one is damaged, and last when it is not known which
+    // one that was.
+    std::string former() {
+        needs_consent_ = true;
+        std::vector<std::string> ids;
+        for (const auto& [id, unused] : times_) {
+            ids.push_back(id);
+        }
+        std::sort(ids.begin(), ids.end(),
+                  [this](const std::string& a, const std::string& b) { return times_[a] > times_[b]; });
+        if (!ids.empty() && !hit_was_right()) {
+            std::rotate(ids.begin(), ids.begin() + 1, ids.end());
+        }
+        for (const auto& id : ids) {
+            run_.phase("checking " + id);
+            if (held_.count(id) == 0 && is_sound(id) && examine(options_, id, Depth::entries).fault.empty()) {
+                return id;
+            }
+        }
+        fail("no release here is both sound and not held: use --from, or publish one");
+    }
+
+    // Whether there is a file of the release that the hit INI names.
+    [[nodiscard]] bool hit_was_right() const {
+        const auto begin = fs::directory_iterator(place_.folder());
+        return hit_ && std::any_of(begin, fs::directory_iterator(), [this](const auto& entry) {
+                   return entry.path().filename().string().find("-" + *hit_ + ".") != std::string::npos;
+               });
+    }
+
+    // Without an upstream mirror to ask, what is chosen or set aside may be the wrong thing.
+    void require_consent() {
+        const auto lost = upstream_ ? std::vector<std::string>() : damaged();
+        if (options_.yes || (!needs_consent_ && lost.empty())) {
+            return;
+        }
+        if (target_ != hit_) {
+            report("would make current " + target_);
+        }
+        for (const auto& id : lost) {
+            report("would set aside " + id);
+        }
+        fail(
+            "nothing is changed: give --from to restore from an upstream mirror, --yes to do this, or choose a release "
+            "with zqu-mirror activate");
+    }
+
+    // ---- What is done ----
+
+    void restore(const Offer& offer) {
+        const fs::path archive = place_.folder() / offer.info.cab_name;
+        const std::string name = info_name(options_.flavor, offer.id);
+        const bool have = fs::is_regular_file(archive) && zqu::verifier::verify(archive, offer.info.sha256);
+        if (have) {
+            upstream_->require_sound(offer, archive);
+        } else {
+            require_not_needed(offer);
+            upstream_->download(offer, place_.work("archive"));
+        }
+        write_text(place_.work(name), offer.text);
+        run_.step([&] {
+            if (!have) {
+                replace("archive", offer.info.cab_name);
+            }
+            if (releases_[offer.id].info.cab_name.empty() || text_of(place_.folder() / name) != offer.text) {
+                replace(name, name);
+            }
+        });
+        releases_[offer.id] = {"", offer.info};
+        report("restored " + summary(place_.folder(), offer.id, offer.info));
+    }
+
+    void require_not_needed(const Offer& offer) {
+        const std::string other = needed_by(offer.info.cab_name, offer.id);
+        if (!other.empty()) {
+            fail(offer.info.cab_name + " is on the mirror with other content, and " + other + " names it");
+        }
+    }
+
+    // The INI, other than that of the release id, that needs the archive as it is; empty for none.
+    std::string needed_by(const std::string& archive, const std::string& id) {
+        for (const auto& [other, release] : releases_) {
+            if (other != id && release.fault.empty() && release.info.cab_name == archive) {
+                return info_name(options_.flavor, other);
+            }
+        }
+        const std::string start = stem(options_.flavor, "");
+        for (const auto& entry : fs::directory_iterator(place_.folder())) {
+            std::string name = entry.path().filename();
+            if (entry.path().extension() == ".ini" && name.rfind(start, 0) != 0 &&
+                text_of(entry.path()).find(archive) != std::string::npos) {
+                return name;
+            }
+        }
+        return "";
+    }
+
+    // Puts a file of the work directory into place, on disk before anything else is done.
+    void replace(const std::string& work_name, const std::string& name) {
+        set_aside(name);
+        move(place_.work(work_name), place_.folder() / name);
+        flush(place_.folder());
+    }
+
+    void set_aside(const std::string& name) {
+        if (fs::exists(fs::symlink_status(place_.folder() / name))) {
+            move(place_.folder() / name, kept() / name);
+            flush(kept());
+            flush(place_.folder());
+        }
+    }
+
+    // The directory of this run for what is replaced.
+    const fs::path& kept() {
+        if (kept_.empty()) {
+            const fs::path all = place_.folder() / replaced_directory_name;
+            if (!fs::exists(fs::symlink_status(all))) {
+                make_folder(all, 0700);
+            }
+            char now[sizeof "20261122T081500Z"] = "";
+            const std::time_t time = std::time(nullptr);
+            std::tm parts{};
+            std::strftime(now, sizeof now, "%Y%m%dT%H%M%SZ", gmtime_r(&time, &parts));
+            kept_ = all / (now + ("." + std::to_string(getpid())));
+            make_folder(kept_, 0700);
+            flush(all);
+        }
+        return kept_;
+    }
+
+    // The hit INI stays in place until the new one replaces it, unless it is no file.
+    void point_to_target() {
+        const std::string name = hit_name(options_.flavor);
+        const fs::path hit = place_.folder() / name;
+        run_.step([&] {
+            if (fs::is_regular_file(fs::symlink_status(hit))) {
+                write_text(kept() / name, text_of(hit));
+            } else {
+                set_aside(name);
+            }
+        });
+        place_.make_current(options_, target_);
+        report("made current " + summary(place_.folder(), target_, releases_[target_].info));
+    }
+
+    void restore_or_set_aside(const std::string& id) {
+        const std::string archive = releases_[id].info.cab_name;
+        if (const auto offer = offered(id)) {
+            restore(*offer);
+            return;
+        }
+        run_.step([&] {
+            set_aside(info_name(options_.flavor, id));
+            if (!archive.empty() && needed_by(archive, id).empty()) {
+                set_aside(archive);
+            }
+        });
+        report("set aside " + id);
+    }
+
+    void finish() {
+        if (upstream_) {
+            upstream_->warn();
+        }
+        if (!kept_.empty()) {
+            report("what was replaced is in " + kept_.string());
+        }
+        if (!found_) {
+            report("nothing is damaged: " + target_ + " is current");
+        }
+    }
+
+    void found(const std::string& what) {
+        found_ = true;
+        report("found " + what);
+    }
+
+    void report(const std::string& line) {
+        run_.phase("");
+        say(line);
+    }
+
+    const Options& options_;
+    Run& run_;
+    Workplace place_;
+    const std::set<std::string> held_;
+    std::optional<Upstream> upstream_{};
+    std::optional<std::string> hit_{};                   // the release that the hit INI names
+    std::map<std::string, Examined> releases_{};         // by id
+    std::map<std::string, fs::file_time_type> times_{};  // by id, the modification time of the INI, if there is one
+    std::string target_{};                               // the release that is to be current
+    std::optional<Offer> offer_{};                       // what it is restored from
+    fs::path kept_{};
+    bool needs_consent_ = false;
+    bool found_ = false;
+};
+
+}  // namespace
+
+void repair(const Options& options, Run& run) {
+    Repair(options, run).work();
+}
+
+}  // namespace zqu::mirror_tool
