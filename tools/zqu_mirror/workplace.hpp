@@ -1,9 +1,9 @@
-// Write access to a mirror's folder, for one run at a time: files are written in a work folder inside it, and moved
-// from there to their names.
+// Write access to a mirror's directory, for one run at a time: files are written in a work directory inside it, and
+// moved from there to their names.
 //
 // A release becomes current by one rename(2), that of the hit INI. What is moved before that is undone when the run
-// fails or is ended by a signal. A run that is killed leaves its work folder, which the next one removes, and perhaps
-// files that the hit INI does not name. For the thread that works with the run.
+// fails or is ended by a signal. A run that is killed leaves its work directory, which the next one removes, and
+// perhaps files that the hit INI does not name. For the thread that works with the run.
 #pragma once
 
 #include <filesystem>
@@ -17,7 +17,7 @@
 
 namespace zqu::mirror_tool {
 
-// The work folder's name in the mirror's folder.
+// The work directory's name in the mirror's directory.
 inline constexpr const char* work_folder_name = ".zqu-mirror.work";
 
 // Whether the mirror's directory has a work directory: that of the run that has the lock, or of a killed one. Throws
@@ -54,37 +54,37 @@ struct Examined {
 
 class Workplace {
 public:
-    // Makes folder, an absolute path, with the parents that are missing (on disk then, and undone with the run), locks
-    // it, removes what a killed run has left, and makes an empty work folder in it. Keeps a reference to run, which
-    // must outlive the workplace. Throws what Lock throws, and std::system_error when folder or work folder cannot be
-    // made.
+    // Makes folder, an absolute path, with the parents that are missing (on disk then, and undone with the run),
+    // locks it, removes what a killed run has left, and makes an empty work directory in it. Keeps a reference to run,
+    // which must outlive the workplace. Throws what Lock throws, and std::system_error when directory or work directory
+    // cannot be made.
     Workplace(const std::filesystem::path& folder, Run& run);
 
-    // Removes the work folder, undoes what was not committed, and only then unlocks the folder: the next run must not
-    // meet what is about to vanish.
+    // Removes the work directory, undoes what was not committed, and only then unlocks the directory: the next run must
+    // not meet what is about to vanish.
     ~Workplace() { run_.clean_up(); }
 
     Workplace(const Workplace&) = delete;
     Workplace& operator=(const Workplace&) = delete;
 
-    // Whether there was a work folder that a killed run had left.
+    // Whether there was a work directory that a killed run had left.
     [[nodiscard]] bool removed_leftover() const { return removed_leftover_; }
 
-    // The mirror's folder.
+    // The mirror's directory.
     [[nodiscard]] const std::filesystem::path& folder() const { return folder_; }
 
-    // The path of a file or folder in the work folder.
+    // The path of a file or directory in the work directory.
     [[nodiscard]] std::filesystem::path work(const std::string& name) const;
 
-    // Moves a file from the work folder to its name in the mirror's folder, replacing what has that name. Undone with
-    // the run. The file must have been flushed before; its name is on disk after flush(folder()).
+    // Moves a file from the work directory to its name in the mirror's directory, replacing what has that name. Undone
+    // with the run. The file must have been flushed before; its name is on disk after flush(folder()).
     void add(const std::string& work_name, const std::string& name);
 
     // Makes the release current whose files are all in place and on disk: writes the hit INI and commits the
     // run by moving it into place. The complete-info INI of the release that was current gets the time of the new hit
     // INI, by which prune knows when it ceased to be so; whether that succeeds is ignored, and it is not undone. Ends
     // the hold of the release. Throws std::system_error when that fails, and the mirror is as it was;
-    // std::runtime_error when the release is current but the folder cannot be flushed.
+    // std::runtime_error when the release is current but the directory cannot be flushed.
     void make_current(const Options& options, const std::string& id);
 
 private:
