@@ -21,8 +21,7 @@ def issuer(authority):
     return Issuer.of_trustme(authority)
 
 
-# What is wrong with the certificate of a mirror: how its context is made by an issuer, in a directory; what the tools say
-# of it.
+# What is wrong with the certificate of a mirror: how an issuer makes its context, in a directory; what the tools say.
 BAD_CERTIFICATES = {
     "unknown_authority": (
         lambda issuer, folder: Issuer.unknown().context(folder, HERE),
