@@ -8,8 +8,8 @@
 #include <system_error>
 
 #include "client.hpp"
-#include "failure.hpp"
-#include "names.hpp"
+#include "files.hpp"
+#include "options.hpp"
 #include "verifier.hpp"
 #include "workplace.hpp"
 
@@ -23,14 +23,6 @@ const std::string prefix = "antivir-";
 const std::string hit_suffix = "-hit.ini";
 const std::string info_mark = "-c-";
 const std::string info_suffix = ".ini";
-
-bool begins_with(const std::string& name, const std::string& start) {
-    return name.compare(0, start.size(), start) == 0;
-}
-
-bool is_archive(const std::string& name) {
-    return ends_with(name, ".cab") || ends_with(name, ".zip");
-}
 
 bool may_be_hit(const std::string& name) {
     return begins_with(name, prefix) && ends_with(name, hit_suffix) && name.size() > prefix.size() + hit_suffix.size();
@@ -49,27 +41,11 @@ bool is_ours(const std::string& archive) {
 }
 
 void require_plain(const std::string& file, const std::string& name) {
-    const std::string reason = unusable_name(name);
-    if (!reason.empty()) {
-        fail(file + ": the name " + name + " " + reason);
-    }
-}
-
-// An archive's name that is an INI file's would have that removed instead of the archive.
-void require_archive(const std::string& file, const std::string& name) {
-    const std::string reason = unusable_archive(name);
-    if (!reason.empty()) {
-        fail(file + ": the archive's name " + name + " " + reason);
-    }
+    refuse(file + ": the name " + name, unusable_name(name));
 }
 
 std::string flavor_of_hit(const std::string& name) {
     return name.substr(prefix.size(), name.size() - prefix.size() - hit_suffix.size());
-}
-
-std::string id_of(const std::string& info, const std::string& flavor) {
-    const std::size_t start = stem(flavor, "").size();
-    return info.substr(start, info.size() - start - info_suffix.size());
 }
 
 // Reads the INI files of one directory through one client.
@@ -97,7 +73,8 @@ public:
         const auto id_at = mark + info_mark.size();
         cfg_.flavor = name.substr(prefix.size(), mark - prefix.size());
         auto found = client_.fetch_info(name.substr(id_at, name.size() - id_at - info_suffix.size()));
-        require_archive(name, found.cab_name);
+        // That of an INI file would have that removed instead of the archive.
+        refuse(name + ": the archive's name " + found.cab_name, unusable_archive(found.cab_name));
         return found;
     }
 
@@ -128,7 +105,7 @@ public:
             }
         }
         for (const auto& name : names_) {
-            if (is_archive(name) && named.count(name) == 0) {
+            if ((ends_with(name, ".cab") || ends_with(name, ".zip")) && named.count(name) == 0) {
                 (is_ours(name) ? found.orphans : found.strangers).push_back(name);
             }
         }
@@ -179,9 +156,10 @@ private:
         release.info = name;
         release.times = times_of(folder(options_) / name);
         const auto consider = [&](const std::string& flavor) {
-            if (begins_with(name, stem(flavor, "")) && flavor.size() >= release.flavor.size()) {
+            const auto id = id_in(name, flavor);
+            if (id && flavor.size() >= release.flavor.size()) {
                 release.flavor = flavor;
-                release.id = id_of(name, flavor);
+                release.id = *id;
             }
         };
         consider(options_.flavor);

@@ -60,10 +60,9 @@ struct Catalogue {
 void require_understood(const Catalogue& catalogue);
 
 // The releases of options.flavor with the ends of their graces, the current one first, then the newest. The grace of a
-// former release lasts for options.grace_s from when it was published or ceased to be current by changed_ns: a copy may
-// have kept the mtime. Workplace::make_current gives a release that ceases
-// to be current the mtime of the new hit INI. Where that was not done, the newest one whose grace has ended may have
-// been current until the hit INI was replaced.
+// former release lasts for options.grace_s from changed_ns: a copy may have kept the mtime. Workplace::make_current
+// gives a release that ceases to be current the mtime of the new hit INI. Where that was not done, the newest one whose
+// grace has ended may have been current until the hit INI was replaced.
 [[nodiscard]] std::vector<Release> newest_first(const Catalogue& catalogue, const Options& options,
                                                 std::int64_t now_ns);
 

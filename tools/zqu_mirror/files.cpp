@@ -6,21 +6,15 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
+#include <stdexcept>
 
-#include "failure.hpp"
+#include "text.hpp"
 
 namespace zqu::mirror_tool {
 
 namespace fs = std::filesystem;
 
 namespace {
-
-void flush(const Fd& file, const fs::path& path) {
-    if (fsync(file.get()) != 0) {
-        fail_errno("cannot flush " + path.string());
-    }
-}
 
 // Gives the owner access to the directory and those below it, links not followed.
 void make_accessible(const fs::path& path) {
@@ -36,14 +30,30 @@ void make_accessible(const fs::path& path) {
 
 }  // namespace
 
+void fail(const std::string& text) {
+    throw std::runtime_error(text);
+}
+
+void refuse(const std::string& what, const std::string& fault) {
+    if (!fault.empty()) {
+        fail(what + " " + fault);
+    }
+}
+
+void say(const std::string& text) {
+    tools::print(tools::printable(text) + "\n");
+}
+
 void write_text(const fs::path& path, const std::string& text) {
     const Fd file(path, O_WRONLY | O_CREAT | O_EXCL);
     tools::write_all(file.get(), text, path.string());
-    flush(file, path);
+    flush(path);
 }
 
 void flush(const fs::path& path) {
-    flush(Fd(path, O_RDONLY), path);
+    if (fsync(Fd(path, O_RDONLY).get()) != 0) {
+        fail_errno("cannot flush " + path.string());
+    }
 }
 
 void make_folder(const fs::path& path, mode_t mode) {

@@ -1,7 +1,7 @@
-// Whole files: writing, flushing, moving.
+// Whole files, and how zqu-mirror speaks.
 //
-// Stateless. What fails throws std::system_error with the path and the reason, unless a function says more;
-// what it had begun stays as it is. All may be called from any thread.
+// Stateless; safe from any thread. A failure is an exception whose text is the reason: std::system_error with the path,
+// unless a function says more. What a function had begun stays as it is then.
 #pragma once
 
 #include <sys/types.h>
@@ -11,16 +11,22 @@
 #include <system_error>
 
 #include "descriptors.hpp"
-#include "digest.hpp"
+#include "program.hpp"
 
 namespace zqu::mirror_tool {
 
+using tools::complain;
 using tools::Fd;
-using tools::read_blocks;
-using tools::sha256;
 
-// Makes the file, which must not exist, with text as its content, and flushes it to disk (not its name: flush the
-// directory for that).
+// Throws std::runtime_error: fail() always, refuse() unless there is no fault.
+[[noreturn]] void fail(const std::string& text);
+void refuse(const std::string& what, const std::string& fault);
+using tools::fail_errno;
+
+// Prints text, as text.hpp makes it printable, and a line end.
+void say(const std::string& text);
+
+// Makes the file, which must not exist, with text as its content, and flushes it to disk, but not its name.
 void write_text(const std::filesystem::path& path, const std::string& text);
 
 // Flushes what was written to a file, or the names in a directory, to disk (fsync(2)).

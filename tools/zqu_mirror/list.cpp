@@ -4,16 +4,11 @@
 #include <array>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
-#include <set>
-#include <string>
-#include <vector>
 
 #include "catalogue.hpp"
 #include "commands.hpp"
-#include "failure.hpp"
-#include "held.hpp"
-#include "names.hpp"
 #include "text.hpp"
+#include "workplace.hpp"
 
 namespace zqu::mirror_tool {
 

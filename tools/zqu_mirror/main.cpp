@@ -10,10 +10,8 @@
 #include <functional>
 #include <string>
 
-#include "check.hpp"
 #include "commands.hpp"
 #include "monitoring.hpp"
-#include "names.hpp"
 #include "options.hpp"
 #include "program.hpp"
 #include "run.hpp"

@@ -1,13 +1,6 @@
 #include "commands.hpp"
 
-#include <filesystem>
-#include <string>
-
 #include "catalogue.hpp"
-#include "failure.hpp"
-#include "files.hpp"
-#include "held.hpp"
-#include "names.hpp"
 #include "upstream.hpp"
 #include "verifier.hpp"
 #include "workplace.hpp"
@@ -19,13 +12,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* advice = "; run zqu-mirror repair --from";
-
-void report(const Options& options, const std::string& line, Run& run) {
-    run.phase("");
-    if (!options.quiet) {
-        say(line);
-    }
-}
 
 // Says so, unless the files of what is current here are damaged. Takes no lock: changes nothing.
 void report_nothing_new(const Options& options, const std::string& what, Run& run) {

@@ -1,8 +1,9 @@
 #include "options.hpp"
 
 #include <algorithm>
+#include <climits>
+#include <sstream>
 
-#include "names.hpp"
 #include "text.hpp"
 
 namespace zqu::mirror_tool {
@@ -44,6 +45,80 @@ zqu::Config client_config(const Options& options) {
     cfg.ca_path = options.ca;
     cfg.http_timeout_s = options.timeout_s;
     return cfg;
+}
+
+bool begins_with(const std::string& name, const std::string& start) {
+    return name.compare(0, start.size(), start) == 0;
+}
+
+bool ends_with(const std::string& name, const std::string& end) {
+    return name.size() >= end.size() && name.compare(name.size() - end.size(), end.size(), end) == 0;
+}
+
+// The daemon puts ids, flavors and subfolders into URLs and paths as they stand. What survives that unencoded is a path
+// segment's characters (RFC 3986, section 3.3) without the percent sign; "=" would part the index's keys.
+std::string unusable_name(const std::string& name) {
+    static const std::string marks = "-._~!$&'()*+,;:@";
+    const auto usable = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+               marks.find(c) != std::string::npos;
+    };
+    if (name.empty() || name == "." || name == "..") {
+        return "must not be empty, \".\" or \"..\"";
+    }
+    if (!std::all_of(name.begin(), name.end(), usable)) {
+        return "may hold only letters, digits and " + marks + " (clients could not fetch it otherwise)";
+    }
+    return "";
+}
+
+std::string unusable_id(const std::string& id) {
+    const std::string reason = unusable_name(id);
+    return reason.empty() && ends_with("-" + id, "-hit") ? "must not be \"hit\" or end in -hit" : reason;
+}
+
+std::string unusable_archive(const std::string& name) {
+    std::string reason = unusable_name(name);
+    if (reason.empty() && name.front() == '.') {
+        reason = "must not begin with a dot";
+    }
+    if (reason.empty() && ends_with(name, ".ini")) {
+        reason = "must not end in .ini";
+    }
+    if (reason.empty() && name.size() + std::string(".part").size() > NAME_MAX) {
+        reason = "is too long for a file name";
+    }
+    return reason;
+}
+
+std::string unusable_subdir(const std::string& subdir) {
+    std::istringstream in(subdir);
+    std::string reason;
+    for (std::string part; reason.empty() && std::getline(in, part, '/');) {
+        reason = part.empty() ? "" : unusable_name(part);
+    }
+    return reason;
+}
+
+std::string stem(const std::string& flavor, const std::string& id) {
+    return "antivir-" + flavor + "-c-" + id;
+}
+
+std::string info_name(const std::string& flavor, const std::string& id) {
+    return stem(flavor, id) + ".ini";
+}
+
+std::optional<std::string> id_in(const std::string& info, const std::string& flavor) {
+    const std::string start = stem(flavor, "");
+    const std::string end = ".ini";
+    if (!begins_with(info, start) || !ends_with(info, end)) {
+        return std::nullopt;
+    }
+    return info.substr(start.size(), info.size() - start.size() - end.size());
+}
+
+std::string hit_name(const std::string& flavor) {
+    return "antivir-" + flavor + "-hit.ini";
 }
 
 }  // namespace zqu::mirror_tool

@@ -1,4 +1,4 @@
-// What the command line says, and where that leads: the mirror's directory, and a client's settings.
+// What the command line says and where that leads; the names on a mirror, and what a name may hold.
 //
 // Pure functions; none fails.
 #pragma once
@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 
 #include "config.hpp"
@@ -52,10 +53,35 @@ struct Options {
 // The directory that holds the mirror's files; for a mirror that is a directory.
 [[nodiscard]] std::filesystem::path folder(const Options& options);
 
-// The settings of a client of the upstream mirror.
+// The settings of a client of this mirror, a directory or a URL, and of one of the upstream mirror.
+[[nodiscard]] zqu::Config client_config(const Options& options);
 [[nodiscard]] zqu::Config upstream_config(const Options& options);
 
-// The settings of a client of this mirror, a directory or a URL.
-[[nodiscard]] zqu::Config client_config(const Options& options);
+[[nodiscard]] bool begins_with(const std::string& name, const std::string& start);
+[[nodiscard]] bool ends_with(const std::string& name, const std::string& end);
+
+// Why name cannot be a flavor, for a usage error; empty when it can be.
+[[nodiscard]] std::string unusable_name(const std::string& name);
+
+// The same for an id. The INI of one that ends in "-hit" would have the name of another flavor's hit INI.
+[[nodiscard]] std::string unusable_id(const std::string& id);
+
+// Why name, given by an INI file, cannot be an archive's; empty when it can be. Besides what no name may hold,
+// it must not pass for an INI file or a hidden one, and leave room for the ".part" of a client.
+[[nodiscard]] std::string unusable_archive(const std::string& name);
+
+// Why subdir cannot be the directory below a mirror's root; empty when it can be. Slashes at either end or in a row are
+// no fault.
+[[nodiscard]] std::string unusable_subdir(const std::string& subdir);
+
+// The archive and the INI that describes it share a stem, so that no two flavors and ids share an archive.
+[[nodiscard]] std::string stem(const std::string& flavor, const std::string& id);
+
+// The complete-info INI, which describes one release; and the id in its name, unless that is not one of this flavor.
+[[nodiscard]] std::string info_name(const std::string& flavor, const std::string& id);
+[[nodiscard]] std::optional<std::string> id_in(const std::string& info, const std::string& flavor);
+
+// The hit INI, which names the current release.
+[[nodiscard]] std::string hit_name(const std::string& flavor);
 
 }  // namespace zqu::mirror_tool

@@ -1,7 +1,7 @@
 // Writes a release's archive: the digest index goes first, then the definition files.
 //
 // Stateless functions, for one thread. The archive is not flushed to disk. The caller finds out whether the sources
-// changed while they were read. libgcab and libarchive stay inside one source each.
+// changed while they were read. Types of libgcab and libarchive stay inside the source.
 #pragma once
 
 #include <sys/stat.h>

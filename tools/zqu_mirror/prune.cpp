@@ -2,22 +2,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
-#include <filesystem>
 #include <functional>
-#include <map>
-#include <set>
-#include <string>
-#include <system_error>
-#include <utility>
-#include <vector>
 
 #include "catalogue.hpp"
 #include "commands.hpp"
-#include "failure.hpp"
-#include "files.hpp"
-#include "held.hpp"
-#include "names.hpp"
 #include "text.hpp"
 #include "workplace.hpp"
 
@@ -176,22 +164,22 @@ void remove_what_killed_runs_left(Remover& remover, const fs::path& place, std::
     remover.work_directory();
 }
 
-// Oldest first.
+// Removes the oldest first.
 void remove_releases(Remover& remover, const Catalogue& catalogue, const Options& options, std::int64_t now) {
     const std::set<std::string> held = options.dry_run ? held_ids(options) : std::set<std::string>();
-    std::vector<std::pair<std::string, std::string>> kept;
-    std::vector<Release> releases = newest_first(catalogue, options, now);
+    const std::vector<Release> releases = newest_first(catalogue, options, now);
     for (std::size_t number = releases.size(); number > 0; --number) {
-        const Release& release = releases[number - 1];
-        const std::string reason = reason_to_keep(release, number, options, now);
-        if (reason.empty()) {
-            remover.release(release);
-        } else {
-            kept.emplace_back(release.id + (held.count(release.id) != 0 ? " (held)" : ""), reason);
+        if (reason_to_keep(releases[number - 1], number, options, now).empty()) {
+            remover.release(releases[number - 1]);
         }
     }
-    std::for_each(kept.rbegin(), kept.rend(),
-                  [&](const auto& entry) { remover.report_kept(entry.first, entry.second); });
+    for (std::size_t number = 1; number <= releases.size(); ++number) {
+        const Release& release = releases[number - 1];
+        const std::string reason = reason_to_keep(release, number, options, now);
+        if (!reason.empty()) {
+            remover.report_kept(release.id + (held.count(release.id) != 0 ? " (held)" : ""), reason);
+        }
+    }
 }
 
 }  // namespace

@@ -2,19 +2,11 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstdint>
 #include <exception>
-#include <filesystem>
-#include <string>
-#include <vector>
 
 #include "catalogue.hpp"
 #include "client.hpp"
 #include "commands.hpp"
-#include "failure.hpp"
-#include "files.hpp"
-#include "inspect.hpp"
-#include "names.hpp"
 #include "pack.hpp"
 #include "verifier.hpp"
 #include "workplace.hpp"
@@ -22,8 +14,6 @@
 namespace zqu::mirror_tool {
 
 namespace fs = std::filesystem;
-using tools::inspect;
-using tools::Inspection;
 
 namespace {
 
@@ -68,8 +58,8 @@ std::string index_text(const std::vector<Source>& sources) {
 
 // Measures the sources; they are read only after all that can be refused has been refused.
 std::vector<Source> measured_sources(const Options& options) {
-    std::vector<Source> sources{measured(options.antivir, antivir_name(options.flavor), options.allow_empty),
-                                measured(options.aivsecon, aivsecon_name(options.flavor), options.allow_empty)};
+    std::vector<Source> sources{measured(options.antivir, tools::antivir_name(options.flavor), options.allow_empty),
+                                measured(options.aivsecon, tools::aivsecon_name(options.flavor), options.allow_empty)};
     std::uintmax_t total =
         index_text(sources).size() + std::uintmax_t{2} * 64;  // as long as it will be with its digests
     for (const auto& source : sources) {
@@ -80,10 +70,6 @@ std::vector<Source> measured_sources(const Options& options) {
              " bytes with the index: use --zip");
     }
     return sources;
-}
-
-std::string sha256_with_progress(const fs::path& path, Run& run) {
-    return sha256(path, [&run](std::size_t bytes) { run.advance(bytes); });
 }
 
 std::string archive_name(const Options& options) {
@@ -106,11 +92,12 @@ void add_release(const Options& options, const std::vector<Source>& sources, Wor
     const std::string name = archive_name(options);
     run.phase("packing", archive);
     const time_t newest = std::max(sources[0].before.st_mtim.tv_sec, sources[1].before.st_mtim.tv_sec);
-    (options.zip ? pack_zip : pack_cab)(archive, index_text(sources), index_name(options.flavor), sources, newest);
+    (options.zip ? pack_zip : pack_cab)(archive, index_text(sources), tools::index_name(options.flavor), sources,
+                                        newest);
     flush(archive);
     run.phase("reading the archive");
     write_text(place.work("info"), "def.Current.defId = " + options.id + "\ndef.Current.name = " + name +
-                                       "\ndef.Current.SHA256 = " + sha256_with_progress(archive, run) +
+                                       "\ndef.Current.SHA256 = " + sha256_in(run, archive) +
                                        "\ndef.Current.size = " + std::to_string(fs::file_size(archive)) + "\n");
     place.add("archive", name);
     place.add("info", info_name(options.flavor, options.id));
@@ -125,26 +112,15 @@ zqu::CompleteInfo require_release(const Options& options, const std::vector<Sour
     if (info.defid != options.id || !fs::is_regular_file(archive) || !zqu::verifier::verify(archive, info.sha256)) {
         fail(options.id + " is on the mirror, but its INI file and its archive do not match");
     }
-    Inspection found = inspect(archive, info.cab_name, options.flavor,
-                               [&run](const auto& position) { run.phase("checking the archive", position); });
+    auto found = inspect_in(run, "checking the archive", archive, info.cab_name, options.flavor);
     for (const auto& source : sources) {
         if (found.digests[source.name] != source.digest) {
             fail(known ? options.id + " was published before with other content: take a new id"
                        : "the archive does not hold what was read");
         }
     }
-    const std::string fault = first_fault(found);
-    if (!fault.empty()) {
-        fail("the archive is refused: " + fault);
-    }
+    refuse("the archive is refused:", tools::first_fault(found));
     return info;
-}
-
-void report(const Options& options, const zqu::CompleteInfo& info, bool known) {
-    const std::string done =
-        known ? options.id + " was published before with this content and is current now" : "published " + options.id;
-    say(done + ": " + info.cab_name + ", " + std::to_string(fs::file_size(folder(options) / info.cab_name)) +
-        " bytes, SHA-256 " + info.sha256);
 }
 
 }  // namespace
@@ -154,7 +130,7 @@ void publish(const Options& options, Run& run) {
     std::vector<Source> sources = measured_sources(options);
     run.phase("reading the definitions");
     for (auto& source : sources) {
-        source.digest = sha256_with_progress(source.path, run);
+        source.digest = sha256_in(run, source.path);
     }
     Workplace place(folder(options), run);
     const bool known = fs::exists(place.folder() / info_name(options.flavor, options.id));
@@ -171,9 +147,30 @@ void publish(const Options& options, Run& run) {
     std::for_each(sources.begin(), sources.end(), require_unchanged);
     const zqu::CompleteInfo info = require_release(options, sources, known, run);
     place.make_current(options, options.id);
-    run.phase("");
-    if (!options.quiet) {
-        report(options, info, known);
+    const std::string done =
+        known ? options.id + " was published before with this content and is current now" : "published " + options.id;
+    report(options, summary(place.folder(), done, info), run);
+}
+
+void activate(const Options& options, Run& run) {
+    Workplace place(existing_directory(options), run);
+    run.phase("checking " + options.id);
+    const Examined found = examine(options, options.id, Depth::entries);
+    refuse(options.id + " cannot be made current:", found.fault);
+    const auto former = current_id(options);
+    const bool changes = former != options.id;
+    if (former && changes) {
+        hold(options, *former, run);
+    }
+    if (changes) {
+        place.make_current(options, options.id);
+    } else {
+        end_hold(options, options.id);
+    }
+    const std::string done = changes ? "made current " : "is current already: ";
+    report(options, done + summary(place.folder(), options.id, found.info), run);
+    if (former && changes) {
+        report(options, "held " + *former + ": mirror does not take it again", run);
     }
 }
 

@@ -2,19 +2,9 @@
 
 #include <algorithm>
 #include <ctime>
-#include <filesystem>
 #include <map>
-#include <optional>
-#include <set>
-#include <string>
-#include <system_error>
-#include <vector>
 
 #include "commands.hpp"
-#include "failure.hpp"
-#include "files.hpp"
-#include "held.hpp"
-#include "names.hpp"
 #include "upstream.hpp"
 #include "verifier.hpp"
 #include "workplace.hpp"
@@ -69,29 +59,24 @@ private:
     }
 
     void list_releases() {
-        const std::string start = stem(options_.flavor, "");
         for (const auto& entry : fs::directory_iterator(place_.folder())) {
-            const std::string name = entry.path().stem();
-            const std::string id = name.rfind(start, 0) == 0 ? name.substr(start.size()) : "";
-            if (entry.path().extension() == ".ini" && unusable_id(id).empty()) {
+            const auto id = id_in(entry.path().filename(), options_.flavor);
+            if (id && unusable_id(*id).empty()) {
                 std::error_code ignored;
-                times_[id] = fs::last_write_time(entry.path(), ignored);
+                releases_[*id];
+                times_[*id] = fs::last_write_time(entry.path(), ignored);
             }
         }
     }
 
     // Those that are here, and the one that the hit INI names.
     void examine_releases() {
-        std::set<std::string> ids;
-        for (const auto& [id, unused] : times_) {
-            ids.insert(id);
-        }
         if (hit_) {
-            ids.insert(*hit_);
+            releases_[*hit_];
         }
-        for (const auto& id : ids) {
+        for (auto& [id, release] : releases_) {
             run_.phase("checking " + id);
-            releases_[id] = examine(options_, id, id == hit_ ? Depth::entries : Depth::digest);
+            release = examine(options_, id, id == hit_ ? Depth::entries : Depth::digest);
         }
     }
 

@@ -10,7 +10,7 @@
 #include <system_error>
 #include <utility>
 
-#include "failure.hpp"
+#include "files.hpp"
 
 namespace zqu::mirror_tool {
 

@@ -23,8 +23,11 @@
 
 namespace zqu::mirror_tool {
 
-// Any member may end the process when a signal has come before the commit: it undoes what the run made, says
-// "ended by signal: <name>" on standard error and exits with 128 + the signal's number. No destructor runs then.
+// Any member but advance() may end the process when a signal has come before the commit: it undoes what the run made,
+// says "ended by signal: <name>" on standard error and exits with 128 + the signal's number. No destructor runs then.
+//
+// A signal waits while a member calls its action, which must not call the run. What an action throws passes through;
+// its member has no other effect then.
 class Run {
 public:
     // Blocks the three signals in the calling thread, for good, and starts the thread that takes them. Throws
@@ -38,28 +41,23 @@ public:
     Run(const Run&) = delete;
     Run& operator=(const Run&) = delete;
 
-    // Does what makes path appear, and remembers to remove it. A signal waits meanwhile. When action throws, which
-    // passes through, path is not remembered. action must not call the run.
+    // Does what makes path appear, and remembers to remove it.
     void make(const std::filesystem::path& path, const std::function<void()>& action);
 
     // Makes the folder, whose path action returns, that is removed however the run ends, with all that it holds.
-    // Returns that path. When action throws, which passes through, there is no such folder. One per run; action must
-    // not call the run.
+    // Returns that path. One per run.
     std::filesystem::path make_scratch(const std::function<std::filesystem::path()>& action);
 
     // Does what makes the run's work good: nothing but the scratch folder is undone afterwards, by no signal either.
-    // When action throws, which passes through, everything is still to be undone. action must not call the run.
     void commit(const std::function<void()>& action);
 
-    // Does what cannot be undone. A signal that came before ends the run without it, and one that comes meanwhile
-    // waits. What action throws passes through. action must not call the run.
+    // Does what cannot be undone. A signal that came before ends the run without it.
     void step(const std::function<void()>& action);
 
     // Calls last_words with the reason when a signal ends the run, and exits with what it returns. It must not throw.
     void on_signal(std::function<int(const std::string&)> last_words);
 
-    // Undoes at once what would be undone at the end: whoever holds a lock on where it happens calls this before giving
-    // it up. Without effect on what was committed.
+    // Undoes at once what would be undone at the end: for who is about to give up a lock on where it happens.
     void clean_up();
 
     // Names what is going on now; nothing is shown while text is empty. Its bytes are those given to advance(), what
@@ -67,7 +65,7 @@ public:
     void phase(const std::string& text, std::function<std::uintmax_t()> done = {});
     void phase(const std::string& text, const std::filesystem::path& growing);
 
-    // Adds to the bytes of the phase. Never ends the process.
+    // Adds to the bytes of the phase.
     void advance(std::size_t bytes) { bytes_ += bytes; }
 
 private:

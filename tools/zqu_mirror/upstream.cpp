@@ -1,22 +1,9 @@
 #include "upstream.hpp"
 
-#include "failure.hpp"
-#include "files.hpp"
-#include "inspect.hpp"
-#include "names.hpp"
 #include "verifier.hpp"
+#include "workplace.hpp"
 
 namespace zqu::mirror_tool {
-
-namespace {
-
-void require_usable(const std::string& what, const std::string& name, const std::string& reason) {
-    if (!reason.empty()) {
-        fail("the upstream mirror's " + what + " " + name + " is refused: it " + reason);
-    }
-}
-
-}  // namespace
 
 Upstream::Upstream(const Options& options, Run& run)
     : options_(options), run_(run), cfg_(upstream_config(options)), client_(cfg_) {
@@ -28,8 +15,8 @@ Upstream::Upstream(const Options& options, Run& run)
 std::string Upstream::current() {
     run_.phase("asking the upstream mirror");
     std::string id = client_.fetch_id();
-    require_usable("id", id, unusable_id(id));
-    require_usable("id", id, unusable_archive(stem(options_.flavor, id)));  // for its length
+    refuse("the upstream mirror's id " + id + " is refused: it", unusable_id(id));
+    refuse("the upstream mirror's id " + id + " is refused: it", unusable_archive(stem(options_.flavor, id)));
     return id;
 }
 
@@ -37,7 +24,7 @@ Offer Upstream::release(const std::string& id) {
     run_.phase("asking the upstream mirror");
     const std::string text = client_.fetch_info_text(id);
     const zqu::CompleteInfo info = client_.read_info(text, id);
-    require_usable("archive name", info.cab_name, unusable_archive(info.cab_name));
+    refuse("the upstream mirror's archive name " + info.cab_name + " is refused: it", unusable_archive(info.cab_name));
     return {id, text, info};
 }
 
@@ -53,11 +40,8 @@ void Upstream::download(const Offer& offer, const std::filesystem::path& archive
 }
 
 void Upstream::require_sound(const Offer& offer, const std::filesystem::path& archive) const {
-    const auto watch = [this](const auto& position) { run_.phase("checking the archive", position); };
-    const std::string fault = tools::first_fault(tools::inspect(archive, offer.info.cab_name, options_.flavor, watch));
-    if (!fault.empty()) {
-        fail("the upstream mirror's archive is refused: " + fault);
-    }
+    refuse("the upstream mirror's archive is refused:",
+           tools::first_fault(inspect_in(run_, "checking the archive", archive, offer.info.cab_name, options_.flavor)));
 }
 
 void Upstream::warn() const {

@@ -2,17 +2,13 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
-#include <system_error>
+#include <cerrno>
 
 #include "catalogue.hpp"
 #include "client.hpp"
-#include "descriptors.hpp"
-#include "failure.hpp"
-#include "files.hpp"
-#include "held.hpp"
-#include "inspect.hpp"
-#include "names.hpp"
+#include "digest.hpp"
 #include "verifier.hpp"
 
 namespace zqu::mirror_tool {
@@ -20,6 +16,19 @@ namespace zqu::mirror_tool {
 namespace fs = std::filesystem;
 
 namespace {
+
+// Whether there is a directory at path. What others have put there is neither followed nor replaced.
+bool has_directory(const fs::path& path, const std::string& otherwise) {
+    const fs::file_status found = fs::symlink_status(path);
+    if (fs::exists(found) && !fs::is_directory(found)) {
+        fail(path.string() + otherwise);
+    }
+    return fs::exists(found);
+}
+
+bool has_record(const fs::path& record) {
+    return has_directory(record, " is no directory: remove it, then every release that was held is released");
+}
 
 const fs::path& make_folders(const fs::path& path, Run& run) {
     fs::path prefix;
@@ -122,19 +131,68 @@ std::string text_of(const fs::path& path) {
     return text.size() > tools::largest_ini ? "" : text;
 }
 
-std::string summary(const fs::path& directory, const std::string& id, const zqu::CompleteInfo& info) {
-    return id + ": " + info.cab_name + ", " + std::to_string(fs::file_size(directory / info.cab_name)) +
+std::string summary(const fs::path& directory, const std::string& what, const zqu::CompleteInfo& info) {
+    return what + ": " + info.cab_name + ", " + std::to_string(fs::file_size(directory / info.cab_name)) +
            " bytes, SHA-256 " + info.sha256;
 }
 
-bool has_work_directory(const fs::path& directory) {
-    const fs::path work = directory / work_folder_name;
-    const auto found = fs::symlink_status(work);
-    if (fs::exists(found) && !fs::is_directory(found)) {
-        fail(work.string() +
-             " is not a directory, but zqu-mirror prepares files in one of that name: remove or rename it");
+tools::Inspection inspect_in(Run& run, const std::string& phase, const fs::path& archive, const std::string& name,
+                             const std::string& flavor) {
+    return tools::inspect(archive, name, flavor, [&](const auto& position) { run.phase(phase, position); });
+}
+
+std::string sha256_in(Run& run, const fs::path& path) {
+    return tools::sha256(path, [&run](std::size_t bytes) { run.advance(bytes); });
+}
+
+void report(const Options& options, const std::string& line, Run& run) {
+    run.phase("");
+    if (!options.quiet) {
+        say(line);
     }
-    return fs::exists(found);
+}
+
+bool has_work_directory(const fs::path& directory) {
+    return has_directory(directory / work_folder_name,
+                         " is not a directory, but zqu-mirror prepares files in one of that name: remove or rename it");
+}
+
+std::set<std::string> held_ids(const Options& options) {
+    const fs::path record = folder(options) / held_directory_name;
+    std::set<std::string> ids;
+    if (has_record(record)) {
+        for (const auto& entry : fs::directory_iterator(record)) {
+            if (const auto id = id_in(entry.path().filename(), options.flavor)) {
+                ids.insert(*id);
+            }
+        }
+    }
+    return ids;
+}
+
+void hold(const Options& options, const std::string& id, Run& run) {
+    const fs::path record = folder(options) / held_directory_name;
+    if (!has_record(record)) {
+        run.make(record, [&] { make_folder(record, 0755); });
+        flush(folder(options));
+    }
+    const fs::path path = record / info_name(options.flavor, id);
+    if (!fs::exists(fs::symlink_status(path))) {
+        run.make(path, [&] { Fd(path, O_WRONLY | O_CREAT | O_EXCL); });
+        flush(record);
+    }
+}
+
+void end_hold(const Options& options, const std::string& id) {
+    const fs::path record = folder(options) / held_directory_name;
+    if (!fs::is_directory(fs::symlink_status(record))) {
+        return;
+    }
+    if (unlink((record / info_name(options.flavor, id)).c_str()) == 0) {
+        flush(record);
+    } else if (errno != ENOENT) {
+        fail_errno("cannot release " + id);
+    }
 }
 
 Workplace::Workplace(const fs::path& folder, Run& run) : folder_(make_folders(folder, run)), lock_(folder_), run_(run) {

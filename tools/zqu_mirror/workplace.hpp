@@ -1,16 +1,15 @@
-// Write access to a mirror's directory, for one run at a time: files are written in a work directory inside it, and
-// moved from there to their names.
+// What commands do in a mirror's directory: look at releases, hold them, and put files into place.
 //
-// A release becomes current by one rename(2), that of the hit INI. What is moved before that is undone when the run
-// fails or is ended by a signal. A run that is killed leaves its work directory, which the next one removes, and
-// perhaps files that the hit INI does not name. For the thread that works with the run.
+// For the thread that works with the run. What fails throws std::system_error, unless a function says more.
 #pragma once
 
 #include <filesystem>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "files.hpp"
+#include "inspect.hpp"
 #include "mirror_client.hpp"
 #include "options.hpp"
 #include "run.hpp"
@@ -25,7 +24,7 @@ inline constexpr const char* work_folder_name = ".zqu-mirror.work";
 [[nodiscard]] bool has_work_directory(const std::filesystem::path& directory);
 
 // The release that the hit INI of options' mirror, a directory, names; none when there is no hit INI, it cannot be
-// understood, or the id cannot be one. Throws std::system_error when it cannot be read.
+// understood, or the id cannot be one.
 [[nodiscard]] std::optional<std::string> current_id(const Options& options);
 
 // The directory of options' mirror. Throws std::runtime_error when there is none.
@@ -44,20 +43,48 @@ struct Examined {
 // Looks at the files that the mirror, a directory, has of the release id. Throws what inspect() throws.
 [[nodiscard]] Examined examine(const Options& options, const std::string& id, Depth depth);
 
+// inspect(), and the SHA-256 of a file, with the progress of the run's phase.
+[[nodiscard]] tools::Inspection inspect_in(Run& run, const std::string& phase, const std::filesystem::path& archive,
+                                           const std::string& name, const std::string& flavor);
+[[nodiscard]] std::string sha256_in(Run& run, const std::filesystem::path& path);
+
 // The content of the file at path; empty when there is none, or it is not a regular one or longer than an INI may be.
-// Throws std::system_error when it cannot be read.
 [[nodiscard]] std::string text_of(const std::filesystem::path& path);
 
-// "<id>: <archive>, <n> bytes, SHA-256 <digest>", for a release whose archive is in the directory.
-[[nodiscard]] std::string summary(const std::filesystem::path& directory, const std::string& id,
+// "<what>: <archive>, <n> bytes, SHA-256 <digest>", for a release whose archive is in the directory.
+[[nodiscard]] std::string summary(const std::filesystem::path& directory, const std::string& what,
                                   const zqu::CompleteInfo& info);
 
+// Ends the phase, and says line unless options.quiet.
+void report(const Options& options, const std::string& line, Run& run);
+
+// The releases that are held: `mirror` and `repair` do not choose them. `activate` holds the release that it replaces;
+// the hold ends when that becomes current again. prune removes it like any other.
+//
+// The record is a directory beside the releases with an empty file for each, which has the name of its complete-info
+// INI: one system call holds or releases, and there is nothing to parse. It is not served: its name begins with a dot.
+inline constexpr const char* held_directory_name = ".zqu-mirror.held";
+
+// The held ids of options.flavor; none without a record. Throws std::runtime_error, with what to do, when something
+// other than a directory is in its place. Takes no lock.
+[[nodiscard]] std::set<std::string> held_ids(const Options& options);
+
+// Holds the release id, on disk when this returns, and undone with the run; or ends its hold, if there is one. For who
+// has the mirror's lock.
+void hold(const Options& options, const std::string& id, Run& run);
+void end_hold(const Options& options, const std::string& id);
+
+// Write access to a mirror's directory, for one run at a time: files are written in a work directory inside it, and
+// moved from there to their names.
+//
+// A release becomes current by one rename(2), that of the hit INI. What is moved before that is undone when the run
+// fails or is ended by a signal. A run that is killed leaves its work directory, which the next one removes, and
+// perhaps files that the hit INI does not name.
 class Workplace {
 public:
     // Makes folder, an absolute path, with the parents that are missing (on disk then, and undone with the run),
     // locks it, removes what a killed run has left, and makes an empty work directory in it. Keeps a reference to run,
-    // which must outlive the workplace. Throws what Lock throws, and std::system_error when directory or work directory
-    // cannot be made.
+    // which must outlive the workplace. Throws what Lock throws, too.
     Workplace(const std::filesystem::path& folder, Run& run);
 
     // Removes the work directory, undoes what was not committed, and only then unlocks the directory: the next run must
@@ -70,10 +97,8 @@ public:
     // Whether there was a work directory that a killed run had left.
     [[nodiscard]] bool removed_leftover() const { return removed_leftover_; }
 
-    // The mirror's directory.
+    // The mirror's directory, and the path of what the work directory holds.
     [[nodiscard]] const std::filesystem::path& folder() const { return folder_; }
-
-    // The path of a file or directory in the work directory.
     [[nodiscard]] std::filesystem::path work(const std::string& name) const;
 
     // Moves a file from the work directory to its name in the mirror's directory, replacing what has that name. Undone
@@ -81,10 +106,10 @@ public:
     void add(const std::string& work_name, const std::string& name);
 
     // Makes the release current whose files are all in place and on disk: writes the hit INI and commits the
-    // run by moving it into place. The complete-info INI of the release that was current gets the time of the new hit
-    // INI, by which prune knows when it ceased to be so; whether that succeeds is ignored, and it is not undone. Ends
-    // the hold of the release. Throws std::system_error when that fails, and the mirror is as it was;
-    // std::runtime_error when the release is current but the directory cannot be flushed.
+    // run by moving it into place. Ends the hold of the release. The complete-info INI of the release that was current
+    // gets the time of the new hit INI, by which prune knows when it ceased to be so; whether that succeeds is ignored,
+    // and it is not undone. When this throws std::system_error, the mirror is as it was; std::runtime_error: the
+    // release is current, but the directory cannot be flushed.
     void make_current(const Options& options, const std::string& id);
 
 private:
