@@ -17,17 +17,11 @@
 #include "run.hpp"
 #include "text.hpp"
 
+namespace zqu::mirror_tool {
+
 namespace {
 
 namespace fs = std::filesystem;
-using zqu::mirror_tool::Form;
-using zqu::mirror_tool::is_url;
-using zqu::mirror_tool::Options;
-using zqu::mirror_tool::Run;
-using zqu::mirror_tool::unusable_id;
-using zqu::mirror_tool::unusable_name;
-using zqu::mirror_tool::unusable_subdir;
-using zqu::tools::add_duration;
 
 // Carries out a command; returns the exit status.
 using Command = int (*)(const Options& options, Run& run);
@@ -49,71 +43,6 @@ constexpr const char* about_exit =
     "Exit status: 0 done, or a client would succeed; 1 failed, or a client would fail; 2 wrong command line;\n"
     "128 + n ended by signal n.";
 
-constexpr const char* about_publish =
-    "Writes the release and then, in one step, makes it current. Clients see the old release or the new one, whole.\n"
-    "When anything fails, one line says why and the mirror is left as it was. Publishing the same content again makes\n"
-    "that release current again; an id never gets other content. The order of the files counts: a pair whose names\n"
-    "show that it is swapped is refused. A CAB holds 2147450880 bytes with its index; --zip has no such limit.\n\n"
-    "Examples:\n"
-    "  zqu-mirror publish --id 20240131.007 /srv/mirror antivir.def aivsecon.def\n"
-    "  zqu-mirror publish --flavor v3 --zip --id 20240131.008 /srv/mirror big.def small.def\n";
-
-constexpr const char* about_mirror =
-    "Asks the upstream mirror for its current release and, when that is another one than here, downloads it, verifies\n"
-    "it as a client would, and makes it current in one step. Id, INI file and archive are the upstream's, to the "
-    "byte.\n"
-    "Nothing new is a success too, and changes nothing. When anything fails, one line says why, and the mirror is "
-    "left\n"
-    "as it was; an id never gets other content.\n\n"
-    "Examples:\n"
-    "  zqu-mirror mirror https://definitions.zelgw.example /srv/mirror\n"
-    "  zqu-mirror mirror --flavor v3 --ca /etc/ssl/upstream-ca.pem https://mirror.example /srv/mirror\n";
-
-constexpr const char* about_activate =
-    "Checks a release that is on the mirror and makes it current again. The one that was current is held then: mirror\n"
-    "does not take it again, until it is published or activated, or mirror is run with --force.\n\n"
-    "Example:\n"
-    "  zqu-mirror activate /srv/mirror 20240131.007\n";
-
-constexpr const char* about_repair =
-    "Finds INI files and archives that are missing, cut short or changed, and what killed runs have left. With "
-    "--from,\n"
-    "restores the files from there, to the byte; when no side has the release that the hit INI names, makes the\n"
-    "upstream's current one current. Otherwise makes the release current that was so before, with --yes only. Never\n"
-    "chooses a held release. Moves what it replaces below .zqu-mirror.replaced, which is not served.\n\n"
-    "Examples:\n"
-    "  zqu-mirror repair --from https://definitions.zelgw.example /srv/mirror\n"
-    "  zqu-mirror repair --yes /srv/mirror\n";
-
-constexpr const char* about_prune =
-    "Removes the releases that neither --keep nor --older-than keeps (without these two: none), and what killed runs\n"
-    "have left. A release's age counts from when it was published or ceased to be current. What the hit INI of any\n"
-    "flavor names is always kept, and what was current within the grace, because clients may be about to fetch it.\n"
-    "Archives that no INI names are removed if they have a name of ours; others are kept and listed. When an INI file\n"
-    "cannot be understood, nothing is removed.\n\n"
-    "Examples:\n"
-    "  zqu-mirror prune --keep 5 --dry-run /srv/mirror\n"
-    "  zqu-mirror prune --keep 5 --older-than 30d /srv/mirror\n";
-
-constexpr const char* about_list =
-    "Lists the releases, the current one first, then the newest. The states are: current; within the grace, which is\n"
-    "the time that prune leaves to clients; held, which is what mirror does not take again; damaged; former. What is\n"
-    "wrong with the mirror is said on standard error, and the exit status is 1 then.\n\n"
-    "Examples:\n"
-    "  zqu-mirror list /srv/mirror\n"
-    "  zqu-mirror list --json /srv/mirror\n";
-
-constexpr const char* about_check =
-    "Reads the mirror as the daemon does, downloads the archive of the current release below $TMPDIR (/tmp), and\n"
-    "prints one line per step: ok, warning (clients succeed all the same) or FAULT (clients fail, or cannot read the\n"
-    "index). The archive is read by a process without root's privileges, and not unpacked to disk. What goes wrong on\n"
-    "this machine, such as too little room, is no FAULT: one line on standard error says what it is.\n\n"
-    "--nagios exits with 0 ok, 1 warning, 2 critical (a FAULT) or 3 unknown, --prometheus with 0.\n\n"
-    "Examples:\n"
-    "  zqu-mirror check /srv/mirror\n"
-    "  zqu-mirror check --ca /etc/ssl/fleet-ca.pem https://mirror.example\n"
-    "  zqu-mirror check --nagios --max-age 2d https://mirror.example\n";
-
 void add_common(CLI::App& command, Options& options) {
     command.add_option("--flavor", options.flavor, "Definition flavor")->capture_default_str()->check(unusable_name);
     command.add_option("--subdir", options.subdir, "Directory below the mirror's root")
@@ -127,7 +56,7 @@ void add_quiet(CLI::App& command, Options& options) {
 
 CLI::Option* add_age(CLI::App& command, const std::string& name, std::int64_t& age_s, const std::string& description) {
     static constexpr std::int64_t century_s = 3155760000;  // so that no sum in nanoseconds overflows
-    return add_duration(
+    return tools::add_duration(
         command, name, [&age_s](std::int64_t seconds) { age_s = std::min(seconds, century_s); }, description);
 }
 
@@ -137,11 +66,10 @@ void add_grace(CLI::App& command, Options& options) {
         ->default_str("1h");
 }
 
-std::string no_directory(const std::string& mirror) {
-    return mirror.empty() || is_url(mirror) ? "must be a directory" : "";
-}
-
 void add_mirror_directory(CLI::App& command, Options& options, const std::string& more = "") {
+    const auto no_directory = [](const std::string& mirror) {
+        return std::string(mirror.empty() || is_url(mirror) ? "must be a directory" : "");
+    };
     command.add_option("MIRROR", options.mirror, "Root directory of the mirror" + more)
         ->required()
         ->check(no_directory);
@@ -156,28 +84,24 @@ std::function<std::string(const std::string&)> name_is_not(const std::string& ot
     };
 }
 
-void add_publish(CLI::App& app, Options& options, Command& chosen) {
-    CLI::App* command = app.add_subcommand("publish", "Publish a release and make it current");
-    add_common(*command, options);
-    add_quiet(*command, options);
-    command->add_option("--id", options.id, "Id of the release")->required()->check(unusable_id);
-    command->add_flag("--zip", options.zip, "Pack a ZIP instead of a CAB");
-    command->add_flag("--allow-empty", options.allow_empty, "Publish empty definition files, too");
-    add_mirror_directory(*command, options, "; created when missing");
-    command->add_option("ANTIVIR", options.antivir, "The antivir definition file")
+void add_publish(CLI::App& command, Options& options) {
+    add_quiet(command, options);
+    command.add_option("--id", options.id, "Id of the release")->required()->check(unusable_id);
+    command.add_flag("--zip", options.zip, "Pack a ZIP instead of a CAB");
+    command.add_flag("--allow-empty", options.allow_empty, "Publish empty definition files, too");
+    add_mirror_directory(command, options, "; created when missing");
+    command.add_option("ANTIVIR", options.antivir, "The antivir definition file")
         ->required()
         ->check(name_is_not("aivsecon", "antivir"));
-    command->add_option("AIVSECON", options.aivsecon, "The aivsecon definition file")
+    command.add_option("AIVSECON", options.aivsecon, "The aivsecon definition file")
         ->required()
         ->check(name_is_not("antivir", "aivsecon"));
-    command->callback([&chosen] { chosen = done<zqu::mirror_tool::publish>; });
-    command->footer(std::string(about_publish) + "\n" + about_exit);
 }
 
 // How to reach a mirror over the network.
 void add_client(CLI::App& command, Options& options) {
     command.add_option("--ca", options.ca, "PEM file of the certificates to trust")->check(CLI::ExistingFile);
-    add_duration(
+    tools::add_duration(
         command, "--timeout",
         [&options](auto seconds) { options.timeout_s = static_cast<std::uint32_t>(std::min(seconds, longest_s)); },
         "Time for one whole transfer", 1)
@@ -197,77 +121,55 @@ void add_upstream(CLI::App& command, Options& options, const std::string& name, 
     command.add_flag("--allow-http", options.allow_http, "Follow redirects from https to http");
 }
 
-void add_mirror(CLI::App& app, Options& options, Command& chosen) {
-    CLI::App* command = app.add_subcommand("mirror", "Copy the current release of an upstream mirror");
-    add_common(*command, options);
-    add_quiet(*command, options);
-    add_upstream(*command, options, "UPSTREAM", "URL of the upstream mirror: scheme and host");
-    command->get_option("UPSTREAM")->required();
-    command->add_flag("--verify", options.verify, "Check the digest of what is current here, not its size alone");
-    command->add_flag("--force", options.force, "Take a release that is held");
-    add_mirror_directory(*command, options, "; created when missing");
-    command->callback([&chosen] { chosen = done<zqu::mirror_tool::mirror>; });
-    command->footer(std::string(about_mirror) + "\n" + about_exit);
+void add_mirror(CLI::App& command, Options& options) {
+    add_quiet(command, options);
+    add_upstream(command, options, "UPSTREAM", "URL of the upstream mirror: scheme and host");
+    command.get_option("UPSTREAM")->required();
+    command.add_flag("--verify", options.verify, "Check the digest of what is current here, not its size alone");
+    command.add_flag("--force", options.force, "Take a release that is held");
+    add_mirror_directory(command, options, "; created when missing");
 }
 
-void add_activate(CLI::App& app, Options& options, Command& chosen) {
-    CLI::App* command = app.add_subcommand("activate", "Make a release of the mirror current again");
-    add_common(*command, options);
-    add_quiet(*command, options);
-    add_mirror_directory(*command, options);
-    command->add_option("ID", options.id, "Id of the release")->required()->check(unusable_id);
-    command->callback([&chosen] { chosen = done<zqu::mirror_tool::activate>; });
-    command->footer(std::string(about_activate) + "\n" + about_exit);
+void add_activate(CLI::App& command, Options& options) {
+    add_quiet(command, options);
+    add_mirror_directory(command, options);
+    command.add_option("ID", options.id, "Id of the release")->required()->check(unusable_id);
 }
 
-void add_repair(CLI::App& app, Options& options, Command& chosen) {
-    CLI::App* command = app.add_subcommand("repair", "Restore what is damaged");
-    add_common(*command, options);
-    add_upstream(*command, options, "--from", "URL of the upstream mirror to restore from: scheme and host");
-    command->add_flag("--yes", options.yes, "Make the release current that was so before, when there is no other way");
-    add_mirror_directory(*command, options);
-    command->callback([&chosen] { chosen = done<zqu::mirror_tool::repair>; });
-    command->footer(std::string(about_repair) + "\n" + about_exit);
+void add_repair(CLI::App& command, Options& options) {
+    add_upstream(command, options, "--from", "URL of the upstream mirror to restore from: scheme and host");
+    command.add_flag("--yes", options.yes, "Make the release current that was so before, when there is no other way");
+    add_mirror_directory(command, options);
 }
 
-void add_prune(CLI::App& app, Options& options, Command& chosen) {
-    CLI::App* command = app.add_subcommand("prune", "Remove old releases");
-    add_common(*command, options);
-    add_quiet(*command, options);
-    command->add_option("--keep", options.keep, "Keep so many releases, the current one included")
+void add_prune(CLI::App& command, Options& options) {
+    add_quiet(command, options);
+    command.add_option("--keep", options.keep, "Keep so many releases, the current one included")
         ->check(CLI::Range(1, 1000000));
-    add_age(*command, "--older-than", options.older_than_s, "Remove only what is older than this");
-    add_grace(*command, options);
-    command->add_flag("--dry-run", options.dry_run, "Say what would be removed, what not and why; remove nothing");
-    add_mirror_directory(*command, options);
-    command->callback([&chosen] { chosen = done<zqu::mirror_tool::prune>; });
-    command->footer(std::string(about_prune) + "\n" + about_exit);
+    add_age(command, "--older-than", options.older_than_s, "Remove only what is older than this");
+    add_grace(command, options);
+    command.add_flag("--dry-run", options.dry_run, "Say what would be removed, what not and why; remove nothing");
+    add_mirror_directory(command, options);
 }
 
-void add_list(CLI::App& app, Options& options, Command& chosen) {
-    CLI::App* command = app.add_subcommand("list", "List the releases on a mirror");
-    add_common(*command, options);
-    add_grace(*command, options);
-    command->add_flag_callback(
+void add_list(CLI::App& command, Options& options) {
+    add_grace(command, options);
+    command.add_flag_callback(
         "--json", [&options] { options.form = Form::json; }, "Print one JSON document");
-    add_mirror_directory(*command, options);
-    command->callback([&chosen] { chosen = zqu::mirror_tool::list; });
-    command->footer(std::string(about_list) + "\n" + about_exit);
+    add_mirror_directory(command, options);
 }
 
-void add_check(CLI::App& app, Options& options, Command& chosen) {
-    CLI::App* command = app.add_subcommand("check", "Check what clients find on a mirror");
+void add_check(CLI::App& command, Options& options) {
     const auto no_mirror = [](const std::string& mirror) {
         const std::string scheme = is_url(mirror) ? mirror.substr(0, mirror.find(':')) : "";
         const bool url = scheme == "http" || scheme == "https" || scheme == "file";
         return url || fs::is_directory(mirror) ? "" : std::string("must be a directory or an http, https or file URL");
     };
-    add_common(*command, options);
-    add_client(*command, options);
-    auto* quiet = command->add_flag("--quiet", options.quiet, "Print warnings and faults only");
+    add_client(command, options);
+    auto* quiet = command.add_flag("--quiet", options.quiet, "Print warnings and faults only");
     const auto add_form = [&](const std::string& name, Form form, const std::string& what) {
         return command
-            ->add_flag_callback(
+            .add_flag_callback(
                 name, [&options, form] { options.form = form; }, what)
             ->excludes(quiet);
     };
@@ -275,66 +177,141 @@ void add_check(CLI::App& app, Options& options, Command& chosen) {
     auto* nagios = add_form("--nagios", Form::nagios, "Print one line for Nagios and the like")->excludes(json);
     auto* prometheus = add_form("--prometheus", Form::prometheus, "Print metrics for Prometheus");
     prometheus->excludes(json)->excludes(nagios);
-    zqu::tools::add_duration(
-        *command, "--max-age", [&options](auto seconds) { options.max_age_s = seconds; },
+    tools::add_duration(
+        command, "--max-age", [&options](auto seconds) { options.max_age_s = seconds; },
         "An older release is a warning, one of twice this age critical", 1);
-    command->add_option("MIRROR", options.mirror, "Root directory of the mirror, or its URL: scheme and host")
+    command.add_option("MIRROR", options.mirror, "Root directory of the mirror, or its URL: scheme and host")
         ->required()
         ->check(no_mirror);
-    command->callback([&options, &chosen] {
+    command.callback([&options] {
         if (options.max_age_s > 0 && options.form != Form::nagios && options.form != Form::prometheus) {
             throw CLI::RequiresError("--max-age", "--nagios or --prometheus");
         }
-        chosen = zqu::mirror_tool::check;
     });
-    command->footer(std::string(about_check) + "\n" + about_exit);
 }
 
-int carry_out(Command command, Options options) {
-    Run run;
-    if (!is_url(options.mirror)) {
-        options.mirror = fs::absolute(options.mirror);
-    }
-    return command(options, run);
-}
+struct Entry {
+    const char* name;
+    const char* summary;
+    void (*add_options)(CLI::App& command, Options& options);
+    Command run;
+    const char* about;  // begins with an empty line
+};
+
+const Entry entries[] = {
+    {"publish", "Publish a release and make it current", add_publish, done<publish>, R"(
+Writes the release and then, in one step, makes it current. Clients see the old release or the new one, whole.
+When anything fails, one line says why and the mirror is left as it was. Publishing the same content again makes
+that release current again; an id never gets other content. The order of the files counts: a pair whose names
+show that it is swapped is refused. A CAB holds 2147450880 bytes with its index; --zip has no such limit.
+
+Examples:
+  zqu-mirror publish --id 20240131.007 /srv/mirror antivir.def aivsecon.def
+  zqu-mirror publish --flavor v3 --zip --id 20240131.008 /srv/mirror big.def small.def
+)"},
+    {"mirror", "Copy the current release of an upstream mirror", add_mirror, done<mirror>, R"(
+Asks the upstream mirror for its current release and, when that is another one than here, downloads it, verifies
+it as a client would, and makes it current in one step. Id, INI file and archive are the upstream's, to the byte.
+Nothing new is a success too, and changes nothing. When anything fails, one line says why, and the mirror is left
+as it was; an id never gets other content.
+
+Examples:
+  zqu-mirror mirror https://definitions.zelgw.example /srv/mirror
+  zqu-mirror mirror --flavor v3 --ca /etc/ssl/upstream-ca.pem https://mirror.example /srv/mirror
+)"},
+    {"activate", "Make a release of the mirror current again", add_activate, done<activate>, R"(
+Checks a release that is on the mirror and makes it current again. The one that was current is held then: mirror
+does not take it again, until it is published or activated, or mirror is run with --force.
+
+Example:
+  zqu-mirror activate /srv/mirror 20240131.007
+)"},
+    {"repair", "Restore what is damaged", add_repair, done<repair>, R"(
+Finds INI files and archives that are missing, cut short or changed, and what killed runs have left. With --from,
+restores the files from there, to the byte; when no side has the release that the hit INI names, makes the
+upstream's current one current. Otherwise makes the release current that was so before, with --yes only. Never
+chooses a held release. Moves what it replaces below .zqu-mirror.replaced, which is not served.
+
+Examples:
+  zqu-mirror repair --from https://definitions.zelgw.example /srv/mirror
+  zqu-mirror repair --yes /srv/mirror
+)"},
+    {"prune", "Remove old releases", add_prune, done<prune>, R"(
+Removes the releases that neither --keep nor --older-than keeps (without these two: none), and what killed runs
+have left. A release's age counts from when it was published or ceased to be current. What the hit INI of any
+flavor names is always kept, and what was current within the grace, because clients may be about to fetch it.
+Archives that no INI names are removed if they have a name of ours; others are kept and listed. When an INI file
+cannot be understood, nothing is removed.
+
+Examples:
+  zqu-mirror prune --keep 5 --dry-run /srv/mirror
+  zqu-mirror prune --keep 5 --older-than 30d /srv/mirror
+)"},
+    {"list", "List the releases on a mirror", add_list, list, R"(
+Lists the releases, the current one first, then the newest. The states are: current; within the grace, which is
+the time that prune leaves to clients; held, which is what mirror does not take again; damaged; former. What is
+wrong with the mirror is said on standard error, and the exit status is 1 then.
+
+Examples:
+  zqu-mirror list /srv/mirror
+  zqu-mirror list --json /srv/mirror
+)"},
+    {"check", "Check what clients find on a mirror", add_check, check, R"(
+Reads the mirror as the daemon does, downloads the archive of the current release below $TMPDIR (/tmp), and
+prints one line per step: ok, warning (clients succeed all the same) or FAULT (clients fail, or cannot read the
+index). The archive is read by a process without root's privileges, and not unpacked to disk. What goes wrong on
+this machine, such as too little room, is no FAULT: one line on standard error says what it is.
+
+--nagios exits with 0 ok, 1 warning, 2 critical (a FAULT) or 3 unknown, --prometheus with 0.
+
+Examples:
+  zqu-mirror check /srv/mirror
+  zqu-mirror check --ca /etc/ssl/fleet-ca.pem https://mirror.example
+  zqu-mirror check --nagios --max-age 2d https://mirror.example
+)"},
+};
 
 // Says in the form of a plugin for Nagios why there is no verdict.
 int unknown(const std::string& reason) {
-    using zqu::tools::Verdict;
-    zqu::tools::print(zqu::tools::nagios_line("MIRROR", Verdict::unknown, zqu::tools::shown(reason)));
-    return zqu::tools::exit_status(Verdict::unknown);
+    tools::print(tools::nagios_line("MIRROR", tools::Verdict::unknown, tools::shown(reason)));
+    return unknown_status;
 }
 
 int parse_and_carry_out(int argc, char** argv, bool plugin) {
     constexpr int wrong_command_line = 2;
     Options options;
-    Command chosen = nullptr;
     CLI::App app(about, "zqu-mirror");
     app.set_version_flag("--version", "zqu-mirror " ZQU_VERSION);
     app.require_subcommand(1);
     app.footer(std::string("Each command has its own --help.\n\n") + about_exit);
-    add_publish(app, options, chosen);
-    add_mirror(app, options, chosen);
-    add_activate(app, options, chosen);
-    add_repair(app, options, chosen);
-    add_prune(app, options, chosen);
-    add_list(app, options, chosen);
-    add_check(app, options, chosen);
-    const auto refuse = [plugin](const std::string& text) {
-        plugin ? void(unknown(text)) : zqu::tools::complain(text);
-    };
-    if (const auto status = zqu::tools::parse(app, argc, argv, plugin ? unknown_status : wrong_command_line, refuse)) {
+    for (const Entry& entry : entries) {
+        CLI::App* command = app.add_subcommand(entry.name, entry.summary);
+        command->footer(std::string(entry.about + 1) + "\n" + about_exit);
+        add_common(*command, options);
+        entry.add_options(*command, options);
+    }
+    const auto refuse = [plugin](const std::string& text) { plugin ? void(unknown(text)) : tools::complain(text); };
+    if (const auto status = tools::parse(app, argc, argv, plugin ? unknown_status : wrong_command_line, refuse)) {
         return *status;
     }
-    return carry_out(chosen, options);
+    Run run;
+    if (!is_url(options.mirror)) {
+        options.mirror = fs::absolute(options.mirror);
+    }
+    const auto chosen = std::find_if(std::begin(entries), std::end(entries),
+                                     [&app](const Entry& entry) { return app.got_subcommand(entry.name); });
+    return chosen->run(options, run);
 }
 
 }  // namespace
+
+}  // namespace zqu::mirror_tool
 
 int main(int argc, char** argv) {
     umask(022);                         // the web server must be able to read it
     setenv("GIO_USE_VFS", "local", 1);  // no session bus, no helpers
     const bool plugin = std::find(argv, argv + argc, std::string("--nagios")) != argv + argc;
+    using namespace zqu::mirror_tool;
     return zqu::tools::run_program("zqu-mirror", plugin ? unknown_status : EXIT_FAILURE, [&] {
         try {
             return parse_and_carry_out(argc, argv, plugin);
