@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "descriptors.hpp"
+
 namespace zqu::tools {
 
 const std::array<Setting, 11> settings = {{
@@ -29,16 +31,17 @@ const Setting* find_setting(const std::string& name) {
     return found == settings.end() ? nullptr : found;
 }
 
-Configuration load_configuration(const std::string& path, const zqu::Config& start) {
-    Configuration made;
-    made.cfg = start;
+Fatal load_configuration(const std::string& path, zqu::Config& cfg) {
     try {
-        made.opened = zqu::Config::load(path, made.cfg);
-    } catch (const std::logic_error&) {  // std::invalid_argument and std::out_of_range, both from std::stoul
-        made.opened = true;
-        made.fatal = true;
+        if (!zqu::Config::load(path, cfg)) {
+            fail_errno("cannot open " + path);
+        }
+    } catch (const std::invalid_argument&) {
+        return Fatal::no_digits;
+    } catch (const std::out_of_range&) {
+        return Fatal::too_large;
     }
-    return made;
+    return Fatal::no;
 }
 
 }  // namespace zqu::tools

@@ -37,15 +37,11 @@ extern const std::array<Setting, 11> settings;
 // The setting of exactly that name; null when there is none.
 [[nodiscard]] const Setting* find_setting(const std::string& name);
 
-// What the daemon makes of a configuration file.
-struct Configuration {
-    zqu::Config cfg;      // with fatal: what the lines before the malformed number left
-    bool opened = false;  // false: the daemon warns and goes on with the defaults
-    bool fatal = false;   // true: a malformed number ends the daemon before it does anything
-};
+// The malformed number that ends the daemon at its start.
+enum class Fatal { no, no_digits, too_large };
 
-// Reads path as the daemon does at its start: start is what holds before, then Config::load. Prints nothing. Throws
-// what Config::load throws for other reasons than a malformed number (std::bad_alloc).
-[[nodiscard]] Configuration load_configuration(const std::string& path, const zqu::Config& start = {});
+// Adds to cfg what the daemon takes from path, up to a malformed number. Throws std::system_error when path cannot be
+// opened; the daemon then goes on with the defaults.
+[[nodiscard]] Fatal load_configuration(const std::string& path, zqu::Config& cfg);
 
 }  // namespace zqu::tools

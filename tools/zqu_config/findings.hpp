@@ -1,16 +1,51 @@
-// What zqu-config finds in a configuration, the checks that find it, and the user that they ask for.
+// How the daemon reads a configuration file, what zqu-config finds in it, and the user that the checks ask for.
 #pragma once
 
 #include <sys/types.h>
 
 #include <chrono>
 #include <cstddef>
+#include <map>
 #include <string>
 #include <vector>
 
-#include "reading.hpp"
+#include "config.hpp"
+#include "settings.hpp"
 
 namespace zqu::config_tool {
+
+// A line that is not blank.
+struct Line {
+    std::size_t number = 0;                 // from 1
+    std::string text;                       // trimmed
+    std::string key;                        // before the first "=", trimmed; for messages only
+    std::string value;                      // after it, likewise
+    const tools::Setting* sets = nullptr;   // what the daemon takes from this line, or null
+    std::string daemons_value{};            // the value that it takes
+    tools::Fatal fatal = tools::Fatal::no;  // why the line ends the daemon at its start
+};
+
+struct Reading {
+    std::string path;
+    std::string trouble;  // why the file cannot be read; empty when it can be
+    bool denied = false;  // the trouble is this program's user's only
+    std::vector<Line> lines;
+    Config cfg;             // without a text: the defaults; with a fatal line: what the lines before it left
+    std::size_t fatal = 0;  // the first line that ends the daemon at its start; 0: none
+    std::map<std::string, std::size_t> set_on;  // key: the line that has its value
+
+    // 0: the key has its default.
+    [[nodiscard]] std::size_t line(const std::string& key) const;
+};
+
+// Reads the regular file at path. Anything else, what cannot be read to its end and what is longer than
+// tools::largest_config is trouble; never waits for a FIFO or a device. Throws std::system_error when the daemon's
+// reader cannot be given a file in memory.
+[[nodiscard]] Reading read_configuration(const std::string& path);
+
+// The settings, where each comes from, and what follows from them; or the trouble or the fatal line alone.
+[[nodiscard]] std::string shown_as_text(const Reading& reading);
+[[nodiscard]] std::string shown_as_json(const Reading& reading);
 
 // note: worth knowing. warning: the daemon runs, but maybe not as meant. error: updates, the status file or the daemon
 // itself fail.

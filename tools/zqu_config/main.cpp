@@ -8,16 +8,14 @@
 
 #include "findings.hpp"
 #include "program.hpp"
-#include "reading.hpp"
 
 namespace {
 
-namespace config_tool = zqu::config_tool;
-using config_tool::Findings;
-using config_tool::Severity;
+using namespace zqu::config_tool;
+using namespace zqu::tools;
 
 struct ConfigRequest {
-    std::vector<std::string> paths = {zqu::tools::default_config_path};
+    std::vector<std::string> paths = {default_config_path};
     std::string user;  // whom access is asked for; empty: the default one
     bool online = false;
     std::int64_t timeout_s = 30;
@@ -50,8 +48,8 @@ constexpr const char* about_show =
 
 // A file that cannot be read, or ends the daemon at its start, has no settings to check.
 Findings find(const ConfigRequest& request) {
-    const config_tool::User user = config_tool::choose_user(request.user);
-    const config_tool::Reading reading = config_tool::read_configuration(request.paths.front());
+    const User user = choose_user(request.user);
+    const Reading reading = read_configuration(request.paths.front());
     Findings findings;
     if (reading.denied && user.can_ask()) {
         findings.error(
@@ -83,7 +81,7 @@ int check(const ConfigRequest& request) {
     const Findings findings = find(request);
     if (!request.quiet) {
         const std::string& path = request.paths.front();
-        zqu::tools::print(request.json ? findings.as_json(path) : findings.as_text(path));
+        print(request.json ? findings.as_json(path) : findings.as_text(path));
     }
     if (findings.count(Severity::error) != 0) {
         return faulty;
@@ -94,9 +92,8 @@ int check(const ConfigRequest& request) {
 int show(const ConfigRequest& request) {
     int status = clean;
     for (const std::string& path : request.paths) {
-        const auto reading = config_tool::read_configuration(path);
-        zqu::tools::print(request.json ? shown_as_json(reading)
-                                       : shown_as_text(reading) + (request.paths.size() > 1 ? "\n" : ""));
+        const auto reading = read_configuration(path);
+        print(request.json ? shown_as_json(reading) : shown_as_text(reading) + (request.paths.size() > 1 ? "\n" : ""));
         status = std::max(status, reading.trouble.empty() && reading.fatal == 0 ? clean : faulty);
     }
     return status;
@@ -107,7 +104,7 @@ CLI::App* add_check(CLI::App& app, ConfigRequest& request) {
     command->add_option("FILE", request.paths.front(), "The configuration")->capture_default_str();
     command->add_option("--user", request.user, "The user that the daemon runs as");
     auto* online = command->add_flag("--online", request.online, "Ask the mirror for its current release too");
-    zqu::tools::add_duration(
+    add_duration(
         *command, "--timeout", [&](std::int64_t seconds) { request.timeout_s = seconds; },
         "How long the mirror has for that [30]", 1)
         ->needs(online);
@@ -132,7 +129,7 @@ int run(int argc, char** argv) {
     app.footer("Each command has its own --help.");
     const CLI::App* checks = add_check(app, request);
     add_show(app, request);
-    if (const auto status = zqu::tools::parse(app, argc, argv, faulty)) {
+    if (const auto status = parse(app, argc, argv, faulty)) {
         return *status;
     }
     return checks->parsed() ? check(request) : show(request);
@@ -141,5 +138,5 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    return zqu::tools::run_program("zqu-config", faulty, [&] { return run(argc, argv); });
+    return run_program("zqu-config", faulty, [&] { return run(argc, argv); });
 }

@@ -1,16 +1,22 @@
+#include <fcntl.h>
+#include <grp.h>
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
+#include <pwd.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 
+#include "child.hpp"
 #include "descriptors.hpp"
 #include "findings.hpp"
 #include "settings.hpp"
@@ -18,9 +24,27 @@
 
 namespace zqu::config_tool {
 
+using namespace tools;
+
 namespace {
 
 namespace fs = std::filesystem;
+
+// statvfs(3): root alone may use what is reserved. A file system without a number of inodes gives 0 for all of them.
+bool has_room(const std::string& path) {
+    struct statvfs room {};
+    const bool known = statvfs(path.c_str(), &room) == 0;
+    const bool root = geteuid() == 0;
+    return !known || ((root ? room.f_bfree : room.f_bavail) != 0 &&
+                      (room.f_files == 0 || (root ? room.f_ffree : room.f_favail) != 0));
+}
+
+int ask(const std::string& path, int mode) {
+    if (faccessat(AT_FDCWD, path.c_str(), mode & ~room_too, AT_EACCESS) != 0) {
+        return errno;
+    }
+    return (mode & room_too) == 0 || has_room(path) ? 0 : ENOSPC;
+}
 
 // What is at a path, links followed.
 struct At {
@@ -78,10 +102,9 @@ void free_infos(STACK_OF(X509_INFO) * infos) {
 // What is wrong with a file of certificates, read as libssl does; empty when libcurl can use it.
 std::string fault_of_certificates(const std::string& path) {
     constexpr std::size_t most = 16 << 20;
-    const std::string text = tools::read_all(tools::open_regular(path).get(), most, path);
-    const tools::Handle<BIO, BIO_free> in(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
-    const tools::Handle<STACK_OF(X509_INFO), free_infos> infos(
-        PEM_X509_INFO_read_bio(in.get(), nullptr, nullptr, nullptr));
+    const std::string text = read_all(open_regular(path).get(), most, path);
+    const Handle<BIO, BIO_free> in(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+    const Handle<STACK_OF(X509_INFO), free_infos> infos(PEM_X509_INFO_read_bio(in.get(), nullptr, nullptr, nullptr));
     ERR_clear_error();
     for (int i = 0; infos && i < sk_X509_INFO_num(infos.get()); ++i) {
         if (sk_X509_INFO_value(infos.get(), i)->x509 != nullptr) {
@@ -97,14 +120,14 @@ struct ConfiguredPath {
     std::string path;
     std::size_t line = 0;
 
-    [[nodiscard]] std::string start() const { return key + (key.empty() ? "" : ": ") + tools::quoted(path); }
+    [[nodiscard]] std::string start() const { return key + (key.empty() ? "" : ": ") + quoted(path); }
 };
 
 struct Paths {
     const Reading& reading;
     const User& user;
     Findings& findings;
-    const zqu::Config& cfg = reading.cfg;
+    const Config& cfg = reading.cfg;
 
     void check_configuration() {
         const std::string unreadable = why_not(reading.path, R_OK);
@@ -173,7 +196,7 @@ struct Paths {
             return;
         }
         check_absolute(place);
-        const zqu::Config defaults;
+        const Config defaults;
         if (!is_same_file(cfg.def_root, defaults.def_root) && is_within(place.path, defaults.def_root)) {
             const std::size_t line = place.line != 0 ? place.line : reading.line("def_root");
             findings.warning(line, place.start() + " does not follow def_root, which is elsewhere");
@@ -212,8 +235,7 @@ struct Paths {
             if (refused.empty()) {
                 note(place, " is missing: the daemon makes it");
             } else {
-                error(place,
-                      " is missing, and user " + user.name + " cannot make it in " + tools::quoted(existing) + refused);
+                error(place, " is missing, and user " + user.name + " cannot make it in " + quoted(existing) + refused);
             }
         } else if (at.error != 0 && !is_hidden(place, at.error)) {
             error(place, " cannot be examined" + reason(at.error));
@@ -229,7 +251,7 @@ struct Paths {
     void check_status_place(const ConfiguredPath& place) {
         for (const std::string name : {"/active", "/active.tmp", "/snapshots"}) {
             if (is_within(place.path, cfg.def_root + name)) {
-                error(place, " is in the way of " + tools::quoted(cfg.def_root + name));
+                error(place, " is in the way of " + quoted(cfg.def_root + name));
             }
         }
         if (is_same_file(place.path, reading.path)) {
@@ -260,7 +282,7 @@ struct Paths {
     }
 
     void check_writable_in_unit(const ConfiguredPath& place, const std::string& directory) {
-        const zqu::Config defaults;
+        const Config defaults;
         if (!directory.empty() && directory.front() == '/' && !is_within(directory, defaults.def_root)) {
             note(place, " needs a drop-in of the unit to be written by the service: ReadWritePaths=" + directory);
         }
@@ -317,13 +339,51 @@ struct Paths {
 
 }  // namespace
 
+std::string caller() {
+    const passwd* entry = getpwuid(geteuid());
+    return entry != nullptr ? entry->pw_name : std::to_string(geteuid());
+}
+
+User choose_user(const std::string& name) {
+    const std::string wanted = name.empty() ? service_user : name;
+    const passwd* entry = getpwnam(wanted.c_str());
+    if (entry == nullptr && !name.empty()) {
+        throw std::invalid_argument("there is no user " + printable(name));
+    }
+    if (entry != nullptr && (geteuid() == 0 || geteuid() == entry->pw_uid)) {
+        return {wanted, entry->pw_uid, entry->pw_gid, true, ""};
+    }
+    User self{caller(), geteuid(), getegid(), false, ""};
+    if (self.uid == 0) {
+        self.remark = "there is no user " + wanted + ": what may be read and written was checked for " + self.name;
+    } else {
+        self.remark = "what user " + wanted + " may read and write was not checked: run as root";
+    }
+    return self;
+}
+
+int refusal(const User& user, const std::string& path, int mode) {
+    if (user.uid == geteuid()) {
+        return ask(path, mode);
+    }
+    const auto answer = in_child([&] { become(user); }, [&] { return std::to_string(ask(path, mode)); });
+    return answer.succeeded() ? std::stoi(answer.output) : EPERM;
+}
+
+void become(const User& user) {
+    if (user.uid != geteuid() &&
+        (initgroups(user.name.c_str(), user.gid) != 0 || setgid(user.gid) != 0 || setuid(user.uid) != 0)) {
+        throw std::runtime_error("cannot become user " + user.name);
+    }
+}
+
 void check_paths(const Reading& reading, const User& user, Findings& findings) {
     Paths paths{reading, user, findings};
     paths.check_configuration();
     paths.check_ca();
     paths.check_root();
     paths.check_status();
-    if (reading.path == tools::default_config_path) {
+    if (reading.path == default_config_path) {
         paths.check_unit();
     }
 }

@@ -1,17 +1,21 @@
-#include "reading.hpp"
-
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <map>
 #include <stdexcept>
+#include <string>
 #include <system_error>
+#include <utility>
 
 #include "descriptors.hpp"
 #include "findings.hpp"
+#include "text.hpp"
 
 namespace zqu::config_tool {
+
+using namespace tools;
 
 namespace {
 
@@ -21,22 +25,9 @@ std::string trim(const std::string& text) {
     return start == std::string::npos ? "" : text.substr(start, text.find_last_not_of(blanks) - start + 1);
 }
 
-Line::Fatal load(const std::string& path, zqu::Config& cfg) {
-    try {
-        if (!zqu::Config::load(path, cfg)) {
-            tools::fail_errno("cannot open a file in memory");
-        }
-    } catch (const std::invalid_argument&) {
-        return Line::Fatal::no_digits;
-    } catch (const std::out_of_range&) {
-        return Line::Fatal::too_large;
-    }
-    return Line::Fatal::no;
-}
-
-zqu::Config filled(const std::string& text, std::uint32_t number) {
-    zqu::Config cfg;
-    for (const tools::Setting& setting : tools::settings) {
+Config filled(const std::string& text, std::uint32_t number) {
+    Config cfg;
+    for (const Setting& setting : settings) {
         if (setting.text != nullptr) {
             cfg.*setting.text = text;
         } else {
@@ -77,20 +68,20 @@ private:
     // Loads the lines over two configurations that differ in each setting: one that is equal then was set by them. Goes
     // into the parts of lines that have an effect.
     void learn(std::size_t first, std::size_t end) {
-        const tools::Fd file = tools::memory_file(text_.substr(starts_[first], starts_[end] - starts_[first]));
-        const std::string path = tools::memory_path(file);
-        zqu::Config a = filled("a", 0);
-        zqu::Config b = filled("b", 1);
-        const Line::Fatal fatal = load(path, a);
-        static_cast<void>(load(path, b));
-        const auto is_set = [&](const tools::Setting& setting) { return setting.of(a) == setting.of(b); };
-        const auto* const set = std::find_if(tools::settings.begin(), tools::settings.end(), is_set);
-        if (set == tools::settings.end() && fatal == Line::Fatal::no) {
+        const Fd file = memory_file(text_.substr(starts_[first], starts_[end] - starts_[first]));
+        const std::string path = memory_path(file);
+        Config a = filled("a", 0);
+        Config b = filled("b", 1);
+        const Fatal fatal = load_configuration(path, a);
+        static_cast<void>(load_configuration(path, b));
+        const auto is_set = [&](const Setting& setting) { return setting.of(a) == setting.of(b); };
+        const auto* const set = std::find_if(settings.begin(), settings.end(), is_set);
+        if (set == settings.end() && fatal == Fatal::no) {
             return;
         }
         if (end - first == 1) {
             lines_[first].fatal = fatal;
-            lines_[first].sets = fatal == Line::Fatal::no ? set : nullptr;
+            lines_[first].sets = fatal == Fatal::no ? set : nullptr;
             lines_[first].daemons_value = lines_[first].sets != nullptr ? set->of(a) : "";
             return;
         }
@@ -119,10 +110,167 @@ std::string read_file(const std::string& path, std::string& text) {
     if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
         return kind_of(status.st_mode);
     }
-    text = tools::read_all(tools::open_regular(path).get(), tools::largest_config, path);
-    return text.size() <= tools::largest_config
+    text = read_all(open_regular(path).get(), largest_config, path);
+    return text.size() <= largest_config
                ? ""
-               : "is longer than " + std::to_string(tools::largest_config) + " bytes: it was not checked";
+               : "is longer than " + std::to_string(largest_config) + " bytes: it was not checked";
+}
+
+std::string lower(std::string name) {
+    std::transform(name.begin(), name.end(), name.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    return name;
+}
+
+// One finding for a line, for its first control byte. Those in a comment do no harm, but for one that others may have
+// taken for the end of the comment.
+void check_controls(const Line& line, Findings& findings) {
+    const bool comment = line.text[0] == '#';
+    const auto is_control = [comment](char c) {
+        return c == '\r' || (!comment && ((static_cast<unsigned char>(c) < ' ' && c != '\t') || c == '\x7f'));
+    };
+    const auto found = std::find_if(line.text.begin(), line.text.end(), is_control);
+    if (found == line.text.end()) {
+        return;
+    }
+    findings.warning(line.number,
+                     *found == '\r' ? "a carriage return in the middle ends no line: what follows belongs to this one"
+                                    : "the control byte " + printable(std::string(1, *found)) + " is part of the line");
+}
+
+void check_mark(const Line& line, Findings& findings) {
+    for (const std::string mark : {"\xEF\xBB\xBF", "\xFF\xFE", "\xFE\xFF"}) {
+        if (line.text.compare(0, mark.size(), mark) == 0) {
+            findings.warning(line.number, "the byte order mark " + printable(mark) + " is part of the line");
+        }
+    }
+}
+
+void check_no_equals(const Line& line, Findings& findings) {
+    const std::string word = line.text.substr(0, line.text.find_first_of(" \t:"));
+    std::string text = "no \"=\" in " + excerpt(line.text) + ": the line is ignored";
+    if (line.text.front() == '[') {
+        text = "there are no sections: " + excerpt(line.text) + " is ignored";
+    } else if (line.text.front() == ';') {
+        text = "\";\" begins no comment; the line is ignored because it has no \"=\"";
+    } else if (find_setting(word) != nullptr) {
+        text = word + " is not set here: the line has no \"=\", and is ignored";
+    }
+    findings.warning(line.number, text);
+}
+
+// The key that shares most letters with name, at its start and its end; empty when more than a third of them differ.
+std::string nearest_key(std::string name) {
+    std::replace(name.begin(), name.end(), '-', '_');
+    std::string nearest;
+    std::size_t most = 0;
+    for (const Setting& setting : settings) {
+        const std::string key = setting.name;
+        const auto start = std::mismatch(name.begin(), name.end(), key.begin(), key.end()).first - name.begin();
+        const auto end = std::mismatch(name.rbegin(), name.rend(), key.rbegin(), key.rend()).first - name.rbegin();
+        const auto same = std::min({static_cast<std::size_t>(start + end), name.size(), key.size()});
+        if (same > most && 3 * same >= 2 * std::max(name.size(), key.size())) {
+            nearest = key;
+            most = same;
+        }
+    }
+    return nearest;
+}
+
+std::string hint_at_key(const std::string& key) {
+    const std::string bare = without_invisible(key);
+    if (bare != key && find_setting(bare) != nullptr) {
+        return "; there is an invisible character beside " + bare;
+    }
+    if (key.front() == ';') {
+        return "; \";\" begins no comment";
+    }
+    const std::string plain = lower(key);
+    if (find_setting(plain) != nullptr) {
+        return "; keys are case-sensitive: " + plain;
+    }
+    const std::string nearest = nearest_key(plain);
+    return nearest.empty() ? "" : "; the nearest is " + nearest;
+}
+
+void check_unknown_key(const Line& line, Findings& findings) {
+    if (line.key.empty()) {
+        findings.warning(line.number, "no key before the \"=\": the line is ignored");
+    } else {
+        findings.warning(line.number, "unknown key " + excerpt(line.key) + " is ignored" + hint_at_key(line.key));
+    }
+}
+
+void check_fatal(const Line& line, Findings& findings) {
+    const bool digits = line.fatal == Fatal::too_large;
+    findings.error(line.number, line.key + ": " + (line.value.empty() ? "the empty value" : excerpt(line.value)) +
+                                    (digits ? " is beyond 64 bits" : " does not begin with a digit") +
+                                    ": the daemon would end at its start");
+}
+
+// Explains why the daemon's number is not the text.
+void check_number(const Line& line, Findings& findings) {
+    const bool sign = line.value.front() == '+' || line.value.front() == '-';
+    const std::string written = line.value.substr(sign ? 1 : 0);
+    const std::string digits = written.substr(0, written.find_first_not_of("0123456789"));
+    const std::string rest = written.substr(digits.size());
+    const std::string& read = line.daemons_value;
+    const auto significant = std::min(digits.find_first_not_of('0'), digits.size() - 1);
+    std::string why = sign ? ", with a sign" : "";
+    if (!rest.empty()) {
+        why += ", " + excerpt(rest) + " is ignored";
+    }
+    if (digits.substr(significant) != read || (line.value.front() == '-' && read != "0")) {
+        why += ", only the low 32 bits are kept";
+    }
+    if (!why.empty()) {
+        findings.warning(line.number, line.key + ": " + excerpt(line.value) + " is read as " + read + why);
+    }
+}
+
+bool has_trailing_comment(const std::string& value) {
+    return value[0] == '#' || value.find(" #") != std::string::npos || value.find("\t#") != std::string::npos;
+}
+
+void check_text(const Line& line, Findings& findings) {
+    const std::string& value = line.value;
+    if (value.empty()) {
+        return;
+    }
+    const std::string quotes = "\"'";
+    const bool is_quoted =
+        quotes.find(value.front()) != std::string::npos || quotes.find(value.back()) != std::string::npos;
+    const bool invisible = without_invisible(value) != value;
+    const std::pair<bool, const char*> misunderstood[] = {
+        {has_trailing_comment(value), "there are no trailing comments, the \"#\" is part"},
+        {is_quoted, "the quotes are part"},
+        {invisible, "an invisible character is part"},
+        {value.front() == '=', "a second \"=\" is part"},
+        {value.front() == '~', "nothing is expanded, \"~\" is part"},
+        {value.find('$') != std::string::npos, "nothing is expanded, \"$\" is part"},
+        {value.back() == '\\', "lines are not joined, the \"\\\" is part"},
+    };
+    for (const auto& [applies, what] : misunderstood) {
+        if (applies) {
+            findings.warning(line.number, line.key + ": " + what + " of the value " + excerpt(value));
+        }
+    }
+}
+
+void check_line(const Line& line, Findings& findings) {
+    if (line.number == 1) {
+        check_mark(line, findings);
+    }
+    check_controls(line, findings);
+    if (line.fatal != Fatal::no) {
+        check_fatal(line, findings);
+    } else if (line.sets != nullptr) {
+        line.sets->number != nullptr ? check_number(line, findings) : check_text(line, findings);
+    } else if (line.text.find('=') == std::string::npos && line.text.front() != '#') {
+        check_no_equals(line, findings);
+    } else if (line.text.front() != '#') {
+        check_unknown_key(line, findings);
+    }
 }
 
 }  // namespace
@@ -148,10 +296,10 @@ Reading read_configuration(const std::string& path) {
         return reading;
     }
     reading.lines = Learner(text).learn();
-    const tools::Fd file = tools::memory_file(text);
-    static_cast<void>(load(tools::memory_path(file), reading.cfg));
+    const Fd file = memory_file(text);
+    static_cast<void>(load_configuration(memory_path(file), reading.cfg));
     for (const Line& line : reading.lines) {
-        if (line.fatal != Line::Fatal::no) {
+        if (line.fatal != Fatal::no) {
             reading.fatal = line.number;
             break;
         }
@@ -160,6 +308,21 @@ Reading read_configuration(const std::string& path) {
         }
     }
     return reading;
+}
+
+void check_lines(const Reading& reading, Findings& findings) {
+    std::map<std::string, std::size_t> last;
+    for (const Line& line : reading.lines) {
+        check_line(line, findings);
+        if (line.sets != nullptr || line.fatal != Fatal::no) {
+            std::size_t& former = last[line.key];
+            if (former != 0) {
+                findings.warning(former,
+                                 line.key + " is set again on line " + std::to_string(line.number) + ", which wins");
+            }
+            former = line.number;
+        }
+    }
 }
 
 }  // namespace zqu::config_tool

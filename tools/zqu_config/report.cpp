@@ -4,10 +4,11 @@
 #include <nlohmann/json.hpp>
 
 #include "mirror_client.hpp"
-#include "reading.hpp"
 #include "text.hpp"
 
 namespace zqu::config_tool {
+
+using namespace tools;
 
 namespace {
 
@@ -28,7 +29,7 @@ std::string dump(const ordered_json& object) {
 
 std::string row(const std::string& name, const std::string& value, const std::string& source = "") {
     constexpr std::size_t width = 20;
-    std::string line = name + std::string(width - std::min(width, name.size()), ' ') + tools::printable(value);
+    std::string line = name + std::string(width - std::min(width, name.size()), ' ') + printable(value);
     return line + (source.empty() ? "" : "    (" + source + ")") + "\n";
 }
 
@@ -36,8 +37,8 @@ ordered_json line_or_null(std::size_t line) {
     return line == 0 ? ordered_json(nullptr) : ordered_json(line);
 }
 
-ordered_json derived(const zqu::Config& cfg) {
-    return {{"hit_ini_url", zqu::MirrorClient(cfg).hit_ini_url()},
+ordered_json derived(const Config& cfg) {
+    return {{"hit_ini_url", MirrorClient(cfg).hit_ini_url()},
             {"definition_files", {"antivir-" + cfg.flavor + ".def", "aivsecon-" + cfg.flavor + ".def"}},
             {"snapshots", cfg.def_root + "/snapshots"},
             {"active", cfg.def_root + "/active"}};
@@ -67,7 +68,7 @@ bool Findings::first(std::size_t line, const std::string& key, const std::vector
 }
 
 std::string Findings::as_text(const std::string& path) const {
-    const std::string file = tools::printable(path);
+    const std::string file = printable(path);
     std::string text;
     for (const LineFinding& finding : all_) {
         const std::string line = finding.line == 0 ? "" : ":" + std::to_string(finding.line);
@@ -98,7 +99,7 @@ std::string Findings::as_json(const std::string& path) const {
 }
 
 std::string shown_as_text(const Reading& reading) {
-    const std::string path = tools::printable(reading.path);
+    const std::string path = printable(reading.path);
     if (!reading.trouble.empty()) {
         return path + ": error: " + reading.trouble + "\n";
     }
@@ -106,7 +107,7 @@ std::string shown_as_text(const Reading& reading) {
         return path + ":" + std::to_string(reading.fatal) + ": error: " + fatal_text + "\n";
     }
     std::string text;
-    for (const tools::Setting& setting : tools::settings) {
+    for (const Setting& setting : settings) {
         const std::size_t line = reading.line(setting.name);
         text += row(setting.name, setting.of(reading.cfg), line == 0 ? "default" : path + ":" + std::to_string(line));
     }
@@ -123,7 +124,7 @@ std::string shown_as_json(const Reading& reading) {
         object["line"] = line_or_null(reading.fatal);
         object["error"] = reading.fatal == 0 ? reading.trouble : fatal_text;
     } else {
-        for (const tools::Setting& setting : tools::settings) {
+        for (const Setting& setting : settings) {
             ordered_json& entry = object["settings"][setting.name];
             entry["value"] = setting.of(reading.cfg);
             if (setting.number != nullptr) {

@@ -11,6 +11,8 @@
 
 namespace zqu::config_tool {
 
+using namespace tools;
+
 namespace {
 
 constexpr auto note = Severity::note;
@@ -29,12 +31,12 @@ public:
     [[nodiscard]] std::string part(CURLUPart which, unsigned flags = 0) const {
         char* text = nullptr;
         static_cast<void>(curl_url_get(url_.get(), which, &text, flags));
-        const tools::Handle<char, curl_free> owner(text);
+        const Handle<char, curl_free> owner(text);
         return text != nullptr ? text : "";
     }
 
 private:
-    tools::Handle<CURLU, curl_url_cleanup> url_;
+    Handle<CURLU, curl_url_cleanup> url_;
     CURLUcode error_;
 };
 
@@ -71,20 +73,19 @@ bool check_url(const std::string& key, const std::string& value, const Url& url,
 
 void check_scheme(std::size_t line, const std::string& base, const std::string& scheme, Findings& findings) {
     const bool guessed = Url(base, CURLU_NON_SUPPORT_SCHEME).error() != CURLUE_OK;
-    findings.first(
-        line, "mirror_base_url",
-        {{guessed, warning, "no scheme: libcurl guesses " + scheme},
-         {!is_supported(scheme), error, "libcurl knows no scheme " + tools::quoted(scheme) + ": every check fails"},
-         {scheme == "http", warning, "over http anybody on the way can replace definitions and digests"},
-         {scheme == "file", note, "the mirror is a directory of this machine"},
-         {scheme != "https", warning, "the scheme is none of https, http and file"}});
+    findings.first(line, "mirror_base_url",
+                   {{guessed, warning, "no scheme: libcurl guesses " + scheme},
+                    {!is_supported(scheme), error, "libcurl knows no scheme " + quoted(scheme) + ": every check fails"},
+                    {scheme == "http", warning, "over http anybody on the way can replace definitions and digests"},
+                    {scheme == "file", note, "the mirror is a directory of this machine"},
+                    {scheme != "https", warning, "the scheme is none of https, http and file"}});
 }
 
 void check_host_and_path(std::size_t line, const std::string& value, const Url& url, Findings& findings) {
     const std::string key = "mirror_base_url";
     findings.first(line, key,
                    {{value.find(":///") != std::string::npos, warning,
-                     "libcurl takes " + tools::quoted(url.part(CURLUPART_HOST)) + " for the host"}});
+                     "libcurl takes " + quoted(url.part(CURLUPART_HOST)) + " for the host"}});
     findings.first(
         line, key,
         {{!url.part(CURLUPART_USER).empty(), warning, "the log shows the URL with its user name and password"}});
@@ -116,10 +117,10 @@ void check_base_url(const Reading& reading, Findings& findings) {
 }
 
 // The setting alone, in the URL of the hit INI.
-void check_in_path(const Reading& reading, const char* key, std::string zqu::Config::*member, Findings& findings) {
-    zqu::Config cfg;
+void check_in_path(const Reading& reading, const char* key, std::string Config::*member, Findings& findings) {
+    Config cfg;
     cfg.*member = reading.cfg.*member;
-    const Url url(zqu::MirrorClient(cfg).hit_ini_url());
+    const Url url(MirrorClient(cfg).hit_ini_url());
     static_cast<void>(check_url(key, cfg.*member, url, reading.line(key), findings));
 }
 
@@ -130,7 +131,7 @@ void check_subdir(const Reading& reading, Findings& findings) {
     findings.first(reading.line("mirror_subdir"), "mirror_subdir",
                    {{none, warning, "empty: the URLs have a \"//\" before the file name"},
                     {slashes, note, "slashes at either end are left out"}});
-    check_in_path(reading, "mirror_subdir", &zqu::Config::mirror_subdir, findings);
+    check_in_path(reading, "mirror_subdir", &Config::mirror_subdir, findings);
 }
 
 void check_flavor(const Reading& reading, Findings& findings) {
@@ -142,14 +143,14 @@ void check_flavor(const Reading& reading, Findings& findings) {
     if (flavor.find('/') != std::string::npos) {
         findings.error(line, "flavor: a \"/\" makes paths of the files' names: every update fails");
     }
-    check_in_path(reading, "flavor", &zqu::Config::flavor, findings);
+    check_in_path(reading, "flavor", &Config::flavor, findings);
 }
 
 // The status file escapes five characters only.
 void check_engine_version(const Reading& reading, Findings& findings) {
     const std::string& version = reading.cfg.engine_version;
     const auto raw = [](char c) { return static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\r'; };
-    if (std::any_of(version.begin(), version.end(), raw) || tools::as_utf8(version) != version) {
+    if (std::any_of(version.begin(), version.end(), raw) || as_utf8(version) != version) {
         findings.warning(reading.line("engine_version"), "engine_version: the status file will be no valid JSON");
     }
 }

@@ -1,17 +1,30 @@
-#include "facts.hpp"
+#include <fcntl.h>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
+#include <tuple>
 
+#include "client.hpp"
 #include "descriptors.hpp"
+#include "digest.hpp"
+#include "inspect.hpp"
+#include "program.hpp"
+#include "report.hpp"
 #include "settings.hpp"
 #include "text.hpp"
+#include "verifier.hpp"
 
 namespace zqu::status_tool {
 
@@ -19,33 +32,29 @@ using namespace tools;
 
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr int looks = 26;  // opening with O_TRUNC may wait for a busy disk, with the file short meanwhile
 constexpr std::chrono::milliseconds between_looks(20);
 
-// Why the file cannot be read, and in which state that leaves the configuration; read when it can.
-ConfigState openable(const std::string& path, std::string& reason) {
-    try {
-        const Fd file = open_regular(path);
-        if (read_all(file.get(), largest_config, path).size() <= largest_config) {
-            return ConfigState::read;
-        }
-        reason = "it is longer than " + std::to_string(largest_config) + " bytes";
-    } catch (const std::system_error& e) {
-        reason = e.code().message();
-        const bool missing = e.code().value() == ENOENT || e.code().value() == ENOTDIR;
-        return missing ? ConfigState::missing : ConfigState::unreadable;
-    } catch (const std::runtime_error&) {
-        reason = "it is no regular file";
-    }
-    return ConfigState::unreadable;
+bool is_absence(int error) {
+    return error == ENOENT || error == ENOTDIR;
 }
 
-void read_configuration(Facts& facts) {
-    facts.config_state = openable(facts.config_path, facts.config_reason);
-    if (facts.config_state == ConfigState::read) {
-        const Configuration found = load_configuration(facts.config_path);
-        facts.cfg = found.cfg;
-        facts.config_state = found.fatal ? ConfigState::malformed : ConfigState::read;
+void read_configuration(const std::string& path, Facts& facts) {
+    facts.config_state = ConfigState::unreadable;
+    try {
+        if (read_all(open_regular(path).get(), largest_config, path).size() > largest_config) {
+            facts.config_reason = "it is longer than " + std::to_string(largest_config) + " bytes";
+            return;
+        }
+        const bool fatal = load_configuration(path, facts.cfg) != Fatal::no;
+        facts.config_state = fatal ? ConfigState::malformed : ConfigState::read;
+    } catch (const std::system_error& e) {
+        facts.config_state = is_absence(e.code().value()) ? ConfigState::missing : ConfigState::unreadable;
+        facts.config_reason = e.code().message();
+    } catch (const std::runtime_error&) {
+        facts.config_reason = "it is no regular file";
     }
 }
 
@@ -55,24 +64,219 @@ void look(Facts& facts) {
     facts.now = std::time(nullptr);
 }
 
-bool is_same_link(const Store& first, const Store& second) {
-    return first.link == second.link && first.target == second.target && first.published == second.published;
+bool settled(const Store& before, const Facts& facts) {
+    const StatusFile& status = facts.status;
+    const Store& now = facts.store;
+    const bool told = status.state == StatusState::valid ? status.contents.active_version == as_utf8(now.version)
+                                                         : status.state != StatusState::unfinished;
+    return told &&
+           std::tie(before.link, before.target, before.published) == std::tie(now.link, now.target, now.published);
 }
 
-bool settled(const Store& before, const Facts& facts) {
-    const bool told = facts.status.state == StatusState::valid &&
-                      facts.status.contents.active_version == as_utf8(facts.store.version);
-    const bool nothing_to_tell =
-        facts.status.state != StatusState::valid && facts.status.state != StatusState::unfinished;
-    return is_same_link(before, facts.store) && (told || nothing_to_tell);
+void read_link(const std::string& path, struct stat& found, Store& store) {
+    if (lstat(path.c_str(), &found) != 0) {
+        store.link = is_absence(errno) ? LinkState::missing : LinkState::unreadable;
+        store.reason = std::generic_category().message(errno);
+        return;
+    }
+    std::error_code error;
+    const fs::path target = fs::read_symlink(path, error);
+    if (!S_ISLNK(found.st_mode) || error) {
+        store.link = S_ISLNK(found.st_mode) ? LinkState::unreadable : LinkState::no_link;
+        store.reason = error.message();
+        return;
+    }
+    store.link = LinkState::in_service;
+    store.target = target.string();
+    store.version = target.filename().string();
+    store.published = found.st_mtime;
+}
+
+std::pair<time_t, long> exact(const timespec& time) {
+    return {time.tv_sec, time.tv_nsec};
+}
+
+// Whether the file was changed after the link was set. ctime alone tells it of most files, as mtime comes from the
+// archive. But each start of the packaged service renews the ctime of the link: a file that was written before that
+// has the same mtime and ctime, later than the link's mtime.
+bool is_changed(const struct stat& file, const struct stat& link) {
+    const auto changed = exact(file.st_ctim);
+    return changed > exact(link.st_mtim) && (changed == exact(file.st_mtim) || changed > exact(link.st_ctim));
+}
+
+// Whether the file begins and ends with nothing but zero bytes. Unknown is false.
+bool is_zeroed(int directory, const std::string& name, off_t size) {
+    const Fd file(openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    std::array<char, 4096> block{};
+    const off_t length = std::min<off_t>(block.size(), size);
+    for (const off_t offset : {off_t{0}, size - length}) {
+        if (pread(file.get(), block.data(), static_cast<std::size_t>(length), offset) != length ||
+            std::any_of(block.begin(), block.begin() + length, [](char byte) { return byte != 0; })) {
+            return false;
+        }
+    }
+    return true;
+}
+
+Definition look_at_definition(int directory, const std::string& name, const struct stat& link) {
+    struct stat found {};
+    if (fstatat(directory, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
+        return {name, is_absence(errno) ? DefinitionState::missing : DefinitionState::unreadable};
+    }
+    if (!S_ISREG(found.st_mode)) {
+        return {name, DefinitionState::not_regular};
+    }
+    const bool zeroed = found.st_size > 0 && is_zeroed(directory, name, found.st_size);
+    const DefinitionState filled = zeroed ? DefinitionState::zeroed : DefinitionState::present;
+    return {name, found.st_size == 0 ? DefinitionState::empty : filled, found.st_size, is_changed(found, link)};
+}
+
+// One directory is held for both files: a publication in between cannot mix two releases.
+void look_at_definitions(const std::string& path, const std::string& flavor, const struct stat& link, Store& store) {
+    const Fd directory(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (directory.get() < 0) {
+        store.link = errno == EACCES || errno == EPERM ? LinkState::unreadable : LinkState::dangling;
+        store.reason = std::generic_category().message(errno);
+        return;
+    }
+    for (const char* kind : {"antivir-", "aivsecon-"}) {
+        store.definitions.push_back(look_at_definition(directory.get(), kind + flavor + ".def", link));
+    }
+}
+
+// Whether the link leads to a directory other than the one of its name directly below "snapshots". Unknown is false.
+bool leads_outside(const fs::path& root, const std::string& version) {
+    std::error_code unresolved;
+    std::error_code no_snapshots;
+    const fs::path target = fs::canonical(root / "active", unresolved);
+    const fs::path snapshots = fs::canonical(root / "snapshots", no_snapshots);
+    const bool known = !unresolved && no_snapshots != std::errc::permission_denied;
+    return known && (target.parent_path() != snapshots || (!version.empty() && target.filename() != version));
+}
+
+std::optional<std::size_t> count_snapshots(const std::string& path) {
+    std::error_code error;
+    std::size_t count = 0;
+    fs::directory_iterator entry(path, error);
+    while (!error && entry != fs::directory_iterator()) {
+        std::error_code ignored;
+        count += entry->is_directory(ignored) ? 1U : 0U;
+        entry.increment(error);
+    }
+    const bool none = is_absence(error.value());
+    return error && !none ? std::nullopt : std::optional<std::size_t>(count);
+}
+
+constexpr const char* manager = "org.freedesktop.systemd1";
+constexpr const char* of_units = "org.freedesktop.systemd1.Unit";
+constexpr const char* of_services = "org.freedesktop.systemd1.Service";
+constexpr std::uint64_t patience_us = 5000000;
+
+using Text = Handle<char, std::free>;
+
+void require(int result) {
+    if (result < 0) {
+        throw std::system_error(-result, std::generic_category());
+    }
+}
+
+bool is_below(const fs::path& inner, const fs::path& outer) {
+    return std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first == outer.end();
+}
+
+// Of use are the paths above or below what the daemon writes, and the default root, which the unit itself names.
+bool is_of_use(const fs::path& writable, const Config& cfg) {
+    const std::vector<fs::path> written{cfg.def_root, fs::path(cfg.status_path).parent_path(), Config().def_root};
+    return std::any_of(written.begin(), written.end(), [&writable](const fs::path& directory) {
+        const fs::path used = (directory / ".").lexically_normal().parent_path();
+        return !used.empty() && (is_below(writable, used) || is_below(used, writable));
+    });
+}
+
+void ask_systemd(Unit& unit, const Config& cfg) {
+    sd_bus* bus = nullptr;
+    char* path = nullptr;
+    char** list = nullptr;
+    require(sd_bus_open_system(&bus));
+    const Handle<sd_bus, sd_bus_flush_close_unref> bus_owner(bus);
+    require(sd_bus_set_method_call_timeout(bus, patience_us));
+    require(sd_bus_path_encode("/org/freedesktop/systemd1/unit", unit.name.c_str(), &path));
+    const Text path_owner(path);
+    const auto text = [bus, path](const char* interface, const char* name) {
+        char* value = nullptr;
+        require(sd_bus_get_property_string(bus, manager, path, interface, name, nullptr, &value));
+        return std::string(Text(value).get());
+    };
+    unit.load = text(of_units, "LoadState");
+    if (unit.load == "not-found") {
+        return;
+    }
+    unit.active = text(of_units, "ActiveState");
+    unit.sub = text(of_units, "SubState");
+    unit.file = text(of_units, "UnitFileState");
+    if (fs::path(unit.name).extension() != ".service") {
+        return;
+    }
+    unit.result = text(of_services, "Result");
+    require(sd_bus_get_property_strv(bus, manager, path, of_services, "ReadWritePaths", nullptr, &list));
+    const Handle<char*, std::free> list_owner(list);
+    for (char** entry = list; entry != nullptr && *entry != nullptr; ++entry) {
+        const std::string marked = Text(*entry).get();
+        const std::string writable = marked.substr(std::min(marked.find('/'), marked.size()));  // behind "-" or "+"
+        if (!is_of_use(writable, cfg)) {
+            unit.writable.push_back(writable);
+        }
+    }
+}
+
+// What the mirror names instead of the release; empty when it is the same, or not known.
+std::string other_release(Client& client, const std::string& id) {
+    try {
+        const std::string current = client.fetch_id();
+        return current == id ? "" : current;
+    } catch (const MirrorError&) {
+        return "";
+    }
+}
+
+// The mirror's archive of a release, in a file without a name.
+Fd fetch(Client& client, const CompleteInfo& info) {
+    const fs::path directory = std::filesystem::temp_directory_path();
+    std::string path = directory / "zqu-status.XXXXXX";
+    Fd file(mkostemp(path.data(), O_CLOEXEC));
+    if (file.get() < 0) {
+        fail_errno("cannot create a file in " + directory.string());
+    }
+    unlink(path.c_str());
+    Progress progress;
+    progress.begin("fetching " + info.cab_name);
+    client.on_progress([&progress](std::uintmax_t bytes) { progress.show(bytes); });
+    client.download(info.cab_name, memory_path(file));
+    client.on_progress(nullptr);
+    if (!verifier::verify(memory_path(file), info.sha256)) {
+        throw MirrorError(info.cab_name + " does not have the digest that the mirror gives");
+    }
+    return file;
+}
+
+// By the SHA-256 of every byte.
+void compare(const Fd& archive, const std::string& name, const Config& cfg, const Store& store, Comparison& result) {
+    const Inspection inspection = inspect(memory_path(archive), name, cfg.flavor);
+    const std::string fault = first_fault(inspection);
+    for (const Definition& definition : store.definitions) {
+        const auto expected = inspection.digests.find(definition.name);
+        if (expected == inspection.digests.end()) {
+            throw std::runtime_error(fault.empty() ? definition.name + " is not in the mirror's archive" : fault);
+        }
+        const std::string path = cfg.def_root + "/snapshots/" + store.version + "/" + definition.name;
+        if (sha256(memory_path(open_regular(path))) != expected->second) {
+            result.differing.push_back(definition.name);
+        }
+    }
+    result.state = result.differing.empty() ? ComparisonState::same : ComparisonState::differs;
 }
 
 }  // namespace
-
-const char* name_of(ConfigState state) {
-    static constexpr std::array<const char*, 4> names{"read", "missing", "unreadable", "malformed"};
-    return names.at(static_cast<std::size_t>(state));
-}
 
 std::optional<std::pair<std::int64_t, std::int64_t>> next_check(const Facts& facts) {
     const std::int64_t longest = 2 * std::int64_t{UINT32_MAX};
@@ -88,7 +292,7 @@ std::optional<std::pair<std::int64_t, std::int64_t>> next_check(const Facts& fac
 Facts observe(const std::string& path) {
     Facts facts;
     facts.config_path = path;
-    read_configuration(facts);
+    read_configuration(path, facts);
     facts.now = std::time(nullptr);
     facts.looked = facts.config_state == ConfigState::read || facts.config_state == ConfigState::missing;
     if (!facts.looked) {
@@ -103,6 +307,55 @@ Facts observe(const std::string& path) {
     }
     facts.layout = look_at_layout(path, facts.cfg, facts.store);
     return facts;
+}
+
+Store look_at_store(const Config& cfg) {
+    Store store;
+    const std::string path = cfg.def_root + "/active";
+    struct stat link {};
+    read_link(path, link, store);
+    if (store.link == LinkState::in_service) {
+        look_at_definitions(path, cfg.flavor, link, store);
+    }
+    if (store.link == LinkState::in_service && leads_outside(cfg.def_root, store.version)) {
+        store.link = LinkState::outside;
+        store.definitions.clear();
+    }
+    store.snapshots = count_snapshots(cfg.def_root + "/snapshots");
+    return store;
+}
+
+Unit look_at_unit(const std::string& name, const Config& cfg) {
+    Unit unit;
+    unit.name = name;
+    if (!name.empty() && sd_booted() > 0) {
+        try {
+            ask_systemd(unit, cfg);
+        } catch (const std::system_error& e) {
+            unit.reason = e.code().message();
+        }
+    }
+    return unit;
+}
+
+Comparison compare_with_mirror(const Config& cfg, const Store& store) {
+    Comparison comparison;
+    if (store.link != LinkState::in_service) {
+        return comparison;
+    }
+    Client client(cfg);
+    std::optional<CompleteInfo> info;
+    try {
+        info = client.fetch_info(store.version);
+        compare(fetch(client, *info), info->cab_name, cfg, store, comparison);
+    } catch (const std::exception& e) {
+        const std::string other = info ? "" : other_release(client, store.version);
+        comparison.state = other.empty() ? ComparisonState::failed : ComparisonState::gone;
+        comparison.reason = other.empty() ? e.what() : other;
+    }
+    comparison.chain_end = client.chain_end();
+    comparison.warnings = client.warnings();
+    return comparison;
 }
 
 }  // namespace zqu::status_tool

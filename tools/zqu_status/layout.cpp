@@ -12,7 +12,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "facts.hpp"
+#include "report.hpp"
 #include "settings.hpp"
 
 namespace zqu::status_tool {

@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "descriptors.hpp"
-#include "facts.hpp"
+#include "report.hpp"
 #include "text.hpp"
 
 namespace zqu::status_tool {
@@ -35,17 +35,12 @@ StatusFile fault_of(int error) {
 
 // The text with the control characters inside its JSON texts escaped, as the daemon should have if it minded.
 std::string with_controls_escaped(const std::string& text) {
-    static const char digits[] = "0123456789abcdef";
     std::string result;
     bool inside = false;
     bool escaped = false;
     for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (inside && !escaped && byte < 0x20) {
-            result = result + "\\u00" + digits[byte >> 4] + digits[byte & 0x0F];
-        } else {
-            result += c;
-        }
+        const bool control = inside && !escaped && static_cast<unsigned char>(c) < 0x20;
+        result += control ? "\\u00" + tools::hex(std::string(1, c)) : std::string(1, c);
         inside = inside != (c == '"' && !escaped);
         escaped = inside && c == '\\' && !escaped;
     }
@@ -131,12 +126,6 @@ StatusFile parse_status(const std::string& text) {
 }
 
 }  // namespace
-
-const char* name_of(StatusState state) {
-    static constexpr std::array<const char*, 8> names{"valid",    "missing",    "unreadable", "not_regular",
-                                                      "too_long", "unfinished", "invalid",    "schema"};
-    return names.at(static_cast<std::size_t>(state));
-}
 
 StatusFile read_status(const std::string& path) {
     struct stat found {};
