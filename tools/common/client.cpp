@@ -159,6 +159,7 @@ void Client::transfer(const std::string& url, Target& target) {
     was_https_ = false;
     set_options(url, target);
     const CURLcode result = curl_easy_perform(curl_);
+    observe_url();  // the last one, which may not have been connected to
     if (target.failure) {
         std::rethrow_exception(target.failure);
     }
@@ -194,7 +195,8 @@ void Client::set_options(const std::string& url, Target& target) {
     curl_easy_setopt(curl_, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(target.most));
     curl_easy_setopt(curl_, CURLOPT_FILETIME, 1L);
     curl_prereq_callback before = [](void* client, char*, char*, int, int) {
-        return static_cast<Client*>(client)->before_request();
+        static_cast<Client*>(client)->observe_url();
+        return CURL_PREREQFUNC_OK;
     };
     curl_easy_setopt(curl_, CURLOPT_PREREQFUNCTION, before);
     curl_easy_setopt(curl_, CURLOPT_PREREQDATA, this);
@@ -204,6 +206,9 @@ void Client::set_options(const std::string& url, Target& target) {
     };
     curl_easy_setopt(curl_, CURLOPT_SSL_CTX_FUNCTION, watch);
     curl_easy_setopt(curl_, CURLOPT_SSL_CTX_DATA, &tls_);
+    if (refuses_insecure_ && part_of(url, CURLUPART_SCHEME) == "https") {
+        curl_easy_setopt(curl_, CURLOPT_REDIR_PROTOCOLS_STR, "https");
+    }
     if (show_) {
         curl_xferinfo_callback progress = [](void* client, curl_off_t, curl_off_t now, curl_off_t, curl_off_t) {
             static_cast<Client*>(client)->show_(static_cast<std::uintmax_t>(now));
@@ -221,21 +226,19 @@ std::string Client::effective_url() const {
     return url != nullptr ? url : "";
 }
 
-// Before each request of a transfer, those after redirects too.
-int Client::before_request() {
+// Before each request of a transfer, those after redirects too, and at its end.
+void Client::observe_url() {
     const std::string url = effective_url();
     const bool https = part_of(url, CURLUPART_SCHEME) == "https";
-    const bool insecure = was_https_ && !https;
-    was_https_ = was_https_ || https;
-    if (insecure && std::find(insecure_.begin(), insecure_.end(), url) == insecure_.end()) {
+    if (was_https_ && !https && std::find(insecure_.begin(), insecure_.end(), url) == insecure_.end()) {
         insecure_.push_back(url);
     }
-    return insecure && refuses_insecure_ ? CURL_PREREQFUNC_ABORT : CURL_PREREQFUNC_OK;
+    was_https_ = was_https_ || https;
 }
 
 std::string Client::reason_of(int result) const {
     const std::string reason = curl_easy_strerror(static_cast<CURLcode>(result));
-    if (result == CURLE_ABORTED_BY_CALLBACK && !insecure_.empty()) {
+    if (result == CURLE_UNSUPPORTED_PROTOCOL && !insecure_.empty()) {
         return "redirected from https to " + insecure_.back() + ", where anybody on the way can change the answer";
     }
     const std::string trouble =

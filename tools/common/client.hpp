@@ -45,7 +45,7 @@ public:
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    // From now on, a redirect from https to another scheme is a MirrorError, and no request goes there.
+    // From now on, a redirect from https to another scheme is a MirrorError, and nothing connects there.
     void refuse_insecure_redirects() { refuses_insecure_ = true; }
 
     // Called with the bytes that have arrived, from time to time during a transfer.
@@ -88,7 +88,7 @@ private:
     void transfer(const std::string& url, Target& target);
     void set_options(const std::string& url, Target& target);
     [[nodiscard]] std::string reason_of(int result) const;
-    int before_request();
+    void observe_url();
     [[nodiscard]] std::string effective_url() const;
 
     const zqu::Config& cfg_;
@@ -96,7 +96,7 @@ private:
     void* curl_;              // the easy handle (CURL is void), or null when libcurl could not create one
     TlsWatch tls_;
     bool refuses_insecure_ = false;
-    bool was_https_ = false;               // the request before, in this transfer
+    bool was_https_ = false;               // an address before, in this transfer
     std::vector<std::string> insecure_{};  // addresses that a redirect from https led to
     std::optional<std::int64_t> last_modified_;
     std::function<void(std::uintmax_t)> show_;

@@ -87,7 +87,7 @@ std::string json_form(const Options& options, const Found& found) {
     object["id"] = known(!found.id.empty(), found.id);
     object["archive"] = known(!found.archive.empty(), found.archive);
     object["size"] = known(found.size.has_value(), found.size.value_or(0));
-    object["published_epoch"] = known(found.published.has_value(), found.published.value_or(0));
+    object["info_modified_epoch"] = known(found.published.has_value(), found.published.value_or(0));
     object["certificate_end_epoch"] = known(found.chain_end.has_value(), found.chain_end.value_or(0));
     object["lines"] = ordered_json::array();
     for (const auto& [verdict, text] : found.remarks) {
@@ -123,7 +123,9 @@ std::string prometheus_form(const Options& options, const Found& found, std::int
         out.head("mirror_release_info", "The release that the mirror names; always 1.");
         out.sample(with("version", found.id), "1");
     }
-    gauge("release_timestamp_seconds", "When the release was published.", found.published);
+    gauge("release_timestamp_seconds",
+          "When the INI of the release was modified: by its publication, or when another release replaced it.",
+          found.published);
     gauge("archive_size_bytes", "Size of the release's archive.", found.size);
     gauge("certificate_end_timestamp_seconds", "When the first certificate of the mirror's chain ends.",
           found.chain_end);

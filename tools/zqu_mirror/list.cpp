@@ -19,9 +19,9 @@ using Row = std::array<std::string, 5>;
 
 // What is wrong with the archive that the release's INI names.
 std::string fault_of(const Release& release, const json& entry) {
-    return entry["bytes"].is_null()
+    return entry["size"].is_null()
                ? release.archive + " is missing or not a regular file, but " + release.info + " names it"
-               : release.archive + " has " + entry["bytes"].dump() + " bytes, but " + release.info + " says " +
+               : release.archive + " has " + entry["size"].dump() + " bytes, but " + release.info + " says " +
                      std::to_string(release.size);
 }
 
@@ -34,7 +34,7 @@ json entry_of(const Release& release, bool held, const Options& options, std::in
     return {{"id", release.id},
             {"archive", release.archive.empty() ? json() : json(release.archive)},
             {"format", dot == std::string::npos ? json() : json(release.archive.substr(dot + 1))},
-            {"bytes", there ? json(archive.st_size) : json()},
+            {"size", there ? json(archive.st_size) : json()},
             {"published_epoch", there ? json(archive.st_mtim.tv_sec) : json()},
             {"current", release.current},
             {"grace_until_epoch", in_grace ? json(release.grace_ns / 1'000'000'000) : json()},
@@ -80,8 +80,8 @@ std::string state_of(const json& entry) {
 }
 
 Row row_of(const json& entry) {
-    return {entry["id"], entry["bytes"].is_null() ? "-" : tools::utc_text(entry["published_epoch"]),
-            entry["bytes"].is_null() ? "-" : entry["bytes"].dump(),
+    return {entry["id"], entry["size"].is_null() ? "-" : tools::utc_text(entry["published_epoch"]),
+            entry["size"].is_null() ? "-" : entry["size"].dump(),
             entry["format"].is_null() ? "-" : entry["format"].get<std::string>(), state_of(entry)};
 }
 
@@ -102,6 +102,17 @@ std::string table_of(const json& releases) {
     return table;
 }
 
+// A line for the held releases that are not here any more.
+std::string held_elsewhere(const json& document) {
+    std::string ids;
+    for (const std::string id : document["held"]) {
+        const auto& releases = document["releases"];
+        const bool here = std::any_of(releases.begin(), releases.end(), [&](auto& entry) { return entry["id"] == id; });
+        ids += here ? "" : " " + id;
+    }
+    return ids.empty() ? "" : "held, but not on this mirror:" + ids + "\n";
+}
+
 }  // namespace
 
 int list(const Options& options, Run& /*run*/) {
@@ -109,7 +120,7 @@ int list(const Options& options, Run& /*run*/) {
     if (options.form == Form::json) {
         tools::print(document.dump(2, ' ', true, json::error_handler_t::replace) + "\n");
     } else {
-        tools::print(table_of(document["releases"]));
+        tools::print(table_of(document["releases"]) + held_elsewhere(document));
         for (const auto& problem : document["problems"]) {
             complain(problem);
         }

@@ -11,7 +11,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* advice = "; run zqu-mirror repair --from";
+constexpr const char* advice = "; run zqu-mirror repair --from UPSTREAM MIRROR";
 
 // Says so, unless the files of what is current here are damaged. Takes no lock: changes nothing.
 void report_nothing_new(const Options& options, const std::string& what, Run& run) {
@@ -19,8 +19,7 @@ void report_nothing_new(const Options& options, const std::string& what, Run& ru
     if (!current) {
         fail(hit_name(options.flavor) + " is missing or names no release" + advice);
     }
-    run.phase("checking the files of " + *current);
-    const Examined found = examine(options, *current, options.verify ? Depth::digest : Depth::size);
+    const Examined found = examine(options, *current, options.verify ? Depth::digest : Depth::size, run);
     if (!found.fault.empty()) {
         fail(*current + " is current, but damaged: " + found.fault + advice);
     }
@@ -33,7 +32,7 @@ bool require_same_content(const Options& options, const Offer& offer) {
     if (!fs::exists(fs::symlink_status(place / info_name(options.flavor, offer.id)))) {
         return false;
     }
-    const Examined known = examine(options, offer.id, Depth::digest);
+    const Examined known = examine(options, offer.id, Depth::digest, run);
     if (!known.fault.empty()) {
         fail(offer.id + " is on the mirror, but damaged: " + known.fault + advice);
     }
@@ -105,7 +104,12 @@ void follow(const Options& options, Upstream& upstream, Run& run) {
 
 void mirror(const Options& options, Run& run) {
     Upstream upstream(options, run);
-    follow(options, upstream, run);
+    try {
+        follow(options, upstream, run);
+    } catch (...) {
+        upstream.warn();
+        throw;
+    }
     upstream.warn();
 }
 

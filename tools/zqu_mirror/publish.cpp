@@ -154,8 +154,7 @@ void publish(const Options& options, Run& run) {
 
 void activate(const Options& options, Run& run) {
     Workplace place(existing_directory(options), run);
-    run.phase("checking " + options.id);
-    const Examined found = examine(options, options.id, Depth::entries);
+    const Examined found = examine(options, options.id, Depth::entries, run);
     refuse(options.id + " cannot be made current:", found.fault);
     const auto former = current_id(options);
     const bool changes = former != options.id;
@@ -163,7 +162,7 @@ void activate(const Options& options, Run& run) {
         hold(options, *former, run);
     }
     if (changes) {
-        place.make_current(options, options.id);
+        place.make_current(options, options.id, true);
     } else {
         end_hold(options, options.id);
     }

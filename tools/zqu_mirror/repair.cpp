@@ -37,6 +37,7 @@ public:
         for (const auto& id : damaged()) {
             restore_or_set_aside(id);
         }
+        compare_former();
         finish();
     }
 
@@ -54,8 +55,16 @@ private:
         for (const auto& [id, release] : releases_) {
             if (!release.fault.empty()) {
                 found(id + ": " + release.fault);
+            } else if (!upstream_ && has_other_size(release.info)) {
+                found(info_name(options_.flavor, id) + " gives another size than its archive has: --from restores it");
             }
         }
+    }
+
+    // As an INI gives that was cut short within the number. Clients do not look at it.
+    [[nodiscard]] bool has_other_size(const zqu::CompleteInfo& info) const {
+        return info.size != 0 &&
+               static_cast<std::uintmax_t>(info.size) != fs::file_size(place_.folder() / info.cab_name);
     }
 
     void list_releases() {
@@ -75,8 +84,7 @@ private:
             releases_[*hit_];
         }
         for (auto& [id, release] : releases_) {
-            run_.phase("checking " + id);
-            release = examine(options_, id, id == hit_ ? Depth::entries : Depth::digest);
+            release = examine(options_, id, id == hit_ ? Depth::entries : Depth::digest, run_);
         }
     }
 
@@ -131,7 +139,13 @@ private:
         const std::string upstreams = upstream_ ? upstream_->current() : "";
         if (!upstreams.empty() && held_.count(upstreams) == 0) {
             target_ = upstreams;
-            offer_ = is_sound(target_) ? std::nullopt : std::optional<Offer>(upstream_->release(target_));
+            offer_ = upstream_->release(target_);
+            if (is_sound(target_)) {
+                releases_[target_] = examine(options_, target_, Depth::entries, run_);
+            }
+            if (is_sound(target_)) {
+                compare_with_upstream();
+            }
             return;
         }
         target_ = former();
@@ -139,18 +153,40 @@ private:
 
     // What is sound here, but for its INI's bytes, gets those of the upstream mirror.
     void compare_with_upstream() {
-        const std::string name = info_name(options_.flavor, target_);
-        if (!offer_ || offer_->text == text_of(place_.folder() / name)) {
+        if (!offer_ || has_text(*offer_)) {
             offer_.reset();
-            return;
-        }
-        const zqu::CompleteInfo& info = releases_[target_].info;
-        if (info.cab_name != offer_->info.cab_name ||
-            !zqu::verifier::verify(place_.folder() / info.cab_name, offer_->info.sha256)) {
+        } else if (!has_content(*offer_)) {
             fail(target_ +
                  " is sound here, but the upstream mirror has other content under this id: nothing is changed");
+        } else {
+            found(info_name(options_.flavor, target_) + " differs from the upstream mirror's");
         }
-        found(name + " differs from the upstream mirror's");
+    }
+
+    [[nodiscard]] bool has_text(const Offer& offer) const {
+        return offer.text == text_of(place_.folder() / info_name(options_.flavor, offer.id));
+    }
+
+    bool has_content(const Offer& offer) {
+        const std::string& archive = offer.info.cab_name;
+        return releases_[offer.id].info.cab_name == archive &&
+               zqu::verifier::verify(place_.folder() / archive, offer.info.sha256);
+    }
+
+    // The INIs of former releases that are sound here, but for their INI's bytes.
+    void compare_former() {
+        for (const auto& [id, unused] : times_) {
+            const auto offer = is_sound(id) && id != target_ ? offered(id) : std::nullopt;
+            if (!offer || has_text(*offer)) {
+                continue;
+            }
+            if (has_content(*offer)) {
+                found(info_name(options_.flavor, id) + " differs from the upstream mirror's");
+                restore(*offer);
+            } else {
+                found(id + ": the upstream mirror has other content under this id; it is kept");
+            }
+        }
     }
 
     std::optional<Offer> offered(const std::string& id) {
@@ -176,8 +212,7 @@ private:
             std::rotate(ids.begin(), ids.begin() + 1, ids.end());
         }
         for (const auto& id : ids) {
-            run_.phase("checking " + id);
-            if (held_.count(id) == 0 && is_sound(id) && examine(options_, id, Depth::entries).fault.empty()) {
+            if (held_.count(id) == 0 && is_sound(id) && examine(options_, id, Depth::entries, run_).fault.empty()) {
                 return id;
             }
         }
@@ -303,7 +338,7 @@ private:
                 set_aside(name);
             }
         });
-        place_.make_current(options_, target_);
+        place_.make_current(options_, target_, true);
         report("made current " + summary(place_.folder(), target_, releases_[target_].info));
     }
 

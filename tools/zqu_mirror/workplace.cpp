@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 
 #include "catalogue.hpp"
@@ -62,14 +64,19 @@ void mark_as_former(const fs::path& info, const fs::path& hit) {
     }
 }
 
-std::string fault_of_archive(const fs::path& archive, const zqu::CompleteInfo& info, Depth depth) {
+bool has_digest(const fs::path& archive, std::string digest, Run& run) {
+    std::transform(digest.begin(), digest.end(), digest.begin(), [](unsigned char c) { return std::tolower(c); });
+    return sha256_in(run, archive) == digest;
+}
+
+std::string fault_of_archive(const fs::path& archive, const zqu::CompleteInfo& info, Depth depth, Run& run) {
     std::error_code missing;
     if (!fs::is_regular_file(fs::status(archive, missing))) {
         return info.cab_name + (missing || !fs::exists(archive) ? " is missing" : " is not a regular file");
     }
     const std::uintmax_t size = fs::file_size(archive);
     const bool same_size = static_cast<std::uintmax_t>(info.size) == size;
-    if ((same_size && depth == Depth::size) || zqu::verifier::verify(archive, info.sha256)) {
+    if ((same_size && depth == Depth::size) || has_digest(archive, info.sha256, run)) {
         return "";
     }
     return info.cab_name + (same_size || info.size <= 0
@@ -98,7 +105,9 @@ fs::path existing_directory(const Options& options) {
     return found;
 }
 
-Examined examine(const Options& options, const std::string& id, Depth depth) {
+Examined examine(const Options& options, const std::string& id, Depth depth, Run& run) {
+    const std::string phase = "checking the files of " + id;
+    run.phase(phase);
     const std::string name = info_name(options.flavor, id);
     const fs::path place = folder(options);
     if (!fs::exists(fs::symlink_status(place / name))) {
@@ -115,10 +124,10 @@ Examined examine(const Options& options, const std::string& id, Depth depth) {
     if (!reason.empty()) {
         return {name + ": the archive's name " + found.info.cab_name + " " + reason};
     }
-    found.fault = fault_of_archive(place / found.info.cab_name, found.info, depth);
+    const fs::path archive = place / found.info.cab_name;
+    found.fault = fault_of_archive(archive, found.info, depth, run);
     if (found.fault.empty() && depth == Depth::entries) {
-        found.fault =
-            tools::first_fault(tools::inspect(place / found.info.cab_name, found.info.cab_name, options.flavor));
+        found.fault = tools::first_fault(inspect_in(run, phase, archive, found.info.cab_name, options.flavor));
     }
     return found;
 }
@@ -166,6 +175,7 @@ std::set<std::string> held_ids(const Options& options) {
                 ids.insert(*id);
             }
         }
+        ids.erase(current_id(options).value_or(""));
     }
     return ids;
 }
@@ -213,10 +223,13 @@ void Workplace::add(const std::string& work_name, const std::string& name) {
     run_.make(folder_ / name, [&] { move(work(work_name), folder_ / name); });
 }
 
-void Workplace::make_current(const Options& options, const std::string& id) {
+void Workplace::make_current(const Options& options, const std::string& id, bool holds_former) {
     const fs::path hit = work("hit");
     write_text(hit, "[Current]\ndefId = " + id + "\n");
     const auto former = current_id(options);
+    if (former && !holds_former) {
+        end_hold(options, *former);
+    }
     run_.commit([&] {
         if (former && *former != id) {
             mark_as_former(folder_ / info_name(options.flavor, *former), hit);

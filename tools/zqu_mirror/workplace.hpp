@@ -41,7 +41,7 @@ struct Examined {
 };
 
 // Looks at the files that the mirror, a directory, has of the release id. Throws what inspect() throws.
-[[nodiscard]] Examined examine(const Options& options, const std::string& id, Depth depth);
+[[nodiscard]] Examined examine(const Options& options, const std::string& id, Depth depth, Run& run);
 
 // inspect(), and the SHA-256 of a file, with the progress of the run's phase.
 [[nodiscard]] tools::Inspection inspect_in(Run& run, const std::string& phase, const std::filesystem::path& archive,
@@ -65,8 +65,8 @@ void report(const Options& options, const std::string& line, Run& run);
 // INI: one system call holds or releases, and there is nothing to parse. It is not served: its name begins with a dot.
 inline constexpr const char* held_directory_name = ".zqu-mirror.held";
 
-// The held ids of options.flavor; none without a record. Throws std::runtime_error, with what to do, when something
-// other than a directory is in its place. Takes no lock.
+// The held ids of options.flavor without the current one, which a killed activate may have left; none without a record.
+// Throws std::runtime_error, with what to do, when something other than a directory is in its place. Takes no lock.
 [[nodiscard]] std::set<std::string> held_ids(const Options& options);
 
 // Holds the release id, on disk when this returns, and undone with the run; or ends its hold, if there is one. For who
@@ -106,11 +106,11 @@ public:
     void add(const std::string& work_name, const std::string& name);
 
     // Makes the release current whose files are all in place and on disk: writes the hit INI and commits the
-    // run by moving it into place. Ends the hold of the release. The complete-info INI of the release that was current
-    // gets the time of the new hit INI, by which prune knows when it ceased to be so; whether that succeeds is ignored,
-    // and it is not undone. When this throws std::system_error, the mirror is as it was; std::runtime_error: the
-    // release is current, but the directory cannot be flushed.
-    void make_current(const Options& options, const std::string& id);
+    // run by moving it into place. Ends the hold of the release, and, unless holds_former, of the former one. The
+    // complete-info INI of the release that was current gets the time of the new hit INI, by which prune knows when it
+    // ceased to be so; whether that succeeds is ignored, and it is not undone. When this throws std::system_error, the
+    // mirror is as it was; std::runtime_error: the release is current, but the directory cannot be flushed.
+    void make_current(const Options& options, const std::string& id, bool holds_former = false);
 
 private:
     std::filesystem::path folder_;
