@@ -37,16 +37,6 @@ struct Access {
     std::vector<Subject> entries;
 };
 
-struct Service {
-    uid_t uid = 0;
-    gid_t gid = 0;
-};
-
-std::optional<Service> service() {
-    const passwd* entry = getpwnam(tools::service_user);
-    return entry == nullptr ? std::nullopt : std::optional<Service>({entry->pw_uid, entry->pw_gid});
-}
-
 // The entries of the access ACL but for those of the owner, the mask and everybody else, which the mode has.
 std::vector<Subject> entries_of(const std::string& path, const struct stat& found) {
     const unsigned mask = found.st_mode >> 3 & 7U;  // with an ACL, the group's bits of a mode are its mask
@@ -88,12 +78,12 @@ unsigned rights_of(const Subject& subject, const Access& access) {
     return rights.value_or(access.found.st_mode & 7U);
 }
 
-bool is_stranger(const Subject& subject, uid_t owner, const std::optional<Service>& service) {
+bool is_stranger(const Subject& subject, uid_t owner, const Layout& layout) {
     if (subject.tag == ACL_OTHER) {
         return true;
     }
-    const bool of_service = service && (owner == 0 || owner == service->uid) &&
-                            subject.id == (subject.tag == ACL_USER ? service->uid : service->gid);
+    const bool of_service =
+        (owner == 0 || owner == layout.user) && subject.id == (subject.tag == ACL_USER ? layout.user : layout.group);
     if (subject.id == 0 || subject.id == owner || of_service) {
         return false;
     }
@@ -144,24 +134,21 @@ bool may_reach(const Subject& subject, const std::vector<Access>& above) {
                        [&subject](const Access& directory) { return (rights_of(subject, directory) & 1U) != 0; });
 }
 
-void find_writers(Place& place, const Access& access, const std::vector<Access>& above,
-                  const std::optional<Service>& service) {
+void find_writers(Place& place, const Access& access, const std::vector<Access>& above, const Layout& layout) {
     std::vector<Subject> candidates = access.entries;
     candidates.push_back({ACL_OTHER, 0, place.found.st_mode & 7U});
     for (const Subject& subject : candidates) {
-        if ((subject.rights & 2U) == 0 || !may_reach(subject, above) ||
-            !is_stranger(subject, place.found.st_uid, service)) {
-            continue;
-        }
-        if (subject.tag == ACL_OTHER) {
+        const bool writes =
+            (subject.rights & 2U) != 0 && may_reach(subject, above) && is_stranger(subject, place.found.st_uid, layout);
+        if (writes && subject.tag == ACL_OTHER) {
             place.everybody = true;
-        } else {
+        } else if (writes) {
             place.writers.push_back(name_of(subject));
         }
     }
 }
 
-void find_rights(Place& place, const Layout& layout, const std::optional<Service>& service) {
+void find_rights(Place& place, const Layout& layout) {
     std::error_code error;
     const fs::path path = fs::canonical(place.path, error);
     const std::optional<Access> access = error ? std::nullopt : access_to(path);
@@ -171,7 +158,7 @@ void find_rights(Place& place, const Layout& layout, const std::optional<Service
     }
     place.group_rights = access->entries.front().rights;
     if (!may_be_shared(place)) {
-        find_writers(place, *access, above, service);
+        find_writers(place, *access, above, layout);
     }
     const Subject readers{ACL_GROUP, layout.readers.value_or(0), 0};
     const bool hidden = std::any_of(above.begin(), above.end(), has_hidden_groups) || has_hidden_groups(*access);
@@ -224,18 +211,20 @@ const Place* Layout::at(Role role) const {
 }
 
 Layout look_at_layout(const std::string& config_path, const Config& cfg, const Store& store) {
-    const std::optional<Service> known = service();
     Layout layout;
-    layout.packaged = known && config_path == tools::default_config_path;
-    layout.group = known ? std::optional<gid_t>(known->gid) : std::nullopt;
+    if (const passwd* entry = getpwnam(tools::service_user)) {
+        layout.user = entry->pw_uid;
+        layout.group = entry->pw_gid;
+        layout.packaged = config_path == tools::default_config_path;
+    }
     const group* readers = layout.packaged ? getgrnam(readers_group) : nullptr;
-    layout.readers = readers != nullptr ? std::optional<gid_t>(readers->gr_gid) : std::nullopt;
+    if (readers != nullptr) {
+        layout.readers = readers->gr_gid;
+    }
     for (const auto& [role, path] : places_of(cfg, store)) {
-        Place place;
-        place.role = role;
-        place.path = path;
+        Place place{role, path};
         if (look(path, role == Role::root || role == Role::status_directory, place.found)) {
-            find_rights(place, layout, known);
+            find_rights(place, layout);
             layout.places.push_back(place);
         }
     }

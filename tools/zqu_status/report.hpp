@@ -114,18 +114,19 @@ enum class Role {
 // (acl(5)) permits it and lets the stranger search every directory above.
 struct Place {
     Role role = Role::root;
-    std::string path;                  // by the configuration; links in it are not resolved
-    struct stat found {};              // of a link itself, except at def_root and at a status_directory
-    unsigned group_rights = 0;         // of the owning group: 4 reads, 2 writes, 1 searches
-    bool everybody = false;            // whether every user of the machine can write it
-    std::vector<std::string> writers;  // other strangers who can: "the group staff", "the user 1000"
-    bool closed = false;               // of a file: whether the readers' group cannot read it; without one, nobody can
+    std::string path;                    // by the configuration; links in it are not resolved
+    struct stat found {};                // of a link itself, except at def_root and at a status_directory
+    unsigned group_rights = 0;           // of the owning group: 4 reads, 2 writes, 1 searches
+    bool everybody = false;              // whether every user of the machine can write it
+    std::vector<std::string> writers{};  // other strangers who can: "the group staff", "the user 1000"
+    bool closed = false;  // of a file: whether the readers' group cannot read it; without one, nobody can
 };
 
 // Kind, owner and rights of the places that the daemon writes.
 struct Layout {
     bool packaged = false;         // configuration and user are those of the packages; the root may be elsewhere
-    std::optional<gid_t> group;    // that the packaged service runs as, when its user exists
+    std::optional<uid_t> user;     // that the packaged service runs as, when it exists
+    std::optional<gid_t> group;    // its primary group
     std::optional<gid_t> readers;  // the readers' group of the packages, when packaged
     std::vector<Place> places;     // in the order of their roles; without those that cannot be looked at
 
