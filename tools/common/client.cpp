@@ -2,6 +2,10 @@
 
 #include <curl/curl.h>
 #include <fcntl.h>
+#include <openssl/bio.h>
+#include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
+#include <openssl/x509v3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +14,7 @@
 #include <ctime>
 #include <exception>
 #include <system_error>
+#include <utility>
 
 #include "descriptors.hpp"
 #include "text.hpp"
@@ -17,6 +22,10 @@
 namespace zqu::tools {
 
 namespace {
+
+using Bio = Handle<BIO, BIO_free>;
+
+constexpr int most_names = 5;
 
 [[noreturn]] void fail(const std::string& url, const std::string& reason) {
     throw MirrorError("GET " + url + ": " + reason);
@@ -60,6 +69,69 @@ bool is_missing(CURL* curl, CURLcode result, const std::string& url) {
     const bool local = result == CURLE_FILE_COULDNT_READ_FILE;
     return local ? access(part_of(url, CURLUPART_PATH).c_str(), F_OK) != 0 && errno == ENOENT
                  : result == CURLE_HTTP_RETURNED_ERROR && (status == 404 || status == 410);
+}
+
+std::string text_in(const Bio& out) {
+    char* text = nullptr;
+    const auto size = BIO_get_mem_data(out.get(), &text);
+    return {text, static_cast<std::size_t>(size)};
+}
+
+std::string text_of(const X509_NAME* name) {
+    const Bio out(BIO_new(BIO_s_mem()));
+    X509_NAME_print_ex(out.get(), name, 0, XN_FLAG_RFC2253 & ~ASN1_STRFLGS_ESC_MSB);
+    return text_in(out);
+}
+
+std::int64_t epoch_of(const ASN1_TIME* time) {
+    std::tm broken_down{};
+    ASN1_TIME_to_tm(time, &broken_down);
+    return timegm(&broken_down);
+}
+
+// The names that the certificate is for (RFC 5280, section 4.2.1.6).
+std::string names_of(const X509* certificate) {
+    const Handle<GENERAL_NAMES, GENERAL_NAMES_free> names(
+        static_cast<GENERAL_NAMES*>(X509_get_ext_d2i(certificate, NID_subject_alt_name, nullptr, nullptr)));
+    const Bio out(BIO_new(BIO_s_mem()));
+    const int count = names ? sk_GENERAL_NAME_num(names.get()) : 0;
+    for (int i = 0; i < count && i < most_names; ++i) {
+        BIO_puts(out.get(), i == 0 ? "" : ", ");
+        GENERAL_NAME_print(out.get(), sk_GENERAL_NAME_value(names.get(), i));
+    }
+    return count == 0 ? "none" : text_in(out) + (count > most_names ? ", ..." : "");
+}
+
+std::string describe(const X509* certificate) {
+    return "subject \"" + text_of(X509_get_subject_name(certificate)) + "\", names " + names_of(certificate) +
+           ", valid from " + utc_text(epoch_of(X509_get0_notBefore(certificate))) + " to " +
+           utc_text(epoch_of(X509_get0_notAfter(certificate))) + ", issuer \"" +
+           text_of(X509_get_issuer_name(certificate)) + "\"";
+}
+
+// The fault of a certificate, and what to do about it.
+std::pair<std::string, std::string> explain(int error, const std::string& host) {
+    const std::string clock = "check the clock of this machine, which says " + utc_text(std::time(nullptr));
+    switch (error) {
+        case X509_V_OK:  // and yet refused
+            return {"is for another host than " + host,
+                    "use one of its names in the URL, or give the mirror a certificate for " + host};
+        case X509_V_ERR_CERT_HAS_EXPIRED:
+            return {"has expired", "renew it on the mirror, or " + clock};
+        case X509_V_ERR_CERT_NOT_YET_VALID:
+            return {"is not valid yet", clock};
+        case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
+            return {"is self-signed", "if it is the mirror's own, trust it by ca_path or --ca"};
+        case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
+        case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
+        case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
+        case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
+            return {"comes from an authority that is not trusted",
+                    "name the PEM file of that authority by ca_path or --ca; the mirror must send all certificates "
+                    "between its own and that one"};
+        default:
+            return {std::string("is refused: ") + X509_verify_cert_error_string(error), "see to the mirror's TLS"};
+    }
 }
 
 // A mirror whose files are all this one: file:// ignores what follows the question mark. The daemon's client parses
@@ -200,12 +272,12 @@ void Client::set_options(const std::string& url, Target& target) {
     };
     curl_easy_setopt(curl_, CURLOPT_PREREQFUNCTION, before);
     curl_easy_setopt(curl_, CURLOPT_PREREQDATA, this);
-    curl_ssl_ctx_callback watch = [](CURL*, void* ssl_ctx, void* tls) {
-        static_cast<TlsWatch*>(tls)->attach(ssl_ctx);
+    curl_ssl_ctx_callback watch = [](CURL*, void* ssl_ctx, void* client) {
+        SSL_CTX_set_cert_verify_callback(static_cast<SSL_CTX*>(ssl_ctx), verify, client);
         return CURLE_OK;
     };
     curl_easy_setopt(curl_, CURLOPT_SSL_CTX_FUNCTION, watch);
-    curl_easy_setopt(curl_, CURLOPT_SSL_CTX_DATA, &tls_);
+    curl_easy_setopt(curl_, CURLOPT_SSL_CTX_DATA, this);
     if (refuses_insecure_ && part_of(url, CURLUPART_SCHEME) == "https") {
         curl_easy_setopt(curl_, CURLOPT_REDIR_PROTOCOLS_STR, "https");
     }
@@ -236,14 +308,41 @@ void Client::observe_url() {
     was_https_ = was_https_ || https;
 }
 
+// The place of X509_verify_cert(3) in the handshake: SSL_CTX_set_cert_verify_callback(3).
+int Client::verify(X509_STORE_CTX* store, void* client) {
+    const int verified = X509_verify_cert(store);
+    static_cast<Client*>(client)->observe(store);
+    return verified;
+}
+
+void Client::observe(X509_STORE_CTX* store) {
+    tls_error_ = X509_STORE_CTX_get_error(store);
+    const X509* refused = tls_error_ == X509_V_OK ? nullptr : X509_STORE_CTX_get_current_cert(store);
+    of_authority_ = refused != nullptr && X509_STORE_CTX_get_error_depth(store) > 0;
+    certificate_ = describe(refused != nullptr ? refused : X509_STORE_CTX_get0_cert(store));
+    const STACK_OF(X509)* chain = tls_error_ == X509_V_OK ? X509_STORE_CTX_get0_chain(store) : nullptr;
+    for (int i = 0; chain != nullptr && i < sk_X509_num(chain); ++i) {
+        const X509* certificate = sk_X509_value(chain, i);
+        const std::int64_t end = epoch_of(X509_get0_notAfter(certificate));
+        if (!chain_end_ || end < chain_end_->epoch) {
+            chain_end_ = ChainEnd{end, text_of(X509_get_subject_name(certificate))};
+        }
+    }
+}
+
+std::string Client::trouble(const std::string& host) const {
+    const auto [fault, advice] = explain(tls_error_, host);
+    const char* whose = of_authority_ ? "a certificate of the mirror's authorities " : "the mirror's certificate ";
+    return whose + fault + " (" + certificate_ + "); " + advice;
+}
+
 std::string Client::reason_of(int result) const {
     const std::string reason = curl_easy_strerror(static_cast<CURLcode>(result));
     if (result == CURLE_UNSUPPORTED_PROTOCOL && !insecure_.empty()) {
         return "redirected from https to " + insecure_.back() + ", where anybody on the way can change the answer";
     }
-    const std::string trouble =
-        result == CURLE_PEER_FAILED_VERIFICATION ? tls_.trouble(part_of(effective_url(), CURLUPART_HOST)) : "";
-    return trouble.empty() ? reason : reason + ": " + trouble;
+    const bool of_tls = result == CURLE_PEER_FAILED_VERIFICATION && !certificate_.empty();
+    return of_tls ? reason + ": " + trouble(part_of(effective_url(), CURLUPART_HOST)) : reason;
 }
 
 std::vector<std::string> Client::warnings() const {
@@ -251,11 +350,10 @@ std::vector<std::string> Client::warnings() const {
     for (const std::string& url : insecure_) {
         found.push_back("redirected from https to " + url + ": anybody on the way can change the answer");
     }
-    const auto& end = chain_end();
-    const std::int64_t left = end ? end->epoch - std::time(nullptr) : 0;
-    if (end && left < std::int64_t{14} * 86400) {
-        found.push_back("the certificate \"" + end->subject + "\" of the mirror's chain ends at " +
-                        utc_text(end->epoch) + ", in " + duration_text(left) + ": renew it");
+    const std::int64_t left = chain_end_ ? chain_end_->epoch - std::time(nullptr) : 0;
+    if (chain_end_ && left < std::int64_t{14} * 86400) {
+        found.push_back("the certificate \"" + chain_end_->subject + "\" of the mirror's chain ends at " +
+                        utc_text(chain_end_->epoch) + ", in " + duration_text(left) + ": renew it");
     }
     return found;
 }

@@ -14,7 +14,8 @@
 
 #include "config.hpp"
 #include "mirror_client.hpp"
-#include "tls.hpp"
+
+struct x509_store_ctx_st;  // X509_STORE_CTX of OpenSSL
 
 namespace zqu::tools {
 
@@ -31,6 +32,12 @@ struct MirrorError : std::runtime_error {
 // The mirror does not have the file: HTTP status 404 or 410, or no such file.
 struct MissingFile : MirrorError {
     using MirrorError::MirrorError;
+};
+
+// The part of a verified chain that ends first.
+struct ChainEnd {
+    std::int64_t epoch = 0;  // its notAfter (RFC 5280, section 4.1.2.5), in seconds since the Unix epoch
+    std::string subject;     // may hold any bytes
 };
 
 // Every member that fetches throws MirrorError when the transfer fails: "GET <URL>: <reason>", with libcurl's text and,
@@ -75,8 +82,8 @@ public:
     // Last-Modified (RFC 9110, section 8.8.2); no value when the server did not say.
     [[nodiscard]] std::optional<std::int64_t> last_modified() const { return last_modified_; }
 
-    // Which of all certificates seen ends first.
-    [[nodiscard]] const std::optional<ChainEnd>& chain_end() const { return tls_.chain_end(); }
+    // Of all chains that were verified.
+    [[nodiscard]] const std::optional<ChainEnd>& chain_end() const { return chain_end_; }
 
     // What an administrator should know of the transfers so far: redirects from https to another scheme with their
     // address, and a certificate that ends within 14 days.
@@ -90,16 +97,22 @@ private:
     [[nodiscard]] std::string reason_of(int result) const;
     void observe_url();
     [[nodiscard]] std::string effective_url() const;
+    static int verify(x509_store_ctx_st* store, void* client);
+    void observe(x509_store_ctx_st* store);
+    [[nodiscard]] std::string trouble(const std::string& host) const;
 
     const zqu::Config& cfg_;
     zqu::MirrorClient urls_;  // also initialises libcurl
     void* curl_;              // the easy handle (CURL is void), or null when libcurl could not create one
-    TlsWatch tls_;
     bool refuses_insecure_ = false;
     bool was_https_ = false;               // an address before, in this transfer
     std::vector<std::string> insecure_{};  // addresses that a redirect from https led to
     std::optional<std::int64_t> last_modified_;
     std::function<void(std::uintmax_t)> show_;
+    int tls_error_ = 0;          // X509_V_..., of the last verification
+    bool of_authority_ = false;  // whether the certificate below is not the server's own
+    std::string certificate_;    // in words
+    std::optional<ChainEnd> chain_end_;
 };
 
 }  // namespace zqu::tools
