@@ -25,12 +25,6 @@ Fd::~Fd() {
     }
 }
 
-int Fd::release() {
-    const int fd = fd_;
-    fd_ = -1;
-    return fd;
-}
-
 void fail_errno(const std::string& text) {
     throw std::system_error(errno, std::generic_category(), text);
 }

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace zqu::tools {
 
@@ -40,7 +41,7 @@ public:
     ~Fd();
 
     [[nodiscard]] int get() const { return fd_; }
-    [[nodiscard]] int release();  // the caller owns it then
+    [[nodiscard]] int release() { return std::exchange(fd_, -1); }  // the caller owns it then
 
 private:
     int fd_;

@@ -13,9 +13,9 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
-#include "child.hpp"
 #include "descriptors.hpp"
 #include "digest.hpp"
+#include "program.hpp"
 #include "text.hpp"
 
 namespace zqu::tools {

@@ -1,8 +1,9 @@
-// What the operators' programs have in common: start, command line, output, errors, progress.
+// What the operators' programs have in common: start, command line, output, errors, progress, and work
+// in a process of its own, which may give up rights or be killed without harm to this one.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
-#include <ctime>
 #include <functional>
 #include <optional>
 #include <string>
@@ -34,6 +35,21 @@ void print(const std::string& text);
 CLI::Option* add_duration(CLI::App& app, const std::string& name, std::function<void(std::int64_t)> take,
                           const std::string& description, std::int64_t least = 0);
 
+// What work in a process of its own has come to.
+struct ChildResult {
+    std::string output;      // at most 1 MiB of what work returned
+    int status = 0;          // of waitpid(2)
+    bool timed_out = false;  // it was killed because the time was over
+    [[nodiscard]] bool succeeded() const { return status == 0 && !timed_out; }
+};
+
+// Forks a child that calls prepare and then work, and exits with 0 after it has reported what work returned. When one
+// of them throws, the child reports the reason and exits with 1. The child ends when this process ends. It has a
+// standard output of its own, for the report. prepare may change its user. Throws std::system_error when no child can
+// be made.
+[[nodiscard]] ChildResult in_child(const std::function<void()>& prepare, const std::function<std::string()>& work,
+                                   std::chrono::seconds limit = std::chrono::hours(24));
+
 // A line on standard error, if that is a terminal, about what lasts longer than a second: what it is, and how many
 // megabytes are done. For one thread at a time.
 class Progress {
@@ -56,7 +72,7 @@ private:
     const bool on_terminal_;
     bool shown_ = false;
     std::string text_;
-    timespec begun_{};
+    std::chrono::steady_clock::time_point begun_;
 };
 
 }  // namespace zqu::tools

@@ -5,7 +5,6 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "child.hpp"
 #include "client.hpp"
 #include "findings.hpp"
 #include "program.hpp"

@@ -16,9 +16,9 @@
 #include <stdexcept>
 #include <string>
 
-#include "child.hpp"
 #include "descriptors.hpp"
 #include "findings.hpp"
+#include "program.hpp"
 #include "settings.hpp"
 #include "text.hpp"
 
