@@ -287,18 +287,16 @@ int check(const Options& options, Run& run) {
     }
     const std::int64_t now = std::time(nullptr);
     run.phase("");
-    switch (options.form) {
-        case Form::text:
-            break;
-        case Form::json:
-            tools::print(json_form(options, found));
-            break;
-        case Form::nagios:
-            tools::print(nagios_form(options, found, now));
-            return tools::exit_status(verdict(found));
-        case Form::prometheus:
-            tools::print(prometheus_form(options, found, now));
-            return EXIT_SUCCESS;
+    if (options.form == Form::prometheus) {
+        tools::print(prometheus_form(options, found, now));
+        return EXIT_SUCCESS;
+    }
+    if (options.form == Form::nagios) {
+        tools::print(nagios_form(options, found, now));
+        return tools::exit_status(verdict(found));
+    }
+    if (options.form == Form::json) {
+        tools::print(json_form(options, found));
     }
     return verdict(found) == Verdict::critical ? EXIT_FAILURE : EXIT_SUCCESS;
 }

@@ -1,7 +1,7 @@
 // Writes a release's archive: the digest index goes first, then the definition files.
 //
 // Stateless functions, for one thread. The archive is not flushed to disk. The caller finds out whether the sources
-// changed while they were read. Types of libgcab and libarchive stay inside the source.
+// changed while they were read.
 #pragma once
 
 #include <sys/stat.h>
@@ -26,11 +26,10 @@ struct Source {
 // an archive that cannot be read, without an error.
 constexpr std::uintmax_t cab_capacity = std::uintmax_t{65535} * 32768;
 
-// Both write the archive at the path given, which is absolute, with the text index under the name index_name and the
-// time index_time (seconds since the Unix epoch), and each source under its name with its own time. The same input
-// gives the same bytes. They throw std::runtime_error, "cannot write the archive: " and the library's reason, when the
-// archive cannot be written or, for a CAB, a source cannot be read; what is written by then stays. pack_zip throws
-// std::system_error with the source's path when it cannot be read.
+// Both write the archive, a path that is absolute, with the text index under the name index_name and the time
+// index_time (seconds since the Unix epoch), and each source under its name with its own time. The same input gives the
+// same bytes. They throw std::runtime_error, "cannot write the archive: " and the library's reason; pack_zip throws
+// std::system_error with the source's path when it cannot be read. What is written by then stays.
 
 // An MSZIP-compressed CAB at a path where nothing may be yet. The index and the sources must fit into cab_capacity.
 // Times are those of the local time zone, kept within the years that a CAB can tell.

@@ -17,13 +17,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void require_short_name(const Options& options) {
-    // The daemon downloads by way of "<archive>.part".
-    if (stem(options.flavor, options.id).size() + std::string(".cab.part").size() > NAME_MAX) {
-        fail("the id and the flavor are too long for a file name");
-    }
-}
-
 // Opens and measures the file at path; keeps no descriptor and reads nothing.
 Source measured(const std::string& path, const std::string& name, bool allow_empty) {
     Source source{fs::absolute(path), name, {}, ""};
@@ -126,7 +119,10 @@ zqu::CompleteInfo require_release(const Options& options, const std::vector<Sour
 }  // namespace
 
 void publish(const Options& options, Run& run) {
-    require_short_name(options);
+    // The daemon downloads by way of "<archive>.part".
+    if (stem(options.flavor, options.id).size() + std::string(".cab.part").size() > NAME_MAX) {
+        fail("the id and the flavor are too long for a file name");
+    }
     std::vector<Source> sources = measured_sources(options);
     run.phase("reading the definitions");
     for (auto& source : sources) {

@@ -46,15 +46,6 @@ const fs::path& make_folders(const fs::path& path, Run& run) {
     return path;
 }
 
-void make_work(const fs::path& work, Run& run) {
-    run.make_scratch([&] {
-        std::error_code ignored;
-        remove_tree(work, ignored);  // a killed run's: nobody else can be using it, for the folder is locked
-        make_folder(work, 0700);
-        return work;
-    });
-}
-
 // Best effort: an INI of another user stays as it is, and prune is the more careful then.
 void mark_as_former(const fs::path& info, const fs::path& hit) {
     struct stat replaced {};
@@ -205,18 +196,20 @@ void end_hold(const Options& options, const std::string& id) {
     }
 }
 
-Workplace::Workplace(const fs::path& folder, Run& run) : folder_(make_folders(folder, run)), lock_(folder_), run_(run) {
+Workplace::Workplace(const fs::path& folder, Run& run)
+    : folder_(make_folders(folder, run)), lock_(folder_), work_(folder_ / work_folder_name), run_(run) {
     removed_leftover_ = has_work_directory(folder_);
     if (removed_leftover_) {
         for (const auto& archive : archives_of_killed_run(folder_)) {  // only that directory says whose they are
             fs::remove(folder_ / archive);
         }
     }
-    make_work(folder_ / work_folder_name, run_);
-}
-
-fs::path Workplace::work(const std::string& name) const {
-    return folder_ / work_folder_name / name;
+    run_.make_scratch([this] {
+        std::error_code ignored;
+        remove_tree(work_, ignored);  // a killed run's: nobody else can be using it, for the directory is locked
+        make_folder(work_, 0700);
+        return work_;
+    });
 }
 
 void Workplace::add(const std::string& work_name, const std::string& name) {

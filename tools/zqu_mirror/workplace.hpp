@@ -99,7 +99,7 @@ public:
 
     // The mirror's directory, and the path of what the work directory holds.
     [[nodiscard]] const std::filesystem::path& folder() const { return folder_; }
-    [[nodiscard]] std::filesystem::path work(const std::string& name) const;
+    [[nodiscard]] std::filesystem::path work(const std::string& name) const { return work_ / name; }
 
     // Moves a file from the work directory to its name in the mirror's directory, replacing what has that name. Undone
     // with the run. The file must have been flushed before; its name is on disk after flush(folder()).
@@ -115,6 +115,7 @@ public:
 private:
     std::filesystem::path folder_;
     Lock lock_;
+    const std::filesystem::path work_;
     Run& run_;
     bool removed_leftover_ = false;
 };
