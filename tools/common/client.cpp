@@ -1,7 +1,6 @@
 #include "client.hpp"
 
 #include <curl/curl.h>
-#include <fcntl.h>
 #include <openssl/bio.h>
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
@@ -11,10 +10,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <exception>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "descriptors.hpp"
 #include "text.hpp"
@@ -26,6 +27,8 @@ namespace {
 using Bio = Handle<BIO, BIO_free>;
 
 constexpr int most_names = 5;
+constexpr std::size_t most_addresses = 5;
+constexpr std::size_t longest_address = 200;
 
 [[noreturn]] void fail(const std::string& url, const std::string& reason) {
     throw MirrorError("GET " + url + ": " + reason);
@@ -50,25 +53,18 @@ std::string part_of(const std::string& url, CURLUPart part) {
     fail(url, "longer than " + std::to_string(most) + " bytes");
 }
 
-// libcurl would wait at a FIFO for ever, and takes a file of any size.
-void require_usable_file(const std::string& url, std::uintmax_t most) {
-    struct stat status {};
-    if (part_of(url, CURLUPART_SCHEME) == "file" && stat(part_of(url, CURLUPART_PATH).c_str(), &status) == 0) {
-        if (!S_ISREG(status.st_mode)) {
-            fail(url, "not a regular file");
-        }
-        if (static_cast<std::uintmax_t>(status.st_size) > most) {
-            fail_too_long(url, most);
-        }
+Fd open_local(const std::string& url, const std::string& path) {
+    try {
+        return open_regular(path);
+    } catch (const std::runtime_error& e) {
+        fail(url, e.what());
     }
 }
 
-bool is_missing(CURL* curl, CURLcode result, const std::string& url) {
+bool is_missing(CURL* curl, CURLcode result) {
     long status = 0;
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
-    const bool local = result == CURLE_FILE_COULDNT_READ_FILE;
-    return local ? access(part_of(url, CURLUPART_PATH).c_str(), F_OK) != 0 && errno == ENOENT
-                 : result == CURLE_HTTP_RETURNED_ERROR && (status == 404 || status == 410);
+    return result == CURLE_HTTP_RETURNED_ERROR && (status == 404 || status == 410);
 }
 
 std::string text_in(const Bio& out) {
@@ -211,9 +207,8 @@ zqu::CompleteInfo Client::read_info(const std::string& text, const std::string& 
     return *std::move(info);
 }
 
-void Client::download(const std::string& name, const std::string& path) {
-    const Fd file(path, O_WRONLY | O_CREAT | O_TRUNC);
-    Target target{largest_file, file.get()};
+void Client::download(const std::string& name, int file) {
+    Target target{largest_file, file};
     transfer(urls_.file_url(name), target);
 }
 
@@ -227,18 +222,20 @@ void Client::transfer(const std::string& url, Target& target) {
     if (curl_ == nullptr) {
         fail(url, "libcurl cannot be used");
     }
-    require_usable_file(url, target.most);
+    if (part_of(url, CURLUPART_SCHEME) == "file") {
+        read_local(url, target);
+        return;
+    }
     was_https_ = false;
     set_options(url, target);
     const CURLcode result = curl_easy_perform(curl_);
     observe_url();  // the last one, which may not have been connected to
-    if (target.failure) {
-        std::rethrow_exception(target.failure);
+    require_taken(url, target, result == CURLE_FILESIZE_EXCEEDED);
+    if (result == CURLE_SSL_CACERT_BADFILE) {  // this machine's fault
+        throw std::runtime_error(std::string(curl_easy_strerror(result)) +
+                                 "; install ca-certificates, or name a PEM file by --ca or ca_path");
     }
-    if (result == CURLE_FILESIZE_EXCEEDED || target.taken > target.most) {
-        fail_too_long(url, target.most);
-    }
-    if (result != CURLE_OK && is_missing(curl_, result, url)) {
+    if (result != CURLE_OK && is_missing(curl_, result)) {
         throw MissingFile("GET " + url + ": " + reason_of(result));
     }
     if (result != CURLE_OK) {
@@ -247,6 +244,44 @@ void Client::transfer(const std::string& url, Target& target) {
     curl_off_t modified = -1;
     curl_easy_getinfo(curl_, CURLINFO_FILETIME_T, &modified);
     last_modified_ = modified < 0 ? std::nullopt : std::optional<std::int64_t>(modified);
+}
+
+void Client::require_taken(const std::string& url, const Target& target, bool too_long) {
+    if (target.failure) {
+        std::rethrow_exception(target.failure);
+    }
+    if (too_long || target.taken > target.most) {
+        fail_too_long(url, target.most);
+    }
+}
+
+// A file:// URL. Not by libcurl, which would wait at a FIFO for ever, and at some files below /proc.
+void Client::read_local(const std::string& url, Target& target) {
+    const std::string path = part_of(url, CURLUPART_PATH);
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) {
+        const std::string reason = "GET " + url + ": " + std::strerror(errno);
+        throw errno == ENOENT ? MissingFile(reason) : MirrorError(reason);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        fail(url, "not a regular file");
+    }
+    if (static_cast<std::uintmax_t>(status.st_size) > target.most) {
+        fail_too_long(url, target.most);
+    }
+    const Fd file = open_local(url, path);  // at once something else may be there
+    std::vector<char> block(65536);
+    for (ssize_t count = 1; count > 0;) {
+        count = read(file.get(), block.data(), block.size());
+        if (count < 0) {
+            fail_errno("cannot read " + path);
+        }
+        if (count > 0 && Target::write(block.data(), 1, static_cast<std::size_t>(count), &target) == 0) {
+            break;
+        }
+    }
+    require_taken(url, target, false);
+    last_modified_ = status.st_mtim.tv_sec;
 }
 
 // The daemon's options, to find what the daemon would find; then those of the tools.
@@ -302,7 +337,8 @@ std::string Client::effective_url() const {
 void Client::observe_url() {
     const std::string url = effective_url();
     const bool https = part_of(url, CURLUPART_SCHEME) == "https";
-    if (was_https_ && !https && std::find(insecure_.begin(), insecure_.end(), url) == insecure_.end()) {
+    if (was_https_ && !https && insecure_.size() < most_addresses &&
+        std::find(insecure_.begin(), insecure_.end(), url) == insecure_.end()) {
         insecure_.push_back(url);
     }
     was_https_ = was_https_ || https;
@@ -333,22 +369,24 @@ void Client::observe(X509_STORE_CTX* store) {
 std::string Client::trouble(const std::string& host) const {
     const auto [fault, advice] = explain(tls_error_, host);
     const char* whose = of_authority_ ? "a certificate of the mirror's authorities " : "the mirror's certificate ";
-    return whose + fault + " (" + certificate_ + "); " + advice;
+    return whose + fault + "; " + advice + " (" + certificate_ + ")";
 }
 
 std::string Client::reason_of(int result) const {
     const std::string reason = curl_easy_strerror(static_cast<CURLcode>(result));
     if (result == CURLE_UNSUPPORTED_PROTOCOL && !insecure_.empty()) {
-        return "redirected from https to " + insecure_.back() + ", where anybody on the way can change the answer";
+        return "redirected from https to " + insecure_.back() +
+               ", where anybody on the way can change the answer: give --allow-http to permit it";
     }
     const bool of_tls = result == CURLE_PEER_FAILED_VERIFICATION && !certificate_.empty();
-    return of_tls ? reason + ": " + trouble(part_of(effective_url(), CURLUPART_HOST)) : reason;
+    return of_tls ? trouble(part_of(effective_url(), CURLUPART_HOST)) : reason;
 }
 
 std::vector<std::string> Client::warnings() const {
     std::vector<std::string> found;
     for (const std::string& url : insecure_) {
-        found.push_back("redirected from https to " + url + ": anybody on the way can change the answer");
+        found.push_back("redirected from https to " + url.substr(0, longest_address) +
+                        ": anybody on the way can change the answer");
     }
     const std::int64_t left = chain_end_ ? chain_end_->epoch - std::time(nullptr) : 0;
     if (chain_end_ && left < std::int64_t{14} * 86400) {

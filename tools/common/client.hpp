@@ -74,9 +74,8 @@ public:
     // Both together.
     [[nodiscard]] zqu::CompleteInfo fetch_info(const std::string& id) { return read_info(fetch_info_text(id), id); }
 
-    // GETs the mirror's file name into the file at path, which is replaced, and not flushed. What has arrived stays
-    // there on failure.
-    void download(const std::string& name, const std::string& path);
+    // GETs the mirror's file name and writes it to the descriptor.
+    void download(const std::string& name, int file);
 
     // When the last file that was fetched was modified, in seconds since the Unix epoch, by its time or its
     // Last-Modified (RFC 9110, section 8.8.2); no value when the server did not say.
@@ -96,6 +95,8 @@ private:
     void set_options(const std::string& url, Target& target);
     [[nodiscard]] std::string reason_of(int result) const;
     void observe_url();
+    void read_local(const std::string& url, Target& target);
+    static void require_taken(const std::string& url, const Target& target, bool too_long);
     [[nodiscard]] std::string effective_url() const;
     static int verify(x509_store_ctx_st* store, void* client);
     void observe(x509_store_ctx_st* store);

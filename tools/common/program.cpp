@@ -106,6 +106,7 @@ int run_program(const char* name, int failed, const std::function<int()>& body) 
     hold_standard_descriptors();
     static_cast<void>(signal(SIGPIPE, SIG_IGN));
     static_cast<void>(signal(SIGXFSZ, SIG_IGN));
+    static_cast<void>(signal(SIGCHLD, SIG_DFL));  // ignored, it would hide how a child ends
     try {
         return body();
     } catch (const std::exception& e) {
@@ -134,9 +135,12 @@ std::optional<int> parse(CLI::App& app, int argc, char** argv, int wrong,
         return status;
     } catch (const CLI::ParseError& e) {
         const auto words = app.remaining();
-        const bool unknown_command = !words.empty() && app.get_require_subcommand_min() > app.get_subcommands().size();
+        const bool unknown_command = !words.empty() && words.front().front() != '-' &&
+                                     app.get_require_subcommand_min() > app.get_subcommands().size();
         const std::string reason = unknown_command ? "there is no command " + words.front() : e.what();
-        report(reason + " (see " + program_name + " --help)");
+        const std::string command =
+            app.get_subcommands().empty() ? "" : " " + app.get_subcommands().front()->get_name();
+        report(reason + " (see " + program_name + command + " --help)");
         return wrong;
     }
 }
@@ -181,7 +185,7 @@ void Progress::clear() {
 
 ChildResult in_child(const std::function<void()>& prepare, const std::function<std::string()>& work,
                      std::chrono::seconds limit) {
-    const auto end = steady_clock::now() + limit;
+    const auto end = steady_clock::now() + std::min<std::chrono::seconds>(limit, std::chrono::hours(24 * 365));
     const pid_t parent = getpid();
     std::array<int, 2> ends{};
     if (pipe2(ends.data(), O_CLOEXEC) != 0) {

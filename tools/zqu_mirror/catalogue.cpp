@@ -33,13 +33,6 @@ bool may_be_info(const std::string& name) {
            name.find(info_mark, prefix.size()) != std::string::npos;
 }
 
-// Whether publish gives this name to an archive.
-bool is_ours(const std::string& archive) {
-    const auto mark = archive.find(info_mark, prefix.size() + 1);
-    return begins_with(archive, prefix) && mark != std::string::npos &&
-           mark + info_mark.size() + std::string(".cab").size() < archive.size() && unusable_name(archive).empty();
-}
-
 void require_plain(const std::string& file, const std::string& name) {
     refuse(file + ": the name " + name, unusable_name(name));
 }
@@ -106,7 +99,8 @@ public:
         }
         for (const auto& name : names_) {
             if ((ends_with(name, ".cab") || ends_with(name, ".zip")) && named.count(name) == 0) {
-                (is_ours(name) ? found.orphans : found.strangers).push_back(name);
+                const bool ours = is_ours(name) && fs::is_regular_file(fs::symlink_status(folder(options_) / name));
+                (ours ? found.orphans : found.strangers).push_back(name);
             }
         }
         return found;
@@ -230,6 +224,12 @@ std::string info_that_names(const Options& options, const std::string& archive) 
     const auto names_it = [&](const Release& release) { return release.archive == archive; };
     const auto release = std::find_if(found.releases.begin(), found.releases.end(), names_it);
     return release == found.releases.end() ? "" : release->info;
+}
+
+bool is_ours(const std::string& archive) {
+    const auto mark = archive.find(info_mark, prefix.size() + 1);
+    return begins_with(archive, prefix) && mark != std::string::npos &&
+           mark + info_mark.size() + std::string(".cab").size() < archive.size() && unusable_name(archive).empty();
 }
 
 std::vector<std::string> archives_of_killed_run(const fs::path& directory) {

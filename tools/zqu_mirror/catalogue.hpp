@@ -78,4 +78,7 @@ void require_understood(const Catalogue& catalogue);
 
 [[nodiscard]] std::int64_t now_ns();
 
+// Whether publish gives this name to an archive.
+[[nodiscard]] bool is_ours(const std::string& archive);
+
 }  // namespace zqu::mirror_tool

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <strings.h>
 
 #include <algorithm>
@@ -202,6 +203,9 @@ private:
     void judge_age() {
         const std::string info = info_name(options_.flavor, found_.id);
         const std::int64_t age = std::max<std::int64_t>(0, std::time(nullptr) - found_.published.value_or(0));
+        if (found_.published.value_or(0) > std::time(nullptr) + 60) {
+            report(Verdict::warning, info + " is from the future: its age is unknown until then");
+        }
         if (options_.max_age_s > 0 && !found_.published) {
             report(Verdict::unknown, "the server gives no Last-Modified for " + info + ": its age is unknown");
         } else if (options_.max_age_s > 0 && age > options_.max_age_s) {
@@ -238,7 +242,7 @@ private:
         fs::path path = make_temporary() / "archive";
         run_.phase("downloading " + name, path);
         try {
-            client_.download(name, path);
+            client_.download(name, Fd(path, O_WRONLY | O_CREAT | O_EXCL).get());
         } catch (const std::system_error& e) {
             fail("cannot write " + path.string() + ": " + e.code().message() +
                  "; name a directory with more room by TMPDIR");
@@ -249,10 +253,11 @@ private:
 
     fs::path make_temporary() {
         return run_.make_scratch([] {
-            std::string path = fs::absolute(fs::temp_directory_path()) / "zqu-mirror-XXXXXX";
-            if (mkdtemp(path.data()) == nullptr) {
-                fail("cannot create a directory like " + path + ": " + std::generic_category().message(errno) +
-                     "; name another one by TMPDIR");
+            std::error_code error;
+            std::string path = fs::absolute(fs::temp_directory_path(error)) / "zqu-mirror-XXXXXX";
+            if (error || mkdtemp(path.data()) == nullptr) {
+                const std::string reason = error ? error.message() : std::generic_category().message(errno);
+                fail("cannot create a directory like " + path + ": " + reason + "; name another one by TMPDIR");
             }
             return fs::path(path);
         });

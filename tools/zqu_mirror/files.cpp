@@ -1,7 +1,9 @@
 #include "files.hpp"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -65,6 +67,21 @@ void make_folder(const fs::path& path, mode_t mode) {
 void remove_tree(const fs::path& path, std::error_code& error) {
     make_accessible(path);
     fs::remove_all(path, error);
+}
+
+void become_owner(fs::path path) {
+    struct stat status {};
+    while (stat(path.c_str(), &status) != 0 && path.has_relative_path()) {
+        path = path.parent_path();
+    }
+    if (geteuid() != 0 || status.st_uid == 0) {
+        return;
+    }
+    // Dumpable: else /proc/self/fd belongs to root.
+    if (setgroups(0, nullptr) != 0 || setgid(status.st_gid) != 0 || setuid(status.st_uid) != 0 ||
+        prctl(PR_SET_DUMPABLE, 1) != 0) {
+        fail_errno("cannot work as the owner of " + path.string());
+    }
 }
 
 Lock::Lock(const fs::path& directory) : directory_(directory, O_RDONLY | O_DIRECTORY) {

@@ -38,6 +38,10 @@ void make_folder(const std::filesystem::path& path, mode_t mode);
 // Removes path with all that it holds, also directories that their owner may not enter; says in error why it could not.
 void remove_tree(const std::filesystem::path& path, std::error_code& error);
 
+// Run by root, becomes for good the owner of path, or of the nearest directory above it that exists: the owner could
+// otherwise lead root elsewhere by links, and would not own what root has made.
+void become_owner(std::filesystem::path path);
+
 // The right to change a mirror's directory, which must exist: flock(2), which the kernel ends with the process. Does
 // not wait: throws std::runtime_error when another run has it.
 class Lock {

@@ -2,7 +2,6 @@
 
 #include "catalogue.hpp"
 #include "upstream.hpp"
-#include "verifier.hpp"
 #include "workplace.hpp"
 
 namespace zqu::mirror_tool {
@@ -27,7 +26,7 @@ void report_nothing_new(const Options& options, const std::string& what, Run& ru
 }
 
 // Requires that the id, if it is known here, stands for the same archive.
-bool require_same_content(const Options& options, const Offer& offer) {
+bool require_same_content(const Options& options, const Offer& offer, Run& run) {
     const fs::path place = folder(options);
     if (!fs::exists(fs::symlink_status(place / info_name(options.flavor, offer.id)))) {
         return false;
@@ -37,30 +36,34 @@ bool require_same_content(const Options& options, const Offer& offer) {
         fail(offer.id + " is on the mirror, but damaged: " + known.fault + advice);
     }
     if (known.info.cab_name != offer.info.cab_name ||
-        !zqu::verifier::verify(place / offer.info.cab_name, offer.info.sha256)) {
+        !has_digest(place / offer.info.cab_name, offer.info.sha256, run)) {
         fail(offer.id + " is on the mirror with other content: an id never gets other content");
     }
     return true;
 }
 
 // Whether the archive is here already. One with that name and other content must not be named by anything.
-bool have_archive(const Options& options, const zqu::CompleteInfo& info) {
+bool have_archive(const Options& options, const zqu::CompleteInfo& info, Run& run) {
     const fs::path archive = folder(options) / info.cab_name;
-    if (!fs::exists(fs::symlink_status(archive)) || zqu::verifier::verify(archive, info.sha256)) {
+    if (!fs::exists(fs::symlink_status(archive)) || has_digest(archive, info.sha256, run)) {
         return fs::exists(archive);
     }
     const std::string other = info_that_names(options, info.cab_name);
     if (!other.empty()) {
         fail(info.cab_name + " is on the mirror with other content, and " + other + " names it");
     }
+    if (!is_ours(info.cab_name)) {
+        fail(info.cab_name + " is on the mirror with other content, and not of this program: remove or rename it");
+    }
     return false;
 }
 
 // Gets the archive, from the upstream mirror unless it is here already, and puts the release into place, one file after
 // the other, each on disk before the next: nothing ever names what is not there.
-void add_release(const Options& options, const Offer& offer, bool known, Upstream& upstream, Workplace& place) {
+void add_release(const Options& options, const Offer& offer, bool known, Upstream& upstream, Workplace& place,
+                 Run& run) {
     const std::string& archive = offer.info.cab_name;
-    const bool have = have_archive(options, offer.info);
+    const bool have = have_archive(options, offer.info, run);
     if (have) {
         upstream.require_sound(offer, place.folder() / archive);
     } else {
@@ -90,12 +93,12 @@ void follow(const Options& options, Upstream& upstream, Run& run) {
     }
     Workplace place(folder(options), run);
     write_text(place.work(info.filename()), offer.text);
-    const bool known = require_same_content(options, offer);
+    const bool known = require_same_content(options, offer, run);
     if (known && current_id(options) == id) {  // the INI has changed, but nothing in it
         report_nothing_new(options, "nothing new: ", run);
         return;
     }
-    add_release(options, offer, known, upstream, place);
+    add_release(options, offer, known, upstream, place, run);
     place.make_current(options, id);
     report(options, (known ? "made current again " : "mirrored ") + summary(place.folder(), id, offer.info), run);
 }

@@ -186,6 +186,7 @@ void remove_releases(Remover& remover, const Catalogue& catalogue, const Options
 
 void prune(const Options& options, Run& run) {
     const fs::path place = folder(options);
+    become_owner(place);
     const Lock lock(place);
     Catalogue catalogue = read_catalogue(options);
     require_understood(catalogue);
@@ -203,7 +204,9 @@ void prune(const Options& options, Run& run) {
         }
     }
     for (const auto& name : catalogue.strangers) {
-        remover.report("not ours, kept: " + name + ", " + std::to_string(fs::file_size(place / name)) + " bytes");
+        const bool file = fs::is_regular_file(fs::symlink_status(place / name));
+        remover.report("not ours, kept: " + name +
+                       (file ? ", " + std::to_string(fs::file_size(place / name)) + " bytes" : ""));
     }
     remover.finish();
 }

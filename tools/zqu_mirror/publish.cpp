@@ -8,7 +8,6 @@
 #include "client.hpp"
 #include "commands.hpp"
 #include "pack.hpp"
-#include "verifier.hpp"
 #include "workplace.hpp"
 
 namespace zqu::mirror_tool {
@@ -102,7 +101,7 @@ zqu::CompleteInfo require_release(const Options& options, const std::vector<Sour
     const zqu::Config cfg = client_config(options);
     zqu::CompleteInfo info = tools::Client(cfg).fetch_info(options.id);
     const fs::path archive = folder(options) / info.cab_name;
-    if (info.defid != options.id || !fs::is_regular_file(archive) || !zqu::verifier::verify(archive, info.sha256)) {
+    if (info.defid != options.id || !fs::is_regular_file(archive) || !has_digest(archive, info.sha256, run)) {
         fail(options.id + " is on the mirror, but its INI file and its archive do not match");
     }
     auto found = inspect_in(run, "checking the archive", archive, info.cab_name, options.flavor);

@@ -6,7 +6,6 @@
 
 #include "commands.hpp"
 #include "upstream.hpp"
-#include "verifier.hpp"
 #include "workplace.hpp"
 
 namespace zqu::mirror_tool {
@@ -128,7 +127,7 @@ private:
 
     void choose() {
         target_ = hit_.value_or("");
-        offer_ = hit_ ? offered(target_) : std::nullopt;
+        offer_ = hit_ && (is_sound(target_) || held_.count(target_) == 0) ? offered(target_) : std::nullopt;
         if (hit_ && is_sound(target_)) {
             compare_with_upstream();
             return;
@@ -170,7 +169,7 @@ private:
     bool has_content(const Offer& offer) {
         const std::string& archive = offer.info.cab_name;
         return releases_[offer.id].info.cab_name == archive &&
-               zqu::verifier::verify(place_.folder() / archive, offer.info.sha256);
+               has_digest(place_.folder() / archive, offer.info.sha256, run_);
     }
 
     // The INIs of former releases that are sound here, but for their INI's bytes.
@@ -239,9 +238,9 @@ private:
         for (const auto& id : lost) {
             report("would set aside " + id);
         }
-        fail(
-            "nothing is changed: give --from to restore from an upstream mirror, --yes to do this, or choose a release "
-            "with zqu-mirror activate");
+        fail(upstream_ ? "nothing is changed: the upstream mirror's current release is held; give --yes to do this, or "
+                         "choose a release with zqu-mirror activate"
+                       : "nothing is changed: give --from UPSTREAM to restore, or --yes to do this");
     }
 
     // ---- What is done ----
@@ -249,20 +248,22 @@ private:
     void restore(const Offer& offer) {
         const fs::path archive = place_.folder() / offer.info.cab_name;
         const std::string name = info_name(options_.flavor, offer.id);
-        const bool have = fs::is_regular_file(archive) && zqu::verifier::verify(archive, offer.info.sha256);
+        const bool have = fs::is_regular_file(archive) && has_digest(archive, offer.info.sha256, run_);
         if (have) {
             upstream_->require_sound(offer, archive);
         } else {
             require_not_needed(offer);
             upstream_->download(offer, place_.work("archive"));
         }
-        write_text(place_.work(name), offer.text);
+        // Not under its name: a killed run's INI there says that its archive is a leftover.
+        fs::remove(place_.work("info"));
+        write_text(place_.work("info"), offer.text);
         run_.step([&] {
             if (!have) {
                 replace("archive", offer.info.cab_name);
             }
             if (releases_[offer.id].info.cab_name.empty() || text_of(place_.folder() / name) != offer.text) {
-                replace(name, name);
+                replace("info", name);
             }
         });
         releases_[offer.id] = {"", offer.info};
@@ -294,11 +295,23 @@ private:
         return "";
     }
 
-    // Puts a file of the work directory into place, on disk before anything else is done.
+    // Puts a file of the work directory into place, on disk before anything else is done. What it replaces keeps its
+    // name until then.
     void replace(const std::string& work_name, const std::string& name) {
-        set_aside(name);
+        keep(name);
         move(place_.work(work_name), place_.folder() / name);
         flush(place_.folder());
+    }
+
+    void keep(const std::string& name) {
+        std::error_code error;
+        if (fs::exists(fs::symlink_status(place_.folder() / name))) {
+            fs::create_hard_link(place_.folder() / name, kept() / name, error);
+            flush(kept());
+        }
+        if (error) {
+            set_aside(name);  // a directory, for example
+        }
     }
 
     void set_aside(const std::string& name) {
@@ -313,7 +326,8 @@ private:
     const fs::path& kept() {
         if (kept_.empty()) {
             const fs::path all = place_.folder() / replaced_directory_name;
-            if (!fs::exists(fs::symlink_status(all))) {
+            if (!has_directory(all,
+                               " is not a directory, but repair keeps there what it replaces: remove or rename it")) {
                 make_folder(all, 0700);
             }
             char now[sizeof "20261122T081500Z"] = "";
@@ -327,18 +341,10 @@ private:
         return kept_;
     }
 
-    // The hit INI stays in place until the new one replaces it, unless it is no file.
     void point_to_target() {
-        const std::string name = hit_name(options_.flavor);
-        const fs::path hit = place_.folder() / name;
-        run_.step([&] {
-            if (fs::is_regular_file(fs::symlink_status(hit))) {
-                write_text(kept() / name, text_of(hit));
-            } else {
-                set_aside(name);
-            }
-        });
+        run_.step([&] { keep(hit_name(options_.flavor)); });
         place_.make_current(options_, target_, true);
+        run_.reopen();
         report("made current " + summary(place_.folder(), target_, releases_[target_].info));
     }
 
@@ -349,9 +355,12 @@ private:
             return;
         }
         run_.step([&] {
-            set_aside(info_name(options_.flavor, id));
-            if (!archive.empty() && needed_by(archive, id).empty()) {
-                set_aside(archive);
+            const std::string name = stem(options_.flavor, id);
+            set_aside(name + ".ini");
+            for (const auto& each : archive.empty() ? std::set{name + ".cab", name + ".zip"} : std::set{archive}) {
+                if (needed_by(each, id).empty()) {
+                    set_aside(each);
+                }
             }
         });
         report("set aside " + id);

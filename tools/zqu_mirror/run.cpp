@@ -56,6 +56,11 @@ void Run::step(const std::function<void()>& action) {
     action();
 }
 
+void Run::reopen() {
+    const auto lock = hold();
+    committed_ = false;
+}
+
 void Run::phase(const std::string& text, std::function<std::uintmax_t()> done) {
     const auto lock = hold();
     progress_.begin(text);

@@ -51,6 +51,9 @@ public:
     // Does what makes the run's work good: nothing but the scratch folder is undone afterwards, by no signal either.
     void commit(const std::function<void()>& action);
 
+    // After a commit: lets a signal end the run again.
+    void reopen();
+
     // Does what cannot be undone. A signal that came before ends the run without it.
     void step(const std::function<void()>& action);
 

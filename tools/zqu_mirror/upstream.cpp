@@ -1,6 +1,7 @@
 #include "upstream.hpp"
 
-#include "verifier.hpp"
+#include <fcntl.h>
+
 #include "workplace.hpp"
 
 namespace zqu::mirror_tool {
@@ -30,9 +31,9 @@ Offer Upstream::release(const std::string& id) {
 
 void Upstream::download(const Offer& offer, const std::filesystem::path& archive) {
     run_.phase("downloading " + offer.info.cab_name, archive);
-    client_.download(offer.info.cab_name, archive);
+    client_.download(offer.info.cab_name, Fd(archive, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW).get());
     run_.phase("checking the archive");
-    if (!zqu::verifier::verify(archive, offer.info.sha256)) {
+    if (!has_digest(archive, offer.info.sha256, run_)) {
         fail("the upstream mirror's " + offer.info.cab_name + " does not have the digest " + offer.info.sha256);
     }
     flush(archive);

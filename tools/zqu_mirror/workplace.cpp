@@ -11,7 +11,6 @@
 #include "catalogue.hpp"
 #include "client.hpp"
 #include "digest.hpp"
-#include "verifier.hpp"
 
 namespace zqu::mirror_tool {
 
@@ -19,20 +18,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Whether there is a directory at path. What others have put there is neither followed nor replaced.
-bool has_directory(const fs::path& path, const std::string& otherwise) {
-    const fs::file_status found = fs::symlink_status(path);
-    if (fs::exists(found) && !fs::is_directory(found)) {
-        fail(path.string() + otherwise);
-    }
-    return fs::exists(found);
-}
-
 bool has_record(const fs::path& record) {
     return has_directory(record, " is no directory: remove it, then every release that was held is released");
 }
 
 const fs::path& make_folders(const fs::path& path, Run& run) {
+    become_owner(path);
     fs::path prefix;
     for (const auto& part : path) {
         const fs::path parent = prefix;
@@ -51,13 +42,8 @@ void mark_as_former(const fs::path& info, const fs::path& hit) {
     struct stat replaced {};
     if (stat(hit.c_str(), &replaced) == 0) {
         const timespec times[] = {{0, UTIME_OMIT}, replaced.st_mtim};
-        static_cast<void>(utimensat(AT_FDCWD, info.c_str(), times, 0));
+        static_cast<void>(utimensat(AT_FDCWD, info.c_str(), times, AT_SYMLINK_NOFOLLOW));
     }
-}
-
-bool has_digest(const fs::path& archive, std::string digest, Run& run) {
-    std::transform(digest.begin(), digest.end(), digest.begin(), [](unsigned char c) { return std::tolower(c); });
-    return sha256_in(run, archive) == digest;
 }
 
 std::string fault_of_archive(const fs::path& archive, const zqu::CompleteInfo& info, Depth depth, Run& run) {
@@ -76,6 +62,22 @@ std::string fault_of_archive(const fs::path& archive, const zqu::CompleteInfo& i
 }
 
 }  // namespace
+
+bool has_directory(const fs::path& path, const std::string& otherwise) {
+    const fs::file_status found = fs::symlink_status(path);
+    if (fs::exists(found) && !fs::is_directory(found)) {
+        fail(path.string() + otherwise);
+    }
+    return fs::exists(found);
+}
+
+bool has_digest(const fs::path& archive, std::string digest, Run& run) {
+    if (!fs::is_regular_file(archive) || fs::file_size(archive) > tools::largest_file) {
+        return false;
+    }
+    std::transform(digest.begin(), digest.end(), digest.begin(), [](unsigned char c) { return std::tolower(c); });
+    return sha256_in(run, archive) == digest;
+}
 
 std::optional<std::string> current_id(const Options& options) {
     const zqu::Config cfg = client_config(options);
@@ -166,7 +168,6 @@ std::set<std::string> held_ids(const Options& options) {
                 ids.insert(*id);
             }
         }
-        ids.erase(current_id(options).value_or(""));
     }
     return ids;
 }
@@ -234,7 +235,11 @@ void Workplace::make_current(const Options& options, const std::string& id, bool
     } catch (const std::system_error& e) {
         fail(id + " is published, but a power cut might undo that: " + e.what());
     }
-    end_hold(options, id);
+    try {
+        end_hold(options, id);
+    } catch (const std::system_error& e) {
+        fail(id + " is current, but stays held: " + e.what());
+    }
 }
 
 }  // namespace zqu::mirror_tool

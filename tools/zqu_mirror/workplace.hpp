@@ -19,6 +19,10 @@ namespace zqu::mirror_tool {
 // The work directory's name in the mirror's directory.
 inline constexpr const char* work_folder_name = ".zqu-mirror.work";
 
+// Whether there is a directory at path. Throws std::runtime_error "<path><otherwise>" for anything else: what others
+// have put there is neither followed nor replaced.
+[[nodiscard]] bool has_directory(const std::filesystem::path& path, const std::string& otherwise);
+
 // Whether the mirror's directory has a work directory: that of the run that has the lock, or of a killed one. Throws
 // std::runtime_error, with what to do, when something else has its name.
 [[nodiscard]] bool has_work_directory(const std::filesystem::path& directory);
@@ -48,6 +52,10 @@ struct Examined {
                                            const std::string& name, const std::string& flavor);
 [[nodiscard]] std::string sha256_in(Run& run, const std::filesystem::path& path);
 
+// Whether there is a regular file at archive with this SHA-256, in hexadecimal digits of any case. Throws when it
+// cannot be read: that is no verdict.
+[[nodiscard]] bool has_digest(const std::filesystem::path& archive, std::string digest, Run& run);
+
 // The content of the file at path; empty when there is none, or it is not a regular one or longer than an INI may be.
 [[nodiscard]] std::string text_of(const std::filesystem::path& path);
 
@@ -65,7 +73,7 @@ void report(const Options& options, const std::string& line, Run& run);
 // INI: one system call holds or releases, and there is nothing to parse. It is not served: its name begins with a dot.
 inline constexpr const char* held_directory_name = ".zqu-mirror.held";
 
-// The held ids of options.flavor without the current one, which a killed activate may have left; none without a record.
+// The held ids of options.flavor; none without a record. A killed activate may have left the current one there.
 // Throws std::runtime_error, with what to do, when something other than a directory is in its place. Takes no lock.
 [[nodiscard]] std::set<std::string> held_ids(const Options& options);
 

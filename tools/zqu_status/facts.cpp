@@ -251,7 +251,7 @@ Fd fetch(Client& client, const CompleteInfo& info) {
     Progress progress;
     progress.begin("fetching " + info.cab_name);
     client.on_progress([&progress](std::uintmax_t bytes) { progress.show(bytes); });
-    client.download(info.cab_name, memory_path(file));
+    client.download(info.cab_name, file.get());
     client.on_progress(nullptr);
     if (!verifier::verify(memory_path(file), info.sha256)) {
         throw MirrorError(info.cab_name + " does not have the digest that the mirror gives");
