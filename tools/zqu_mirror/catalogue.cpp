@@ -42,9 +42,9 @@ std::string flavor_of_hit(const std::string& name) {
 }
 
 // Reads the INI files of one directory through one client.
-class Reader {
+class IniReader {
 public:
-    explicit Reader(const Options& options) : options_(options), cfg_(client_config(options)), client_(cfg_) {
+    explicit IniReader(const Options& options) : options_(options), cfg_(client_config(options)), client_(cfg_) {
         std::error_code error;
         for (fs::directory_iterator entry(folder(options), error), end; !error && entry != end;
              entry.increment(error)) {
@@ -173,13 +173,13 @@ private:
 }  // namespace
 
 Current read_current(const Options& options) {
-    Catalogue found = Reader(options).current();
+    Catalogue found = IniReader(options).current();
     require_understood(found);
     return std::move(found.current);
 }
 
 Catalogue read_catalogue(const Options& options) {
-    Reader reader(options);
+    IniReader reader(options);
     Catalogue found = reader.all();
     const std::string hit = hit_name(options.flavor);
     if (!std::binary_search(reader.names().begin(), reader.names().end(), hit)) {
@@ -219,7 +219,7 @@ std::vector<Release> newest_first(const Catalogue& catalogue, const Options& opt
 }
 
 std::string info_that_names(const Options& options, const std::string& archive) {
-    const Catalogue found = Reader(options).all();
+    const Catalogue found = IniReader(options).all();
     require_understood(found);
     const auto names_it = [&](const Release& release) { return release.archive == archive; };
     const auto release = std::find_if(found.releases.begin(), found.releases.end(), names_it);
@@ -239,7 +239,7 @@ std::vector<std::string> archives_of_killed_run(const fs::path& directory) {
     here.subdir = "";
     Options work = here;
     work.subdir = work_folder_name;
-    Reader reader(work);
+    IniReader reader(work);
     for (const auto& name : reader.names()) {
         try {
             const zqu::CompleteInfo info = may_be_info(name) ? reader.info(name) : zqu::CompleteInfo{};
