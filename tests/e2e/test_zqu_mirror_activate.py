@@ -1,20 +1,8 @@
 """zqu-mirror activate: a release of the mirror is current again, and the one that it replaces stays away."""
 
-import os
-
 import pytest
-from mirror_tool import HELD, WORK, cab, change_info, run
-from release import HIT, info_name, sha256
-
-
-def summary(own, id, archive=None):
-    archive = archive or cab(id)
-    data = own.path(archive).read_bytes()
-    return f"{id}: {archive}, {len(data)} bytes, SHA-256 {sha256(data)}"
-
-
-def held(own):
-    return sorted(path.name for path in own.path(HELD).iterdir()) if own.path(HELD).exists() else []
+from mirror_tool import HELD, WORK, cab, cut, forge, remove, run, write
+from release import HIT, info_name
 
 
 def activate(own, id):
@@ -27,14 +15,14 @@ def current(own):
 
 def test_activate_makes_the_release_current_and_holds_the_other(own):
     own.publish_small("1", "2", "3")
-    lines = f"made current {summary(own, '1')}\nheld 3: mirror does not take it again\n"
+    lines = f"made current {own.summary('1')}\nheld 3: mirror does not take it again\n"
     before = own.files()
     assert activate(own, "1") == (0, lines, "")
     assert own.files() == sorted([*before, HELD])
-    assert (current(own), held(own), own.check()[0]) == ("1", [info_name("3")], 0)
+    assert (current(own), own.held(), own.check()[0]) == ("1", [info_name("3")], 0)
     assert own.path(info_name("3")).stat().st_mtime_ns == own.path(HIT).stat().st_mtime_ns  # as prune expects
     seen = own.seen()
-    assert activate(own, "1") == (0, f"is current already: {summary(own, '1')}\n", "")
+    assert activate(own, "1") == (0, f"is current already: {own.summary('1')}\n", "")
     assert own.seen() == seen
 
 
@@ -42,16 +30,12 @@ def test_hold_ends_when_the_release_is_current_again(own):
     own.publish_small("1", "2")
     assert activate(own, "1")[0] == 0
     assert activate(own, "2")[0] == 0
-    assert held(own) == [info_name("1")]
+    assert own.held() == [info_name("1")]
     own.publish_small("1")
-    assert held(own) == []
-    own.path(
-        HELD,
-    ).joinpath(
-        info_name("1")
-    ).touch()  # as a kill leaves it
+    assert own.held() == []
+    own.path(HELD).joinpath(info_name("1")).touch()  # as a kill leaves it
     assert activate(own, "1")[0] == 0
-    assert held(own) == []
+    assert own.held() == []
 
 
 def test_release_of_an_upstream_stays_away_until_it_has_another(copy):
@@ -67,7 +51,7 @@ def test_release_of_an_upstream_stays_away_until_it_has_another(copy):
     copy.upstream.announce("1002", "antivir-v2-1002.cab")  # back to what the operator did not want
     assert copy.run() == (0, line.replace("1001 is", "1003 is"), "")
     assert copy.run("--force")[1].startswith("made current again 1002: ")
-    assert (current(copy), held(copy)) == ("1002", [])
+    assert (current(copy), copy.held()) == ("1002", [])
     assert copy.run() == (0, "nothing new: 1002 is current\n", "")
 
 
@@ -86,37 +70,18 @@ def test_hold_counts_for_its_flavor_alone(own):
     assert activate(own, "1")[0] == 0
     upstream = ["mirror", "--flavor", "v3", f"file://{own.root}", own.base / "copy"]
     assert run(*upstream)[1].startswith("mirrored 2: ")
-    assert held(own) == [info_name("2")]
-
-
-def lose_definition(own):
-    own.write(cab("1"), b"forged")
-    change_info(own, "1", SHA256=sha256(b"forged"), size=6)
-
-
-def replace_record(own):
-    own.write(HELD, "x")
+    assert own.held() == [info_name("2")]
 
 
 # What is done to a mirror with the releases 1 and 2, and what is said of activating 1.
 REFUSED = {
-    "missing": (
-        lambda own: own.path(info_name("1")).unlink(),
-        f"1 cannot be made current: {info_name('1')} is missing",
-    ),
-    "cut short": (
-        lambda own: os.truncate(own.path(info_name("1")), 30),
-        f"1 cannot be made current: {info_name('1')} names no archive or no digest",
-    ),
-    "damaged": (
-        lambda own: os.truncate(own.path(cab("1")), 30),
-        f"1 cannot be made current: {cab('1')} has 30 bytes instead of {{size}}",
-    ),
+    "missing": (remove(info_name("1")), f"1 cannot be made current: {info_name('1')} is missing"),
+    "damaged": (cut(cab("1"), 30), f"1 cannot be made current: {cab('1')} has 30 bytes instead of {{size}}"),
     "unusable": (
-        lose_definition,
+        forge("1", cab("1")),
         f"1 cannot be made current: {cab('1')} cannot be unpacked: Unrecognized archive format",
     ),
-    "record": (replace_record, "{held} is no directory: remove it, then every release that was held is released"),
+    "record": (write(HELD, "x"), "{held} is no directory: remove it, then every release that was held is released"),
 }
 
 
@@ -135,8 +100,8 @@ def test_activate_heals_a_lost_hit_ini_and_holds_nothing(own, hit):
     own.path(HIT).unlink()
     if hit:
         own.write(HIT, hit)
-    assert activate(own, "1") == (0, f"made current {summary(own, '1')}\n", "")
-    assert (held(own), own.check()[0]) == ([], 0)
+    assert activate(own, "1") == (0, f"made current {own.summary('1')}\n", "")
+    assert (own.held(), own.check()[0]) == ([], 0)
 
 
 def test_foreign_files_in_the_record_hold_nothing(own):
@@ -147,7 +112,7 @@ def test_foreign_files_in_the_record_hold_nothing(own):
     upstream = ["mirror", f"file://{own.root}", own.base / "copy"]
     assert run(*upstream)[0] == 0
     assert activate(own, "1")[0] == 0
-    assert info_name("3") in held(own)
+    assert info_name("3") in own.held()
 
 
 @pytest.mark.parametrize("name", ["a/b", "..", "x-hit"])

@@ -1,10 +1,9 @@
 """zqu-mirror list: the releases on a mirror as a table and as JSON, also when the mirror is damaged."""
 
 import json
-import os
 
 import pytest
-from mirror_tool import DAY, WORK, cab, utc
+from mirror_tool import DAY, HELD, WORK, cab, cut, remove, utc, write
 from release import HIT, info_name
 
 
@@ -31,8 +30,8 @@ def listed(own):
     assert own.publish("4", "--zip")[0] == 0
     for id, age in zip("123", (50, 40, 30)):
         own.set_age(cab(id), age)
-    (own.folder / ".zqu-mirror.held").mkdir()
-    (own.folder / ".zqu-mirror.held" / info_name("2")).touch()
+    own.path(HELD).mkdir()
+    own.path(f"{HELD}/{info_name('2')}").touch()
     own.write(cab("stray"), "no INI names it")
     own.write("antivir-v2-c-1.ini.bak", "not an INI")
     own.write("README", "mine")
@@ -90,28 +89,17 @@ def test_releases_of_another_flavor_have_a_list_of_their_own(own):
     assert [line.split()[0] for line in own.list("--flavor", "v3")[1].splitlines()] == ["ID", "7"]
 
 
-def broken(name, content):
-    return lambda own: own.write(name, content)
-
-
 NO_ARCHIVE = f"{info_name('1')} names no archive or no digest"
 GONE = f"{cab('1')} is missing or not a regular file, but {info_name('1')} names it"
 # What is damaged, what is said of it, which release is current then, and the archives of the two releases.
 DAMAGED = {
-    "no hit INI": (
-        lambda own: own.path(HIT).unlink(),
-        f"{HIT} is missing: nothing says which release is current",
-        None,
-        "21",
-    ),
-    "hit INI cut short": (broken(HIT, "[Curr"), f"{HIT} names no release", None, "21"),
-    "INI cut short": (broken(info_name("1"), "def.Current.name = x"), NO_ARCHIVE, "2", "2"),
-    "archive cut short": (lambda own: os.truncate(own.path(cab("1")), 5), "has 5 bytes, but", "2", "2"),
-    "archive missing": (lambda own: own.path(cab("1")).unlink(), GONE, "2", "2"),
-    "hit INI names nothing": (broken(HIT, "defId = gone\n"), info_name("gone"), "gone", "21"),
-    "INI is a FIFO": (lambda own: (own.path(HIT).unlink(), os.mkfifo(own.path(HIT))), "regular file", None, "21"),
-    "INI is too long": (broken(HIT, "x" * (2 << 20)), "longer than 1048576 bytes", None, "21"),
-    "name of the held is taken": (broken(".zqu-mirror.held", ""), ".zqu-mirror.held is no directory", "2", "21"),
+    "no hit INI": (remove(HIT), f"{HIT} is missing: nothing says which release is current", None, "21"),
+    "hit INI cut short": (write(HIT, "[Curr"), f"{HIT} names no release", None, "21"),
+    "INI cut short": (cut(info_name("1"), 30), NO_ARCHIVE, "2", "2"),
+    "archive cut short": (cut(cab("1"), 5), "has 5 bytes, but", "2", "2"),
+    "archive missing": (remove(cab("1")), GONE, "2", "2"),
+    "hit INI names nothing": (write(HIT, "defId = gone\n"), info_name("gone"), "gone", "21"),
+    "name of the held is taken": (write(HELD, ""), f"{HELD} is no directory", "2", "21"),
 }
 
 

@@ -21,6 +21,7 @@ HELD = ".zqu-mirror.held"
 REPLACED = ".zqu-mirror.replaced"
 DAY = 86400
 NAME_RULE = "may hold only letters, digits and -._~!$&'()*+,;:@ (clients could not fetch it otherwise)"
+FIRST, SECOND, INDEX = "antivir-v2.def", "aivsecon-v2.def", "antivir-v2.ini"
 DOTS_RULE = 'must not be empty, "." or ".."'
 HIT_RULE = 'must not be "hit" or end in -hit'
 
@@ -53,6 +54,40 @@ def change_info(mirror, id, **changes):
         line = "" if value is None else f"def.Current.{key}={value}\n"
         text = re.sub(rf"def.Current.{key} *=.*\n", lambda unused: line, text)
     mirror.write(info_name(id), text)
+
+
+# ---- What can be done to a mirror ----
+
+
+def write(name, content):
+    return lambda mirror: mirror.write(name, content)
+
+
+def cut(name, size):
+    return lambda mirror: os.truncate(mirror.path(name), size)
+
+
+def remove(name):
+    return lambda mirror: mirror.path(name).unlink()
+
+
+def change_byte(name):
+    def change(mirror):
+        data = bytearray(mirror.path(name).read_bytes())
+        data[len(data) // 2] ^= 1
+        mirror.write(name, bytes(data))
+
+    return change
+
+
+def forge(id, archive):
+    """The archive is another one, and the INI gives its digest."""
+
+    def change(mirror):
+        mirror.write(archive, b"forged")
+        change_info(mirror, id, SHA256=sha256(b"forged"), size=6)
+
+    return change
 
 
 def clean_report(id, archive, data):
@@ -153,6 +188,15 @@ class OwnMirror(Mirror):
         """A prune by these rules succeeds, and leaves these files."""
         assert self.prune(*rules)[0] == 0
         assert self.files() == sorted(names)
+
+    def summary(self, id, archive=None):
+        """What is said of a release when it is published."""
+        archive = archive or cab(id)
+        data = self.path(archive).read_bytes()
+        return f"{id}: {archive}, {len(data)} bytes, SHA-256 {sha256(data)}"
+
+    def held(self):
+        return sorted(path.name for path in self.path(HELD).iterdir()) if self.path(HELD).exists() else []
 
     def size(self, *names):
         return sum(self.path(name).stat().st_size for name in names)

@@ -78,6 +78,13 @@ class Tool:
         return sorted(filter(None, done.stdout.split("\n")))
 
 
+def check_metrics(text):
+    """The samples of an exposition, by name and labels, once promtool has found no fault with it."""
+    done = subprocess.run(["promtool", "check", "metrics"], input=text, capture_output=True, text=True)
+    assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
+    return dict(line.rpartition(" ")[::2] for line in text.splitlines() if not line.startswith("#"))
+
+
 def under_strace():
     """The environment of a program that strace runs: the leak check does not work under ptrace(2)."""
     return {**os.environ, "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"}
