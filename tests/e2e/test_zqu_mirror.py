@@ -1,7 +1,4 @@
-"""zqu-mirror: what it puts on a mirror, what it refuses, and what it finds wrong with one.
-
-The programs come from the directory that ZQU_BUILD_DIR names, by default "build" in the repository.
-"""
+"""zqu-mirror publish: what it puts on a mirror, and what it refuses."""
 
 import hashlib
 import os
@@ -13,15 +10,16 @@ from pathlib import Path
 
 import pytest
 from gateway import Gateway
-from mirror_tool import DOTS_RULE, HIT_RULE, NAME_RULE, SUBDIR, WORK, cab, change_info, clean_report, noise, run
+from mirror_tool import DOTS_RULE, FIRST, HIT_RULE, INDEX, NAME_RULE, SECOND, SUBDIR, WORK
+from mirror_tool import cab, change_info, clean_report, noise, run
 from outcomes import published
 from release import HIT, info_name, sha256
 from tools import under_strace
 
 CAB_CAPACITY = 65535 * 32768
+CHECK_FORMS = ["check --json", "check --nagios", "check --prometheus"]
 FULL = "cannot write to standard output: No space left on device"
 FORMATS = {"cab": [], "zip": ["--zip"]}
-FIRST, SECOND, INDEX = "antivir-v2.def", "aivsecon-v2.def", "antivir-v2.ini"
 
 
 def expect_clean(own, id, extension="cab"):
@@ -37,8 +35,8 @@ def expect_clean(own, id, extension="cab"):
 def test_release_is_written_whole_and_readable_by_everybody(own, extension):
     result = own.publish("20240131.007", *FORMATS[extension], umask=0o077)
     archive = f"antivir-v2-c-20240131.007.{extension}"
+    assert result == (0, f"published {own.summary('20240131.007', archive)}\n", "")
     data = own.path(archive).read_bytes()
-    assert result == (0, f"published 20240131.007: {archive}, {len(data)} bytes, SHA-256 {sha256(data)}\n", "")
     assert own.files() == sorted([archive, info_name("20240131.007"), HIT])
     assert own.path(HIT).read_text() == "[Current]\ndefId = 20240131.007\n"
     assert own.path(info_name("20240131.007")).read_text() == (
@@ -126,7 +124,7 @@ def test_directory_of_any_name_is_served(own):
     root = own.base / "a b%20#?=\u00e9"
     assert own.publish("1", root=root)[0] == 0
     assert own.check(root=root)[0] == 0
-    assert own.publish("1", root=root.name, cwd=own.base)[0] == 0
+    assert own.publish("1", "--quiet", root=root.name, cwd=own.base) == (0, "", "")
 
 
 def test_same_release_again_goes_back_to_it(own):
@@ -134,9 +132,7 @@ def test_same_release_again_goes_back_to_it(own):
     first = own.tree()
     own.publish_small("old")
     assert own.check()[1].startswith(f"ok       {HIT} names old\n")
-    data = own.path(cab("1")).read_bytes()
-    line = "1 was published before with this content and is current now"
-    again = (0, f"{line}: {cab('1')}, {len(data)} bytes, SHA-256 {sha256(data)}\n", "")
+    again = (0, f"{own.summary('1').replace(':', ' was published before with this content and is current now:')}\n", "")
     assert own.publish("1") == again
     assert own.publish("1", "--zip") == again
     assert {name: entry for name, entry in own.tree().items() if "-c-old." not in name} == first
@@ -228,16 +224,12 @@ def test_empty_file_is_refused_unless_allowed(own, number):
     assert own.publish("1", "--allow-empty")[0] == 0
 
 
-@pytest.mark.parametrize("command", ["publish", "prune", "list", "list --json", "check", "mirror"])
+@pytest.mark.parametrize("command", ["publish", "prune", "list", "list --json", "mirror", "check", *CHECK_FORMS])
 def test_output_that_cannot_be_written_is_a_failure(own, command):
     own.publish_small("old")
     words = {"publish": own.publishing("1"), "mirror": ["mirror", f"file://{own.root}", own.base / "copy"]}
     words = words.get(command, [*command.split(), own.root])
-    assert run.into_full_device(*words) == (1, f"zqu-mirror: {FULL}\n")
-
-
-def test_quiet_publish_prints_nothing(own):
-    assert own.publish("1", "--quiet") == (0, "", "")
+    assert run.into_full_device(*words) == (3 if "nagios" in command else 1, f"zqu-mirror: {FULL}\n")
 
 
 def test_id_too_long_for_a_clients_temporary_name_is_refused(own):
@@ -248,19 +240,9 @@ def test_id_too_long_for_a_clients_temporary_name_is_refused(own):
     assert own.check()[0] == 0
 
 
-def name_no_file(own):
-    own.aivsecon = own.base / "a\nb"
-
-
 def take_archive_name(own):
     own.path(cab("old")).rename(own.path(cab("new")))
     change_info(own, "old", name=cab("new"))
-
-
-def damage_new(own):
-    own.publish("new")
-    append(own.path(cab("new")))
-    own.publish_small("old")
 
 
 def make_too_large(own):
@@ -271,14 +253,17 @@ def make_too_large(own):
 
 # How the inputs or the mirror with the release "old" look, and what then is said of a publish.
 REFUSED = {
-    "line break in a path": (name_no_file, "cannot open {base}/a\\x0Ab: No such file or directory"),
+    "line break in a path": (
+        lambda own: setattr(own, "aivsecon", own.base / "a\nb"),
+        "cannot open {base}/a\\x0Ab: No such file or directory",
+    ),
     "fifo": (lambda own: (own.antivir.unlink(), os.mkfifo(own.antivir)), "{base}/first input is not a regular file"),
     "archive name taken": (
         take_archive_name,
         f"{cab('new')} is on the mirror, and {info_name('old')} names it: take a new id",
     ),
     "damaged": (
-        damage_new,
+        lambda own: (own.publish("new"), os.truncate(own.path(cab("new")), 1 << 20), own.publish_small("old")),
         "new is on the mirror, but its INI file and its archive do not match",
     ),
     "other content": (
@@ -319,11 +304,6 @@ def test_mirror_that_is_a_file_is_refused(own):
     assert own.root.read_bytes() == b"mine"
 
 
-def append(path):
-    with path.open("ab") as file:
-        file.write(b"more")
-
-
 def replace(path):
     path.with_name("other").write_bytes(path.read_bytes())
     path.with_name("other").replace(path)
@@ -336,7 +316,7 @@ def rewrite_in_secret(path):
 
 
 CHANGES = {
-    "grown": append,
+    "grown": lambda path: os.truncate(path, 1 << 20),
     "replaced": replace,
     "removed": Path.unlink,
     "rewritten, its time put back": rewrite_in_secret,
