@@ -77,16 +77,47 @@ def serving(gateway):
     gateway.run("systemctl", "enable", UNIT)
 
 
-def bring_into(gateway, name):
-    places = f"unit={UNIT} drop_in=/etc/systemd/system/{UNIT}.d/override.conf"
-    gateway.run("sh", "-ec", f"{places}; mkdir -p ${{drop_in%/*}}; {STATES[name][0]}")
+def series(metrics):
+    """The samples as series of an hour and a half in which the state stays as it is."""
+    samples = [line.rpartition(" ")[::2] for line in metrics.splitlines() if not line.startswith("#")]
+    (now,) = [int(value) for name, value in samples if name == "zelquorin_observation_timestamp_seconds"]
+    for name, value in samples:
+        aging = name.endswith("_timestamp_seconds")
+        values = f"{int(value) - now}+60x90" if aging else f"{value}x90"
+        yield {"series": with_instance(name), "values": values}
+
+
+def with_instance(name):
+    return name.replace("{", '{instance="gw",') if "{" in name else name + '{instance="gw"}'
+
+
+def expect_alert(metrics, tmp_path, finding, alert):
+    """By the rules and the dashboard as they ship."""
+    severity = {"ZelQuorinOddity": "warning"}.get(alert, "critical")
+    labels = f'alertname="{alert}",alertstate="firing",finding="{finding}"'
+    firing = with_instance(f'ALERTS{{{labels},severity="{severity}"}}')
+    shown = [panel for panel in DASHBOARD["panels"] if panel["title"] in ("Verdict", "Service")]
+    expressions = [panel["targets"][0]["expr"].replace("$instance", ".*") for panel in shown]
+    (info,) = re.findall(r"^(zelquorin_unit_info\{.*\}) 1$", metrics, re.MULTILINE)
+    verdict = {"": 0, "warning": 1, "critical": 2}[alert and severity]
+    known = [('{instance="gw"}', verdict), (with_instance(info), 1)]
+    expected = {'ALERTS{alertstate="firing"}': [{"labels": firing, "value": 1}] if alert else []}
+    for expression, (labels, value) in zip(expressions, known, strict=True):
+        expected[expression] = [{"labels": labels, "value": value}]
+    tests = [{"expr": expr, "exp_samples": samples, "eval_time": "65m"} for expr, samples in expected.items()]
+    test = {"interval": "1m", "input_series": list(series(metrics)), "promql_expr_test": tests}
+    document = {"rule_files": [str(SHIPPED / "zel-quorin-updater.rules.yml")], "tests": [test]}
+    (tmp_path / "test.yml").write_text(json.dumps(document))  # JSON is YAML
+    done = subprocess.run(["promtool", "test", "rules", tmp_path / "test.yml"], capture_output=True, text=True)
+    assert done.returncode == 0 and "SUCCESS" in done.stdout, done.stdout + done.stderr
 
 
 @pytest.mark.parametrize("name", STATES)
-def test_state_of_the_service_is_in_all_forms(serving, name):
+def test_state_of_the_service_is_in_all_forms(serving, tmp_path, name):
     """Also for the daemon's user, who is not root, and for the packaged unit; and the command heals."""
-    _, state, finding, command, _ = STATES[name]
-    bring_into(serving, name)
+    change, state, finding, command, alert = STATES[name]
+    places = f"unit={UNIT} drop_in=/etc/systemd/system/{UNIT}.d/override.conf"
+    serving.run("sh", "-ec", f"{places}; mkdir -p ${{drop_in%/*}}; {change}")
     report = json.loads(status(serving, "--json", user=USER).stdout)
     assert [f"{f['finding']}: {f['text']}" for f in report["findings"]] == list(filter(None, [finding]))
     active, sub, file = re.fullmatch(r"(\S+) \((\S+)\), (\S+)", state).groups()
@@ -102,54 +133,12 @@ def test_state_of_the_service_is_in_all_forms(serving, name):
     metrics = look(serving)
     assert f"zelquorin_unit_info{{{expected}}} 1\n" in metrics
     assert re.findall(r'finding="(\w+)"} 1', metrics) == list(filter(None, [finding.partition(":")[0]]))
+    expect_alert(metrics, tmp_path, finding.partition(":")[0], alert)
     if command:
         assert report["findings"][0]["command"] == f"systemctl {command} -- '{UNIT}'"
         serving.run("sh", "-ec", report["findings"][0]["command"])
         serving.wait_for(lambda: status(serving).returncode == 0)
     assert status(serving, "--nagios", "--unit", "none").stdout.startswith("DEFINITIONS OK - 1001 in service")
-
-
-def series(metrics):
-    """The samples as series of an hour and a half in which the state stays as it is."""
-    samples = [line.rpartition(" ")[::2] for line in metrics.splitlines() if not line.startswith("#")]
-    (now,) = [int(value) for name, value in samples if name == "zelquorin_observation_timestamp_seconds"]
-    for name, value in samples:
-        aging = name.endswith("_timestamp_seconds")
-        values = f"{int(value) - now}+60x90" if aging else f"{value}x90"
-        yield {"series": with_instance(name), "values": values}
-
-
-def with_instance(name):
-    return name.replace("{", '{instance="gw",') if "{" in name else name + '{instance="gw"}'
-
-
-@pytest.mark.parametrize("name", STATES)
-def test_alerts_and_dashboard_follow_the_service(serving, tmp_path, name):
-    """The rules as they ship, with the metrics of the packaged unit."""
-    _, state, finding, _, alert = STATES[name]
-    bring_into(serving, name)
-    metrics = look(serving)
-    severity = {"ZelQuorinOddity": "warning"}.get(alert, "critical")
-    labels = f'alertname="{alert}",alertstate="firing",finding="{finding.partition(":")[0]}"'
-    firing = with_instance(f'ALERTS{{{labels},severity="{severity}"}}')
-    shown = [panel for panel in DASHBOARD["panels"] if panel["title"] in ("Verdict", "Service")]
-    expressions = [panel["targets"][0]["expr"].replace("$instance", ".*") for panel in shown]
-    (info,) = re.findall(r"^(zelquorin_unit_info\{.*\}) 1$", metrics, re.MULTILINE)
-    values = [{"labels": '{instance="gw"}', "value": {"": 0, "warning": 1, "critical": 2}[alert and severity]}]
-    known = [values, [{"labels": with_instance(info), "value": 1}]]
-    expected = [
-        {"expr": 'ALERTS{alertstate="firing"}', "exp_samples": [{"labels": firing, "value": 1}] if alert else []}
-    ]
-    expected += [{"expr": expr, "exp_samples": samples} for expr, samples in zip(expressions, known, strict=True)]
-    test = {
-        "interval": "1m",
-        "input_series": list(series(metrics)),
-        "promql_expr_test": [{**each, "eval_time": "65m"} for each in expected],
-    }
-    document = {"rule_files": [str(SHIPPED / "zel-quorin-updater.rules.yml")], "tests": [test]}
-    (tmp_path / "test.yml").write_text(json.dumps(document))  # JSON is YAML
-    done = subprocess.run(["promtool", "test", "rules", tmp_path / "test.yml"], capture_output=True, text=True)
-    assert done.returncode == 0 and "SUCCESS" in done.stdout, done.stdout + done.stderr
 
 
 def test_drop_in_left_behind_is_a_warning(serving):
@@ -174,7 +163,7 @@ def test_unit_that_is_not_there_is_critical_only_when_named(serving):
     assert json.loads(status(serving, "--json", "--config", "/etc/other.conf").stdout)["unit"] is None
 
 
-def test_bus_that_cannot_be_reached_is_unknown_only_when_asked_for(serving):
+def test_unreachable_bus_is_unknown_only_when_asked_for(serving):
     serving.run("systemctl", "stop", "dbus.socket", "dbus.service")
     try:
         assert "\nservice      not known: Connection refused\n" in status(serving).stdout
