@@ -92,10 +92,7 @@ def test_sandbox_forbids_all_but_what_an_update_needs(probed):
 # Lines of the unit that give a guard up, and the tries that have to go otherwise then.
 AS_ROOT = ["User=root", "PrivateUsers=no", "CapabilityBoundingSet=~"]  # nothing but the filter is in the way then
 GUARDS = {
-    "ProtectSystem": (
-        ["ProtectSystem=no"],
-        ["write /etc/zqu-open/file", f"write {CONFIG}"],
-    ),
+    "ProtectSystem": (["ProtectSystem=no"], ["write /etc/zqu-open/file", f"write {CONFIG}"]),
     "ReadOnlyPaths": (["ReadOnlyPaths="], ["write /run/zqu-open/file"]),
     "BindReadOnlyPaths": (
         ["BindReadOnlyPaths="],

@@ -216,10 +216,7 @@ EXPECTED = {
         [(not_downloaded("Failed writing received data to disk/application"), "fclose err remove err")],
     ),
     "fclose": (errno.EIO, [IGNORED]),
-    "rename": (
-        errno.EIO,
-        [(refused("download CAB"), "err"), (unpublished("rename to active failed"), "err unlink")],
-    ),
+    "rename": (errno.EIO, [(refused("download CAB"), "err"), (unpublished("rename to active failed"), "err unlink")]),
     "remove": (errno.EIO, [IGNORED]),
     "EVP_MD_CTX_new": (NULL, each(DIGESTS, "err")),
     "EVP_DigestInit_ex": (FAILURE, each(DIGESTS, "EVP_MD_CTX_free err")),

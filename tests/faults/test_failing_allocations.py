@@ -26,15 +26,7 @@ from outcomes import Outcome, published
 pytestmark = pytest.mark.skipif(SANITIZED, reason="the sanitizers bring their own allocation")
 CAB = f"snapshots/{NEW}/antivir-v2-{NEW}.cab"
 # All that can be below the definitions root at some moment of an update.
-EVER = {
-    *DONE,
-    *UNDONE,
-    *UNSWEPT_INDEX,
-    *snapshot(OLD),
-    CAB,
-    f"{CAB}.part",
-    f"active.tmp -> snapshots/{NEW}",
-}
+EVER = {*DONE, *UNDONE, *UNSWEPT_INDEX, *snapshot(OLD), CAB, f"{CAB}.part", f"active.tmp -> snapshots/{NEW}"}
 REFUSALS = ("download CAB", "CAB sha256 mismatch", "CAB extract", "CAB missing antivir-v2.def")
 REFUSALS += ("CAB missing aivsecon-v2.def", "sha256 mismatch antivir-v2.def", "sha256 mismatch aivsecon-v2.def")
 LIBARCHIVE_GIVES_UP = "Fatal Internal Error in libarchive: "

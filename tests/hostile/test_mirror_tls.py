@@ -54,15 +54,8 @@ BAD_CERTIFICATES = {
 }
 # Names in a certificate that are not the mirror's, by the address or name that it has in the configuration.
 BAD_NAMES = {
-    "127.0.0.1": [
-        x509.DNSName("elsewhere.example"),
-        x509.DNSName("*"),
-        None,
-    ],
-    "localhost": [
-        x509.DNSName("*"),
-        x509.DNSName("localhost\0.evil.example"),
-    ],
+    "127.0.0.1": [x509.DNSName("elsewhere.example"), x509.DNSName("*"), None],
+    "localhost": [x509.DNSName("*"), x509.DNSName("localhost\0.evil.example")],
 }
 
 
