@@ -183,6 +183,7 @@ def test_number_that_ends_the_daemon_is_an_error(conf, lines):
 
 REFUSED = "error: libcurl refuses the URL ({}): every check fails"
 PORT = REFUSED.format("Port number was not a decimal number between 0 and 65535")
+OTHER_SCHEME = "warning: the scheme is none of https, http and file"
 DIRECTORY = "note: the mirror is a directory of this machine"
 NOT_ENCODED = 'warning: nothing is encoded; what comes after the "{}" is no path on the mirror'
 PATH = "warning: has a path; it comes before that of mirror_subdir"
@@ -195,13 +196,20 @@ VALUES = {
         "mirror.example": "warning: no scheme: libcurl guesses http",
         "ftp.mirror.example:8080": "warning: no scheme: libcurl guesses ftp",
         "HTTP://mirror.example": "warning: over http anybody on the way can replace definitions and digests",
-        "ftp://mirror.example": "warning: the scheme is none of https, http and file",
+        "ftp://mirror.example": OTHER_SCHEME,
+        "smtp://mirror.example": OTHER_SCHEME,
+        "telnet://mirror.example": OTHER_SCHEME,
         "hkps://mirror.example": 'error: libcurl knows no scheme "hkps": every check fails',
         "file:///media/definitions": DIRECTORY,
         "file://media/defs": f"{REFUSED.format('Bad file:// URL')}; write file:///DIRECTORY",
         "https://": "error: no host: every check fails",
         "https:///av": 'warning: libcurl takes "av" for the host',
         "https://mirror.example:65535": "",
+        "https://mirror.example:0": "error: nothing answers at port 0: every check fails",
+        "https://%zz": 'error: no host can have the name "%zz": every check fails',
+        "https://%25zz": 'error: no host can have the name "%zz": every check fails',
+        "https://m%41.example": "",
+        "https://[fe80::1%25eth0]": "",
         "https://mirror.example:65536": PORT,
         "https://[::1]:8443": "",
         "https://[::1": REFUSED.format("Bad IPv6 address"),

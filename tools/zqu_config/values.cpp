@@ -89,6 +89,11 @@ void check_scheme(std::size_t line, const std::string& base, const std::string& 
 
 void check_host_and_path(std::size_t line, const std::string& value, const Url& url, Findings& findings) {
     const std::string key = "mirror_base_url";
+    const std::string host = url.part(CURLUPART_HOST, CURLU_URLDECODE);
+    findings.first(line, key,
+                   {{host.find('%') != std::string::npos, error,
+                     "no host can have the name " + quoted(host) + ": every check fails"},
+                    {url.part(CURLUPART_PORT) == "0", error, "nothing answers at port 0: every check fails"}});
     findings.first(line, key,
                    {{value.find(":///") != std::string::npos, warning,
                      "libcurl takes " + quoted(url.part(CURLUPART_HOST)) + " for the host"}});
