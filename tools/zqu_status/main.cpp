@@ -4,8 +4,11 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <array>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
@@ -140,18 +143,58 @@ void replace_file(const std::filesystem::path& target, const std::string& text) 
     }
 }
 
+std::string unknown_line(const std::string& reason) {
+    return nagios_line(nagios_service, Verdict::unknown, shown(reason));
+}
+
+void print_unknown(const std::string& reason) {
+    print(unknown_line(reason));
+}
+
+// What a signal that ends the plugin makes it print; made beforehand, as a handler may not.
+struct LastWords {
+    int signal;
+    std::string line{};
+};
+std::array<LastWords, 3> last_words{{{SIGTERM}, {SIGINT}, {SIGHUP}}};
+volatile std::sig_atomic_t answered = 0;
+const pid_t plugin = getpid();
+
+void end_by(int signal) {
+    if (getpid() != plugin) {  // a child: its parent says how it ended
+        static_cast<void>(std::signal(signal, SIG_DFL));
+        static_cast<void>(raise(signal));
+        return;
+    }
+    for (const LastWords& words : last_words) {
+        if (words.signal == signal && answered == 0) {
+            static_cast<void>(!write(STDOUT_FILENO, words.line.data(), words.line.size()));
+        }
+    }
+    _exit(could_not_tell);
+}
+
+// A monitoring system takes no other exit status than 0 to 3. Signals that were ignored at the start stay so.
+void answer_signals() {
+    for (LastWords& words : last_words) {
+        words.line = unknown_line(std::string("ended by signal: ") + strsignal(words.signal));
+        struct sigaction at_start {};
+        sigaction(words.signal, nullptr, &at_start);
+        if (at_start.sa_handler != SIG_IGN) {
+            static_cast<void>(std::signal(words.signal, end_by));
+        }
+    }
+}
+
 int carry_out(const Request& request) {
     const Report report = report_on(request);
+    answered = 1;
     if (!request.output.empty()) {
         replace_file(request.output, render(report, request));
     } else if (!request.quiet) {
         print(render(report, request));
     }
     return request.json || request.prometheus ? EXIT_SUCCESS : exit_status(report.verdict);
-}
-
-void print_unknown(const std::string& reason) {
-    print(nagios_line(nagios_service, Verdict::unknown, shown(reason)));
 }
 
 int parse_and_carry_out(int argc, char** argv) {
@@ -165,11 +208,15 @@ int parse_and_carry_out(int argc, char** argv) {
         return *status;
     }
     try {
+        if (nagios) {
+            answer_signals();
+        }
         return carry_out(request);
     } catch (const std::exception& e) {
         if (!nagios) {
             throw;
         }
+        answered = 1;
         print_unknown(e.what());
         return could_not_tell;
     }
