@@ -164,12 +164,13 @@ Progress::Progress() : on_terminal_(isatty(STDERR_FILENO) == 1) {}
 void Progress::begin(const std::string& text) {
     clear();
     text_ = text;
-    begun_ = steady_clock::now();
+    next_ = steady_clock::now() + std::chrono::seconds(1);
 }
 
 void Progress::show(std::uintmax_t bytes) {
-    const bool long_enough = steady_clock::now() - begun_ >= std::chrono::seconds(1);
-    if (on_terminal_ && !text_.empty() && long_enough) {
+    const auto now = steady_clock::now();
+    if (on_terminal_ && !text_.empty() && now >= next_) {
+        next_ = now + std::chrono::milliseconds(200);
         const unsigned long long megabytes = bytes / 1'000'000;
         std::fprintf(stderr, "\033[K%s: %s: %llu MB\r", program_name.c_str(), printable(text_).c_str(), megabytes);
         shown_ = true;

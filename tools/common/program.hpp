@@ -62,7 +62,7 @@ public:
     // Begins something else; an empty text ends it. Clears the line.
     void begin(const std::string& text);
 
-    // Shows how far it is.
+    // Shows how far it is, five times a second at most.
     void show(std::uintmax_t bytes);
 
     // Clears the line, for other output.
@@ -72,7 +72,7 @@ private:
     const bool on_terminal_;
     bool shown_ = false;
     std::string text_;
-    std::chrono::steady_clock::time_point begun_;
+    std::chrono::steady_clock::time_point next_{};  // when to show it
 };
 
 }  // namespace zqu::tools
