@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <strings.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <future>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -24,7 +26,6 @@
 #include "report.hpp"
 #include "settings.hpp"
 #include "text.hpp"
-#include "verifier.hpp"
 
 namespace zqu::status_tool {
 
@@ -229,18 +230,40 @@ void ask_systemd(Unit& unit, const Config& cfg) {
     }
 }
 
-// What the mirror names instead of the release; empty when it is the same, or not known.
-std::string other_release(Client& client, const std::string& id) {
+// What the mirror names as the current release; empty when that is not known.
+std::string current_release(Client& client) {
     try {
-        const std::string current = client.fetch_id();
-        return current == id ? "" : current;
+        return client.fetch_id();
     } catch (const MirrorError&) {
         return "";
     }
 }
 
+// Shows how far something is, while this thread waits for its end.
+class Ticker {
+public:
+    Ticker(Progress& progress, const Position& position)
+        : ticking_(std::async(std::launch::async, [&progress, position, over = over_.get_future()] {
+              while (over.wait_for(std::chrono::milliseconds(500)) == std::future_status::timeout) {
+                  progress.show(position());
+              }
+          })) {}
+    ~Ticker() { over_.set_value(); }
+    Ticker(const Ticker&) = delete;
+    Ticker& operator=(const Ticker&) = delete;
+
+private:
+    std::promise<void> over_;
+    std::future<void> ticking_;  // waits for the other thread when it is destroyed
+};
+
+// The SHA-256 of a file; shows how far it is, behind what was read before.
+std::string digest_of(const std::string& path, Progress& progress, std::uintmax_t& done) {
+    return sha256(path, [&](std::size_t more) { progress.show(done += more); });
+}
+
 // The mirror's archive of a release, in a file without a name.
-Fd fetch(Client& client, const CompleteInfo& info) {
+Fd fetch(Client& client, const CompleteInfo& info, Progress& progress) {
     const fs::path directory = std::filesystem::temp_directory_path();
     std::string path = directory / "zqu-status.XXXXXX";
     Fd file(mkostemp(path.data(), O_CLOEXEC));
@@ -248,20 +271,29 @@ Fd fetch(Client& client, const CompleteInfo& info) {
         fail_errno("cannot create a file in " + directory.string());
     }
     unlink(path.c_str());
-    Progress progress;
     progress.begin("fetching " + info.cab_name);
     client.on_progress([&progress](std::uintmax_t bytes) { progress.show(bytes); });
     client.download(info.cab_name, file.get());
     client.on_progress(nullptr);
-    if (!verifier::verify(memory_path(file), info.sha256)) {
+    progress.begin("reading the archive");
+    std::uintmax_t done = 0;
+    const std::string digest = digest_of(memory_path(file), progress, done);
+    if (digest.size() != info.sha256.size() || strcasecmp(digest.c_str(), info.sha256.c_str()) != 0) {
         throw MirrorError(info.cab_name + " does not have the digest that the mirror gives");
     }
     return file;
 }
 
 // By the SHA-256 of every byte.
-void compare(const Fd& archive, const std::string& name, const Config& cfg, const Store& store, Comparison& result) {
-    const Inspection inspection = inspect(memory_path(archive), name, cfg.flavor);
+void compare(const Fd& archive, const std::string& name, const Config& cfg, const Store& store, Progress& progress,
+             Comparison& result) {
+    progress.begin("checking the archive");
+    std::optional<Ticker> ticker;
+    const Inspection inspection = inspect(memory_path(archive), name, cfg.flavor,
+                                          [&](const Position& position) { ticker.emplace(progress, position); });
+    ticker.reset();
+    progress.begin("reading the definitions");
+    std::uintmax_t done = 0;
     const std::string fault = first_fault(inspection);
     for (const Definition& definition : store.definitions) {
         const auto expected = inspection.digests.find(definition.name);
@@ -269,7 +301,7 @@ void compare(const Fd& archive, const std::string& name, const Config& cfg, cons
             throw std::runtime_error(fault.empty() ? definition.name + " is not in the mirror's archive" : fault);
         }
         const std::string path = cfg.def_root + "/snapshots/" + store.version + "/" + definition.name;
-        if (sha256(memory_path(open_regular(path))) != expected->second) {
+        if (digest_of(memory_path(open_regular(path)), progress, done) != expected->second) {
             result.differing.push_back(definition.name);
         }
     }
@@ -344,14 +376,16 @@ Comparison compare_with_mirror(const Config& cfg, const Store& store) {
         return comparison;
     }
     Client client(cfg);
+    Progress progress;
     std::optional<CompleteInfo> info;
     try {
         info = client.fetch_info(store.version);
-        compare(fetch(client, *info), info->cab_name, cfg, store, comparison);
+        compare(fetch(client, *info, progress), info->cab_name, cfg, store, progress, comparison);
     } catch (const std::exception& e) {
-        const std::string other = info ? "" : other_release(client, store.version);
-        comparison.state = other.empty() ? ComparisonState::failed : ComparisonState::gone;
-        comparison.reason = other.empty() ? e.what() : other;
+        const bool missing = !info && dynamic_cast<const MissingFile*>(&e) != nullptr;
+        const std::string current = missing ? current_release(client) : "";
+        comparison.state = current.empty() ? ComparisonState::failed : ComparisonState::gone;
+        comparison.reason = current.empty() ? e.what() : current;
     }
     comparison.chain_end = client.chain_end();
     comparison.warnings = client.warnings();
