@@ -114,6 +114,17 @@ private:
         }
     }
 
+    // A masked unit cannot be enabled.
+    [[nodiscard]] std::string enabling(const char* command) const {
+        const Unit& unit = facts_.unit;
+        const std::string enable = shell_line(command, {unit.name});
+        if (!is_one_of(unit.file, {"masked", "masked-runtime"}) || enable.empty()) {
+            return enable;
+        }
+        const char* unmask = unit.file == "masked" ? "systemctl unmask" : "systemctl unmask --runtime";
+        return shell_line(unmask, {unit.name}) + " && " + enable;
+    }
+
     void judge_unit() {
         const Unit& unit = facts_.unit;
         const std::string name = shown(unit.name);
@@ -126,9 +137,9 @@ private:
             add("service_failed", name, unit.result, shell_line("systemctl restart", {unit.name}));
         } else if (unit.active == "inactive") {
             add("service_stopped", name, enabled ? "stopped" : "stopped and " + unit.file,
-                shell_line(enabled ? "systemctl start" : "systemctl enable --now", {unit.name}));
+                enabled ? shell_line("systemctl start", {unit.name}) : enabling("systemctl enable --now"));
         } else if (!unit.active.empty() && !enabled) {
-            add("service_disabled", name, unit.file, shell_line("systemctl enable", {unit.name}));
+            add("service_disabled", name, unit.file, enabling("systemctl enable"));
         }
         for (const std::string& path : unit.writable) {
             add("drop_in_left", name, shown(path));
@@ -234,7 +245,9 @@ private:
             add("definition_closed", name, layout_.readers ? "the group zel-quorin-readers" : "anybody",
                 restart_or(""));
         }
-        if (present && definition.changed && facts_.comparison.state == ComparisonState::not_asked_for) {
+        const ComparisonState compared = facts_.comparison.state;
+        const bool decided = compared == ComparisonState::same || compared == ComparisonState::differs;
+        if (present && definition.changed && !decided) {
             add("definition_changed", name);
         }
     }
@@ -244,7 +257,11 @@ private:
         for (const std::string& name : comparison.differing) {
             add("definition_differs", shown(name), "", refetching());
         }
-        if (comparison.state == ComparisonState::gone) {
+        if (comparison.state == ComparisonState::gone && comparison.reason == store_.version) {
+            const std::string current = shown(store_.version);
+            add("release_gone", current, current + ", whose description is missing").advice =
+                "No gateway can fetch it: the mirror has to be repaired.";
+        } else if (comparison.state == ComparisonState::gone) {
             add("release_gone", shown(store_.version), shown(comparison.reason));
         } else if (comparison.state == ComparisonState::failed) {
             add("not_compared", shown_whole(comparison.reason));
