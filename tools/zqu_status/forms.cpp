@@ -2,8 +2,10 @@
 #include <array>
 #include <cctype>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "report.hpp"
+#include "settings.hpp"
 #include "text.hpp"
 
 namespace zqu::status_tool {
@@ -109,17 +111,17 @@ json known(bool is_known, const T& value) {
 
 // mirror_base_url is left out: it may hold a password.
 json configuration_json(const Facts& facts) {
-    const Config& cfg = facts.cfg;
-    const json settings = {{"flavor", cfg.flavor},
-                           {"def_root", cfg.def_root},
-                           {"status_path", cfg.status_path},
-                           {"poll_interval_s", cfg.poll_interval_s},
-                           {"poll_jitter_s", cfg.poll_jitter_s},
-                           {"retained_snapshots", cfg.retained_snapshots},
-                           {"http_timeout_s", cfg.http_timeout_s}};
+    static const std::set<std::string> hidden{"mirror_base_url", "mirror_subdir", "ca_path", "engine_version"};
+    json shown_settings;
+    for (const Setting& setting : settings) {
+        if (hidden.count(setting.name) == 0) {
+            shown_settings[setting.name] =
+                setting.text != nullptr ? json(facts.cfg.*setting.text) : json(facts.cfg.*setting.number);
+        }
+    }
     return {{"path", facts.config_path},
             {"state", name_of(facts.config_state)},
-            {"settings", known(facts.looked, settings)}};
+            {"settings", known(facts.looked, shown_settings)}};
 }
 
 json active_json(const Store& store) {
@@ -187,14 +189,16 @@ json limit_json(const Limit& limit) {
 
 std::string summary(const Report& report) {
     const Facts& facts = report.facts;
+    const std::string unit = unit_text(facts.unit);
     std::string text;
+    bool unit_said = facts.unit.reason.empty() || !facts.unit.active.empty();
     for (const Matter& finding : report.findings) {
         text += (text.empty() ? "" : "; ") + finding.text;
+        unit_said = unit_said || finding.name == "service_unknown";
     }
     if (!text.empty() || !facts.store.published) {
-        return text;
+        return text + (unit_said ? "" : "; service " + unit);
     }
-    const std::string unit = unit_text(facts.unit);
     return shown(facts.store.version) + " in service for " + duration_text(age(facts.now, *facts.store.published)) +
            ", last check " + duration_text(age(facts.now, facts.status.contents.last_check_epoch)) + " ago" +
            (unit.empty() ? "" : ", service " + unit);
@@ -222,16 +226,20 @@ void limits(const std::string& name, const std::string& help, const Limit& limit
 }
 
 void unit(const Unit& unit, Exposition& out) {
-    if (!unit.load.empty()) {
-        out.head("unit_info", "The state of the updater's unit, in systemd's words; always 1.");
-        out.sample({{"unit", unit.name},
-                    {"load_state", unit.load},
-                    {"active_state", unit.active},
-                    {"sub_state", unit.sub},
-                    {"unit_file_state", unit.file},
-                    {"result", unit.result}},
-                   "1");
+    if (unit_text(unit).empty()) {
+        return;
     }
+    const auto known_word = [&unit](const std::string& word) {
+        return unit.reason.empty() || !word.empty() ? word : "unknown";
+    };
+    out.head("unit_info", "The state of the updater's unit, in systemd's words, or unknown; always 1.");
+    out.sample({{"unit", unit.name},
+                {"load_state", known_word(unit.load)},
+                {"active_state", known_word(unit.active)},
+                {"sub_state", known_word(unit.sub)},
+                {"unit_file_state", known_word(unit.file)},
+                {"result", known_word(unit.result)}},
+               "1");
 }
 
 void store(const Facts& facts, Exposition& out) {
