@@ -3,6 +3,7 @@
 import json
 import os
 import re
+import signal
 import stat
 import subprocess
 import sys
@@ -87,10 +88,11 @@ class Watched:
         return [(finding["finding"], finding["verdict"]) for finding in self.report(*words, **options)["findings"]]
 
     def expand(self, text):
-        return text.format(root=self.root, status=self.status_path, config=self.config)
+        mirror = "{mirror_base_url}/{mirror_subdir}".format(**self.gateway.settings)
+        return text.format(root=self.root, status=self.status_path, config=self.config, mirror=mirror)
 
     def change(self, script):
-        sh(script, self.root)
+        sh(script, self.root, mirror=str(self.mirror.folder))
 
     def rewrite(self, **members):
         """Changes members of the status file, which stays as the daemon lays it out."""
@@ -692,6 +694,13 @@ def test_json_form_has_all_its_keys(watched):
     checked = watched.gateway.status()["last_check_epoch"]
     assert report["findings"][0].pop("advice")
     shown = ("flavor", "poll_interval_s", "poll_jitter_s", "retained_snapshots")
+    assert list(report["configuration"]["settings"]) == [
+        "flavor",
+        "def_root",
+        "status_path",
+        *shown[1:],
+        "http_timeout_s",
+    ]
     paths = {"def_root": str(watched.root), "status_path": str(watched.status_path)}
     missing = {"finding": "definition_missing", "verdict": "critical", "command": f"rm -f -- '{watched.link}'"}
     present = {"state": "present", "changed": False}
@@ -988,6 +997,21 @@ truncate -s -1 active/aivsecon-v2.def; truncate -s +1 active/aivsecon-v2.def # h
         release
 mkdir snapshots/1000; mv active/*.def snapshots/1000; point snapshots/1000; member active_version '"1000"'
     unknown release_gone: the mirror no longer has the release 1000 to compare with: it names 1001
+printf x >>active/antivir-v2.def; rm "$mirror/antivir-v2-c-1001.ini"
+    unknown release_gone: the mirror no longer has the release 1001 to compare with: it names 1001, whose description
+        is missing
+    warning definition_changed: antivir-v2.def in the snapshot in service was changed after it was put into service
+mkdir snapshots/1000; mv active/*.def snapshots/1000; point snapshots/1000; member active_version '"1000"'
+echo "[Current]" >"$mirror/antivir-v2-c-1000.ini"
+    unknown not_compared: the definitions could not be compared with the mirror's: antivir-v2-c-1000.ini names no
+        archive or no digest
+rm "$mirror"/*.ini
+    unknown not_compared: the definitions could not be compared with the mirror's: GET {mirror}/antivir-v2-c-1001.ini:
+        HTTP response code said error
+printf x >>active/antivir-v2.def; : >"$mirror/antivir-v2-1001.cab"
+    unknown not_compared: the definitions could not be compared with the mirror's: antivir-v2-1001.cab does not have
+        the digest that the mirror gives
+    warning definition_changed: antivir-v2.def in the snapshot in service was changed after it was put into service
 rm active                       critical active_missing: no definitions are in service: there is no {root}/active
 """
 
@@ -1042,6 +1066,43 @@ def test_redirect_to_http_is_a_warning(watched, scripted):
         "warning",
         True,
     )
+
+
+@pytest.mark.parametrize("number", (signal.SIGTERM, signal.SIGINT, signal.SIGHUP))
+def test_plugin_that_a_signal_ends_is_unknown(watched, scripted, number):
+    scripted.server.script = {**Release("1001").script, "antivir-v2-1001.cab": [stall]}
+    watched.configure(mirror_base_url=scripted.url, mirror_subdir="defs", ca_path=scripted.ca_path)
+    command = [run.path, "--config", watched.config, "--nagios", "--verify"]
+    for ignored in (False, True):
+        scripted.server.requests.clear()
+        prefix = ["env", f"--ignore-signal={int(number)}"] if ignored else []
+        with subprocess.Popen([*prefix, *command, "--timeout", "2s"], stdout=subprocess.PIPE, text=True) as process:
+            wait_for(lambda: "antivir-v2-1001.cab" in str(scripted.server.requests))
+            process.send_signal(number)
+            out = process.communicate(timeout=60)[0]
+        reason = f"ended by signal: {signal.strsignal(number)}\n"
+        expected = (
+            "DEFINITIONS UNKNOWN - the definitions could not be compared"
+            if ignored
+            else f"DEFINITIONS UNKNOWN - {reason}"
+        )
+        assert (process.returncode, out[: len(expected)]) == (3, expected)
+
+
+def test_each_part_of_a_comparison_shows_its_progress_and_clears_it(watched):
+    """Each 420th read takes 1.6 seconds."""
+    watched.mirror.publish("1002", [(FIRST, os.urandom(1_000_000) * 30), (SECOND, b"y")])
+    watched.check()
+    slow = ["strace", "-qq", "-f", "-o", "/dev/null", "-e", "inject=read:delay_enter=1600000:when=420+420"]
+    words = ("--config", watched.config, "--verify")
+    begun = time.monotonic()
+    code, shown = run.on_terminal("stderr", *words, prefix=slow, env=under_strace())
+    assert shown.count(b"MB") <= 5 * (time.monotonic() - begun)
+    line = rb"\x1b\[Kzqu-status: ([a-z0-9. -]+): (\d+) MB\r"
+    assert code == 0 and re.fullmatch(rb"((%s)+\x1b\[K)+" % line, shown), shown
+    furthest = {part.decode(): int(megabytes) for part, megabytes in re.findall(line, shown)}
+    parts = ["reading the archive", "checking the archive", "reading the definitions"]
+    assert list(furthest) == parts and min(furthest.values()) > 0, furthest
 
 
 def test_comparing_needs_little_memory_for_large_definitions(watched):

@@ -50,6 +50,20 @@ STATES = {
         "enable",
         "ZelQuorinOddity",
     ),
+    "masked": (
+        "systemctl disable --now $unit; systemctl mask $unit",
+        "inactive (dead), masked",
+        f"service_stopped: {UNIT} is stopped and masked: {NO_UPDATES}",
+        "unmask && enable --now",
+        "ZelQuorinServiceDown",
+    ),
+    "masked until the next boot": (
+        "systemctl mask --runtime $unit",
+        "active (running), masked-runtime",
+        f"service_disabled: {UNIT} runs, but does not start at boot: it is masked-runtime",
+        "unmask --runtime && enable",
+        "ZelQuorinOddity",
+    ),
     "failed": (
         "printf '[Service]\\nRestart=no\\n' >$drop_in; "
         "systemctl daemon-reload; systemctl kill --signal=ABRT $unit; until systemctl is-failed $unit; do :; done",
@@ -74,7 +88,7 @@ def serving(gateway):
     gateway.update_to("1001")
     yield gateway
     gateway.drop_in("")
-    gateway.run("systemctl", "enable", UNIT)
+    gateway.run("sh", "-ec", f"systemctl unmask {UNIT}; systemctl unmask --runtime {UNIT}; systemctl enable {UNIT}")
 
 
 def series(metrics):
@@ -122,20 +136,22 @@ def test_state_of_the_service_is_in_all_forms(serving, tmp_path, name):
     assert [f"{f['finding']}: {f['text']}" for f in report["findings"]] == list(filter(None, [finding]))
     active, sub, file = re.fullmatch(r"(\S+) \((\S+)\), (\S+)", state).groups()
     words = {"active_state": active, "sub_state": sub, "unit_file_state": file}
+    load = "masked" if file.startswith("masked") else "loaded"
     result = "signal" if "failed" in finding else "success"
-    assert report["unit"] == {"name": UNIT, "load_state": "loaded", **words, "result": result, "reason": None}
+    assert report["unit"] == {"name": UNIT, "load_state": load, **words, "result": result, "reason": None}
     text, line = status(serving), status(serving, "--nagios")
     assert f"\nservice      {state}\n" in text.stdout
     assert text.returncode == line.returncode == EXITS[report["verdict"]]
     assert (finding.partition(": ")[2] or f", service {state} |") in line.stdout
-    labels = {"unit": UNIT, "load_state": "loaded", **words, "result": result}
+    labels = {"unit": UNIT, "load_state": load, **words, "result": result}
     expected = ",".join(f'{label}="{value}"' for label, value in labels.items())
     metrics = look(serving)
     assert f"zelquorin_unit_info{{{expected}}} 1\n" in metrics
     assert re.findall(r'finding="(\w+)"} 1', metrics) == list(filter(None, [finding.partition(":")[0]]))
     expect_alert(metrics, tmp_path, finding.partition(":")[0], alert)
     if command:
-        assert report["findings"][0]["command"] == f"systemctl {command} -- '{UNIT}'"
+        line = " && ".join(f"systemctl {part} -- '{UNIT}'" for part in command.split(" && "))
+        assert report["findings"][0]["command"] == line
         serving.run("sh", "-ec", report["findings"][0]["command"])
         serving.wait_for(lambda: status(serving).returncode == 0)
     assert status(serving, "--nagios", "--unit", "none").stdout.startswith("DEFINITIONS OK - 1001 in service")
@@ -168,6 +184,13 @@ def test_unreachable_bus_is_unknown_only_when_asked_for(serving):
     try:
         assert "\nservice      not known: Connection refused\n" in status(serving).stdout
         assert status(serving).returncode == 0
+        unknown = "service not known: Connection refused |"
+        assert f" ago, {unknown}" in status(serving, "--nagios").stdout
+        late = status(serving, "--nagios", "--warn-age", "1")
+        assert late.returncode == 1 and late.stdout.count(unknown) == 1 and f"; {unknown}" in late.stdout
+        words = 'load_state="unknown",active_state="unknown",sub_state="unknown",unit_file_state="unknown"'
+        sample = f'zelquorin_unit_info{{unit="{UNIT}",{words},result="unknown"}} 1\n'
+        assert sample in status(serving, "--prometheus").stdout
         line = status(serving, "--nagios", "--unit", UNIT)
         reason = f"the state of {UNIT} is not known: Connection refused"
         assert line.returncode == 3 and line.stdout.startswith(f"DEFINITIONS UNKNOWN - {reason} |")
