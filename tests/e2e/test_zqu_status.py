@@ -1090,7 +1090,7 @@ def test_plugin_that_a_signal_ends_is_unknown(watched, scripted, number):
 
 
 def test_each_part_of_a_comparison_shows_its_progress_and_clears_it(watched):
-    """Each 420th read takes 1.6 seconds."""
+    """Each 420th read takes 1.6 seconds. Fetching reads none of these, and may last less than a second."""
     watched.mirror.publish("1002", [(FIRST, os.urandom(1_000_000) * 30), (SECOND, b"y")])
     watched.check()
     slow = ["strace", "-qq", "-f", "-o", "/dev/null", "-e", "inject=read:delay_enter=1600000:when=420+420"]
@@ -1101,6 +1101,7 @@ def test_each_part_of_a_comparison_shows_its_progress_and_clears_it(watched):
     line = rb"\x1b\[Kzqu-status: ([a-z0-9. -]+): (\d+) MB\r"
     assert code == 0 and re.fullmatch(rb"((%s)+\x1b\[K)+" % line, shown), shown
     furthest = {part.decode(): int(megabytes) for part, megabytes in re.findall(line, shown)}
+    furthest.pop("fetching antivir-v2-1002.cab", None)
     parts = ["reading the archive", "checking the archive", "reading the definitions"]
     assert list(furthest) == parts and min(furthest.values()) > 0, furthest
 
