@@ -181,7 +181,7 @@ def test_name_that_clients_could_not_fetch_is_refused(own, option):
     for rule, values in REFUSED_NAMES[option].items():
         for value in values:
             words = ["publish", option, value, *(["--id", "1"] if option != "--id" else [])]
-            line = f"{option}: {rule} (see zqu-mirror --help)"
+            line = f"{option}: {rule} (see zqu-mirror publish --help)"
             own.expect_refused(line, *words, own.root, own.antivir, own.aivsecon, code=2)
 
 
@@ -209,7 +209,7 @@ def test_pair_of_files_that_is_swapped_is_refused(own, pair):
         swapped = first if "aivsecon" in first.name.lower() else second
         given, other = ("ANTIVIR", "aivsecon") if swapped == first else ("AIVSECON", "antivir")
         line = f"{given}: {swapped} has the name of the {other} file: the order is ANTIVIR AIVSECON"
-        own.expect_refused(f"{line} (see zqu-mirror --help)", *words, code=2)
+        own.expect_refused(f"{line} (see zqu-mirror publish --help)", *words, code=2)
     else:
         assert run(*words)[0] == 0
 

@@ -55,11 +55,6 @@ def repairing(own, root):
     return ["repair", *options, "--from", url, root]
 
 
-def put_in_place(work, name):
-    """The steps that put a repaired file into the place of the damaged one, which is kept."""
-    return [f"rename D/{name}, R/{name}", "fsync D", f"rename D/W/{work}, D/{name}", "fsync D"]
-
-
 FINAL_STEPS = ["fsync D/W/hit", f"rename D/W/hit, D/{HIT}", "fsync D"]
 COMMANDS = {
     "publish": Command(
@@ -113,16 +108,18 @@ COMMANDS = {
     "repair": Command(
         prepare=prepare_damaged,
         words=repairing,
-        work=["archive", "antivir-v2-c-new.ini", "hit"],
+        work=["archive", "info", "hit"],
         archive="antivir-v2-new.cab",
         others=(REPLACED,),
         damaged=True,
         steps=[
             "fsync D/W/archive",
-            "fsync D/W/antivir-v2-c-new.ini",
+            "fsync D/W/info",
             f"fsync D/{REPLACED}",
-            *put_in_place("archive", "antivir-v2-new.cab"),
-            *put_in_place("antivir-v2-c-new.ini", "antivir-v2-c-new.ini"),
+            "rename D/W/archive, D/antivir-v2-new.cab",
+            "fsync D",
+            "rename D/W/info, D/antivir-v2-c-new.ini",
+            "fsync D",
             *FINAL_STEPS,
         ],
     ),

@@ -56,7 +56,7 @@ def entry(own, id, current=False, until=None, held=False, form="cab"):
         "id": id,
         "archive": archive.name,
         "format": form,
-        "bytes": archive.stat().st_size,
+        "size": archive.stat().st_size,
         "published_epoch": int(archive.stat().st_mtime),
         "current": current,
         "grace_until_epoch": until,

@@ -10,7 +10,7 @@ from release import HIT, good_files, info_name, sha256
 from scripted_server import ScriptedServer, reply, stall
 from tools import AS_ROOT
 
-REPAIR = "run zqu-mirror repair --from"
+REPAIR = "run zqu-mirror repair --from UPSTREAM MIRROR"
 
 
 def cab(id):
@@ -229,12 +229,13 @@ def test_damage_here_is_found_while_upstreams_release_is_held(copy):
     copy.expect_refused(f"{HIT} is missing or names no release; {REPAIR}", *copy.words())
 
 
-def test_archive_that_a_killed_run_has_left_is_replaced(copy):
+def test_file_of_others_with_the_archives_name_is_kept(copy):
     copy.upstream.publish("1001")
     copy.folder.mkdir(parents=True)
-    copy.write(cab("1001"), b"left behind")
-    assert copy.run() == done(copy, "1001")
-    expect_files(copy, "1001")
+    copy.write(cab("1001"), b"of others")
+    reason = "is on the mirror with other content, and not of this program: remove or rename it"
+    assert copy.run() == (1, "", f"zqu-mirror: {cab('1001')} {reason}\n")
+    assert copy.path(cab("1001")).read_bytes() == b"of others"
 
 
 # Takes the right to pass over permissions from a run as root.
@@ -263,7 +264,9 @@ def test_redirect_to_plain_http_is_refused_unless_allowed(copy, scripted, name):
         words = ["mirror", "--ca", scripted.ca_path, "--upstream-subdir", "defs", scripted.url, copy.root]
         why = f"redirected from https to {plain.base()}/{name}"
         way = "anybody on the way can change the answer"
-        copy.expect_refused(f"GET {scripted.url}/defs/{name}: {why}, where {way}", *words)
+        copy.expect_refused(
+            f"GET {scripted.url}/defs/{name}: {why}, where {way}: give --allow-http to permit it", *words
+        )
         assert plain.targets() == []
         result = run(*words, "--allow-http")
         assert result == (0, done(copy, "1001")[1], f"zqu-mirror: warning: {why}: {way}\n")

@@ -298,7 +298,7 @@ NOT_UNDERSTOOD = [
     (HIT, None, "{name} is missing: nothing says which release is current"),
     (HIT, "", "{name} names no release"),
     (HIT, "defId = a%41\n", f"{{name}}: the name a%41 {NAME_RULE}"),
-    (HIT, "defId = gone\n", f"GET file://{{folder}}/{info_name('gone')}: Couldn't read a file:// file"),
+    (HIT, "defId = gone\n", f"GET file://{{folder}}/{info_name('gone')}: No such file or directory"),
     ("antivir-v3-hit.ini", "?", "{name} names no release"),
     ("antivir-v3 x-hit.ini", "defId = 1\n", f"{{name}}: the name {{name}} {NAME_RULE}"),
     ("antivir-v2-c-hit.ini", "?", "{name} names no release"),

@@ -1,19 +1,19 @@
 """zqu-mirror repair: what is damaged comes back from the upstream mirror to the byte, or the release before does."""
 
 import os
+import pathlib
 import re
+import tempfile
 
 import pytest
 from mirror_tool import HELD, REPLACED, SUBDIR, WORK, cab, change_byte, change_info, cut, forge, remove, run, write
 from release import HIT, good_files, info_name, sha256
 from scripted_server import reply
+from tools import AS_ROOT, under_strace
 
 NEW, OLD = "1002", "1001"
 INFO, ARCHIVE = info_name(NEW), f"antivir-v2-{NEW}.cab"  # of the upstream's current release
-ADVICE = (
-    "zqu-mirror: nothing is changed: give --from to restore from an upstream mirror, --yes to do this, or choose a "
-    "release with zqu-mirror activate\n"
-)
+ADVICE = "zqu-mirror: nothing is changed: give --from UPSTREAM to restore, or --yes to do this\n"
 
 
 def from_upstream(copy, *words):
@@ -65,7 +65,7 @@ DAMAGES = {
     "INI a FIFO": (replace_by(os.mkfifo), f"{NEW}: GET file://{{info}}: not a regular file", ""),
     "INI a link to nowhere": (
         replace_by(lambda path: path.symlink_to("gone")),
-        f"{NEW}: GET file://{{info}}: Couldn't read a file:// file",
+        f"{NEW}: GET file://{{info}}: No such file or directory",
         "",
     ),
     "archive with lost bytes": (cut(ARCHIVE, 100), f"{NEW}: {ARCHIVE} has 100 bytes instead of {{size}}", ""),
@@ -232,8 +232,7 @@ def test_release_before_becomes_current_only_with_consent(own, case):
     names = {"size": own.size(cab(gone or "3")), "digest": sha256(own.path(cab("3")).read_bytes())}
     damage(own)
     found = f"found {found}\n".format(**names)
-    cannot_be_read = case == "INI cut short"  # so nothing says which archive is its own
-    goes = [info_name(gone), *([] if cannot_be_read else [cab(gone)])] if gone else []
+    goes = [info_name(gone), cab(gone)] if gone else []
     left = [name for name in own.files() if name not in goes]
     would = (f"would make current {made}\n" if made else "") + (f"would set aside {gone}\n" if gone else "")
     before = own.seen()
@@ -256,9 +255,84 @@ def test_held_release_is_never_chosen(copy):
     cut(f"antivir-v2-{OLD}.cab", 9)(copy)
     copy.upstream.path(info_name(OLD)).unlink()
     assert run("repair", copy.root)[1].endswith(f"would make current 1\nwould set aside {OLD}\n")
-    assert run(*from_upstream(copy))[::2] == (1, ADVICE)
+    held = "the upstream mirror's current release is held; give --yes to do this, or choose a release with "
+    refused = (1, f"zqu-mirror: nothing is changed: {held}zqu-mirror activate\n")
+    assert run(*from_upstream(copy))[::2] == refused
     assert run(*from_upstream(copy, "--yes"))[0] == 0
     assert copy.check()[1].startswith(f"ok       {HIT} names 1\n")
+    remove(info_name(NEW))(copy)
+    write(HIT, f"[Current]\ndefId = {NEW}\n")(copy)
+    assert run(*from_upstream(copy))[::2] == refused
+
+
+@pytest.mark.parametrize("former", [False, True])
+def test_ini_is_restored_to_the_byte_where_its_archive_is_sound(copy, former):
+    """Also of a former release, and when nothing names the current one any more."""
+    copy.follow(OLD, NEW)
+    whole = files(copy)
+    name = info_name(OLD if former else NEW)
+    copy.path(name).write_bytes(copy.path(name).read_bytes()[:-2])
+    if not former:
+        remove(HIT)(copy)
+    assert run(*from_upstream(copy))[0] == 0
+    assert files(copy) == whole
+
+
+def test_forged_release_is_replaced_when_the_hit_ini_is_lost(copy):
+    copy.follow(OLD, NEW)
+    whole = files(copy)
+    copy.write(ARCHIVE, b"forged")
+    copy.announce(NEW, ARCHIVE)
+    remove(HIT)(copy)
+    assert run(*from_upstream(copy))[0] == 0
+    assert files(copy) == whole
+
+
+def test_repair_that_is_killed_costs_no_sound_archive(copy):
+    """Neither then nor when another command cleans up behind it."""
+    copy.follow(OLD, NEW)
+    whole = files(copy)
+    cut(info_name(OLD), 60)(copy)
+    for number in (1, 2, 3):
+        strace = ["strace", "-f", "-o", "/dev/null", "-e", f"inject=rename:signal=KILL:when={number}"]
+        run(*from_upstream(copy), prefix=strace, env=under_strace())
+        assert run("activate", copy.root, NEW)[0] == 0
+    assert run(*from_upstream(copy))[0] == 0
+    assert files(copy) == whole
+
+
+def test_file_that_cannot_be_read_is_no_damage(copy):
+    copy.follow(OLD, NEW)
+    before = copy.seen()
+    path = copy.path(ARCHIVE)
+    strace = ["strace", "-f", "-o", "/dev/null", "-P", path, "-e", "inject=read:error=EIO:when=1"]
+    code, out, err = run("repair", "--yes", copy.root, prefix=strace, env=under_strace())
+    assert (code, out, err) == (1, "", f"zqu-mirror: cannot read {path}: Input/output error\n")
+    assert copy.seen() == before
+
+
+def test_link_in_place_of_what_is_kept_is_not_followed(copy, tmp_path):
+    copy.follow(OLD, NEW)
+    cut(ARCHIVE, 9)(copy)
+    (tmp_path / "elsewhere").mkdir()
+    copy.path(REPLACED).symlink_to(tmp_path / "elsewhere")
+    code, _, err = run(*from_upstream(copy))
+    assert code == 1 and "is not a directory, but repair keeps there what it replaces: remove or rename it" in err
+    assert list((tmp_path / "elsewhere").iterdir()) == []
+
+
+@pytest.mark.skipif(not AS_ROOT, reason="only root can work as another user")
+def test_root_works_as_the_owner_of_the_mirror():
+    with tempfile.TemporaryDirectory() as base:
+        mirror, definitions = pathlib.Path(base, "mirror"), pathlib.Path(base, "definitions")
+        os.chmod(base, 0o755)
+        definitions.write_text("signature\n")
+        mirror.mkdir()
+        os.chown(mirror, 54321, 54322)
+        for id in "12":
+            assert run("publish", "--id", id, mirror, definitions, definitions)[0] == 0
+        assert run("activate", mirror, "1")[0] == 0
+        assert {(path.stat().st_uid, path.stat().st_gid) for path in mirror.rglob("*")} == {(54321, 54322)}
 
 
 def test_mirror_without_a_sound_release_is_left_alone(own):

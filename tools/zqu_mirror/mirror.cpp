@@ -110,7 +110,9 @@ void mirror(const Options& options, Run& run) {
     try {
         follow(options, upstream, run);
     } catch (...) {
-        upstream.warn();
+        if (options.allow_http) {  // else the redirect is the reason
+            upstream.warn();
+        }
         throw;
     }
     upstream.warn();
