@@ -80,7 +80,7 @@ Fd memory_file(const std::string& text) {
 }
 
 std::string memory_path(const Fd& file) {
-    const std::string path = "/proc/self/fd/" + std::to_string(file.get());
+    std::string path = "/proc/self/fd/" + std::to_string(file.get());
     if (access(path.c_str(), R_OK) != 0) {
         fail_errno("cannot read " + path);
     }

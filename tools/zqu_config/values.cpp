@@ -69,8 +69,8 @@ bool check_url(const std::string& key, const std::string& value, const Url& url,
     const std::string path = url.part(CURLUPART_PATH);
     const bool ascii = std::all_of(path.begin(), path.end(), [](unsigned char c) { return c < 0x80; });
     for (const Rule& rule :
-         {Rule{!url.part(CURLUPART_QUERY).empty(), warning, "what comes after the \"?\" is no path on the mirror"},
-          Rule{!url.part(CURLUPART_FRAGMENT).empty(), warning, "what comes after the \"#\" is no path on the mirror"},
+         {Rule{!url.part(CURLUPART_QUERY).empty(), warning, "what comes after the \"?\" is not part of the path"},
+          Rule{!url.part(CURLUPART_FRAGMENT).empty(), warning, "what comes after the \"#\" is not part of the path"},
           Rule{!ascii, warning, "bytes beyond ASCII go into the URLs as they are"}}) {
         findings.first(line, key, {{!fails && rule.applies, rule.severity, "nothing is encoded; " + rule.text}});
     }

@@ -212,8 +212,9 @@ Examples:
     {"mirror", "Copy the current release of an upstream mirror", add_mirror, done<mirror>, R"(
 Asks the upstream mirror for its current release and, when that is another one than here, downloads it, verifies
 it as a client would, and makes it current in one step. Id, INI file and archive are the upstream's, to the byte.
-Nothing new is a success too, and changes nothing. When anything fails, one line says why, and the mirror is left
-as it was; an id never gets other content.
+Nothing new is a success too, and changes nothing. So is a release that activate has held. When anything fails, one
+line says why, and the mirror is left as it was; an id never gets other content. Damaged files of the current release
+are a failure: repair restores them.
 
 Examples:
   zqu-mirror mirror https://definitions.zelgw.example /srv/mirror

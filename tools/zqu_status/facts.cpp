@@ -13,6 +13,7 @@
 #include <ctime>
 #include <filesystem>
 #include <future>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -34,6 +35,7 @@ using namespace tools;
 namespace {
 
 namespace fs = std::filesystem;
+using nlohmann::json;
 
 constexpr int looks = 26;  // opening with O_TRUNC may wait for a busy disk, with the file short meanwhile
 constexpr std::chrono::milliseconds between_looks(20);
@@ -171,7 +173,7 @@ std::optional<std::size_t> count_snapshots(const std::string& path) {
 constexpr const char* manager = "org.freedesktop.systemd1";
 constexpr const char* of_units = "org.freedesktop.systemd1.Unit";
 constexpr const char* of_services = "org.freedesktop.systemd1.Service";
-constexpr std::uint64_t patience_us = 5000000;
+constexpr std::chrono::seconds patience(5);
 
 using Text = Handle<char, std::free>;
 
@@ -200,7 +202,6 @@ void ask_systemd(Unit& unit, const Config& cfg) {
     char** list = nullptr;
     require(sd_bus_open_system(&bus));
     const Handle<sd_bus, sd_bus_flush_close_unref> bus_owner(bus);
-    require(sd_bus_set_method_call_timeout(bus, patience_us));
     require(sd_bus_path_encode("/org/freedesktop/systemd1/unit", unit.name.c_str(), &path));
     const Text path_owner(path);
     const auto text = [bus, path](const char* interface, const char* name) {
@@ -357,15 +358,27 @@ Store look_at_store(const Config& cfg) {
     return store;
 }
 
+// In a child: sd-bus waits up to 90 seconds for a bus that accepts a connection and then says nothing.
 Unit look_at_unit(const std::string& name, const Config& cfg) {
     Unit unit;
     unit.name = name;
-    if (!name.empty() && sd_booted() > 0) {
-        try {
-            ask_systemd(unit, cfg);
-        } catch (const std::system_error& e) {
-            unit.reason = e.code().message();
+    if (name.empty() || sd_booted() <= 0) {
+        return unit;
+    }
+    const auto ask = [&] {
+        ask_systemd(unit, cfg);
+        return json{unit.load, unit.active, unit.sub, unit.file, unit.result, unit.writable}.dump();
+    };
+    const ChildResult asked = in_child([] {}, ask, patience);
+    if (asked.succeeded()) {
+        const json answer = json::parse(asked.output);
+        std::string* const texts[] = {&unit.load, &unit.active, &unit.sub, &unit.file, &unit.result};
+        for (std::size_t i = 0; i < std::size(texts); ++i) {
+            *texts[i] = answer[i];
         }
+        unit.writable = answer.back().get<std::vector<std::string>>();
+    } else {
+        unit.reason = asked.timed_out ? "no answer within 5 s" : asked.output;
     }
     return unit;
 }
