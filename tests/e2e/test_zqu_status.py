@@ -1089,7 +1089,7 @@ def test_plugin_that_a_signal_ends_is_unknown(watched, scripted, number):
         assert (process.returncode, out[: len(expected)]) == (3, expected)
 
 
-def test_each_part_of_a_comparison_shows_its_progress_and_clears_it(watched):
+def test_each_part_of_a_comparison_shows_its_progress(watched):
     """Each 420th read takes 1.6 seconds. Fetching reads none of these, and may last less than a second."""
     watched.mirror.publish("1002", [(FIRST, os.urandom(1_000_000) * 30), (SECOND, b"y")])
     watched.check()
