@@ -299,8 +299,8 @@ int parse_and_carry_out(int argc, char** argv, bool plugin) {
     if (!is_url(options.mirror)) {
         options.mirror = fs::absolute(options.mirror);
     }
-    const auto chosen = std::find_if(std::begin(entries), std::end(entries),
-                                     [&app](const Entry& entry) { return app.got_subcommand(entry.name); });
+    const auto* const chosen = std::find_if(std::begin(entries), std::end(entries),
+                                            [&app](const Entry& entry) { return app.got_subcommand(entry.name); });
     return chosen->run(options, run);
 }
 

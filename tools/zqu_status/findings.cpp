@@ -75,8 +75,8 @@ public:
 private:
     Matter& add(const std::string& name, const std::string& first, const std::string& second = "",
                 const std::string& command = "") {
-        const auto kind = std::find_if(kinds().begin(), kinds().end(),
-                                       [&name](const FindingKind& candidate) { return candidate.name == name; });
+        const auto* const kind = std::find_if(kinds.begin(), kinds.end(),
+                                              [&name](const FindingKind& candidate) { return candidate.name == name; });
         found_.push_back({name, kind->verdict, filled(kind->text, first, second), kind->advice, command});
         return found_.back();
     }
@@ -117,7 +117,7 @@ private:
     // A masked unit cannot be enabled.
     [[nodiscard]] std::string enabling(const char* command) const {
         const Unit& unit = facts_.unit;
-        const std::string enable = shell_line(command, {unit.name});
+        std::string enable = shell_line(command, {unit.name});
         if (!is_one_of(unit.file, {"masked", "masked-runtime"}) || enable.empty()) {
             return enable;
         }

@@ -207,7 +207,7 @@ std::string summary(const Report& report) {
 void verdicts(const Report& report, Exposition& out) {
     out.verdict("verdict", "Whether this is the verdict on the definitions; one of the four is 1.", report.verdict);
     out.head("finding", "Whether something is the matter: 1 for each finding there is.");
-    for (const FindingKind& kind : kinds()) {
+    for (const FindingKind& kind : kinds) {
         const bool found = std::any_of(report.findings.begin(), report.findings.end(),
                                        [&kind](const Matter& finding) { return finding.name == kind.name; });
         out.sample({{"finding", kind.name}}, found ? "1" : "0");

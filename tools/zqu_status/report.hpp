@@ -206,7 +206,7 @@ struct FindingKind {
     const char* text;        // what is the matter; %1 and %2 depend on the facts
     const char* advice;      // what to do about it
 };
-[[nodiscard]] const std::vector<FindingKind>& kinds();
+extern const std::array<FindingKind, 44> kinds;
 
 // What a last_error means, and what to do about it; a text that the daemon does not write is said to be unknown.
 [[nodiscard]] const char* advice_for(const std::string& last_error);
