@@ -2,7 +2,6 @@
 and what follows when one of them fails."""
 
 import errno
-import os
 import re
 import signal
 import subprocess
@@ -10,7 +9,7 @@ import subprocess
 import archives
 import pytest
 from faults import FORMER, NEW, UNDONE, Scene, good, not_downloaded, outcome_of, refused, unflushed, unpublished
-from gateway import BUILD, SANITIZED, preloading
+from gateway import BUILD, SANITIZED
 from outcomes import Outcome, published
 from release import good_files
 
@@ -427,18 +426,16 @@ def test_tools_transfer_with_the_options_of_the_daemon(scene, tmp_path):
     """And, for each transfer, with options that only observe or bound it."""
     scene.gateway.settings["http_timeout_s"] = 300
     hit_and_info = [line for line in run(scene.gateway)[1] if "curl_easy_setopt" in line][: 2 * 9]
-    log = tmp_path / "calls"
-    environment = {"LD_PRELOAD": preloading("libzqu_call_shim.so"), "LD_LIBRARY_PATH": str(BUILD)}
-    command = [BUILD / "zqu-config", "check", "--online", scene.gateway.config_path]
+    scene.gateway.log_path = tmp_path / "calls"
     done = subprocess.run(
-        command,
-        env={**os.environ, **environment, "ZQU_CALL_FILE": str(log)},
+        [BUILD / "zqu-config", "check", "--online", scene.gateway.config_path],
+        env=scene.gateway.environment(calls=True),
         capture_output=True,
         text=True,
         timeout=60,
     )
     assert "the mirror answers: release" in done.stdout
-    transfers = [text.splitlines() for text in log.read_text().split("curl_easy_reset")]
+    transfers = [text.splitlines() for text in scene.gateway.log_path.read_text().split("curl_easy_reset")]
     options = [[re.sub("0x[0-9a-f]+", "#1", line) for line in lines if "_setopt" in line] for lines in transfers]
     network = [line for lines in options if "https:" in "".join(lines[:1]) for line in lines]
     observing = re.compile("MAXFILESIZE_LARGE|FILETIME|PREREQ(FUNCTION|DATA)|SSL_CTX_(FUNCTION|DATA)")
