@@ -168,7 +168,7 @@ void end_by(int signal) {
     }
     for (const LastWords& words : last_words) {
         if (words.signal == signal && answered == 0) {
-            static_cast<void>(!write(STDOUT_FILENO, words.line.data(), words.line.size()));
+            static_cast<void>(write(STDOUT_FILENO, words.line.data(), words.line.size()) == 0);
         }
     }
     _exit(could_not_tell);
