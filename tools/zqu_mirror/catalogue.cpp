@@ -46,12 +46,12 @@ class IniReader {
 public:
     explicit IniReader(const Options& options) : options_(options), cfg_(client_config(options)), client_(cfg_) {
         std::error_code error;
-        for (fs::directory_iterator entry(folder(options), error), end; !error && entry != end;
+        for (fs::directory_iterator entry(directory_of(options), error), end; !error && entry != end;
              entry.increment(error)) {
             names_.push_back(entry->path().filename());
         }
         if (error) {
-            throw std::system_error(error, "cannot open " + folder(options).string());
+            throw std::system_error(error, "cannot open " + directory_of(options).string());
         }
         std::sort(names_.begin(), names_.end());
     }
@@ -99,7 +99,8 @@ public:
         }
         for (const auto& name : names_) {
             if ((ends_with(name, ".cab") || ends_with(name, ".zip")) && named.count(name) == 0) {
-                const bool ours = is_ours(name) && fs::is_regular_file(fs::symlink_status(folder(options_) / name));
+                const bool ours =
+                    is_ours(name) && fs::is_regular_file(fs::symlink_status(directory_of(options_) / name));
                 (ours ? found.orphans : found.strangers).push_back(name);
             }
         }
@@ -148,7 +149,7 @@ private:
     Release release_of(const std::string& name, const Current& current) {
         Release release;
         release.info = name;
-        release.times = times_of(folder(options_) / name);
+        release.times = times_of(directory_of(options_) / name);
         const auto consider = [&](const std::string& flavor) {
             const auto id = id_in(name, flavor);
             if (id && flavor.size() >= release.flavor.size()) {
@@ -201,7 +202,7 @@ std::vector<Release> newest_first(const Catalogue& catalogue, const Options& opt
     std::stable_sort(found.begin(), found.end(), [](const Release& a, const Release& b) {
         return a.current != b.current ? a.current : a.times.modified_ns > b.times.modified_ns;
     });
-    const fs::path hit = folder(options) / hit_name(options.flavor);
+    const fs::path hit = directory_of(options) / hit_name(options.flavor);
     const Times replaced = fs::exists(fs::symlink_status(hit)) ? times_of(hit) : Times{0, 0};
     const auto was_replaced = [&](const Release& release) {
         return !release.current && release.times.modified_ns == replaced.modified_ns;
@@ -238,7 +239,7 @@ std::vector<std::string> archives_of_killed_run(const fs::path& directory) {
     here.mirror = directory;
     here.subdir = "";
     Options work = here;
-    work.subdir = work_folder_name;
+    work.subdir = work_directory_name;
     IniReader reader(work);
     for (const auto& name : reader.names()) {
         try {

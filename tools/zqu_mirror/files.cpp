@@ -58,7 +58,7 @@ void flush(const fs::path& path) {
     }
 }
 
-void make_folder(const fs::path& path, mode_t mode) {
+void make_directory(const fs::path& path, mode_t mode) {
     if (mkdir(path.c_str(), mode) != 0) {
         fail_errno("cannot create " + path.string());
     }

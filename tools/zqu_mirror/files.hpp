@@ -33,7 +33,7 @@ void write_text(const std::filesystem::path& path, const std::string& text);
 void flush(const std::filesystem::path& path);
 
 // Makes one directory, whose parent must exist, with these permissions less the umask.
-void make_folder(const std::filesystem::path& path, mode_t mode);
+void make_directory(const std::filesystem::path& path, mode_t mode);
 
 // Removes path with all that it holds, also directories that their owner may not enter; says in error why it could not.
 void remove_tree(const std::filesystem::path& path, std::error_code& error);

@@ -27,7 +27,8 @@ std::string fault_of(const Release& release, const json& entry) {
 
 json entry_of(const Release& release, bool held, const Options& options, std::int64_t now) {
     struct stat archive {};
-    const bool there = !release.archive.empty() && stat((folder(options) / release.archive).c_str(), &archive) == 0 &&
+    const bool there = !release.archive.empty() &&
+                       stat((directory_of(options) / release.archive).c_str(), &archive) == 0 &&
                        S_ISREG(archive.st_mode);
     const auto dot = release.archive.rfind('.');
     const bool in_grace = !release.current && release.grace_ns >= now;
@@ -52,7 +53,7 @@ json document_of(const Options& options) {
     }
     const auto& ids = catalogue.current.ids;
     const auto current = ids.find(options.flavor);
-    json document{{"directory", folder(options).string()},
+    json document{{"directory", directory_of(options).string()},
                   {"flavor", options.flavor},
                   {"current", current == ids.end() ? json() : json(current->second)},
                   {"held", held},

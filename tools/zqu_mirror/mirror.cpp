@@ -27,7 +27,7 @@ void report_nothing_new(const Options& options, const std::string& what, Run& ru
 
 // Requires that the id, if it is known here, stands for the same archive.
 bool require_same_content(const Options& options, const Offer& offer, Run& run) {
-    const fs::path place = folder(options);
+    const fs::path place = directory_of(options);
     if (!fs::exists(fs::symlink_status(place / info_name(options.flavor, offer.id)))) {
         return false;
     }
@@ -44,7 +44,7 @@ bool require_same_content(const Options& options, const Offer& offer, Run& run) 
 
 // Whether the archive is here already. One with that name and other content must not be named by anything.
 bool have_archive(const Options& options, const zqu::CompleteInfo& info, Run& run) {
-    const fs::path archive = folder(options) / info.cab_name;
+    const fs::path archive = directory_of(options) / info.cab_name;
     if (!fs::exists(fs::symlink_status(archive)) || has_digest(archive, info.sha256, run)) {
         return fs::exists(archive);
     }
@@ -65,16 +65,16 @@ void add_release(const Options& options, const Offer& offer, bool known, Upstrea
     const std::string& archive = offer.info.cab_name;
     const bool have = have_archive(options, offer.info, run);
     if (have) {
-        upstream.require_sound(offer, place.folder() / archive);
+        upstream.require_sound(offer, place.directory() / archive);
     } else {
         upstream.download(offer, place.work("archive"));
         place.add("archive", archive);
-        flush(place.folder());
+        flush(place.directory());
     }
     if (!known) {
         const std::string info = info_name(options.flavor, offer.id);
         place.add(info, info);
-        flush(place.folder());
+        flush(place.directory());
     }
 }
 
@@ -86,12 +86,12 @@ void follow(const Options& options, Upstream& upstream, Run& run) {
         return;
     }
     const Offer offer = upstream.release(id);
-    const fs::path info = folder(options) / info_name(options.flavor, id);
+    const fs::path info = directory_of(options) / info_name(options.flavor, id);
     if (current_id(options) == id && text_of(info) == offer.text) {
         report_nothing_new(options, "nothing new: ", run);
         return;
     }
-    Workplace place(folder(options), run);
+    Workplace place(directory_of(options), run);
     write_text(place.work(info.filename()), offer.text);
     const bool known = require_same_content(options, offer, run);
     if (known && current_id(options) == id) {  // the INI has changed, but nothing in it
@@ -100,7 +100,7 @@ void follow(const Options& options, Upstream& upstream, Run& run) {
     }
     add_release(options, offer, known, upstream, place, run);
     place.make_current(options, id);
-    report(options, (known ? "made current again " : "mirrored ") + summary(place.folder(), id, offer.info), run);
+    report(options, (known ? "made current again " : "mirrored ") + summary(place.directory(), id, offer.info), run);
 }
 
 }  // namespace

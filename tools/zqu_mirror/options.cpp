@@ -25,7 +25,7 @@ bool is_url(const std::string& mirror) {
     return mirror.find("://") != std::string::npos;
 }
 
-std::filesystem::path folder(const Options& options) {
+std::filesystem::path directory_of(const Options& options) {
     const auto start = std::min(options.subdir.find_first_not_of('/'), options.subdir.size());
     return std::filesystem::path(options.mirror) / options.subdir.substr(start);
 }
@@ -55,8 +55,8 @@ bool ends_with(const std::string& name, const std::string& end) {
     return name.size() >= end.size() && name.compare(name.size() - end.size(), end.size(), end) == 0;
 }
 
-// The daemon puts ids, flavors and subfolders into URLs and paths as they stand. What survives that unencoded is a path
-// segment's characters (RFC 3986, section 3.3) without the percent sign; "=" would part the index's keys.
+// The daemon puts ids, flavors and subdirectories into URLs and paths as they stand. What survives that unencoded is a
+// path segment's characters (RFC 3986, section 3.3) without the percent sign; "=" would part the index's keys.
 std::string unusable_name(const std::string& name) {
     static const std::string marks = "-._~!$&'()*+,;:@";
     const auto usable = [](char c) {

@@ -51,7 +51,7 @@ struct Options {
 [[nodiscard]] bool is_url(const std::string& mirror);
 
 // The directory that holds the mirror's files; for a mirror that is a directory.
-[[nodiscard]] std::filesystem::path folder(const Options& options);
+[[nodiscard]] std::filesystem::path directory_of(const Options& options);
 
 // The settings of a client of this mirror, a directory or a URL, and of one of the upstream mirror.
 [[nodiscard]] zqu::Config client_config(const Options& options);

@@ -39,7 +39,7 @@ std::string reason_to_keep(const Release& release, std::size_t number, const Opt
 class Remover {
 public:
     Remover(const Options& options, const Catalogue& catalogue, Run& run)
-        : options_(options), folder_(folder(options)), run_(run) {
+        : options_(options), directory_(directory_of(options)), run_(run) {
         for (const auto& release : catalogue.releases) {
             ++uses_[release.archive];
         }
@@ -76,8 +76,8 @@ public:
     }
 
     void work_directory() {
-        const fs::path work = folder_ / work_folder_name;
-        remove(std::string(work_folder_name) + ", which a killed run has left: ", [&] {
+        const fs::path work = directory_ / work_directory_name;
+        remove(std::string(work_directory_name) + ", which a killed run has left: ", [&] {
             for (const auto& entry :
                  fs::recursive_directory_iterator(work, fs::directory_options::skip_permission_denied)) {
                 bytes_ += entry.is_regular_file() ? entry.file_size() : 0;
@@ -129,12 +129,12 @@ private:
 
     void flush_directory() const {
         if (!options_.dry_run) {
-            flush(folder_);
+            flush(directory_);
         }
     }
 
     void remove_file(const std::string& name) {
-        const fs::path path = folder_ / name;
+        const fs::path path = directory_ / name;
         std::error_code missing;
         const std::uintmax_t size = fs::file_size(path, missing);
         if (!options_.dry_run && unlink(path.c_str()) != 0 && errno != ENOENT) {
@@ -144,7 +144,7 @@ private:
     }
 
     const Options& options_;
-    const fs::path folder_;
+    const fs::path directory_;
     Run& run_;
     std::map<std::string, int> uses_;  // by archive, how many INIs name it
     std::uintmax_t bytes_ = 0;
@@ -185,7 +185,7 @@ void remove_releases(Remover& remover, const Catalogue& catalogue, const Options
 }  // namespace
 
 void prune(const Options& options, Run& run) {
-    const fs::path place = folder(options);
+    const fs::path place = directory_of(options);
     become_owner(place);
     const Lock lock(place);
     Catalogue catalogue = read_catalogue(options);

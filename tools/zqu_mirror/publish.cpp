@@ -72,7 +72,7 @@ std::string archive_name(const Options& options) {
 void require_free_name(const Options& options) {
     const std::string name = archive_name(options);
     const std::string info =
-        fs::exists(fs::symlink_status(folder(options) / name)) ? info_that_names(options, name) : "";
+        fs::exists(fs::symlink_status(directory_of(options) / name)) ? info_that_names(options, name) : "";
     if (!info.empty()) {
         fail(name + " is on the mirror, and " + info + " names it: take a new id");
     }
@@ -93,14 +93,14 @@ void add_release(const Options& options, const std::vector<Source>& sources, Wor
                                        "\ndef.Current.size = " + std::to_string(fs::file_size(archive)) + "\n");
     place.add("archive", name);
     place.add("info", info_name(options.flavor, options.id));
-    flush(place.folder());
+    flush(place.directory());
 }
 
 // Requires that the release, read as a client does, gives back the sources.
 zqu::CompleteInfo require_release(const Options& options, const std::vector<Source>& sources, bool known, Run& run) {
     const zqu::Config cfg = client_config(options);
     zqu::CompleteInfo info = tools::Client(cfg).fetch_info(options.id);
-    const fs::path archive = folder(options) / info.cab_name;
+    const fs::path archive = directory_of(options) / info.cab_name;
     if (info.defid != options.id || !fs::is_regular_file(archive) || !has_digest(archive, info.sha256, run)) {
         fail(options.id + " is on the mirror, but its INI file and its archive do not match");
     }
@@ -127,8 +127,8 @@ void publish(const Options& options, Run& run) {
     for (auto& source : sources) {
         source.digest = sha256_in(run, source.path);
     }
-    Workplace place(folder(options), run);
-    const bool known = fs::exists(place.folder() / info_name(options.flavor, options.id));
+    Workplace place(directory_of(options), run);
+    const bool known = fs::exists(place.directory() / info_name(options.flavor, options.id));
     try {
         if (!known) {
             require_free_name(options);
@@ -144,7 +144,7 @@ void publish(const Options& options, Run& run) {
     place.make_current(options, options.id);
     const std::string done =
         known ? options.id + " was published before with this content and is current now" : "published " + options.id;
-    report(options, summary(place.folder(), done, info), run);
+    report(options, summary(place.directory(), done, info), run);
 }
 
 void activate(const Options& options, Run& run) {
@@ -162,7 +162,7 @@ void activate(const Options& options, Run& run) {
         end_hold(options, options.id);
     }
     const std::string done = changes ? "made current " : "is current already: ";
-    report(options, done + summary(place.folder(), options.id, found.info), run);
+    report(options, done + summary(place.directory(), options.id, found.info), run);
     if (former && changes) {
         report(options, "held " + *former + ": mirror does not take it again", run);
     }

@@ -45,8 +45,8 @@ private:
 
     void look() {
         if (place_.removed_leftover()) {
-            found(std::string(work_folder_name) + ", which a killed run has left");
-            report("removed " + std::string(work_folder_name));
+            found(std::string(work_directory_name) + ", which a killed run has left");
+            report("removed " + std::string(work_directory_name));
         }
         list_releases();
         look_at_hit();
@@ -63,11 +63,11 @@ private:
     // As an INI gives that was cut short within the number. Clients do not look at it.
     [[nodiscard]] bool has_other_size(const zqu::CompleteInfo& info) const {
         return info.size != 0 &&
-               static_cast<std::uintmax_t>(info.size) != fs::file_size(place_.folder() / info.cab_name);
+               static_cast<std::uintmax_t>(info.size) != fs::file_size(place_.directory() / info.cab_name);
     }
 
     void list_releases() {
-        for (const auto& entry : fs::directory_iterator(place_.folder())) {
+        for (const auto& entry : fs::directory_iterator(place_.directory())) {
             const auto id = id_in(entry.path().filename(), options_.flavor);
             if (id && unusable_id(*id).empty()) {
                 std::error_code ignored;
@@ -90,7 +90,7 @@ private:
     // An id that is the beginning of another one may be what is left of that.
     void look_at_hit() {
         const std::string name = hit_name(options_.flavor);
-        const fs::path path = place_.folder() / name;
+        const fs::path path = place_.directory() / name;
         hit_ = current_id(options_);
         if (!hit_) {
             found(name + (fs::exists(fs::symlink_status(path)) ? " names no release" : " is missing"));
@@ -163,13 +163,13 @@ private:
     }
 
     [[nodiscard]] bool has_text(const Offer& offer) const {
-        return offer.text == text_of(place_.folder() / info_name(options_.flavor, offer.id));
+        return offer.text == text_of(place_.directory() / info_name(options_.flavor, offer.id));
     }
 
     bool has_content(const Offer& offer) {
         const std::string& archive = offer.info.cab_name;
         return releases_[offer.id].info.cab_name == archive &&
-               has_digest(place_.folder() / archive, offer.info.sha256, run_);
+               has_digest(place_.directory() / archive, offer.info.sha256, run_);
     }
 
     // The INIs of former releases that are sound here, but for their INI's bytes.
@@ -220,7 +220,7 @@ private:
 
     // Whether there is a file of the release that the hit INI names.
     [[nodiscard]] bool hit_was_right() const {
-        const auto begin = fs::directory_iterator(place_.folder());
+        const auto begin = fs::directory_iterator(place_.directory());
         return hit_ && std::any_of(begin, fs::directory_iterator(), [this](const auto& entry) {
                    return entry.path().filename().string().find("-" + *hit_ + ".") != std::string::npos;
                });
@@ -246,7 +246,7 @@ private:
     // ---- What is done ----
 
     void restore(const Offer& offer) {
-        const fs::path archive = place_.folder() / offer.info.cab_name;
+        const fs::path archive = place_.directory() / offer.info.cab_name;
         const std::string name = info_name(options_.flavor, offer.id);
         const bool have = fs::is_regular_file(archive) && has_digest(archive, offer.info.sha256, run_);
         if (have) {
@@ -262,12 +262,12 @@ private:
             if (!have) {
                 replace("archive", offer.info.cab_name);
             }
-            if (releases_[offer.id].info.cab_name.empty() || text_of(place_.folder() / name) != offer.text) {
+            if (releases_[offer.id].info.cab_name.empty() || text_of(place_.directory() / name) != offer.text) {
                 replace("info", name);
             }
         });
         releases_[offer.id] = {"", offer.info};
-        report("restored " + summary(place_.folder(), offer.id, offer.info));
+        report("restored " + summary(place_.directory(), offer.id, offer.info));
     }
 
     void require_not_needed(const Offer& offer) {
@@ -285,7 +285,7 @@ private:
             }
         }
         const std::string start = stem(options_.flavor, "");
-        for (const auto& entry : fs::directory_iterator(place_.folder())) {
+        for (const auto& entry : fs::directory_iterator(place_.directory())) {
             std::string name = entry.path().filename();
             if (entry.path().extension() == ".ini" && name.rfind(start, 0) != 0 &&
                 text_of(entry.path()).find(archive) != std::string::npos) {
@@ -299,14 +299,14 @@ private:
     // name until then.
     void replace(const std::string& work_name, const std::string& name) {
         keep(name);
-        move(place_.work(work_name), place_.folder() / name);
-        flush(place_.folder());
+        move(place_.work(work_name), place_.directory() / name);
+        flush(place_.directory());
     }
 
     void keep(const std::string& name) {
         std::error_code error;
-        if (fs::exists(fs::symlink_status(place_.folder() / name))) {
-            fs::create_hard_link(place_.folder() / name, kept() / name, error);
+        if (fs::exists(fs::symlink_status(place_.directory() / name))) {
+            fs::create_hard_link(place_.directory() / name, kept() / name, error);
             flush(kept());
         }
         if (error) {
@@ -315,27 +315,27 @@ private:
     }
 
     void set_aside(const std::string& name) {
-        if (fs::exists(fs::symlink_status(place_.folder() / name))) {
-            move(place_.folder() / name, kept() / name);
+        if (fs::exists(fs::symlink_status(place_.directory() / name))) {
+            move(place_.directory() / name, kept() / name);
             flush(kept());
-            flush(place_.folder());
+            flush(place_.directory());
         }
     }
 
     // The directory of this run for what is replaced.
     const fs::path& kept() {
         if (kept_.empty()) {
-            const fs::path all = place_.folder() / replaced_directory_name;
+            const fs::path all = place_.directory() / replaced_directory_name;
             if (!has_directory(all,
                                " is not a directory, but repair keeps there what it replaces: remove or rename it")) {
-                make_folder(all, 0700);
+                make_directory(all, 0700);
             }
             char now[sizeof "20261122T081500Z"] = "";
             const std::time_t time = std::time(nullptr);
             std::tm parts{};
             std::strftime(now, sizeof now, "%Y%m%dT%H%M%SZ", gmtime_r(&time, &parts));
             kept_ = all / (now + ("." + std::to_string(getpid())));
-            make_folder(kept_, 0700);
+            make_directory(kept_, 0700);
             flush(all);
         }
         return kept_;
@@ -345,7 +345,7 @@ private:
         run_.step([&] { keep(hit_name(options_.flavor)); });
         place_.make_current(options_, target_, true);
         run_.reopen();
-        report("made current " + summary(place_.folder(), target_, releases_[target_].info));
+        report("made current " + summary(place_.directory(), target_, releases_[target_].info));
     }
 
     void restore_or_set_aside(const std::string& id) {

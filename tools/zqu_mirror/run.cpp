@@ -111,7 +111,7 @@ void Run::end_by(int signal) {
 
 void Run::undo() {
     std::error_code ignored;
-    // The main thread may still be adding files to the scratch folder when a signal ends the run.
+    // The main thread may still be adding files to the scratch directory when a signal ends the run.
     for (int attempts = 0; !scratch_.empty() && fs::exists(scratch_, ignored) && attempts < 100; ++attempts) {
         fs::remove_all(scratch_, ignored);
     }

@@ -35,7 +35,8 @@ public:
     // any other thread of the process.
     Run();
 
-    // Undoes what was made, the newest first, and removes the scratch folder. What cannot be removed stays, silently.
+    // Undoes what was made, the newest first, and removes the scratch directory. What cannot be removed stays,
+    // silently.
     ~Run();
 
     Run(const Run&) = delete;
@@ -44,11 +45,11 @@ public:
     // Does what makes path appear, and remembers to remove it.
     void make(const std::filesystem::path& path, const std::function<void()>& action);
 
-    // Makes the folder, whose path action returns, that is removed however the run ends, with all that it holds.
+    // Makes the directory, whose path action returns, that is removed however the run ends, with all that it holds.
     // Returns that path. One per run.
     std::filesystem::path make_scratch(const std::function<std::filesystem::path()>& action);
 
-    // Does what makes the run's work good: nothing but the scratch folder is undone afterwards, by no signal either.
+    // Does what makes the run's work good: nothing but the scratch directory is undone afterwards, by no signal either.
     void commit(const std::function<void()>& action);
 
     // After a commit: lets a signal end the run again.

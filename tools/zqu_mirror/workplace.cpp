@@ -22,7 +22,7 @@ bool has_record(const fs::path& record) {
     return has_directory(record, " is no directory: remove it, then every release that was held is released");
 }
 
-const fs::path& make_folders(const fs::path& path, Run& run) {
+const fs::path& make_directories(const fs::path& path, Run& run) {
     become_owner(path);
     fs::path prefix;
     for (const auto& part : path) {
@@ -30,7 +30,7 @@ const fs::path& make_folders(const fs::path& path, Run& run) {
         prefix /= part;
         struct stat found {};
         if (stat(prefix.c_str(), &found) != 0) {
-            run.make(prefix, [&] { make_folder(prefix, 0755); });
+            run.make(prefix, [&] { make_directory(prefix, 0755); });
             flush(parent);
         }
     }
@@ -82,7 +82,7 @@ bool has_digest(const fs::path& archive, std::string digest, Run& run) {
 std::optional<std::string> current_id(const Options& options) {
     const zqu::Config cfg = client_config(options);
     try {
-        const std::string id = tools::Client(cfg).read_id(text_of(folder(options) / hit_name(options.flavor)));
+        const std::string id = tools::Client(cfg).read_id(text_of(directory_of(options) / hit_name(options.flavor)));
         const bool usable = unusable_name(id).empty() && unusable_archive(stem(options.flavor, id)).empty();
         return usable ? std::optional<std::string>(id) : std::nullopt;
     } catch (const tools::MirrorError&) {
@@ -91,7 +91,7 @@ std::optional<std::string> current_id(const Options& options) {
 }
 
 fs::path existing_directory(const Options& options) {
-    fs::path found = folder(options);
+    fs::path found = directory_of(options);
     if (!fs::is_directory(found)) {
         fail(found.string() + " is no directory: there is no mirror");
     }
@@ -102,7 +102,7 @@ Examined examine(const Options& options, const std::string& id, Depth depth, Run
     const std::string phase = "checking the files of " + id;
     run.phase(phase);
     const std::string name = info_name(options.flavor, id);
-    const fs::path place = folder(options);
+    const fs::path place = directory_of(options);
     if (!fs::exists(fs::symlink_status(place / name))) {
         return {name + " is missing"};
     }
@@ -155,12 +155,12 @@ void report(const Options& options, const std::string& line, Run& run) {
 }
 
 bool has_work_directory(const fs::path& directory) {
-    return has_directory(directory / work_folder_name,
+    return has_directory(directory / work_directory_name,
                          " is not a directory, but zqu-mirror prepares files in one of that name: remove or rename it");
 }
 
 std::set<std::string> held_ids(const Options& options) {
-    const fs::path record = folder(options) / held_directory_name;
+    const fs::path record = directory_of(options) / held_directory_name;
     std::set<std::string> ids;
     if (has_record(record)) {
         for (const auto& entry : fs::directory_iterator(record)) {
@@ -173,10 +173,10 @@ std::set<std::string> held_ids(const Options& options) {
 }
 
 void hold(const Options& options, const std::string& id, Run& run) {
-    const fs::path record = folder(options) / held_directory_name;
+    const fs::path record = directory_of(options) / held_directory_name;
     if (!has_record(record)) {
-        run.make(record, [&] { make_folder(record, 0755); });
-        flush(folder(options));
+        run.make(record, [&] { make_directory(record, 0755); });
+        flush(directory_of(options));
     }
     const fs::path path = record / info_name(options.flavor, id);
     if (!fs::exists(fs::symlink_status(path))) {
@@ -186,7 +186,7 @@ void hold(const Options& options, const std::string& id, Run& run) {
 }
 
 void end_hold(const Options& options, const std::string& id) {
-    const fs::path record = folder(options) / held_directory_name;
+    const fs::path record = directory_of(options) / held_directory_name;
     if (!fs::is_directory(fs::symlink_status(record))) {
         return;
     }
@@ -197,24 +197,27 @@ void end_hold(const Options& options, const std::string& id) {
     }
 }
 
-Workplace::Workplace(const fs::path& folder, Run& run)
-    : folder_(make_folders(folder, run)), lock_(folder_), work_(folder_ / work_folder_name), run_(run) {
-    removed_leftover_ = has_work_directory(folder_);
+Workplace::Workplace(const fs::path& directory, Run& run)
+    : directory_(make_directories(directory, run)),
+      lock_(directory_),
+      work_(directory_ / work_directory_name),
+      run_(run) {
+    removed_leftover_ = has_work_directory(directory_);
     if (removed_leftover_) {
-        for (const auto& archive : archives_of_killed_run(folder_)) {  // only that directory says whose they are
-            fs::remove(folder_ / archive);
+        for (const auto& archive : archives_of_killed_run(directory_)) {  // only that directory says whose they are
+            fs::remove(directory_ / archive);
         }
     }
     run_.make_scratch([this] {
         std::error_code ignored;
         remove_tree(work_, ignored);  // a killed run's: nobody else can be using it, for the directory is locked
-        make_folder(work_, 0700);
+        make_directory(work_, 0700);
         return work_;
     });
 }
 
 void Workplace::add(const std::string& work_name, const std::string& name) {
-    run_.make(folder_ / name, [&] { move(work(work_name), folder_ / name); });
+    run_.make(directory_ / name, [&] { move(work(work_name), directory_ / name); });
 }
 
 void Workplace::make_current(const Options& options, const std::string& id, bool holds_former) {
@@ -226,12 +229,12 @@ void Workplace::make_current(const Options& options, const std::string& id, bool
     }
     run_.commit([&] {
         if (former && *former != id) {
-            mark_as_former(folder_ / info_name(options.flavor, *former), hit);
+            mark_as_former(directory_ / info_name(options.flavor, *former), hit);
         }
-        move(hit, folder_ / hit_name(options.flavor));
+        move(hit, directory_ / hit_name(options.flavor));
     });
     try {
-        flush(folder_);
+        flush(directory_);
     } catch (const std::system_error& e) {
         fail(id + " is published, but a power cut might undo that: " + e.what());
     }

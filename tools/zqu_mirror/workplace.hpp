@@ -17,7 +17,7 @@
 namespace zqu::mirror_tool {
 
 // The work directory's name in the mirror's directory.
-inline constexpr const char* work_folder_name = ".zqu-mirror.work";
+inline constexpr const char* work_directory_name = ".zqu-mirror.work";
 
 // Whether there is a directory at path. Throws std::runtime_error "<path><otherwise>" for anything else: what others
 // have put there is neither followed nor replaced.
@@ -90,10 +90,10 @@ void end_hold(const Options& options, const std::string& id);
 // perhaps files that the hit INI does not name.
 class Workplace {
 public:
-    // Makes folder, an absolute path, with the parents that are missing (on disk then, and undone with the run),
+    // Makes directory, an absolute path, with the parents that are missing (on disk then, and undone with the run),
     // locks it, removes what a killed run has left, and makes an empty work directory in it. Keeps a reference to run,
     // which must outlive the workplace. Throws what Lock throws, too.
-    Workplace(const std::filesystem::path& folder, Run& run);
+    Workplace(const std::filesystem::path& directory, Run& run);
 
     // Removes the work directory, undoes what was not committed, and only then unlocks the directory: the next run must
     // not meet what is about to vanish.
@@ -106,11 +106,11 @@ public:
     [[nodiscard]] bool removed_leftover() const { return removed_leftover_; }
 
     // The mirror's directory, and the path of what the work directory holds.
-    [[nodiscard]] const std::filesystem::path& folder() const { return folder_; }
+    [[nodiscard]] const std::filesystem::path& directory() const { return directory_; }
     [[nodiscard]] std::filesystem::path work(const std::string& name) const { return work_ / name; }
 
     // Moves a file from the work directory to its name in the mirror's directory, replacing what has that name. Undone
-    // with the run. The file must have been flushed before; its name is on disk after flush(folder()).
+    // with the run. The file must have been flushed before; its name is on disk after flush(directory()).
     void add(const std::string& work_name, const std::string& name);
 
     // Makes the release current whose files are all in place and on disk: writes the hit INI and commits the
@@ -121,7 +121,7 @@ public:
     void make_current(const Options& options, const std::string& id, bool holds_former = false);
 
 private:
-    std::filesystem::path folder_;
+    std::filesystem::path directory_;
     Lock lock_;
     const std::filesystem::path work_;
     Run& run_;
