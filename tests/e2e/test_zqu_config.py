@@ -615,6 +615,11 @@ def test_mirror_is_asked_with_standard_descriptors_closed(online, mirror):
         assert (closed, online.check("--quiet", "--online", prefix=prefix)[0]) == (closed, 0 if AS_ROOT else 1)
 
 
+def test_mirror_may_answer_for_any_time(online, mirror):
+    mirror.publish("1001")
+    assert "the mirror answers" in online.check("--online", "--timeout", "300000000w")[1]
+
+
 def test_mirror_that_fails_is_an_error_with_the_reason(online, nginx, mirror, closed_port):
     """And no text of the mirror reaches a terminal as it is."""
     mirror.write(HIT, "defId = \n")

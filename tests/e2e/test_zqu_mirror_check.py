@@ -17,7 +17,7 @@ from mirror_tool import FIRST, INDEX, SECOND, clean_report, noise, run
 from raw_archives import Entry, zip_bytes
 from release import HIT, info_name, sha256
 from scripted_server import ScriptedServer, reply
-from tools import check_metrics, under_strace
+from tools import AS_ROOT, check_metrics, under_strace
 
 INFO = info_name("7")
 
@@ -123,6 +123,13 @@ def test_redirect_to_plain_http_is_a_warning_with_its_address(served, name):
     assert (code, out.splitlines()[-1], out.count("warning"), err) == (0, warning, 1, "")
 
 
+def test_redirect_to_where_nothing_listens_is_a_warning_too(served, closed_port):
+    address = f"http://127.0.0.1:{closed_port}/aside"
+    served.server.script[HIT] = [reply(b"", "302 Found", f"Location: {address}")]
+    code, out, _ = served.check()
+    assert code == 1 and f"warning  redirected from https to {address}: " in out and "Couldn't connect" in out
+
+
 HERE = [x509.IPAddress(ipaddress.ip_address("127.0.0.1"))]
 # How a server's context is made by an issuer, in a directory; and what the fault says.
 CERTIFICATES = {
@@ -188,6 +195,14 @@ LACKING = {
         ["prlimit", f"--data={200 << 20}"],
         "reading an archive takes 256 MiB of memory: raise the limits of ulimit -d and -v",
     ),
+    "directory": (
+        ["env", "TMPDIR=/nonexistent"],
+        "no directory for temporary files: No such file or directory; name one by TMPDIR",
+    ),
+    "rights": (
+        ["env", "--ignore-signal=CHLD", "setpriv", "--bounding-set=-setuid,-setgid", "--inh-caps=-all"],
+        "cannot give up root's privileges: Operation not permitted",
+    ),
     "process": (
         ["strace", "-qq", "-f", "-o", "/dev/null", "-e", "inject=clone,fork,vfork:error=EAGAIN"],
         "cannot make a process: Resource temporarily unavailable",
@@ -200,6 +215,8 @@ def test_what_is_lacking_here_is_no_fault_of_the_mirror(own, temporary, case):
     prefix, reason = LACKING[case]
     if prefix[0] == "unshare" and not may_mount():
         pytest.skip("mounts file systems")
+    if case == "rights" and not AS_ROOT:
+        pytest.skip("others have no rights to give up")
     if case == "memory" and SANITIZED:
         pytest.skip("the sanitizers' memory has no limit")
     own.make_by_hand()

@@ -83,6 +83,16 @@ def test_json_is_one_document_with_all_of_it(listed):
     }
 
 
+def test_held_release_that_is_gone_is_named_and_a_current_one_not(own):
+    """The current one is in the record when an activate was killed."""
+    own.publish_small("1", "2")
+    (own.folder / HELD).mkdir()
+    for id in "27":
+        (own.folder / HELD / info_name(id)).touch()
+    lines = own.list()[1].splitlines()
+    assert lines[1].endswith("  current") and lines[-1] == "held, but not on this mirror: 7"
+
+
 def test_releases_of_another_flavor_have_a_list_of_their_own(own):
     own.publish_small("1")
     own.publish_small("7", flavor="v3")

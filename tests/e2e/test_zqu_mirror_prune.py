@@ -233,6 +233,13 @@ def test_archive_of_somebody_else_is_kept_and_listed(own, name):
     assert own.files() == sorted([*own.files_of("1", "2"), name])
 
 
+@pytest.mark.parametrize("name", ["mine.zip", cab("q")])
+def test_directory_with_the_name_of_an_archive_is_kept(own, name):
+    own.history(40, 30)
+    own.path(name).mkdir()
+    assert own.prune("--grace", "0") == (0, f"not ours, kept: {name}\n" + total(0, 0, 0), "")
+
+
 def test_what_is_neither_archive_nor_ini_of_a_release_stays(own):
     own.history(40, 30)
     others = ["README", "index.html", "other.ini", "antivir-v2.ini", "x.cab.part"]

@@ -3,12 +3,15 @@
 import os
 import pathlib
 import re
+import signal
+import subprocess
 import tempfile
 
 import pytest
+from gateway import wait_for
 from mirror_tool import HELD, REPLACED, SUBDIR, WORK, cab, change_byte, change_info, cut, forge, remove, run, write
 from release import HIT, good_files, info_name, sha256
-from scripted_server import reply
+from scripted_server import reply, stall
 from tools import AS_ROOT, under_strace
 
 NEW, OLD = "1002", "1001"
@@ -265,27 +268,44 @@ def test_held_release_is_never_chosen(copy):
     assert run(*from_upstream(copy))[::2] == refused
 
 
-@pytest.mark.parametrize("former", [False, True])
-def test_ini_is_restored_to_the_byte_where_its_archive_is_sound(copy, former):
-    """Also of a former release, and when nothing names the current one any more."""
-    copy.follow(OLD, NEW)
-    whole = files(copy)
-    name = info_name(OLD if former else NEW)
-    copy.path(name).write_bytes(copy.path(name).read_bytes()[:-2])
-    if not former:
-        remove(HIT)(copy)
-    assert run(*from_upstream(copy))[0] == 0
-    assert files(copy) == whole
-
-
-def test_forged_release_is_replaced_when_the_hit_ini_is_lost(copy):
-    copy.follow(OLD, NEW)
-    whole = files(copy)
+def forged(copy):
     copy.write(ARCHIVE, b"forged")
     copy.announce(NEW, ARCHIVE)
-    remove(HIT)(copy)
+
+
+# Damages that the mirror's own files do not show.
+HIDDEN = {
+    "current INI": (lambda copy: cut(INFO, copy.size(INFO) - 2)(copy), remove(HIT)),
+    "former INI": (lambda copy: cut(info_name(OLD), copy.size(info_name(OLD)) - 2)(copy),),
+    "forged release": (forged, remove(HIT)),
+}
+
+
+@pytest.mark.parametrize("case", HIDDEN)
+def test_release_is_compared_with_the_upstreams_to_the_byte(copy, case):
+    copy.follow(OLD, NEW)
+    whole = files(copy)
+    for damage in HIDDEN[case]:
+        damage(copy)
     assert run(*from_upstream(copy))[0] == 0
     assert files(copy) == whole
+
+
+def test_signal_ends_a_repair_also_when_the_release_is_current(copy, scripted):
+    """While it restores a former release."""
+    copy.follow(OLD, NEW)
+    sizes = {path.name: [reply(path.read_bytes())] for path in copy.folder.iterdir()}
+    scripted.server.script = {**sizes, f"antivir-v2-{OLD}.cab": [stall]}
+    cut(f"antivir-v2-{OLD}.cab", 9)(copy)
+    remove(HIT)(copy)
+    words = ["repair", "--ca", scripted.ca_path, "--upstream-subdir", "defs", "--from", scripted.url, copy.root]
+    with subprocess.Popen([run.path, *words], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True) as process:
+        wait_for(lambda: f"antivir-v2-{OLD}.cab" in str(scripted.server.requests))
+        process.send_signal(signal.SIGTERM)
+        out, err = process.communicate(timeout=60)
+    assert (process.returncode, err) == (128 + signal.SIGTERM, "zqu-mirror: ended by signal: Terminated\n")
+    assert f"made current {copy.summary(NEW, ARCHIVE)}\n" in out
+    assert not copy.path(WORK).exists()
 
 
 def test_repair_that_is_killed_costs_no_sound_archive(copy):

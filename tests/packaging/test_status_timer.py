@@ -200,6 +200,17 @@ def test_unreachable_bus_is_unknown_only_when_asked_for(serving):
         serving.run("systemctl", "start", "dbus.socket")
 
 
+def test_silent_bus_is_given_up(serving):
+    """Its connections are accepted, and nobody reads what they say."""
+    serving.run("systemd-run", "--unit", "silent", "--socket-property=ListenStream=/run/silent", "sleep", "300")
+    try:
+        command = ["env", "DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/silent", "timeout", "40", "/usr/local/bin/zqu-status"]
+        shown = serving.run(*command, check=False)
+        assert (shown.returncode, "\nservice      not known: no answer within 5 s\n" in shown.stdout) == (0, True)
+    finally:
+        serving.run("systemctl", "stop", "silent.socket", "silent.service")
+
+
 @pytest.mark.parametrize("change", (f"setfacl -b {ROOT}", f"chmod 600 {ROOT}/active/*.def"))
 def test_definitions_that_readers_cannot_read_are_critical(serving, change):
     serving.run("sh", "-ec", change)

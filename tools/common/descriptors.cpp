@@ -69,6 +69,15 @@ void write_all(int fd, const std::string& text, const std::string& what) {
     }
 }
 
+std::filesystem::path temporary_directory() {
+    std::error_code error;
+    auto directory = std::filesystem::temp_directory_path(error);
+    if (error) {
+        throw std::runtime_error("no directory for temporary files: " + error.message() + "; name one by TMPDIR");
+    }
+    return directory;
+}
+
 Fd memory_file(const std::string& text) {
     Fd file(memfd_create("zqu", MFD_CLOEXEC));
     if (file.get() < 0) {

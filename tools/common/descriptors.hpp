@@ -60,6 +60,9 @@ private:
 // Writes all of text. what names the file in a failure: "cannot write <what>".
 void write_all(int fd, const std::string& text, const std::string& what);
 
+// The directory for temporary files. Throws std::runtime_error, with what to do, when there is none.
+[[nodiscard]] std::filesystem::path temporary_directory();
+
 // A file in memory with this content, which is readable at memory_path(). It stands at its beginning.
 [[nodiscard]] Fd memory_file(const std::string& text);
 [[nodiscard]] std::string memory_path(const Fd& file);

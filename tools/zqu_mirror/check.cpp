@@ -253,11 +253,10 @@ private:
 
     fs::path make_temporary() {
         return run_.make_scratch([] {
-            std::error_code error;
-            std::string path = fs::absolute(fs::temp_directory_path(error)) / "zqu-mirror-XXXXXX";
-            if (error || mkdtemp(path.data()) == nullptr) {
-                const std::string reason = error ? error.message() : std::generic_category().message(errno);
-                fail("cannot create a directory like " + path + ": " + reason + "; name another one by TMPDIR");
+            std::string path = fs::absolute(tools::temporary_directory()) / "zqu-mirror-XXXXXX";
+            if (mkdtemp(path.data()) == nullptr) {
+                fail("cannot create a directory like " + path + ": " + std::generic_category().message(errno) +
+                     "; name another one by TMPDIR");
             }
             return fs::path(path);
         });

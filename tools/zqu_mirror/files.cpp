@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <pwd.h>
 #include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -78,8 +79,9 @@ void become_owner(fs::path path) {
         return;
     }
     // Dumpable: else /proc/self/fd belongs to root.
-    if (setgroups(0, nullptr) != 0 || setgid(status.st_gid) != 0 || setuid(status.st_uid) != 0 ||
-        prctl(PR_SET_DUMPABLE, 1) != 0) {
+    const passwd* owner = getpwuid(status.st_uid);
+    const int grouped = owner != nullptr ? initgroups(owner->pw_name, status.st_gid) : setgroups(0, nullptr);
+    if (grouped != 0 || setgid(status.st_gid) != 0 || setuid(status.st_uid) != 0 || prctl(PR_SET_DUMPABLE, 1) != 0) {
         fail_errno("cannot work as the owner of " + path.string());
     }
 }

@@ -53,6 +53,9 @@ json document_of(const Options& options) {
     }
     const auto& ids = catalogue.current.ids;
     const auto current = ids.find(options.flavor);
+    if (current != ids.end()) {
+        held.erase(current->second);  // what is left of an activate that was killed
+    }
     json document{{"directory", directory_of(options).string()},
                   {"flavor", options.flavor},
                   {"current", current == ids.end() ? json() : json(current->second)},

@@ -265,11 +265,7 @@ std::string digest_of(const std::string& path, Progress& progress, std::uintmax_
 
 // The mirror's archive of a release, in a file without a name.
 Fd fetch(Client& client, const CompleteInfo& info, Progress& progress) {
-    std::error_code error;
-    const fs::path directory = fs::temp_directory_path(error);
-    if (error) {
-        throw std::runtime_error("no directory for temporary files, " + error.message() + "; name one by TMPDIR");
-    }
+    const fs::path directory = temporary_directory();
     std::string path = directory / "zqu-status.XXXXXX";
     Fd file(mkostemp(path.data(), O_CLOEXEC));
     if (file.get() < 0) {
