@@ -83,8 +83,8 @@ def test_json_is_one_document_with_all_of_it(listed):
     }
 
 
-def test_held_release_that_is_gone_is_named_and_a_current_one_not(own):
-    """The current one is in the record when an activate was killed."""
+def test_held_release_that_is_gone_is_named(own):
+    """Not the current one, which is in the record when an activate was killed."""
     own.publish_small("1", "2")
     (own.folder / HELD).mkdir()
     for id in "27":
