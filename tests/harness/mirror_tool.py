@@ -23,7 +23,7 @@ DAY = 86400
 NAME_RULE = "may hold only letters, digits and -._~!$&'()*+,;:@ (clients could not fetch it otherwise)"
 FIRST, SECOND, INDEX = "antivir-v2.def", "aivsecon-v2.def", "antivir-v2.ini"
 DOTS_RULE = 'must not be empty, "." or ".."'
-HIT_RULE = 'must not be "hit" or end in -hit'
+HIT_RULE = 'must not be "hit", end in -hit or hold -hit.ini'
 
 
 def cab(id, flavor="v2"):

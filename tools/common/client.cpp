@@ -316,6 +316,11 @@ void Client::set_options(const std::string& url, Target& target) {
     if (refuses_insecure_ && part_of(url, CURLUPART_SCHEME) == "https") {
         curl_easy_setopt(curl_, CURLOPT_REDIR_PROTOCOLS_STR, "https");
     }
+    if (asks_for_current_) {
+        static const Handle<curl_slist, curl_slist_free_all> headers(
+            curl_slist_append(nullptr, "Zqu-Release: current"));
+        curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, headers.get());
+    }
     if (show_) {
         curl_xferinfo_callback progress = [](void* client, curl_off_t, curl_off_t now, curl_off_t, curl_off_t) {
             static_cast<Client*>(client)->show_(static_cast<std::uintmax_t>(now));

@@ -55,6 +55,9 @@ public:
     // From now on, a redirect from https to another scheme is a MirrorError, and nothing connects there.
     void refuse_insecure_redirects() { refuses_insecure_ = true; }
 
+    // From now on, requests have a header by which a mirror gives what is current, and not the candidate of a rollout.
+    void ask_for_current() { asks_for_current_ = true; }
+
     // Called with the bytes that have arrived, from time to time during a transfer.
     void on_progress(std::function<void(std::uintmax_t)> show) { show_ = std::move(show); }
 
@@ -106,6 +109,7 @@ private:
     zqu::MirrorClient urls_;  // also initialises libcurl
     void* curl_;              // the easy handle (CURL is void), or null when libcurl could not create one
     bool refuses_insecure_ = false;
+    bool asks_for_current_ = false;
     bool was_https_ = false;               // an address before, in this transfer
     std::vector<std::string> insecure_{};  // addresses that a redirect from https led to
     std::optional<std::int64_t> last_modified_;

@@ -25,6 +25,10 @@ void mirror(const Options& options, Run& run);
 // current. Refuses one that a client would not take.
 void activate(const Options& options, Run& run);
 
+// Shows the rollout of options.flavor; or does options.action: gives its candidate, after checking it, to more gateways
+// or to all, or withdraws and holds it. Refuses to go back to a lower stage.
+void rollout(const Options& options, Run& run);
+
 // Finds what is damaged, and restores it from options.upstream. Where that is empty or has nothing to choose, makes
 // the release current that was so before, with options.yes only. Prints a line for each thing found and done. Moves
 // what it replaces to a directory of its own below replaced_directory_name. What it has restored stays when it fails

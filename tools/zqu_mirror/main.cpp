@@ -14,6 +14,7 @@
 #include "monitoring.hpp"
 #include "options.hpp"
 #include "program.hpp"
+#include "rollout.hpp"
 #include "run.hpp"
 #include "text.hpp"
 
@@ -84,10 +85,17 @@ std::function<std::string(const std::string&)> name_is_not(const std::string& ot
     };
 }
 
+void add_percent(CLI::App& command, Options& options) {
+    command.add_option("--percent", options.percent, "Begin a rollout: give it to so many per cent of the gateways")
+        ->check(CLI::IsMember(stages));
+    command.add_flag("--replace", options.replace, "End the rollout of another release first");
+}
+
 void add_publish(CLI::App& command, Options& options) {
     add_quiet(command, options);
     command.add_option("--id", options.id, "Id of the release")->required()->check(unusable_id);
     command.add_flag("--zip", options.zip, "Pack a ZIP instead of a CAB");
+    add_percent(command, options);
     command.add_flag("--allow-empty", options.allow_empty, "Publish empty definition files, too");
     add_mirror_directory(command, options, "; created when missing");
     command.add_option("ANTIVIR", options.antivir, "The antivir definition file")
@@ -127,6 +135,7 @@ void add_mirror(CLI::App& command, Options& options) {
     command.get_option("UPSTREAM")->required();
     command.add_flag("--verify", options.verify, "Check the digest of what is current here, not its size alone");
     command.add_flag("--force", options.force, "Take a release that is held");
+    add_percent(command, options);
     add_mirror_directory(command, options, "; created when missing");
 }
 
@@ -134,6 +143,13 @@ void add_activate(CLI::App& command, Options& options) {
     add_quiet(command, options);
     add_mirror_directory(command, options);
     command.add_option("ID", options.id, "Id of the release")->required()->check(unusable_id);
+}
+
+void add_rollout(CLI::App& command, Options& options) {
+    add_quiet(command, options);
+    add_mirror_directory(command, options);
+    command.add_option("ACTION", options.action, "10, 50, 100 or withdraw; without it, show the rollout")
+        ->check(CLI::IsMember({"10", "50", "100", "withdraw"}));
 }
 
 void add_repair(CLI::App& command, Options& options) {
@@ -180,12 +196,18 @@ void add_check(CLI::App& command, Options& options) {
     tools::add_duration(
         command, "--max-age", [&options](auto seconds) { options.max_age_s = seconds; },
         "An older release is a warning, one of twice this age critical", 1);
+    tools::add_duration(
+        command, "--max-rollout", [&options](auto seconds) { options.max_rollout_s = seconds; },
+        "A rollout that began longer ago is a warning; for a directory", 1);
     command.add_option("MIRROR", options.mirror, "Root directory of the mirror, or its URL: scheme and host")
         ->required()
         ->check(no_mirror);
     command.callback([&options] {
         if (options.max_age_s > 0 && options.form != Form::nagios && options.form != Form::prometheus) {
             throw CLI::RequiresError("--max-age", "--nagios or --prometheus");
+        }
+        if (options.max_rollout_s > 0 && is_url(options.mirror)) {
+            throw CLI::RequiresError("--max-rollout", "the mirror's directory");
         }
     });
 }
@@ -219,6 +241,17 @@ are a failure: repair restores them.
 Examples:
   zqu-mirror mirror https://definitions.zelgw.example /srv/mirror
   zqu-mirror mirror --flavor v3 --ca /etc/ssl/upstream-ca.pem https://mirror.example /srv/mirror
+)"},
+    {"rollout", "Show or advance a rollout, or withdraw its release", add_rollout, done<rollout>, R"(
+A rollout begins with publish --percent or mirror --percent: the web server then gives the new release, the candidate,
+to the first 1, 10 or 50 per cent of the gateways. A greater number advances it, 100 makes the candidate current. With
+withdraw, the gateways that took it go back with their next check, and it is held: mirror does not take it again.
+
+Examples:
+  zqu-mirror publish --percent 1 --id 20240131.008 /srv/mirror antivir.def aivsecon.def
+  zqu-mirror rollout /srv/mirror
+  zqu-mirror rollout /srv/mirror 10
+  zqu-mirror rollout /srv/mirror withdraw
 )"},
     {"activate", "Make a release of the mirror current again", add_activate, done<activate>, R"(
 Checks a release that is on the mirror and makes it current again. The one that was current is held then: mirror

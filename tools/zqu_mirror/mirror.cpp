@@ -1,6 +1,7 @@
 #include "commands.hpp"
 
 #include "catalogue.hpp"
+#include "rollout.hpp"
 #include "upstream.hpp"
 #include "workplace.hpp"
 
@@ -85,6 +86,11 @@ void follow(const Options& options, Upstream& upstream, Run& run) {
         report_nothing_new(options, id + " is held (zqu-mirror activate, or --force, takes it again): ", run);
         return;
     }
+    const Rollout rollout = sound_rollout(options);
+    if (rollout.percent > 0 && current_id(options) != id && (!options.replace || rollout.id == id)) {
+        report_nothing_new(options, "waits: " + rollout.text() + "; ", run);
+        return;
+    }
     const Offer offer = upstream.release(id);
     const fs::path info = directory_of(options) / info_name(options.flavor, id);
     if (current_id(options) == id && text_of(info) == offer.text) {
@@ -93,14 +99,25 @@ void follow(const Options& options, Upstream& upstream, Run& run) {
     }
     Workplace place(directory_of(options), run);
     write_text(place.work(info.filename()), offer.text);
+    const bool is_current = current_id(options) == id;  // its INI has changed here, or has gone
+    if (!is_current) {
+        require_turn(options, id);
+    }
     const bool known = require_same_content(options, offer, run);
-    if (known && current_id(options) == id) {  // the INI has changed, but nothing in it
+    if (known && is_current) {  // nothing in it has changed
         report_nothing_new(options, "nothing new: ", run);
         return;
     }
     add_release(options, offer, known, upstream, place, run);
-    place.make_current(options, id);
-    report(options, (known ? "made current again " : "mirrored ") + summary(place.directory(), id, offer.info), run);
+    const int percent = is_current ? 0 : options.percent;
+    if (is_current) {
+        place.make_current(options, id);
+    } else {
+        give_out(options, id, place, run);
+    }
+    const std::string done = known ? "made " + role_of(percent) + " again " + id
+                                   : "mirrored " + id + (percent == 0 ? "" : " as " + role_of(percent));
+    report(options, summary(place.directory(), done, offer.info), run);
 }
 
 }  // namespace

@@ -10,6 +10,8 @@ namespace zqu::mirror_tool {
 
 namespace {
 
+const std::string hit_end = "-hit.ini";
+
 std::string directory_url(const std::string& mirror) {
     std::string url = "file://";
     for (const char c : mirror) {
@@ -74,7 +76,8 @@ std::string unusable_name(const std::string& name) {
 
 std::string unusable_id(const std::string& id) {
     const std::string reason = unusable_name(id);
-    return reason.empty() && ends_with("-" + id, "-hit") ? "must not be \"hit\" or end in -hit" : reason;
+    const bool of_hit = ends_with("-" + id, "-hit") || ("-" + id).find(hit_end) != std::string::npos;
+    return reason.empty() && of_hit ? "must not be \"hit\", end in -hit or hold -hit.ini" : reason;
 }
 
 std::string unusable_archive(const std::string& name) {
@@ -84,6 +87,9 @@ std::string unusable_archive(const std::string& name) {
     }
     if (reason.empty() && ends_with(name, ".ini")) {
         reason = "must not end in .ini";
+    }
+    if (reason.empty() && name.find(hit_end) != std::string::npos) {  // a web server may serve it for a hit INI
+        reason = "must not hold -hit.ini";
     }
     if (reason.empty() && name.size() + std::string(".part").size() > NAME_MAX) {
         reason = "is too long for a file name";
@@ -118,7 +124,7 @@ std::optional<std::string> id_in(const std::string& info, const std::string& fla
 }
 
 std::string hit_name(const std::string& flavor) {
-    return "antivir-" + flavor + "-hit.ini";
+    return "antivir-" + flavor + hit_end;
 }
 
 }  // namespace zqu::mirror_tool

@@ -37,6 +37,10 @@ struct Options {
     bool verify = false;      // check digests before saying that there is nothing new
     bool yes = false;         // choose without an upstream mirror
 
+    int percent = 0;       // of the gateways, that get a new release as a candidate; 0 for all, at once
+    bool replace = false;  // end a rollout for a new release
+    std::string action;    // of a rollout: a stage, "100" or "withdraw"; empty to show it
+
     std::size_t keep = 0;            // how many releases to keep, the current one included; 0 for no such rule
     std::int64_t older_than_s = -1;  // the age from which releases go; -1 for no such rule
     std::int64_t grace_s = 3600;     // how long a client may be on its way
@@ -44,7 +48,8 @@ struct Options {
 
     Form form = Form::text;
     bool quiet = false;
-    std::int64_t max_age_s = 0;  // of a release, for monitoring; 0 for no limit
+    std::int64_t max_age_s = 0;      // of a release, for monitoring; 0 for no limit
+    std::int64_t max_rollout_s = 0;  // how long a rollout may take, for monitoring; 0 for no limit
 };
 
 // Whether mirror is a URL, not a directory.
@@ -63,11 +68,12 @@ struct Options {
 // Why name cannot be a flavor, for a usage error; empty when it can be.
 [[nodiscard]] std::string unusable_name(const std::string& name);
 
-// The same for an id. The INI of one that ends in "-hit" would have the name of another flavor's hit INI.
+// The same for an id. The INI of one that ends in "-hit" would have the name of another flavor's hit INI. Names
+// that hold "-hit.ini" are for hit INIs and stage files.
 [[nodiscard]] std::string unusable_id(const std::string& id);
 
 // Why name, given by an INI file, cannot be an archive's; empty when it can be. Besides what no name may hold,
-// it must not pass for an INI file or a hidden one, and leave room for the ".part" of a client.
+// it must not pass for an INI file, a stage file or a hidden one, and leave room for the ".part" of a client.
 [[nodiscard]] std::string unusable_archive(const std::string& name);
 
 // Why subdir cannot be the directory below a mirror's root; empty when it can be. Slashes at either end or in a row are

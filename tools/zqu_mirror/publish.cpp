@@ -8,6 +8,7 @@
 #include "client.hpp"
 #include "commands.hpp"
 #include "pack.hpp"
+#include "rollout.hpp"
 #include "workplace.hpp"
 
 namespace zqu::mirror_tool {
@@ -128,6 +129,10 @@ void publish(const Options& options, Run& run) {
         source.digest = sha256_in(run, source.path);
     }
     Workplace place(directory_of(options), run);
+    require_turn(options, options.id);
+    if (options.percent > 0 && current_id(options) == options.id) {
+        fail(options.id + " is current already: --percent needs another release");
+    }
     const bool known = fs::exists(place.directory() / info_name(options.flavor, options.id));
     try {
         if (!known) {
@@ -141,9 +146,10 @@ void publish(const Options& options, Run& run) {
     }
     std::for_each(sources.begin(), sources.end(), require_unchanged);
     const zqu::CompleteInfo info = require_release(options, sources, known, run);
-    place.make_current(options, options.id);
+    give_out(options, options.id, place, run);
     const std::string done =
-        known ? options.id + " was published before with this content and is current now" : "published " + options.id;
+        known ? options.id + " was published before with this content and is " + role_of(options.percent) + " now"
+              : "published " + options.id + (options.percent == 0 ? "" : " as " + role_of(options.percent));
     report(options, summary(place.directory(), done, info), run);
 }
 
@@ -151,7 +157,12 @@ void activate(const Options& options, Run& run) {
     Workplace place(existing_directory(options), run);
     const Examined found = examine(options, options.id, Depth::entries, run);
     refuse(options.id + " cannot be made current:", found.fault);
+    remove_leftover_stages(options);
+    const Rollout found_rollout = sound_rollout(options);
     const auto former = current_id(options);
+    if (former && found_rollout.percent > 0) {
+        fail(found_rollout.text() + ": run zqu-mirror rollout MIRROR with 100 or withdraw first");
+    }
     const bool changes = former != options.id;
     if (former && changes) {
         hold(options, *former, run);

@@ -8,6 +8,7 @@ namespace zqu::mirror_tool {
 
 Upstream::Upstream(const Options& options, Run& run)
     : options_(options), run_(run), cfg_(upstream_config(options)), client_(cfg_) {
+    client_.ask_for_current();
     if (!options.allow_http) {
         client_.refuse_insecure_redirects();
     }

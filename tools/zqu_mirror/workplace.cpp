@@ -11,6 +11,7 @@
 #include "catalogue.hpp"
 #include "client.hpp"
 #include "digest.hpp"
+#include "rollout.hpp"
 
 namespace zqu::mirror_tool {
 
@@ -79,15 +80,23 @@ bool has_digest(const fs::path& archive, std::string digest, Run& run) {
     return sha256_in(run, archive) == digest;
 }
 
-std::optional<std::string> current_id(const Options& options) {
+std::optional<std::string> named_id(const Options& options, const std::string& file) {
     const zqu::Config cfg = client_config(options);
     try {
-        const std::string id = tools::Client(cfg).read_id(text_of(directory_of(options) / hit_name(options.flavor)));
+        const std::string id = tools::Client(cfg).read_id(text_of(directory_of(options) / file));
         const bool usable = unusable_name(id).empty() && unusable_archive(stem(options.flavor, id)).empty();
         return usable ? std::optional<std::string>(id) : std::nullopt;
     } catch (const tools::MirrorError&) {
         return std::nullopt;
     }
+}
+
+std::optional<std::string> current_id(const Options& options) {
+    return named_id(options, hit_name(options.flavor));
+}
+
+std::string hit_text(const std::string& id) {
+    return "[Current]\ndefId = " + id + "\n";
 }
 
 fs::path existing_directory(const Options& options) {
@@ -222,7 +231,7 @@ void Workplace::add(const std::string& work_name, const std::string& name) {
 
 void Workplace::make_current(const Options& options, const std::string& id, bool holds_former) {
     const fs::path hit = work("hit");
-    write_text(hit, "[Current]\ndefId = " + id + "\n");
+    write_text(hit, hit_text(id));
     const auto former = current_id(options);
     if (former && !holds_former) {
         end_hold(options, *former);
@@ -240,8 +249,9 @@ void Workplace::make_current(const Options& options, const std::string& id, bool
     }
     try {
         end_hold(options, id);
+        remove_leftover_stages(options);
     } catch (const std::system_error& e) {
-        fail(id + " is current, but stays held: " + e.what());
+        fail(id + " is current, but stays held or its stage files stay: " + e.what());
     }
 }
 

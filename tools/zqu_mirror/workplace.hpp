@@ -27,9 +27,13 @@ inline constexpr const char* work_directory_name = ".zqu-mirror.work";
 // std::runtime_error, with what to do, when something else has its name.
 [[nodiscard]] bool has_work_directory(const std::filesystem::path& directory);
 
-// The release that the hit INI of options' mirror, a directory, names; none when there is no hit INI, it cannot be
-// understood, or the id cannot be one.
+// The release that a file of options' mirror, a directory, names as a hit INI does; none when there is no such file, it
+// cannot be understood, or the id cannot be one. And the one that the hit INI names.
+[[nodiscard]] std::optional<std::string> named_id(const Options& options, const std::string& file);
 [[nodiscard]] std::optional<std::string> current_id(const Options& options);
+
+// The content of a hit INI, or of a stage file (rollout.hpp), that names this release.
+[[nodiscard]] std::string hit_text(const std::string& id);
 
 // The directory of options' mirror. Throws std::runtime_error when there is none.
 [[nodiscard]] std::filesystem::path existing_directory(const Options& options);
@@ -114,10 +118,11 @@ public:
     void add(const std::string& work_name, const std::string& name);
 
     // Makes the release current whose files are all in place and on disk: writes the hit INI and commits the
-    // run by moving it into place. Ends the hold of the release, and, unless holds_former, of the former one. The
-    // complete-info INI of the release that was current gets the time of the new hit INI, by which prune knows when it
-    // ceased to be so; whether that succeeds is ignored, and it is not undone. When this throws std::system_error, the
-    // mirror is as it was; std::runtime_error: the release is current, but the directory cannot be flushed.
+    // run by moving it into place. Ends the hold of the release and its rollout, and, unless holds_former, the hold of
+    // the former one. The complete-info INI of the release that was current gets the time of the new hit INI, by which
+    // prune knows when it ceased to be so; whether that succeeds is ignored, and it is not undone. When this throws
+    // std::system_error, the mirror is as it was; std::runtime_error: the release is current, but the directory cannot
+    // be flushed.
     void make_current(const Options& options, const std::string& id, bool holds_former = false);
 
 private:

@@ -1,0 +1,238 @@
+#include "rollout.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "catalogue.hpp"
+#include "commands.hpp"
+#include "text.hpp"
+
+namespace zqu::mirror_tool {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string current_text(const Options& options) {
+    const auto current = current_id(options);
+    return current ? *current + " is current" : hit_name(options.flavor) + " names no release";
+}
+
+// The stage below, whose file must name the same candidate; 0 for the lowest.
+int below(int percent) {
+    const auto* const stage = std::find(stages.begin(), stages.end(), percent);
+    return stage == stages.begin() ? 0 : *(stage - 1);
+}
+
+// Judges the file of the next higher stage.
+void read_stage(const Options& options, int percent, const std::optional<std::string>& current, Rollout& found) {
+    const std::string name = stage_name(options.flavor, percent);
+    const auto id = named_id(options, name);
+    struct stat status {};
+    if (lstat((directory_of(options) / name).c_str(), &status) != 0) {  // also one that has just gone
+        return;
+    }
+    const auto add_fault = [&](const std::string& what) { found.faults.emplace(found.faults.begin(), name, what); };
+    if (!id) {
+        add_fault(name + " names no release");
+    } else if (id == current) {
+        found.leftovers.insert(found.leftovers.begin(), name);
+    } else if (found.percent != below(percent) || (found.percent != 0 && found.id != *id)) {
+        add_fault(name + " names " + *id + ", but " + stage_name(options.flavor, below(percent)) + " does not");
+    } else {
+        found.start_s = found.percent == 0 ? status.st_mtim.tv_sec : found.start_s;
+        found.since_s = status.st_mtim.tv_sec;
+        found.percent = percent;
+        found.id = *id;
+    }
+}
+
+Rollout read_once(const Options& options) {
+    Rollout found;
+    const auto current = current_id(options);
+    for (const int percent : stages) {
+        read_stage(options, percent, current, found);
+    }
+    return found;
+}
+
+void remove_stages(const Options& options, const std::vector<std::string>& names) {
+    for (const auto& name : names) {
+        const fs::path path = directory_of(options) / name;
+        if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+            fail_errno("cannot remove " + path.string());
+        }
+        flush(directory_of(options));
+    }
+}
+
+// From here on, no signal ends the run: a rollout ends at once.
+void end_rollout(const Options& options, const Rollout& rollout, Run& run) {
+    std::vector<std::string> names;
+    for (const int percent : stages) {
+        names.insert(names.begin(), stage_name(options.flavor, percent));
+    }
+    run.commit([&] {
+        start_grace(options, rollout.id);
+        remove_stages(options, names);
+    });
+}
+
+// The files of all missing stages are written before the first of them is seen.
+void advance(const Options& options, const std::string& id, int percent, Workplace& place, Run& run) {
+    int reached = rollout_of(options).percent;
+    std::vector<int> missing;
+    std::copy_if(stages.begin(), stages.end(), std::back_inserter(missing),
+                 [&](int stage) { return stage > reached && stage <= percent; });
+    for (const int stage : missing) {
+        write_text(place.work(stage_name(options.flavor, stage)), hit_text(id));
+    }
+    try {
+        for (const int stage : missing) {
+            const std::string name = stage_name(options.flavor, stage);
+            run.commit([&] { move(place.work(name), place.directory() / name); });
+            reached = stage;
+            flush(place.directory());
+        }
+        end_hold(options, id);
+    } catch (const std::system_error& e) {
+        if (reached == 0) {
+            throw;
+        }
+        fail(id + " is " + role_of(reached) + ", but not all is done: " + e.what());
+    }
+}
+
+void show(const Options& options, Run& run) {
+    const Rollout found = sound_rollout(options);
+    const std::string what = found.percent == 0
+                                 ? "no rollout: "
+                                 : found.text() + ", the rollout began at " + tools::utc_text(found.start_s) + "; ";
+    report(options, what + current_text(options), run);
+}
+
+void withdraw(const Options& options, const Rollout& found, Run& run) {
+    const auto current = current_id(options);
+    if (!current) {
+        fail(hit_name(options.flavor) + " names no release to go back to: run zqu-mirror repair");
+    }
+    hold(options, found.id, run);
+    end_rollout(options, found, run);
+    report(options,
+           "withdrew " + found.id + ": " + *current + " is current for all; gateways that took " + found.id +
+               " go back with their next check",
+           run);
+    report(options, "held " + found.id + ": mirror does not take it again", run);
+}
+
+}  // namespace
+
+std::string stage_name(const std::string& flavor, int percent) {
+    return hit_name(flavor) + "." + std::to_string(percent);
+}
+
+std::string role_of(int percent) {
+    return percent == 0 ? "current" : "the candidate for " + std::to_string(percent) + " per cent";
+}
+
+std::string flavor_of_stage(const std::string& name) {
+    const std::string start = "antivir-";
+    const auto end = name.rfind("-hit.ini.");
+    const std::string flavor =
+        end != std::string::npos && end > start.size() ? name.substr(start.size(), end - start.size()) : "";
+    const bool is_stage =
+        std::any_of(stages.begin(), stages.end(), [&](int percent) { return name == stage_name(flavor, percent); });
+    return is_stage ? flavor : "";
+}
+
+std::string Rollout::text() const {
+    return id + " is " + role_of(percent) + " since " + tools::utc_text(since_s);
+}
+
+// What looks wrong may have changed meanwhile: another run can be at work.
+Rollout rollout_of(const Options& options) {
+    Rollout found = read_once(options);
+    return found.faults.empty() ? found : read_once(options);
+}
+
+Rollout sound_rollout(const Options& options) {
+    Rollout found = rollout_of(options);
+    if (!found.faults.empty()) {
+        fail(found.faults.back().second + "; run zqu-mirror repair MIRROR");
+    }
+    return found;
+}
+
+void start_grace(const Options& options, const std::string& id) {
+    const fs::path info = directory_of(options) / info_name(options.flavor, id);
+    static_cast<void>(utimensat(AT_FDCWD, info.c_str(), nullptr, AT_SYMLINK_NOFOLLOW));
+}
+
+void remove_leftover_stages(const Options& options) {
+    remove_stages(options, rollout_of(options).leftovers);
+}
+
+void require_turn(const Options& options, const std::string& id) {
+    const Rollout found = sound_rollout(options);
+    if (options.percent > 0 && !current_id(options)) {
+        fail("there is no current release to go back to: run this without --percent first");
+    }
+    const bool goes_on = found.id == id && found.percent <= options.percent;
+    if (found.percent > 0 && !options.replace && !goes_on) {
+        fail(found.text() + ": run zqu-mirror rollout MIRROR with 100 or withdraw first, or give --replace");
+    }
+}
+
+void give_out(const Options& options, const std::string& id, Workplace& place, Run& run) {
+    remove_leftover_stages(options);
+    const Rollout found = rollout_of(options);
+    if (found.percent > 0 && (found.id != id || (options.percent > 0 && found.percent > options.percent))) {
+        end_rollout(options, found, run);
+    }
+    if (options.percent > 0) {
+        advance(options, id, options.percent, place, run);
+    } else {
+        place.make_current(options, id);
+    }
+}
+
+void rollout(const Options& options, Run& run) {
+    if (options.action.empty()) {
+        show(options, run);
+        return;
+    }
+    Workplace place(existing_directory(options), run);
+    remove_leftover_stages(options);
+    const Rollout found = sound_rollout(options);
+    const bool withdraws = options.action == "withdraw";
+    const int percent = withdraws ? 0 : std::stoi(options.action);
+    if (found.percent == 0) {
+        fail("there is no rollout, and " + current_text(options) +
+             ": publish --percent starts one, activate goes back to a former release");
+    }
+    if (found.percent == percent) {
+        show(options, run);
+    } else if (withdraws) {
+        withdraw(options, found, run);
+    } else if (percent < found.percent) {
+        fail(found.text() + ": only withdraw goes back");
+    } else {
+        const Examined release = examine(options, found.id, Depth::entries, run);
+        refuse(found.id + " cannot be rolled out further:", release.fault);
+        if (percent == 100) {
+            place.make_current(options, found.id);
+        } else {
+            advance(options, found.id, percent, place, run);
+        }
+        report(options,
+               summary(place.directory(), percent == 100 ? "made current " + found.id : rollout_of(options).text(),
+                       release.info),
+               run);
+    }
+}
+
+}  // namespace zqu::mirror_tool
