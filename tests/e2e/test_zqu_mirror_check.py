@@ -349,8 +349,9 @@ def test_metrics_of_an_empty_mirror_leave_out_what_is_unknown(own):
 def test_json_is_one_document_of_the_same_lines(own):
     own.make_by_hand(size=None)
     os.utime(own.path(INFO), (1_900_000_000, 1_900_000_000))
-    size, none = own.size("x.zip"), {"archive": None, "size": None, "info_modified_epoch": None}
-    known = {"id": "7", "archive": "x.zip", "size": size, "info_modified_epoch": 1_900_000_000}
+    size, none = own.size("x.zip"), dict.fromkeys(["archive", "size", "published_epoch", "info_modified_epoch"])
+    known = {"id": "7", "archive": "x.zip", "size": size}
+    known |= dict.fromkeys(["published_epoch", "info_modified_epoch"], 1_900_000_000)
     for expected in ({"verdict": "warning", **known}, {"verdict": "FAULT", "id": "\ufffd\u202e", **none}):
         code, text, err = own.check()
         answer, out, nothing = own.check("--json")

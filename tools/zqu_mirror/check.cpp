@@ -15,6 +15,7 @@
 #include "client.hpp"
 #include "commands.hpp"
 #include "monitoring.hpp"
+#include "signature.hpp"
 #include "text.hpp"
 #include "workplace.hpp"
 
@@ -32,14 +33,15 @@ struct Found {
     std::string id;
     std::string archive;                    // its name
     std::optional<std::uintmax_t> size;     // of the archive, in bytes
-    std::optional<std::int64_t> published;  // the time of the complete-info INI, in seconds since the Unix epoch
+    std::optional<std::int64_t> modified;   // the time of the complete-info INI, in seconds since the Unix epoch
+    std::optional<std::int64_t> published;  // what a signed one says, or else the same
     std::optional<std::int64_t> chain_end;  // when the part of the mirror's chain ends that ends first
 };
 
 constexpr std::size_t most_shown = 3;  // remarks in a line
 
 tools::Limit limit_of(const Options& options) {
-    return {options.max_age_s, 2 * options.max_age_s};
+    return {options.max_age_s, (options.trust.empty() ? 2 : 1) * options.max_age_s};
 }
 
 std::int64_t age_of(const Found& found, std::int64_t now) {
@@ -88,7 +90,8 @@ std::string json_form(const Options& options, const Found& found) {
     object["id"] = known(!found.id.empty(), found.id);
     object["archive"] = known(!found.archive.empty(), found.archive);
     object["size"] = known(found.size.has_value(), found.size.value_or(0));
-    object["info_modified_epoch"] = known(found.published.has_value(), found.published.value_or(0));
+    object["published_epoch"] = known(found.published.has_value(), found.published.value_or(0));
+    object["info_modified_epoch"] = known(found.modified.has_value(), found.modified.value_or(0));
     object["certificate_end_epoch"] = known(found.chain_end.has_value(), found.chain_end.value_or(0));
     object["lines"] = ordered_json::array();
     for (const auto& [verdict, text] : found.remarks) {
@@ -125,7 +128,8 @@ std::string prometheus_form(const Options& options, const Found& found, std::int
         out.sample(with("version", found.id), "1");
     }
     gauge("release_timestamp_seconds",
-          "When the INI of the release was modified: by its publication, or when another release replaced it.",
+          "When the release was published, as it says signed; else when its INI was modified: by its publication, "
+          "or when another release replaced it.",
           found.published);
     gauge("archive_size_bytes", "Size of the release's archive.", found.size);
     gauge("certificate_end_timestamp_seconds", "When the first certificate of the mirror's chain ends.",
@@ -148,7 +152,7 @@ void require(bool sound, const std::string& fault) {
 class Check {
 public:
     Check(const Options& options, Run& run)
-        : options_(options), run_(run), cfg_(client_config(options)), client_(cfg_) {}
+        : options_(options), run_(run), keys_(given_keys(options)), cfg_(client_config(options)), client_(cfg_) {}
 
     Found all() {
         try {
@@ -188,16 +192,30 @@ private:
         report(Verdict::ok, hit_name(options_.flavor) + " names " + id);
         require_name("the id", id, info_name(options_.flavor, id));
         const std::string text = client_.fetch_info_text(id);
-        found_.published = client_.last_modified();
+        found_.modified = client_.last_modified();
+        found_.published = signed_time(text);
+        if (!found_.published) {
+            found_.published = found_.modified;
+        }
         const zqu::CompleteInfo info = client_.read_info(text, id);
         found_.archive = info.cab_name;
         report(Verdict::ok, info_name(options_.flavor, id) + " names " + info.cab_name);
+        judge_signature(id, text);
         if (info.defid != id) {
             report(Verdict::warning, "def.Current.defId is another id: " + info.defid);
         }
         judge_age();
         require_name("the archive's name", info.cab_name, info.cab_name + ".part");  // as a client calls it
         archive(info, text);
+    }
+
+    void judge_signature(const std::string& id, const std::string& text) {
+        if (!keys_.empty()) {
+            const std::string info = info_name(options_.flavor, id);
+            const std::string fault = distrust(options_, keys_, id, text);
+            require(fault.empty(), info + " is not trusted: it " + fault);
+            report(Verdict::ok, info + " is signed by a trusted key, published " + tools::utc_text(*found_.published));
+        }
     }
 
     void judge_age() {
@@ -264,6 +282,7 @@ private:
 
     const Options& options_;
     Run& run_;
+    const std::string keys_;
     const zqu::Config cfg_;
     tools::Client client_;
     Found found_;

@@ -94,6 +94,8 @@ void add_percent(CLI::App& command, Options& options) {
 void add_publish(CLI::App& command, Options& options) {
     add_quiet(command, options);
     command.add_option("--id", options.id, "Id of the release")->required()->check(unusable_id);
+    command.add_option("--sign", options.sign, "PEM file of the Ed25519 private key that signs the release")
+        ->check(CLI::ExistingFile);
     command.add_flag("--zip", options.zip, "Pack a ZIP instead of a CAB");
     add_percent(command, options);
     command.add_flag("--allow-empty", options.allow_empty, "Publish empty definition files, too");
@@ -116,6 +118,19 @@ void add_client(CLI::App& command, Options& options) {
         ->default_str("5m");
 }
 
+void add_trust(CLI::App& command, Options& options) {
+    command
+        .add_option("--trust", options.trust,
+                    "PEM file of an Ed25519 public key that must have signed the release; for several, again")
+        ->check(CLI::ExistingFile)
+        ->allow_extra_args(false);
+}
+
+void add_max_age(CLI::App& command, Options& options, const std::string& description) {
+    tools::add_duration(
+        command, "--max-age", [&options](auto seconds) { options.max_age_s = seconds; }, description, 1);
+}
+
 void add_upstream(CLI::App& command, Options& options, const std::string& name, const std::string& description) {
     const auto no_upstream = [](const std::string& url) {
         const bool usable = url.rfind("https://", 0) == 0 || url.rfind("file://", 0) == 0;
@@ -133,6 +148,8 @@ void add_mirror(CLI::App& command, Options& options) {
     add_quiet(command, options);
     add_upstream(command, options, "UPSTREAM", "URL of the upstream mirror: scheme and host");
     command.get_option("UPSTREAM")->required();
+    add_trust(command, options);
+    add_max_age(command, options, "Refuse a release that was signed longer ago");
     command.add_flag("--verify", options.verify, "Check the digest of what is current here, not its size alone");
     command.add_flag("--force", options.force, "Take a release that is held");
     add_percent(command, options);
@@ -193,9 +210,9 @@ void add_check(CLI::App& command, Options& options) {
     auto* nagios = add_form("--nagios", Form::nagios, "Print one line for Nagios and the like")->excludes(json);
     auto* prometheus = add_form("--prometheus", Form::prometheus, "Print metrics for Prometheus");
     prometheus->excludes(json)->excludes(nagios);
-    tools::add_duration(
-        command, "--max-age", [&options](auto seconds) { options.max_age_s = seconds; },
-        "An older release is a warning, one of twice this age critical", 1);
+    add_trust(command, options);
+    add_max_age(command, options,
+                "An older release is a warning, one of twice this age critical; with --trust, a FAULT at once");
     tools::add_duration(
         command, "--max-rollout", [&options](auto seconds) { options.max_rollout_s = seconds; },
         "A rollout that began longer ago is a warning; for a directory", 1);
@@ -203,8 +220,9 @@ void add_check(CLI::App& command, Options& options) {
         ->required()
         ->check(no_mirror);
     command.callback([&options] {
-        if (options.max_age_s > 0 && options.form != Form::nagios && options.form != Form::prometheus) {
-            throw CLI::RequiresError("--max-age", "--nagios or --prometheus");
+        const bool judged = options.form == Form::nagios || options.form == Form::prometheus || !options.trust.empty();
+        if (options.max_age_s > 0 && !judged) {
+            throw CLI::RequiresError("--max-age", "--nagios, --prometheus or --trust");
         }
         if (options.max_rollout_s > 0 && is_url(options.mirror)) {
             throw CLI::RequiresError("--max-rollout", "the mirror's directory");
@@ -229,6 +247,7 @@ show that it is swapped is refused. A CAB holds 2147450880 bytes with its index;
 
 Examples:
   zqu-mirror publish --id 20240131.007 /srv/mirror antivir.def aivsecon.def
+  zqu-mirror publish --sign release-key.pem --id 20240131.007 /srv/mirror antivir.def aivsecon.def
   zqu-mirror publish --flavor v3 --zip --id 20240131.008 /srv/mirror big.def small.def
 )"},
     {"mirror", "Copy the current release of an upstream mirror", add_mirror, done<mirror>, R"(
@@ -240,6 +259,7 @@ are a failure: repair restores them.
 
 Examples:
   zqu-mirror mirror https://definitions.zelgw.example /srv/mirror
+  zqu-mirror mirror --trust release-pub.pem --max-age 2d https://definitions.zelgw.example /srv/mirror
   zqu-mirror mirror --flavor v3 --ca /etc/ssl/upstream-ca.pem https://mirror.example /srv/mirror
 )"},
     {"rollout", "Show or advance a rollout, or withdraw its release", add_rollout, done<rollout>, R"(

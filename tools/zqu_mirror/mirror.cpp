@@ -2,6 +2,7 @@
 
 #include "catalogue.hpp"
 #include "rollout.hpp"
+#include "signature.hpp"
 #include "upstream.hpp"
 #include "workplace.hpp"
 
@@ -82,6 +83,7 @@ void add_release(const Options& options, const Offer& offer, bool known, Upstrea
 // Copies what the upstream mirror names, unless that is not to be taken or here already.
 void follow(const Options& options, Upstream& upstream, Run& run) {
     const std::string id = upstream.current();
+    const Offer offer = upstream.release(id);
     if (!options.force && current_id(options) != id && held_ids(options).count(id) != 0) {
         report_nothing_new(options, id + " is held (zqu-mirror activate, or --force, takes it again): ", run);
         return;
@@ -91,7 +93,6 @@ void follow(const Options& options, Upstream& upstream, Run& run) {
         report_nothing_new(options, "waits: " + rollout.text() + "; ", run);
         return;
     }
-    const Offer offer = upstream.release(id);
     const fs::path info = directory_of(options) / info_name(options.flavor, id);
     if (current_id(options) == id && text_of(info) == offer.text) {
         report_nothing_new(options, "nothing new: ", run);
@@ -123,7 +124,11 @@ void follow(const Options& options, Upstream& upstream, Run& run) {
 }  // namespace
 
 void mirror(const Options& options, Run& run) {
-    Upstream upstream(options, run);
+    const std::string keys = trusted_keys(options);
+    if (!options.trust.empty()) {
+        store_keys(options, keys, run);
+    }
+    Upstream upstream(options, keys, run);
     try {
         follow(options, upstream, run);
     } catch (...) {

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "config.hpp"
 
@@ -25,6 +26,7 @@ struct Options {
     std::string antivir;   // path of the antivir definition file
     std::string aivsecon;  // path of the aivsecon definition file
     std::string ca;        // path of the certificates to trust; empty for the system's
+    std::string sign;      // path of the private key that signs; empty for none
     bool zip = false;
     bool allow_empty = false;
 
@@ -32,10 +34,11 @@ struct Options {
     std::string upstream_subdir;  // directory there; empty for the same as subdir
     std::uint32_t timeout_s = zqu::Config().http_timeout_s;
 
-    bool allow_http = false;  // redirects from https to http are followed
-    bool force = false;       // take a held release
-    bool verify = false;      // check digests before saying that there is nothing new
-    bool yes = false;         // choose without an upstream mirror
+    bool allow_http = false;         // redirects from https to http are followed
+    bool force = false;              // take a held release
+    std::vector<std::string> trust;  // paths of the public keys of which one must have signed
+    bool verify = false;             // check digests before saying that there is nothing new
+    bool yes = false;                // choose without an upstream mirror
 
     int percent = 0;       // of the gateways, that get a new release as a candidate; 0 for all, at once
     bool replace = false;  // end a rollout for a new release
@@ -48,7 +51,7 @@ struct Options {
 
     Form form = Form::text;
     bool quiet = false;
-    std::int64_t max_age_s = 0;      // of a release, for monitoring; 0 for no limit
+    std::int64_t max_age_s = 0;      // of a release; 0 for no limit
     std::int64_t max_rollout_s = 0;  // how long a rollout may take, for monitoring; 0 for no limit
 };
 

@@ -2,13 +2,16 @@
 
 #include <algorithm>
 #include <climits>
+#include <ctime>
 #include <exception>
+#include <optional>
 
 #include "catalogue.hpp"
 #include "client.hpp"
 #include "commands.hpp"
 #include "pack.hpp"
 #include "rollout.hpp"
+#include "signature.hpp"
 #include "workplace.hpp"
 
 namespace zqu::mirror_tool {
@@ -80,7 +83,8 @@ void require_free_name(const Options& options) {
 }
 
 // Puts the archive and the INI that describes it into place; nothing names them yet.
-void add_release(const Options& options, const std::vector<Source>& sources, Workplace& place, Run& run) {
+void add_release(const Options& options, const std::vector<Source>& sources, const std::optional<Signer>& signer,
+                 Workplace& place, Run& run) {
     const fs::path archive = place.work("archive");
     const std::string name = archive_name(options);
     run.phase("packing", archive);
@@ -89,18 +93,24 @@ void add_release(const Options& options, const std::vector<Source>& sources, Wor
                                         newest);
     flush(archive);
     run.phase("reading the archive");
-    write_text(place.work("info"), "def.Current.defId = " + options.id + "\ndef.Current.name = " + name +
-                                       "\ndef.Current.SHA256 = " + sha256_in(run, archive) +
-                                       "\ndef.Current.size = " + std::to_string(fs::file_size(archive)) + "\n");
+    const std::string text = "def.Current.defId = " + options.id + "\ndef.Current.name = " + name +
+                             "\ndef.Current.SHA256 = " + sha256_in(run, archive) +
+                             "\ndef.Current.size = " + std::to_string(fs::file_size(archive)) + "\n";
+    const std::string more = "def.Current.flavor = " + options.flavor +
+                             "\ndef.Current.published = " + std::to_string(std::time(nullptr)) + "\n";
+    write_text(place.work("info"), signer ? signer->sign(text + more) : text);
     place.add("archive", name);
     place.add("info", info_name(options.flavor, options.id));
     flush(place.directory());
 }
 
-// Requires that the release, read as a client does, gives back the sources.
-zqu::CompleteInfo require_release(const Options& options, const std::vector<Source>& sources, bool known, Run& run) {
+// Requires that the release, read as a client does, gives back the sources, and is signed by the key, if there is one.
+zqu::CompleteInfo require_release(const Options& options, const std::vector<Source>& sources, const std::string& key,
+                                  bool known, Run& run) {
     const zqu::Config cfg = client_config(options);
-    zqu::CompleteInfo info = tools::Client(cfg).fetch_info(options.id);
+    tools::Client client(cfg);
+    const std::string text = client.fetch_info_text(options.id);
+    zqu::CompleteInfo info = client.read_info(text, options.id);
     const fs::path archive = directory_of(options) / info.cab_name;
     if (info.defid != options.id || !fs::is_regular_file(archive) || !has_digest(archive, info.sha256, run)) {
         fail(options.id + " is on the mirror, but its INI file and its archive do not match");
@@ -113,6 +123,8 @@ zqu::CompleteInfo require_release(const Options& options, const std::vector<Sour
         }
     }
     refuse("the archive is refused:", tools::first_fault(found));
+    const std::string fault = key.empty() ? "" : distrust(options, {key}, options.id, text);
+    refuse(options.id + " was published without this signature, take a new id: its INI file", fault);
     return info;
 }
 
@@ -122,6 +134,10 @@ void publish(const Options& options, Run& run) {
     // The daemon downloads by way of "<archive>.part".
     if (stem(options.flavor, options.id).size() + std::string(".cab.part").size() > NAME_MAX) {
         fail("the id and the flavor are too long for a file name");
+    }
+    std::optional<Signer> signer;
+    if (!options.sign.empty()) {
+        signer.emplace(options.sign);
     }
     std::vector<Source> sources = measured_sources(options);
     run.phase("reading the definitions");
@@ -137,7 +153,7 @@ void publish(const Options& options, Run& run) {
     try {
         if (!known) {
             require_free_name(options);
-            add_release(options, sources, place, run);
+            add_release(options, sources, signer, place, run);
         }
         run.phase("checking the archive");
     } catch (const std::exception&) {
@@ -145,7 +161,7 @@ void publish(const Options& options, Run& run) {
         throw;
     }
     std::for_each(sources.begin(), sources.end(), require_unchanged);
-    const zqu::CompleteInfo info = require_release(options, sources, known, run);
+    const zqu::CompleteInfo info = require_release(options, sources, signer ? signer->key() : "", known, run);
     give_out(options, options.id, place, run);
     const std::string done =
         known ? options.id + " was published before with this content and is " + role_of(options.percent) + " now"

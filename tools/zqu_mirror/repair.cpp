@@ -5,6 +5,7 @@
 #include <map>
 
 #include "commands.hpp"
+#include "signature.hpp"
 #include "upstream.hpp"
 #include "workplace.hpp"
 
@@ -19,7 +20,7 @@ public:
     Repair(const Options& options, Run& run)
         : options_(options), run_(run), place_(existing_directory(options), run), held_(held_ids(options)) {
         if (!options.upstream.empty()) {
-            upstream_.emplace(options, run);
+            upstream_.emplace(options, trusted_keys(options), run);
         }
     }
 
@@ -192,6 +193,12 @@ private:
         try {
             return upstream_ ? std::optional<Offer>(upstream_->release(id)) : std::nullopt;
         } catch (const tools::MissingFile&) {
+            return std::nullopt;
+        } catch (const Distrusted& e) {
+            if (id == target_) {
+                throw;
+            }
+            report(e.what());  // a former release may be older than the keys
             return std::nullopt;
         }
     }

@@ -2,12 +2,15 @@
 
 #include <fcntl.h>
 
+#include <utility>
+
+#include "signature.hpp"
 #include "workplace.hpp"
 
 namespace zqu::mirror_tool {
 
-Upstream::Upstream(const Options& options, Run& run)
-    : options_(options), run_(run), cfg_(upstream_config(options)), client_(cfg_) {
+Upstream::Upstream(const Options& options, std::string keys, Run& run)
+    : options_(options), keys_(std::move(keys)), run_(run), cfg_(upstream_config(options)), client_(cfg_) {
     client_.ask_for_current();
     if (!options.allow_http) {
         client_.refuse_insecure_redirects();
@@ -25,6 +28,10 @@ std::string Upstream::current() {
 Offer Upstream::release(const std::string& id) {
     run_.phase("asking the upstream mirror");
     const std::string text = client_.fetch_info_text(id);
+    const std::string fault = keys_.empty() ? "" : distrust(options_, keys_, id, text);
+    if (!fault.empty()) {
+        throw Distrusted("the upstream mirror's " + info_name(options_.flavor, id) + " is refused: it " + fault);
+    }
     const zqu::CompleteInfo info = client_.read_info(text, id);
     refuse("the upstream mirror's archive name " + info.cab_name + " is refused: it", unusable_archive(info.cab_name));
     return {id, text, info};

@@ -23,13 +23,15 @@ struct Offer {
 
 class Upstream {
 public:
-    // Keeps references to options and run, which must outlive it.
-    Upstream(const Options& options, Run& run);
+    // Keeps references to options and run, which must outlive it. Takes only what one of the keys has signed
+    // (signature.hpp), if there are any.
+    Upstream(const Options& options, std::string keys, Run& run);
 
     // The id of the current release there, a plain one.
     [[nodiscard]] std::string current();
 
-    // What the upstream mirror says of the release id. Throws tools::MissingFile when it does not have it.
+    // What the upstream mirror says of the release id. Throws tools::MissingFile when it does not have it, and
+    // Distrusted.
     [[nodiscard]] Offer release(const std::string& id);
 
     // Downloads the archive to a path in the work directory and requires that clients would take it; flushes it.
@@ -43,6 +45,7 @@ public:
 
 private:
     const Options& options_;
+    const std::string keys_;
     Run& run_;
     const zqu::Config cfg_;
     tools::Client client_;
