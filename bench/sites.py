@@ -95,9 +95,9 @@ def definitions(directory, size, compressible=True):
     return list(files)
 
 
-def publishing(bench, root, files, release=ID):
+def publishing(bench, root, files, release=ID, form="cab"):
     """The command that publishes these two files."""
-    return [bench.build / "zqu-mirror", "publish", "--id", release, root, *files]
+    return [bench.build / "zqu-mirror", "publish", "--format", form, "--id", release, root, *files]
 
 
 def publish(bench, root, size, release=ID, compressible=True):

@@ -98,7 +98,7 @@ public:
             }
         }
         for (const auto& name : names_) {
-            if ((ends_with(name, ".cab") || ends_with(name, ".zip")) && named.count(name) == 0) {
+            if (!format_of(name).empty() && named.count(name) == 0) {
                 const bool ours =
                     is_ours(name) && fs::is_regular_file(fs::symlink_status(directory_of(options_) / name));
                 (ours ? found.orphans : found.strangers).push_back(name);
@@ -229,8 +229,9 @@ std::string info_that_names(const Options& options, const std::string& archive) 
 
 bool is_ours(const std::string& archive) {
     const auto mark = archive.find(info_mark, prefix.size() + 1);
-    return begins_with(archive, prefix) && mark != std::string::npos &&
-           mark + info_mark.size() + std::string(".cab").size() < archive.size() && unusable_name(archive).empty();
+    const auto suffix = suffixes.find(format_of(archive));
+    return begins_with(archive, prefix) && mark != std::string::npos && suffix != suffixes.end() &&
+           mark + info_mark.size() + suffix->second.size() < archive.size() && unusable_name(archive).empty();
 }
 
 std::vector<std::string> archives_of_killed_run(const fs::path& directory) {

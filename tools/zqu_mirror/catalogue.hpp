@@ -44,7 +44,7 @@ struct Catalogue {
     Current current;
     std::vector<Release> releases;       // of all flavors, sorted by the name of the INI
     std::vector<std::string> orphans;    // archives that no INI names, with names that publish gives
-    std::vector<std::string> strangers;  // other *.cab and *.zip that no INI names
+    std::vector<std::string> strangers;  // other archives, by their suffix, that no INI names
     std::vector<std::string> problems;   // the file and the reason, for each INI that is missing, cannot be understood,
                                          // or holds a name that may lead to another file (names.hpp)
 };

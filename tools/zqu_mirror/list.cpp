@@ -31,10 +31,12 @@ json entry_of(const Release& release, bool held, const Options& options, std::in
                        stat((directory_of(options) / release.archive).c_str(), &archive) == 0 &&
                        S_ISREG(archive.st_mode);
     const auto dot = release.archive.rfind('.');
+    const std::string format = format_of(release.archive);
+    const json other = dot == std::string::npos ? json() : json(release.archive.substr(dot + 1));
     const bool in_grace = !release.current && release.grace_ns >= now;
     return {{"id", release.id},
             {"archive", release.archive.empty() ? json() : json(release.archive)},
-            {"format", dot == std::string::npos ? json() : json(release.archive.substr(dot + 1))},
+            {"format", format.empty() ? other : json(format)},
             {"size", there ? json(archive.st_size) : json()},
             {"published_epoch", there ? json(archive.st_mtim.tv_sec) : json()},
             {"current", release.current},

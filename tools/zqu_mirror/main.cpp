@@ -96,7 +96,9 @@ void add_publish(CLI::App& command, Options& options) {
     command.add_option("--id", options.id, "Id of the release")->required()->check(unusable_id);
     command.add_option("--sign", options.sign, "PEM file of the Ed25519 private key that signs the release")
         ->check(CLI::ExistingFile);
-    command.add_flag("--zip", options.zip, "Pack a ZIP instead of a CAB");
+    command.add_option("--format", options.format, "Format of the archive: cab, zip or zstd")
+        ->capture_default_str()
+        ->check(CLI::IsMember(suffixes));
     add_percent(command, options);
     command.add_flag("--allow-empty", options.allow_empty, "Publish empty definition files, too");
     add_mirror_directory(command, options, "; created when missing");
@@ -243,12 +245,13 @@ const Entry entries[] = {
 Writes the release and then, in one step, makes it current. Clients see the old release or the new one, whole.
 When anything fails, one line says why and the mirror is left as it was. Publishing the same content again makes
 that release current again; an id never gets other content. The order of the files counts: a pair whose names
-show that it is swapped is refused. A CAB holds 2147450880 bytes with its index; --zip has no such limit.
+show that it is swapped is refused. A CAB holds 2147450880 bytes with its index; the other formats have no
+such limit. zstd gives the smallest archives, and takes minutes to pack; old gateways may be unable to read it.
 
 Examples:
   zqu-mirror publish --id 20240131.007 /srv/mirror antivir.def aivsecon.def
   zqu-mirror publish --sign release-key.pem --id 20240131.007 /srv/mirror antivir.def aivsecon.def
-  zqu-mirror publish --flavor v3 --zip --id 20240131.008 /srv/mirror big.def small.def
+  zqu-mirror publish --flavor v3 --format zstd --id 20240131.008 /srv/mirror big.def small.def
 )"},
     {"mirror", "Copy the current release of an upstream mirror", add_mirror, done<mirror>, R"(
 Asks the upstream mirror for its current release and, when that is another one than here, downloads it, verifies

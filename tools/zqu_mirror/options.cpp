@@ -49,6 +49,14 @@ zqu::Config client_config(const Options& options) {
     return cfg;
 }
 
+const std::map<std::string, std::string> suffixes{{"cab", ".cab"}, {"zip", ".zip"}, {"zstd", ".zip.zst"}};
+
+std::string format_of(const std::string& archive) {
+    const auto found = std::find_if(suffixes.begin(), suffixes.end(),
+                                    [&](const auto& each) { return ends_with(archive, each.second); });
+    return found == suffixes.end() ? "" : found->first;
+}
+
 bool begins_with(const std::string& name, const std::string& start) {
     return name.compare(0, start.size(), start) == 0;
 }

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,11 +24,11 @@ struct Options {
     std::string subdir = zqu::Config().mirror_subdir;
     std::string flavor = zqu::Config().flavor;
     std::string id;
-    std::string antivir;   // path of the antivir definition file
-    std::string aivsecon;  // path of the aivsecon definition file
-    std::string ca;        // path of the certificates to trust; empty for the system's
-    std::string sign;      // path of the private key that signs; empty for none
-    bool zip = false;
+    std::string antivir;         // path of the antivir definition file
+    std::string aivsecon;        // path of the aivsecon definition file
+    std::string ca;              // path of the certificates to trust; empty for the system's
+    std::string sign;            // path of the private key that signs; empty for none
+    std::string format = "cab";  // of the archive to pack: a key of suffixes
     bool allow_empty = false;
 
     std::string upstream;         // URL of the mirror to copy from; empty for none
@@ -64,6 +65,10 @@ struct Options {
 // The settings of a client of this mirror, a directory or a URL, and of one of the upstream mirror.
 [[nodiscard]] zqu::Config client_config(const Options& options);
 [[nodiscard]] zqu::Config upstream_config(const Options& options);
+
+// The formats of archives, with the ends of their names; and the format that a name has, empty for none of these.
+extern const std::map<std::string, std::string> suffixes;
+[[nodiscard]] std::string format_of(const std::string& archive);
 
 [[nodiscard]] bool begins_with(const std::string& name, const std::string& start);
 [[nodiscard]] bool ends_with(const std::string& name, const std::string& end);

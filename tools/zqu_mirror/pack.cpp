@@ -2,10 +2,16 @@
 
 #include <archive.h>
 #include <archive_entry.h>
+#include <fcntl.h>
 #include <libgcab.h>
+#include <sched.h>
+#include <zstd.h>
 
 #include <algorithm>
-#include <cstring>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
 
 #include "digest.hpp"
 #include "files.hpp"
@@ -40,23 +46,88 @@ void add_to_cab(GCabFolder* cab_folder, GCabFile* file, time_t modified) {
     gcab_file_set_attributes(file, GCAB_FILE_ATTRIBUTE_RDONLY);
 }
 
-void require_zip(archive* writer, la_ssize_t result) {
-    if (result < ARCHIVE_OK) {
-        const char* text = archive_error_string(writer);
-        const int error = archive_errno(writer);
-        fail(std::string("cannot write the archive: ") + (text != nullptr ? text : "libarchive failed") +
-             (error > 0 ? std::string(": ") + std::strerror(error) : ""));
+// Takes the bytes of a ZIP. What it throws ends the packing.
+using Sink = std::function<void(const char* data, std::size_t size)>;
+
+la_ssize_t pass_on(archive* writer, void* sink, const void* data, std::size_t size) {
+    try {
+        (*static_cast<const Sink*>(sink))(static_cast<const char*>(data), size);
+        return static_cast<la_ssize_t>(size);
+    } catch (const std::exception& e) {  // libarchive is C
+        archive_set_error(writer, EIO, "%s", e.what());
+        return ARCHIVE_FATAL;
     }
 }
 
-void start_entry(archive* writer, const std::string& name, la_int64_t size, time_t modified) {
+void require_zip(archive* writer, la_ssize_t result) {
+    if (result < ARCHIVE_OK) {
+        const char* reason = archive_error_string(writer);
+        fail(std::string("cannot write the archive: ") + (reason != nullptr ? reason : "libarchive failed"));
+    }
+}
+
+void start_entry(archive* writer, const std::string& name, la_int64_t size, time_t modified, mode_t mode) {
     const tools::Handle<archive_entry, archive_entry_free> entry(archive_entry_new());
     archive_entry_set_pathname(entry.get(), name.c_str());
     archive_entry_set_size(entry.get(), size);
     archive_entry_set_filetype(entry.get(), AE_IFREG);
-    archive_entry_set_perm(entry.get(), 0644);
+    archive_entry_set_perm(entry.get(), mode);
     archive_entry_set_mtime(entry.get(), modified, 0);
     require_zip(writer, archive_write_header(writer, entry.get()));
+}
+
+// Writes a ZIP to sink: deflated, or stored with the modes also in the local headers, for readers that cannot seek.
+void write_zip(bool stored, const std::string& index, const std::string& index_name, const std::vector<Source>& sources,
+               time_t index_time, Sink sink) {
+    const mode_t mode = stored ? 0555 : 0644;
+    setenv("TZ", "UTC0", 1);  // libarchive writes local time besides that of the epoch
+    tzset();
+    const tools::Handle<archive, archive_write_free> writer(archive_write_new());
+    archive* const zip = writer.get();
+    require_zip(zip, archive_write_set_format_zip(zip));
+    require_zip(zip, archive_write_set_options(
+                         zip, stored ? "zip:compression=store,zip:experimental" : "zip:compression=deflate"));
+    require_zip(zip, archive_write_set_bytes_in_last_block(zip, 1));
+    require_zip(zip, archive_write_open(zip, &sink, nullptr, pass_on, nullptr));
+    start_entry(zip, index_name, static_cast<la_int64_t>(index.size()), index_time, mode);
+    require_zip(zip, archive_write_data(zip, index.data(), index.size()));
+    for (const auto& source : sources) {
+        start_entry(zip, source.name, source.before.st_size, source.before.st_mtim.tv_sec, mode);
+        tools::read_blocks(source.path, [&](const char* data, std::size_t size) {
+            require_zip(zip, archive_write_data(zip, data, size));
+        });
+    }
+    require_zip(zip, archive_write_close(zip));
+}
+
+std::size_t require_zstd(std::size_t result) {
+    if (ZSTD_isError(result) != 0) {
+        fail(std::string("libzstd: ") + ZSTD_getErrorName(result));
+    }
+    return result;
+}
+
+// The number of threads makes no difference to the bytes, but whether libzstd runs any does: there is always one.
+int threads() {
+    constexpr int most = 4;  // for the memory that each takes
+    cpu_set_t usable;
+    return sched_getaffinity(0, sizeof usable, &usable) == 0 ? std::clamp(CPU_COUNT(&usable), 1, most) : 1;
+}
+
+// Compresses size bytes in all.
+tools::Handle<ZSTD_CCtx, ZSTD_freeCCtx> zstd_context(std::uintmax_t size) {
+    constexpr std::pair<ZSTD_cParameter, int> settings[] = {
+        {ZSTD_c_compressionLevel, 19}, {ZSTD_c_windowLog, 22},  // 4 MiB, which the gateways need memory for; the
+                                                                // level's own is 8 MiB
+        {ZSTD_c_checksumFlag, 1},      {ZSTD_c_jobSize, 16 << 20}, {ZSTD_c_overlapLog, 9},
+    };
+    tools::Handle<ZSTD_CCtx, ZSTD_freeCCtx> context(ZSTD_createCCtx());
+    for (const auto& [parameter, value] : settings) {
+        require_zstd(ZSTD_CCtx_setParameter(context.get(), parameter, value));
+    }
+    require_zstd(ZSTD_CCtx_setParameter(context.get(), ZSTD_c_nbWorkers, threads()));
+    require_zstd(ZSTD_CCtx_setPledgedSrcSize(context.get(), size));
+    return context;
 }
 
 }  // namespace
@@ -87,19 +158,31 @@ void pack_cab(const std::filesystem::path& archive, const std::string& index, co
 
 void pack_zip(const std::filesystem::path& path, const std::string& index, const std::string& index_name,
               const std::vector<Source>& sources, time_t index_time) {
-    const tools::Handle<archive, archive_write_free> writer(archive_write_new());
-    require_zip(writer.get(), archive_write_set_format_zip(writer.get()));
-    require_zip(writer.get(), archive_write_zip_set_compression_deflate(writer.get()));
-    require_zip(writer.get(), archive_write_open_filename(writer.get(), path.c_str()));
-    start_entry(writer.get(), index_name, static_cast<la_int64_t>(index.size()), index_time);
-    require_zip(writer.get(), archive_write_data(writer.get(), index.data(), index.size()));
-    for (const auto& source : sources) {
-        start_entry(writer.get(), source.name, source.before.st_size, source.before.st_mtim.tv_sec);
-        tools::read_blocks(source.path, [&](const char* data, std::size_t size) {
-            require_zip(writer.get(), archive_write_data(writer.get(), data, size));
-        });
-    }
-    require_zip(writer.get(), archive_write_close(writer.get()));
+    const Fd file(path, O_WRONLY | O_CREAT | O_TRUNC);
+    write_zip(false, index, index_name, sources, index_time, [&](const char* data, std::size_t size) {
+        tools::write_all(file.get(), {data, size}, "the file");
+    });
+}
+
+void pack_zstd(const std::filesystem::path& path, const std::string& index, const std::string& index_name,
+               const std::vector<Source>& sources, time_t index_time) {
+    std::uintmax_t total = 0;
+    write_zip(true, index, index_name, sources, index_time, [&](const char*, std::size_t size) { total += size; });
+    const auto context = zstd_context(total);
+    const Fd file(path, O_WRONLY | O_CREAT | O_TRUNC);
+    std::string block(ZSTD_CStreamOutSize(), '\0');
+    std::uintmax_t taken = 0;
+    write_zip(true, index, index_name, sources, index_time, [&](const char* data, std::size_t size) {
+        ZSTD_inBuffer in{data, size, 0};
+        taken += size;
+        const auto mode = taken == total ? ZSTD_e_end : ZSTD_e_continue;
+        std::size_t left = 0;
+        do {
+            ZSTD_outBuffer out{block.data(), block.size(), 0};
+            left = require_zstd(ZSTD_compressStream2(context.get(), &out, &in, mode));
+            tools::write_all(file.get(), block.substr(0, out.pos), "the file");
+        } while (mode == ZSTD_e_end ? left != 0 : in.pos < in.size);
+    });
 }
 
 }  // namespace zqu::mirror_tool

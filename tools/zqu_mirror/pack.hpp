@@ -26,18 +26,22 @@ struct Source {
 // an archive that cannot be read, without an error.
 constexpr std::uintmax_t cab_capacity = std::uintmax_t{65535} * 32768;
 
-// Both write the archive, a path that is absolute, with the text index under the name index_name and the time
+// All write the archive, a path that is absolute, with the text index under the name index_name and the time
 // index_time (seconds since the Unix epoch), and each source under its name with its own time. The same input gives the
-// same bytes. They throw std::runtime_error, "cannot write the archive: " and the library's reason; pack_zip throws
+// same bytes. They throw std::runtime_error, "cannot write the archive: " and the reason; those for a ZIP throw
 // std::system_error with the source's path when it cannot be read. What is written by then stays.
+using Packer = void(const std::filesystem::path& archive, const std::string& index, const std::string& index_name,
+                    const std::vector<Source>& sources, time_t index_time);
 
 // An MSZIP-compressed CAB at a path where nothing may be yet. The index and the sources must fit into cab_capacity.
 // Times are those of the local time zone, kept within the years that a CAB can tell.
-void pack_cab(const std::filesystem::path& archive, const std::string& index, const std::string& index_name,
-              const std::vector<Source>& sources, time_t index_time);
+Packer pack_cab;
 
 // A deflated ZIP, which has no such limit. Replaces what is at the path.
-void pack_zip(const std::filesystem::path& path, const std::string& index, const std::string& index_name,
-              const std::vector<Source>& sources, time_t index_time);
+Packer pack_zip;
+
+// A stored ZIP in a Zstandard stream (RFC 8878), whose entries have the modes that a CAB's get. Replaces what is at the
+// path. Reads the sources twice. Uses the processors that this process may use, up to four, and 160 MiB for each.
+Packer pack_zstd;
 
 }  // namespace zqu::mirror_tool

@@ -61,15 +61,15 @@ std::vector<Source> measured_sources(const Options& options) {
     for (const auto& source : sources) {
         total += static_cast<std::uintmax_t>(source.before.st_size);
     }
-    if (!options.zip && total > cab_capacity) {
+    if (options.format == "cab" && total > cab_capacity) {
         fail("the definitions do not fit into a CAB, which holds " + std::to_string(cab_capacity) +
-             " bytes with the index: use --zip");
+             " bytes with the index: use --format zip or zstd");
     }
     return sources;
 }
 
 std::string archive_name(const Options& options) {
-    return stem(options.flavor, options.id) + (options.zip ? ".zip" : ".cab");
+    return stem(options.flavor, options.id) + suffixes.at(options.format);
 }
 
 // An archive of that name may have been left by a killed run; but an INI made by others may name it, too.
@@ -89,8 +89,8 @@ void add_release(const Options& options, const std::vector<Source>& sources, con
     const std::string name = archive_name(options);
     run.phase("packing", archive);
     const time_t newest = std::max(sources[0].before.st_mtim.tv_sec, sources[1].before.st_mtim.tv_sec);
-    (options.zip ? pack_zip : pack_cab)(archive, index_text(sources), tools::index_name(options.flavor), sources,
-                                        newest);
+    static const std::map<std::string, Packer*> packers{{"cab", pack_cab}, {"zip", pack_zip}, {"zstd", pack_zstd}};
+    packers.at(options.format)(archive, index_text(sources), tools::index_name(options.flavor), sources, newest);
     flush(archive);
     run.phase("reading the archive");
     const std::string text = "def.Current.defId = " + options.id + "\ndef.Current.name = " + name +
@@ -132,7 +132,7 @@ zqu::CompleteInfo require_release(const Options& options, const std::vector<Sour
 
 void publish(const Options& options, Run& run) {
     // The daemon downloads by way of "<archive>.part".
-    if (stem(options.flavor, options.id).size() + std::string(".cab.part").size() > NAME_MAX) {
+    if (archive_name(options).size() + std::string(".part").size() > NAME_MAX) {
         fail("the id and the flavor are too long for a file name");
     }
     std::optional<Signer> signer;

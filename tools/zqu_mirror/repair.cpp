@@ -364,7 +364,8 @@ private:
         run_.step([&] {
             const std::string name = stem(options_.flavor, id);
             set_aside(name + ".ini");
-            for (const auto& each : archive.empty() ? std::set{name + ".cab", name + ".zip"} : std::set{archive}) {
+            for (const auto& [format, suffix] : suffixes) {
+                const std::string each = archive.empty() ? name + suffix : archive;
                 if (needed_by(each, id).empty()) {
                     set_aside(each);
                 }
