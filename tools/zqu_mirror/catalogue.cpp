@@ -10,6 +10,7 @@
 #include "client.hpp"
 #include "files.hpp"
 #include "options.hpp"
+#include "rollout.hpp"
 #include "verifier.hpp"
 #include "workplace.hpp"
 
@@ -74,10 +75,16 @@ public:
     // The current releases and the problems with them.
     Catalogue current() {
         Catalogue found;
+        std::set<std::string> flavors;
         for (const auto& name : names_) {
             if (may_be_hit(name)) {
                 attempt(found, [&] { read_hit(name, found.current); });
             }
+            flavors.insert(flavor_of_stage(name));
+        }
+        flavors.erase("");
+        for (const auto& flavor : flavors) {
+            attempt(found, [&] { read_stages(flavor, found); });
         }
         return found;
     }
@@ -137,6 +144,21 @@ private:
         current.archives.insert(info(info_name(flavor, id)).cab_name);
     }
 
+    void read_stages(const std::string& flavor, Catalogue& found) {
+        require_plain(stage_name(flavor, 1), flavor);
+        Options of_flavor = options_;
+        of_flavor.flavor = flavor;
+        const Rollout rollout = rollout_of(of_flavor);
+        found.leftovers.insert(found.leftovers.end(), rollout.leftovers.begin(), rollout.leftovers.end());
+        for (const auto& [unused, fault] : rollout.faults) {
+            found.problems.push_back(fault);
+        }
+        if (rollout.percent > 0) {
+            found.current.candidates[flavor] = rollout.id;
+            found.current.archives.insert(info(info_name(flavor, rollout.id)).cab_name);
+        }
+    }
+
     bool is_info(const std::string& name) {
         try {
             info(name);
@@ -161,6 +183,10 @@ private:
         for (const auto& [flavor, id] : current.ids) {
             consider(flavor);
             release.current = release.current || info_name(flavor, id) == name;
+        }
+        for (const auto& [flavor, id] : current.candidates) {
+            consider(flavor);
+            release.candidate = release.candidate || info_name(flavor, id) == name;
         }
         return release;
     }
@@ -211,7 +237,7 @@ std::vector<Release> newest_first(const Catalogue& catalogue, const Options& opt
     const std::int64_t grace = options.grace_s * 1'000'000'000;
     for (auto& release : found) {
         release.grace_ns = release.times.changed_ns + grace;
-        if (was_replaced(release) || (!release.current && !recorded && release.grace_ns < now)) {
+        if (was_replaced(release) || (!release.current && !release.candidate && !recorded && release.grace_ns < now)) {
             release.grace_ns = std::max(release.grace_ns, replaced.changed_ns + grace);
             recorded = true;
         }

@@ -30,14 +30,16 @@ struct Release {
     std::string archive;        // its file name, there or not; empty when the INI cannot be understood
     long size = 0;              // of the archive, as the INI says; 0 when it says nothing
     bool current = false;       // a hit INI names it, of any flavor
-    Times times;                // of the INI: when the release was published or last ceased to be current
+    bool candidate = false;     // stage files name it (rollout.hpp), of any flavor
+    Times times;                // of the INI: when the release was published or last ceased to be current or candidate
     std::int64_t grace_ns = 0;  // when the grace ends, set by newest_first()
 };
 
 // What clients are told to take now.
 struct Current {
-    std::map<std::string, std::string> ids;  // by flavor
-    std::set<std::string> archives;          // the file names of their archives
+    std::map<std::string, std::string> ids;         // by flavor
+    std::map<std::string, std::string> candidates;  // by flavor
+    std::set<std::string> archives;                 // the file names of the archives of both
 };
 
 struct Catalogue {
@@ -45,12 +47,13 @@ struct Catalogue {
     std::vector<Release> releases;       // of all flavors, sorted by the name of the INI
     std::vector<std::string> orphans;    // archives that no INI names, with names that publish gives
     std::vector<std::string> strangers;  // other archives, by their suffix, that no INI names
+    std::vector<std::string> leftovers;  // stage files that name what is current
     std::vector<std::string> problems;   // the file and the reason, for each INI that is missing, cannot be understood,
                                          // or holds a name that may lead to another file (names.hpp)
 };
 
-// Reads all hit INIs ("antivir-<flavor>-hit.ini") and the complete-info INIs that they name. Throws std::runtime_error
-// with the first problem.
+// Reads all hit INIs ("antivir-<flavor>-hit.ini") and stage files, and the complete-info INIs that they name. Throws
+// std::runtime_error with the first problem.
 [[nodiscard]] Current read_current(const Options& options);
 
 // Reads everything. A release with the id "hit" has an INI that could be a hit INI by its name: its content decides.

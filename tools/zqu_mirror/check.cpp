@@ -16,6 +16,7 @@
 #include "commands.hpp"
 #include "monitoring.hpp"
 #include "signature.hpp"
+#include "rollout.hpp"
 #include "text.hpp"
 #include "workplace.hpp"
 
@@ -30,6 +31,7 @@ namespace {
 // What a check has found, as far as it came.
 struct Found {
     std::vector<std::pair<tools::Verdict, std::string>> remarks;  // critical is a FAULT; may hold any bytes
+    Rollout rollout;                                              // of a mirror that is a directory
     std::string id;
     std::string archive;                    // its name
     std::optional<std::uintmax_t> size;     // of the archive, in bytes
@@ -69,6 +71,7 @@ std::string summary(const Found& found, std::int64_t now) {
     if (remarks.empty()) {
         text = tools::shown(found.id) + " is current and sound";
         text += found.published ? ", " + tools::duration_text(age_of(found, now)) + " old" : "";
+        text += found.rollout.percent > 0 ? "; " + tools::shown(found.rollout.text()) : "";
     }
     return text;
 }
@@ -127,6 +130,11 @@ std::string prometheus_form(const Options& options, const Found& found, std::int
         out.head("mirror_release_info", "The release that the mirror names; always 1.");
         out.sample(with("version", found.id), "1");
     }
+    if (found.rollout.percent > 0) {
+        out.head("mirror_rollout_percent", "The share of the gateways that get the candidate of a rollout.");
+        out.sample(with("version", found.rollout.id), std::to_string(found.rollout.percent));
+        gauge("rollout_start_timestamp_seconds", "When the rollout began.", found.rollout.start_s);
+    }
     gauge("release_timestamp_seconds",
           "When the release was published, as it says signed; else when its INI was modified: by its publication, "
           "or when another release replaced it.",
@@ -155,10 +163,9 @@ public:
         : options_(options), run_(run), keys_(given_keys(options)), cfg_(client_config(options)), client_(cfg_) {}
 
     Found all() {
-        try {
-            release();
-        } catch (const tools::MirrorError& e) {
-            report(Verdict::critical, e.what());
+        attempt([this] { current(); });
+        if (!is_url(options_.mirror)) {
+            rollout();
         }
         for (const auto& warning : client_.warnings()) {
             report(Verdict::warning, warning);
@@ -170,7 +177,16 @@ public:
     }
 
 private:
-    void report(Verdict verdict, const std::string& text) {
+    void attempt(const std::function<void()>& step) {
+        try {
+            step();
+        } catch (const tools::MirrorError& e) {
+            report(Verdict::critical, e.what());
+        }
+    }
+
+    void report(Verdict verdict, const std::string& what) {
+        const std::string text = about_ + what;
         run_.phase("");  // clears the progress, and says nothing more once a signal is ending the run
         found_.remarks.emplace_back(verdict, text);
         if (options_.form == Form::text && !(options_.quiet && verdict == Verdict::ok)) {
@@ -187,9 +203,42 @@ private:
         require(file.size() <= NAME_MAX, what + " is too long for a file: " + name);
     }
 
-    void release() {
-        const std::string id = found_.id = client_.fetch_id();
+    void current() {
+        const std::string id = client_.fetch_id();
         report(Verdict::ok, hit_name(options_.flavor) + " names " + id);
+        release(id);
+    }
+
+    // The candidate is checked like the current release. What is found stays that of the current one.
+    void rollout() {
+        Found facts = found_;
+        facts.rollout = rollout_of(options_);
+        for (const auto& [name, fault] : facts.rollout.faults) {
+            report(Verdict::critical, fault);
+        }
+        const std::string id = facts.rollout.id;
+        if (facts.rollout.percent > 0) {
+            report(Verdict::ok, stage_name(options_.flavor, facts.rollout.percent) + " names " + id);
+            judge_duration(facts.rollout);
+            about_ = "candidate " + id + ": ";
+            attempt([&] { release(id); });
+            about_.clear();
+        }
+        facts.remarks = found_.remarks;
+        found_ = facts;
+    }
+
+    void judge_duration(const Rollout& rollout) {
+        const std::int64_t lasts = std::time(nullptr) - rollout.start_s;
+        if (options_.max_rollout_s > 0 && lasts > options_.max_rollout_s) {
+            report(Verdict::warning, "the rollout of " + rollout.id + " began " + tools::duration_text(lasts) +
+                                         " ago, more than " + tools::duration_text(options_.max_rollout_s) +
+                                         ": run zqu-mirror rollout MIRROR with 100 or withdraw");
+        }
+    }
+
+    void release(const std::string& id) {
+        found_.id = id;
         require_name("the id", id, info_name(options_.flavor, id));
         const std::string text = client_.fetch_info_text(id);
         found_.modified = client_.last_modified();
@@ -204,7 +253,9 @@ private:
         if (info.defid != id) {
             report(Verdict::warning, "def.Current.defId is another id: " + info.defid);
         }
-        judge_age();
+        if (about_.empty()) {
+            judge_age();
+        }
         require_name("the archive's name", info.cab_name, info.cab_name + ".part");  // as a client calls it
         archive(info, text);
     }
@@ -257,7 +308,11 @@ private:
 
     // Where the archive is.
     fs::path download(const std::string& name) {
-        fs::path path = make_temporary() / "archive";
+        if (temporary_.empty()) {
+            temporary_ = make_temporary();
+        }
+        fs::path path = temporary_ / "archive";
+        fs::remove(path);  // of the current release
         run_.phase("downloading " + name, path);
         try {
             client_.download(name, Fd(path, O_WRONLY | O_CREAT | O_EXCL).get());
@@ -286,6 +341,8 @@ private:
     const zqu::Config cfg_;
     tools::Client client_;
     Found found_;
+    std::string about_;  // begins each line, for the candidate
+    fs::path temporary_;
 };
 
 }  // namespace

@@ -41,20 +41,21 @@ inline constexpr const char* replaced_directory_name = ".zqu-mirror.replaced";
 // Removes releases of options.flavor by number (options.keep) and age (options.older_than_s), and what killed runs have
 // left; with options.dry_run only says so, and why it keeps the others.
 //
-// Never removes what a hit INI of any flavor names, even when it is changed while the run goes on, except in the
-// instant between the last look and the removal; nor what is in its grace; nor an archive that another INI names, or
-// that is not ours. Removes nothing when an INI cannot be understood. A release's INI goes first, then its archive; a
-// signal takes effect between two releases.
+// Never removes what a hit INI or a stage file of any flavor names, even when it is changed while the run goes on,
+// except in the instant between the last look and the removal; nor what is in its grace; nor an archive that another
+// INI names, or that is not ours. Removes nothing when an INI cannot be understood. A release's INI goes first, then
+// its archive; a signal takes effect between two releases.
 void prune(const Options& options, Run& run);
 
 // Prints the releases of options.flavor in options.form, text or JSON. Lists a damaged mirror, too; the exit status
 // that it returns says whether there is a problem. Takes no lock and changes nothing.
 [[nodiscard]] int list(const Options& options, Run& run);
 
-// Downloads the archive of the current release below $TMPDIR or /tmp, checks it (inspect.hpp), and prints one line for
-// each step: "ok", "warning" (clients succeed) or "FAULT" (clients fail, or cannot read the index that is there). A
-// FAULT ends the check, except those of the archive's entries, which are all printed. Or prints options.form at the
-// end. Returns the exit status. Throws when this machine is at fault; Form::prometheus prints that instead.
+// Downloads the archive of the current release, and of a candidate when the mirror is a directory, below $TMPDIR or
+// /tmp, checks it (inspect.hpp), and prints one line for each step: "ok", "warning" (clients succeed) or "FAULT"
+// (clients fail, or cannot read the index that is there). A FAULT ends the check, except those of the archive's
+// entries, which are all printed. Or prints options.form at the end. Returns the exit status. Throws when this machine
+// is at fault; Form::prometheus prints that instead.
 [[nodiscard]] int check(const Options& options, Run& run);
 
 }  // namespace zqu::mirror_tool

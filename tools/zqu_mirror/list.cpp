@@ -7,6 +7,7 @@
 
 #include "catalogue.hpp"
 #include "commands.hpp"
+#include "rollout.hpp"
 #include "text.hpp"
 #include "workplace.hpp"
 
@@ -33,16 +34,26 @@ json entry_of(const Release& release, bool held, const Options& options, std::in
     const auto dot = release.archive.rfind('.');
     const std::string format = format_of(release.archive);
     const json other = dot == std::string::npos ? json() : json(release.archive.substr(dot + 1));
-    const bool in_grace = !release.current && release.grace_ns >= now;
+    const bool in_grace = !release.current && !release.candidate && release.grace_ns >= now;
     return {{"id", release.id},
             {"archive", release.archive.empty() ? json() : json(release.archive)},
             {"format", format.empty() ? other : json(format)},
             {"size", there ? json(archive.st_size) : json()},
             {"published_epoch", there ? json(archive.st_mtim.tv_sec) : json()},
             {"current", release.current},
+            {"candidate", release.candidate},
             {"grace_until_epoch", in_grace ? json(release.grace_ns / 1'000'000'000) : json()},
             {"held", held},
             {"damaged", !there || (release.size != 0 && archive.st_size != release.size)}};
+}
+
+json rollout_in(const Options& options) {
+    const Rollout found = rollout_of(options);
+    return found.percent == 0 ? json()
+                              : json{{"id", found.id},
+                                     {"percent", found.percent},
+                                     {"since_epoch", found.since_s},
+                                     {"start_epoch", found.start_s}};
 }
 
 json document_of(const Options& options) {
@@ -62,6 +73,7 @@ json document_of(const Options& options) {
                   {"flavor", options.flavor},
                   {"current", current == ids.end() ? json() : json(current->second)},
                   {"held", held},
+                  {"rollout", rollout_in(options)},
                   {"problems", catalogue.problems},
                   {"releases", json::array()}};
     const std::int64_t now = now_ns();
@@ -75,8 +87,12 @@ json document_of(const Options& options) {
     return document;
 }
 
-std::string state_of(const json& entry) {
+std::string state_of(const json& entry, const json& rollout) {
     std::string state = entry["current"] ? ", current" : "";
+    if (entry["candidate"] && !rollout.is_null()) {
+        state +=
+            ", candidate, " + rollout["percent"].dump() + " per cent since " + tools::utc_text(rollout["since_epoch"]);
+    }
     if (!entry["grace_until_epoch"].is_null()) {
         state += ", within the grace until " + tools::utc_text(entry["grace_until_epoch"]);
     }
@@ -85,16 +101,18 @@ std::string state_of(const json& entry) {
     return state.empty() ? "former" : state.substr(2);
 }
 
-Row row_of(const json& entry) {
+Row row_of(const json& entry, const json& rollout) {
     return {entry["id"], entry["size"].is_null() ? "-" : tools::utc_text(entry["published_epoch"]),
             entry["size"].is_null() ? "-" : entry["size"].dump(),
-            entry["format"].is_null() ? "-" : entry["format"].get<std::string>(), state_of(entry)};
+            entry["format"].is_null() ? "-" : entry["format"].get<std::string>(), state_of(entry, rollout)};
 }
 
-std::string table_of(const json& releases) {
+std::string table_of(const json& document) {
     constexpr std::size_t size_column = 2;
     std::vector<Row> rows{{"ID", "PUBLISHED", "SIZE", "FORMAT", "STATE"}};
-    std::transform(releases.begin(), releases.end(), std::back_inserter(rows), row_of);
+    for (const auto& entry : document["releases"]) {
+        rows.push_back(row_of(entry, document["rollout"]));
+    }
     std::string table;
     for (const auto& row : rows) {
         for (std::size_t column = 0; column + 1 < row.size(); ++column) {
@@ -126,7 +144,7 @@ int list(const Options& options, Run& /*run*/) {
     if (options.form == Form::json) {
         tools::print(document.dump(2, ' ', true, json::error_handler_t::replace) + "\n");
     } else {
-        tools::print(table_of(document["releases"]) + held_elsewhere(document));
+        tools::print(table_of(document) + held_elsewhere(document));
         for (const auto& problem : document["problems"]) {
             complain(problem);
         }

@@ -22,6 +22,9 @@ std::string reason_to_keep(const Release& release, std::size_t number, const Opt
     if (release.current) {
         return "current";
     }
+    if (release.candidate) {
+        return "candidate";
+    }
     if (release.grace_ns >= now) {
         return "within the grace until " + tools::utc_text(release.grace_ns / second_ns);
     }
@@ -47,9 +50,10 @@ public:
 
     void release(const Release& release) {
         const Current current = read_current(options_);  // once more: not everybody who changes a mirror takes the lock
-        for (const auto& [flavor, id] : current.ids) {
-            if (info_name(flavor, id) == release.info) {
-                report("kept " + release.id + ": it is current now");
+        for (const auto& [named, role] : {std::pair(current.ids, "current"), {current.candidates, "a candidate"}}) {
+            if (std::any_of(named.begin(), named.end(),
+                            [&](const auto& each) { return info_name(each.first, each.second) == release.info; })) {
+                report("kept " + release.id + ": it is " + role + " now");
                 return;
             }
         }
@@ -152,13 +156,17 @@ private:
     std::size_t others_ = 0;
 };
 
-// The archives first: which of them a killed run has left, only its work directory says.
-void remove_what_killed_runs_left(Remover& remover, const fs::path& place, std::vector<std::string>& strangers) {
+// The archives before the work directory: only that says which of them a killed run has left.
+void remove_what_killed_runs_left(Remover& remover, const fs::path& place, Catalogue& catalogue) {
+    for (const auto& name : catalogue.leftovers) {
+        remover.orphan(name, "a killed run has left");
+    }
     if (!has_work_directory(place)) {
         return;
     }
     for (const auto& name : archives_of_killed_run(place)) {
         remover.orphan(name, "a killed run has left");
+        auto& strangers = catalogue.strangers;
         strangers.erase(std::remove(strangers.begin(), strangers.end(), name), strangers.end());
     }
     remover.work_directory();
@@ -192,7 +200,7 @@ void prune(const Options& options, Run& run) {
     require_understood(catalogue);
     const std::int64_t now = now_ns();
     Remover remover(options, catalogue, run);
-    remove_what_killed_runs_left(remover, place, catalogue.strangers);
+    remove_what_killed_runs_left(remover, place, catalogue);
     remove_releases(remover, catalogue, options, now);
     for (const auto& name : catalogue.orphans) {
         const std::int64_t grace_ns = times_of(place / name).changed_ns + options.grace_s * second_ns;

@@ -6,6 +6,7 @@
 
 #include "commands.hpp"
 #include "signature.hpp"
+#include "rollout.hpp"
 #include "upstream.hpp"
 #include "workplace.hpp"
 
@@ -28,6 +29,7 @@ public:
         look();
         choose();
         require_consent();
+        remove_stages();
         if (offer_) {
             restore(*offer_);
         }
@@ -51,6 +53,7 @@ private:
         }
         list_releases();
         look_at_hit();
+        look_at_stages();
         examine_releases();
         for (const auto& [id, release] : releases_) {
             if (!release.fault.empty()) {
@@ -78,13 +81,27 @@ private:
         }
     }
 
-    // Those that are here, and the one that the hit INI names.
+    // Those that are here, and those that the hit INI and the stage files name.
     void examine_releases() {
         if (hit_) {
             releases_[*hit_];
         }
+        if (rollout_.percent > 0) {
+            releases_[rollout_.id];
+        }
         for (auto& [id, release] : releases_) {
-            release = examine(options_, id, id == hit_ ? Depth::entries : Depth::digest, run_);
+            const bool given_out = id == hit_ || id == rollout_.id;
+            release = examine(options_, id, given_out ? Depth::entries : Depth::digest, run_);
+        }
+    }
+
+    void look_at_stages() {
+        rollout_ = rollout_of(options_);
+        for (const auto& [name, fault] : rollout_.faults) {
+            found(fault);
+        }
+        for (const auto& name : rollout_.leftovers) {
+            found(name + ", which a killed run has left");
         }
     }
 
@@ -113,9 +130,12 @@ private:
         return release != releases_.end() && release->second.fault.empty();
     }
 
-    // The releases whose INIs are here, but not all of what they promise.
+    // The releases whose INIs are here, but not all of what they promise; and a candidate without INI.
     [[nodiscard]] std::vector<std::string> damaged() const {
         std::vector<std::string> ids;
+        if (rollout_.percent > 0 && times_.count(rollout_.id) == 0) {
+            ids.push_back(rollout_.id);
+        }
         for (const auto& [id, unused] : times_) {
             if (!is_sound(id)) {
                 ids.push_back(id);
@@ -137,7 +157,7 @@ private:
             return;
         }
         const std::string upstreams = upstream_ ? upstream_->current() : "";
-        if (!upstreams.empty() && held_.count(upstreams) == 0) {
+        if (!upstreams.empty() && held_.count(upstreams) == 0 && upstreams != rollout_.id) {
             target_ = upstreams;
             offer_ = upstream_->release(target_);
             if (is_sound(target_)) {
@@ -205,12 +225,14 @@ private:
 
     // The release that was current before. The newest time is that of the one that last ceased to be current
     // (Workplace::make_current). It comes first when the current one is damaged, and last when it is not known which
-    // one that was.
+    // one that was. A candidate never was.
     std::string former() {
         needs_consent_ = true;
         std::vector<std::string> ids;
         for (const auto& [id, unused] : times_) {
-            ids.push_back(id);
+            if (id != rollout_.id) {
+                ids.push_back(id);
+            }
         }
         std::sort(ids.begin(), ids.end(),
                   [this](const std::string& a, const std::string& b) { return times_[a] > times_[b]; });
@@ -243,14 +265,34 @@ private:
             report("would make current " + target_);
         }
         for (const auto& id : lost) {
-            report("would set aside " + id);
+            report((id == rollout_.id ? "would end the rollout of " + id + " and set aside " : "would set aside ") +
+                   id);
         }
-        fail(upstream_ ? "nothing is changed: the upstream mirror's current release is held; give --yes to do this, or "
-                         "choose a release with zqu-mirror activate"
+        fail(upstream_ ? "nothing is changed: the upstream mirror's current release is " +
+                             std::string(rollout_.percent > 0 ? "held or a candidate" : "held") +
+                             "; give --yes to do this, or choose a release with zqu-mirror activate"
                        : "nothing is changed: give --from UPSTREAM to restore, or --yes to do this");
     }
 
     // ---- What is done ----
+
+    // What belongs to no rollout. Clients of that group find the hit INI then.
+    void remove_stages() {
+        for (const auto& [name, unused] : rollout_.faults) {
+            start_grace(options_, named_id(options_, name).value_or(""));
+            remove_stage(name);
+        }
+        for (const auto& name : rollout_.leftovers) {
+            remove_stage(name);
+        }
+    }
+
+    void remove_stage(const std::string& name) {
+        if (fs::exists(fs::symlink_status(place_.directory() / name))) {
+            run_.step([&] { set_aside(name); });
+            report("removed " + name);
+        }
+    }
 
     void restore(const Offer& offer) {
         const fs::path archive = place_.directory() / offer.info.cab_name;
@@ -361,6 +403,10 @@ private:
             restore(*offer);
             return;
         }
+        if (id == rollout_.id) {
+            std::for_each(stages.rbegin(), stages.rend(),
+                          [this](int percent) { remove_stage(stage_name(options_.flavor, percent)); });
+        }
         run_.step([&] {
             const std::string name = stem(options_.flavor, id);
             set_aside(name + ".ini");
@@ -401,7 +447,8 @@ private:
     Workplace place_;
     const std::set<std::string> held_;
     std::optional<Upstream> upstream_{};
-    std::optional<std::string> hit_{};                   // the release that the hit INI names
+    std::optional<std::string> hit_{};  // the release that the hit INI names
+    Rollout rollout_{};
     std::map<std::string, Examined> releases_{};         // by id
     std::map<std::string, fs::file_time_type> times_{};  // by id, the modification time of the INI, if there is one
     std::string target_{};                               // the release that is to be current

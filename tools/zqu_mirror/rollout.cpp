@@ -28,10 +28,19 @@ int below(int percent) {
     return stage == stages.begin() ? 0 : *(stage - 1);
 }
 
+// A file that cannot be read names nothing: clients cannot read it either.
+std::optional<std::string> readable_id(const Options& options, const std::string& name) {
+    try {
+        return named_id(options, name);
+    } catch (const std::system_error&) {
+        return std::nullopt;
+    }
+}
+
 // Judges the file of the next higher stage.
 void read_stage(const Options& options, int percent, const std::optional<std::string>& current, Rollout& found) {
     const std::string name = stage_name(options.flavor, percent);
-    const auto id = named_id(options, name);
+    const auto id = readable_id(options, name);
     struct stat status {};
     if (lstat((directory_of(options) / name).c_str(), &status) != 0) {  // also one that has just gone
         return;
@@ -53,7 +62,7 @@ void read_stage(const Options& options, int percent, const std::optional<std::st
 
 Rollout read_once(const Options& options) {
     Rollout found;
-    const auto current = current_id(options);
+    const auto current = readable_id(options, hit_name(options.flavor));
     for (const int percent : stages) {
         read_stage(options, percent, current, found);
     }
@@ -63,10 +72,11 @@ Rollout read_once(const Options& options) {
 void remove_stages(const Options& options, const std::vector<std::string>& names) {
     for (const auto& name : names) {
         const fs::path path = directory_of(options) / name;
-        if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+        if (unlink(path.c_str()) == 0) {
+            flush(directory_of(options));
+        } else if (errno != ENOENT) {
             fail_errno("cannot remove " + path.string());
         }
-        flush(directory_of(options));
     }
 }
 
