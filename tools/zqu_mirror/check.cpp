@@ -242,10 +242,7 @@ private:
         require_name("the id", id, info_name(options_.flavor, id));
         const std::string text = client_.fetch_info_text(id);
         found_.modified = client_.last_modified();
-        found_.published = signed_time(text);
-        if (!found_.published) {
-            found_.published = found_.modified;
-        }
+        found_.published = signed_time(text) ? signed_time(text) : found_.modified;
         const zqu::CompleteInfo info = client_.read_info(text, id);
         found_.archive = info.cab_name;
         report(Verdict::ok, info_name(options_.flavor, id) + " names " + info.cab_name);

@@ -55,10 +55,11 @@ void add_quiet(CLI::App& command, Options& options) {
     command.add_flag("--quiet", options.quiet, "Print nothing when all went well");
 }
 
-CLI::Option* add_age(CLI::App& command, const std::string& name, std::int64_t& age_s, const std::string& description) {
+CLI::Option* add_age(CLI::App& command, const std::string& name, std::int64_t& age_s, const std::string& description,
+                     std::int64_t least_s = 0) {
     static constexpr std::int64_t century_s = 3155760000;  // so that no sum in nanoseconds overflows
     return tools::add_duration(
-        command, name, [&age_s](std::int64_t seconds) { age_s = std::min(seconds, century_s); }, description);
+        command, name, [&age_s](std::int64_t seconds) { age_s = std::min(seconds, century_s); }, description, least_s);
 }
 
 void add_grace(CLI::App& command, Options& options) {
@@ -128,11 +129,6 @@ void add_trust(CLI::App& command, Options& options) {
         ->allow_extra_args(false);
 }
 
-void add_max_age(CLI::App& command, Options& options, const std::string& description) {
-    tools::add_duration(
-        command, "--max-age", [&options](auto seconds) { options.max_age_s = seconds; }, description, 1);
-}
-
 void add_upstream(CLI::App& command, Options& options, const std::string& name, const std::string& description) {
     const auto no_upstream = [](const std::string& url) {
         const bool usable = url.rfind("https://", 0) == 0 || url.rfind("file://", 0) == 0;
@@ -151,7 +147,7 @@ void add_mirror(CLI::App& command, Options& options) {
     add_upstream(command, options, "UPSTREAM", "URL of the upstream mirror: scheme and host");
     command.get_option("UPSTREAM")->required();
     add_trust(command, options);
-    add_max_age(command, options, "Refuse a release that was signed longer ago");
+    add_age(command, "--max-age", options.max_age_s, "Refuse a release that was signed longer ago", 1);
     command.add_flag("--verify", options.verify, "Check the digest of what is current here, not its size alone");
     command.add_flag("--force", options.force, "Take a release that is held");
     add_percent(command, options);
@@ -213,8 +209,8 @@ void add_check(CLI::App& command, Options& options) {
     auto* prometheus = add_form("--prometheus", Form::prometheus, "Print metrics for Prometheus");
     prometheus->excludes(json)->excludes(nagios);
     add_trust(command, options);
-    add_max_age(command, options,
-                "An older release is a warning, one of twice this age critical; with --trust, a FAULT at once");
+    add_age(command, "--max-age", options.max_age_s,
+            "An older release is a warning, one of twice this age critical; with --trust, a FAULT at once", 1);
     tools::add_duration(
         command, "--max-rollout", [&options](auto seconds) { options.max_rollout_s = seconds; },
         "A rollout that began longer ago is a warning; for a directory", 1);

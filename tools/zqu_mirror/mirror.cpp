@@ -124,11 +124,7 @@ void follow(const Options& options, Upstream& upstream, Run& run) {
 }  // namespace
 
 void mirror(const Options& options, Run& run) {
-    const std::string keys = trusted_keys(options);
-    if (!options.trust.empty()) {
-        store_keys(options, keys, run);
-    }
-    Upstream upstream(options, keys, run);
+    Upstream upstream(options, trusted_keys(options, run), run);
     try {
         follow(options, upstream, run);
     } catch (...) {

@@ -4,7 +4,6 @@
 #include <climits>
 #include <ctime>
 #include <exception>
-#include <optional>
 
 #include "catalogue.hpp"
 #include "client.hpp"
@@ -83,8 +82,8 @@ void require_free_name(const Options& options) {
 }
 
 // Puts the archive and the INI that describes it into place; nothing names them yet.
-void add_release(const Options& options, const std::vector<Source>& sources, const std::optional<Signer>& signer,
-                 Workplace& place, Run& run) {
+void add_release(const Options& options, const std::vector<Source>& sources, const std::string& key, Workplace& place,
+                 Run& run) {
     const fs::path archive = place.work("archive");
     const std::string name = archive_name(options);
     run.phase("packing", archive);
@@ -98,7 +97,7 @@ void add_release(const Options& options, const std::vector<Source>& sources, con
                              "\ndef.Current.size = " + std::to_string(fs::file_size(archive)) + "\n";
     const std::string more = "def.Current.flavor = " + options.flavor +
                              "\ndef.Current.published = " + std::to_string(std::time(nullptr)) + "\n";
-    write_text(place.work("info"), signer ? signer->sign(text + more) : text);
+    write_text(place.work("info"), key.empty() ? text : with_signature(text + more, key));
     place.add("archive", name);
     place.add("info", info_name(options.flavor, options.id));
     flush(place.directory());
@@ -123,7 +122,7 @@ zqu::CompleteInfo require_release(const Options& options, const std::vector<Sour
         }
     }
     refuse("the archive is refused:", tools::first_fault(found));
-    const std::string fault = key.empty() ? "" : distrust(options, {key}, options.id, text);
+    const std::string fault = key.empty() ? "" : distrust(options, public_half(key), options.id, text);
     refuse(options.id + " was published without this signature, take a new id: its INI file", fault);
     return info;
 }
@@ -135,10 +134,7 @@ void publish(const Options& options, Run& run) {
     if (archive_name(options).size() + std::string(".part").size() > NAME_MAX) {
         fail("the id and the flavor are too long for a file name");
     }
-    std::optional<Signer> signer;
-    if (!options.sign.empty()) {
-        signer.emplace(options.sign);
-    }
+    const std::string key = private_key(options);
     std::vector<Source> sources = measured_sources(options);
     run.phase("reading the definitions");
     for (auto& source : sources) {
@@ -153,7 +149,7 @@ void publish(const Options& options, Run& run) {
     try {
         if (!known) {
             require_free_name(options);
-            add_release(options, sources, signer, place, run);
+            add_release(options, sources, key, place, run);
         }
         run.phase("checking the archive");
     } catch (const std::exception&) {
@@ -161,7 +157,7 @@ void publish(const Options& options, Run& run) {
         throw;
     }
     std::for_each(sources.begin(), sources.end(), require_unchanged);
-    const zqu::CompleteInfo info = require_release(options, sources, signer ? signer->key() : "", known, run);
+    const zqu::CompleteInfo info = require_release(options, sources, key, known, run);
     give_out(options, options.id, place, run);
     const std::string done =
         known ? options.id + " was published before with this content and is " + role_of(options.percent) + " now"

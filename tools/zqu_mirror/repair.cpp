@@ -21,7 +21,7 @@ public:
     Repair(const Options& options, Run& run)
         : options_(options), run_(run), place_(existing_directory(options), run), held_(held_ids(options)) {
         if (!options.upstream.empty()) {
-            upstream_.emplace(options, trusted_keys(options), run);
+            upstream_.emplace(options, trusted_keys(options, run), run);
         }
     }
 
