@@ -117,7 +117,7 @@ def test_page_shows_just_these_two_configurations():
 def test_mirror_of_the_page_serves_each_file_as_it_says(tmp_path, servers):
     own = OwnMirror(tmp_path)
     assert own.publish("1001")[0] == 0
-    assert own.publish("1002", "--zip")[0] == 0
+    assert own.publish("1002", "--format", "zstd")[0] == 0
     server = Server(tmp_path / "nginx", trustme.CA(), 0, **{"/srv/mirror": str(own.root)})
     servers.append(server)
     briefly, for_ever = "public, max-age=60", "public, max-age=31536000, immutable"

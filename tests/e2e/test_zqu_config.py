@@ -13,7 +13,7 @@ from datetime import datetime, timedelta
 import pytest
 import trustme
 from builds import REPOSITORY
-from gateway import SETTINGS, Gateway, configuration, may_mount
+from gateway import BUILD, SETTINGS, Gateway, configuration, may_mount, preloading
 from release import HIT
 from scripted_server import ScriptedServer, reply
 from tools import AS_ROOT, Tool, cases
@@ -292,6 +292,14 @@ def test_mirror_that_is_not_set_is_reported(conf):
     del conf.harmless["mirror_base_url"]
     conf.write()
     conf.expect(f" {NOT_SET}")
+
+
+def test_libarchive_without_zstandard_is_reported(conf):
+    conf.write()
+    conf.expect()
+    warning = "this machine's libarchive has no Zstandard: updates fail if the mirror has .zst archives"
+    shim = {"LD_PRELOAD": preloading("libzqu_zstd_shim.so"), "LD_LIBRARY_PATH": str(BUILD)}
+    conf.expect(f" warning: {warning}", env={**os.environ, **shim})
 
 
 # ---- The file itself ----

@@ -1,9 +1,11 @@
 """zqu-mirror publish: what it puts on a mirror, and what it refuses."""
 
 import hashlib
+import io
 import os
 import re
 import stat
+import struct
 import subprocess
 import zipfile
 from pathlib import Path
@@ -19,7 +21,8 @@ from tools import under_strace
 CAB_CAPACITY = 65535 * 32768
 CHECK_FORMS = ["check --json", "check --nagios", "check --prometheus"]
 FULL = "cannot write to standard output: No space left on device"
-FORMATS = {"cab": [], "zip": ["--zip"]}
+FORMATS = {"cab": [], "zip": ["--format", "zip"], "zip.zst": ["--format", "zstd"]}
+ZIP, ZSTD = FORMATS["zip"], FORMATS["zip.zst"]
 
 
 def expect_clean(own, id, extension="cab"):
@@ -58,7 +61,7 @@ def test_daemon_takes_the_release(own, extension):
     # Modification times carry over (a CAB's are even seconds), and nobody else may write the definitions.
     states = [(gateway.root / "active" / name).stat() for name in (FIRST, SECOND)]
     assert [int(state.st_mtime) for state in states] == [1583298368, 1614834370]
-    assert {stat.S_IMODE(state.st_mode) for state in states} == {0o555 if extension == "cab" else 0o644}
+    assert {stat.S_IMODE(state.st_mode) for state in states} == {0o644 if extension == "zip" else 0o555}
 
 
 def test_cab_is_compressed_and_intact_for_other_programs(own):
@@ -74,12 +77,43 @@ def test_cab_is_compressed_and_intact_for_other_programs(own):
 
 
 def test_zip_is_deflated_and_intact_for_other_programs(own):
-    assert own.publish("1", "--zip")[0] == 0
+    assert own.publish("1", *ZIP)[0] == 0
     with zipfile.ZipFile(own.path("antivir-v2-c-1.zip")) as archive:
         assert archive.testzip() is None
         entries = [(entry.filename, entry.compress_type, entry.external_attr >> 16) for entry in archive.infolist()]
         assert entries == [(name, zipfile.ZIP_DEFLATED, 0o100644) for name in (INDEX, FIRST, SECOND)]
         assert archive.read(FIRST) == own.antivir.read_bytes()
+
+
+def test_zstd_is_a_stored_zip_of_a_bounded_window(own):
+    own.antivir.write_bytes(noise(70000, "antivir") * 70)
+    assert own.publish("1", *ZSTD)[0] == 0
+    data = own.path("antivir-v2-c-1.zip.zst").read_bytes()
+    unpacked = subprocess.run(["zstd", "-dc"], input=data, capture_output=True, timeout=60, check=True).stdout
+    # RFC 8878, section 3.1.1.1: the size in 4 bytes and a checksum; a window of 4 MiB.
+    assert data[:10] == struct.pack("<IBBI", 0xFD2FB528, 0x84, (22 - 10) << 3, len(unpacked))
+    with zipfile.ZipFile(io.BytesIO(unpacked)) as archive:
+        assert archive.testzip() is None
+        entries = [(entry.filename, entry.compress_type, entry.external_attr >> 16) for entry in archive.infolist()]
+        assert entries == [(name, zipfile.ZIP_STORED, 0o100555) for name in (INDEX, FIRST, SECOND)]
+        assert archive.read(FIRST) == own.antivir.read_bytes()
+
+
+def test_zstd_has_the_same_bytes_everywhere(own):
+    """On one processor or two, in any time zone, with any umask."""
+    own.antivir.write_bytes(noise(70000, "antivir") * 600)  # several of libzstd's jobs
+    first, *others = sorted(os.sched_getaffinity(0))
+    log, made = own.base / "threads", []
+    for place, zone, umask in (
+        (f"{first}", "UTC", 0o022),
+        (",".join(map(str, [first, *others[:1]])), "NZST-12", 0o077),
+    ):
+        prefix = ["taskset", "-c", place, "strace", "-f", "-e", "trace=clone,clone3", "-o", log]
+        options = {"umask": umask, "env": {**os.environ, **under_strace(), "TZ": zone}}
+        assert own.publish(zone, *ZSTD, prefix=prefix, **options)[0] == 0
+        assert len(re.findall(r" clone3?\(.* = \d", log.read_text())) == 1 + len(place.split(",")) + 1
+        made.append(own.path(f"antivir-v2-c-{zone}.zip.zst").read_bytes())
+    assert made[0] == made[1]
 
 
 @pytest.mark.parametrize("extension", FORMATS)
@@ -134,7 +168,7 @@ def test_same_release_again_goes_back_to_it(own):
     assert own.check()[1].startswith(f"ok       {HIT} names old\n")
     again = (0, f"{own.summary('1').replace(':', ' was published before with this content and is current now:')}\n", "")
     assert own.publish("1") == again
-    assert own.publish("1", "--zip") == again
+    assert own.publish("1", *ZIP) == again
     assert {name: entry for name, entry in own.tree().items() if "-c-old." not in name} == first
 
 
@@ -232,11 +266,12 @@ def test_output_that_cannot_be_written_is_a_failure(own, command):
     assert run.into_full_device(*words) == (3 if "nagios" in command else 1, f"zqu-mirror: {FULL}\n")
 
 
-def test_id_too_long_for_a_clients_temporary_name_is_refused(own):
-    longest = 255 - len("antivir-v2-c-.cab.part")
+@pytest.mark.parametrize("extension", FORMATS)
+def test_id_too_long_for_a_clients_temporary_name_is_refused(own, extension):
+    longest = 255 - len(f"antivir-v2-c-.{extension}.part")
     line = "the id and the flavor are too long for a file name"
-    own.expect_refused(line, *own.publishing("x" * (longest + 1)))
-    assert own.publish("x" * longest)[0] == 0
+    own.expect_refused(line, *own.publishing("x" * (longest + 1), *FORMATS[extension]))
+    assert own.publish("x" * longest, *FORMATS[extension])[0] == 0
     assert own.check()[0] == 0
 
 
@@ -272,7 +307,7 @@ REFUSED = {
     ),
     "more than a CAB": (
         make_too_large,
-        f"the definitions do not fit into a CAB, which holds {CAB_CAPACITY} bytes with the index: use --zip",
+        f"the definitions do not fit into a CAB, which holds {CAB_CAPACITY} bytes with the index: use --format zip or zstd",
     ),
 }
 
@@ -284,10 +319,10 @@ def test_publish_is_refused_and_the_mirror_is_untouched(own, case):
     make(own)
     own.expect_refused(line.format(base=own.base), *own.publishing("new"))
     if case == "other content":
-        own.expect_refused(line, *own.publishing("new", "--zip"))
+        own.expect_refused(line, *own.publishing("new", *ZSTD))
     if case == "archive name taken":
         assert own.check()[0] == 0
-        assert own.publish("new", "--zip")[0] == 0
+        assert own.publish("new", *ZSTD)[0] == 0
 
 
 def test_unreadable_file_is_refused(own):

@@ -99,6 +99,22 @@ def long_index():
     return changed(0, content=release("new")[0].content + b"; \n" * 400_000)
 
 
+def zstd_frame(*blocks, window=17):
+    """Blocks of a byte that is repeated so often, or of bytes as they are; a window of 2^window bytes (RFC 8878, section 3.1.1)."""
+    packed = b""
+    for number, (content, repeats) in enumerate(blocks, 1):
+        fields = (number == len(blocks)) | (repeats > 1) << 1 | (repeats if repeats > 1 else len(content)) << 3
+        packed += struct.pack("<I", fields)[:3] + content
+    return struct.pack("<IBB", 0xFD2FB528, 0, (window - 10) << 3) + packed
+
+
+def nested(layers):
+    archive = zip_bytes(new())
+    for _ in range(layers):
+        archive = zstd_frame((archive, 1))
+    return archive
+
+
 CANNOT = "x.zip cannot be unpacked: {}"
 NO_FILE_NAME = CANNOT.format("an entry has no file name")
 FAULTS = {
@@ -127,6 +143,11 @@ FAULTS = {
         b"".join(map(zip_local, release("new"))) + b"PK\3\4",
         CANNOT.format("Truncated ZIP file header"),
     ),
+    "window too large": (
+        zstd_frame((zip_bytes(new()), 1), window=28),
+        CANNOT.format("Zstd decompression failed: Frame requires too much memory for decoding"),
+    ),
+    "nested streams": (nested(25), CANNOT.format("Input requires too many filters for decoding")),
     "huge file": (of_size(2**33 + 1), CANNOT.format("huge is larger than a gateway accepts")),
 }
 
@@ -187,15 +208,6 @@ def test_what_clients_accept_is_noted_and_copied(hostile, what):
     if AS_ROOT:
         assert hostile.run("check", user=OTHER_USER, group=OTHER_USER, extra_groups=[]) == found
     assert hostile.run("mirror")[0] == 0
-
-
-def zstd_frame(*blocks):
-    """Blocks of a byte that is repeated so often, or of bytes as they are (RFC 8878, section 3.1.1)."""
-    packed = b""
-    for number, (content, repeats) in enumerate(blocks, 1):
-        fields = (number == len(blocks)) | (repeats > 1) << 1 | (repeats if repeats > 1 else len(content)) << 3
-        packed += struct.pack("<I", fields)[:3] + content
-    return struct.pack("<IBB", 0xFD2FB528, 0, 7 << 3) + packed
 
 
 def larger_than_three_files():

@@ -18,8 +18,12 @@ def table(*rows):
     return "".join(f"{line}\n" for line in lines)
 
 
+def archive_of(own, id, form):
+    return own.path(f"antivir-v2-c-{id}.{'zip.zst' if form == 'zstd' else form}")
+
+
 def row(own, id, state="former", form="cab"):
-    archive = own.path(f"antivir-v2-c-{id}.{form}")
+    archive = archive_of(own, id, form)
     return id, utc(archive.stat().st_mtime), str(archive.stat().st_size), form, state
 
 
@@ -27,7 +31,7 @@ def row(own, id, state="former", form="cab"):
 def listed(own):
     """Release 4 is current, 3 was until an hour ago, and 2 is held."""
     own.history(50, 40, 30)
-    assert own.publish("4", "--zip")[0] == 0
+    assert own.publish("4", "--format", "zstd")[0] == 0
     for id, age in zip("123", (50, 40, 30)):
         own.set_age(cab(id), age)
     own.path(HELD).mkdir()
@@ -42,7 +46,7 @@ def listed(own):
 
 def test_table_has_the_current_release_first_then_the_newest(listed):
     grace = f"within the grace until {utc(listed.replaced + 3600)}"
-    rows = [row(listed, "4", "current", "zip"), row(listed, "3", grace), row(listed, "2", "held"), row(listed, "1")]
+    rows = [row(listed, "4", "current", "zstd"), row(listed, "3", grace), row(listed, "2", "held"), row(listed, "1")]
     assert listed.list() == (0, table(*rows), "")
     rows[1] = row(listed, "3")
     assert listed.list("--grace", "0") == (0, table(*rows), "")
@@ -51,7 +55,7 @@ def test_table_has_the_current_release_first_then_the_newest(listed):
 
 
 def entry(own, id, current=False, until=None, held=False, form="cab"):
-    archive = own.path(f"antivir-v2-c-{id}.{form}")
+    archive = archive_of(own, id, form)
     return {
         "id": id,
         "archive": archive.name,
@@ -75,7 +79,7 @@ def test_json_is_one_document_with_all_of_it(listed):
         "held": ["2"],
         "problems": [],
         "releases": [
-            entry(listed, "4", True, form="zip"),
+            entry(listed, "4", True, form="zstd"),
             entry(listed, "3", until=int(listed.replaced + 3600)),
             entry(listed, "2", held=True),
             entry(listed, "1"),

@@ -211,7 +211,7 @@ def test_client_on_its_way_is_served_within_the_grace(own, grace, left):
 
 def test_archive_of_ours_that_nothing_names_goes_after_the_grace(own):
     own.history(40, 30)
-    name = "antivir-v3-beta-c-9.zip"
+    name = "antivir-v3-beta-c-9.zip.zst"
     own.write(name, b"x" * 5000)
     os.utime(own.path(name), (1, 1))  # but it came a moment ago, whatever its time
     assert own.prune(env={**os.environ}) == NOTHING
@@ -223,7 +223,7 @@ def test_archive_of_ours_that_nothing_names_goes_after_the_grace(own):
 
 
 @pytest.mark.parametrize(
-    "name", ["backup.zip", "antivir-v2-9.cab", "antivir-v2-c-.cab", "antivir-v2-c-a b.zip", "antivir--c-1.cab"]
+    "name", ["backup.zip", "antivir-v2-9.cab", "antivir-v2-c-.zip.zst", "antivir-v2-c-a b.zip", "antivir--c-1.cab"]
 )
 def test_archive_of_somebody_else_is_kept_and_listed(own, name):
     own.history(40, 30)
@@ -233,7 +233,7 @@ def test_archive_of_somebody_else_is_kept_and_listed(own, name):
     assert own.files() == sorted([*own.files_of("1", "2"), name])
 
 
-@pytest.mark.parametrize("name", ["mine.zip", cab("q")])
+@pytest.mark.parametrize("name", ["mine.zip.zst", cab("q")])
 def test_directory_with_the_name_of_an_archive_is_kept(own, name):
     own.history(40, 30)
     own.path(name).mkdir()

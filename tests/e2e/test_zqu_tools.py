@@ -90,7 +90,7 @@ FILES = "a file|other file|the directory"
 COMPLETIONS = {
     "zqu-mirror|": "publish mirror activate repair prune list check",
     "zqu-mirror|-": "--help --version",
-    "zqu-mirror|publish|-": COMMON + "--quiet --id --sign --zip --allow-empty",
+    "zqu-mirror|publish|-": COMMON + "--quiet --id --sign --format --allow-empty",
     "zqu-mirror|mirror|-": COMMON
     + "--quiet --upstream-subdir --ca --timeout --allow-http --trust --max-age --verify --force",
     "zqu-mirror|activate|-": COMMON + "--quiet",
@@ -103,6 +103,7 @@ COMPLETIONS = {
     "zqu-mirror|check|-": COMMON + "--ca --timeout --quiet --json --nagios --prometheus --trust --max-age",
     "zqu-mirror|check|--max-age|2": "2s 2m 2h 2d 2w",
     "zqu-mirror|publish|--id|": "",
+    "zqu-mirror|publish|--format|z": "zip zstd",
     "zqu-mirror|prune|--older-than|30": "30s 30m 30h 30d 30w",
     "zqu-mirror|prune|--grace|=|2": "2s 2m 2h 2d 2w",
     "zqu-mirror|prune|t": "the directory|",

@@ -122,6 +122,9 @@ void check_lines(const Reading& reading, Findings& findings);
 // What the settings mean. Nothing on the disk is looked at.
 void check_values(const Reading& reading, Findings& findings);
 
+// Whether the libraries that the daemon uses can read what mirrors have.
+void check_libraries(Findings& findings);
+
 // Whether the paths can be used. Throws what refusal() throws.
 void check_paths(const Reading& reading, const User& user, Findings& findings);
 

@@ -67,6 +67,7 @@ Findings find(const ConfigRequest& request) {
         return findings;
     }
     check_values(reading, findings);
+    check_libraries(findings);
     if (!user.remark.empty()) {
         findings.note(0, user.remark);
     }

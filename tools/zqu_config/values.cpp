@@ -1,3 +1,4 @@
+#include <archive.h>
 #include <curl/curl.h>
 #include <unistd.h>
 
@@ -259,6 +260,13 @@ void check_values(const Reading& reading, Findings& findings) {
     check_interval(reading, findings);
     check_retained(reading, findings);
     check_timeout(reading, findings);
+}
+
+void check_libraries(Findings& findings) {
+    const Handle<archive, archive_read_free> reader(archive_read_new());
+    if (archive_read_support_filter_zstd(reader.get()) != ARCHIVE_OK) {  // it would look for a zstd(1) to run
+        findings.warning(0, "this machine's libarchive has no Zstandard: updates fail if the mirror has .zst archives");
+    }
 }
 
 void check_online(const Reading& reading, const User& user, std::chrono::seconds limit, bool quiet,
