@@ -8,6 +8,7 @@ from scripted_server import ScriptedServer
 pytest.register_assert_rewrite("mirror_tool", "tools")  # so that they too show what was expected and what came
 
 import mirror_tool  # noqa: E402  (the line above has to come first)
+from mirrors_page import servers  # noqa: E402, F401
 
 
 @pytest.fixture

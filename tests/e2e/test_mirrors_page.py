@@ -1,23 +1,16 @@
 """The page for operators of mirrors: its commands answer as it says, and its nginx configurations do what it says."""
 
 import re
-import ssl
 import subprocess
 import textwrap
 from concurrent.futures import ThreadPoolExecutor
-from http.client import HTTPSConnection
 
 import pytest
-import trustme
-from builds import REPOSITORY
 from gateway import Gateway
 from mirror_tool import SUBDIR, WORK, OwnMirror, noise, run, unchanged
-from mirrors import Nginx
+from mirrors_page import CONFIGURATIONS, PAGE
 from outcomes import published
 from release import HIT, info_name
-
-PAGE = (REPOSITORY / "docs" / "mirrors.md").read_text()
-CONFIGURATIONS = re.findall(r"```nginx\n(.*?)```", PAGE, re.DOTALL)
 
 
 def masked(text):
@@ -49,83 +42,29 @@ def test_commands_of_the_page_answer_as_it_says(tmp_path):
         assert (program, code, masked(out), err) == ("zqu-mirror", 0, masked(answer), "")
 
 
-class Server(Nginx):
-    """nginx with one of the page's configurations, set for this machine."""
-
-    CERTIFICATES = ("good",)
-
-    def __init__(self, folder, authority, number, rate=0, **changes):
-        folder.mkdir()
-        self.authority = authority
-        self.page = CONFIGURATIONS[number]
-        self.rate = rate
-        self.changes = changes
-        super().__init__(folder)
-
-    def _make_certificates(self):
-        self.authority.cert_pem.write_to_path(self.ca_path)
-        leaf = self.authority.issue_cert("localhost", "127.0.0.1", "mirror.example")
-        leaf.private_key_and_cert_chain_pem.write_to_path(self.folder / "good.pem")
-
-    def _http_lines(self):
-        return f"limit_rate {self.rate};"
-
-    def _server(self, name):
-        text = self.page
-        changes = {
-            r"listen 443 ssl;": f"listen 127.0.0.1:{self.ports[name]} ssl;",
-            r"/etc/ssl/(mirror|proxy)\.pem|/etc/ssl/private/\w+\.key": f"{self.folder}/{name}.pem",
-            **self.changes,
-        }
-        for pattern, new in changes.items():
-            text, count = re.subn(pattern, lambda unused: new, text)
-            assert count, pattern
-        assert not re.search(r"/etc/|/srv/|/var/|\b443\b", text.replace(str(self.folder), ""))
-        return text
-
-    def get(self, path):
-        """The status, the headers and the body of an answer; redirects are not followed."""
-        context = ssl.create_default_context(cafile=self.ca_path)
-        connection = HTTPSConnection("localhost", self.ports["good"], context=context, timeout=30)
-        connection.request("GET", f"/{path}")
-        answer = connection.getresponse()
-        return answer.status, dict(answer.headers), answer.read()
-
-    def asked_for(self, suffix):
-        lines = (self.folder / "access.log").read_text().splitlines()
-        return [line for line in lines if line.split()[0].endswith(suffix)]
-
-
-@pytest.fixture
-def servers():
-    started = []
-    yield started
-    for server in started:
-        server.stop()
-
-
 def gateway_of(server, folder):
     folder.mkdir()
     return Gateway(folder, mirror_base_url=server.url(), mirror_subdir=SUBDIR, ca_path=server.ca_path)
 
 
-def test_page_shows_just_these_two_configurations():
+def test_page_shows_just_the_split_and_two_servers():
     names = [re.findall(r"^ +server_name (\S+);", text, re.MULTILINE) for text in CONFIGURATIONS]
-    assert names == [["mirror.example"], ["proxy.example"]]
+    assert names == [[], ["mirror.example"], ["proxy.example"]]
 
 
 def test_mirror_of_the_page_serves_each_file_as_it_says(tmp_path, servers):
+    """Without a rollout: whatever the group is."""
     own = OwnMirror(tmp_path)
     assert own.publish("1001")[0] == 0
     assert own.publish("1002", "--format", "zstd")[0] == 0
-    server = Server(tmp_path / "nginx", trustme.CA(), 0, **{"/srv/mirror": str(own.root)})
-    servers.append(server)
-    briefly, for_ever = "public, max-age=60", "public, max-age=31536000, immutable"
+    server = servers.mirror(own.root)
+    lifetimes = {".ini": "public, max-age=60", ".cab": "public, max-age=31536000, immutable"}
     for path in own.folder.iterdir():
         status, headers, body = server.get(f"{SUBDIR}/{path.name}")
         assert (status, body) == (200, path.read_bytes())
         assert headers["Content-Length"] == str(path.stat().st_size)
-        assert headers["Cache-Control"] == (briefly if path.suffix == ".ini" else for_ever)
+        expected = lifetimes.get(path.suffix, lifetimes[".cab"])
+        assert headers["Cache-Control"] == ("private, max-age=60" if path.name == HIT else expected)
     (own.root / "README").write_text("mine")
     with own.stopped(own.publishing("1003"), f"{WORK}/hit"):
         hidden = f"{SUBDIR}/{WORK}/hit"
@@ -146,39 +85,19 @@ def lifetimes_of_sessions(server, protocol):
 
 @pytest.mark.parametrize("protocol", ["-tls1_2", "-tls1_3"])
 def test_sessions_of_the_pages_servers_outlive_the_longest_wait(tmp_path, servers, protocol):
-    mirror = Server(tmp_path / "mirror-nginx", trustme.CA(), 0, **{"/srv/mirror": str(tmp_path)})
-    servers.append(mirror)
-    here = {
-        "/var/cache/nginx/definitions": str(tmp_path / "cache"),
-        "/etc/ssl/fleet-ca.pem": str(mirror.ca_path),
-        "https://mirror.example": mirror.url(),
-    }
-    servers.append(Server(tmp_path / "proxy-nginx", trustme.CA(), 1, **here))
-    for server in servers:
+    mirror = servers.mirror(tmp_path)
+    for server in mirror, servers.proxy(mirror):
         (lifetime,) = lifetimes_of_sessions(server, protocol)
         assert lifetime > 900 + 120
 
 
 def test_proxy_of_the_page_fetches_an_archive_once_for_all(tmp_path, servers):
     own = OwnMirror(tmp_path)
-    authority = trustme.CA()
     own.antivir.write_bytes(noise(1 << 20, "big"))
     assert own.publish("1001")[0] == 0
     # Slow enough for all gateways to ask for the archive while it is still on its way.
-    mirror = Server(tmp_path / "mirror-nginx", authority, 0, rate="2m", **{"/srv/mirror": str(own.root)})
-    servers.append(mirror)
-    proxy = Server(
-        tmp_path / "proxy-nginx",
-        authority,
-        1,
-        **{
-            "/var/cache/nginx/definitions": str(tmp_path / "cache"),
-            "/etc/ssl/fleet-ca.pem": str(mirror.ca_path),
-            "https://mirror.example": mirror.url(host="127.0.0.1"),
-            r"proxy_cache_valid 200 1m;": "proxy_cache_valid 200 1s;",
-        },
-    )
-    servers.append(proxy)
+    mirror = servers.mirror(own.root, rate="2m")
+    proxy = servers.proxy(mirror, **{"proxy_cache_valid 200 1m;": "proxy_cache_valid 200 1s;"})
     gateways = [gateway_of(proxy, tmp_path / f"gateway-{number}") for number in range(6)]
     with ThreadPoolExecutor(6) as pool:
         logs = list(pool.map(Gateway.run_once, gateways))
