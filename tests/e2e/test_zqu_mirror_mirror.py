@@ -7,7 +7,7 @@ import pytest
 from mirror_tool import DOTS_RULE, HIT_RULE, NAME_RULE, WORK, change_byte, change_info, cut, remove, run
 from outcomes import tree
 from release import HIT, good_files, info_name, sha256
-from scripted_server import ScriptedServer, reply, stall
+from scripted_server import ScriptedServer, flood, head, reply, stall
 from tools import AS_ROOT
 
 REPAIR = "run zqu-mirror repair --from UPSTREAM MIRROR"
@@ -273,7 +273,8 @@ def test_redirect_to_plain_http_is_refused_unless_allowed(copy, scripted, name):
         assert plain.targets() == [name]
 
 
-def test_upstream_that_falls_silent_is_given_up(copy, scripted):
-    scripted.server.script = {HIT: [stall]}
+@pytest.mark.parametrize("steps", [[stall], [head(), flood(b"x", 0.1)]], ids=["silent", "dripping"])
+def test_upstream_that_falls_silent_or_drips_is_given_up(copy, scripted, steps):
+    scripted.server.script = {HIT: steps}
     words = ["mirror", "--ca", scripted.ca_path, "--timeout", "1s", "--subdir", "defs", scripted.url, copy.root]
     copy.expect_refused(f"GET {scripted.url}/defs/{HIT}: Timeout was reached", *words)
