@@ -10,7 +10,7 @@ import pytest
 import trustme
 from gateway import Gateway
 from mirrors import Mirror, Nginx
-from trials import server_context
+from trials import Trial, server_context
 
 FAILED, FILES = pytest.StashKey(), pytest.StashKey()
 
@@ -113,3 +113,17 @@ def authority():
 @pytest.fixture(scope="session")
 def scripted_context(authority):
     return server_context(authority.issue_cert("localhost", "127.0.0.1"))
+
+
+@pytest.fixture
+def trial(authority, scripted_context, tmp_path, record_property, thorough):
+    """A gateway with a release in service, and a mirror that does what the test says; in memory, as above."""
+    with tempfile.TemporaryDirectory(dir="/dev/shm", prefix="zqu-") as folder:
+        trial = Trial(pathlib.Path(folder), tmp_path / "kept", scripted_context, authority, thorough)
+        try:
+            trial.begin()
+            yield trial
+            if trial.tried:
+                record_property("answers_of_hostile_mirrors", trial.tried)
+        finally:
+            trial.end()

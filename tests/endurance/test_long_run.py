@@ -1,19 +1,20 @@
-"""Thousands of cycles of one process, with whatever a mirror can do to it, beside the model: all events and all files
-are compared, and nothing may grow."""
+"""Thousands of cycles of one process, with whatever a mirror can do to it: each logs, waits and changes the disk as it
+has to, and nothing grows."""
 
 import os
 import re
 import signal
+from datetime import datetime, timedelta
 
 import pytest
-from gateway import SANITIZED, STOPPED, Gateway
-from mirrors import Mirror, Nginx
-from model import Pace, model_of
-from model_disk import scan
-from model_mirror import UNREACHABLE, ModelMirror
-from paced import EPOCH, PacedDaemon
+from gateway import SANITIZED, STOPPED
+from outcomes import published
+from paced import SLICE, PacedDaemon
+from raw_archives import LINK, release
+from scripted_server import ScriptedServer, reply
+from trials import NEW, OLD, SERVERS_REFUSAL, SNAPSHOTS, UNTRUSTED, Case, server_context
 
-SETTINGS = {"poll_interval_s": 9, "poll_jitter_s": 5, "retained_snapshots": 3}
+INTERVAL = 9
 
 # The allocator's cache of a thread would count as memory in use, and fill up little by little.
 NO_CACHE = "glibc.malloc.tcache_count=0"
@@ -23,135 +24,100 @@ NO_CACHE = "glibc.malloc.tcache_count=0"
 HEAP_BYTES = 1024
 PAGES_KIB = 256
 
-# What may be wrong with a release, and how often the daemon meets it: more exceptions in a row than there are steps by
-# which the wait shrinks.
-FLAWS = {
-    "archive digest wrong": 3,
-    "archive not there": 3,
-    "not an archive": 3,
-    "without the first": 3,
-    "index wrong for the second": 3,
-    "complete-info not there": 3,
-    "complete-info without the name": 3,
-    "first links to itself": 6,
-}
-KINDS = {"published", "current", "pruned", "defId fetch failed", "complete-info fetch failed", "download CAB"}
-KINDS |= {"CAB sha256 mismatch", "CAB extract", "CAB missing", "sha256 mismatch", "publish/flip failed"}
-KINDS |= {"link not made", "exception while staging"}
 
-
-@pytest.fixture
-def setting(tmp_path):
-    """A gateway, its mirror, and an nginx of the test's own, which it may stop, start and give other certificates."""
-    for name in ("nginx", "machine"):
-        (tmp_path / name).mkdir()
-    server = Nginx(tmp_path / "nginx")
-    mirror = ModelMirror(Mirror(server.root, "defs"), server.url(), tmp_path / "scratch")
-    settings = {"mirror_base_url": server.url(), "mirror_subdir": "defs", "ca_path": server.ca_path, **SETTINGS}
-    gateway = Gateway(tmp_path / "machine", **settings)
-    yield gateway, mirror, server
-    gateway.end_all()
-    server.stop()
+def flawed(trial):
+    """What may be wrong with a release."""
+    index, first, second = release(NEW)
+    stage = trial.gateway.root / "snapshots" / NEW
+    cannot_open = f"err extract: cannot open {stage}/release.archive: Unrecognized archive format"
+    gone = [reply(b"", "404 Not Found")]
+    second.content, wrong = b"wrong", second.name.decode()
+    return [
+        trial.case("hit", [reply(b"[Current]\n")], "unreadable"),
+        trial.case("info", gone, SERVERS_REFUSAL),
+        trial.case("info", [reply(b"")], "unreadable"),
+        trial.case("archive", gone, SERVERS_REFUSAL),
+        trial.case("archive", [reply(b"other")], "unreadable"),
+        trial.archive_case(b"no archive" * 50, "CAB extract", cannot_open),
+        trial.archive_case([index, second], "CAB missing antivir-v2.def"),
+        trial.archive_case([index, first, second], f"sha256 mismatch {wrong}"),
+    ]
 
 
 class Run:
-    """A daemon under way, its mirror and its model, and what its next cycles have to do."""
+    """A daemon under way, its mirror, and what its next cycles have to do."""
 
-    def __init__(self, gateway, mirror, server, prefix=()):
-        self.gateway = gateway
-        self.mirror = mirror
-        self.server = server
-        self.number = 1000
+    def __init__(self, trial, authority, prefix=()):
+        self.trial, self.gateway = trial, trial.gateway
         self.cycles = 0
-        self.spare_leaves = [server.authority.issue_cert("localhost", "127.0.0.1") for _ in range(2)]
-        before = scan(gateway.config_path.parent)  # with the configuration
-        self.daemon = PacedDaemon(gateway, prefix=prefix, GLIBC_TUNABLES=NO_CACHE)
-        self.model = model_of(gateway.folder, mirror, before, Pace(self.daemon.process.pid, EPOCH))
-        self.disk = self.model.disk
-        self.model.start(gateway.settings)
-        self.model.begin_loop()
-        assert self.daemon.until_gate()[-1:] == self.disk.lines
+        good = [server_context(authority.issue_cert("127.0.0.1")) for _ in range(2)]
+        yesterday = datetime.utcnow() - timedelta(days=1)
+        self.expired = server_context(authority.issue_cert("127.0.0.1", not_after=yesterday))
+        self.contexts = [self.expired, *good]
+        self.gateway.settings.update(poll_interval_s=INTERVAL, poll_jitter_s=1)
+        self.daemon = PacedDaemon(self.gateway, prefix=prefix, GLIBC_TUNABLES=NO_CACHE)
+        self.daemon.until_gate()
+        self.idle = Case(trial.old.script, [], OLD, "", trial.before)
+        self.back = Case(trial.old.script, published(OLD, NEW), OLD, "", trial.before)
 
-    def check(self, count):
-        """Lets the daemon run some cycles, which have to go as in the model."""
-        nodes, self.model.times = scan(self.gateway.folder)
-        self.disk.begin(nodes)
-        for _ in range(count):
-            self.model.check()
-        self.cycles += count
+    def check(self, case, *waits):
+        """Lets the daemon run a cycle for each wait, which all have to go as the case says."""
+        self.trial.server.script = {**self.trial.new.script, **case.script}
+        self.cycles += len(waits)
         self.daemon.run_until(2 * self.cycles + 1)  # a cycle reads the clock twice
-        self.compare(self.daemon.until_gate(), self.disk.lines)
+        events = [re.sub("^time .*", "time", event) for event in self.daemon.until_gate()]
+        assert events == [line for wait in waits for line in ("time", *case.lines, "time", *[SLICE] * wait)]
 
-    def compare(self, events, expected):
-        assert events == expected
-        self.disk.expect_real()
+    def expect(self, case, count=3):
+        """Checks that leave the status and the disk as the case says."""
+        self.check(case, *[INTERVAL] * count)
+        self.trial.expect(case, case.lines)
 
-    def publish(self, *flaws):
-        """Under an id as long as all others, so that no text in memory grows."""
-        self.mirror.publish(f"{self.number + 1:08}", flaws)
+    def update(self):
+        """To the new release, and back to the old one."""
+        self.expect(self.trial.published({}), 1)
+        self.expect(self.back, 1)
 
-    def new_release(self):
-        self.publish()
-        self.number += 1
-        self.check(2)
+    def exceptions(self):
+        """More in a row than there are steps by which the wait shrinks. The status stays as it was."""
+        index, first, second = release(NEW)
+        first.content, first.mode = first.name, LINK
+        case = self.trial.archive_case([index, first, second], "")
+        path = self.gateway.root / "snapshots" / NEW / first.name.decode()
+        text = f"filesystem error: status: Too many levels of symbolic links [{path}]"
+        case.lines = [f"err run_once exception: {text}"]
+        self.check(case, 9, 4, 2, 1, 1, 1)
 
-    def flawed_releases(self):
-        """Each is then replaced by a good one of the same id."""
-        for flaw, count in FLAWS.items():
-            self.publish(flaw)
-            self.check(count)
-            self.new_release()
-
-    def no_id(self):
-        self.mirror.announce(f"{self.number + 1:08}", "no id")
-        self.check(3)
-        self.new_release()
-
-    def start_server(self, failure=""):
-        self.server.start()
-        self.mirror.failure = failure
-        self.check(3)
-
-    def server_down(self):
-        self.server.stop()
-        self.mirror.failure = UNREACHABLE
-        self.check(3)
-        self.start_server()
-
-    def certificate_rolled(self):
-        self.spare_leaves.append(self.spare_leaves.pop(0))
-        self.server.set_certificate(self.spare_leaves[0])
-        self.server.reload()
-        self.check(2)
-
-    def certificate_expired(self):
-        self.server.set_certificate(self.server.leaves["expired"])
-        self.server.stop()
-        self.start_server("SSL peer certificate or SSH remote key was not OK")
-        self.server.set_certificate(self.spare_leaves[0])
-        self.server.stop()
-        self.start_server()
+    def restart_server(self):
+        """First nothing listens, then what does has another certificate: one that has expired, or one that is good."""
+        for _ in self.contexts:
+            former = self.trial.server
+            former.stop()
+            self.expect(self.trial.case("hit", [], "Couldn't connect to server"))
+            self.contexts.append(self.contexts.pop(0))
+            self.trial.server = ScriptedServer(self.contexts[-1], port=former.port)
+            expired = self.contexts[-1] is self.expired
+            self.expect(self.trial.case("hit", [], UNTRUSTED) if expired else self.idle)
 
     def link_in_the_way(self):
         obstacle = self.gateway.root / "active.tmp"
         obstacle.mkdir()
-        self.publish()
-        self.check(3)
+        staged = {
+            name: what for name, what in self.trial.after().items() if f"{name}/".startswith(f"{SNAPSHOTS}/{NEW}/")
+        }
+        left = {**self.trial.tree(), **staged}
+        self.expect(Case({}, [f"err publish: symlink {obstacle} failed"], OLD, "publish/flip failed", left))
         obstacle.rmdir()
-        self.new_release()
 
     def round(self, idle):
         """Everything once, and then so many cycles without news, after which the daemon's means are measured."""
-        self.new_release()
-        self.flawed_releases()
-        self.no_id()
-        self.server_down()
-        self.certificate_rolled()
-        self.certificate_expired()
-        self.link_in_the_way()
-        for _ in range(idle // 50):
-            self.check(50)
-        self.check(idle % 50 or 1)
+        for case in flawed(self.trial):
+            self.expect(case)
+            self.update()
+        for act in (self.exceptions, self.link_in_the_way, self.restart_server):
+            act()
+            self.update()
+        self.expect(self.idle, idle)
         return self.means()
 
     def means(self):
@@ -168,16 +134,14 @@ class Run:
             "descriptors": [target.split(":")[0] for target in targets],  # without the numbers of sockets and pipes
         }
 
-    def stop(self, number=signal.SIGTERM):
+    def stop(self):
         """The signal comes in a cycle, which ends; the loop ends without a wait."""
-        self.disk.begin(scan(self.gateway.folder)[0])
-        self.model.check({"lines": 0})
-        self.daemon.send(number)
+        self.daemon.send(signal.SIGTERM)
         os.close(self.daemon.gates)
         self.daemon.gates = None
-        events = self.daemon.rest()
-        events.remove(f"signal {number:d}")
-        self.compare(events, [*self.disk.lines, STOPPED, "close"])
+        events = [event.split()[0] if event.startswith("time") else event for event in self.daemon.rest()]
+        events.remove(f"signal {signal.SIGTERM:d}")
+        assert events == ["time", "time", STOPPED, "close"]
         assert self.daemon.process.wait(timeout=60) == 0
 
 
@@ -189,18 +153,15 @@ def run_rounds(run, cycles, idle, settled_after):
         if run.cycles >= settled_after:
             measured.append(means)
     run.stop()
-    print(f"{run.cycles} cycles: {dict(run.model.seen)}")
     for means in (measured[0], measured[len(measured) // 2], measured[-1]):
-        print(means)
-    assert KINDS - {kind for kind, count in run.model.seen.items() if count} == set()
+        print(run.cycles, means)
     return measured
 
 
-def test_thousands_of_cycles_change_nothing_but_what_they_must(setting, request, record_property):
-    whole = request.config.getoption("--all")
-    run = Run(*setting)
+def test_thousands_of_cycles_change_nothing_but_what_they_must(trial, authority, thorough, record_property):
+    run = Run(trial, authority)
     with run.daemon:
-        settled, *later = run_rounds(run, *((50_000, 400, 1_000) if whole else (1_500, 85, 300)))
+        settled, *later = run_rounds(run, *((50_000, 400, 1_000) if thorough else (1_500, 85, 300)))
     assert later
     record_property("cycles_of_one_process", run.cycles)
     for means in later:
@@ -220,11 +181,11 @@ def descriptors_left_open(report):
 
 @pytest.mark.long
 @pytest.mark.skipif(SANITIZED, reason="valgrind does not run a sanitized program")
-def test_valgrind_finds_no_error_no_leak_and_no_open_descriptor(setting, tmp_path):
+def test_valgrind_finds_no_error_no_leak_and_no_open_descriptor(trial, authority, tmp_path):
     log = tmp_path / "valgrind"
     kinds = "leak-kinds=definite,indirect"
     checks = ["--leak-check=full", f"--show-{kinds}", f"--errors-for-{kinds}", "--track-fds=yes", "--error-exitcode=99"]
-    run = Run(*setting, prefix=["valgrind", f"--log-file={log}", *checks])
+    run = Run(trial, authority, prefix=["valgrind", f"--log-file={log}", *checks])
     with run.daemon:
         run_rounds(run, cycles=150, idle=10, settled_after=0)
     report = log.read_text()

@@ -1,5 +1,7 @@
 """A real syslog daemon behind /dev/log receives every message that the daemon can log, byte for byte."""
 
+import functools
+import itertools
 import os
 import re
 import shutil
@@ -11,21 +13,17 @@ from collections import namedtuple
 
 import pytest
 from builds import REPOSITORY
-from gateway import DAEMON, SANITIZED, Gateway, in_own_dev, may_mount, wait_for
-from mirrors import Mirror
-from model import model_of
-from model_mirror import ModelMirror
-from release import definition_names
+from gateway import SANITIZED, STARTED, STOPPED, Gateway, in_own_dev, may_mount, wait_for
+from outcomes import published
+from raw_archives import LINK, release
+from release import info_name
+from scripted_server import reply
+from trials import BAD_URL, NEW, OLD, SERVERS_REFUSAL, Trial
 
 RSYSLOG = shutil.which("rsyslogd", path=f"{os.environ['PATH']}:/usr/sbin")
-FLAWS = (
-    *("complete-info not there", "complete-info without the name", "archive not there", "archive in a subdirectory"),
-    *("archive digest wrong", "not an archive", "without the first", "without the second"),
-    *("index wrong for the first", "index wrong for the second"),
-)
 
 # Bytes that a log daemon might escape, and a reader of the log might stumble over: controls, quotes, a percent sign,
-# what is no UTF-8.
+# what is no UTF-8. libcurl refuses such an address.
 ODD = b"10%s-\x01\t\"'\\-\xc3\xa9-\xff"
 
 Message = namedtuple("Message", "facility severity program process text")
@@ -39,6 +37,7 @@ class LogDaemon:
         self.socket_path.parent.mkdir()
         self.received = folder / "received"
         self.received.touch()
+        self.fences = itertools.count()
         configuration = folder / "rsyslog.conf"
         configuration.write_text(
             textwrap.dedent(
@@ -64,10 +63,11 @@ class LogDaemon:
 
     def messages(self):
         """All that was sent so far, which a message of our own comes after."""
+        passed = next(self.fences)
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as log:
-            log.sendto(b"<14>Nov  1 00:00:00 fence[1]: passed", str(self.socket_path))
-        wait_for(lambda: self.received.read_bytes().endswith(b"fence|1| passed\n"), self.process)
-        lines = self.received.read_bytes().split(b"\n")[:-2]
+            log.sendto(b"<14>Nov  1 00:00:00 fence[%d]: passed" % passed, str(self.socket_path))
+        wait_for(lambda: self.received.read_bytes().endswith(b"fence|%d| passed\n" % passed), self.process)
+        lines = [line for line in self.received.read_bytes().split(b"\n")[:-1] if b"|fence|" not in line]
         return [Message(*(os.fsdecode(part) for part in line.split(b"|", 4))) for line in lines]
 
     def stop(self):
@@ -75,109 +75,110 @@ class LogDaemon:
         self.process.wait(timeout=60)
 
 
+class Machine(Gateway):
+    """A gateway with that log daemon in the place of the library that records what is logged."""
+
+    def __init__(self, folder, log_daemon, **settings):
+        super().__init__(folder, **settings)
+        self.log_daemon, self.taken = log_daemon, 0
+        self.apart = in_own_dev(log_daemon.socket_path.parent)
+
+    def environment(self, **_):
+        return {**os.environ, "ASAN_OPTIONS": ""}
+
+    def run(self, *arguments, prefix=()):
+        return super().run(*arguments, prefix=[*self.apart, *prefix])
+
+    def start(self):
+        return super().start(prefix=self.apart)
+
+    def take_log(self):
+        new = self.log_daemon.messages()[self.taken :]
+        self.taken += len(new)
+        assert {(message.facility, message.program) for message in new} <= {("daemon", "zel_quorin_updater")}
+        assert len({message.process for message in new}) <= 1
+        return [f"{message.severity}{message.text}" for message in new]
+
+
 @pytest.fixture
-def log_daemon(tmp_path_factory):
-    daemon = LogDaemon(tmp_path_factory.mktemp("log"))  # a short path: that of a socket has 107 bytes at most
-    yield daemon
-    daemon.stop()
+def trial(tmp_path_factory, scripted_context, authority):
+    """Not in /dev/shm, since the daemon has a /dev of its own."""
+    if not may_mount() or RSYSLOG is None or SANITIZED:
+        pytest.skip("needs rsyslogd, a mount namespace, and a /dev that is enough for the daemon")
+    folder = tmp_path_factory.mktemp("log")  # a short path: that of a socket has 107 bytes at most
+    log_daemon = LogDaemon(folder)
+    machine = functools.partial(Machine, log_daemon=log_daemon)
+    (folder / "trial").mkdir()
+    trial = Trial(folder / "trial", folder / "kept", scripted_context, authority, machine=machine)
+    trial.begin()
+    yield trial
+    trial.end()
+    log_daemon.stop()
 
 
-class Runs:
-    """Runs of the daemon, one of each kind, and the messages that the model expects of them."""
+def cases(trial):
+    """A check that logs each of the messages about a mirror and its archives."""
+    odd, stage = os.fsdecode(ODD), trial.gateway.root / "snapshots" / NEW
+    refused = f"err GET {trial.server.base()}/{info_name(odd)}: {BAD_URL}"
+    cannot_open = f"err extract: cannot open {stage}/x: Unrecognized archive format"
+    cannot_create = f"err download_cab: cannot create {stage}/sub/x.part"
+    odd_hit = {trial.name("hit"): [reply(b"defId=" + ODD + b"\n")]}
+    return [
+        trial.case("hit", [reply(b"[Current]\n")], "unreadable"),
+        trial.refused(odd_hit, f"complete-info fetch failed for {odd}", refused),
+        trial.case("info", [reply(b"")], "unreadable"),
+        trial.case("archive", [reply(b"", "404 Not Found")], SERVERS_REFUSAL),
+        trial.archive_case(b"x" * 500, "CAB extract", cannot_open, name="x"),
+        trial.archive_case(b"x" * 500, "download CAB", cannot_create, name="sub/x"),
+    ]
 
-    def __init__(self, log_daemon, folder, nginx):
-        self.log_daemon = log_daemon
-        self.folder = folder
-        self.nginx = nginx
-        self.count = 0
-        self.expected = []
 
-    def new(self, **settings):
-        """A gateway with a corner of the mirror to itself."""
-        self.count += 1
-        folder = self.folder / str(self.count)
-        folder.mkdir()
-        mirror = Mirror(self.nginx.root, f"{self.folder.name}-{self.count}")
-        settings = {"mirror_base_url": self.nginx.url(), "mirror_subdir": mirror.subdir, **settings}
-        gateway = Gateway(folder, ca_path=self.nginx.ca_path, **settings)
-        return gateway, ModelMirror(mirror, self.nginx.url(), self.folder / "scratch")
+def log_flushes_and_publications(trial):
+    """strace makes a system call on the first file fail."""
+    machine = trial.gateway
+    path = machine.root / "snapshots" / NEW / "antivir-v2.def"
+    for injection, failed in (("openat:error=EACCES:when=2", f"open {path}"), ("fsync:error=EIO", path)):
+        trial.go_back()
+        trial.mend()
+        prefix = ["strace", "-f", "-qq", "-o", "/dev/null", "-P", path, "-e", f"inject={injection}"]
+        assert machine.run_once(prefix=prefix) == [f"warning fsync: {failed} failed", *published(NEW, OLD)]
+    link, obstacle = machine.root / "active", machine.root / "active.tmp"
+    link.unlink()
+    for place, failed in ((obstacle, f"symlink {obstacle}"), (link, "rename to active")):
+        place.mkdir()
+        assert machine.run_once() == [f"err publish: {failed} failed"]
+        place.rmdir()
 
-    def start(self, path, *arguments, prefix=(), program=DAEMON):
-        command = [*in_own_dev(self.log_daemon.socket_path.parent), *prefix, program, "--config", path, *arguments]
-        return subprocess.Popen(command, stdin=subprocess.DEVNULL)
 
-    def expect(self, process, lines):
-        assert process.wait(timeout=60) == 0
-        for line in lines:
-            severity, _, words = line.partition(" ")
-            self.expected.append(Message("daemon", severity, "zel_quorin_updater", str(process.pid), f" {words}"))
+def log_exception(trial):
+    _, first, second = release(NEW)
+    first.content, first.mode = first.name, LINK
+    trial.server.script |= trial.archive_case([first, second], "").script
+    trial.gateway.settings.update(poll_interval_s=600, poll_jitter_s=1)
+    process = trial.gateway.start()
+    wait_for(lambda: b"run_once exception" in trial.gateway.log_daemon.received.read_bytes(), process)
+    process.send_signal(signal.SIGTERM)
+    assert process.wait(timeout=60) == 0
+    text = f"filesystem error: status: Too many levels of symbolic links [{trial.gateway.root}/snapshots/{NEW}/"
+    exception = f"err run_once exception: {text}antivir-v2.def]"
+    assert trial.gateway.take_log() == [STARTED.format(600, 1), exception, STOPPED]
+    assert trial.gateway.log_daemon.messages()[-1].process == str(process.pid)
 
-    def once(self, gateway, mirror, before=(), **options):
-        """A run that logs these lines before those that the model expects."""
-        model = model_of(gateway.folder, mirror)
-        model.once(gateway.settings)
-        self.expect(self.start(gateway.config_path, "--once", **options), [*before, *model.disk.lines])
 
-    def defaults(self):
-        """Without network or name service, and with an empty place where the defaults lead to."""
-        hide = 'for place in /usr/local /run; do mount -t tmpfs none $place; done; exec "$@"'
-        prefix = ["unshare", "--mount", "--net", "sh", "-ec", hide, "sh"]
-        path = self.folder / "no such file"
-        warning = f"warning could not read config {path}; using defaults"
-        mirror = self.new()[1]
-        mirror.failure = "Couldn't resolve host name"
-        model = model_of(self.folder, mirror)
-        model.once({})
-        program = shutil.copy(DAEMON, self.folder)
-        self.expect(self.start(path, "--once", prefix=prefix, program=program), [warning, *model.disk.lines])
-
-    def settings(self):
-        for settings in ({"mirror_base_url": ""}, {"flavor": ""}):
-            self.once(*self.new(**settings))
-
-    def hits(self):
-        """What the mirror names goes to the log as it is, however odd; libcurl refuses such an address."""
-        for content in (b"[Current]\n", b"defId=" + ODD + b"\n"):
-            gateway, mirror = self.new()
-            mirror.write("antivir-v2-hit.ini", content)
-            self.once(gateway, mirror)
-
-    def releases(self):
-        for flaw in FLAWS:
-            gateway, mirror = self.new()
-            mirror.publish("1001", [flaw])
-            self.once(gateway, mirror)
-
-    def flushes(self):
-        """strace makes a system call on the first file fail; -D leaves the daemon the process that was started."""
-        for injection, text in (
-            ("openat:error=EACCES:when=2", "warning fsync: open {} failed"),  # the first one creates it
-            ("fsync:error=EIO", "warning fsync: {} failed"),
-        ):
-            gateway, mirror = self.new()
-            mirror.publish("1001")
-            path = f"{gateway.root}/snapshots/1001/{definition_names()[0]}"
-            prefix = ["strace", "-D", "-f", "-qq", "-o", "/dev/null", "-P", path, "-e", f"inject={injection}"]
-            self.once(gateway, mirror, [text.format(path)], prefix=prefix)
-
-    def publications(self):
-        for name in ("active.tmp", "active"):
-            gateway, mirror = self.new()
-            mirror.publish("1001")
-            (gateway.root / name).mkdir(parents=True)
-            self.once(gateway, mirror)
-            (gateway.root / name).rmdir()
-            self.once(gateway, mirror)
-
-    def loop(self):
-        gateway, mirror = self.new(poll_interval_s=600, poll_jitter_s=1)
-        mirror.publish("1001", ["first links to itself"])
-        model = model_of(gateway.folder, mirror)
-        model.loop(gateway.settings, cycles=1)
-        process = self.start(gateway.config_path)
-        wait_for(lambda: b"run_once exception" in self.log_daemon.received.read_bytes(), process)
-        process.send_signal(signal.SIGTERM)
-        self.expect(process, model.disk.lines)
+def log_settings(machine):
+    """A mirror or a flavor that is not set; and no configuration, where the defaults lead nowhere."""
+    get = "err GET {}/rhex/deffiles/def5-2/antivir-{}-hit.ini: {}"
+    unset = "warning config: mirror_base_url is not set (the updater will idle, performing no checks)"
+    machine.settings = {"def_root": machine.root, "status_path": machine.status_path, "mirror_base_url": ""}
+    assert machine.run_once() == [unset, get.format("", "v2", BAD_URL)]
+    machine.settings |= {"mirror_base_url": "file:///nowhere", "flavor": ""}
+    unread = get.format("file:///nowhere", "", "Couldn't read a file:// file")
+    assert machine.run_once() == ["warning config: flavor is not set", unread]
+    hide = 'for place in /usr/local /run; do mount -t tmpfs none $place; done; exec "$@"'
+    apart = ["unshare", "--mount", "--net", "sh", "-ec", hide, "sh"]
+    assert machine.run("--config", "/nowhere", "--once", prefix=apart).returncode == 0
+    unresolved = get.format("https://definitions.zelgw.example", "v2", "Couldn't resolve host name")
+    assert machine.take_log() == ["warning could not read config /nowhere; using defaults", unresolved]
 
 
 def message_formats():
@@ -193,15 +194,12 @@ def message_formats():
     return found
 
 
-@pytest.mark.skipif(not may_mount(), reason="needs the right to make a mount namespace with a /dev/log of its own")
-@pytest.mark.skipif(RSYSLOG is None, reason="needs rsyslogd")
-@pytest.mark.skipif(SANITIZED, reason="the sanitizers need more of /dev")
-def test_log_daemon_receives_every_message_byte_for_byte(log_daemon, tmp_path, nginx):
-    runs = Runs(log_daemon, tmp_path, nginx)
-    for run in (runs.defaults, runs.settings, runs.hits, runs.releases, runs.flushes, runs.publications, runs.loop):
-        run()
-    received = log_daemon.messages()
-    assert received == runs.expected
+def test_log_daemon_receives_every_message_byte_for_byte(trial):
+    trial.check_all(cases(trial))
+    log_flushes_and_publications(trial)
+    log_exception(trial)
+    log_settings(trial.gateway)
+    received = trial.gateway.log_daemon.messages()
     for severity, pattern in message_formats():
         matching = [message for message in received if re.fullmatch(f" {pattern}", message.text)]
         assert matching and {message.severity for message in matching} == {severity}, pattern

@@ -1,6 +1,6 @@
 """Stop signals at random moments and in storms: the daemon always ends cleanly, after the cycle at hand.
 
-The model is stopped where the first signal came, and has to give the same events and the same disk."""
+Up to there its events are those of a daemon that nothing disturbs, and the disk is as the last cycle leaves it."""
 
 import pathlib
 import random
@@ -10,76 +10,94 @@ from collections import Counter
 from signal import SIGINT, SIGTERM
 
 import pytest
-from gateway import Gateway
-from mirrors import Mirror
-from model import Pace, model_of
-from model_disk import scan
-from model_mirror import ModelMirror
-from paced import EPOCH, PacedDaemon
-
-INTERVAL, JITTER = 2, 3
-HANDLERS = [f"handler {SIGTERM:d}", f"handler {SIGINT:d}"]
-BEGINNING = ["open zel_quorin_updater 3 24", *HANDLERS]
+from gateway import STOPPED, Gateway
+from outcomes import snapshot_listing, status_text, tree
+from paced import SLICE, PacedDaemon
+from release import definitions, info_ini, info_name
 
 
-@pytest.fixture
-def model_mirror(nginx, tmp_path):
-    return ModelMirror(Mirror(nginx.root, f"defs-{tmp_path.name}"), nginx.url(), tmp_path / "scratch")
-
-
-@pytest.fixture
-def outdated(nginx, model_mirror, tmp_path):
-    """A gateway with a release in service, and a newer one to fetch."""
-    folder = tmp_path / "machine"
-    folder.mkdir()
-    settings = {"mirror_base_url": nginx.url(), "mirror_subdir": model_mirror.mirror.subdir, "ca_path": nginx.ca_path}
-    gateway = Gateway(folder, poll_interval_s=INTERVAL, poll_jitter_s=JITTER, **settings)
-    model_mirror.publish("1000")
-    gateway.run_once()
-    gateway.status_path.unlink()
-    model_mirror.publish("1001")
-    return gateway
-
-
-def copy_of(gateway, folder):
+def a_copy(gateway, folder):
     shutil.copytree(gateway.root, folder / "defs", symlinks=True)
     settings = {**gateway.settings, "def_root": folder / "defs", "status_path": folder / "status" / "status.json"}
     return Gateway(folder, **settings)
 
 
+class Outdated:
+    """A gateway with release 1000 in service and 1001 to fetch, and what 20 undisturbed cycles of its loop do."""
+
+    def __init__(self, gateway, mirror, folder):
+        self.folder = folder / "shot"
+        gateway.settings.update(poll_interval_s=2, poll_jitter_s=1)
+        mirror.publish("1000")
+        gateway.run_once()
+        mirror.publish("1001")
+        self.mirror, self.gateway = mirror, gateway
+        self.version, self.error = "1001", ""
+
+    def tamper(self):
+        self.mirror.write(info_name("1001"), info_ini("1001", "antivir-v2-1001.cab", "0" * 64))
+        self.version, self.error = "1000", "CAB sha256 mismatch"
+
+    def observe(self):
+        with PacedDaemon(a_copy(self.gateway, self.folder)) as daemon:
+            self.events = daemon.until_gate()
+            daemon.run_until(41)  # a cycle reads the clock twice
+            self.events += daemon.until_gate()
+        shutil.rmtree(self.folder)
+        times = [number for number, event in enumerate(self.events) if event.startswith("time ")]
+        self.starts = times[::2]
+        self.slices = [number for number, event in enumerate(self.events) if event == SLICE]
+
+    def stopped_at(self, number):
+        """The events when the flag is raised after so many, and the cycles. It is read before each cycle and slice."""
+        end = min(place for place in (*self.starts, *self.slices) if place >= number)
+        return (*self.events[:end], STOPPED, "close"), sum(place < end for place in self.starts)
+
+    def expect_disk(self, gateway, cycles):
+        """As the last of so many cycles leaves it."""
+        if cycles == 0:
+            assert tree(gateway.root) == tree(self.gateway.root)
+            assert list(gateway.status_path.parent.iterdir()) == []
+            return
+        kept = {"1000", self.version}
+        assert gateway.listing() == snapshot_listing(self.version, *kept)
+        assert gateway.active_files() == definitions(self.version)
+        checked = self.events[self.starts[cycles - 1]].split()[1]
+        assert gateway.status_path.read_text() == status_text(self.version, checked, self.error)
+
+
+@pytest.fixture
+def outdated(gateway, mirror, tmp_path):
+    return Outdated(gateway, mirror, tmp_path)
+
+
 class Shot(PacedDaemon):
-    """The loop of a daemon that is to be sent signals, and the model of it."""
+    """The loop of a daemon that is to be sent signals."""
 
-    def __init__(self, gateway, mirror, **pace):
-        self.gateway = gateway
-        self.mirror = mirror
-        self.before = scan(gateway.config_path.parent)  # with the configuration
-        super().__init__(gateway, gates=False, **pace)
-
-    def predicted(self, lines):
-        """The events of a run in which the flag is found raised once there are so many lines, and the disk after it."""
-        model = model_of(self.gateway.folder, self.mirror, self.before, Pace(self.process.pid, EPOCH))
-        model.loop(self.gateway.settings, lines=lines)
-        return (*BEGINNING, *model.disk.lines, "close"), model.disk
+    def __init__(self, outdated, **pace):
+        self.outdated = outdated
+        self.gateway = a_copy(outdated.gateway, outdated.folder)
+        super().__init__(self.gateway, gates=False, **pace)
 
     def expect_clean_stop(self, events):
-        """Requires what the model predicts; returns where the first signal found the daemon."""
+        """Requires what is known; returns where the first signal found the daemon."""
         assert self.process.wait(timeout=60) == 0
-        before = events[: next(n for n, event in enumerate(events) if event.startswith("signal "))]
-        lines = len(before) - len(BEGINNING)
+        before = next(number for number, event in enumerate(events) if event.startswith("signal "))
         # The loop may have looked at the flag just before the signal came.
-        predictions = dict(map(self.predicted, (lines, lines + 1)))
+        known = dict(map(self.outdated.stopped_at, (before, before + 1)))
         found = tuple(without_signals(events))
-        assert found in predictions, f"expected one of {list(predictions)}\ncame {found}"
-        predictions[found].expect_real()
-        readings = sum(event.startswith("time ") for event in before)
+        assert found in known, f"expected one of {list(known)}\ncame {found}"
+        self.outdated.expect_disk(self.gateway, known[found])
+        readings = sum(event.startswith("time ") for event in events[:before])
         return "before the loop" if not readings else "in a cycle" if readings % 2 else "in a wait"
 
     def expect_default_effect(self, events, number):
         """The signal came before the handler, and nothing had happened yet."""
-        assert events == BEGINNING[: len(events)]
+        assert events == self.outdated.events[: len(events)]
         assert f"handler {number:d}" not in events
-        assert scan(self.gateway.folder) == self.before
+        assert not self.gateway.status_path.parent.exists() and tree(self.gateway.root) == tree(
+            self.outdated.gateway.root
+        )
 
 
 def without_signals(events):
@@ -96,10 +114,10 @@ def without_signals(events):
             yield event
 
 
-def shoot(gateway, mirror, chance):
+def shoot(outdated, chance):
     """Starts the loop, its seconds shortened to two milliseconds, and sends one signal at a random moment."""
     number = chance.choice((SIGTERM, SIGINT))
-    with Shot(gateway, mirror, second_ns=2_000_000) as daemon:
+    with Shot(outdated, second_ns=2_000_000) as daemon:
         events = [daemon.next_event() for _ in range(chance.randrange(24))]
         time.sleep(chance.choice((0, 0.001, 0.01)) * chance.random())  # no wait for anything: the moment is the point
         daemon.send(number)
@@ -110,17 +128,16 @@ def shoot(gateway, mirror, chance):
         return daemon.expect_clean_stop(events)
 
 
-@pytest.mark.parametrize("flaws", [pytest.param([], id="good"), pytest.param(["archive digest wrong"], id="tampered")])
-def test_signal_at_any_moment_ends_the_daemon_cleanly(
-    outdated, model_mirror, tmp_path, flaws, request, record_property
-):
-    model_mirror.publish("1001", flaws)
+@pytest.mark.parametrize("release", ["good", "tampered"])
+def test_signal_at_any_moment_ends_the_daemon_cleanly(outdated, release, thorough, record_property):
+    if release == "tampered":
+        outdated.tamper()
+    outdated.observe()
     chance = random.Random(1)
     moments = Counter()
-    for _ in range(2_000 if request.config.getoption("--all") else 60):
-        folder = tmp_path / "shot"
-        moments[shoot(copy_of(outdated, folder), model_mirror, chance)] += 1
-        shutil.rmtree(folder)
+    for _ in range(2_000 if thorough else 60):
+        moments[shoot(outdated, chance)] += 1
+        shutil.rmtree(outdated.folder)
     print(dict(moments))
     record_property("signals_at_random_moments", sum(moments.values()))
     assert {"before the handlers", "in a cycle", "in a wait"} <= set(moments)
@@ -149,23 +166,21 @@ def storm(daemon, most, asleep=True):
     return events
 
 
-def until(daemon, wanted):
-    """The events up to the first that begins so."""
-    events = [daemon.next_event()]
-    while not events[-1].startswith(wanted):
-        events.append(daemon.next_event())
-    return events
+# What is awaited, how long a second lasts, how many signals are sent and when, and where the first finds the daemon.
+STORMS = {
+    "wait": (SLICE, 1_000_000_000, 300, True, "interrupted "),
+    "cycle": ("time ", 0, 1_000_000, False, "signal "),
+}
 
 
-def test_storm_of_signals_during_a_wait_shortens_no_slice(outdated, model_mirror):
-    with Shot(outdated, model_mirror, second_ns=1_000_000_000) as daemon:
-        events = until(daemon, Pace.SLICE) + storm(daemon, 300) + daemon.rest()
-        assert daemon.expect_clean_stop(events) == "in a wait"
-    assert sum(event.startswith("interrupted ") for event in events) > 1
-
-
-def test_storm_of_signals_all_through_a_cycle_lets_it_end(outdated, model_mirror):
-    with Shot(outdated, model_mirror) as daemon:
-        events = until(daemon, "time ") + storm(daemon, 1_000_000, asleep=False)
-        assert daemon.expect_clean_stop(events) == "in a cycle"
-    assert sum(event.startswith("signal ") for event in events) > 1
+@pytest.mark.parametrize("place", STORMS)
+def test_storm_of_signals_shortens_no_slice_and_no_cycle(outdated, place):
+    awaited, second_ns, most, asleep, sign = STORMS[place]
+    outdated.observe()
+    with Shot(outdated, second_ns=second_ns) as daemon:
+        events = [daemon.next_event()]
+        while not events[-1].startswith(awaited):
+            events.append(daemon.next_event())
+        events += storm(daemon, most, asleep) + daemon.rest()
+        assert daemon.expect_clean_stop(events) == f"in a {place}"
+    assert sum(event.startswith(sign) for event in events) > 1

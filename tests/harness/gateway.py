@@ -134,9 +134,9 @@ class Gateway:
         assert (process.returncode, process.stdout, process.stderr) == (0, "", "")
         return self.take_log()
 
-    def start(self, **environment):
+    def start(self, prefix=(), **environment):
         """Starts the loop, which end_all() ends at the latest."""
-        command = [DAEMON, "--config", self.config_path]
+        command = [*prefix, DAEMON, "--config", self.config_path]
         self.daemons.append(subprocess.Popen(command, env=self.environment(**environment), stdin=subprocess.DEVNULL))
         return self.daemons[-1]
 

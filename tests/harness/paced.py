@@ -8,6 +8,7 @@ import subprocess
 from gateway import DAEMON, preloading
 
 EPOCH = 1_700_000_000  # what the daemon's clock shows first
+SLICE = "sleep 1 0 same"
 
 
 def _default_signals():

@@ -112,7 +112,7 @@ class _Connection:
 class ScriptedServer:
     """Listens on a free loopback port; speaks TLS when there is a context, plain HTTP when there is none."""
 
-    def __init__(self, context=None, address="127.0.0.1"):
+    def __init__(self, context=None, address="127.0.0.1", port=0):
         self.context = context
         self.script = {}  # file name: steps, or a function of no arguments that returns them
         self.opening = None  # steps in the place of the TLS handshake; the connection ends with them
@@ -120,7 +120,7 @@ class ScriptedServer:
         self.connections = 0
         self.mistakes = []  # exceptions that no connection explains: the test itself is wrong
         self._listener = socket.create_server(
-            (address, 0), family=socket.AF_INET6 if ":" in address else socket.AF_INET
+            (address, port), family=socket.AF_INET6 if ":" in address else socket.AF_INET
         )
         self.port = self._listener.getsockname()[1]
         self._open = set()

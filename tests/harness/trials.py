@@ -52,7 +52,7 @@ def without(tree, *prefixes):
 class Trial:
     """A gateway with release 1001 in service, two directories below the test's own; its mirror has release 1002."""
 
-    def __init__(self, folder, kept, context, authority, thorough=False):
+    def __init__(self, folder, kept, context, authority, thorough=False, machine=Gateway):
         self.folder = folder
         self.kept = kept  # gets a copy of the files when a check does not end as it has to
         self.thorough = thorough
@@ -62,7 +62,7 @@ class Trial:
         self.server = ScriptedServer(context)
         (folder / "machine").mkdir()
         authority.cert_pem.write_to_path(folder / "machine" / "ca.pem")
-        self.gateway = Gateway(
+        self.gateway = machine(
             folder / "machine",
             mirror_base_url=self.server.base().removesuffix(f"/{SUBDIR}"),
             mirror_subdir=SUBDIR,
