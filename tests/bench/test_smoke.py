@@ -30,7 +30,12 @@ def run_command(command, timeout=300):
     return process.returncode, process.stdout, process.stderr
 
 
-@pytest.mark.parametrize("name", run.SECTIONS)
+# These run for many seconds even so, and share what they do with the others.
+SLOW = ("check", "loop", "serving")
+SECTIONS = [pytest.param(name, marks=[pytest.mark.long] if name in SLOW else []) for name in run.SECTIONS]
+
+
+@pytest.mark.parametrize("name", SECTIONS)
 def test_section_measures_and_fills_its_tables(name, tmp_path):
     assert run_command(command_of("--docs", tmp_path, "--only", name)) == (0, f"bench: {name}\n", "")
     kept = json.loads((tmp_path / "performance" / f"{name}.json").read_text(), parse_constant=pytest.fail)  # NaN

@@ -1,8 +1,7 @@
-"""Stop signals at random moments and in storms: the daemon always ends cleanly, after the cycle at hand.
+"""Stop signals at random moments: the daemon always ends cleanly, after the cycle at hand.
 
 Up to there its events are those of a daemon that nothing disturbs, and the disk is as the last cycle leaves it."""
 
-import pathlib
 import random
 import shutil
 import time
@@ -141,46 +140,3 @@ def test_signal_at_any_moment_ends_the_daemon_cleanly(outdated, release, thoroug
     print(dict(moments))
     record_property("signals_at_random_moments", sum(moments.values()))
     assert {"before the handlers", "in a cycle", "in a wait"} <= set(moments)
-
-
-def wait_until_asleep(daemon):
-    """Returns once the daemon waits for something, or has ended."""
-    while pathlib.Path(f"/proc/{daemon.process.pid}/stat").read_text().rpartition(")")[2].split()[0] not in "SZ":
-        time.sleep(0)
-
-
-def storm(daemon, most, asleep=True):
-    """Sends one signal after another, each once the former one has arrived, and only to a daemon that waits if
-    asleep; returns the events until then."""
-    events = []
-    for count in range(most):
-        number = (SIGTERM, SIGINT)[count % 2]
-        if asleep:
-            wait_until_asleep(daemon)
-        daemon.send(number)
-        while f"signal {number:d}" not in events[-1:]:
-            event = daemon.next_event()
-            if event is None:
-                return events
-            events.append(event)
-    return events
-
-
-# What is awaited, how long a second lasts, how many signals are sent and when, and where the first finds the daemon.
-STORMS = {
-    "wait": (SLICE, 1_000_000_000, 300, True, "interrupted "),
-    "cycle": ("time ", 0, 1_000_000, False, "signal "),
-}
-
-
-@pytest.mark.parametrize("place", STORMS)
-def test_storm_of_signals_shortens_no_slice_and_no_cycle(outdated, place):
-    awaited, second_ns, most, asleep, sign = STORMS[place]
-    outdated.observe()
-    with Shot(outdated, second_ns=second_ns) as daemon:
-        events = [daemon.next_event()]
-        while not events[-1].startswith(awaited):
-            events.append(daemon.next_event())
-        events += storm(daemon, most, asleep) + daemon.rest()
-        assert daemon.expect_clean_stop(events) == f"in a {place}"
-    assert sum(event.startswith(sign) for event in events) > 1
