@@ -72,14 +72,10 @@ def test_daemon_alone_needs_nothing_of_tools_and_tests(copy, monkeypatch):
     monkeypatch.setenv("PKG_CONFIG_LIBDIR", "/nowhere")  # hides what is found by pkg-config
     process = configure(copy, "-DCMAKE_DISABLE_FIND_PACKAGE_CLI11=ON", "-DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON")
     assert process.returncode == 0
+    assert "CMAKE_BUILD_TYPE:STRING=RelWithDebInfo" in (copy / "build/CMakeCache.txt").read_text()
+    assert (copy / "build/compile_commands.json").exists()
     assert "Not building the operators' tools" in process.stdout
     assert "Not building the unit tests" in process.stdout
     process = configure(copy, "-DZQU_BUILD_TOOLS=ON")
     assert process.returncode != 0
     assert "libcli11-dev" in process.stderr
-
-
-def test_build_without_a_type_is_optimised(copy):
-    configure(copy)
-    assert "CMAKE_BUILD_TYPE:STRING=RelWithDebInfo" in (copy / "build/CMakeCache.txt").read_text()
-    assert (copy / "build/compile_commands.json").exists()
