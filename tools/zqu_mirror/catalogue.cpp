@@ -150,8 +150,8 @@ private:
         of_flavor.flavor = flavor;
         const Rollout rollout = rollout_of(of_flavor);
         found.leftovers.insert(found.leftovers.end(), rollout.leftovers.begin(), rollout.leftovers.end());
-        for (const auto& [unused, fault] : rollout.faults) {
-            found.problems.push_back(fault);
+        for (const auto& fault : rollout.faults) {
+            found.problems.push_back(fault.what);
         }
         if (rollout.percent > 0) {
             found.current.candidates[flavor] = rollout.id;

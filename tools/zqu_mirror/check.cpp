@@ -213,8 +213,8 @@ private:
     void rollout() {
         Found facts = found_;
         facts.rollout = rollout_of(options_);
-        for (const auto& [name, fault] : facts.rollout.faults) {
-            report(Verdict::critical, fault);
+        for (const auto& fault : facts.rollout.faults) {
+            report(Verdict::critical, fault.what);
         }
         const std::string id = facts.rollout.id;
         if (facts.rollout.percent > 0) {

@@ -97,8 +97,8 @@ private:
 
     void look_at_stages() {
         rollout_ = rollout_of(options_);
-        for (const auto& [name, fault] : rollout_.faults) {
-            found(fault);
+        for (const auto& fault : rollout_.faults) {
+            found(fault.what);
         }
         for (const auto& name : rollout_.leftovers) {
             found(name + ", which a killed run has left");
@@ -278,9 +278,9 @@ private:
 
     // What belongs to no rollout. Clients of that group find the hit INI then.
     void remove_stages() {
-        for (const auto& [name, unused] : rollout_.faults) {
-            start_grace(options_, named_id(options_, name).value_or(""));
-            remove_stage(name);
+        for (const auto& fault : rollout_.faults) {
+            start_grace(options_, fault.id);
+            remove_stage(fault.name);
         }
         for (const auto& name : rollout_.leftovers) {
             remove_stage(name);

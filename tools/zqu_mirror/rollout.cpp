@@ -45,7 +45,9 @@ void read_stage(const Options& options, int percent, const std::optional<std::st
     if (lstat((directory_of(options) / name).c_str(), &status) != 0) {  // also one that has just gone
         return;
     }
-    const auto add_fault = [&](const std::string& what) { found.faults.emplace(found.faults.begin(), name, what); };
+    const auto add_fault = [&](const std::string& what) {
+        found.faults.insert(found.faults.begin(), {name, what, id.value_or("")});
+    };
     if (!id) {
         add_fault(name + " names no release");
     } else if (id == current) {
@@ -172,7 +174,7 @@ Rollout rollout_of(const Options& options) {
 Rollout sound_rollout(const Options& options) {
     Rollout found = rollout_of(options);
     if (!found.faults.empty()) {
-        fail(found.faults.back().second + "; run zqu-mirror repair MIRROR");
+        fail(found.faults.back().what + "; run zqu-mirror repair MIRROR");
     }
     return found;
 }

@@ -12,7 +12,6 @@
 #include <array>
 #include <cstdint>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "options.hpp"
@@ -31,6 +30,13 @@ inline constexpr std::array<int, 3> stages{1, 10, 50};
 // The flavor of a stage file of this name; empty for the name of anything else.
 [[nodiscard]] std::string flavor_of_stage(const std::string& name);
 
+// A stage file that belongs to no rollout.
+struct StageFault {
+    std::string name;
+    std::string what;  // is wrong with it
+    std::string id;    // that it names; empty for none
+};
+
 // What the stage files of options.flavor say.
 struct Rollout {
     std::string id;            // the candidate
@@ -38,8 +44,7 @@ struct Rollout {
     std::int64_t since_s = 0;  // when that stage and the rollout began, in seconds since the Unix epoch
     std::int64_t start_s = 0;
     std::vector<std::string> leftovers;  // the files that name the current release, the highest first
-    std::vector<std::pair<std::string, std::string>> faults;  // the other files that belong to no rollout, the highest
-                                                              // first, and what is wrong with each
+    std::vector<StageFault> faults;      // the highest first
 
     // "<id> is the candidate for <n> per cent since <time>".
     [[nodiscard]] std::string text() const;
