@@ -12,8 +12,9 @@ from dataclasses import dataclass, replace
 from typing import Callable
 
 import pytest
-from mirror_tool import HELD, REPLACED, WORK, cab, run
+from mirror_tool import HELD, REPLACED, TRUSTED, WORK, cab, run
 from release import HIT, info_name
+from signing import SigningKey
 from tools import Stopped, under_strace
 
 # Calls that change nothing on a disk. A kill before one leaves what a kill before the next one of others leaves.
@@ -40,6 +41,11 @@ class Command:
 def prepare_copying(own, upstream):
     own.publish_small("old")
     upstream.publish("new")
+
+
+def prepare_signed(own, upstream):
+    prepare_copying(own, upstream)
+    SigningKey(own.base).sign_info(upstream, "new")
 
 
 def prepare_damaged(own, upstream):
@@ -126,6 +132,14 @@ COMMANDS = {
         ],
     ),
 }
+COMMANDS["trust"] = replace(
+    COMMANDS["mirror"],
+    prepare=prepare_signed,
+    words=lambda own, root: own.words("--trust", own.base / "key-pub.pem", root=root),
+    work=["trusted", *COMMANDS["mirror"].work],
+    others=(TRUSTED,),
+    steps=["fsync D/W/trusted", f"rename D/W/trusted, D/{TRUSTED}", "fsync D", *COMMANDS["mirror"].steps],
+)
 
 
 # ---- Rollouts: 1, 10 and 50 per cent of the gateways ----
@@ -416,7 +430,7 @@ def test_signal_ends_a_prune_between_two_releases(own):
 
 @pytest.mark.parametrize("name", COMMANDS)
 def test_second_run_is_refused_while_one_is_at_work(own, name):
-    for prepared in ("mirror", "prune", name):
+    for prepared in ("trust", "prune", name):
         COMMANDS[prepared].prepare(own, own.upstream)
     refused = (1, "", f"zqu-mirror: another run is at work in {own.folder}\n")
     with own.stopped(COMMANDS[name].words(own, own.root), *COMMANDS[name].stop) as first:

@@ -10,12 +10,11 @@ import pytest
 from builds import REPOSITORY
 from cryptography.hazmat.primitives.asymmetric import rsa, x25519
 from gateway import Gateway
-from mirror_tool import DAY, SUBDIR, OwnMirror, cab, run
+from mirror_tool import DAY, SUBDIR, TRUSTED, OwnMirror, cab, run
 from release import HIT, info_name
 from signing import SigningKey, private_pem
 from tools import AS_ROOT
 
-TRUSTED = ".zqu-mirror.trusted.pem"
 UNSIGNED = "is not signed as publish --sign does it"
 UNTRUSTED = "is signed by none of the trusted keys, or was changed"
 

@@ -19,6 +19,7 @@ SUBDIR = "rhex/deffiles/def5-2"
 WORK = ".zqu-mirror.work"
 HELD = ".zqu-mirror.held"
 REPLACED = ".zqu-mirror.replaced"
+TRUSTED = ".zqu-mirror.trusted.pem"
 DAY = 86400
 NAME_RULE = "may hold only letters, digits and -._~!$&'()*+,;:@ (clients could not fetch it otherwise)"
 FIRST, SECOND, INDEX = "antivir-v2.def", "aivsecon-v2.def", "antivir-v2.ini"
