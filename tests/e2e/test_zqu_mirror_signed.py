@@ -44,11 +44,6 @@ class Site:
         self.upstream.write(HIT, f"defId = {id}\n")
 
 
-@pytest.fixture
-def site(tmp_path):
-    return Site(tmp_path)
-
-
 @pytest.fixture(scope="module")
 def begun_once(tmp_path_factory):
     site = Site(tmp_path_factory.mktemp("begun"))
@@ -69,9 +64,6 @@ def refusal(reason, id="1001"):
     return f"zqu-mirror: the upstream mirror's {info_name(id)} is refused: it {reason}\n"
 
 
-# ---- What is signed ----
-
-
 def test_commands_of_the_manual_make_keys_and_verify(tmp_path):
     page = (REPOSITORY / "docs/man/zqu-mirror.1").read_text().split(".Ss Signed releases")[1].split(".Ss ")[0]
     make, verify = re.findall(r"^\.Bd .*\n((?:[^.].*\n)+)", page.replace("\\e", "\\"), re.MULTILINE)
@@ -82,48 +74,41 @@ def test_commands_of_the_manual_make_keys_and_verify(tmp_path):
     assert run("publish", *words, "--subdir", "", cwd=tmp_path)[0] == 0
     info = tmp_path / info_name("1004")
     text = info.read_text()
-    keys = r"defId = 1004|name = antivir-v2-c-1004.cab|SHA256 = \w{64}|size = \d+|flavor = v2|published = (\d+)"
-    lines = "".join(f"def.Current.{key}\n" for key in keys.split("|"))
-    found = re.fullmatch(f"{lines}# signature: [\\w+/]{{86}}==\n", text)
-    assert time.time() - int(found[1]) < 60
     done = subprocess.run(verify, **shell)
     assert (done.returncode, done.stdout, done.stderr) == (0, "Signature Verified Successfully\n", "")
     info.write_text(text.replace("v2\n", "v3\n"))
     assert subprocess.run(verify, **shell).returncode == 1
 
 
-SHARED = "may be used by other users: give it the mode 0600, or make a new key if one of them may have it"
+SHARED = "{} may be used by other users: give it the mode 0600, or make a new key if one of them may have it"
 ASKED = (
-    "has a pass phrase, and nobody is asked for it: take another key, or what openssl pkey -in {} -out FILE makes of it"
+    "{} has a pass phrase, and nobody is asked for it: take another key, or what openssl pkey -in {} -out FILE makes"
 )
-NO_KEY = "holds no Ed25519 private key in PEM: make one with openssl genpkey -algorithm ed25519"
-# What is done to the file of a good key, and what is then said of it.
+ASKED += " of it"
+NO_KEY = "{} holds no Ed25519 private key in PEM: make one with openssl genpkey -algorithm ed25519"
+ROOTS = "the mirror's directory belongs to another user, who could get the key while root signs there: sign in a "
+ROOTS += "directory of root's, and copy that with zqu-mirror mirror"
+# What is done to a site whose key is good, and what is then said of the key, or of the mirror.
 UNUSABLE = {
-    "group may read": (lambda key: key.path.chmod(0o640), SHARED),
-    "others may read": (lambda key: key.path.chmod(0o604), SHARED),
-    "pass phrase": (lambda key: key.path.write_bytes(private_pem(key.key, b"secret")), ASKED),
-    "public half": (lambda key: key.path.write_bytes(key.public.read_bytes()), NO_KEY),
-    "of RSA": (lambda key: key.path.write_bytes(private_pem(rsa.generate_private_key(65537, 2048))), NO_KEY),
-    "of X25519": (lambda key: key.path.write_bytes(private_pem(x25519.X25519PrivateKey.generate())), NO_KEY),
-    "fifo": (lambda key: (key.path.unlink(), os.mkfifo(key.path)), "is not a regular file"),
+    "group may read": (lambda site: site.key.path.chmod(0o640), SHARED),
+    "others may read": (lambda site: site.key.path.chmod(0o604), SHARED),
+    "pass phrase": (lambda site: site.key.path.write_bytes(private_pem(site.key.key, b"secret")), ASKED),
+    "public half": (lambda site: site.key.path.write_bytes(site.key.public.read_bytes()), NO_KEY),
+    "of RSA": (lambda site: site.key.path.write_bytes(private_pem(rsa.generate_private_key(65537, 2048))), NO_KEY),
+    "of X25519": (lambda site: site.key.path.write_bytes(private_pem(x25519.X25519PrivateKey.generate())), NO_KEY),
+    "fifo": (lambda site: (site.key.path.unlink(), os.mkfifo(site.key.path)), "{} is not a regular file"),
+    "of root": (lambda site: (site.upstream.root.mkdir(), os.chown(site.upstream.root, 12345, 12345)), ROOTS),
 }
 
 
-@pytest.mark.parametrize("case", UNUSABLE)
-def test_private_key_that_cannot_be_used_is_refused(site, case):
+@pytest.mark.parametrize("case", [case for case in UNUSABLE if AS_ROOT or case != "of root"])
+def test_private_key_that_must_not_be_used_is_refused(tmp_path, case):
+    site = Site(tmp_path)
     change, reason = UNUSABLE[case]
-    change(site.key)
-    path = site.key.path
-    assert site.publish("1", key=site.key) == (1, "", f"zqu-mirror: {path} {reason.format(path)}\n")
-    assert not site.upstream.root.exists()
-
-
-@pytest.mark.skipif(not AS_ROOT, reason="takes on another user")
-def test_root_signs_in_no_directory_of_another_user(site):
-    site.upstream.root.mkdir()
-    os.chown(site.upstream.root, 12345, 12345)
-    code, out, err = site.publish("1", key=site.key)
-    assert (code, out, "belongs to another user" in err, [*site.upstream.root.iterdir()]) == (1, "", True, [])
+    change(site)
+    before = site.upstream.tree()
+    assert site.publish("1", key=site.key) == (1, "", f"zqu-mirror: {reason.format(*[site.key.path] * 2)}\n")
+    assert site.upstream.tree() == before
 
 
 def test_ini_that_is_published_never_changes(begun):
@@ -136,9 +121,6 @@ def test_ini_that_is_published_never_changes(begun):
         line = f"{id} was published without this signature, take a new id: its INI file {reason}"
         assert begun.publish(id, key=key) == (1, "", f"zqu-mirror: {line}\n")
     assert begun.info.read_bytes() == before
-
-
-# ---- What is taken ----
 
 
 def edit(change):
@@ -212,9 +194,6 @@ def test_held_release_has_to_be_signed_too(begun):
     assert begun.mirror() == (1, "", refusal(UNSIGNED, "1000"))
 
 
-# ---- Which keys are trusted ----
-
-
 def test_given_keys_are_stored_and_later_runs_use_them(begun):
     """Only those that were given last, and also when nothing is new or the run fails."""
     key, other = (key.public.read_bytes() for key in begun.keys)
@@ -230,8 +209,9 @@ def test_given_keys_are_stored_and_later_runs_use_them(begun):
     assert begun.stored.read_bytes() == other + key
 
 
-def test_first_run_that_fails_keeps_the_keys_alone(site):
+def test_first_run_that_fails_keeps_the_keys_alone(tmp_path):
     """Without keys no time limit is accepted, whoever signed."""
+    site = Site(tmp_path)
     site.publish("1000", key=site.other)
     line = "zqu-mirror: --max-age counts from a time that a trusted key has signed: name one by --trust\n"
     assert (site.mirror("--max-age", "1d"), site.copy.root.exists()) == ((1, "", line), False)
@@ -286,9 +266,6 @@ def test_damaged_stored_keys_are_a_failure(begun, case):
     assert begun.mirror(*begun.trust)[0] == int(reason == NOT_REGULAR)
 
 
-# ---- Ages ----
-
-
 def test_age_of_a_signed_release_is_the_signed_one(begun):
     """In all forms of check."""
     sign(age_s=3 * DAY)(begun)
@@ -302,9 +279,6 @@ def test_age_of_a_signed_release_is_the_signed_one(begun):
     for form, pattern in (("--json", r'"published_epoch":(\d+)'), ("--prometheus", r"release_timestamp_\w+{.*} (\d+)")):
         found = re.search(pattern, begun.upstream.check(form)[1])
         assert time.time() - 3 * DAY - int(found[1]) < 60
-
-
-# ---- Attacks ----
 
 
 def publish(key=None, id="1002", changes=lambda site: None):

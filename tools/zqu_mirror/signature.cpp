@@ -28,7 +28,7 @@ using Bytes = std::array<unsigned char, 128>;
 // The name of the file with the trusted keys. Not served: it begins with a dot.
 constexpr const char* trusted_name = ".zqu-mirror.trusted.pem";
 constexpr std::size_t largest_pem = 65536;
-constexpr std::size_t largest_signed = 4096;  // more than names of files leave
+constexpr std::size_t largest_signed = 2048;  // names of files leave less
 constexpr std::size_t signature_size = 64;
 constexpr std::int64_t most_ahead_s = 300;  // that a clock may be wrong
 
@@ -98,20 +98,16 @@ std::optional<Signed> read_signed(const std::string& info) {
     return Signed{found[1], found[2], found[3], std::stoll(found[4]), found[5]};
 }
 
-bool is_signed_by(const Key& key, const Signed& found) {
+bool is_signed_by_one(const std::string& keys, const Signed& found) {
     Bytes signature{};
     EVP_DecodeBlock(signature.data(), bytes_of(found.base64), static_cast<int>(found.base64.size()));
-    const Context context(EVP_MD_CTX_new());
-    return EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key.get()) == 1 &&
-           EVP_DigestVerify(context.get(), signature.data(), signature_size, bytes_of(found.text), found.text.size()) ==
-               1;
-}
-
-bool is_signed_by_one(const std::string& keys, const Signed& found) {
     const Bio in = reader_of(keys);
     bool verified = false;
     while (const Key key{PEM_read_bio_PUBKEY(in.get(), nullptr, nullptr, nullptr)}) {
-        verified = verified || is_signed_by(key, found);
+        const Context context(EVP_MD_CTX_new());
+        verified |= EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key.get()) == 1 &&
+                    EVP_DigestVerify(context.get(), signature.data(), signature_size, bytes_of(found.text),
+                                     found.text.size()) == 1;
     }
     return verified;
 }
