@@ -97,7 +97,7 @@ void add_publish(CLI::App& command, Options& options) {
     command.add_option("--id", options.id, "Id of the release")->required()->check(unusable_id);
     command.add_option("--sign", options.sign, "PEM file of the Ed25519 private key that signs the release")
         ->check(CLI::ExistingFile);
-    command.add_option("--format", options.format, "Format of the archive: cab, zip or zstd")
+    command.add_option("--format", options.format, "Format of the archive")
         ->capture_default_str()
         ->check(CLI::IsMember(suffixes));
     add_percent(command, options);

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
+#include <utility>
 
 #include "digest.hpp"
 #include "files.hpp"
@@ -79,14 +80,14 @@ void start_entry(archive* writer, const std::string& name, la_int64_t size, time
 // Writes a ZIP to sink: deflated, or stored with the modes also in the local headers, for readers that cannot seek.
 void write_zip(bool stored, const std::string& index, const std::string& index_name, const std::vector<Source>& sources,
                time_t index_time, Sink sink) {
+    const char* const how = stored ? "zip:compression=store,zip:experimental" : "zip:compression=deflate";
     const mode_t mode = stored ? 0555 : 0644;
-    setenv("TZ", "UTC0", 1);  // libarchive writes local time besides that of the epoch
+    setenv("TZ", "UTC0", 1);  // libarchive writes the local time besides the seconds since the epoch
     tzset();
     const tools::Handle<archive, archive_write_free> writer(archive_write_new());
     archive* const zip = writer.get();
     require_zip(zip, archive_write_set_format_zip(zip));
-    require_zip(zip, archive_write_set_options(
-                         zip, stored ? "zip:compression=store,zip:experimental" : "zip:compression=deflate"));
+    require_zip(zip, archive_write_set_options(zip, how));
     require_zip(zip, archive_write_set_bytes_in_last_block(zip, 1));
     require_zip(zip, archive_write_open(zip, &sink, nullptr, pass_on, nullptr));
     start_entry(zip, index_name, static_cast<la_int64_t>(index.size()), index_time, mode);
@@ -107,25 +108,24 @@ std::size_t require_zstd(std::size_t result) {
     return result;
 }
 
-// The number of threads makes no difference to the bytes, but whether libzstd runs any does: there is always one.
+// As many threads as processors that this process may use, up to four for the memory that each takes. How many makes no
+// difference to the bytes, but whether libzstd has any does: one at least.
 int threads() {
-    constexpr int most = 4;  // for the memory that each takes
     cpu_set_t usable;
-    return sched_getaffinity(0, sizeof usable, &usable) == 0 ? std::clamp(CPU_COUNT(&usable), 1, most) : 1;
+    CPU_ZERO(&usable);
+    static_cast<void>(sched_getaffinity(0, sizeof usable, &usable));
+    return std::clamp(CPU_COUNT(&usable), 1, 4);
 }
 
-// Compresses size bytes in all.
+// Compresses size bytes in all. The gateways need memory for the window, here 4 MiB; the level would take 8 MiB.
 tools::Handle<ZSTD_CCtx, ZSTD_freeCCtx> zstd_context(std::uintmax_t size) {
-    constexpr std::pair<ZSTD_cParameter, int> settings[] = {
-        {ZSTD_c_compressionLevel, 19}, {ZSTD_c_windowLog, 22},  // 4 MiB, which the gateways need memory for; the
-                                                                // level's own is 8 MiB
-        {ZSTD_c_checksumFlag, 1},      {ZSTD_c_jobSize, 16 << 20}, {ZSTD_c_overlapLog, 9},
-    };
     tools::Handle<ZSTD_CCtx, ZSTD_freeCCtx> context(ZSTD_createCCtx());
+    const std::pair<ZSTD_cParameter, int> settings[] = {{ZSTD_c_compressionLevel, 19}, {ZSTD_c_windowLog, 22},
+                                                        {ZSTD_c_checksumFlag, 1},      {ZSTD_c_nbWorkers, threads()},
+                                                        {ZSTD_c_jobSize, 16 << 20},    {ZSTD_c_overlapLog, 9}};
     for (const auto& [parameter, value] : settings) {
         require_zstd(ZSTD_CCtx_setParameter(context.get(), parameter, value));
     }
-    require_zstd(ZSTD_CCtx_setParameter(context.get(), ZSTD_c_nbWorkers, threads()));
     require_zstd(ZSTD_CCtx_setPledgedSrcSize(context.get(), size));
     return context;
 }
@@ -175,13 +175,12 @@ void pack_zstd(const std::filesystem::path& path, const std::string& index, cons
     write_zip(true, index, index_name, sources, index_time, [&](const char* data, std::size_t size) {
         ZSTD_inBuffer in{data, size, 0};
         taken += size;
-        const auto mode = taken == total ? ZSTD_e_end : ZSTD_e_continue;
-        std::size_t left = 0;
-        do {
+        const bool last = taken == total;
+        for (std::size_t left = 1; last ? left != 0 : in.pos < in.size;) {
             ZSTD_outBuffer out{block.data(), block.size(), 0};
-            left = require_zstd(ZSTD_compressStream2(context.get(), &out, &in, mode));
+            left = require_zstd(ZSTD_compressStream2(context.get(), &out, &in, last ? ZSTD_e_end : ZSTD_e_continue));
             tools::write_all(file.get(), block.substr(0, out.pos), "the file");
-        } while (mode == ZSTD_e_end ? left != 0 : in.pos < in.size);
+        }
     });
 }
 
