@@ -36,16 +36,6 @@ public:
 
     [[nodiscard]] std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
-    // Answers with the first part of a body that was announced as longer, then closes the connection.
-    void serve_half(const std::string& path, const std::string& half) {
-        http.Get(path, [half](const httplib::Request&, httplib::Response& response) {
-            response.set_content_provider(half.size() * 2, "text/plain",
-                                          [half](std::size_t offset, std::size_t, httplib::DataSink& sink) {
-                                              return offset == 0 && sink.write(half.data(), half.size());
-                                          });
-        });
-    }
-
     // From now on; a former answer at the path is replaced.
     void serve(const std::string& path, const std::string& body, int status = 200) { answers_[path] = {body, status}; }
 

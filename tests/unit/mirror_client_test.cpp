@@ -2,9 +2,7 @@
 
 #include <curl/curl.h>
 #include <dlfcn.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <memory>
 #include <tuple>
 #include <type_traits>
@@ -103,63 +101,6 @@ TEST_F(MirrorClientTest, StatusBelow400IsASuccessAndReplacesTheBody) {
     }
 }
 
-TEST_F(MirrorClientTest, StatusOf400OrMoreFailsAndEmptiesTheBody) {
-    for (const int status : {400, 401, 403, 404, 410, 429, 500, 503}) {
-        const std::string path = "/" + std::to_string(status);
-        server_.serve(path, "an error page", status);
-        body_ = "former content";
-        EXPECT_FALSE(get(path)) << status;
-        EXPECT_EQ(body_, "") << status;
-        expect_error("GET", path, "HTTP response code said error");
-    }
-}
-
-TEST_F(MirrorClientTest, RedirectsAreFollowed) {
-    server_.http.Get("/from", [](const httplib::Request&, httplib::Response& r) { r.set_redirect("/to"); });
-    server_.serve("/to", "arrived");
-    EXPECT_TRUE(get("/from"));
-    EXPECT_EQ(body_, "arrived");
-}
-
-TEST_F(MirrorClientTest, BrokenTransferKeepsWhatArrived) {
-    server_.serve_half("/x", "first half");
-    EXPECT_FALSE(get("/x"));
-    EXPECT_EQ(body_, "first half");
-    expect_error("GET", "/x", "Transferred a partial file");
-}
-
-TEST_F(MirrorClientTest, UnreachableMirrorFails) {
-    server_.stop();
-    EXPECT_FALSE(get("/x"));
-    expect_error("GET", "/x", "Couldn't connect to server");
-}
-
-TEST_F(MirrorClientTest, TimeoutEndsAWholeTransfer) {
-    cfg_.http_timeout_s = 1;
-    std::atomic<int> slow_requests{0};
-    server_.http.Get("/slow", [&](const httplib::Request&, httplib::Response& response) {
-        ++slow_requests;
-        response.set_chunked_content_provider("text/plain", [](std::size_t, httplib::DataSink& sink) {
-            usleep(50'000);
-            return sink.write("x", 1);
-        });
-    });
-    EXPECT_FALSE(get("/slow"));
-    expect_error("GET", "/slow", "Timeout was reached");
-    EXPECT_EQ(slow_requests, 1);
-}
-
-TEST_F(MirrorClientTest, DefidComesFromTheHitIni) {
-    server_.serve(hit, "[Current]\ndefId=1234\n");
-    EXPECT_EQ(client_.fetch_defid(), "1234");
-    EXPECT_EQ(server_.requests, Lines{hit});
-}
-
-TEST_F(MirrorClientTest, MissingHitIniGivesNoDefid) {
-    EXPECT_EQ(client_.fetch_defid(), std::nullopt);
-    expect_error("GET", hit, "HTTP response code said error");
-}
-
 // What fetch_defid makes of a hit INI.
 struct HitCase : Verdict {
     std::string text;
@@ -221,11 +162,6 @@ TEST_F(MirrorClientTest, CompleteInfoWithoutIdTakesTheOneAskedFor) {
     }
 }
 
-TEST_F(MirrorClientTest, MissingCompleteIniGivesNoInfo) {
-    EXPECT_FALSE(client_.fetch_complete_info("1234"));
-    expect_error("GET", complete, "HTTP response code said error");
-}
-
 TEST_F(MirrorClientTest, InfoWithoutNameOrDigestIsRefusedWithOneMessage) {
     for (const char* text :
          {"", "def.Current.name=x\n", "def.Current.SHA256=y\n", "def.Current.name=\ndef.Current.SHA256=y\n",
@@ -278,61 +214,12 @@ TEST_F(MirrorClientTest, DownloadReplacesFormerFiles) {
     EXPECT_EQ(read_file(dest_), "");
 }
 
-TEST_F(MirrorClientTest, FailedDownloadRemovesThePartAndKeepsAFormerFile) {
-    write_file(dest_, "former");
-    EXPECT_FALSE(download());
-    EXPECT_EQ(listing(dir_.path()), Lines{"dest"});
-    EXPECT_EQ(read_file(dest_), "former");
-    expect_error("download_cab", cab, "HTTP response code said error");
-}
-
-TEST_F(MirrorClientTest, DownloadBrokenHalfwayLeavesNothing) {
-    server_.serve_half(cab, std::string(200'000, 'x'));
-    EXPECT_FALSE(download());
-    EXPECT_EQ(listing(dir_.path()), Lines{});
-    expect_error("download_cab", cab, "Transferred a partial file");
-}
-
-TEST_F(MirrorClientTest, MissingDirectoryIsReportedWithoutARequest) {
-    server_.serve(cab, "x");
-    EXPECT_FALSE(client_.download_cab("x.cab", dir_ / "none/dest"));
-    EXPECT_EQ(log_.take(), Lines{"err download_cab: cannot create " + (dir_ / "none/dest.part")});
-    EXPECT_EQ(server_.requests, Lines{});
-}
-
-TEST_F(MirrorClientTest, FailedWriteAbortsTheTransfer) {
-    server_.serve(cab, std::string(1'000'000, 'x'));
-    fs::create_symlink("/dev/full", dir_ / "dest.part");
-    EXPECT_FALSE(download());
-    EXPECT_EQ(listing(dir_.path()), Lines{});
-    expect_error("download_cab", cab, "Failed writing received data to disk/application");
-}
-
-TEST_F(MirrorClientTest, FailedCloseIsNotNoticed) {
-    // The few bytes stay in the stream's buffer until fclose tries, in vain, to write them out.
-    server_.serve(cab, "x");
-    fs::create_symlink("/dev/full", dir_ / "dest.part");
-    EXPECT_TRUE(download());
-    EXPECT_EQ(listing(dir_.path()), Lines{"dest -> /dev/full"});
-}
-
 TEST_F(MirrorClientTest, FailedRenameIsSilentAndKeepsThePart) {
     server_.serve(cab, "content");
     make_dirs(dest_);
     EXPECT_FALSE(download());
     EXPECT_EQ(listing(dir_.path()), (Lines{"dest.part", "dest/"}));
     EXPECT_EQ(read_file(dir_ / "dest.part"), "content");
-}
-
-TEST_F(MirrorClientTest, OneHandleServesTransferAfterTransfer) {
-    server_.serve(hit, "defId=1");
-    server_.serve(cab, "cab");
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(client_.fetch_defid(), "1");
-        EXPECT_TRUE(download());
-        EXPECT_FALSE(client_.download_cab("none", dest_));
-    }
-    EXPECT_EQ(log_.take().size(), 3U);
 }
 
 class NoHandleTest : public MirrorClientTest {
@@ -355,14 +242,6 @@ TEST_F(NoHandleTest, EveryTransferFailsWithoutAMessageOrARequest) {
     EXPECT_EQ(bare_->fetch_defid(), std::nullopt);
     EXPECT_FALSE(bare_->fetch_complete_info("1234"));
     EXPECT_EQ(server_.requests, Lines{});
-}
-
-TEST(MirrorClientLifetimeTest, ClientsComeAndGo) {
-    const Config cfg;
-    for (int i = 0; i < 3; ++i) {
-        const MirrorClient client(cfg);
-        EXPECT_NE(client.hit_ini_url(), "");
-    }
 }
 
 }  // namespace

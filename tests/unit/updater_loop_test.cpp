@@ -51,18 +51,6 @@ protected:
         EXPECT_EQ(log_.take(), loop_log(between));
     }
 
-    // Stops the loop in a slice of its first wait, which has to be the last thing that it does.
-    void stop_in_slice(std::size_t number) {
-        clock_.on_sleep = [this, number](const timespec*, timespec*) {
-            stop_ = clock_.sleeps.size() == number ? 1 : 0;
-            return 0;
-        };
-        static_cast<void>(waits_after({false, false}));
-        EXPECT_EQ(cycles_, 1U);
-        EXPECT_EQ(clock_.sleeps.size(), number);
-        EXPECT_EQ(log_.take(), loop_log());
-    }
-
     void expect_times_of_the_first_check() const {
         EXPECT_EQ(read_file(cfg_.status_path),
                   status_text({"good", "engine 7", "good", "good", first_check, first_check, ""}));
@@ -134,45 +122,6 @@ TEST_F(RunLoopTest, VersionInServiceIsReadBeforeTheMirrorIsAsked) {
     set_active("former");
     on_check = [this] { set_active("good"); };
     run_one_cycle({"info published def snapshot good", "info def snapshot updated: former -> good"});
-}
-
-TEST_F(RunLoopTest, StopBeforeTheFirstCycleRunsNone) {
-    stop_ = 1;
-    run_one_cycle();
-    EXPECT_EQ(cycles_, 0U);
-}
-
-TEST_F(RunLoopTest, StopDuringACycleLetsItEndAndSleepsNoMore) {
-    fs::remove(cfg_.status_path);
-    run_one_cycle();
-    EXPECT_EQ(cycles_, 1U);
-    EXPECT_EQ(clock_.sleeps.size(), 0U);
-    EXPECT_TRUE(exists(cfg_.status_path));
-}
-
-TEST_F(RunLoopTest, StopDuringASliceSleepsNoFurtherOne) {
-    stop_in_slice(2);
-}
-
-TEST_F(RunLoopTest, StopDuringTheLastSliceRunsNoFurtherCycle) {
-    stop_in_slice(3);
-}
-
-TEST_F(RunLoopTest, WaitIsTheIntervalInSlicesOfOneSecond) {
-    EXPECT_EQ(waits_after({false, false}), (Waits{3, 3}));
-    for (const auto& slice : clock_.sleeps) {
-        EXPECT_EQ(slice.tv_sec, 1);
-        EXPECT_EQ(slice.tv_nsec, 0);
-    }
-    EXPECT_EQ(log_.take(), loop_log());
-}
-
-TEST_F(RunLoopTest, HandledFailureIsNoException) {
-    mirror_.remove("antivir-v2-c-throwing.ini");
-    EXPECT_EQ(waits_after({true, true, true}), (Waits{3, 3, 3}));
-    const Lines log = log_.take();
-    ASSERT_EQ(log.size(), 5U);
-    EXPECT_EQ(log[1].substr(0, 8), "err GET ");
 }
 
 // Whether each cycle throws, and the seconds to wait after each.
@@ -275,22 +224,6 @@ TEST_F(RunLoopTest, InterruptedSliceIsResumedForTheTimeLeft) {
     EXPECT_EQ(clock_.sleeps.at(0).tv_sec, 1);
     EXPECT_EQ(clock_.sleeps.at(1).tv_nsec, 800'000'000);
     EXPECT_EQ(clock_.sleeps.at(2).tv_nsec, 700'000'000);
-    EXPECT_EQ(log_.take(), loop_log());
-}
-
-TEST_F(RunLoopTest, InterruptionThatRaisesTheFlagStillFinishesTheSlice) {
-    clock_.on_sleep = [this](const timespec*, timespec* remainder) {
-        if (clock_.sleeps.size() > 1) {
-            return 0;
-        }
-        stop_ = 1;
-        remainder->tv_nsec = 1;
-        errno = EINTR;
-        return -1;
-    };
-    static_cast<void>(waits_after({false}));
-    EXPECT_EQ(clock_.sleeps.size(), 2U);
-    EXPECT_EQ(cycles_, 1U);
     EXPECT_EQ(log_.take(), loop_log());
 }
 
