@@ -161,15 +161,12 @@ def ending(*stages):
     return [step for each in stages for step in (f"unlink D/{stage(each)}", "fsync D")]
 
 
-def rolling(percent, words, **more):
-    """A command for the candidate "new", which so many per cent have."""
-
+def candidate(id, percent):
     def prepare(own, upstream):
         own.publish_small("old")
-        assert own.publish("new", "--percent", str(percent))[0] == 0
+        assert own.publish(id, "--percent", str(percent))[0] == 0
 
-    more = {"work": [], "others": STAGES, **more}
-    return Command(words=lambda own, root: ["rollout", root, words], prepare=prepare, archive=cab("new"), **more)
+    return prepare
 
 
 def beginning(prepare, *words, ended=()):
@@ -184,28 +181,27 @@ def beginning(prepare, *words, ended=()):
     )
 
 
-def prepare_other_candidate(own, upstream):
-    own.publish_small("old")
-    assert own.publish("other", "--percent", "50")[0] == 0
+def going_on(percent, word, work, steps, stop, *others):
+    return Command(
+        words=lambda own, root: ["rollout", root, word],
+        prepare=candidate("new", percent),
+        work=work,
+        archive=cab("new"),
+        others=(*STAGES, *others),
+        steps=steps,
+        states=4,
+        stop=stop,
+    )
 
 
 COMMANDS |= {
     "start": beginning(COMMANDS["publish"].prepare),
-    "replace": beginning(prepare_other_candidate, "--replace", ended=ending(50, 10, 1)),
-    "advance": rolling(
-        *(1, "50"),
-        work=[stage(10), stage(50)],
-        steps=adding(10, 50),
-        states=5,
-        stop=(f"{WORK}/{stage(10)}", "openat"),
-    ),
-    "finish": rolling(10, "100", work=["hit"], steps=[*FINAL_STEPS, *ending(10, 1)], states=5),
-    "withdraw": rolling(
-        *(10, "withdraw"),
-        others=(*STAGES, HELD, f"{HELD}/{info_name('new')}"),
-        steps=["fsync D", f"fsync D/{HELD}", *ending(10, 1)],
-        states=4,
-        stop=(stage(10), "unlink"),
+    "replace": beginning(candidate("other", 50), "--replace", ended=ending(50, 10, 1)),
+    "advance": going_on(1, "50", [stage(10), stage(50)], adding(10, 50), (f"{WORK}/{stage(10)}", "openat")),
+    "finish": going_on(10, "100", ["hit"], [*FINAL_STEPS, *ending(10, 1)], (f"{WORK}/hit", "openat")),
+    "withdraw": going_on(
+        *(10, "withdraw", [], ["fsync D", f"fsync D/{HELD}", *ending(10, 1)], (stage(10), "unlink")),
+        *(HELD, f"{HELD}/{info_name('new')}"),
     ),
 }
 ZSTD = replace(COMMANDS["publish"], words=lambda own, root: own.publishing("new", "--format", "zstd", root=root))
@@ -287,7 +283,10 @@ def expect_whole(mirror):
         assert mirror.path(archive).exists(), f"{path.name} names {archive}, which is gone"
 
 
-@pytest.mark.parametrize("name", COMMANDS)
+# The long ones are made of steps of others.
+@pytest.mark.parametrize(
+    "name", [pytest.param(name, marks=[pytest.mark.long] * (name in ("start", "replace"))) for name in COMMANDS]
+)
 def test_kill_at_any_call_leaves_a_whole_release(own, name, request, record_property):
     """And the next run heals all that is left."""
     every = request.config.getoption("--all")

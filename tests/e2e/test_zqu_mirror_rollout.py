@@ -2,7 +2,6 @@
 
 import json
 import os
-import re
 
 import pytest
 from gateway import Gateway
@@ -63,15 +62,20 @@ def test_rollout_in_four_steps_and_each_says_where_it_is(own):
     line = "published {} as the candidate for 1 per cent{}\n"
     done = own.publish("new", "--percent", "1")
     assert done == (0, line.format("new", own.summary("new")[3:]), "")
-    began = utc(own.began_before(DAY))
+    start = own.began_before(DAY)
     assert own.named() == ["new", "old", "old", "old"]
     for percent, groups in ((10, ["new", "new", "old", "old"]), (50, ["new", "new", "new", "old"])):
         done = own.rollout(str(percent))
         state = own.state_of(percent)
         assert done == (0, f"{state}{own.summary('new')[3:]}\n", "")
         assert (own.named(), own.check()[0]) == (groups, 0)
-        line = f"{state}, the rollout began at {began}; old is current\n"
+        line = f"{state}, the rollout began at {utc(start)}; old is current\n"
         assert own.rollout() == own.rollout(str(percent)) == (0, line, "")
+        assert own.list()[1].endswith(f"  candidate, {state.partition('for ')[2]}\n")
+    document = json.loads(own.list("--json")[1])
+    since = int(own.path(THIRD).stat().st_mtime)
+    assert document["rollout"] == {"id": "new", "percent": 50, "since_epoch": since, "start_epoch": start}
+    assert [(each["id"], each["candidate"]) for each in document["releases"]] == [("old", False), ("new", True)]
     assert own.rollout("100") == (0, f"made current {own.summary('new')}\n", "")
     assert (own.files(), own.named()) == (own.files_of("old", "new"), ["new"] * 4)
     assert own.rollout() == (0, "no rollout: new is current\n", "")
@@ -120,25 +124,19 @@ def finish(own):
 NO_ROLLOUT = (
     "there is no rollout, and new is current: publish --percent starts one, activate goes back to a former release"
 )
-CANNOT = "new cannot be rolled out further: "
 # What is done to a mirror with the candidate "new" at 50 per cent, the words of a run, and why it is refused.
 REFUSED = {
     "lower stage": (None, "rollout {root} 10", "{state}: only withdraw goes back"),
     "activate": (None, "activate {root} old", "{state}: run zqu-mirror rollout MIRROR with 100 or withdraw first"),
-    "damaged": (
-        change_byte(cab("new")),
-        "rollout {root} 100",
-        f"{CANNOT}{cab('new')} does not have the digest {{digest}}",
-    ),
-    "no INI": (remove(info_name("new")), "rollout {root} 100", f"{CANNOT}{info_name('new')} is missing"),
+    "damaged": (cut(cab("new"), 9), "rollout {root} 100", "new cannot be rolled out further: {cab} has 9 bytes {size}"),
     "no hit INI": (
         remove(HIT),
         "rollout {root} withdraw",
-        f"{HIT} names no release to go back to: run zqu-mirror repair",
+        "{hit} names no release to go back to: run zqu-mirror repair",
     ),
     "is current": (
         finish,
-        "publish --percent 1 --id new {root} /dev/null /dev/null --allow-empty",
+        "publish --percent 1 --id new {root} {files}",
         "new is current already: --percent needs another release",
     ),
     **{f"no rollout, {what}": (finish, f"rollout {{root}} {what}", NO_ROLLOUT) for what in ("10", "100", "withdraw")},
@@ -149,11 +147,10 @@ REFUSED = {
 def test_step_that_cannot_be_is_refused(own, case):
     make, words, line = REFUSED[case]
     own.begin(50)
-    digest = re.search("SHA256 = (.*)", own.path(info_name("new")).read_text())[1]
+    line = line.format(state=own.state, hit=HIT, cab=cab("new"), size=f"instead of {own.size(cab('new'))}")
     if make:
         make(own)
-    words = words.replace("/dev/null", str(own.aivsecon).replace(" ", "\0")).format(root=own.root)
-    own.expect_refused(line.format(state=own.state, digest=digest), *(w.replace("\0", " ") for w in words.split()))
+    own.expect_refused(line, *words.format(root=own.root, files="/etc/passwd /etc/group").split())
 
 
 @pytest.mark.parametrize("command", ["publish", "mirror"])
@@ -213,9 +210,7 @@ GAP, LOWEST = (f"{one} names new, but {other} does not" for one, other in ((THIR
 EMPTY = [f"{THIRD} names no release"]
 # What is done to a mirror with the candidate "new" at 50 per cent, what is wrong, and how many stage files are left.
 FAULTS = {
-    "no id": (write(THIRD, "[Current]\n"), EMPTY, 2),
     "too long": (write(THIRD, "defId = new\n" + "\n" * (1 << 20)), EMPTY, 2),
-    "directory": (replace_by(os.mkdir, THIRD), EMPTY, 2),
     "FIFO": (replace_by(os.mkfifo, THIRD), EMPTY, 2),
     "other": (write(SECOND, "defId = x\n"), [GAP, f"{SECOND} names x, but {FIRST} does not"], 1),
     "gap": (remove(FIRST), [GAP, LOWEST], 0),
@@ -240,7 +235,7 @@ def test_stage_file_that_belongs_to_no_rollout_is_a_fault(own, case):
     assert (code, err) == (0, "")
     assert out.splitlines()[:-1] == [f"found {fault}" for fault in faults] + [f"removed {name}" for name in names]
     assert sorted(os.listdir(next(own.path(REPLACED).iterdir()))) == sorted(names)
-    assert [path.name for path in sorted(own.folder.glob(f"{HIT}.*"))] == [FIRST, SECOND, THIRD][:left]
+    assert len([*own.folder.glob(f"{HIT}.*")]) == left
     assert own.check()[0] == own.list()[0] == own.prune("--keep", "1")[0] == 0
 
 
@@ -321,19 +316,3 @@ def test_check_reads_the_candidate_and_warns_of_a_long_rollout(own):
     assert own.check(*long, root=f"file://{own.root}")[0] == 2
     assert own.rollout("withdraw")[0] == 0
     assert "rollout" not in own.check("--prometheus")[1]
-
-
-def test_list_shows_the_candidate_and_its_stage(own):
-    own.begin(50)
-    start = own.began_before(DAY)
-    rows = own.list()[1].splitlines()
-    assert [row.split()[0] for row in rows] == ["ID", "old", "new"]
-    assert rows[2].endswith(f"  candidate, {own.state.partition('for ')[2]}")
-    document = json.loads(own.list("--json")[1])
-    since = int(own.path(THIRD).stat().st_mtime)
-    assert document["rollout"] == {"id": "new", "percent": 50, "since_epoch": since, "start_epoch": start}
-    keys = ("id", "current", "candidate", "grace_until_epoch")
-    assert [[each[key] for key in keys] for each in document["releases"]] == [
-        ["old", True, False, None],
-        ["new", False, True, None],
-    ]
