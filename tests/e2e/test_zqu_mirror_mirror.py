@@ -111,6 +111,7 @@ REFUSED_ARCHIVES = {
     "..": DOTS_RULE,
     WORK: "must not begin with a dot",
     HIT: "must not end in .ini",
+    f"{HIT}.10": "must not hold -hit.ini",
     LONG: "is too long for a file name",
 }
 # What is done to an upstream with the release 1002, and what is then said.
