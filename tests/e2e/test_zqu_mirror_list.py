@@ -63,6 +63,7 @@ def entry(own, id, current=False, until=None, held=False, form="cab"):
         "size": archive.stat().st_size,
         "published_epoch": int(archive.stat().st_mtime),
         "current": current,
+        "candidate": False,
         "grace_until_epoch": until,
         "held": held,
         "damaged": False,
@@ -77,6 +78,7 @@ def test_json_is_one_document_with_all_of_it(listed):
         "flavor": "v2",
         "current": "4",
         "held": ["2"],
+        "rollout": None,
         "problems": [],
         "releases": [
             entry(listed, "4", True, form="zstd"),

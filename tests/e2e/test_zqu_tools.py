@@ -21,6 +21,8 @@ REFUSED = {
     "zqu-mirror repair --from http://mirror.example m": "--from: must be an https or a file URL",
     "zqu-mirror repair": "MIRROR is required",
     "zqu-mirror activate m": "ID is required",
+    "zqu-mirror rollout m 1": "ACTION: 1 not in {10,50,100,withdraw}",
+    "zqu-mirror check --max-rollout 1d https://mirror.example": "--max-rollout requires the mirror's directory",
     "zqu-mirror check /nonexistent": "MIRROR: must be a directory or an http, https or file URL",
     "zqu-mirror check --max-age 1d /": "--max-age requires --nagios, --prometheus or --trust",
     "zqu-mirror check --json --quiet /": "--quiet excludes --json",
@@ -63,7 +65,11 @@ def test_wrong_command_line_is_refused(tmp_path, line):
 # The commands of each tool, what its help says of the exit status, and the status when output is lost.
 HELP = {
     "zqu-config": (["check", "show"], "", 2),
-    "zqu-mirror": (["publish", "mirror", "activate", "repair", "prune", "list", "check"], "Exit status: 0 done", 1),
+    "zqu-mirror": (
+        ["publish", "mirror", "rollout", "activate", "repair", "prune", "list", "check"],
+        "Exit status: 0 done",
+        1,
+    ),
     "zqu-status": ([], "Exit status: 0 ok, 1 warning, 2 critical, 3 unknown", 3),
 }
 
@@ -88,11 +94,11 @@ COMMON = "--help --flavor --subdir "
 FILES = "a file|other file|the directory"
 # Words up to the cursor, separated by bars; what bash offers for the last of them, likewise or by blanks.
 COMPLETIONS = {
-    "zqu-mirror|": "publish mirror activate repair prune list check",
+    "zqu-mirror|": "publish mirror rollout activate repair prune list check",
     "zqu-mirror|-": "--help --version",
-    "zqu-mirror|publish|-": COMMON + "--quiet --id --sign --format --allow-empty",
+    "zqu-mirror|publish|-": COMMON + "--quiet --id --sign --format --allow-empty --percent --replace",
     "zqu-mirror|mirror|-": COMMON
-    + "--quiet --upstream-subdir --ca --timeout --allow-http --trust --max-age --verify --force",
+    + "--quiet --upstream-subdir --ca --timeout --allow-http --trust --max-age --verify --force --percent --replace",
     "zqu-mirror|activate|-": COMMON + "--quiet",
     "zqu-mirror|repair|-": COMMON + "--from --upstream-subdir --ca --timeout --allow-http --yes",
     "zqu-mirror|repair|--from|": "",
@@ -100,13 +106,15 @@ COMPLETIONS = {
     "zqu-mirror|prune|-": COMMON + "--quiet --keep --older-than --grace --dry-run",
     "zqu-mirror|list|-": COMMON + "--grace --json",
     "zqu-mirror|list|": "the directory|",
-    "zqu-mirror|check|-": COMMON + "--ca --timeout --quiet --json --nagios --prometheus --trust --max-age",
+    "zqu-mirror|check|-": COMMON + "--ca --timeout --quiet --json --nagios --prometheus --trust --max-age --max-rollout",
     "zqu-mirror|check|--max-age|2": "2s 2m 2h 2d 2w",
     "zqu-mirror|publish|--id|": "",
     "zqu-mirror|publish|--format|z": "zip zstd",
     "zqu-mirror|prune|--older-than|30": "30s 30m 30h 30d 30w",
     "zqu-mirror|prune|--grace|=|2": "2s 2m 2h 2d 2w",
     "zqu-mirror|prune|t": "the directory|",
+    "zqu-mirror|rollout|/m|": "10|50|100|withdraw|the directory",
+    "zqu-mirror|publish|--percent|": "1 10 50",
     "zqu-mirror|publish|": FILES,
     "zqu-mirror|mirror|--ca|": FILES,
     "zqu-mirror|mirror|--trust|": FILES,
