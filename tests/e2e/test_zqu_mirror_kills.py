@@ -386,6 +386,15 @@ def test_failed_removal_ends_a_prune_and_the_rest_stays(own, injection):
     assert own.files() == sorted({*before} - gone)
 
 
+def test_start_that_fails_halfway_keeps_what_gateways_take(own):
+    campaign = Campaign("start", own)
+    code, out, err = campaign.traced(own, "-e", "inject=rename:error=ENOSPC:when=4")  # of the second stage file
+    assert (code, out) == (1, "")
+    assert err.startswith("zqu-mirror: new is the candidate for 1 per cent, but not all is done: cannot create ")
+    assert own.path(stage(1)).exists()
+    expect_whole(own)
+
+
 @pytest.mark.parametrize("number", SIGNALS)
 @pytest.mark.parametrize("name", ["publish", "mirror"])
 def test_signal_ends_the_run_and_the_mirror_is_untouched(own, name, number):

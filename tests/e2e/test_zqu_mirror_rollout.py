@@ -5,7 +5,7 @@ import os
 
 import pytest
 from gateway import Gateway
-from mirror_tool import DAY, REPLACED, SUBDIR, OwnMirror, cab, change_byte, cut, noise, remove, run, utc, write
+from mirror_tool import DAY, REPLACED, OwnMirror, cab, change_byte, cut, noise, remove, run, utc, write
 from outcomes import published
 from release import HIT, hit_ini, info_name
 from scripted_server import reply
@@ -42,13 +42,9 @@ class Rolling(OwnMirror):
 
     def checked_by(self, gateway, stage):
         """The log of a check by a gateway of this group."""
-        served = gateway.folder / "served" / SUBDIR
-        served.mkdir(parents=True, exist_ok=True)
-        for path in self.folder.glob("*-c-*"):
-            (served / path.name).unlink(missing_ok=True)
-            (served / path.name).symlink_to(path)
-        (served / HIT).write_bytes(hit_ini(self.named()[STAGES.index(stage)]))
-        gateway.settings["mirror_base_url"] = f"file://{gateway.folder}/served"
+        served = self.copied_to(gateway.folder / f"seen at {len(self.held())}")
+        served.write(HIT, hit_ini(self.named()[STAGES.index(stage)]))
+        gateway.settings["mirror_base_url"] = f"file://{served.root}".replace(" ", "%20")
         return gateway.run_once()
 
 
@@ -59,9 +55,8 @@ def own(tmp_path):
 
 def test_rollout_in_four_steps_and_each_says_where_it_is(own):
     own.publish_small("old")
-    line = "published {} as the candidate for 1 per cent{}\n"
     done = own.publish("new", "--percent", "1")
-    assert done == (0, line.format("new", own.summary("new")[3:]), "")
+    assert done == (0, f"published new as the candidate for 1 per cent{own.summary('new')[3:]}\n", "")
     start = own.began_before(DAY)
     assert own.named() == ["new", "old", "old", "old"]
     for percent, groups in ((10, ["new", "new", "old", "old"]), (50, ["new", "new", "new", "old"])):
@@ -274,7 +269,7 @@ def test_prune_keeps_a_candidate_also_one_that_comes_meanwhile(own):
 
 
 def test_repair_restores_a_candidate_or_ends_its_rollout(copy):
-    copy.follow("1001")
+    copy.follow("1000", "1001")
     copy.upstream.publish("1002")
     assert copy.run("--percent", "10")[0] == 0
     _, *options, url, root = copy.words()
