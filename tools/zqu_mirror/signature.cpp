@@ -6,9 +6,12 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <ctime>
 #include <iterator>
+#include <map>
 #include <regex>
+#include <sstream>
 #include <utility>
 
 #include "text.hpp"
@@ -28,9 +31,10 @@ using Bytes = std::array<unsigned char, 128>;
 // The name of the file with the trusted keys. Not served: it begins with a dot.
 constexpr const char* trusted_name = ".zqu-mirror.trusted.pem";
 constexpr std::size_t largest_pem = 65536;
-constexpr std::size_t largest_signed = 2048;  // names of files leave less
 constexpr std::size_t signature_size = 64;
+constexpr int base64_size = 88;
 constexpr std::int64_t most_ahead_s = 300;  // that a clock may be wrong
+const std::string mark = "# signature: ";
 
 Bio reader_of(const std::string& text) {
     return Bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
@@ -75,38 +79,45 @@ const unsigned char* bytes_of(const std::string& text) {
 // An INI as publish signs it.
 struct Signed {
     std::string text;  // that is signed
+    Bytes signature;
     std::string id;
     std::string flavor;
-    std::int64_t published;
-    std::string base64;
+    std::int64_t published = -1;
 };
 
 // Of several equal keys the daemon, too, takes the first.
 std::optional<Signed> read_signed(const std::string& info) {
-    static const std::regex form(R"((def\.Current\.defId = (\S+)\n)"
-                                 R"(def\.Current\.name = \S+\n)"
-                                 R"(def\.Current\.SHA256 = \S+\n)"
-                                 R"(def\.Current\.size = \d+\n)"
-                                 R"(def\.Current\.flavor = (\S+)\n)"
-                                 R"(def\.Current\.published = (\d{1,18})\n)"
-                                 R"((?:def\.Current\.\w+ = \S+\n)*))"
-                                 R"(# signature: ([A-Za-z0-9+/]{86}==)\n)");
-    std::smatch found;
-    if (info.size() > largest_signed || !std::regex_match(info, found, form)) {
+    const auto end = info.rfind("\n" + mark);
+    const std::string last = end == std::string::npos ? "" : info.substr(end + 1);
+    Bytes signature{};
+    if (last.size() != mark.size() + base64_size + 1 || last.back() != '\n' ||
+        EVP_DecodeBlock(signature.data(), bytes_of(last) + mark.size(), base64_size) < 0) {
         return std::nullopt;
     }
-    return Signed{found[1], found[2], found[3], std::stoll(found[4]), found[5]};
+    std::istringstream lines(info);
+    std::map<std::string, std::string> values;
+    for (const std::string name : {"defId", "name", "SHA256", "size", "flavor", "published"}) {
+        const std::string start = "def.Current." + name + " = ";
+        std::string line;
+        if (!std::getline(lines, line) || !begins_with(line, start)) {
+            return std::nullopt;
+        }
+        values[name] = line.substr(start.size());
+    }
+    Signed found{info.substr(0, end + 1), signature, values["defId"], values["flavor"]};
+    const std::string& time = values["published"];
+    const auto [stop, error] = std::from_chars(time.data(), time.data() + time.size(), found.published);
+    const bool whole = error == std::errc() && stop == time.data() + time.size() && found.published >= 0;
+    return whole ? std::optional<Signed>(found) : std::nullopt;
 }
 
 bool is_signed_by_one(const std::string& keys, const Signed& found) {
-    Bytes signature{};
-    EVP_DecodeBlock(signature.data(), bytes_of(found.base64), static_cast<int>(found.base64.size()));
     const Bio in = reader_of(keys);
     bool verified = false;
     while (const Key key{PEM_read_bio_PUBKEY(in.get(), nullptr, nullptr, nullptr)}) {
         const Context context(EVP_MD_CTX_new());
         verified |= EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key.get()) == 1 &&
-                    EVP_DigestVerify(context.get(), signature.data(), signature_size, bytes_of(found.text),
+                    EVP_DigestVerify(context.get(), found.signature.data(), signature_size, bytes_of(found.text),
                                      found.text.size()) == 1;
     }
     return verified;
@@ -154,8 +165,8 @@ std::string with_signature(const std::string& text, const std::string& private_k
         EVP_DigestSign(context.get(), signature.data(), &size, bytes_of(text), text.size()) != 1) {
         fail("cannot sign");
     }
-    const int length = EVP_EncodeBlock(base64.data(), signature.data(), signature_size);
-    return text + "# signature: " + std::string(base64.data(), base64.data() + length) + "\n";
+    EVP_EncodeBlock(base64.data(), signature.data(), signature_size);
+    return text + mark + std::string(base64.data(), base64.data() + base64_size) + "\n";
 }
 
 std::string given_keys(const Options& options) {
