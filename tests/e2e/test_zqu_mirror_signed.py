@@ -118,7 +118,7 @@ def test_ini_that_is_published_never_changes(begun):
         assert begun.publish("1001", key=key)[1].startswith("1001 was published before with this content")
     assert begun.publish("2000")[0] == 0
     for id, key, reason in (("1001", begun.other, UNTRUSTED), ("2000", begun.key, UNSIGNED)):
-        line = f"{id} was published without this signature, take a new id: its INI file {reason}"
+        line = f"{id} was published without this signature, take a new id: {info_name(id)} is refused: it {reason}"
         assert begun.publish(id, key=key) == (1, "", f"zqu-mirror: {line}\n")
     assert begun.info.read_bytes() == before
 
@@ -162,7 +162,7 @@ def test_forged_release_is_refused_before_its_archive(begun, case):
     assert (code, out) == (1, "") and re.fullmatch(refusal(reason), err)
     assert begun.copy.seen() == before
     code, out, err = begun.upstream.check(*begun.trust, "--max-age", "1h", "--quiet")
-    line = f"FAULT    {info_name('1001')} is not trusted: it {reason}\n"
+    line = f"FAULT    {info_name('1001')} is refused: it {reason}\n"
     assert (code, err) == (1, "") and re.fullmatch(line, out)
 
 
@@ -181,7 +181,7 @@ def test_what_one_of_the_trusted_keys_signed_is_taken(begun, case):
     words = ["--trust", begun.other.public, *begun.trust, *words]
     assert begun.mirror(*words)[::2] == (0, "")
     code, out, err = begun.upstream.check(*words)
-    line = rf"ok       {info_name('100.')} is signed by a trusted key, published \S+ \S+ UTC"
+    line = r"ok       a trusted key signed it, published \S+ \S+ UTC"
     assert (code, err) == (0, "") and re.fullmatch(line, out.splitlines()[2])
 
 
@@ -268,7 +268,7 @@ def test_damaged_stored_keys_are_a_failure(begun, case):
 def test_age_of_a_signed_release_is_the_signed_one(begun):
     """In all forms of check."""
     sign(age_s=3 * DAY)(begun)
-    old = f"{info_name('1001')} is not trusted: it was published 3 d ago, longer than 2 d"
+    old = f"{info_name('1001')} is refused: it was published 3 d ago, longer than 2 d"
     for words, code, text in (
         ([], 1, r"MIRROR WARNING - the release 1001 is 3 d old, more than 2 d \|age=\d+s;172800;345600;0\n"),
         (begun.trust, 2, rf"MIRROR CRITICAL - {old} \|age=\d+s;172800;172800;0\n"),

@@ -246,7 +246,11 @@ private:
         const zqu::CompleteInfo info = client_.read_info(text, id);
         found_.archive = info.cab_name;
         report(Verdict::ok, info_name(options_.flavor, id) + " names " + info.cab_name);
-        judge_signature(id, text);
+        const std::string fault = distrust(options_, keys_, id, text);
+        require(fault.empty(), fault);
+        if (!keys_.empty()) {
+            report(Verdict::ok, "a trusted key signed it, published " + tools::utc_text(*found_.published));
+        }
         if (info.defid != id) {
             report(Verdict::warning, "def.Current.defId is another id: " + info.defid);
         }
@@ -255,15 +259,6 @@ private:
         }
         require_name("the archive's name", info.cab_name, info.cab_name + ".part");  // as a client calls it
         archive(info, text);
-    }
-
-    void judge_signature(const std::string& id, const std::string& text) {
-        if (!keys_.empty()) {
-            const std::string info = info_name(options_.flavor, id);
-            const std::string fault = distrust(options_, keys_, id, text);
-            require(fault.empty(), info + " is not trusted: it " + fault);
-            report(Verdict::ok, info + " is signed by a trusted key, published " + tools::utc_text(*found_.published));
-        }
     }
 
     void judge_age() {

@@ -123,7 +123,7 @@ zqu::CompleteInfo require_release(const Options& options, const std::vector<Sour
     }
     refuse("the archive is refused:", tools::first_fault(found));
     const std::string fault = key.empty() ? "" : distrust(options, public_half(key), options.id, text);
-    refuse(options.id + " was published without this signature, take a new id: its INI file", fault);
+    refuse(options.id + " was published without this signature, take a new id:", fault);
     return info;
 }
 

@@ -8,11 +8,9 @@
 #include <array>
 #include <charconv>
 #include <ctime>
-#include <iterator>
 #include <map>
 #include <regex>
 #include <sstream>
-#include <utility>
 
 #include "text.hpp"
 #include "workplace.hpp"
@@ -123,6 +121,25 @@ bool is_signed_by_one(const std::string& keys, const Signed& found) {
     return verified;
 }
 
+std::string fault_of(const Signed& found, const Options& options, const std::string& keys, const std::string& id) {
+    if (!is_signed_by_one(keys, found)) {
+        return "is signed by none of the trusted keys, or was changed";
+    }
+    if (found.flavor != options.flavor) {
+        return "is signed for another flavor: " + found.flavor;
+    }
+    if (found.id != id) {
+        return "is signed for another id: " + found.id;
+    }
+    const std::int64_t age_s = std::time(nullptr) - found.published;
+    if (age_s < -most_ahead_s) {
+        return "was published " + tools::duration_text(-age_s) + " in the future: check the clocks";
+    }
+    const std::string limit = tools::duration_text(options.max_age_s);
+    const bool old = options.max_age_s > 0 && age_s > options.max_age_s;
+    return old ? "was published " + tools::duration_text(age_s) + " ago, longer than " + limit : "";
+}
+
 }  // namespace
 
 std::string private_key(const Options& options) {
@@ -202,23 +219,10 @@ std::string trusted_keys(const Options& options, Run& run) {
 
 std::string distrust(const Options& options, const std::string& keys, const std::string& id, const std::string& text) {
     const auto found = read_signed(text);
-    if (!found) {
-        return "is not signed as publish --sign does it";
-    }
-    if (!is_signed_by_one(keys, *found)) {
-        return "is signed by none of the trusted keys, or was changed";
-    }
-    const std::int64_t age_s = std::time(nullptr) - found->published;
-    const std::string when = "was published " + tools::duration_text(std::abs(age_s));
-    const std::pair<bool, std::string> faults[] = {
-        {found->flavor != options.flavor, "is signed for another flavor: " + found->flavor},
-        {found->id != id, "is signed for another id: " + found->id},
-        {age_s < -most_ahead_s, when + " in the future: check the clocks"},
-        {options.max_age_s > 0 && age_s > options.max_age_s,
-         when + " ago, longer than " + tools::duration_text(options.max_age_s)},
-    };
-    const auto* first = std::find_if(std::begin(faults), std::end(faults), [](const auto& each) { return each.first; });
-    return first == std::end(faults) ? "" : first->second;
+    const std::string fault = keys.empty() ? ""
+                              : found      ? fault_of(*found, options, keys, id)
+                                           : "is not signed as publish --sign does it";
+    return fault.empty() ? "" : info_name(options.flavor, id) + " is refused: it " + fault;
 }
 
 std::optional<std::int64_t> signed_time(const std::string& text) {

@@ -1,10 +1,7 @@
-// Signed releases: the keys, and what a signature says.
-//
-// The complete-info INI of a signed release ends with the line "# signature: " and the base64 form of the Ed25519
+// Signed releases. The complete-info INI of one ends with the line "# signature: " and the base64 form of the Ed25519
 // signature (RFC 8032) of all bytes before that line. The daemon takes it for a comment.
 //
-// For one thread. Keys are texts in PEM. One that cannot be used throws std::runtime_error with what to do; nothing
-// asks for a pass phrase.
+// For one thread. Keys are texts in PEM. One that cannot be used throws std::runtime_error with what to do.
 #pragma once
 
 #include <cstdint>
@@ -17,12 +14,11 @@
 
 namespace zqu::mirror_tool {
 
-// The private key in the file options.sign; empty for none. Refuses one that users other than its owner may use. Run by
-// root, refuses to sign in a directory of another user: what works there goes on as that user (become_owner), who could
-// read the key in its memory.
+// The private key in the file options.sign; empty for none. Refuses one that users other than its owner may use, and
+// never asks for a pass phrase. Run by root, refuses to sign in a directory of another user: the run goes on as that
+// user there (become_owner), who could read the key in its memory.
 [[nodiscard]] std::string private_key(const Options& options);
 
-// Its public half.
 [[nodiscard]] std::string public_half(const std::string& private_key);
 
 // text, and the line of its signature.
@@ -37,9 +33,9 @@ namespace zqu::mirror_tool {
 // other than a regular file has its name, and when there is options.max_age_s but no key: nobody signs a time then.
 [[nodiscard]] std::string trusted_keys(const Options& options, Run& run);
 
-// Why the text of the complete-info INI of the release id is not to be taken, as what follows the INI's name; empty
-// when one of the keys signed it for this id and options.flavor, not more than five minutes in the future and, if there
-// is a limit, not longer ago than options.max_age_s.
+// Why the text of the complete-info INI of the release id is not to be taken; empty when there are no keys, or when one
+// of them signed it for this id and options.flavor, not more than five minutes in the future and, if there is a limit,
+// not longer ago than options.max_age_s.
 [[nodiscard]] std::string distrust(const Options& options, const std::string& keys, const std::string& id,
                                    const std::string& text);
 

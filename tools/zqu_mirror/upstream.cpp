@@ -28,9 +28,9 @@ std::string Upstream::current() {
 Offer Upstream::release(const std::string& id) {
     run_.phase("asking the upstream mirror");
     const std::string text = client_.fetch_info_text(id);
-    const std::string fault = keys_.empty() ? "" : distrust(options_, keys_, id, text);
+    const std::string fault = distrust(options_, keys_, id, text);
     if (!fault.empty()) {
-        throw Distrusted("the upstream mirror's " + info_name(options_.flavor, id) + " is refused: it " + fault);
+        throw Distrusted("the upstream mirror's " + fault);
     }
     const zqu::CompleteInfo info = client_.read_info(text, id);
     refuse("the upstream mirror's archive name " + info.cab_name + " is refused: it", unusable_archive(info.cab_name));
