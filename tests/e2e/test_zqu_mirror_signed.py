@@ -91,7 +91,7 @@ ROOTS += "directory of root's, and copy that with zqu-mirror mirror"
 # What is done to a site whose key is good, and what is then said of the key, or of the mirror.
 UNUSABLE = {
     "group may read": (lambda site: site.key.path.chmod(0o640), SHARED),
-    "others may read": (lambda site: site.key.path.chmod(0o604), SHARED),
+    "others may write": (lambda site: site.key.path.chmod(0o602), SHARED),
     "pass phrase": (lambda site: site.key.path.write_bytes(private_pem(site.key.key, b"secret")), ASKED),
     "public half": (lambda site: site.key.path.write_bytes(site.key.public.read_bytes()), NO_KEY),
     "of RSA": (lambda site: site.key.path.write_bytes(private_pem(rsa.generate_private_key(65537, 2048))), NO_KEY),
@@ -281,7 +281,7 @@ def test_age_of_a_signed_release_is_the_signed_one(begun):
 
 
 def publish(key=None, id="1002", changes=lambda site: None):
-    return lambda site: (site.publish(id, key=key and key(site)), changes(site))
+    return lambda site: (site.publish(id, key=key and getattr(site, key)), changes(site))
 
 
 def put(of, to):
@@ -292,7 +292,6 @@ def age(id, *names):
     return lambda site: [site.key.sign_info(getattr(site, name), id, 3 * DAY) for name in names]
 
 
-trusted, former = (lambda site: site.key), (lambda site: site.other)
 OLD = "was published 3 d ago, longer than 2 d"
 # What an upstream does to gateways that have 1001; the content that a plain one has in service then; and the reason of
 # the refusal, or None.
@@ -301,11 +300,11 @@ ATTACKS = {
     "fast-forward": (publish(id="9999"), "9999", UNSIGNED),
     "indefinite freeze": (age("1001", "upstream", "copy"), "1001", OLD),
     "no updates": (lambda site: site.upstream.path(HIT).unlink(), "1001", "No such file or directory"),
-    "mix and match": (publish(trusted, changes=put(info_name("1000"), info_name("1002"))), "1000", "another id: 1000"),
+    "mix and match": (publish("key", changes=put(info_name("1000"), info_name("1002"))), "1000", "another id: 1000"),
     "rollback": (lambda site: (age("1000", "upstream")(site), site.name_release("1000")), "1000", OLD),
-    "wrong content": (publish(trusted, changes=put(cab("1000"), cab("1002"))), "1001", "does not have the digest"),
-    "former key": (publish(former), "1002", UNTRUSTED),
-    "key": (publish(trusted), "1002", None),
+    "wrong content": (publish("key", changes=put(cab("1000"), cab("1002"))), "1001", "does not have the digest"),
+    "former key": (publish("other"), "1002", UNTRUSTED),
+    "key": (publish("key"), "1002", None),
 }
 
 
