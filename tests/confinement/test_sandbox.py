@@ -146,14 +146,15 @@ def test_sandbox_without_a_guard_lets_through_what_it_guards(probed, guard):
 
 
 # What systemd-analyze(1) may rate the services at, in tenths.
-EXPOSURE = {UNIT: 12, "zqu-status.service": 8, "zqu-mirror-sync.service": 15}
-SAMPLES = [path for kind in ("consumer", "mirror") for path in sorted((REPOSITORY / "packaging" / kind).iterdir())]
+EXPOSURE = {UNIT: 12, "zqu-status.service": 8, "zqu-mirror-advance.service": 15, "zqu-mirror-sync.service": 15}
+SAMPLES = [path for kind in ("consumer", "mirror") for path in sorted((REPOSITORY / "packaging" / kind).glob("*.*"))]
 
 
 @pytest.fixture
 def with_samples(probed):
     """Every unit that there is."""
     probed.drop_in("")
+    probed.put("/usr/local/sbin/zqu-mirror-advance", "", 0o755)
     for sample in SAMPLES:
         probed.put(f"/etc/systemd/system/{sample.name}", sample.read_text())
     probed.run("systemctl", "daemon-reload")

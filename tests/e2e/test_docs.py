@@ -73,5 +73,5 @@ def test_every_path_and_link_of_a_page_leads_somewhere(page):
     for target, anchor in re.findall(r"\]\(([^)#:]*)(?:#([\w-]+))?\)", text):
         linked = (REPOSITORY / page).parent / target if target else REPOSITORY / page
         assert linked.is_file(), target
-        headings = re.findall(r"^#+ (.*)$", linked.read_text(), re.MULTILINE)
+        headings = re.findall(r"^#+ (.*)$", linked.read_text(errors="replace"), re.MULTILINE)
         assert anchor in ("", *(heading.lower().replace(" ", "-") for heading in headings)), anchor

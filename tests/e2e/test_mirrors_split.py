@@ -1,9 +1,11 @@
 """A rollout behind the page's nginx configurations: who gets the candidate, and that everybody gets an answer."""
 
 import collections
-import signal
+import contextlib
+import itertools
 import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 from mirror_tool import SUBDIR, run
@@ -11,8 +13,8 @@ from release import HIT
 from tools import under_strace
 
 STAGES = ["1", "10", "50"]
+GROUPS = [*STAGES, "current"]
 PATH = f"{SUBDIR}/{HIT}"
-PRIVATE = "private, max-age=60"
 
 
 @pytest.fixture
@@ -33,26 +35,30 @@ def asked(server, addresses, **headers):
     """What gateways of these addresses get, over one connection."""
     connection = server.connection()
     answers = {at: server.get(PATH, connection, **{server.address_header: at}, **headers) for at in addresses}
-    assert {(status, fields["Cache-Control"]) for status, fields, _ in answers.values()} == {(200, PRIVATE)}
+    assert {(status, fields["Cache-Control"]) for status, fields, _ in answers.values()} == {
+        (200, "private, max-age=60")
+    }
     return {at: body.decode() for at, (_, _, body) in answers.items()}
 
 
-def shares(groups):
-    return {group: count / len(groups) for group, count in collections.Counter(groups.values()).items()}
+def expect_shares(groups):
+    counts = collections.Counter(groups.values())
+    for group, percent in zip(GROUPS, (1, 9, 40, 50)):
+        assert counts[group] / len(groups) == pytest.approx(percent / 100, rel=0.2, abs=0.005)
 
 
-def about(*percents):
-    return {group: pytest.approx(part / 100, rel=0.2, abs=0.005) for group, part in zip([*STAGES, "current"], percents)}
+def first_of_each(groups, *counts):
+    """Of each group the first addresses, so many."""
+    found = [[at for at in groups if groups[at] == group][:count] for group, count in zip(GROUPS, counts)]
+    assert [*map(len, found)] == [*counts]
+    return sum(found, [])
 
 
 def test_hundred_addresses_keep_their_groups_over_restarts(servers, marked):
     server = servers.mirror(marked.root)
     drawn = asked(server, (f"127.{i % 4 + 1}.{i // 250}.{i % 250}" for i in range(1500)))
-    assert shares(drawn) == about(1, 9, 40, 50)
-    of_group = {group: [at for at in drawn if drawn[at] == group] for group in shares(drawn)}
-    chosen = [at for group, size in zip(of_group, (40, 40, 10, 10)) for at in of_group[group][:size]]
-    groups = {at: drawn[at] for at in chosen}
-    assert len(groups) == 100 and min(collections.Counter(groups.values()).values()) >= 3
+    expect_shares(drawn)
+    groups = {at: drawn[at] for at in first_of_each(drawn, 5, 15, 40, 40)}
     server.reload()
     assert asked(server, groups) == groups
     server.stop()
@@ -74,42 +80,30 @@ def test_group_is_that_of_the_ipv4_address_or_the_ipv6_network(servers, marked):
     assert mapped == {f"::ffff:{at}": group for at, group in groups.items()}
     networks = [f"2001:{i:x}:a0d:{j:x}" for i in (0x0A, 0xDB8, 0xC3FF, 0xFFFF) for j in range(0, 2**16, 211)]
     groups = asked(server, (f"{network}::1" for network in networks))
-    assert shares(groups) == about(1, 9, 40, 50)
+    expect_shares(groups)
     for host in ("::", ":ffff:a00:d0a:ff"):
         others = asked(server, (f"{network}{host}" for network in networks[::9]))
         assert list(others.values()) == list(groups.values())[::9]
 
 
-PLACES = "10.0.0.1 first; 10.0.1.0/24 never; 10.0.2.1 proxy; 2001:db8:1::/48 first;"
-# Who asks, with which header, and what it gets; "drawn" is what its address gets otherwise.
+# What an address gets: with no header (-), and with these values of it. "50" is what the first one draws.
 PLACED = """\
-10.9.9.9         -        drawn
-10.9.9.9         current  current
-10.9.9.9         1        drawn
-10.9.9.9         proxy-1  drawn
-10.0.0.1         -        1
-10.0.0.1         current  current
-::ffff:10.0.0.1  -        1
-2001:db8:1:7::9  -        1
-10.0.1.77        -        current
-10.0.1.77        1        current
-10.0.2.1         -        current
-10.0.2.1         1        1
-10.0.2.1         10       10
-10.0.2.1         50       50
-10.0.2.1         current  current
-10.0.2.1         51       current
-10.0.2.1         ./1      current
+10.9.9.9         -=50 current=current 1=50 proxy-1=50
+10.0.0.1         -=1 current=current
+::ffff:10.0.0.1  -=1
+2001:db8:1:7::9  -=1
+10.0.1.77        -=current 1=current
+10.0.2.1         -=current 1=1 10=10 50=50 current=current 51=current ./1=current
 """
 
 
 def test_geo_block_and_trusted_header_decide_over_the_draw(servers, marked):
-    server = servers.mirror(marked.root, PLACES)
-    drawn = asked(server, ["10.9.9.9"])["10.9.9.9"]
-    assert drawn == "50"
-    for at, header, expected in map(str.split, PLACED.splitlines()):
-        headers = {} if header == "-" else {"Zqu-Release": header}
-        assert asked(server, [at], **headers) == {at: expected.replace("drawn", drawn)}, (at, header)
+    places = "10.0.0.1 first; 10.0.1.0/24 never; 10.0.2.1 proxy; 2001:db8:1::/48 first;"
+    server = servers.mirror(marked.root, places)
+    for at, *cases in map(str.split, PLACED.splitlines()):
+        for header, expected in (case.split("=") for case in cases):
+            headers = {} if header == "-" else {"Zqu-Release": header}
+            assert asked(server, [at], **headers) == {at: expected}, header
     for name in (f"{HIT}.1", f"{HIT}.10", f"{HIT}.50", f"{HIT}.current", ".hit.ini", "other-hit.ini", f"x%3F/{HIT}.1"):
         assert server.get(f"{SUBDIR}/{name}")[0] == 404, name
 
@@ -119,95 +113,73 @@ def test_proxy_asks_once_for_each_group_and_mixes_none(servers, marked):
     proxy = servers.proxy(mirror, "10.1.0.1 first;")
     addresses = [f"10.1.0.{i}" for i in range(60)]
     groups = asked(proxy, addresses)
-    assert set(groups.values()) == {*STAGES, "current"}
+    assert set(groups.values()) == {*GROUPS}
     assert asked(proxy, addresses) == groups
     assert set(asked(proxy, addresses[:9], **{"Zqu-Release": "current"}).values()) == {"current"}
     asked_for = sorted(line for suffix in ("", *STAGES) for line in mirror.asked_for(f"{HIT}.{suffix}".rstrip(".")))
     assert asked_for == [f"/{PATH} 200", *(f"/{PATH}.{stage} 200" for stage in STAGES)]
 
 
-class Gateways:
-    """Ask all the time, each from its own address and so in its own group, and must always get a good answer."""
-
-    def __init__(self, server, addresses):
-        self.server, self.ended, self.asked, self.wrong = server, False, 0, []
-        self.history = []  # what is current or candidate, and was and will be, one set after the other
-        self.threads = [threading.Thread(target=self._ask, args=[at]) for at in addresses]
-
-    def _ask(self, at):
-        connection = self.server.connection(at)
-        while not self.ended:
-            since = len(self.history) - 1
-            try:
-                status, _, body = self.server.get(PATH, connection)
-            except Exception as error:
-                status, body = error, b""
-            self.asked += 1  # misses some, as threads do it
-            if status != 200 or body not in set().union(*self.history[since:]):
-                self.wrong.append((at, status, body))
-
-    def __enter__(self):
-        for thread in self.threads:
-            thread.start()
-        return self
-
-    def __exit__(self, *unused):
-        self.ended = True
-        for thread in self.threads:
-            thread.join()
-
-    def expect(self, *ids):
-        self.history.append({text(id) for id in ids})
-
-
 @pytest.fixture
-def gateways(servers, own, marked):
-    """Two of each group."""
-    server = servers.mirror(own.root)
-    groups = asked(server, (f"127.9.{i // 250}.{i % 250}" for i in range(500)))
+def asking(servers, marked):
+    """A context in which gateways ask all the time, two of each group, each from its own address. What they get is in
+    the last of these sets of ids, or in one that was added since they asked."""
+    server = servers.mirror(marked.root)
+    addresses = first_of_each(asked(server, (f"127.9.{i // 250}.{i % 250}" for i in range(500))), 2, 2, 2, 2)
     for path in marked.folder.iterdir():
         path.unlink()
-    return Gateways(server, [at for group in (*STAGES, "current") for at in groups if groups[at] == group][:2])
+    ended = threading.Event()
+
+    def ask(at, sets):
+        connection = server.connection(at)
+        while not ended.is_set():
+            since = len(sets) - 1
+            status, _, body = server.get(PATH, connection)
+            assert (status, body) in {(200, text(id)) for ids in sets[since:] for id in ids}
+
+    @contextlib.contextmanager
+    def asking(sets):
+        with ThreadPoolExecutor(len(addresses)) as pool:
+            gateways = [pool.submit(ask, at, sets) for at in addresses]
+            try:
+                yield
+            finally:
+                ended.set()
+            assert [gateway.result() for gateway in gateways] == [None] * 8 and len(server.asked_for("")) > 1500
+
+    return asking
 
 
-def test_no_gateway_fails_while_stage_files_come_and_go(gateways, own, thorough):
+def test_no_gateway_fails_while_stage_files_come_and_go(asking, own, thorough):
     own.write(HIT, text("1"))
-    gateways.expect("1")
     ends = time.monotonic() + (60 if thorough else 1.5)
-    with gateways:
+    with asking([{"1", "2"}]):
         while time.monotonic() < ends:
-            gateways.expect("1", "2")
             for stage in STAGES:
                 own.write("new", text("2"))
                 own.path("new").rename(own.path(f"{HIT}.{stage}"))
             for stage in reversed(STAGES):
                 own.path(f"{HIT}.{stage}").unlink()
-    assert gateways.wrong == [] and gateways.asked > 1000
 
 
-def killed(*words, call, number):
-    """Whether the command came to that call of the kind, before which it is killed."""
-    inject = ["strace", "-f", "-o", "/dev/null", "-e", f"inject={call}:signal=KILL:when={number}"]
-    return run(*words, prefix=inject, env=under_strace())[0] == -signal.SIGKILL
+CHANGING = ["rename", "unlink", "fsync", "write", "mkdir", "rmdir", "fchmod", "utimensat", "flock"]
 
 
-def test_no_gateway_fails_while_commands_run_and_are_killed(gateways, own, thorough):
+def test_no_gateway_fails_while_commands_run_and_are_killed(asking, own, thorough):
     """A round is a rollout in steps. Each step is killed before one of its calls, and then made."""
     own.publish_small("0")
-    current, kills = "0", 0
-    calls = ["rename", "unlink", "fsync", "openat", "write", "mkdir", "flock"] if thorough else ["rename", "unlink"]
-    rounds = [(call, number) for number in range(1, 40 if thorough else 2) for call in calls]
-    gateways.expect(current)
-    with gateways:
-        for candidate, (call, number) in enumerate(rounds, 1):
-            gateways.expect(current, str(candidate))
-            ends = "withdraw" if candidate % 2 else "100"
-            publish = own.publishing(str(candidate), "--percent", "1")
-            for words in (publish, *(["rollout", own.root, step] for step in ("10", "50", ends))):
-                if killed(*words, call=call, number=number):
-                    kills += 1
+    current, candidates = "0", map(str, itertools.count(1))
+    sets = [{current}]
+    with asking(sets):
+        for call, number in itertools.product(CHANGING if thorough else CHANGING[:2], range(1, 25 if thorough else 2)):
+            candidate = next(candidates)
+            sets.append({current, candidate})
+            last = "withdraw" if int(candidate) % 2 else "100"
+            kill = ["strace", "-f", "-o", "/dev/null", "-e", f"inject={call}:signal=KILL:when={number}"]
+            publish = own.publishing(candidate, "--percent", "1")
+            for words in (publish, *(["rollout", own.root, step] for step in ("10", "50", last))):
+                if run(*words, prefix=kill, env=under_strace())[0]:
                     code, _, err = run(*words)
                     assert code == 0 or "there is no rollout" in err, err
-            current = current if ends == "withdraw" else str(candidate)
-            gateways.expect(current)
-    assert gateways.wrong == [] and gateways.asked > 1000 and kills > len(rounds)
+            current = current if last == "withdraw" else candidate
+            sets.append({current})

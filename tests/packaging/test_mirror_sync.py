@@ -9,6 +9,7 @@ from gateway import BUILD
 from mirror_tool import SUBDIR
 from release import HIT
 from scripted_server import SUBDIR as SCRIPTED
+from scripted_server import finish, reply
 
 SAMPLES = REPOSITORY / "packaging" / "mirror"
 UNITS = "/etc/systemd/system"
@@ -77,8 +78,31 @@ def test_timer_starts_the_service_which_copies_each_release(mirror):
     assert mirror.listing(FOLDER) == before
 
 
+def test_advance_service_advances_with_the_same_confinement(mirror):
+    service, script = "zqu-mirror-advance.service", "zqu-mirror-advance"
+    text = (SAMPLES / service).read_text()
+    guards = [(SAMPLES / name).read_text().partition("\nUser=")[2].splitlines() for name in (SERVICE, service)]
+    needed = "ExecPaths=/usr/local/sbin/zqu-mirror-advance /usr/bin/dash /usr/bin/curl /usr/bin/jq"
+    assert {*guards[0]} ^ {*guards[1]} == {needed, "TimeoutStartSec=30min", "TimeoutStartSec=5min"}
+    publish(mirror, "1001")
+    sync(mirror)
+    publish(mirror, "1002")
+    url = mirror.server.base("localhost").removesuffix(f"/{SCRIPTED}")
+    mirror.run(INSTALLED, "mirror", "--percent", "1", "--ca", AUTHORITY, url, "/srv/mirror")
+    mirror.put(f"{UNITS}/{service}", text.replace("http://localhost:9090", f"{url} CURL_CA_BUNDLE={AUTHORITY}"))
+    mirror.put(f"/usr/local/sbin/{script}", (SAMPLES / script).read_text(), 0o755)
+    mirror.run("systemctl", "daemon-reload")
+    answer = '{"status":"success","data":{"resultType":"vector","result":[%s]}}'
+    answers = [reply((answer % result).encode()) for result in ('{"metric":{},"value":[1,"3"]}', "")]
+    mirror.server.script = {"/api/v1/query": lambda: [answers.pop(0), finish]}
+    for line in ("1002 is the candidate for 10 per cent", "waiting: no answer from"):
+        mirror.run("systemctl", "start", service)
+        assert mirror.journal(service)[-1].startswith(line)
+        mirror.server.script = {}
+
+
 def test_service_writes_only_to_its_mirror_and_runs_nothing_else(mirror):
-    """Tried from inside, by a probe in the place of the program."""
+    """Tried from inside, by a probe in the place of the program, so after the other tests."""
     places = "/etc /usr /usr/lib /usr/lib64 /var /opt /run /run/lock /dev/shm".split()
     for place in places:
         mirror.run("install", "-d", "-m", "777", f"{place}/zqu-open")
