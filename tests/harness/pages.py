@@ -17,3 +17,8 @@ def blocks(page, heading):
     """The indented blocks below a heading, ready to run."""
     found = re.findall(r"^((?:    .*\n)+(?:\n*(?:    .*\n)+)*)", section(page, heading), re.MULTILINE)
     return [textwrap.dedent(block).replace("…/defs", SETTINGS["def_root"]) for block in found]
+
+
+def scripts(page, heading):
+    """The fenced blocks of shell below a heading."""
+    return re.findall(r"^```sh\n(.*?)^```", section(page, heading), re.MULTILINE | re.DOTALL)

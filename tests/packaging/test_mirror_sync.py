@@ -1,12 +1,11 @@
 """The sample units that keep a mirror in step with an upstream one, in a booted system."""
 
-import re
-
 import pytest
 from booted_gateway import AUTHORITY, CONFIG
 from builds import REPOSITORY
 from gateway import BUILD
 from mirror_tool import SUBDIR
+from pages import scripts
 from release import HIT
 from scripted_server import SUBDIR as SCRIPTED
 from scripted_server import finish, reply
@@ -21,19 +20,14 @@ FOLDER = f"/srv/mirror/{SUBDIR}"
 @pytest.fixture
 def mirror(gateway):
     """A booted mirror with the units, set as the sample says."""
-    text, timer = ((SAMPLES / name).read_text() for name in (SERVICE, TIMER))
     if not gateway.exists(INSTALLED):
         gateway.run("mv", "/usr/local/bin/zqu-mirror", INSTALLED)
-        for command in re.findall(r"^#     (.*)$", text, re.MULTILINE):
-            gateway.run(*command.split())
-    changes = {
-        "https://definitions.zelgw.example": gateway.server.base("localhost").removesuffix(f"/{SCRIPTED}"),
-        "=zqu-mirror mirror ": f"=zqu-mirror mirror --ca {AUTHORITY} ",
-    }
-    for before, after in changes.items():
-        assert text.count(before) == 1
-        text = text.replace(before, after)
+        _, *commands = scripts("mirrors.md", "Packages, user and directory")[0].splitlines()
+        gateway.run("sh", "-ec", "\n".join(commands))
+    text, timer = ((SAMPLES / name).read_text() for name in (SERVICE, TIMER))
     gateway.put(f"{UNITS}/{SERVICE}", text)
+    upstream = gateway.server.base("localhost").removesuffix(f"/{SCRIPTED}")
+    gateway.drop_in(f"[Service]\nEnvironment=UPSTREAM={upstream} 'MIRROR_OPTIONS=--ca {AUTHORITY}'\n", SERVICE)
     at_once = timer.replace("OnBootSec=2min", "OnActiveSec=0").replace("RandomizedDelaySec=2min\n", "")
     gateway.put(f"{UNITS}/{TIMER}", at_once)
     gateway.run("systemctl", "daemon-reload")
