@@ -4,54 +4,20 @@ import re
 
 import pytest
 import trustme
+from administrator import Administrator
 from booted_gateway import AUTHORITY, CONFIG, PROGRAM, RESTART, ROOT, STATUS, UNIT
 from pages import blocks
 from trials import server_context
 
-DESK = "/tmp/installation"
-DROP_IN = f"/etc/systemd/system/{UNIT}.d/override.conf"
 START, STOP = f"systemctl start {PROGRAM}", f"systemctl stop {PROGRAM}"
 USER = "mailfilter"  # whom a block lets read the definitions
 REFUSED = "defId fetch failed"
 
 
-class Administrator:
-    """Works at a gateway by the pages."""
-
-    def __init__(self, gateway, deb):
-        self.gateway = gateway
-        gateway.put(f"{DESK}/{deb.name}", deb.read_bytes())
-        # The editor writes what it finds in a file over what it is given, as somebody who types would.
-        gateway.put(f"{DESK}/editor", f'#!/bin/sh\nfor last; do :; done\ncat {DESK}/text >"$last"\n', 0o755)
-
-    def type(self, text):
-        """What the administrator will write when an editor comes up."""
-        self.gateway.put(f"{DESK}/text", text)
-
-    def sh(self, script):
-        """Has the administrator's shell run it; each command has to succeed."""
-        path = f"PATH={DESK}:/usr/sbin:/usr/bin:/sbin:/bin"
-        shell = ["env", f"--chdir={DESK}", path, "EDITOR=editor", "DEBIAN_FRONTEND=noninteractive", "sh", "-ec"]
-        return self.gateway.out(*shell, script)
-
-    def edit_unit(self, text):
-        """systemctl edit, which wants a terminal."""
-        self.type(text)
-        self.sh(f"script --quiet --return --command 'systemctl edit {PROGRAM}' /dev/null")
-        assert self.gateway.path(DROP_IN).read_text().strip() == text.strip()
-
-    def take_new(self):
-        """Has the release after the one in service published and taken; returns its id."""
-        version = str(int(self.gateway.in_service()) + 1)
-        self.gateway.publish(version)
-        self.gateway.expect_check(version)
-        return version
-
-
 @pytest.fixture(scope="module")
 def administrator(bare_gateway, packages):
     """The package is installed by the page's block, and a reader let in by the line for consumers."""
-    made, gateway = Administrator(bare_gateway, packages.deb()), bare_gateway
+    made, gateway = Administrator(bare_gateway, packages), bare_gateway
     gateway.publish("1001")
     made.type(gateway.configuration("localhost"))
     (block,) = blocks("operations.md", "First installation")

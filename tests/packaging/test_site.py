@@ -1,0 +1,205 @@
+"""A site built from docs/mirrors.md alone, with the packages: every command and configuration is taken from there."""
+
+import json
+import re
+import ssl
+from http.client import HTTPSConnection
+
+import pytest
+from administrator import DESK, Administrator
+from booted_gateway import CONFIG
+from cryptography.hazmat.primitives.serialization import load_pem_private_key
+from mirror_tool import DAY, SUBDIR
+from mirrors_page import CONFIGURATIONS
+from pages import blocks, scripts, section
+from release import HIT, definitions, hit_ini
+from signing import SigningKey
+
+PAGE = "mirrors.md"
+NGINX, SYNC, TIMER = "nginx.service", "zqu-mirror-sync.service", "zqu-mirror-sync.timer"
+UPSTREAM, RELEASES = "https://definitions.zelgw.example", "/srv/releases"
+ADDRESSES = [f"127.0.0.{number}" for number in range(2, 62)]  # of gateways that are drawn; ours is the first one
+
+
+class Site(Administrator):
+    """A publisher, the mirror that copies its releases, and a gateway, all on one machine."""
+
+    def __init__(self, gateway, packages):
+        super().__init__(gateway, packages)
+        gateway.run("sh", "-c", "echo 127.0.0.1 mirror.example >>/etc/hosts")
+        self.do("Packages, user and directory")
+        self.do("Signed releases")
+        self.publish("1004")
+        self.do("Certificate")
+        (script,) = scripts(PAGE, "Web server")
+        split = CONFIGURATIONS[0].replace("192.0.2.7 first;", "127.0.0.1 first;")
+        for line, text in zip(script.splitlines(), (split, CONFIGURATIONS[1], "", "")):
+            self.type(text)
+            self.sh(line)
+        self.do("The first release and the timer", **{UPSTREAM: f"file://{RELEASES}"})
+        assert gateway.state(TIMER) == "active"
+        gateway.run("systemctl", "stop", TIMER)  # the test is the clock
+        self.do("Gateways")
+
+    def do(self, heading, **changes):
+        """Does what the first block below a heading says, changed for this machine; returns what was said."""
+        script = scripts(PAGE, heading)[0]
+        for before, after in changes.items():
+            assert before in script
+            script = script.replace(before, after)
+        return self.sh(script)
+
+    def publish(self, id, root=RELEASES, key="--sign release-key.pem"):
+        """The publisher's command on the page, for this release."""
+        for name, content in zip(("antivir.def", "aivsecon.def"), definitions(id).values()):
+            self.gateway.put(f"{DESK}/{name}", content)
+        command = re.search(r"\$ (zqu-mirror publish --sign .*)", blocks(PAGE, "Signed releases")[0])[1]
+        changes = {"--sign release-key.pem": key, "1004": id, RELEASES: root}
+        self.sh(re.sub("|".join(changes), lambda found: changes[found[0]], command))
+
+    def sync(self):
+        """What the timer starts: its exit status, and the last line that it logged."""
+        code = self.gateway.run("systemctl", "start", SYNC, check=False).returncode
+        return code, self.gateway.journal(SYNC)[-1]
+
+    def expect(self, id):
+        """The gateway's next check succeeds, and brings this release."""
+        self.gateway.check()
+        status = json.loads(self.gateway.status_text())
+        assert (status["active_version"], status["last_error"], self.gateway.in_service()) == (id, "", id)
+
+    def having(self, id):
+        """Those of the addresses whose gateways are given this release."""
+        context = ssl.create_default_context(cadata=self.gateway.path("/etc/ssl/fleet-ca.pem").read_text())
+        context.check_hostname = False
+
+        def named(address):
+            connection = HTTPSConnection("127.0.0.1", context=context, timeout=30, source_address=(address, 0))
+            connection.request("GET", f"/{SUBDIR}/{HIT}")
+            return connection.getresponse().read().split()[-1].decode()
+
+        return self.gateway.in_network(lambda: {address for address in ADDRESSES if named(address) == id})
+
+
+@pytest.fixture(scope="module")
+def site(bare_gateway, packages):
+    return Site(bare_gateway, packages)
+
+
+def roll_out(site, id, former):
+    """The next release, in the four steps; a newer one waits meanwhile."""
+    assert site.sync() == (0, "removed in all: releases 0, leftovers 0, bytes 0")
+    seen = [set()]
+    (script,) = scripts(PAGE, "A rollout in four steps")
+    for line in script.splitlines():
+        assert id in site.sh(line)
+        seen.append(site.having(id))
+        assert seen[-2] <= seen[-1] and seen[-1] | site.having(former) == set(ADDRESSES)
+    assert 0 <= len(seen[1]) < len(seen[2]) < len(seen[3]) < len(seen[4]) == len(ADDRESSES)
+
+
+def test_site_of_the_page_rolls_out_withdraws_and_is_watched(site):
+    site.expect("1004")
+    site.publish("1005")
+    site.sync()
+    site.expect("1005")
+    roll_out(site, "1005", "1004")
+    site.publish("1006")
+    site.sync()
+    site.expect("1006")
+    assert "1005 is current for all" in site.do("A withdrawal")
+    site.expect("1005")
+    site.sync()
+    assert "1006 is held" in "\n".join(site.gateway.journal(SYNC)[-2:])
+    site.expect("1005")
+    far, near, metrics = scripts(PAGE, "Watching the mirror")[0].splitlines()
+    for line in (far, near):
+        assert site.sh(line).startswith("MIRROR OK - 1005 is current and sound")
+    assert re.search(r'^zelquorin_mirror_verdict{.*verdict="ok"} 1$', site.sh(metrics), re.MULTILINE)
+    site.publish("1007")
+    assert site.sync()[0] == 0
+    site.sh("touch -d '2 days ago' /srv/mirror/*/*/*/*.ini.1")
+    assert site.sh(f"{near} || :").startswith("MIRROR WARNING - the rollout of 1007 began 2 d ago")
+    site.sh("zqu-mirror rollout /srv/mirror 100")
+    carry, take = scripts(PAGE, "A leg without a network")[0].splitlines()
+    site.sh(carry)
+    site.gateway.run("systemctl", "stop", NGINX)
+    assert site.sh(f"{far} || :").startswith("MIRROR CRITICAL")
+    assert site.sh(take.replace("/srv/mirror", "/srv/behind")).startswith("mirrored 1007")
+    medium = re.search(r"`(mirror_base_url = file:\S+)`", section(PAGE, "A site without a network"))[1]
+    text = site.gateway.path(CONFIG).read_text()
+    site.gateway.put(CONFIG, text.replace("mirror_base_url = https://mirror.example", medium))
+    site.expect("1007")
+
+
+# ---- A gateway that verifies for itself ----
+
+
+class Attacked:
+    """The page's gateway that verifies, and the upstream mirror, which is the attacker's now."""
+
+    def __init__(self, site, folder):
+        self.site, self.gateway = site, site.gateway
+        self.root = "/srv/upstream"
+        self.folder = self.gateway.path(f"{self.root}/{SUBDIR}")
+        self.key, self.other = SigningKey(folder), SigningKey(folder, "other")
+        self.key.key = load_pem_private_key(self.gateway.path(f"{DESK}/release-key.pem").read_bytes(), None)
+        self.gateway.put(f"{DESK}/other.pem", self.other.path.read_bytes(), 0o600)
+        moved = f"mv /srv/mirror {self.root}; chown -R root: {self.root}; systemctl restart nginx"
+        site.sh(f"sed -i s,/srv/mirror,{self.root}, /etc/nginx/sites-enabled/mirror; {moved}")
+        site.sh(scripts(PAGE, "Packages, user and directory")[0].splitlines()[-1])
+
+    def path(self, name):
+        return self.folder / name
+
+    def write(self, name, content):
+        self.path(name).write_bytes(content)
+
+    def publish(self, id, key="--sign release-key.pem", **signed):
+        """Offers a release, if need be signed again with these values."""
+        self.site.publish(id, self.root, key)
+        if signed:
+            self.key.sign_info(self, id, **signed)
+
+    def alarm(self):
+        """The exit status and the line of the page's alarm."""
+        (line,) = [block for block in blocks(PAGE, "A gateway that verifies for itself") if "check_local" in block]
+        done = self.gateway.run(*line.split("]=")[1].split(), check=False)
+        return done.returncode, done.stdout
+
+
+# What the upstream does, and why that is refused; the release in service was signed three days ago.
+ATTACKS = {
+    "forged": (lambda upstream: upstream.publish("2002", ""), "is not signed as publish --sign does it"),
+    "other key": (
+        lambda upstream: upstream.publish("2003", "--sign other.pem"),
+        "is signed by none of the trusted keys, or was changed",
+    ),
+    "other flavor": (lambda upstream: upstream.publish("2004", flavor="v3"), "is signed for another flavor: v3"),
+    "other id": (lambda upstream: upstream.publish("2005", defId="2001"), "is signed for another id: 2001"),
+    "held back": (lambda upstream: upstream.write(HIT, hit_ini("2001")), "was published 3 d ago, longer than 2 d"),
+    "replayed": (lambda upstream: upstream.publish("2000", age_s=4 * DAY), "was published 4 d ago, longer than 2 d"),
+    "away": (lambda upstream: upstream.path(HIT).unlink(), "HTTP response code said error"),
+}
+
+
+def test_gateway_of_the_page_stays_whole_under_attack_and_alarms(site, tmp_path):
+    upstream = Attacked(site, tmp_path)
+    upstream.publish("2001", age_s=3 * DAY)
+    site.do("A gateway that verifies for itself", **{"--max-age 2d": "--max-age 4d"})
+    site.expect("2001")
+    site.sh(f"sed -i s/4d/2d/ /etc/systemd/system/{SYNC}.d/site.conf; systemctl daemon-reload")
+    for name, (attack, reason) in ATTACKS.items():
+        attack(upstream)
+        code, said = site.sync()
+        assert code == 1 and said.endswith(reason), (name, said)
+        site.expect("2001")
+        assert upstream.alarm()[0] == 2, name
+    assert upstream.alarm()[1].startswith(
+        "MIRROR CRITICAL - antivir-v2-c-2001.ini is not trusted: it was published 3 d"
+    )
+    for id, age_s in {"2010": 0, "2009": DAY}.items():  # sound again; then an older one that is young enough
+        upstream.publish(id, age_s=age_s)
+        assert site.sync()[0] == 0
+        site.expect(id)
+        assert upstream.alarm()[0] == 0
