@@ -40,11 +40,11 @@ std::optional<std::string> readable_id(const Options& options, const std::string
 // Judges the file of the next higher stage.
 void read_stage(const Options& options, int percent, const std::optional<std::string>& current, Rollout& found) {
     const std::string name = stage_name(options.flavor, percent);
-    const auto id = readable_id(options, name);
     struct stat status {};
-    if (lstat((directory_of(options) / name).c_str(), &status) != 0) {  // also one that has just gone
+    if (lstat((directory_of(options) / name).c_str(), &status) != 0) {  // before it is read, which would log an error
         return;
     }
+    const auto id = readable_id(options, name);
     const auto add_fault = [&](const std::string& what) {
         found.faults.insert(found.faults.begin(), {name, what, id.value_or("")});
     };
