@@ -80,9 +80,14 @@ public:
             if (may_be_hit(name)) {
                 attempt(found, [&] { read_hit(name, found.current); });
             }
-            flavors.insert(flavor_of_stage(name));
+            for (const int percent : stages) {
+                const std::string end = "." + std::to_string(percent);
+                const std::string hit = ends_with(name, end) ? name.substr(0, name.size() - end.size()) : "";
+                if (may_be_hit(hit)) {
+                    flavors.insert(flavor_of_hit(hit));
+                }
+            }
         }
-        flavors.erase("");
         for (const auto& flavor : flavors) {
             attempt(found, [&] { read_stages(flavor, found); });
         }

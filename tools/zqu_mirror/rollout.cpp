@@ -22,12 +22,6 @@ std::string current_text(const Options& options) {
     return current ? *current + " is current" : hit_name(options.flavor) + " names no release";
 }
 
-// The stage below, whose file must name the same candidate; 0 for the lowest.
-int below(int percent) {
-    const auto* const stage = std::find(stages.begin(), stages.end(), percent);
-    return stage == stages.begin() ? 0 : *(stage - 1);
-}
-
 // A file that cannot be read names nothing: clients cannot read it either.
 std::optional<std::string> readable_id(const Options& options, const std::string& name) {
     try {
@@ -37,8 +31,9 @@ std::optional<std::string> readable_id(const Options& options, const std::string
     }
 }
 
-// Judges the file of the next higher stage.
-void read_stage(const Options& options, int percent, const std::optional<std::string>& current, Rollout& found) {
+// Judges the file of a stage. That of the stage below, 0 for none, must name the same candidate.
+void read_stage(const Options& options, int below, int percent, const std::optional<std::string>& current,
+                Rollout& found) {
     const std::string name = stage_name(options.flavor, percent);
     struct stat status {};
     if (lstat((directory_of(options) / name).c_str(), &status) != 0) {  // before it is read, which would log an error
@@ -52,10 +47,10 @@ void read_stage(const Options& options, int percent, const std::optional<std::st
         add_fault(name + " names no release");
     } else if (id == current) {
         found.leftovers.insert(found.leftovers.begin(), name);
-    } else if (found.percent != below(percent) || (found.percent != 0 && found.id != *id)) {
-        add_fault(name + " names " + *id + ", but " + stage_name(options.flavor, below(percent)) + " does not");
+    } else if (found.percent != below || (below != 0 && found.id != *id)) {
+        add_fault(name + " names " + *id + ", but " + stage_name(options.flavor, below) + " does not");
     } else {
-        found.start_s = found.percent == 0 ? status.st_mtim.tv_sec : found.start_s;
+        found.start_s = below == 0 ? status.st_mtim.tv_sec : found.start_s;
         found.since_s = status.st_mtim.tv_sec;
         found.percent = percent;
         found.id = *id;
@@ -65,8 +60,10 @@ void read_stage(const Options& options, int percent, const std::optional<std::st
 Rollout read_once(const Options& options) {
     Rollout found;
     const auto current = readable_id(options, hit_name(options.flavor));
+    int below = 0;
     for (const int percent : stages) {
-        read_stage(options, percent, current, found);
+        read_stage(options, below, percent, current, found);
+        below = percent;
     }
     return found;
 }
@@ -134,10 +131,8 @@ void withdraw(const Options& options, const Rollout& found, Run& run) {
     }
     hold(options, found.id, run);
     end_rollout(options, found, run);
-    report(options,
-           "withdrew " + found.id + ": " + *current + " is current for all; gateways that took " + found.id +
-               " go back with their next check",
-           run);
+    const std::string back = *current + " is current for all; gateways that took " + found.id + " go back";
+    report(options, "withdrew " + found.id + ": " + back + " with their next check", run);
     report(options, "held " + found.id + ": mirror does not take it again", run);
 }
 
@@ -149,16 +144,6 @@ std::string stage_name(const std::string& flavor, int percent) {
 
 std::string role_of(int percent) {
     return percent == 0 ? "current" : "the candidate for " + std::to_string(percent) + " per cent";
-}
-
-std::string flavor_of_stage(const std::string& name) {
-    const std::string start = "antivir-";
-    const auto end = name.rfind("-hit.ini.");
-    const std::string flavor =
-        end != std::string::npos && end > start.size() ? name.substr(start.size(), end - start.size()) : "";
-    const bool is_stage =
-        std::any_of(stages.begin(), stages.end(), [&](int percent) { return name == stage_name(flavor, percent); });
-    return is_stage ? flavor : "";
 }
 
 std::string Rollout::text() const {
@@ -240,10 +225,8 @@ void rollout(const Options& options, Run& run) {
         } else {
             advance(options, found.id, percent, place, run);
         }
-        report(options,
-               summary(place.directory(), percent == 100 ? "made current " + found.id : rollout_of(options).text(),
-                       release.info),
-               run);
+        const std::string done = percent == 100 ? "made current " + found.id : rollout_of(options).text();
+        report(options, summary(place.directory(), done, release.info), run);
     }
 }
 

@@ -27,9 +27,6 @@ inline constexpr std::array<int, 3> stages{1, 10, 50};
 // What a release is with so many per cent of the gateways, in words: "current" for 0.
 [[nodiscard]] std::string role_of(int percent);
 
-// The flavor of a stage file of this name; empty for the name of anything else.
-[[nodiscard]] std::string flavor_of_stage(const std::string& name);
-
 // A stage file that belongs to no rollout.
 struct StageFault {
     std::string name;
