@@ -307,7 +307,8 @@ REFUSED = {
     ),
     "more than a CAB": (
         make_too_large,
-        f"the definitions do not fit into a CAB, which holds {CAB_CAPACITY} bytes with the index: use --format zip or zstd",
+        f"the definitions do not fit into a CAB, which holds {CAB_CAPACITY} bytes with the index: "
+        "use --format zip or zstd",
     ),
 }
 

@@ -100,7 +100,8 @@ def long_index():
 
 
 def zstd_frame(*blocks, window=17):
-    """Blocks of a byte that is repeated so often, or of bytes as they are; a window of 2^window bytes (RFC 8878, section 3.1.1)."""
+    """Blocks of a byte that is repeated so often, or of bytes as they are (RFC 8878, section 3.1.1). The window is the
+    number of its bits."""
     packed = b""
     for number, (content, repeats) in enumerate(blocks, 1):
         fields = (number == len(blocks)) | (repeats > 1) << 1 | (repeats if repeats > 1 else len(content)) << 3

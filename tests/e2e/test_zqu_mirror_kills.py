@@ -332,7 +332,8 @@ def test_no_room_at_any_call_leaves_the_mirror_untouched(own, name, request, rec
 
     failures = campaign.interfere("error=ENOSPC", lambda calls: calls & {*FAILING}, judge)
     assert codes.count(1) > campaign.command.states
-    written = r"zqu-mirror: cannot write the archive:( cannot write the file:| Error writing to file:)? No space left on device\n"
+    writing = "( cannot write the file:| Error writing to file:)?"
+    written = rf"zqu-mirror: cannot write the archive:{writing} No space left on device\n"
     assert name == "activate" or re.search(written, "".join(said))
     record_property("failed_calls_of_zqu_mirror", failures)
 
