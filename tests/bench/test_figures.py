@@ -12,6 +12,7 @@ sys.path.append(str(REPOSITORY / "bench"))
 import check  # noqa: E402  (from the directory named just before)
 import compare  # noqa: E402
 import fleet  # noqa: E402
+import formats  # noqa: E402
 import loop  # noqa: E402
 import measure  # noqa: E402
 import publish  # noqa: E402
@@ -34,7 +35,8 @@ def test_orders_are_even_in_places_and_followers(count):
 
 ROUNDS = {
     len(update.TITLES): update.SIZES.values(),
-    len(check.TITLES): [check.ROUNDS],
+    len(check.TITLES): [check.ROUNDS, formats.ROUNDS[1000]],
+    len(formats.TITLES): [formats.ROUNDS[20], formats.ROUNDS[200]],
     len(startup.TITLES): [startup.ROUNDS],
     len(compare.NAMES): [publish.ROUNDS, *compare.UPDATES.values(), compare.CHECKS, compare.STARTS, compare.PEAKS],
 }
