@@ -106,7 +106,8 @@ COMPLETIONS = {
     "zqu-mirror|prune|-": COMMON + "--quiet --keep --older-than --grace --dry-run",
     "zqu-mirror|list|-": COMMON + "--grace --json",
     "zqu-mirror|list|": "the directory|",
-    "zqu-mirror|check|-": COMMON + "--ca --timeout --quiet --json --nagios --prometheus --trust --max-age --max-rollout",
+    "zqu-mirror|check|-": COMMON
+    + "--ca --timeout --quiet --json --nagios --prometheus --trust --max-age --max-rollout",
     "zqu-mirror|check|--max-age|2": "2s 2m 2h 2d 2w",
     "zqu-mirror|publish|--id|": "",
     "zqu-mirror|publish|--format|z": "zip zstd",
