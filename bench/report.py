@@ -29,6 +29,12 @@ def plotter():
     return pyplot
 
 
+def compact(svg):
+    """The picture in tenths of a point, with no line ends in paths and no blanks before tags: much smaller."""
+    svg = re.sub(r"\d+\.\d{2,}", lambda number: f"{float(number[0]):.1f}", svg)
+    return re.sub(r" *\n +| *\n(?=[LMz\"])", lambda end: "\n" if end[0][-1] == " " else " ", svg)
+
+
 class Pages:
     """The pages below a directory. Each of their tables stands between <!-- SECTION: NAME --> and <!-- end -->."""
 
@@ -72,8 +78,10 @@ class Pages:
         axes.set(title=title, xlabel=x, ylabel=y, **axes_options)
         axes.minorticks_off()
         axes.legend()
-        figure.savefig(self.data / f"{name}.svg", metadata={"Date": None})
+        path = self.data / f"{name}.svg"
+        figure.savefig(path, metadata={"Date": None})
         plotter().close(figure)
+        path.write_text(compact(path.read_text()))
 
 
 def table(head, rows):
