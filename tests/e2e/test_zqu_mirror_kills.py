@@ -204,7 +204,11 @@ COMMANDS |= {
         *(HELD, f"{HELD}/{info_name('new')}"),
     ),
 }
-ZSTD = replace(COMMANDS["publish"], words=lambda own, root: own.publishing("new", "--format", "zstd", root=root))
+ZSTD = replace(
+    COMMANDS["publish"],
+    words=lambda own, root: own.publishing("new", "--format", "zstd", root=root),
+    archive="antivir-v2-c-new.zip.zst",
+)
 
 
 class Campaign:
