@@ -208,7 +208,7 @@ def test_gateway_of_the_page_stays_whole_under_attack_and_alarms(site, tmp_path)
         site.expect("2001")
         assert upstream.alarm()[0] == 2, name
     assert upstream.alarm()[1].startswith(
-        "MIRROR CRITICAL - antivir-v2-c-2001.ini is not trusted: it was published 3 d"
+        "MIRROR CRITICAL - antivir-v2-c-2001.ini is refused: it was published 3 d"
     )
     for id, age_s in {"2010": 0, "2009": DAY}.items():  # sound again; then an older one that is young enough
         upstream.publish(id, age_s=age_s)
