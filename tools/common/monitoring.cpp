@@ -60,23 +60,37 @@ void Exposition::head(const std::string& name, const std::string& help) {
     text_ += "# HELP " + name_ + " " + help + "\n# TYPE " + name_ + " gauge\n";
 }
 
-void Exposition::sample(const Labels& labels, const std::string& value) {
+void Exposition::sample(Labels labels, const std::string& value) {
     std::string list;
+    labels.insert(labels.begin(), common_.begin(), common_.end());
     for (const auto& [label, content] : labels) {
         list += (list.empty() ? "" : ",") + label + "=\"" + escaped(content) + "\"";
     }
     text_ += name_ + (list.empty() ? "" : "{" + list + "}") + " " + value + "\n";
 }
 
-void Exposition::gauge(const std::string& name, const std::string& help, std::int64_t value) {
-    head(name, help);
-    sample({}, std::to_string(value));
+void Exposition::gauge(const std::string& name, const std::string& help, std::optional<std::int64_t> value) {
+    if (value) {
+        head(name, help);
+        sample({}, std::to_string(*value));
+    }
 }
 
 void Exposition::verdict(const std::string& name, const std::string& help, Verdict verdict) {
     head(name, help);
     for (const Verdict each : {Verdict::ok, Verdict::warning, Verdict::critical, Verdict::unknown}) {
         sample({{"verdict", name_of(each)}}, each == verdict ? "1" : "0");
+    }
+}
+
+void Exposition::limit(const std::string& name, const std::string& help, const Limit& limit) {
+    if (limit.warning > 0 || limit.critical > 0) {
+        head(name, help);
+    }
+    for (const auto& [severity, value] : {std::pair("warning", limit.warning), std::pair("critical", limit.critical)}) {
+        if (value > 0) {
+            sample({{"severity", severity}}, std::to_string(value));
+        }
     }
 }
 

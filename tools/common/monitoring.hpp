@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -35,21 +36,29 @@ struct Limit {
                                       const std::string& performance_data = "");
 
 // An exposition in the text format of Prometheus. Every metric is a gauge; "zelquorin_" begins its name. Samples follow
-// the head of their metric, and have no time of their own.
+// the head of their metric, have the common labels first, and no time of their own.
 class Exposition {
 public:
     using Labels = std::vector<std::pair<std::string, std::string>>;
 
-    void head(const std::string& name, const std::string& help);
-    void sample(const Labels& labels, const std::string& value);
-    void gauge(const std::string& name, const std::string& help, std::int64_t value);
+    explicit Exposition(Labels common = {}) : common_(std::move(common)) {}
 
-    // The metric <name> with one sample for each verdict: 1 for this one, 0 for the others.
+    void head(const std::string& name, const std::string& help);
+    void sample(Labels labels, const std::string& value);
+
+    // The metric <name> with one sample; nothing without a value.
+    void gauge(const std::string& name, const std::string& help, std::optional<std::int64_t> value);
+
+    // With one sample for each verdict: 1 for this one, 0 for the others.
     void verdict(const std::string& name, const std::string& help, Verdict verdict);
+
+    // With one sample for each severity that has a limit; nothing without any.
+    void limit(const std::string& name, const std::string& help, const Limit& limit);
 
     [[nodiscard]] const std::string& text() const { return text_; }
 
 private:
+    const Labels common_;
     std::string name_;
     std::string text_;
 };

@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <strings.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -15,8 +14,8 @@
 #include "client.hpp"
 #include "commands.hpp"
 #include "monitoring.hpp"
-#include "signature.hpp"
 #include "rollout.hpp"
+#include "signature.hpp"
 #include "text.hpp"
 #include "workplace.hpp"
 
@@ -109,45 +108,26 @@ std::string nagios_form(const Options& options, const Found& found, std::int64_t
 }
 
 std::string prometheus_form(const Options& options, const Found& found, std::int64_t now) {
-    const tools::Exposition::Labels here{{"mirror", options.mirror}, {"flavor", options.flavor}};
-    const auto with = [&here](const std::string& label, const std::string& content) {
-        auto labels = here;
-        labels.emplace_back(label, content);
-        return labels;
-    };
-    tools::Exposition out;
-    const auto gauge = [&](const std::string& name, const std::string& help, std::optional<std::int64_t> value) {
-        if (value) {
-            out.head("mirror_" + name, help);
-            out.sample(here, std::to_string(*value));
-        }
-    };
-    out.head("mirror_verdict", "The verdict on a mirror: 1 for this one, 0 for the others.");
-    for (const Verdict each : {Verdict::ok, Verdict::warning, Verdict::critical, Verdict::unknown}) {
-        out.sample(with("verdict", tools::name_of(each)), each == verdict(found) ? "1" : "0");
-    }
+    tools::Exposition out({{"mirror", options.mirror}, {"flavor", options.flavor}});
+    out.verdict("mirror_verdict", "The verdict on a mirror: 1 for this one, 0 for the others.", verdict(found));
     if (!found.id.empty()) {
         out.head("mirror_release_info", "The release that the mirror names; always 1.");
-        out.sample(with("version", found.id), "1");
+        out.sample({{"version", found.id}}, "1");
     }
     if (found.rollout.percent > 0) {
         out.head("mirror_rollout_percent", "The share of the gateways that get the candidate of a rollout.");
-        out.sample(with("version", found.rollout.id), std::to_string(found.rollout.percent));
-        gauge("rollout_start_timestamp_seconds", "When the rollout began.", found.rollout.start_s);
+        out.sample({{"version", found.rollout.id}}, std::to_string(found.rollout.percent));
+        out.gauge("mirror_rollout_start_timestamp_seconds", "When the rollout began.", found.rollout.start_s);
     }
-    gauge("release_timestamp_seconds",
-          "When the release was published, as it says signed; else when its INI was modified: by its publication, "
-          "or when another release replaced it.",
-          found.published);
-    gauge("archive_size_bytes", "Size of the release's archive.", found.size);
-    gauge("certificate_end_timestamp_seconds", "When the first certificate of the mirror's chain ends.",
-          found.chain_end);
-    if (options.max_age_s > 0) {
-        out.head("mirror_release_age_limit_seconds", "Age of the release from which on it is too old.");
-        out.sample(with("severity", "warning"), std::to_string(limit_of(options).warning));
-        out.sample(with("severity", "critical"), std::to_string(limit_of(options).critical));
-    }
-    gauge("observation_timestamp_seconds", "When zqu-mirror check looked.", now);
+    out.gauge("mirror_release_timestamp_seconds",
+              "When the release was published, as it says signed; else when its INI was modified: by its publication, "
+              "or when another release replaced it.",
+              found.published);
+    out.gauge("mirror_archive_size_bytes", "Size of the release's archive.", found.size);
+    out.gauge("mirror_certificate_end_timestamp_seconds", "When the first certificate of the mirror's chain ends.",
+              found.chain_end);
+    out.limit("mirror_release_age_limit_seconds", "Age of the release from which on it is too old.", limit_of(options));
+    out.gauge("mirror_observation_timestamp_seconds", "When zqu-mirror check looked.", now);
     return out.text();
 }
 
@@ -263,17 +243,17 @@ private:
 
     void judge_age() {
         const std::string info = info_name(options_.flavor, found_.id);
-        const std::int64_t age = std::max<std::int64_t>(0, std::time(nullptr) - found_.published.value_or(0));
+        const tools::Limit limit = limit_of(options_);
+        const std::int64_t age = std::time(nullptr) - found_.published.value_or(0);
+        const Verdict verdict = limit.judge(age);
         if (found_.published.value_or(0) > std::time(nullptr) + 60) {
             report(Verdict::warning, info + " is from the future: its age is unknown until then");
         }
         if (options_.max_age_s > 0 && !found_.published) {
             report(Verdict::unknown, "the server gives no Last-Modified for " + info + ": its age is unknown");
-        } else if (options_.max_age_s > 0 && age > options_.max_age_s) {
-            const bool critical = age > 2 * options_.max_age_s;
-            report(critical ? Verdict::critical : Verdict::warning,
-                   "the release " + found_.id + " is " + tools::duration_text(age) + " old, more than " +
-                       tools::duration_text((critical ? 2 : 1) * options_.max_age_s));
+        } else if (verdict != Verdict::ok) {
+            report(verdict, "the release " + found_.id + " is " + tools::duration_text(age) + " old, more than " +
+                                tools::duration_text(verdict == Verdict::critical ? limit.critical : limit.warning));
         }
     }
 
@@ -288,9 +268,7 @@ private:
             report(Verdict::warning, "def.Current.size is another size: " + std::to_string(info.size));
         }
         run_.phase("reading " + info.cab_name);
-        const std::string digest = sha256_in(run_, path);
-        require(digest.size() == info.sha256.size() && strcasecmp(digest.c_str(), info.sha256.c_str()) == 0,
-                info.cab_name + " does not have the digest " + info.sha256);
+        require(has_digest(path, info.sha256, run_), info.cab_name + " does not have the digest " + info.sha256);
         report(Verdict::ok, info.cab_name + " has the digest " + info.sha256);
         const auto inspection = inspect_in(run_, "reading " + info.cab_name, path, info.cab_name, options_.flavor);
         for (const auto& [word, text] : inspection.remarks) {

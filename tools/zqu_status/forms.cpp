@@ -214,17 +214,6 @@ void verdicts(const Report& report, Exposition& out) {
     }
 }
 
-void limits(const std::string& name, const std::string& help, const Limit& limit, Exposition& out) {
-    if (limit.warning > 0 || limit.critical > 0) {
-        out.head(name, help);
-    }
-    for (const auto& [severity, value] : {std::pair("warning", limit.warning), std::pair("critical", limit.critical)}) {
-        if (value > 0) {
-            out.sample({{"severity", severity}}, std::to_string(value));
-        }
-    }
-}
-
 void unit(const Unit& unit, Exposition& out) {
     if (unit_text(unit).empty()) {
         return;
@@ -260,9 +249,7 @@ void store(const Facts& facts, Exposition& out) {
             out.sample({{"file", kinds.at(i)}}, std::to_string(store.definitions[i].size.value_or(0)));
         }
     }
-    if (store.snapshots) {
-        out.gauge("snapshots", "Snapshots on the disk.", static_cast<std::int64_t>(*store.snapshots));
-    }
+    out.gauge("snapshots", "Snapshots on the disk.", store.snapshots);
 }
 
 void check(const Facts& facts, Exposition& out) {
@@ -331,13 +318,12 @@ std::string prometheus_form(const Report& report) {
     Exposition out;
     verdicts(report, out);
     unit(report.facts.unit, out);
-    limits("definitions_age_limit_seconds", "Age of the release from which on it is too old.",
-           report.limits.definitions, out);
+    out.limit("definitions_age_limit_seconds", "Age of the release from which on it is too old.",
+              report.limits.definitions);
     if (report.facts.looked) {
         store(report.facts, out);
         check(report.facts, out);
-        limits("check_age_limit_seconds", "Age of the last check from which on it is too old.", report.limits.check,
-               out);
+        out.limit("check_age_limit_seconds", "Age of the last check from which on it is too old.", report.limits.check);
     }
     out.gauge("observation_timestamp_seconds", "When zqu-status looked.", report.facts.now);
     return out.text();
