@@ -143,14 +143,16 @@ def test_leftover_work_directory_is_removed(own):
 # ---- What the upstream mirror does not have ----
 
 
-def test_release_that_no_side_has_gives_way_to_the_upstreams(copy):
+@pytest.mark.parametrize("scheme", ["https", "file"])
+def test_release_that_no_side_has_gives_way_to_the_upstreams(copy, scheme):
     copy.follow(OLD, NEW)
     left = {name: what for name, what in files(copy).items() if name.split("/")[-1] not in (INFO, ARCHIVE)}
     found = f"found {NEW}: {ARCHIVE} has 100 bytes instead of {copy.size(ARCHIVE)}\n"
     copy.upstream.publish("1003")
     copy.upstream.path(INFO).unlink()
     cut(ARCHIVE, 100)(copy)
-    code, out, err = run(*from_upstream(copy))
+    where = [f"file://{copy.nginx.root}", "--upstream-subdir", copy.upstream.subdir]
+    code, out, err = run(*from_upstream(copy) if scheme == "https" else ("repair", "--from", *where, copy.root))
     made = copy.summary("1003", "antivir-v2-1003.cab")
     end = f"set aside {NEW}\nwhat was replaced is in {copy.folder}/{REPLACED}/TIME\n"
     assert (code, masked(out), err) == (0, f"{found}restored {made}\nmade current {made}\n{end}", "")

@@ -9,8 +9,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <ctime>
 #include <exception>
 #include <system_error>
@@ -49,15 +47,16 @@ std::string part_of(const std::string& url, CURLUPart part) {
     return text != nullptr ? text : "";
 }
 
-[[noreturn]] void fail_too_long(const std::string& url, std::uintmax_t most) {
-    fail(url, "longer than " + std::to_string(most) + " bytes");
-}
-
 Fd open_local(const std::string& url, const std::string& path) {
     try {
         return open_regular(path);
-    } catch (const std::runtime_error& e) {
-        fail(url, e.what());
+    } catch (const std::system_error& e) {
+        if (e.code() == std::errc::no_such_file_or_directory) {
+            throw MissingFile("GET " + url + ": " + e.code().message());
+        }
+        fail(url, e.code().message());
+    } catch (const std::runtime_error&) {
+        fail(url, "not a regular file");
     }
 }
 
@@ -251,25 +250,17 @@ void Client::require_taken(const std::string& url, const Target& target, bool to
         std::rethrow_exception(target.failure);
     }
     if (too_long || target.taken > target.most) {
-        fail_too_long(url, target.most);
+        fail(url, "longer than " + std::to_string(target.most) + " bytes");
     }
 }
 
 // A file:// URL. Not by libcurl, which would wait at a FIFO for ever, and at some files below /proc.
 void Client::read_local(const std::string& url, Target& target) {
     const std::string path = part_of(url, CURLUPART_PATH);
+    const Fd file = open_local(url, path);
     struct stat status {};
-    if (stat(path.c_str(), &status) != 0) {
-        const std::string reason = "GET " + url + ": " + std::strerror(errno);
-        throw errno == ENOENT ? MissingFile(reason) : MirrorError(reason);
-    }
-    if (!S_ISREG(status.st_mode)) {
-        fail(url, "not a regular file");
-    }
-    if (static_cast<std::uintmax_t>(status.st_size) > target.most) {
-        fail_too_long(url, target.most);
-    }
-    const Fd file = open_local(url, path);  // at once something else may be there
+    static_cast<void>(fstat(file.get(), &status));
+    require_taken(url, target, static_cast<std::uintmax_t>(status.st_size) > target.most);
     std::vector<char> block(65536);
     for (ssize_t count = 1; count > 0;) {
         count = read(file.get(), block.data(), block.size());
