@@ -105,13 +105,7 @@ public:
     }
 
     // Says what is not a removal.
-    void report(const std::string& text) const {
-        run_.step([&] {
-            if (!options_.quiet) {
-                say(text);
-            }
-        });
-    }
+    void report(const std::string& text) const { mirror_tool::report(options_, text, run_); }
 
     void report_kept(const std::string& what, const std::string& reason) const {
         if (options_.dry_run) {

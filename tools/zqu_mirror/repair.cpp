@@ -437,10 +437,7 @@ private:
         report("found " + what);
     }
 
-    void report(const std::string& line) {
-        run_.phase("");
-        say(line);
-    }
+    void report(const std::string& line) { mirror_tool::report(options_, line, run_); }
 
     const Options& options_;
     Run& run_;
