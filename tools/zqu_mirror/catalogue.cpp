@@ -25,10 +25,6 @@ const std::string hit_suffix = "-hit.ini";
 const std::string info_mark = "-c-";
 const std::string info_suffix = ".ini";
 
-bool may_be_hit(const std::string& name) {
-    return begins_with(name, prefix) && ends_with(name, hit_suffix) && name.size() > prefix.size() + hit_suffix.size();
-}
-
 bool may_be_info(const std::string& name) {
     return begins_with(name, prefix) && ends_with(name, info_suffix) &&
            name.find(info_mark, prefix.size()) != std::string::npos;
@@ -38,8 +34,11 @@ void require_plain(const std::string& file, const std::string& name) {
     refuse(file + ": the name " + name, unusable_name(name));
 }
 
+// Empty when the name cannot be a hit INI's.
 std::string flavor_of_hit(const std::string& name) {
-    return name.substr(prefix.size(), name.size() - prefix.size() - hit_suffix.size());
+    const std::size_t frame = prefix.size() + hit_suffix.size();
+    const bool hit = begins_with(name, prefix) && ends_with(name, hit_suffix) && name.size() > frame;
+    return hit ? name.substr(prefix.size(), name.size() - frame) : "";
 }
 
 // Reads the INI files of one directory through one client.
@@ -77,17 +76,17 @@ public:
         Catalogue found;
         std::set<std::string> flavors;
         for (const auto& name : names_) {
-            if (may_be_hit(name)) {
+            if (!flavor_of_hit(name).empty()) {
                 attempt(found, [&] { read_hit(name, found.current); });
             }
             for (const int percent : stages) {
                 const std::string end = "." + std::to_string(percent);
-                const std::string hit = ends_with(name, end) ? name.substr(0, name.size() - end.size()) : "";
-                if (may_be_hit(hit)) {
-                    flavors.insert(flavor_of_hit(hit));
+                if (ends_with(name, end)) {
+                    flavors.insert(flavor_of_hit(name.substr(0, name.size() - end.size())));
                 }
             }
         }
+        flavors.erase("");
         for (const auto& flavor : flavors) {
             attempt(found, [&] { read_stages(flavor, found); });
         }
@@ -98,8 +97,7 @@ public:
         Catalogue found = current();
         std::set<std::string> named;
         for (const auto& name : names_) {
-            const bool hit = may_be_hit(name) && found.current.ids.count(flavor_of_hit(name)) != 0;
-            if (may_be_info(name) && !hit) {
+            if (may_be_info(name) && found.current.ids.count(flavor_of_hit(name)) == 0) {
                 attempt(found, [&] {
                     require_plain(name, name);
                     Release& release = found.releases.emplace_back(release_of(name, found.current));

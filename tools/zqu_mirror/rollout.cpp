@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "catalogue.hpp"
 #include "commands.hpp"
 #include "text.hpp"
 
@@ -68,26 +67,21 @@ Rollout read_once(const Options& options) {
     return found;
 }
 
-void remove_stages(const Options& options, const std::vector<std::string>& names) {
-    for (const auto& name : names) {
-        const fs::path path = directory_of(options) / name;
-        if (unlink(path.c_str()) == 0) {
-            flush(directory_of(options));
-        } else if (errno != ENOENT) {
-            fail_errno("cannot remove " + path.string());
-        }
+void remove_stage(const Options& options, const std::string& name) {
+    const fs::path path = directory_of(options) / name;
+    if (unlink(path.c_str()) == 0) {
+        flush(directory_of(options));
+    } else if (errno != ENOENT) {
+        fail_errno("cannot remove " + path.string());
     }
 }
 
 // From here on, no signal ends the run: a rollout ends at once.
 void end_rollout(const Options& options, const Rollout& rollout, Run& run) {
-    std::vector<std::string> names;
-    for (const int percent : stages) {
-        names.insert(names.begin(), stage_name(options.flavor, percent));
-    }
     run.commit([&] {
         start_grace(options, rollout.id);
-        remove_stages(options, names);
+        std::for_each(stages.rbegin(), stages.rend(),
+                      [&](int percent) { remove_stage(options, stage_name(options.flavor, percent)); });
     });
 }
 
@@ -170,7 +164,10 @@ void start_grace(const Options& options, const std::string& id) {
 }
 
 void remove_leftover_stages(const Options& options) {
-    remove_stages(options, rollout_of(options).leftovers);
+    const Rollout found = rollout_of(options);
+    for (const auto& name : found.leftovers) {
+        remove_stage(options, name);
+    }
 }
 
 void require_turn(const Options& options, const std::string& id) {
