@@ -6,7 +6,6 @@
 #include <sys/types.h>
 
 #include <cstddef>
-#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <string>

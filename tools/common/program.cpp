@@ -13,9 +13,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
-#include <iostream>
 #include <sstream>
 #include <stdexcept>
 #include <utility>

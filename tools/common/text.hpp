@@ -3,7 +3,6 @@
 // Pure functions; they fail on lack of memory only.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>

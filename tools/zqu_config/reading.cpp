@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <map>
-#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <utility>

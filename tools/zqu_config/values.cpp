@@ -7,7 +7,6 @@
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <string>
-#include <utility>
 
 #include "client.hpp"
 #include "descriptors.hpp"
