@@ -12,8 +12,6 @@
 #include <ctime>
 #include <exception>
 #include <system_error>
-#include <utility>
-#include <vector>
 
 #include "descriptors.hpp"
 #include "text.hpp"

@@ -6,7 +6,6 @@
 
 #include <array>
 #include <stdexcept>
-#include <vector>
 
 #include "descriptors.hpp"
 #include "text.hpp"

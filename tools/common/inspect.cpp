@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 

@@ -4,10 +4,8 @@
 
 #include <climits>
 #include <cstdio>
-#include <filesystem>
 #include <new>
 #include <set>
-#include <stdexcept>
 
 #include "client.hpp"
 #include "descriptors.hpp"

@@ -11,12 +11,10 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <sstream>
 #include <stdexcept>
-#include <utility>
 
 #include "descriptors.hpp"
 #include "text.hpp"

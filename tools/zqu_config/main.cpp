@@ -1,10 +1,6 @@
 // zqu-config: shows what the daemon makes of its configuration file, and finds what it would ignore or fail on.
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <chrono>
-#include <cstdint>
-#include <string>
-#include <vector>
 
 #include "findings.hpp"
 #include "program.hpp"

@@ -12,9 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <stdexcept>
-#include <string>
 
 #include "descriptors.hpp"
 #include "findings.hpp"

@@ -3,10 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <map>
-#include <string>
 #include <system_error>
-#include <utility>
 
 #include "descriptors.hpp"
 #include "findings.hpp"

@@ -4,9 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <nlohmann/json.hpp>
-#include <string>
 
 #include "client.hpp"
 #include "descriptors.hpp"

@@ -4,8 +4,6 @@
 
 #include <algorithm>
 #include <ctime>
-#include <functional>
-#include <system_error>
 
 #include "client.hpp"
 #include "files.hpp"

@@ -7,9 +7,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <nlohmann/json.hpp>
-#include <optional>
-#include <utility>
-#include <vector>
 
 #include "client.hpp"
 #include "commands.hpp"

@@ -3,12 +3,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cstdint>
 #include <cstdlib>
 #include <exception>
-#include <filesystem>
-#include <functional>
-#include <string>
 
 #include "commands.hpp"
 #include "monitoring.hpp"

@@ -9,9 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <cstdlib>
-#include <functional>
 #include <utility>
 
 #include "digest.hpp"

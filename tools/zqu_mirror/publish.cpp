@@ -1,7 +1,5 @@
-
 #include <algorithm>
 #include <climits>
-#include <ctime>
 #include <exception>
 
 #include "catalogue.hpp"

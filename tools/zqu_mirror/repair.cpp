@@ -5,8 +5,8 @@
 #include <map>
 
 #include "commands.hpp"
-#include "signature.hpp"
 #include "rollout.hpp"
+#include "signature.hpp"
 #include "upstream.hpp"
 #include "workplace.hpp"
 

@@ -7,7 +7,6 @@
 
 #include <cstring>
 #include <ctime>
-#include <system_error>
 #include <utility>
 
 #include "files.hpp"

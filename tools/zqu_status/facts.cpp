@@ -5,16 +5,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <chrono>
-#include <cstdint>
 #include <cstdlib>
 #include <ctime>
-#include <filesystem>
 #include <future>
 #include <nlohmann/json.hpp>
-#include <stdexcept>
 #include <system_error>
 #include <thread>
 #include <tuple>

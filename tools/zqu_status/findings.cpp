@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <utility>
 
 #include "report.hpp"
 #include "text.hpp"

@@ -1,4 +1,3 @@
-
 #include <endian.h>
 #include <grp.h>
 #include <linux/posix_acl.h>

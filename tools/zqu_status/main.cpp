@@ -4,15 +4,11 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <array>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <stdexcept>
-#include <string>
-#include <utility>
 
 #include "descriptors.hpp"
 #include "program.hpp"

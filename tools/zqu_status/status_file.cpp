@@ -1,14 +1,11 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <array>
 #include <cerrno>
-#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <stdexcept>
 #include <system_error>
-#include <utility>
 
 #include "descriptors.hpp"
 #include "report.hpp"
