@@ -172,16 +172,15 @@ def test_certificate_that_ends_within_two_weeks_is_a_warning(served, authority, 
 
 # ---- What is wrong here ----
 
-CANNOT_WRITE = r"cannot write \S+/zqu-mirror-\S+/archive: {}; name a directory with more room by TMPDIR"
+CANNOT_WRITE = "cannot write the archive: {}; name a directory with more room by TMPDIR"
 MOUNT = ["unshare", "--mount", "sh", "-c", 'mount -t tmpfs -o "$0" none "$TMPDIR" && exec "$@"']
 # A prefix of the command, and what is said on standard error.
 LACKING = {
     "room": ([*MOUNT, "size=100k"], CANNOT_WRITE.format("No space left on device")),
     "inodes": (
         [*MOUNT, "nr_inodes=1"],
-        r"cannot create a directory like \S+: No space left on device; name another one by TMPDIR",
+        r"cannot create a file in \S+: No space left on device; name another directory by TMPDIR",
     ),
-    "inode": ([*MOUNT, "nr_inodes=2"], CANNOT_WRITE.format("No space left on device")),
     "limit": (["prlimit", "--fsize=10000"], CANNOT_WRITE.format("File too large")),
     "proc": (
         ["unshare", "--mount", "sh", "-c", 'umount -l /proc && exec "$@"', "sh"],

@@ -301,11 +301,11 @@ def test_reading_process_has_no_rights_and_ends_with_the_run(hostile):
     assert {int(status[name], 16) for name in ("CapInh", "CapPrm", "CapEff", "CapAmb")} == {0}
     assert os.stat(f"/proc/{reader}/fd").st_uid == 0  # it is not for its user to trace
     files = [os.readlink(f"/proc/{reader}/fd/{number}") for number in range(3)]
-    archive, report = files[0].removeprefix(f"{hostile.temp}/zqu-mirror-"), files[1].split(":")[0]
-    assert (archive[6:], report, files[2]) == ("/archive", "pipe", "/dev/null")
+    archive, report = files[0].removeprefix(f"{hostile.temp}/zqu."), files[1].split(":")[0]
+    assert (archive[6:], report, files[2]) == (" (deleted)", "pipe", "/dev/null")
     assert os.getsid(reader) == reader
-    folder = pathlib.Path(os.readlink(f"/proc/{reader}/fd/0")).parent  # nothing is unpacked, and nobody may enter
-    assert (os.listdir(folder), stat.S_IMODE(folder.stat().st_mode)) == (["archive"], 0o700)
+    mode = os.stat(f"/proc/{reader}/fd/0").st_mode
+    assert (list(hostile.temp.iterdir()), stat.S_IMODE(mode)) == ([], 0o600)  # nothing is unpacked
     limits = pathlib.Path(f"/proc/{reader}/limits").read_text()
     assert re.search(r"^Max cpu time +600 +601 ", limits, re.MULTILINE)
     assert re.search(rf"^Max data size +{256 << 20} +{256 << 20} ", limits, re.MULTILINE) or SANITIZED

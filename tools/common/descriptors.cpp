@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <stdexcept>
 #include <system_error>
 
@@ -69,13 +70,20 @@ void write_all(int fd, const std::string& text, const std::string& what) {
     }
 }
 
-std::filesystem::path temporary_directory() {
+Fd temporary_file() {
     std::error_code error;
-    auto directory = std::filesystem::temp_directory_path(error);
+    const auto directory = std::filesystem::temp_directory_path(error);
     if (error) {
         throw std::runtime_error("no directory for temporary files: " + error.message() + "; name one by TMPDIR");
     }
-    return directory;
+    std::string path = directory / "zqu.XXXXXX";
+    Fd file(mkostemp(path.data(), O_CLOEXEC));
+    if (file.get() < 0) {
+        throw std::runtime_error("cannot create a file in " + directory.string() + ": " +
+                                 std::generic_category().message(errno) + "; name another directory by TMPDIR");
+    }
+    unlink(path.c_str());
+    return file;
 }
 
 Fd memory_file(const std::string& text) {

@@ -59,11 +59,13 @@ private:
 // Writes all of text. what names the file in a failure: "cannot write <what>".
 void write_all(int fd, const std::string& text, const std::string& what);
 
-// The directory for temporary files. Throws std::runtime_error, with what to do, when there is none.
-[[nodiscard]] std::filesystem::path temporary_directory();
+// A file without a name, in the directory for temporary files. Throws std::runtime_error with what to do.
+[[nodiscard]] Fd temporary_file();
 
-// A file in memory with this content, which is readable at memory_path(). It stands at its beginning.
+// A file in memory with this content. It stands at its beginning.
 [[nodiscard]] Fd memory_file(const std::string& text);
+
+// Where this process can open a file without a name.
 [[nodiscard]] std::string memory_path(const Fd& file);
 
 }  // namespace zqu::tools

@@ -1,7 +1,4 @@
-#include <fcntl.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -255,7 +252,10 @@ private:
     }
 
     void archive(const zqu::CompleteInfo& info, const std::string& info_text) {
-        const fs::path path = download(info.cab_name);
+        const tools::Fd file = tools::temporary_file();
+        const fs::path path = tools::memory_path(file);
+        download(info.cab_name, file);
+        found_.size = fs::file_size(path);
         const std::string size = std::to_string(*found_.size);
         report(Verdict::ok, info.cab_name + " can be downloaded: " + size + " bytes");
         // A size behind all others counts only where there is no other.
@@ -273,33 +273,13 @@ private:
         }
     }
 
-    // Where the archive is.
-    fs::path download(const std::string& name) {
-        if (temporary_.empty()) {
-            temporary_ = make_temporary();
-        }
-        fs::path path = temporary_ / "archive";
-        fs::remove(path);  // of the current release
-        run_.phase("downloading " + name, path);
+    void download(const std::string& name, const tools::Fd& file) {
+        run_.phase("downloading " + name, fs::path(tools::memory_path(file)));
         try {
-            client_.download(name, Fd(path, O_WRONLY | O_CREAT | O_EXCL).get());
+            client_.download(name, file.get());
         } catch (const std::system_error& e) {
-            fail("cannot write " + path.string() + ": " + e.code().message() +
-                 "; name a directory with more room by TMPDIR");
+            fail(e.what() + std::string("; name a directory with more room by TMPDIR"));
         }
-        found_.size = fs::file_size(path);
-        return path;
-    }
-
-    fs::path make_temporary() {
-        return run_.make_scratch([] {
-            std::string path = fs::absolute(tools::temporary_directory()) / "zqu-mirror-XXXXXX";
-            if (mkdtemp(path.data()) == nullptr) {
-                fail("cannot create a directory like " + path + ": " + std::generic_category().message(errno) +
-                     "; name another one by TMPDIR");
-            }
-            return fs::path(path);
-        });
     }
 
     const Options& options_;
@@ -309,7 +289,6 @@ private:
     tools::Client client_;
     Found found_;
     std::string about_;  // begins each line, for the candidate
-    fs::path temporary_;
 };
 
 }  // namespace

@@ -260,13 +260,7 @@ std::string digest_of(const std::string& path, Progress& progress, std::uintmax_
 
 // The mirror's archive of a release, in a file without a name.
 Fd fetch(Client& client, const CompleteInfo& info, Progress& progress) {
-    const fs::path directory = temporary_directory();
-    std::string path = directory / "zqu-status.XXXXXX";
-    Fd file(mkostemp(path.data(), O_CLOEXEC));
-    if (file.get() < 0) {
-        fail_errno("cannot create a file in " + directory.string());
-    }
-    unlink(path.c_str());
+    Fd file = temporary_file();
     progress.begin("fetching " + info.cab_name);
     client.on_progress([&progress](std::uintmax_t bytes) { progress.show(bytes); });
     client.download(info.cab_name, file.get());
