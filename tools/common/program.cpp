@@ -17,6 +17,7 @@
 #include <stdexcept>
 
 #include "descriptors.hpp"
+#include "monitoring.hpp"
 #include "text.hpp"
 
 namespace zqu::tools {
@@ -28,6 +29,7 @@ using std::chrono::steady_clock;
 constexpr std::size_t longest_report = 1 << 20;  // of in_child()
 
 std::string program_name = "zqu";
+const char* plugin_service = nullptr;
 
 // No file that is opened later gets the number of a standard descriptor, and writing there fails.
 void hold_standard_descriptors() {
@@ -97,8 +99,9 @@ bool read_report(int report, steady_clock::time_point end, std::string& text) {
 
 }  // namespace
 
-int run_program(const char* name, int failed, const std::function<int()>& body) {
+int run_program(const char* name, int failed, const std::function<int()>& body, const char* service) {
     program_name = name;
+    plugin_service = service;
     hold_standard_descriptors();
     static_cast<void>(signal(SIGPIPE, SIG_IGN));
     static_cast<void>(signal(SIGXFSZ, SIG_IGN));
@@ -106,9 +109,21 @@ int run_program(const char* name, int failed, const std::function<int()>& body) 
     try {
         return body();
     } catch (const std::exception& e) {
-        complain(e.what());
-        return failed;
+        return give_up(e.what(), failed);
     }
+}
+
+int give_up(const std::string& text, int status) {
+    if (plugin_service == nullptr) {
+        complain(text);
+        return status;
+    }
+    try {
+        print(nagios_line(plugin_service, Verdict::unknown, shown(text)));
+    } catch (const std::exception& e) {
+        complain(e.what());
+    }
+    return exit_status(Verdict::unknown);
 }
 
 void complain(const std::string& text) {
@@ -119,8 +134,7 @@ void print(const std::string& text) {
     write_all(STDOUT_FILENO, text, "to standard output");
 }
 
-std::optional<int> parse(CLI::App& app, int argc, char** argv, int wrong,
-                         const std::function<void(const std::string&)>& report) {
+std::optional<int> parse(CLI::App& app, int argc, char** argv, int wrong) {
     try {
         app.parse(argc, argv);
         return std::nullopt;
@@ -136,8 +150,7 @@ std::optional<int> parse(CLI::App& app, int argc, char** argv, int wrong,
         const std::string reason = unknown_command ? "there is no command " + words.front() : e.what();
         const std::string command =
             app.get_subcommands().empty() ? "" : " " + app.get_subcommands().front()->get_name();
-        report(reason + " (see " + program_name + command + " --help)");
-        return wrong;
+        return give_up(reason + " (see " + program_name + command + " --help)", wrong);
     }
 }
 

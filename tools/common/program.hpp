@@ -16,9 +16,13 @@ class Option;
 namespace zqu::tools {
 
 // The body of main(). Opens /dev/null for each standard descriptor that the caller has closed, and ignores SIGPIPE and
-// SIGXFSZ, so that writing fails instead. Returns what body returns. When body throws or standard output cannot be
-// written, says so in one line on standard error and returns failed. name is the program's.
-[[nodiscard]] int run_program(const char* name, int failed, const std::function<int()>& body);
+// SIGXFSZ, so that writing fails instead. Returns what body returns, or gives up with failed when it throws. name is
+// the program's. Run as a plugin for monitoring systems, it has the service that begins its line.
+[[nodiscard]] int run_program(const char* name, int failed, const std::function<int()>& body,
+                              const char* service = nullptr);
+
+// Complains, and returns status. A plugin prints its line instead, with UNKNOWN, and the exit status is that.
+[[nodiscard]] int give_up(const std::string& text, int status);
 
 // Writes "<program>: ", text as printable() makes it, and a line end to standard error. A failure is ignored.
 void complain(const std::string& text);
@@ -27,9 +31,8 @@ void complain(const std::string& text);
 void print(const std::string& text);
 
 // Parses the command line. No value: go on. Otherwise the exit status: that of --help and --version, whose text is
-// printed, or wrong after report() was called with a line that says what is wrong.
-[[nodiscard]] std::optional<int> parse(CLI::App& app, int argc, char** argv, int wrong,
-                                       const std::function<void(const std::string&)>& report = complain);
+// printed; or it gives up with wrong, and says what is wrong.
+[[nodiscard]] std::optional<int> parse(CLI::App& app, int argc, char** argv, int wrong);
 
 // Adds an option that gives a duration (parse_duration) of at least so many seconds to take(), in seconds.
 CLI::Option* add_duration(CLI::App& app, const std::string& name, std::function<void(std::int64_t)> take,

@@ -49,7 +49,7 @@ struct Catalogue {
     std::vector<std::string> strangers;  // other archives, by their suffix, that no INI names
     std::vector<std::string> leftovers;  // stage files that name what is current
     std::vector<std::string> problems;   // the file and the reason, for each INI that is missing, cannot be understood,
-                                         // or holds a name that may lead to another file (names.hpp)
+                                         // or holds a name that may lead to another file
 };
 
 // Reads all hit INIs ("antivir-<flavor>-hit.ini") and stage files, and the complete-info INIs that they name. Throws

@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <nlohmann/json.hpp>
@@ -98,7 +97,7 @@ std::string json_form(const Options& options, const Found& found) {
 
 std::string nagios_form(const Options& options, const Found& found, std::int64_t now) {
     const std::string data = found.published ? tools::performance("age", age_of(found, now), limit_of(options)) : "";
-    return tools::nagios_line("MIRROR", verdict(found), summary(found, now), data);
+    return tools::nagios_line(nagios_service, verdict(found), summary(found, now), data);
 }
 
 std::string prometheus_form(const Options& options, const Found& found, std::int64_t now) {
@@ -295,13 +294,6 @@ private:
 
 int check(const Options& options, Run& run) {
     Found found;
-    if (options.form == Form::nagios) {
-        run.on_signal([](const std::string& reason) {
-            std::fputs(tools::nagios_line("MIRROR", Verdict::unknown, reason).c_str(), stdout);
-            std::fflush(stdout);
-            return tools::exit_status(Verdict::unknown);
-        });
-    }
     try {
         found = Check(options, run).all();
     } catch (const std::exception& e) {

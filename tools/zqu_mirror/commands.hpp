@@ -58,4 +58,7 @@ void prune(const Options& options, Run& run);
 // is at fault; Form::prometheus prints that instead.
 [[nodiscard]] int check(const Options& options, Run& run);
 
+// Begins the line of check with Form::nagios.
+inline constexpr const char* nagios_service = "MIRROR";
+
 }  // namespace zqu::mirror_tool

@@ -4,15 +4,12 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdlib>
-#include <exception>
 
 #include "commands.hpp"
-#include "monitoring.hpp"
 #include "options.hpp"
 #include "program.hpp"
 #include "rollout.hpp"
 #include "run.hpp"
-#include "text.hpp"
 
 namespace zqu::mirror_tool {
 
@@ -23,7 +20,6 @@ namespace fs = std::filesystem;
 // Carries out a command; returns the exit status.
 using Command = int (*)(const Options& options, Run& run);
 
-constexpr int unknown_status = 3;            // of a plugin for Nagios
 constexpr std::int64_t longest_s = 2147483;  // that libcurl can wait, in its milliseconds
 
 template <void (*command)(const Options& options, Run& run)>
@@ -320,13 +316,7 @@ Examples:
 )"},
 };
 
-// Says in the form of a plugin for Nagios why there is no verdict.
-int unknown(const std::string& reason) {
-    tools::print(tools::nagios_line("MIRROR", tools::Verdict::unknown, tools::shown(reason)));
-    return unknown_status;
-}
-
-int parse_and_carry_out(int argc, char** argv, bool plugin) {
+int parse_and_carry_out(int argc, char** argv) {
     constexpr int wrong_command_line = 2;
     Options options;
     CLI::App app(about, "zqu-mirror");
@@ -339,8 +329,7 @@ int parse_and_carry_out(int argc, char** argv, bool plugin) {
         add_common(*command, options);
         entry.add_options(*command, options);
     }
-    const auto refuse = [plugin](const std::string& text) { plugin ? void(unknown(text)) : tools::complain(text); };
-    if (const auto status = tools::parse(app, argc, argv, plugin ? unknown_status : wrong_command_line, refuse)) {
+    if (const auto status = tools::parse(app, argc, argv, wrong_command_line)) {
         return *status;
     }
     Run run;
@@ -361,14 +350,6 @@ int main(int argc, char** argv) {
     setenv("GIO_USE_VFS", "local", 1);  // no session bus, no helpers
     const bool plugin = std::find(argv, argv + argc, std::string("--nagios")) != argv + argc;
     using namespace zqu::mirror_tool;
-    return zqu::tools::run_program("zqu-mirror", plugin ? unknown_status : EXIT_FAILURE, [&] {
-        try {
-            return parse_and_carry_out(argc, argv, plugin);
-        } catch (const std::exception& e) {
-            if (!plugin) {
-                throw;
-            }
-            return unknown(e.what());
-        }
-    });
+    return zqu::tools::run_program(
+        "zqu-mirror", EXIT_FAILURE, [&] { return parse_and_carry_out(argc, argv); }, plugin ? nagios_service : nullptr);
 }

@@ -100,12 +100,7 @@ void Run::watch() {
 void Run::end_by(int signal) {
     progress_.clear();
     undo();
-    const std::string reason = std::string("ended by signal: ") + strsignal(signal);
-    if (last_words_) {
-        _exit(last_words_(reason));
-    }
-    complain(reason);
-    _exit(128 + signal);
+    _exit(tools::give_up(std::string("ended by signal: ") + strsignal(signal), 128 + signal));
 }
 
 void Run::undo() {
@@ -117,11 +112,6 @@ void Run::undo() {
     for (auto path = made_.rbegin(); path != made_.rend(); ++path) {
         fs::remove(*path, ignored);
     }
-}
-
-void Run::on_signal(std::function<int(const std::string&)> last_words) {
-    const auto lock = hold();
-    last_words_ = std::move(last_words);
 }
 
 void Run::clean_up() {

@@ -24,7 +24,7 @@
 namespace zqu::mirror_tool {
 
 // Any member but advance() may end the process when a signal has come before the commit: it undoes what the run made,
-// says "ended by signal: <name>" on standard error and exits with 128 + the signal's number. No destructor runs then.
+// and gives up (program.hpp) with "ended by signal: <name>" and 128 + the signal's number. No destructor runs then.
 //
 // A signal waits while a member calls its action, which must not call the run. What an action throws passes through;
 // its member has no other effect then.
@@ -58,9 +58,6 @@ public:
     // Does what cannot be undone. A signal that came before ends the run without it.
     void step(const std::function<void()>& action);
 
-    // Calls last_words with the reason when a signal ends the run, and exits with what it returns. It must not throw.
-    void on_signal(std::function<int(const std::string&)> last_words);
-
     // Undoes at once what would be undone at the end: for who is about to give up a lock on where it happens.
     void clean_up();
 
@@ -85,7 +82,6 @@ private:
     std::vector<std::filesystem::path> made_;
     std::filesystem::path scratch_;
     bool committed_ = false;
-    std::function<int(const std::string&)> last_words_;
     tools::Progress progress_;
     std::atomic<std::uintmax_t> bytes_{0};
     std::function<std::uintmax_t()> done_ = [] { return 0; };  // bytes of the phase

@@ -14,7 +14,6 @@
 #include "program.hpp"
 #include "report.hpp"
 #include "settings.hpp"
-#include "text.hpp"
 
 namespace {
 
@@ -139,14 +138,6 @@ void replace_file(const std::filesystem::path& target, const std::string& text) 
     }
 }
 
-std::string unknown_line(const std::string& reason) {
-    return nagios_line(nagios_service, Verdict::unknown, shown(reason));
-}
-
-void print_unknown(const std::string& reason) {
-    print(unknown_line(reason));
-}
-
 // What a signal that ends the plugin makes it print; made beforehand, as a handler may not.
 struct LastWords {
     int signal;
@@ -173,7 +164,8 @@ void end_by(int signal) {
 // A monitoring system takes no other exit status than 0 to 3. Signals that were ignored at the start stay so.
 void answer_signals() {
     for (LastWords& words : last_words) {
-        words.line = unknown_line(std::string("ended by signal: ") + strsignal(words.signal));
+        const std::string reason = std::string("ended by signal: ") + strsignal(words.signal);
+        words.line = nagios_line(nagios_service, Verdict::unknown, reason);
         struct sigaction at_start {};
         sigaction(words.signal, nullptr, &at_start);
         if (at_start.sa_handler != SIG_IGN) {
@@ -193,33 +185,30 @@ int carry_out(const Request& request) {
     return request.json || request.prometheus ? EXIT_SUCCESS : exit_status(report.verdict);
 }
 
-int parse_and_carry_out(int argc, char** argv) {
+int parse_and_carry_out(int argc, char** argv, bool nagios) {
     Request request;
     CLI::App app(about, "zqu-status");
     app.set_version_flag("--version", "zqu-status " ZQU_VERSION);
     add_options(app, request);
-    const bool nagios = std::any_of(argv, argv + argc, [](const std::string& word) { return word == "--nagios"; });
-    if (const auto status =
-            nagios ? parse(app, argc, argv, could_not_tell, print_unknown) : parse(app, argc, argv, could_not_tell)) {
+    if (const auto status = parse(app, argc, argv, could_not_tell)) {
         return *status;
     }
+    if (nagios) {
+        answer_signals();
+    }
     try {
-        if (nagios) {
-            answer_signals();
-        }
         return carry_out(request);
-    } catch (const std::exception& e) {
-        if (!nagios) {
-            throw;
-        }
+    } catch (...) {
         answered = 1;
-        print_unknown(e.what());
-        return could_not_tell;
+        throw;
     }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    return run_program("zqu-status", could_not_tell, [&] { return parse_and_carry_out(argc, argv); });
+    const bool nagios = std::find(argv, argv + argc, std::string("--nagios")) != argv + argc;
+    return run_program(
+        "zqu-status", could_not_tell, [&] { return parse_and_carry_out(argc, argv, nagios); },
+        nagios ? nagios_service : nullptr);
 }
