@@ -41,7 +41,7 @@ def test_hold_ends_when_the_release_is_current_again(own):
 def test_release_of_an_upstream_stays_away_until_it_has_another(copy):
     copy.follow("1001", "1002")
     assert activate(copy, "1001")[0] == 0
-    line = "1002 is held (zqu-mirror activate, or --force, takes it again): 1001 is current\n"
+    line = "1002 is held (--force takes it again, with --percent as a candidate): 1001 is current\n"
     before = copy.seen()
     for _ in range(2):
         assert copy.run() == (0, line, "")

@@ -152,9 +152,10 @@ def stage(percent):
 STAGES = tuple(map(stage, (1, 10, 50)))
 
 
-def adding(*stages):
+def adding(*stages, ended=()):
     written = [f"fsync D/W/{stage(each)}" for each in stages]
-    return written + [step for each in stages for step in (f"rename D/W/{stage(each)}, D/{stage(each)}", "fsync D")]
+    added = [step for each in stages for step in (f"rename D/W/{stage(each)}, D/{stage(each)}", "fsync D")]
+    return [*written, *ended, *added]
 
 
 def ending(*stages):
@@ -176,7 +177,7 @@ def beginning(prepare, *words, ended=()):
         prepare=prepare,
         work=["archive", "info", stage(1), stage(10)],
         others=STAGES,
-        steps=[*COMMANDS["publish"].steps[:-3], *ended, *adding(1, 10)],
+        steps=[*COMMANDS["publish"].steps[:-3], *adding(1, 10, ended=ended)],
         stop=(f"{WORK}/{stage(1)}", "openat"),
     )
 

@@ -355,6 +355,9 @@ def test_root_works_as_the_owner_of_the_mirror():
             assert run("publish", "--id", id, mirror, definitions, definitions)[0] == 0
         assert run("activate", mirror, "1")[0] == 0
         assert {(path.stat().st_uid, path.stat().st_gid) for path in mirror.rglob("*")} == {(54321, 54322)}
+        (mirror / "led").symlink_to(base)  # to a directory of root's
+        led = run("publish", "--id", "3", "--subdir", "led", mirror, definitions, definitions)
+        assert (led[0], "Permission denied" in led[2], len(os.listdir(base))) == (1, True, 2)
 
 
 def test_mirror_without_a_sound_release_is_left_alone(own):

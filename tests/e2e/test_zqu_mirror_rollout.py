@@ -82,6 +82,7 @@ def test_withdrawn_release_is_held_and_its_grace_begins(own):
     lines = "withdrew new: old is current for all; gateways that took new go back with their next check\n"
     assert own.rollout("withdraw") == (0, f"{lines}held new: mirror does not take it again\n", "")
     assert (own.named(), own.held()) == (["old"] * 4, [info_name("new")])
+    assert own.path(info_name("new")).stat().st_mtime > own.began - 60
     assert "would keep new (held): within the grace until" in own.prune("--keep", "1", "--dry-run")[1]
     assert own.publish("new", "--percent", "1")[0] == 0  # by hand, it is wanted
     assert (own.named()[:2], own.held()) == (["new", "old"], [])
@@ -121,6 +122,12 @@ NO_ROLLOUT = (
 )
 # What is done to a mirror with the candidate "new" at 50 per cent, the words of a run, and why it is refused.
 REFUSED = {
+    "no mirror": (None, "rollout {root}/typo", "{root}/typo/rhex/deffiles/def5-2 is no directory: there is no mirror"),
+    "replaced by itself": (
+        None,
+        "publish --percent 1 --replace --id new {root} {files}",
+        "{state}: only withdraw goes back",
+    ),
     "lower stage": (None, "rollout {root} 10", "{state}: only withdraw goes back"),
     "activate": (None, "activate {root} old", "{state}: run zqu-mirror rollout MIRROR with 100 or withdraw first"),
     "damaged": (cut(cab("new"), 9), "rollout {root} 100", "new cannot be rolled out further: {cab} has 9 bytes {size}"),
@@ -142,10 +149,43 @@ REFUSED = {
 def test_step_that_cannot_be_is_refused(own, case):
     make, words, line = REFUSED[case]
     own.begin(50)
-    line = line.format(state=own.state, hit=HIT, cab=cab("new"), size=f"instead of {own.size(cab('new'))}")
+    line = line.format(
+        root=own.root, state=own.state, hit=HIT, cab=cab("new"), size=f"instead of {own.size(cab('new'))}"
+    )
     if make:
         make(own)
     own.expect_refused(line, *words.format(root=own.root, files="/etc/passwd /etc/group").split())
+
+
+def replace(own):
+    assert own.publish("4", "--percent", "1", "--replace")[0] == 0
+
+
+# What ends the rollout of 3, what is lost then, and the release that was current before.
+ENDS = {
+    "withdrawn": (lambda own: own.rollout("withdraw"), HIT, "2"),
+    "replaced": (replace, cab("2"), "1"),
+    "gap": (lambda own: (own.path(FIRST).unlink(), run("repair", own.root)), cab("2"), "1"),
+}
+
+
+@pytest.mark.parametrize("case", ENDS)
+def test_repair_chooses_no_former_candidate(own, case):
+    end, lost, former = ENDS[case]
+    own.publish_small("1", "2")
+    assert own.publish("3", "--percent", "10")[0] == 0
+    end(own)
+    own.path(lost).unlink()
+    assert f"would make current {former}\n" in run("repair", own.root)[1]
+
+
+def test_withdrawal_works_on_a_damaged_mirror(own):
+    own.begin(10)
+    own.write(FIRST, "")
+    own.path(cab("old")).unlink()
+    code, out, err = own.rollout("withdraw")
+    assert (own.named(), own.held()) == (["old"] * 4, [info_name("new")])
+    assert (code, out.count("withdrew new: "), f"{cab('old')} is missing" in err) == (1, 1, True)
 
 
 @pytest.mark.parametrize("command", ["publish", "mirror"])
@@ -171,7 +211,7 @@ def test_mirror_waits_for_the_end_of_a_rollout(copy):
     copy.upstream.publish("1003")
     assert copy.run() == copy.run("--percent", "1") == (0, waits, "")
     copy.upstream.announce("1001", "antivir-v2-1001.cab")
-    assert copy.run("--percent", "1") == (0, "nothing new: 1001 is current\n", "")
+    assert copy.run("--percent", "1") == (0, waits, "")  # also when the upstream has gone back
     assert copy.seen() == before
     copy.upstream.announce("1003", "antivir-v2-1003.cab")
     assert copy.run("--replace")[1].startswith("mirrored 1003: ")

@@ -15,7 +15,7 @@ from release import HIT, info_name
 from signing import SigningKey, private_pem
 from tools import AS_ROOT
 
-UNSIGNED = "is not signed as publish --sign does it"
+UNSIGNED = "has no signature of zqu-mirror publish --sign"
 UNTRUSTED = "is signed by none of the trusted keys, or was changed"
 
 
@@ -80,7 +80,8 @@ def test_commands_of_the_manual_make_keys_and_verify(tmp_path):
     assert subprocess.run(verify, **shell).returncode == 1
 
 
-SHARED = "{} may be used by other users: give it the mode 0600, or make a new key if one of them may have it"
+SHARED = "{} may be used by other users: make it your own with the mode 0600, or make a new key if one of them may"
+SHARED += " have it"
 ASKED = (
     "{} has a pass phrase, and nobody is asked for it: take another key, or what openssl pkey -in {} -out FILE makes"
 )
@@ -97,11 +98,12 @@ UNUSABLE = {
     "of RSA": (lambda site: site.key.path.write_bytes(private_pem(rsa.generate_private_key(65537, 2048))), NO_KEY),
     "of X25519": (lambda site: site.key.path.write_bytes(private_pem(x25519.X25519PrivateKey.generate())), NO_KEY),
     "fifo": (lambda site: (site.key.path.unlink(), os.mkfifo(site.key.path)), "{} is not a regular file"),
+    "of another": (lambda site: os.chown(site.key.path, 12345, 12345), SHARED),
     "of root": (lambda site: (site.upstream.root.mkdir(), os.chown(site.upstream.root, 12345, 12345)), ROOTS),
 }
 
 
-@pytest.mark.parametrize("case", [case for case in UNUSABLE if AS_ROOT or case != "of root"])
+@pytest.mark.parametrize("case", [case for case in UNUSABLE if AS_ROOT or case not in ("of root", "of another")])
 def test_private_key_that_must_not_be_used_is_refused(tmp_path, case):
     site = Site(tmp_path)
     change, reason = UNUSABLE[case]

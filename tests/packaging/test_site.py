@@ -182,7 +182,7 @@ class Attacked:
 
 # What the upstream does, and why that is refused; the release in service was signed three days ago.
 ATTACKS = {
-    "forged": (lambda upstream: upstream.publish("2002", ""), "is not signed as publish --sign does it"),
+    "forged": (lambda upstream: upstream.publish("2002", ""), "has no signature of zqu-mirror publish --sign"),
     "other key": (
         lambda upstream: upstream.publish("2003", "--sign other.pem"),
         "is signed by none of the trusted keys, or was changed",

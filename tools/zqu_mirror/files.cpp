@@ -70,10 +70,13 @@ void remove_tree(const fs::path& path, std::error_code& error) {
     fs::remove_all(path, error);
 }
 
-void become_owner(fs::path path) {
+void become_owner(const fs::path& path) {
     struct stat status {};
-    while (stat(path.c_str(), &status) != 0 && path.has_relative_path()) {
-        path = path.parent_path();
+    fs::path prefix;
+    for (auto part = path.begin(); part != path.end() && status.st_uid == 0; ++part) {
+        struct stat found {};
+        prefix /= *part;
+        status = stat(prefix.c_str(), &found) == 0 ? found : status;
     }
     if (geteuid() != 0 || status.st_uid == 0) {
         return;
@@ -82,7 +85,7 @@ void become_owner(fs::path path) {
     const passwd* owner = getpwuid(status.st_uid);
     const int grouped = owner != nullptr ? initgroups(owner->pw_name, status.st_gid) : setgroups(0, nullptr);
     if (grouped != 0 || setgid(status.st_gid) != 0 || setuid(status.st_uid) != 0 || prctl(PR_SET_DUMPABLE, 1) != 0) {
-        fail_errno("cannot work as the owner of " + path.string());
+        fail_errno("cannot work as the owner of " + prefix.string());
     }
 }
 

@@ -30,7 +30,8 @@ int done(const Options& options, Run& run) {
 
 constexpr const char* about =
     "Runs an internal mirror of antivirus definitions for zel_quorin_updater: publishes releases on it or copies them "
-    "from another mirror, lists and removes them, and checks it as a client would.";
+    "from another mirror, gives them to a part of the gateways first, lists and removes them, and checks it as a "
+    "client would.";
 
 constexpr const char* about_exit =
     "Exit status: 0 done, or a client would succeed; 1 failed, or a client would fail; 2 wrong command line;\n"
@@ -116,7 +117,7 @@ void add_client(CLI::App& command, Options& options) {
 void add_trust(CLI::App& command, Options& options) {
     command
         .add_option("--trust", options.trust,
-                    "PEM file of an Ed25519 public key that must have signed the release; for several, again")
+                    "PEM file of an Ed25519 public key; one of those given must have signed the release")
         ->check(CLI::ExistingFile)
         ->allow_extra_args(false);
 }
@@ -230,8 +231,9 @@ struct Entry {
 
 const Entry entries[] = {
     {"publish", "Publish a release and make it current", add_publish, done<publish>, R"(
-Writes the release and then, in one step, makes it current. Clients see the old release or the new one, whole.
-When anything fails, one line says why and the mirror is left as it was. Publishing the same content again makes
+Writes the release and then, in one step, makes it current, or with --percent the candidate of a rollout. Clients see
+the old release or the new one, whole. When anything fails, one line says why and the mirror is left as it was. A run
+with --replace that fails may have ended the former rollout. Publishing the same content again makes
 that release current again; an id never gets other content. The order of the files counts: a pair whose names
 show that it is swapped is refused. A CAB holds 2147450880 bytes with its index; the other formats have no
 such limit. zstd gives the smallest archives, and takes minutes to pack; old gateways may be unable to read it.
@@ -243,10 +245,11 @@ Examples:
 )"},
     {"mirror", "Copy the current release of an upstream mirror", add_mirror, done<mirror>, R"(
 Asks the upstream mirror for its current release and, when that is another one than here, downloads it, verifies
-it as a client would, and makes it current in one step. Id, INI file and archive are the upstream's, to the byte.
-Nothing new is a success too, and changes nothing. So is a release that activate has held. When anything fails, one
-line says why, and the mirror is left as it was; an id never gets other content. Damaged files of the current release
-are a failure: repair restores them.
+it as a client would, and makes it current in one step, or with --percent the candidate of a rollout. Id, INI file and
+archive are the upstream's, to the byte. Nothing new is a success too, and changes nothing. So is a release that is
+held, and any other during a rollout: mirror waits for its end. When anything fails, one line says why, and the mirror
+is left as it was; an id never gets other content. Damaged files of the current release are a failure: repair restores
+them.
 
 Examples:
   zqu-mirror mirror https://definitions.zelgw.example /srv/mirror

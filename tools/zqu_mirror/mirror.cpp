@@ -85,17 +85,18 @@ void follow(const Options& options, Upstream& upstream, Run& run) {
     const std::string id = upstream.current();
     const Offer offer = upstream.release(id);
     if (!options.force && current_id(options) != id && held_ids(options).count(id) != 0) {
-        report_nothing_new(options, id + " is held (zqu-mirror activate, or --force, takes it again): ", run);
+        report_nothing_new(options, id + " is held (--force takes it again, with --percent as a candidate): ", run);
         return;
     }
     const Rollout rollout = sound_rollout(options);
+    const std::string waits = "waits: " + rollout.text() + "; ";
     if (rollout.percent > 0 && current_id(options) != id && (!options.replace || rollout.id == id)) {
-        report_nothing_new(options, "waits: " + rollout.text() + "; ", run);
+        report_nothing_new(options, waits, run);
         return;
     }
     const fs::path info = directory_of(options) / info_name(options.flavor, id);
     if (current_id(options) == id && text_of(info) == offer.text) {
-        report_nothing_new(options, "nothing new: ", run);
+        report_nothing_new(options, rollout.percent > 0 ? waits : "nothing new: ", run);
         return;
     }
     Workplace place(directory_of(options), run);

@@ -223,24 +223,27 @@ private:
         }
     }
 
-    // The release that was current before. The newest time is that of the one that last ceased to be current
-    // (Workplace::make_current). It comes first when the current one is damaged, and last when it is not known which
-    // one that was. A candidate never was.
+    // The release that was current before. The one that last ceased to be current has the time of the hit INI, or, when
+    // that is lost, the newest time (Workplace::make_current). It comes first when the current one is damaged, and last
+    // when it is not known which one that was. A candidate never was.
     std::string former() {
         needs_consent_ = true;
         std::vector<std::string> ids;
         for (const auto& [id, unused] : times_) {
-            if (id != rollout_.id) {
+            if (id != rollout_.id && held_.count(id) == 0) {
                 ids.push_back(id);
             }
         }
+        std::error_code lost;
+        const auto replaced = fs::last_write_time(place_.directory() / hit_name(options_.flavor), lost);
+        const auto rank = [&](const std::string& id) { return std::pair(times_[id] == replaced, times_[id]); };
         std::sort(ids.begin(), ids.end(),
-                  [this](const std::string& a, const std::string& b) { return times_[a] > times_[b]; });
+                  [&](const std::string& a, const std::string& b) { return rank(a) > rank(b); });
         if (!ids.empty() && !hit_was_right()) {
             std::rotate(ids.begin(), ids.begin() + 1, ids.end());
         }
         for (const auto& id : ids) {
-            if (held_.count(id) == 0 && is_sound(id) && examine(options_, id, Depth::entries, run_).fault.empty()) {
+            if (is_sound(id) && examine(options_, id, Depth::entries, run_).fault.empty()) {
                 return id;
             }
         }

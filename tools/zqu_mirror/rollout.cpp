@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <set>
 
 #include "commands.hpp"
 #include "text.hpp"
@@ -85,15 +86,21 @@ void end_rollout(const Options& options, const Rollout& rollout, Run& run) {
     });
 }
 
-// The files of all missing stages are written before the first of them is seen.
-void advance(const Options& options, const std::string& id, int percent, Workplace& place, Run& run) {
-    int reached = rollout_of(options).percent;
+// Writes the files of the stages above reached to the work directory, and returns their stages.
+std::vector<int> prepare_stages(const Options& options, const std::string& id, int reached, int percent,
+                                const Workplace& place) {
     std::vector<int> missing;
     std::copy_if(stages.begin(), stages.end(), std::back_inserter(missing),
                  [&](int stage) { return stage > reached && stage <= percent; });
     for (const int stage : missing) {
         write_text(place.work(stage_name(options.flavor, stage)), hit_text(id));
     }
+    return missing;
+}
+
+void add_stages(const Options& options, const std::string& id, const std::vector<int>& missing, Workplace& place,
+                Run& run) {
+    int reached = 0;
     try {
         for (const int stage : missing) {
             const std::string name = stage_name(options.flavor, stage);
@@ -110,7 +117,14 @@ void advance(const Options& options, const std::string& id, int percent, Workpla
     }
 }
 
+void refuse_to_go_back(const Rollout& found, int percent) {
+    if (percent < found.percent) {
+        fail(found.text() + ": only withdraw goes back");
+    }
+}
+
 void show(const Options& options, Run& run) {
+    static_cast<void>(existing_directory(options));
     const Rollout found = sound_rollout(options);
     const std::string what = found.percent == 0
                                  ? "no rollout: "
@@ -118,16 +132,29 @@ void show(const Options& options, Run& run) {
     report(options, what + current_text(options), run);
 }
 
+// Also what stage files name that belong to no rollout: this is for emergencies.
 void withdraw(const Options& options, const Rollout& found, Run& run) {
     const auto current = current_id(options);
     if (!current) {
         fail(hit_name(options.flavor) + " names no release to go back to: run zqu-mirror repair");
     }
-    hold(options, found.id, run);
+    std::set<std::string> ids{found.id};
+    for (const auto& fault : found.faults) {
+        ids.insert(fault.id);
+    }
+    ids.erase("");
+    for (const auto& id : ids) {
+        hold(options, id, run);
+        start_grace(options, id);
+    }
     end_rollout(options, found, run);
-    const std::string back = *current + " is current for all; gateways that took " + found.id + " go back";
-    report(options, "withdrew " + found.id + ": " + back + " with their next check", run);
-    report(options, "held " + found.id + ": mirror does not take it again", run);
+    for (const auto& id : ids) {
+        const std::string back = *current + " is current for all; gateways that took " + id + " go back";
+        report(options, "withdrew " + id + ": " + back + " with their next check", run);
+        report(options, "held " + id + ": mirror does not take it again", run);
+    }
+    refuse(*current + " is current, but gateways cannot take it, run zqu-mirror repair:",
+           examine(options, *current, Depth::digest, run).fault);
 }
 
 }  // namespace
@@ -175,8 +202,9 @@ void require_turn(const Options& options, const std::string& id) {
     if (options.percent > 0 && !current_id(options)) {
         fail("there is no current release to go back to: run this without --percent first");
     }
-    const bool goes_on = found.id == id && found.percent <= options.percent;
-    if (found.percent > 0 && !options.replace && !goes_on) {
+    if (found.id == id && options.percent > 0) {
+        refuse_to_go_back(found, options.percent);
+    } else if (found.percent > 0 && !options.replace) {
         fail(found.text() + ": run zqu-mirror rollout MIRROR with 100 or withdraw first, or give --replace");
     }
 }
@@ -184,11 +212,13 @@ void require_turn(const Options& options, const std::string& id) {
 void give_out(const Options& options, const std::string& id, Workplace& place, Run& run) {
     remove_leftover_stages(options);
     const Rollout found = rollout_of(options);
-    if (found.percent > 0 && (found.id != id || (options.percent > 0 && found.percent > options.percent))) {
+    const bool other = found.percent > 0 && found.id != id;
+    const std::vector<int> missing = prepare_stages(options, id, other ? 0 : found.percent, options.percent, place);
+    if (other) {
         end_rollout(options, found, run);
     }
     if (options.percent > 0) {
-        advance(options, id, options.percent, place, run);
+        add_stages(options, id, missing, place, run);
     } else {
         place.make_current(options, id);
     }
@@ -201,26 +231,25 @@ void rollout(const Options& options, Run& run) {
     }
     Workplace place(existing_directory(options), run);
     remove_leftover_stages(options);
-    const Rollout found = sound_rollout(options);
     const bool withdraws = options.action == "withdraw";
+    const Rollout found = withdraws ? rollout_of(options) : sound_rollout(options);
     const int percent = withdraws ? 0 : std::stoi(options.action);
-    if (found.percent == 0) {
+    if (found.percent == 0 && found.faults.empty()) {
         fail("there is no rollout, and " + current_text(options) +
              ": publish --percent starts one, activate goes back to a former release");
     }
-    if (found.percent == percent) {
-        show(options, run);
-    } else if (withdraws) {
+    if (withdraws) {
         withdraw(options, found, run);
-    } else if (percent < found.percent) {
-        fail(found.text() + ": only withdraw goes back");
+    } else if (found.percent == percent) {
+        show(options, run);
     } else {
+        refuse_to_go_back(found, percent);
         const Examined release = examine(options, found.id, Depth::entries, run);
         refuse(found.id + " cannot be rolled out further:", release.fault);
         if (percent == 100) {
             place.make_current(options, found.id);
         } else {
-            advance(options, found.id, percent, place, run);
+            add_stages(options, found.id, prepare_stages(options, found.id, found.percent, percent, place), place, run);
         }
         const std::string done = percent == 100 ? "made current " + found.id : rollout_of(options).text();
         report(options, summary(place.directory(), done, release.info), run);

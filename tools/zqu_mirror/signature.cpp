@@ -155,8 +155,11 @@ std::string private_key(const Options& options) {
     }
     const Fd file = tools::open_regular(path);
     struct stat status {};
-    if (fstat(file.get(), &status) != 0 || (status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-        fail(path + " may be used by other users: give it the mode 0600, or make a new key if one of them may have it");
+    const bool known = fstat(file.get(), &status) == 0;
+    if (!known || status.st_uid != geteuid() || (status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+        fail(path +
+             " may be used by other users: make it your own with the mode 0600, or make a new key if one of them may "
+             "have it");
     }
     std::string pem = tools::read_all(file.get(), largest_pem, path);
     read_private(pem, path);
@@ -220,7 +223,7 @@ std::string distrust(const Options& options, const std::string& keys, const std:
     const auto found = read_signed(text);
     const std::string fault = keys.empty() ? ""
                               : found      ? fault_of(*found, options, keys, id)
-                                           : "is not signed as publish --sign does it";
+                                           : "has no signature of zqu-mirror publish --sign";
     return fault.empty() ? "" : info_name(options.flavor, id) + " is refused: it " + fault;
 }
 

@@ -81,9 +81,13 @@ bool has_digest(const fs::path& archive, std::string digest, Run& run) {
 }
 
 std::optional<std::string> named_id(const Options& options, const std::string& file) {
+    const std::string text = text_of(directory_of(options) / file);
+    if (text.empty()) {
+        return std::nullopt;  // the core library would log it as an error
+    }
     const zqu::Config cfg = client_config(options);
     try {
-        const std::string id = tools::Client(cfg).read_id(text_of(directory_of(options) / file));
+        const std::string id = tools::Client(cfg).read_id(text);
         const bool usable = unusable_name(id).empty() && unusable_archive(stem(options.flavor, id)).empty();
         return usable ? std::optional<std::string>(id) : std::nullopt;
     } catch (const tools::MirrorError&) {
