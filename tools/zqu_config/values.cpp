@@ -210,11 +210,9 @@ std::string line_of(const std::string& text) {
 }
 
 // The child's part: a JSON object with the release or the failure, and the warnings.
-std::string ask(const Config& cfg, const std::function<void(std::uintmax_t)>& show) {
+std::string ask(const Config& cfg, Progress& progress) {
     Client client(cfg);
-    if (show) {
-        client.on_progress(show);
-    }
+    client.on_progress([&progress](std::uintmax_t bytes) { progress.show(bytes); });
     nlohmann::json answer;
     try {
         const std::string id = client.fetch_id();
@@ -272,12 +270,8 @@ void check_online(const Reading& reading, const User& user, std::chrono::seconds
         return;
     }
     Progress progress;
-    std::function<void(std::uintmax_t)> show;
-    if (!quiet && isatty(STDERR_FILENO) == 1) {
-        progress.begin("asking the mirror");
-        show = [&](std::uintmax_t bytes) { progress.show(bytes); };
-    }
-    const auto child = in_child([&] { become(user); }, [&] { return ask(reading.cfg, show); }, limit);
+    progress.begin(quiet ? "" : "asking the mirror");
+    const auto child = in_child([&] { become(user); }, [&] { return ask(reading.cfg, progress); }, limit);
     progress.show(0);  // with this, clear() also clears what a child that was killed has shown
     progress.clear();
     if (child.timed_out) {
