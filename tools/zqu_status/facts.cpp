@@ -25,6 +25,8 @@
 
 namespace zqu::status_tool {
 
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Unit, load, active, sub, file, result, writable)  // what ask_systemd() fills
+
 using namespace tools;
 
 namespace {
@@ -356,16 +358,11 @@ Unit look_at_unit(const std::string& name, const Config& cfg) {
     }
     const auto ask = [&] {
         ask_systemd(unit, cfg);
-        return json{unit.load, unit.active, unit.sub, unit.file, unit.result, unit.writable}.dump();
+        return json(unit).dump();
     };
     const ChildResult asked = in_child([] {}, ask, patience);
     if (asked.succeeded()) {
-        const json answer = json::parse(asked.output);
-        std::string* const texts[] = {&unit.load, &unit.active, &unit.sub, &unit.file, &unit.result};
-        for (std::size_t i = 0; i < std::size(texts); ++i) {
-            *texts[i] = answer[i];
-        }
-        unit.writable = answer.back().get<std::vector<std::string>>();
+        json::parse(asked.output).get_to(unit);
     } else {
         unit.reason = asked.timed_out ? "no answer within 5 s" : asked.output;
     }
