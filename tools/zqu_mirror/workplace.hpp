@@ -89,18 +89,16 @@ void end_hold(const Options& options, const std::string& id);
 // Write access to a mirror's directory, for one run at a time: files are written in a work directory inside it, and
 // moved from there to their names.
 //
-// A release becomes current by one rename(2), that of the hit INI. What is moved before that is undone when the run
-// fails or is ended by a signal. A run that is killed leaves its work directory, which the next one removes, and
-// perhaps files that the hit INI does not name.
+// A release becomes current by one rename(2), that of the hit INI. What is moved before that is undone with the run. A
+// run that is killed leaves its work directory, which the next one removes, and perhaps files that nothing names.
 class Workplace {
 public:
     // Makes directory, an absolute path, with the parents that are missing (on disk then, and undone with the run),
-    // locks it, removes what a killed run has left, and makes an empty work directory in it. Keeps a reference to run,
-    // which must outlive the workplace. Throws what Lock throws, too.
+    // locks it, removes what a killed run has left, and makes the work directory. run must outlive the workplace.
+    // Throws what Lock throws, too.
     Workplace(const std::filesystem::path& directory, Run& run);
 
-    // Removes the work directory, undoes what was not committed, and only then unlocks the directory: the next run must
-    // not meet what is about to vanish.
+    // Undoes what was not committed, and only then unlocks: the next run must not meet what is about to vanish.
     ~Workplace() { run_.clean_up(); }
 
     Workplace(const Workplace&) = delete;
@@ -117,12 +115,10 @@ public:
     // with the run. The file must have been flushed before; its name is on disk after flush(directory()).
     void add(const std::string& work_name, const std::string& name);
 
-    // Makes the release current whose files are all in place and on disk: writes the hit INI and commits the
-    // run by moving it into place. Ends the hold of the release and its rollout, and, unless holds_former, the hold of
-    // the former one. The complete-info INI of the release that was current gets the time of the new hit INI, by which
-    // prune knows when it ceased to be so; whether that succeeds is ignored, and it is not undone. When this throws
-    // std::system_error, the mirror is as it was; std::runtime_error: the release is current, but the directory cannot
-    // be flushed.
+    // Makes the release current whose files are all in place and on disk, and commits the run by that. Ends the hold of
+    // the release and its rollout, and, unless holds_former, the hold of the former one, whose INI gets the time of the
+    // new hit INI for prune, as far as possible. When this throws std::system_error, the mirror is as it was;
+    // std::runtime_error: the release is current, but not all is on disk or done.
     void make_current(const Options& options, const std::string& id, bool holds_former = false);
 
 private:
