@@ -58,12 +58,6 @@ Fd open_local(const std::string& url, const std::string& path) {
     }
 }
 
-bool is_missing(CURL* curl, CURLcode result) {
-    long status = 0;
-    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
-    return result == CURLE_HTTP_RETURNED_ERROR && (status == 404 || status == 410);
-}
-
 std::string text_in(const Bio& out) {
     char* text = nullptr;
     const auto size = BIO_get_mem_data(out.get(), &text);
@@ -232,7 +226,9 @@ void Client::transfer(const std::string& url, Target& target) {
         throw std::runtime_error(std::string(curl_easy_strerror(result)) +
                                  "; install ca-certificates, or name a PEM file by --ca or ca_path");
     }
-    if (result != CURLE_OK && is_missing(curl_, result)) {
+    long status = 0;
+    curl_easy_getinfo(curl_, CURLINFO_RESPONSE_CODE, &status);
+    if (result == CURLE_HTTP_RETURNED_ERROR && (status == 404 || status == 410)) {
         throw MissingFile("GET " + url + ": " + reason_of(result));
     }
     if (result != CURLE_OK) {
