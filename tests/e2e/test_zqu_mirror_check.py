@@ -333,6 +333,8 @@ def test_metrics_are_written_whatever_the_verdict_is(own, verdict):
 def test_page_names_every_metric(own, scripted):
     served = Served(own, scripted, "Last-Modified: Sat, 21 Nov 2026 14:30:00 GMT")
     out = served.check("--prometheus", "--max-age", "1d")[1]
+    own.write(f"{HIT}.1", "[Current]\ndefId = 8\n")  # a candidate, whose metrics only the directory has
+    out += own.check("--prometheus")[1]
     page = (REPOSITORY / "docs" / "mirrors.md").read_text()
     assert set(re.findall(r"^# TYPE (\w+) ", out, re.MULTILINE)) == set(re.findall(r"zelquorin_\w+", page))
 
