@@ -54,6 +54,7 @@ class Nginx:
     CERTIFICATES = ("good", "wrong_host", "expired", "unknown_authority")
     EVENTS = ""  # lines of nginx.conf's block "events"
     LOG = "$uri $status"
+    prefix = ()  # words before the command
 
     def __init__(self, folder):
         self.folder = folder
@@ -81,7 +82,7 @@ class Nginx:
             self.folder / "error.log",
         ]
         self.process = subprocess.Popen(
-            [*WITH_US, *nginx],
+            [*WITH_US, *self.prefix, *nginx],
             env={**os.environ, "NGINX": "".join(f"{fd};" for fd in descriptors)},
             pass_fds=descriptors,
         )

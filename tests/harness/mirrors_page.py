@@ -18,7 +18,7 @@ class Server(Nginx):
 
     CERTIFICATES = ("good",)
 
-    def __init__(self, folder, authority, page, places="", rate=0, **changes):
+    def __init__(self, folder, authority, page, places="", rate=0, prefix=(), **changes):
         """Places are lines of the geo block, in the place of the page's examples."""
         folder.mkdir()
         self.authority = authority
@@ -27,6 +27,7 @@ class Server(Nginx):
         self.split, count = re.subn(r"(default drawn;).*?}", rf"\1 {places} }}", CONFIGURATIONS[0], 1, re.DOTALL)
         assert count
         self.rate = rate
+        self.prefix = prefix
         self.changes = changes
         super().__init__(folder)
 
