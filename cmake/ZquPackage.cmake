@@ -34,15 +34,15 @@ set(updater_description
 each release twice, and puts it into service by atomically re-pointing one
 symbolic link. Runs as a confined service of a user of its own.
 .
-Installing the package neither enables nor starts the service: it has to be
-told its mirror first.")
+Installing the package neither enables nor starts the service: set its mirror
+in the configuration first.")
 set(mirror_summary "publishes antivirus definition files on a mirror")
 set(mirror_description
-"Writes releases of antivirus definition files into a folder that any web
+"Writes releases of antivirus definition files into a directory that any web
 server can serve, and checks a mirror in the way that a gateway would see it.
 .
-This is for the machine that is the mirror; a gateway needs the package
-zel-quorin-updater.")
+This is for the machine that is the mirror. A gateway needs the package
+zel-quorin-updater; one that verifies signatures itself needs both.")
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)

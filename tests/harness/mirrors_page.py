@@ -24,7 +24,7 @@ class Server(Nginx):
         self.authority = authority
         self.page = page
         self.address_header = f"X-{folder.name}"  # stands for the address, so that one connection can be many gateways
-        self.split, count = re.subn(r"(default drawn;).*?}", rf"\1 {places} }}", CONFIGURATIONS[0], 1, re.DOTALL)
+        self.split, count = re.subn(r"(default chance;).*?}", rf"\1 {places} }}", CONFIGURATIONS[0], 1, re.DOTALL)
         assert count
         self.rate = rate
         self.prefix = prefix
@@ -43,6 +43,7 @@ class Server(Nginx):
     def _server(self, name):
         text = self.page
         changes = {
+            r"listen \[::\]:443 ssl;": "",  # the kernel may lack IPv6
             r"listen 443 ssl;": f"listen 127.0.0.1:{self.ports[name]} ssl;",
             r"/etc/ssl/(mirror|proxy)\.pem|/etc/ssl/private/\w+\.key": f"{self.folder}/{name}.pem",
             **self.changes,

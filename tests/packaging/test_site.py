@@ -4,10 +4,11 @@ import json
 import re
 import ssl
 from http.client import HTTPSConnection
+from pathlib import Path
 
 import pytest
 from administrator import DESK, Administrator
-from booted_gateway import CONFIG
+from booted_gateway import CONFIG, UNIT
 from cryptography.hazmat.primitives.serialization import load_pem_private_key
 from mirror_tool import DAY, SUBDIR
 from mirrors_page import CONFIGURATIONS
@@ -18,7 +19,7 @@ from signing import SigningKey
 PAGE = "mirrors.md"
 NGINX, SYNC, TIMER = "nginx.service", "zqu-mirror-sync.service", "zqu-mirror-sync.timer"
 UPSTREAM, RELEASES = "https://definitions.zelgw.example", "/srv/releases"
-ADDRESSES = [f"127.0.0.{number}" for number in range(2, 62)]  # of gateways that are drawn; ours is the first one
+ADDRESSES = [f"127.0.0.{number}" for number in range(2, 62)]  # of gateways that are chosen by chance; ours is the first one
 
 
 class Site(Administrator):
@@ -31,11 +32,13 @@ class Site(Administrator):
         self.do("Signed releases")
         self.publish("1004")
         self.do("Certificate")
-        (script,) = scripts(PAGE, "Web server")
         split = CONFIGURATIONS[0].replace("192.0.2.7 first;", "127.0.0.1 first;")
-        for line, text in zip(script.splitlines(), (split, CONFIGURATIONS[1], "", "")):
-            self.type(text)
-            self.sh(line)
+        server = CONFIGURATIONS[1]
+        if not Path("/proc/net/if_inet6").exists():
+            server = server.replace("listen [::]:443 ssl;", "")
+        for path, text in zip(re.findall("`(/etc/nginx/.*?)`", section(PAGE, "Web server")), (split, server)):
+            gateway.put(path, text)
+        self.do("Web server")
         self.do("The first release and the timer", **{UPSTREAM: f"file://{RELEASES}"})
         assert gateway.state(TIMER) == "active"
         gateway.run("systemctl", "stop", TIMER)  # the test is the clock
@@ -123,6 +126,9 @@ def test_site_of_the_page_rolls_out_withdraws_and_is_watched(site):
     assert "1005 is current for all" in site.do("A withdrawal")
     site.expect("1005")
     assert site.sync()[1].startswith("1006 is held")
+    again = scripts(PAGE, "A withdrawal")[1].replace(UPSTREAM, f"file://{RELEASES}")
+    assert "the candidate for 1 per cent again 1006" in site.sh(again)
+    site.do("A withdrawal")
     site.expect("1005")
     far, near, metrics = scripts(PAGE, "Watching the mirror")[0].splitlines()
     for line in (far, near):
@@ -133,7 +139,7 @@ def test_site_of_the_page_rolls_out_withdraws_and_is_watched(site):
     site.sh("touch -d '2 days ago' /srv/mirror/*/*/*/*.ini.1")
     assert site.sh(f"{near} || :").startswith("MIRROR WARNING - the rollout of 1007 began 2 d ago")
     site.sh("zqu-mirror rollout /srv/mirror 100")
-    carry, take = scripts(PAGE, "A leg without a network")[0].splitlines()
+    carry, take = scripts(PAGE, "A part without a network")[0].splitlines()
     site.sh(carry)
     site.gateway.run("systemctl", "stop", NGINX)
     assert site.sh(f"{far} || :").startswith("MIRROR CRITICAL")
@@ -198,7 +204,9 @@ ATTACKS = {
 def test_gateway_of_the_page_stays_whole_under_attack_and_alarms(site, tmp_path):
     upstream = Attacked(site, tmp_path)
     upstream.publish("2001", age_s=3 * DAY)
+    site.gateway.run("systemctl", "disable", UNIT)
     site.do("A gateway that verifies for itself", **{"--max-age 2d": "--max-age 4d"})
+    assert site.gateway.out("systemctl", "is-enabled", UNIT).strip() == "enabled"
     site.expect("2001")
     site.sh(f"sed -i s/4d/2d/ /etc/systemd/system/{SYNC}.d/site.conf; systemctl daemon-reload")
     for name, (attack, reason) in ATTACKS.items():
