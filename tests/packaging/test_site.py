@@ -19,7 +19,7 @@ from signing import SigningKey
 PAGE = "mirrors.md"
 NGINX, SYNC, TIMER = "nginx.service", "zqu-mirror-sync.service", "zqu-mirror-sync.timer"
 UPSTREAM, RELEASES = "https://definitions.zelgw.example", "/srv/releases"
-ADDRESSES = [f"127.0.0.{number}" for number in range(2, 62)]  # of gateways that are chosen by chance; ours is the first one
+ADDRESSES = [f"127.0.0.{number}" for number in range(2, 62)]  # of gateways; that of ours is always the first
 
 
 class Site(Administrator):
@@ -148,6 +148,9 @@ def test_site_of_the_page_rolls_out_withdraws_and_is_watched(site):
     text = site.gateway.path(CONFIG).read_text()
     site.gateway.put(CONFIG, text.replace("mirror_base_url = https://mirror.example", medium))
     site.expect("1007")
+    site.sh(scripts(PAGE, "Automatic advance")[0].partition("\n")[2])  # without apt-get: there is no network
+    settings = site.gateway.show("zqu-mirror-advance.service", "Environment")
+    assert "PROMETHEUS=http://prometheus.example:9090 " in settings and "firing" in settings
 
 
 # ---- A gateway that verifies for itself ----
@@ -215,9 +218,7 @@ def test_gateway_of_the_page_stays_whole_under_attack_and_alarms(site, tmp_path)
         assert (code, said.endswith(reason)) == (1, True), (name, said)
         site.expect("2001")
         assert upstream.alarm()[0] == 2, name
-    assert upstream.alarm()[1].startswith(
-        "MIRROR CRITICAL - antivir-v2-c-2001.ini is refused: it was published 3 d"
-    )
+    assert upstream.alarm()[1].startswith("MIRROR CRITICAL - antivir-v2-c-2001.ini is refused: it was published 3 d")
     for id, age_s in {"2010": 0, "2009": DAY}.items():  # sound again; then an older one that is young enough
         upstream.publish(id, age_s=age_s)
         assert site.sync()[0] == 0
