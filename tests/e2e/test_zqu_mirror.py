@@ -90,8 +90,8 @@ def test_zstd_is_a_stored_zip_of_a_bounded_window(own):
     assert own.publish("1", *ZSTD)[0] == 0
     data = own.path("antivir-v2-c-1.zip.zst").read_bytes()
     unpacked = subprocess.run(["zstd", "-dc"], input=data, capture_output=True, timeout=60, check=True).stdout
-    # RFC 8878, section 3.1.1.1: the size in 4 bytes and a checksum; a window of 4 MiB.
-    assert data[:10] == struct.pack("<IBBI", 0xFD2FB528, 0x84, (22 - 10) << 3, len(unpacked))
+    # RFC 8878, section 3.1.1.1: the size in 4 bytes and a checksum; a window of 2 MiB.
+    assert data[:10] == struct.pack("<IBBI", 0xFD2FB528, 0x84, (21 - 10) << 3, len(unpacked))
     with zipfile.ZipFile(io.BytesIO(unpacked)) as archive:
         assert archive.testzip() is None
         entries = [(entry.filename, entry.compress_type, entry.external_attr >> 16) for entry in archive.infolist()]

@@ -115,13 +115,13 @@ int threads() {
     return std::clamp(CPU_COUNT(&usable), 1, 4);
 }
 
-// Compresses size bytes in all. The gateways need memory for the window, here 4 MiB; the level would take 8 MiB. In
+// Compresses size bytes in all. The gateways need memory for the window, here 2 MiB; the level would take 8 MiB. In
 // text of random hexadecimal digits, matches of less than 6 bytes make archives larger, and packing and unpacking
 // slower.
 tools::Handle<ZSTD_CCtx, ZSTD_freeCCtx> zstd_context(std::uintmax_t size) {
     tools::Handle<ZSTD_CCtx, ZSTD_freeCCtx> context(ZSTD_createCCtx());
     const std::pair<ZSTD_cParameter, int> settings[] = {
-        {ZSTD_c_compressionLevel, 19}, {ZSTD_c_windowLog, 22},     {ZSTD_c_minMatch, 6},  {ZSTD_c_checksumFlag, 1},
+        {ZSTD_c_compressionLevel, 19}, {ZSTD_c_windowLog, 21},     {ZSTD_c_minMatch, 6},  {ZSTD_c_checksumFlag, 1},
         {ZSTD_c_nbWorkers, threads()}, {ZSTD_c_jobSize, 16 << 20}, {ZSTD_c_overlapLog, 9}};
     for (const auto& [parameter, value] : settings) {
         require_zstd(ZSTD_CCtx_setParameter(context.get(), parameter, value));
