@@ -41,7 +41,7 @@ Packer pack_cab;
 Packer pack_zip;
 
 // A stored ZIP in a Zstandard stream (RFC 8878), whose entries have the modes that a CAB's get. Replaces what is at the
-// path. Reads the sources twice. Uses up to four of the processors that this process may use, and 110 MiB for each.
+// path. Reads the sources twice. Uses up to four of the processors that this process may use, and 90 MiB for each.
 Packer pack_zstd;
 
 }  // namespace zqu::mirror_tool
