@@ -64,12 +64,13 @@ class Site(Administrator):
         """What the timer starts: its exit status, and the lines that it logged."""
         gateway = self.gateway
         gateway.run("systemctl", "reset-failed", SYNC, check=False)  # or systemd refuses the sixth start in ten seconds
+        log = ["journalctl", "--quiet", "--output", "cat", "--identifier", "zqu-mirror"]
+        before = len(gateway.out(*log).splitlines())
         code = gateway.run("systemctl", "start", SYNC, check=False).returncode
-        run = f"_SYSTEMD_INVOCATION_ID={gateway.show(SYNC, 'InvocationID')}"
         said = []
 
-        def complete():  # the log daemon may be behind
-            said[:] = gateway.out("journalctl", "--quiet", "--output", "cat", run).splitlines()
+        def complete():  # the log daemon may be behind, and not know any more which run wrote a line
+            said[:] = gateway.out(*log).splitlines()[before:]
             return len(said) == (1 if code else 2)
 
         gateway.wait_for(complete)
