@@ -440,4 +440,4 @@ def test_tools_transfer_with_the_options_of_the_daemon(scene, tmp_path):
     network = [line for lines in options if "https:" in "".join(lines[:1]) for line in lines]
     observing = re.compile("MAXFILESIZE_LARGE|FILETIME|NOPROGRESS|(PREREQ|XFERINFO|SSL_CTX_)(FUNCTION|DATA)")
     assert [line for line in network if not observing.search(line)] == hit_and_info
-    assert len(network) == len(hit_and_info) + 2 * 6
+    assert len(network) == len(hit_and_info) + 2 * 9
