@@ -44,7 +44,7 @@ class Pages:
 
     def keep(self, section, **kept):
         path = self.data / f"{section}.json"
-        path.write_text(json.dumps(kept, indent=1, default=str) + "\n")
+        path.write_text(json.dumps(kept, default=str) + "\n")
 
     def kept(self, section):
         return json.loads((self.data / f"{section}.json").read_text())
