@@ -211,7 +211,7 @@ def test_given_keys_are_stored_and_later_runs_use_them(begun):
 
 
 def test_first_run_that_fails_keeps_the_keys_alone(tmp_path):
-    """Without keys no time limit is accepted, whoever signed."""
+    """Without keys no time limit is accepted, whichever key signed."""
     site = Site(tmp_path)
     site.publish("1000", key=site.other)
     line = "zqu-mirror: --max-age counts from a time that a trusted key has signed: name one by --trust\n"

@@ -39,7 +39,7 @@ namespace zqu::mirror_tool {
 [[nodiscard]] std::string distrust(const Options& options, const std::string& keys, const std::string& id,
                                    const std::string& text);
 
-// When a signed INI says that its release was published, in seconds since the Unix epoch, whoever signed it.
+// When a signed INI says that its release was published, in seconds since the Unix epoch, whichever key signed it.
 [[nodiscard]] std::optional<std::int64_t> signed_time(const std::string& text);
 
 // A release that is refused for its signature.
