@@ -75,6 +75,7 @@ class Watched:
     def check(self):
         """Lets the daemon make one check, with the configuration as it is."""
         assert self.gateway.run("--config", self.config, "--once").returncode == 0
+        time.sleep(0.02)  # the times of files go on in steps of up to 10 ms
 
     def run(self, *words, **options):
         return run("--config", self.config, *words, **options)

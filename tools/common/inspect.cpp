@@ -115,13 +115,7 @@ Inspection inspect(const std::filesystem::path& archive, const std::string& name
     watch([file] { return static_cast<std::uintmax_t>(std::max<off_t>(lseek(file->get(), 0, SEEK_CUR), 0)); });
     const ChildResult result =
         in_child([&] { confine(file->get()); }, [&] { return report_of(judge(STDIN_FILENO, name, flavor)); });
-    if (WIFSIGNALED(result.status)) {
-        throw std::runtime_error(std::string("the process that reads the archive was ended by signal: ") +
-                                 strsignal(WTERMSIG(result.status)));
-    }
-    if (!result.succeeded()) {
-        throw std::runtime_error(result.output);
-    }
+    result.require("reads the archive");
     Inspection found = parse(result.output);
     if (!first_fault(found).empty()) {
         static_cast<void>(sha256(archive));  // throws when the disk is at fault: libarchive may call that a short file

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <sstream>
 #include <stdexcept>
@@ -190,6 +191,15 @@ void Progress::clear() {
     if (shown_) {
         std::fputs("\033[K", stderr);
         shown_ = false;
+    }
+}
+
+void ChildResult::require(const std::string& did) const {
+    if (WIFSIGNALED(status)) {
+        throw std::runtime_error("the process that " + did + " was ended by signal: " + strsignal(WTERMSIG(status)));
+    }
+    if (!succeeded()) {
+        throw std::runtime_error(output);
     }
 }
 

@@ -44,6 +44,10 @@ struct ChildResult {
     int status = 0;          // of waitpid(2)
     bool timed_out = false;  // it was killed because the time was over
     [[nodiscard]] bool succeeded() const { return status == 0 && !timed_out; }
+
+    // Throws std::runtime_error with the reason unless it succeeded: that of the exception, or "the process that <did>
+    // was ended by signal: <name>".
+    void require(const std::string& did) const;
 };
 
 // Forks a child that calls prepare and then work, and exits with 0 after it has reported what work returned. When one

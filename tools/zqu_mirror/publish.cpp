@@ -86,7 +86,12 @@ void add_release(const Options& options, const std::vector<Source>& sources, con
     run.phase("packing", archive);
     const time_t newest = std::max(sources[0].before.st_mtim.tv_sec, sources[1].before.st_mtim.tv_sec);
     static const std::map<std::string, Packer*> packers{{"cab", pack_cab}, {"zip", pack_zip}, {"zstd", pack_zstd}};
-    packers.at(options.format)(archive, index_text(sources), tools::index_name(options.flavor), sources, newest);
+    // In a process of its own: libgcab starts a thread, which a process that is made later would not have.
+    const auto pack = [&] {
+        packers.at(options.format)(archive, index_text(sources), tools::index_name(options.flavor), sources, newest);
+        return std::string();
+    };
+    tools::in_child([] {}, pack).require("packs the archive");
     flush(archive);
     run.phase("reading the archive");
     const std::string text = "def.Current.defId = " + options.id + "\ndef.Current.name = " + name +
