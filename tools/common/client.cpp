@@ -198,8 +198,8 @@ zqu::CompleteInfo Client::read_info(const std::string& text, const std::string& 
     return *std::move(info);
 }
 
-void Client::download(const std::string& name, int file) {
-    Target target{largest_file, file};
+void Client::download(const std::string& name, int file, std::uintmax_t most) {
+    Target target{most, file};
     transfer(urls_.file_url(name), target);
 }
 

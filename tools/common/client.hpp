@@ -76,8 +76,8 @@ public:
     // Both together.
     [[nodiscard]] zqu::CompleteInfo fetch_info(const std::string& id) { return read_info(fetch_info_text(id), id); }
 
-    // GETs the mirror's file name and writes it to the descriptor.
-    void download(const std::string& name, int file);
+    // GETs the mirror's file name and writes it to the descriptor: at most so many bytes.
+    void download(const std::string& name, int file, std::uintmax_t most = largest_file);
 
     // When the last file that was fetched was modified, in seconds since the Unix epoch, by its time or its
     // Last-Modified (RFC 9110, section 8.8.2); no value when the server did not say.

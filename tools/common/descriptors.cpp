@@ -60,7 +60,7 @@ std::string read_all(int fd, std::size_t most, const std::string& what) {
     return text;
 }
 
-void write_all(int fd, const std::string& text, const std::string& what) {
+void write_all(int fd, std::string_view text, const std::string& what) {
     for (std::size_t done = 0; done < text.size();) {
         const ssize_t count = write(fd, text.data() + done, text.size() - done);
         if (count < 0 && errno != EINTR) {

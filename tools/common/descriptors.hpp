@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace zqu::tools {
@@ -57,7 +58,7 @@ private:
 [[nodiscard]] std::string read_all(int fd, std::size_t most, const std::string& what);
 
 // Writes all of text. what names the file in a failure: "cannot write <what>".
-void write_all(int fd, const std::string& text, const std::string& what);
+void write_all(int fd, std::string_view text, const std::string& what);
 
 // A file without a name, in the directory for temporary files. Throws std::runtime_error with what to do.
 [[nodiscard]] Fd temporary_file();

@@ -20,7 +20,7 @@
 namespace zqu::tools {
 
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Remark, verdict, text)
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Inspection, remarks, digests)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Inspection, remarks, digests, sizes)
 
 namespace {
 
@@ -45,7 +45,7 @@ rlim_t hard_limit(int resource) {
 void limit(int resource, rlim_t soft, rlim_t hard) {
     const rlimit limits{std::min(soft, hard_limit(resource)), std::min(hard, hard_limit(resource))};
     if (setrlimit(resource, &limits) != 0) {
-        fail_errno("cannot limit what reads the archive");
+        fail_errno("cannot limit a process");
     }
 }
 
@@ -72,14 +72,20 @@ void give_up_privileges() {
     }
 }
 
-// The archive becomes the standard input. The standard output takes the report.
-void confine(int archive) {
+// The standard output takes the report.
+void confine(const std::set<int>& descriptors) {
     setsid();  // away from the terminal
     limit_resources();
     give_up_privileges();
-    const Fd nowhere("/dev/null", O_WRONLY);
-    if (dup2(archive, STDIN_FILENO) < 0 || dup2(nowhere.get(), STDERR_FILENO) < 0 ||
-        close_range(STDERR_FILENO + 1, ~0U, 0) != 0) {
+    const Fd nowhere("/dev/null", O_RDWR);
+    bool done = dup2(nowhere.get(), STDIN_FILENO) >= 0 && dup2(nowhere.get(), STDERR_FILENO) >= 0;
+    unsigned int next = STDERR_FILENO + 1;
+    for (const int kept : descriptors) {
+        const auto number = static_cast<unsigned int>(kept);
+        done = done && (number == next || close_range(next, number - 1, 0) == 0);
+        next = number + 1;
+    }
+    if (!done || close_range(next, ~0U, 0) != 0) {
         fail_errno("cannot close files");
     }
 }
@@ -108,15 +114,21 @@ Inspection parse(const std::string& report) {
 
 }  // namespace
 
+std::string in_confinement(const std::set<int>& descriptors, const std::function<std::string()>& work,
+                           const std::string& does) {
+    const ChildResult result = in_child([&] { confine(descriptors); }, work);
+    result.require(does);
+    return result.output;
+}
+
 Inspection inspect(const std::filesystem::path& archive, const std::string& name, const std::string& flavor,
-                   const std::function<void(const Position&)>& watch) {
+                   const std::function<void(const Position&)>& watch, const Destination* to) {
     const auto file = std::make_shared<Fd>(open_regular(archive));
     // The process reads by the same open file description.
     watch([file] { return static_cast<std::uintmax_t>(std::max<off_t>(lseek(file->get(), 0, SEEK_CUR), 0)); });
-    const ChildResult result =
-        in_child([&] { confine(file->get()); }, [&] { return report_of(judge(STDIN_FILENO, name, flavor)); });
-    result.require("reads the archive");
-    Inspection found = parse(result.output);
+    const auto work = [&] { return report_of(judge(file->get(), name, flavor, to)); };
+    Inspection found =
+        parse(in_confinement({file->get(), to != nullptr ? to->file : file->get()}, work, "reads the archive"));
     if (!first_fault(found).empty()) {
         static_cast<void>(sha256(archive));  // throws when the disk is at fault: libarchive may call that a short file
     }

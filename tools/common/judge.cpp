@@ -1,7 +1,9 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <new>
@@ -103,13 +105,14 @@ struct Wanted {
     std::string trouble;  // why clients cannot read it as it was read here; else empty
     std::string digest;
     std::string text;  // of the index
+    std::uintmax_t size = 0;
     mode_t mode = 0;
 };
 
 class Contents {
 public:
-    explicit Contents(const std::string& flavor)
-        : index_(index_name(flavor)), names_{antivir_name(flavor), aivsecon_name(flavor)} {}
+    Contents(const std::string& flavor, const Destination* to)
+        : index_(index_name(flavor)), names_{antivir_name(flavor), aivsecon_name(flavor)}, to_(to) {}
 
     void read(int fd, const std::string& archive_name) {
         const Reader reader = open_archive(fd);
@@ -130,6 +133,9 @@ public:
         const auto index = wanted_.find(index_);
         if (index != wanted_.end() && !index->second.trouble.empty()) {
             found.remarks.push_back({"FAULT", index_ + " " + index->second.trouble});
+        }
+        if (index != wanted_.end() && index->second.trouble.empty()) {
+            found.sizes[index_] = index->second.size;
         }
         const auto digests = zqu::verifier::parse_def_index(index != wanted_.end() ? index->second.text : "");
         for (const auto& name : names_) {
@@ -174,24 +180,38 @@ private:
         Wanted wanted;
         wanted.mode = archive_entry_perm(entry);
         Sha256 digest;
-        const std::uintmax_t size = stream(reader, name, [&](const char* data, std::size_t length) {
+        wanted.size = stream(reader, name, [&, at = std::uintmax_t{0}](const char* data, std::size_t length) mutable {
             digest.add(data, length);
+            write(name, at, data, length);
+            at += length;
             if (name == index_ && wanted.text.size() <= largest_ini) {
                 wanted.text.append(data, length);
             }
         });
-        count(size);
+        count(wanted.size);
         wanted.digest = digest.finish();
-        if (name == index_ && size > largest_ini) {
+        if (name == index_ && wanted.size > largest_ini) {
             wanted.trouble = "is longer than " + std::to_string(largest_ini) + " bytes";
         } else if (!regular) {
             wanted.trouble = "is no regular file";
         } else if ((wanted.mode & S_IRUSR) == 0) {
             wanted.trouble = "has the mode " + in_octal(wanted.mode) + ": clients cannot read it";
-        } else if (sized && size != stated) {
+        } else if (sized && wanted.size != stated) {
             wanted.trouble = "has another size than the archive says";  // clients cut it, or fill it up with zeros
         }
         return wanted;
+    }
+
+    // Of several entries with the name, the last one stays. A longer one before it must not reach what follows.
+    void write(const std::string& name, std::uintmax_t at, const char* data, std::size_t length) const {
+        if (to_ == nullptr || to_->places.count(name) == 0 || at >= to_->places.at(name).second) {
+            return;
+        }
+        const auto [offset, most] = to_->places.at(name);
+        if (lseek(to_->file, static_cast<off_t>(offset + at), SEEK_SET) < 0) {
+            fail_errno("cannot write " + name);
+        }
+        write_all(to_->file, {data, std::min<std::uintmax_t>(length, most - at)}, name);
     }
 
     void judge_definition(const std::string& name, const std::map<std::string, std::string>& digests,
@@ -217,10 +237,12 @@ private:
             remark("warning", "has the mode " + in_octal(file.mode) + ": other users of a gateway cannot read it");
         }
         found.digests[name] = file.digest;
+        found.sizes[name] = file.size;
     }
 
     const std::string index_;
     const std::vector<std::string> names_;  // of the two definition files
+    const Destination* const to_;
     std::map<std::string, Wanted> wanted_;
     std::set<std::string> others_;
     std::size_t more_ = 0;
@@ -241,9 +263,9 @@ std::string aivsecon_name(const std::string& flavor) {
     return "aivsecon-" + flavor + ".def";
 }
 
-Inspection judge(int fd, const std::string& name, const std::string& flavor) {
+Inspection judge(int fd, const std::string& name, const std::string& flavor, const Destination* to) {
     Inspection found;
-    Contents contents(flavor);
+    Contents contents(flavor, to);
     try {
         contents.read(fd, name);
         found.remarks.push_back({"ok", name + " can be unpacked"});

@@ -8,6 +8,7 @@
 #include "client.hpp"
 #include "files.hpp"
 #include "options.hpp"
+#include "plain.hpp"
 #include "rollout.hpp"
 #include "verifier.hpp"
 #include "workplace.hpp"
@@ -106,9 +107,14 @@ public:
             }
         }
         for (const auto& name : names_) {
-            if (!format_of(name).empty() && named.count(name) == 0) {
-                const bool ours =
-                    is_ours(name) && fs::is_regular_file(fs::symlink_status(directory_of(options_) / name));
+            const std::string owner = owner_of(name);
+            const auto release = std::find_if(found.releases.begin(), found.releases.end(),
+                                              [&](const Release& each) { return each.info == owner; });
+            if (release != found.releases.end()) {
+                release->companions.push_back(name);
+            } else if ((!owner.empty() || !format_of(name).empty()) && named.count(name) == 0) {
+                const bool ours = (is_ours(name) || may_be_info(owner)) &&
+                                  fs::is_regular_file(fs::symlink_status(directory_of(options_) / name));
                 (ours ? found.orphans : found.strangers).push_back(name);
             }
         }

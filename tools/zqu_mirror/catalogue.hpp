@@ -24,13 +24,14 @@ struct Times {
 
 // A complete-info INI and what it names.
 struct Release {
-    std::string info;           // file name of the INI
-    std::string flavor;         // the longest known flavor that the name may begin with; else ""
-    std::string id;             // what follows the flavor in the name; empty without one
-    std::string archive;        // its file name, there or not; empty when the INI cannot be understood
-    long size = 0;              // of the archive, as the INI says; 0 when it says nothing
-    bool current = false;       // a hit INI names it, of any flavor
-    bool candidate = false;     // stage files name it (rollout.hpp), of any flavor
+    std::string info;                       // file name of the INI
+    std::string flavor;                     // the longest known flavor that the name may begin with; else ""
+    std::string id;                         // what follows the flavor in the name; empty without one
+    std::string archive;                    // its file name, there or not; empty when the INI cannot be understood
+    long size = 0;                          // of the archive, as the INI says; 0 when it says nothing
+    std::vector<std::string> companions{};  // file names of its deltas, and of the upstream mirror's INI
+    bool current = false;                   // a hit INI names it, of any flavor
+    bool candidate = false;                 // stage files name it (rollout.hpp), of any flavor
     Times times;                // of the INI: when the release was published or last ceased to be current or candidate
     std::int64_t grace_ns = 0;  // when the grace ends, set by newest_first()
 };
@@ -45,7 +46,7 @@ struct Current {
 struct Catalogue {
     Current current;
     std::vector<Release> releases;       // of all flavors, sorted by the name of the INI
-    std::vector<std::string> orphans;    // archives that no INI names, with names that publish gives
+    std::vector<std::string> orphans;    // archives that no INI names, with names that publish gives; and companions
     std::vector<std::string> strangers;  // other archives, by their suffix, that no INI names
     std::vector<std::string> leftovers;  // stage files that name what is current
     std::vector<std::string> problems;   // the file and the reason, for each INI that is missing, cannot be understood,

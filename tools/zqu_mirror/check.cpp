@@ -7,6 +7,7 @@
 #include "client.hpp"
 #include "commands.hpp"
 #include "monitoring.hpp"
+#include "plain.hpp"
 #include "rollout.hpp"
 #include "signature.hpp"
 #include "text.hpp"
@@ -270,12 +271,30 @@ private:
         for (const auto& [word, text] : inspection.remarks) {
             report(word == "FAULT" ? Verdict::critical : word == "warning" ? Verdict::warning : Verdict::ok, text);
         }
+        for (const auto& delta : plain_info(info_text).deltas) {
+            judge_delta(delta);
+        }
     }
 
-    void download(const std::string& name, const tools::Fd& file) {
+    // Only mirror --plain takes deltas, and does without them.
+    void judge_delta(const Delta& delta) {
+        const std::string name = delta_name(options_.flavor, found_.id, delta);
+        const tools::Fd file = tools::temporary_file();
+        const fs::path path = tools::memory_path(file);
+        try {
+            download(name, file, delta.size);
+            require(fs::file_size(path) == delta.size && has_digest(path, delta.sha256, run_),
+                    name + " does not have the size and the digest that the INI gives");
+            report(Verdict::ok, name + ", the delta from " + delta.from + ", has its digest");
+        } catch (const tools::MirrorError& e) {
+            report(Verdict::warning, e.what());
+        }
+    }
+
+    void download(const std::string& name, const tools::Fd& file, std::uintmax_t most = tools::largest_file) {
         run_.phase("downloading " + name, fs::path(tools::memory_path(file)));
         try {
-            client_.download(name, file.get());
+            client_.download(name, file.get(), most);
         } catch (const std::system_error& e) {
             fail(e.what() + std::string("; name a directory with more room by TMPDIR"));
         }

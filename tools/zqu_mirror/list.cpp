@@ -6,6 +6,7 @@
 
 #include "catalogue.hpp"
 #include "commands.hpp"
+#include "plain.hpp"
 #include "rollout.hpp"
 #include "text.hpp"
 #include "workplace.hpp"
@@ -15,7 +16,7 @@ namespace zqu::mirror_tool {
 namespace {
 
 using json = nlohmann::ordered_json;
-using Row = std::array<std::string, 5>;
+using Row = std::array<std::string, 6>;
 
 // What is wrong with the archive that the release's INI names.
 std::string fault_of(const Release& release, const json& entry) {
@@ -33,11 +34,16 @@ json entry_of(const Release& release, bool held, const Options& options, std::in
     const auto dot = release.archive.rfind('.');
     const std::string format = format_of(release.archive);
     const json other = dot == std::string::npos ? json() : json(release.archive.substr(dot + 1));
+    json deltas = json::array();
+    for (const auto& delta : plain_info(text_of(directory_of(options) / release.info)).deltas) {
+        deltas.push_back({{"from", delta.from}, {"size", delta.size}});
+    }
     const bool in_grace = !release.current && !release.candidate && release.grace_ns >= now;
     return {{"id", release.id},
             {"archive", release.archive.empty() ? json() : json(release.archive)},
             {"format", format.empty() ? other : json(format)},
             {"size", there ? json(archive.st_size) : json()},
+            {"deltas", deltas},
             {"published_epoch", there ? json(archive.st_mtim.tv_sec) : json()},
             {"current", release.current},
             {"candidate", release.candidate},
@@ -101,14 +107,17 @@ std::string state_of(const json& entry, const json& rollout) {
 }
 
 Row row_of(const json& entry, const json& rollout) {
-    return {entry["id"], entry["size"].is_null() ? "-" : tools::utc_text(entry["published_epoch"]),
+    return {entry["id"],
+            entry["size"].is_null() ? "-" : tools::utc_text(entry["published_epoch"]),
             entry["size"].is_null() ? "-" : entry["size"].dump(),
-            entry["format"].is_null() ? "-" : entry["format"].get<std::string>(), state_of(entry, rollout)};
+            entry["format"].is_null() ? "-" : entry["format"].get<std::string>(),
+            std::to_string(entry["deltas"].size()),
+            state_of(entry, rollout)};
 }
 
 std::string table_of(const json& document) {
     constexpr std::size_t size_column = 2;
-    std::vector<Row> rows{{"ID", "PUBLISHED", "SIZE", "FORMAT", "STATE"}};
+    std::vector<Row> rows{{"ID", "PUBLISHED", "SIZE", "FORMAT", "DELTAS", "STATE"}};
     for (const auto& entry : document["releases"]) {
         rows.push_back(row_of(entry, document["rollout"]));
     }

@@ -93,6 +93,8 @@ void add_publish(CLI::App& command, Options& options) {
     command.add_option("--format", options.format, "Format of the archive")
         ->capture_default_str()
         ->check(CLI::IsMember(suffixes));
+    command.add_option("--deltas", options.deltas, "Also make deltas from so many releases, for mirror --plain")
+        ->check(CLI::Range(0, 100));
     add_percent(command, options);
     command.add_flag("--allow-empty", options.allow_empty, "Publish empty definition files, too");
     add_mirror_directory(command, options, "; created when missing");
@@ -141,6 +143,7 @@ void add_mirror(CLI::App& command, Options& options) {
     command.get_option("UPSTREAM")->required();
     add_trust(command, options);
     add_age(command, "--max-age", options.max_age_s, "Refuse a release that was signed longer ago", 1);
+    command.add_flag("--plain", options.plain, "Keep plain archives, and download deltas between them");
     command.add_flag("--verify", options.verify, "Check the digest of what is current here, not its size alone");
     command.add_flag("--force", options.force, "Take a release that is held");
     add_percent(command, options);

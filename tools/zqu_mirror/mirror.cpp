@@ -1,6 +1,8 @@
-#include "commands.hpp"
+#include <cstring>
 
 #include "catalogue.hpp"
+#include "commands.hpp"
+#include "plain.hpp"
 #include "rollout.hpp"
 #include "signature.hpp"
 #include "upstream.hpp"
@@ -27,6 +29,13 @@ void report_nothing_new(const Options& options, const std::string& what, Run& ru
     report(options, what + *current + " is current", run);
 }
 
+// Whether an INI names an archive of the same content as the upstream mirror's.
+bool has_same_digest(const Options& options, const std::string& info, const Offer& offer) {
+    const zqu::Config cfg = client_config(options);
+    const std::string digest = tools::Client(cfg).read_info(info, offer.id).sha256;
+    return strcasecmp(digest.c_str(), offer.info.sha256.c_str()) == 0;
+}
+
 // Requires that the id, if it is known here, stands for the same archive.
 bool require_same_content(const Options& options, const Offer& offer, Run& run) {
     const fs::path place = directory_of(options);
@@ -37,8 +46,12 @@ bool require_same_content(const Options& options, const Offer& offer, Run& run) 
     if (!known.fault.empty()) {
         fail(offer.id + " is on the mirror, but damaged: " + known.fault + advice);
     }
-    if (known.info.cab_name != offer.info.cab_name ||
-        !has_digest(place / offer.info.cab_name, offer.info.sha256, run)) {
+    const std::string text = upstream_text(options, offer.id);
+    const bool kept = text != text_of(place / info_name(options.flavor, offer.id));
+    const bool same = kept ? has_same_digest(options, text, offer)
+                           : known.info.cab_name == offer.info.cab_name &&
+                                 has_digest(place / offer.info.cab_name, offer.info.sha256, run);
+    if (!same) {
         fail(offer.id + " is on the mirror with other content: an id never gets other content");
     }
     return true;
@@ -60,10 +73,39 @@ bool have_archive(const Options& options, const zqu::CompleteInfo& info, Run& ru
     return false;
 }
 
+// Gets the deltas, for those who copy from here. Gateways do without them.
+void add_deltas(const Options& options, const Offer& offer, Upstream& upstream, Workplace& place) {
+    for (const auto& delta : plain_info(offer.text).deltas) {
+        try {
+            upstream.download(offer, delta, place.work("delta"));
+            place.add("delta", delta_name(options.flavor, offer.id, delta));
+            flush(place.directory());
+        } catch (const tools::MirrorError& e) {
+            upstream.add_warning("the delta from " + delta.from + " is not copied: " + e.what());
+            fs::remove(place.work("delta"));
+        }
+    }
+}
+
+// Puts the release into place as a plain archive with an INI of its own, beside that of the upstream mirror.
+void add_plain(const Options& options, const Offer& offer, Upstream& upstream, Workplace& place, Run& run) {
+    const std::string info = info_name(options.flavor, offer.id);
+    const std::string archive = plain_name(options.flavor, offer.id);
+    const std::string other = info_that_names(options, archive);
+    refuse(archive + " is on the mirror, and named by", other);
+    const fs::path plain = upstream.make_plain(offer, place);
+    const std::string digest = sha256_in(run, plain);
+    write_text(place.work("plain.ini"), info_text(offer.id, archive, digest, fs::file_size(plain)));
+    place.add(plain.filename(), archive);
+    place.add(info, upstream_info_name(info));
+    flush(place.directory());
+    place.add("plain.ini", info);
+    flush(place.directory());
+}
+
 // Gets the archive, from the upstream mirror unless it is here already, and puts the release into place, one file after
 // the other, each on disk before the next: nothing ever names what is not there.
-void add_release(const Options& options, const Offer& offer, bool known, Upstream& upstream, Workplace& place,
-                 Run& run) {
+void add_release(const Options& options, const Offer& offer, Upstream& upstream, Workplace& place, Run& run) {
     const std::string& archive = offer.info.cab_name;
     const bool have = have_archive(options, offer.info, run);
     if (have) {
@@ -73,11 +115,10 @@ void add_release(const Options& options, const Offer& offer, bool known, Upstrea
         place.add("archive", archive);
         flush(place.directory());
     }
-    if (!known) {
-        const std::string info = info_name(options.flavor, offer.id);
-        place.add(info, info);
-        flush(place.directory());
-    }
+    add_deltas(options, offer, upstream, place);
+    const std::string info = info_name(options.flavor, offer.id);
+    place.add(info, info);
+    flush(place.directory());
 }
 
 // Copies what the upstream mirror names, unless that is not to be taken or here already.
@@ -95,7 +136,7 @@ void follow(const Options& options, Upstream& upstream, Run& run) {
         return;
     }
     const fs::path info = directory_of(options) / info_name(options.flavor, id);
-    if (current_id(options) == id && text_of(info) == offer.text) {
+    if (current_id(options) == id && upstream_text(options, id) == offer.text) {
         report_nothing_new(options, rollout.percent > 0 ? waits : "nothing new: ", run);
         return;
     }
@@ -110,7 +151,11 @@ void follow(const Options& options, Upstream& upstream, Run& run) {
         report_nothing_new(options, "nothing new: ", run);
         return;
     }
-    add_release(options, offer, known, upstream, place, run);
+    if (!known) {
+        (options.plain ? add_plain : add_release)(options, offer, upstream, place, run);
+    }
+    const Examined release = examine(options, id, known ? Depth::entries : Depth::size, run);
+    refuse(id + " is refused:", release.fault);
     const int percent = is_current ? 0 : options.percent;
     if (is_current) {
         place.make_current(options, id);
@@ -119,7 +164,7 @@ void follow(const Options& options, Upstream& upstream, Run& run) {
     }
     const std::string done = known ? "made " + role_of(percent) + " again " + id
                                    : "mirrored " + id + (percent == 0 ? "" : " as " + role_of(percent));
-    report(options, summary(place.directory(), done, offer.info), run);
+    report(options, summary(place.directory(), done, release.info), run);
 }
 
 }  // namespace

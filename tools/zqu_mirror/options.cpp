@@ -93,8 +93,10 @@ std::string unusable_archive(const std::string& name) {
     if (reason.empty() && name.front() == '.') {
         reason = "must not begin with a dot";
     }
-    if (reason.empty() && ends_with(name, ".ini")) {
-        reason = "must not end in .ini";
+    for (const std::string end : {".ini", ".delta", ".upstream"}) {
+        if (reason.empty() && ends_with(name, end)) {
+            reason = "must not end in " + end;
+        }
     }
     if (reason.empty() && name.find(hit_end) != std::string::npos) {  // a web server may serve it for a hit INI
         reason = "must not hold -hit.ini";

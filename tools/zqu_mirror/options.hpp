@@ -30,6 +30,7 @@ struct Options {
     std::string sign;            // path of the private key that signs; empty for none
     std::string format = "cab";  // of the archive to pack: a key of suffixes
     bool allow_empty = false;
+    std::size_t deltas = 0;  // from so many releases, to the new one
 
     std::string upstream;         // URL of the mirror to copy from; empty for none
     std::string upstream_subdir;  // directory there; empty for the same as subdir
@@ -37,6 +38,7 @@ struct Options {
 
     bool allow_http = false;         // redirects from https to http are followed
     bool force = false;              // take a held release
+    bool plain = false;              // keep plain archives (plain.hpp)
     std::vector<std::string> trust;  // paths of the public keys of which one must have signed
     bool verify = false;             // check digests before saying that there is nothing new
     bool yes = false;                // choose without an upstream mirror

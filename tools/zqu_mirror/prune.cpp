@@ -66,6 +66,8 @@ public:
                 flush_directory();  // no power cut may leave the INI without its archive
                 remove_file(release.archive);
             }
+            std::for_each(release.companions.begin(), release.companions.end(),
+                          [this](const auto& name) { remove_file(name); });
         });
         ++releases_;
     }

@@ -6,6 +6,7 @@
 #include "client.hpp"
 #include "commands.hpp"
 #include "pack.hpp"
+#include "plain.hpp"
 #include "rollout.hpp"
 #include "signature.hpp"
 #include "workplace.hpp"
@@ -78,7 +79,50 @@ void require_free_name(const Options& options) {
     }
 }
 
-// Puts the archive and the INI that describes it into place; nothing names them yet.
+// Makes a delta from a release of the mirror, unless that would save less than half of the new archive; and puts it
+// into place. It has been applied then.
+void add_delta(const Options& options, const std::string& from, std::uintmax_t archive_size, PlainInfo& plain,
+               Workplace& place, Run& run) {
+    const Examined old = examine(options, from, Depth::digest, run);
+    if (!old.fault.empty()) {
+        complain("warning: there is no delta from " + from + ": " + old.fault);
+        return;
+    }
+    const std::string& name = old.info.cab_name;
+    convert_to_plain(place.directory() / name, name, options.flavor, place.work("old"), run);
+    run.phase("making the delta from " + from, place.work("again"));
+    if (make_delta(place.work("old"), place.work("plain"), place.work("delta"), archive_size / 2)) {
+        apply_delta(place.work("old"), place.work("delta"), place.work("again"), plain.size);
+        if (!has_digest(place.work("again"), plain.sha256, run)) {
+            fail("the delta from " + from + " does not give back the release");
+        }
+        const Delta delta{from, fs::file_size(place.work("delta")), sha256_in(run, place.work("delta"))};
+        flush(place.work("delta"));
+        place.add("delta", delta_name(options.flavor, options.id, delta));
+        plain.deltas.push_back(delta);
+    }
+    for (const auto* const left : {"old", "delta", "again"}) {
+        fs::remove(place.work(left));
+    }
+}
+
+// What the INI says of the plain archive and of the deltas to it.
+std::string add_deltas(const Options& options, const std::vector<Source>& sources, std::uintmax_t archive_size,
+                       Workplace& place, Run& run) {
+    const fs::path path = place.work("plain");
+    run.phase("making the plain archive", path);
+    write_plain(path, index_text(sources), tools::index_name(options.flavor), sources);
+    PlainInfo plain{sha256_in(run, path), fs::file_size(path)};
+    std::vector<Release> releases = newest_first(read_catalogue(options), options, now_ns());
+    releases.resize(std::min(releases.size(), options.deltas));
+    for (const auto& release : releases) {
+        add_delta(options, release.id, archive_size, plain, place, run);
+    }
+    fs::remove(path);
+    return lines_of(plain);
+}
+
+// Puts the archive, the deltas and the INI that describes them into place; nothing names them yet.
 void add_release(const Options& options, const std::vector<Source>& sources, const std::string& key, Workplace& place,
                  Run& run) {
     const fs::path archive = place.work("archive");
@@ -94,12 +138,14 @@ void add_release(const Options& options, const std::vector<Source>& sources, con
     tools::in_child([] {}, pack).require("packs the archive");
     flush(archive);
     run.phase("reading the archive");
-    const std::string text = "def.Current.defId = " + options.id + "\ndef.Current.name = " + name +
-                             "\ndef.Current.SHA256 = " + sha256_in(run, archive) +
-                             "\ndef.Current.size = " + std::to_string(fs::file_size(archive)) + "\n";
-    const std::string more = "def.Current.flavor = " + options.flavor +
-                             "\ndef.Current.published = " + std::to_string(std::time(nullptr)) + "\n";
-    write_text(place.work("info"), key.empty() ? text : with_signature(text + more, key));
+    const std::uintmax_t size = fs::file_size(archive);
+    std::string text = info_text(options.id, name, sha256_in(run, archive), size);
+    if (!key.empty()) {
+        text += "def.Current.flavor = " + options.flavor +
+                "\ndef.Current.published = " + std::to_string(std::time(nullptr)) + "\n";
+    }
+    text += add_deltas(options, sources, size, place, run);
+    write_text(place.work("info"), key.empty() ? text : with_signature(text, key));
     place.add("archive", name);
     place.add("info", info_name(options.flavor, options.id));
     flush(place.directory());

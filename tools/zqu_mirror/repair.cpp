@@ -183,9 +183,7 @@ private:
         }
     }
 
-    [[nodiscard]] bool has_text(const Offer& offer) const {
-        return offer.text == text_of(place_.directory() / info_name(options_.flavor, offer.id));
-    }
+    [[nodiscard]] bool has_text(const Offer& offer) const { return offer.text == upstream_text(options_, offer.id); }
 
     bool has_content(const Offer& offer) {
         const std::string& archive = offer.info.cab_name;

@@ -11,6 +11,7 @@
 #include <regex>
 #include <sstream>
 
+#include "plain.hpp"
 #include "text.hpp"
 #include "workplace.hpp"
 
@@ -223,7 +224,9 @@ std::string distrust(const Options& options, const std::string& keys, const std:
     const auto found = read_signed(text);
     const std::string fault = keys.empty() ? ""
                               : found      ? fault_of(*found, options, keys, id)
-                                           : "has no signature of zqu-mirror publish --sign";
+                              : text.find(plain_end + "\n") != std::string::npos
+                                  ? "is of a plain mirror, which has no signatures: name the mirror that it copies"
+                                  : "has no signature of zqu-mirror publish --sign";
     return fault.empty() ? "" : info_name(options.flavor, id) + " is refused: it " + fault;
 }
 

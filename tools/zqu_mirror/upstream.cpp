@@ -48,6 +48,59 @@ void Upstream::download(const Offer& offer, const std::filesystem::path& archive
     require_sound(offer, archive);
 }
 
+void Upstream::download(const Offer& offer, const Delta& delta, const std::filesystem::path& path) {
+    const std::string name = delta_name(options_.flavor, offer.id, delta);
+    run_.phase("downloading " + name, path);
+    client_.download(name, Fd(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW).get(), delta.size);
+    if (std::filesystem::file_size(path) != delta.size || !has_digest(path, delta.sha256, run_)) {
+        throw tools::MirrorError("the upstream mirror's " + name +
+                                 " does not have the size and the digest that its INI gives");
+    }
+    flush(path);
+}
+
+// Throws std::exception when no delta gives the plain archive.
+void Upstream::apply_best_delta(const Offer& offer, const PlainInfo& plain, const Workplace& place) {
+    for (const auto& delta : plain.deltas) {
+        const auto from = place.directory() / plain_name(options_.flavor, delta.from);
+        if (!std::filesystem::is_regular_file(std::filesystem::symlink_status(from))) {
+            continue;
+        }
+        if (offer.info.size > 0 && delta.size >= static_cast<std::uintmax_t>(offer.info.size)) {
+            fail("the delta from " + delta.from + " is no smaller than the archive");
+        }
+        download(offer, delta, place.work("delta"));
+        run_.phase("applying the delta from " + delta.from);
+        apply_delta(from, place.work("delta"), place.work("plain"), plain.size);
+        if (!has_digest(place.work("plain"), plain.sha256, run_)) {
+            fail("the delta from " + delta.from + " does not give the digest " + plain.sha256);
+        }
+        return;
+    }
+    fail("the upstream mirror has no delta from a plain archive that is here");
+}
+
+std::filesystem::path Upstream::make_plain(const Offer& offer, const Workplace& place) {
+    const PlainInfo plain = plain_info(offer.text);
+    auto path = place.work("plain");
+    try {
+        apply_best_delta(offer, plain, place);
+    } catch (const std::exception& e) {
+        add_warning(offer.id + " was not made by a delta: " + e.what());
+        for (const auto& left : {path, place.work("delta")}) {
+            std::filesystem::remove(left);
+        }
+        download(offer, place.work("whole"));
+        convert_to_plain(place.work("whole"), offer.info.cab_name, options_.flavor, path, run_);
+        std::filesystem::remove(place.work("whole"));
+        if (!plain.sha256.empty() && !has_digest(path, plain.sha256, run_)) {
+            add_warning("the plain archive of " + offer.id + " does not have the digest " + plain.sha256);
+        }
+    }
+    flush(path);
+    return path;
+}
+
 void Upstream::require_sound(const Offer& offer, const std::filesystem::path& archive) const {
     refuse("the upstream mirror's archive is refused:",
            tools::first_fault(inspect_in(run_, "checking the archive", archive, offer.info.cab_name, options_.flavor)));
@@ -56,6 +109,9 @@ void Upstream::require_sound(const Offer& offer, const std::filesystem::path& ar
 void Upstream::warn() const {
     run_.phase("");
     for (const auto& warning : client_.warnings()) {
+        complain("warning: " + warning);
+    }
+    for (const auto& warning : warnings_) {
         complain("warning: " + warning);
     }
 }

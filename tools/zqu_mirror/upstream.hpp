@@ -10,7 +10,9 @@
 
 #include "client.hpp"
 #include "options.hpp"
+#include "plain.hpp"
 #include "run.hpp"
+#include "workplace.hpp"
 
 namespace zqu::mirror_tool {
 
@@ -18,7 +20,7 @@ namespace zqu::mirror_tool {
 struct Offer {
     std::string id;
     std::string text;        // its complete-info INI, to the byte
-    zqu::CompleteInfo info;  // what that says; its names are plain
+    zqu::CompleteInfo info;  // what that says; its names are usable
 };
 
 class Upstream {
@@ -27,7 +29,7 @@ public:
     // (signature.hpp), if there are any.
     Upstream(const Options& options, std::string keys, Run& run);
 
-    // The id of the current release there, a plain one.
+    // The id of the current release there, a usable one.
     [[nodiscard]] std::string current();
 
     // What the upstream mirror says of the release id. Throws tools::MissingFile when it does not have it, and
@@ -37,18 +39,30 @@ public:
     // Downloads the archive to a path in the work directory and requires that clients would take it; flushes it.
     void download(const Offer& offer, const std::filesystem::path& archive);
 
+    // Downloads a delta of the release to a path in the work directory, and flushes it. Throws MirrorError also when it
+    // does not have the size and the digest that the INI gives.
+    void download(const Offer& offer, const Delta& delta, const std::filesystem::path& path);
+
+    // Makes the plain archive of the release in the work directory: by a delta from a plain archive of the mirror, else
+    // from the whole archive, with a warning that says why. Returns its path, flushed.
+    [[nodiscard]] std::filesystem::path make_plain(const Offer& offer, const Workplace& place);
+
     // Requires that the entries of the archive are such that clients would take it.
     void require_sound(const Offer& offer, const std::filesystem::path& archive) const;
 
-    // Says on standard error what an administrator should know of the transfers so far.
+    // Says on standard error what an administrator should know of the transfers so far, and what was added.
     void warn() const;
+    void add_warning(const std::string& warning) { warnings_.push_back(warning); }
 
 private:
+    void apply_best_delta(const Offer& offer, const PlainInfo& plain, const Workplace& place);
+
     const Options& options_;
     const std::string keys_;
     Run& run_;
     const zqu::Config cfg_;
     tools::Client client_;
+    std::vector<std::string> warnings_{};
 };
 
 }  // namespace zqu::mirror_tool

@@ -11,6 +11,7 @@
 #include "catalogue.hpp"
 #include "client.hpp"
 #include "digest.hpp"
+#include "plain.hpp"
 #include "rollout.hpp"
 
 namespace zqu::mirror_tool {
@@ -103,6 +104,12 @@ std::string hit_text(const std::string& id) {
     return "[Current]\ndefId = " + id + "\n";
 }
 
+std::string info_text(const std::string& id, const std::string& archive, const std::string& sha256,
+                      std::uintmax_t size) {
+    return "def.Current.defId = " + id + "\ndef.Current.name = " + archive + "\ndef.Current.SHA256 = " + sha256 +
+           "\ndef.Current.size = " + std::to_string(size) + "\n";
+}
+
 fs::path existing_directory(const Options& options) {
     fs::path found = directory_of(options);
     if (!fs::is_directory(found)) {
@@ -144,6 +151,12 @@ std::string text_of(const fs::path& path) {
     }
     const std::string text = tools::read_all(tools::open_regular(path).get(), tools::largest_ini, path);
     return text.size() > tools::largest_ini ? "" : text;
+}
+
+std::string upstream_text(const Options& options, const std::string& id) {
+    const fs::path info = directory_of(options) / info_name(options.flavor, id);
+    const std::string text = text_of(upstream_info_name(info));
+    return text.empty() ? text_of(info) : text;
 }
 
 std::string summary(const fs::path& directory, const std::string& what, const zqu::CompleteInfo& info) {

@@ -35,6 +35,10 @@ inline constexpr const char* work_directory_name = ".zqu-mirror.work";
 // The content of a hit INI, or of a stage file (rollout.hpp), that names this release.
 [[nodiscard]] std::string hit_text(const std::string& id);
 
+// The lines of a complete-info INI that the daemon looks for.
+[[nodiscard]] std::string info_text(const std::string& id, const std::string& archive, const std::string& sha256,
+                                    std::uintmax_t size);
+
 // The directory of options' mirror. Throws std::runtime_error when there is none.
 [[nodiscard]] std::filesystem::path existing_directory(const Options& options);
 
@@ -62,6 +66,9 @@ struct Examined {
 
 // The content of the file at path; empty when there is none, or it is not a regular one or longer than an INI may be.
 [[nodiscard]] std::string text_of(const std::filesystem::path& path);
+
+// The complete-info INI of the release id as an upstream mirror gave it; else the mirror's own.
+[[nodiscard]] std::string upstream_text(const Options& options, const std::string& id);
 
 // "<what>: <archive>, <n> bytes, SHA-256 <digest>", for a release whose archive is in the directory.
 [[nodiscard]] std::string summary(const std::filesystem::path& directory, const std::string& what,
