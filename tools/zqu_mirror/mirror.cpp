@@ -1,5 +1,3 @@
-#include <cstring>
-
 #include "catalogue.hpp"
 #include "commands.hpp"
 #include "plain.hpp"
@@ -29,29 +27,16 @@ void report_nothing_new(const Options& options, const std::string& what, Run& ru
     report(options, what + *current + " is current", run);
 }
 
-// Whether an INI names an archive of the same content as the upstream mirror's.
-bool has_same_digest(const Options& options, const std::string& info, const Offer& offer) {
-    const zqu::Config cfg = client_config(options);
-    const std::string digest = tools::Client(cfg).read_info(info, offer.id).sha256;
-    return strcasecmp(digest.c_str(), offer.info.sha256.c_str()) == 0;
-}
-
 // Requires that the id, if it is known here, stands for the same archive.
 bool require_same_content(const Options& options, const Offer& offer, Run& run) {
-    const fs::path place = directory_of(options);
-    if (!fs::exists(fs::symlink_status(place / info_name(options.flavor, offer.id)))) {
+    if (!fs::exists(fs::symlink_status(directory_of(options) / info_name(options.flavor, offer.id)))) {
         return false;
     }
     const Examined known = examine(options, offer.id, Depth::digest, run);
     if (!known.fault.empty()) {
         fail(offer.id + " is on the mirror, but damaged: " + known.fault + advice);
     }
-    const std::string text = upstream_text(options, offer.id);
-    const bool kept = text != text_of(place / info_name(options.flavor, offer.id));
-    const bool same = kept ? has_same_digest(options, text, offer)
-                           : known.info.cab_name == offer.info.cab_name &&
-                                 has_digest(place / offer.info.cab_name, offer.info.sha256, run);
-    if (!same) {
+    if (!is_same(options, offer, known.info)) {
         fail(offer.id + " is on the mirror with other content: an id never gets other content");
     }
     return true;
@@ -73,10 +58,16 @@ bool have_archive(const Options& options, const zqu::CompleteInfo& info, Run& ru
     return false;
 }
 
-// Gets the deltas, for those who copy from here. Gateways do without them.
+// Gets the deltas, for those who copy from here. Gateways do without them. All together are no larger than the archive,
+// as publish makes them.
 void add_deltas(const Options& options, const Offer& offer, Upstream& upstream, Workplace& place) {
+    std::uintmax_t left = fs::file_size(place.directory() / offer.info.cab_name);
     for (const auto& delta : plain_info(offer.text).deltas) {
         try {
+            if (delta.size > left) {
+                throw tools::MirrorError("it is too large");
+            }
+            left -= delta.size;
             upstream.download(offer, delta, place.work("delta"));
             place.add("delta", delta_name(options.flavor, offer.id, delta));
             flush(place.directory());
@@ -91,12 +82,12 @@ void add_deltas(const Options& options, const Offer& offer, Upstream& upstream, 
 void add_plain(const Options& options, const Offer& offer, Upstream& upstream, Workplace& place, Run& run) {
     const std::string info = info_name(options.flavor, offer.id);
     const std::string archive = plain_name(options.flavor, offer.id);
-    const std::string other = info_that_names(options, archive);
-    refuse(archive + " is on the mirror, and named by", other);
-    const fs::path plain = upstream.make_plain(offer, place);
-    const std::string digest = sha256_in(run, plain);
-    write_text(place.work("plain.ini"), info_text(offer.id, archive, digest, fs::file_size(plain)));
-    place.add(plain.filename(), archive);
+    if (fs::exists(fs::symlink_status(place.directory() / archive))) {
+        refuse(archive + " is on the mirror, and named by", info_that_names(options, archive));
+    }
+    const std::string digest = upstream.make_plain(offer, place);
+    write_text(place.work("plain.ini"), info_text(offer.id, archive, digest, fs::file_size(place.work("plain"))));
+    place.add("plain", archive);
     place.add(info, upstream_info_name(info));
     flush(place.directory());
     place.add("plain.ini", info);

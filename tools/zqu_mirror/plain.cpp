@@ -107,7 +107,7 @@ std::string directory_entry_of(const Member& member, std::uint64_t crc, std::uin
     Bytes out;
     out.add(4, 0x02014B50).add(2, unix_made | version);
     add_common(out, member, crc, 24);
-    out.add(8, 0).add(2, 0).add(2, mode).add(4, elsewhere);
+    out.add(8, 0).add(2, mode).add(4, elsewhere);
     add_sizes(out, member, 24);
     return out.add(8, offset).text;
 }
@@ -245,12 +245,12 @@ void write_plain(const fs::path& target, const std::string& index, const std::st
         const Member& member =
             members.emplace_back(Member{source.name, static_cast<std::uint64_t>(source.before.st_size)});
         const off_t end = lseek(file.get(), static_cast<off_t>(header_size(member)), SEEK_CUR);
-        std::uint64_t done = 0;
+        tools::Sha256 digest;
         tools::read_blocks(source.path, [&](const char* data, std::size_t size) {
             tools::write_all(file.get(), {data, size}, "the plain archive");
-            done += size;
+            digest.add(data, size);
         });
-        if (end < 0 || done != member.size) {
+        if (end < 0 || digest.finish() != source.digest) {
             fail(source.path.string() + " changed while it was read");
         }
     }

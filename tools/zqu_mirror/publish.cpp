@@ -79,19 +79,20 @@ void require_free_name(const Options& options) {
     }
 }
 
-// Makes a delta from a release of the mirror, unless that would save less than half of the new archive; and puts it
-// into place. It has been applied then.
-void add_delta(const Options& options, const std::string& from, std::uintmax_t archive_size, PlainInfo& plain,
-               Workplace& place, Run& run) {
+// Makes a delta from a release of the mirror, unless that has more than most bytes, and puts it into place. It has been
+// applied then. Returns its size; 0 for none.
+std::uintmax_t add_delta(const Options& options, const std::string& from, std::uintmax_t most, PlainInfo& plain,
+                         Workplace& place, Run& run) {
     const Examined old = examine(options, from, Depth::digest, run);
     if (!old.fault.empty()) {
         complain("warning: there is no delta from " + from + ": " + old.fault);
-        return;
+        return 0;
     }
     const std::string& name = old.info.cab_name;
     convert_to_plain(place.directory() / name, name, options.flavor, place.work("old"), run);
     run.phase("making the delta from " + from, place.work("again"));
-    if (make_delta(place.work("old"), place.work("plain"), place.work("delta"), archive_size / 2)) {
+    const bool kept = make_delta(place.work("old"), place.work("plain"), place.work("delta"), most);
+    if (kept) {
         apply_delta(place.work("old"), place.work("delta"), place.work("again"), plain.size);
         if (!has_digest(place.work("again"), plain.sha256, run)) {
             fail("the delta from " + from + " does not give back the release");
@@ -104,6 +105,7 @@ void add_delta(const Options& options, const std::string& from, std::uintmax_t a
     for (const auto* const left : {"old", "delta", "again"}) {
         fs::remove(place.work(left));
     }
+    return kept ? plain.deltas.back().size : 0;
 }
 
 // What the INI says of the plain archive and of the deltas to it.
@@ -115,8 +117,9 @@ std::string add_deltas(const Options& options, const std::vector<Source>& source
     PlainInfo plain{sha256_in(run, path), fs::file_size(path)};
     std::vector<Release> releases = newest_first(read_catalogue(options), options, now_ns());
     releases.resize(std::min(releases.size(), options.deltas));
-    for (const auto& release : releases) {
-        add_delta(options, release.id, archive_size, plain, place, run);
+    std::uintmax_t left = archive_size;  // for all deltas together
+    for (auto release = releases.begin(); release != releases.end() && left > 1; ++release) {
+        left -= add_delta(options, release->id, std::min(archive_size / 2, left), plain, place, run);
     }
     fs::remove(path);
     return lines_of(plain);

@@ -40,6 +40,7 @@ public:
             restore_or_set_aside(id);
         }
         compare_former();
+        restore_deltas();
         finish();
     }
 
@@ -185,11 +186,7 @@ private:
 
     [[nodiscard]] bool has_text(const Offer& offer) const { return offer.text == upstream_text(options_, offer.id); }
 
-    bool has_content(const Offer& offer) {
-        const std::string& archive = offer.info.cab_name;
-        return releases_[offer.id].info.cab_name == archive &&
-               has_digest(place_.directory() / archive, offer.info.sha256, run_);
-    }
+    bool has_content(const Offer& offer) { return is_same(options_, offer, releases_[offer.id].info); }
 
     // The INIs of former releases that are sound here, but for their INI's bytes.
     void compare_former() {
@@ -312,12 +309,37 @@ private:
             if (!have) {
                 replace("archive", offer.info.cab_name);
             }
+            set_aside(upstream_info_name(name));
             if (releases_[offer.id].info.cab_name.empty() || text_of(place_.directory() / name) != offer.text) {
                 replace("info", name);
             }
         });
         releases_[offer.id] = {"", offer.info};
         report("restored " + summary(place_.directory(), offer.id, offer.info));
+    }
+
+    // Clients do without them.
+    void restore_deltas() {
+        for (const auto& [id, release] : releases_) {
+            const std::string text = text_of(place_.directory() / info_name(options_.flavor, id));
+            for (const auto& delta : plain_info(text).deltas) {
+                const std::string name = delta_name(options_.flavor, id, delta);
+                if (has_digest(place_.directory() / name, delta.sha256, run_)) {
+                    continue;
+                }
+                found(name + ", a delta, is missing or damaged");
+                try {
+                    if (upstream_) {
+                        upstream_->download({id, text, release.info}, delta, place_.work("delta"));
+                        run_.step([&] { replace("delta", name); });
+                        report("restored " + name);
+                    }
+                } catch (const tools::MirrorError& e) {
+                    report(e.what());
+                    fs::remove(place_.work("delta"));
+                }
+            }
+        }
     }
 
     void require_not_needed(const Offer& offer) {

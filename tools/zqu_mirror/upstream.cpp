@@ -2,12 +2,28 @@
 
 #include <fcntl.h>
 
+#include <cstring>
 #include <utility>
 
 #include "signature.hpp"
 #include "workplace.hpp"
 
 namespace zqu::mirror_tool {
+
+bool is_same(const Options& options, const Offer& offer, const zqu::CompleteInfo& known) {
+    const auto equal = [](const std::string& a, const std::string& b) { return strcasecmp(a.c_str(), b.c_str()) == 0; };
+    if (known.cab_name != plain_name(options.flavor, offer.id)) {
+        return known.cab_name == offer.info.cab_name && equal(known.sha256, offer.info.sha256);
+    }
+    const zqu::Config cfg = client_config(options);
+    try {
+        return equal(known.sha256, plain_info(offer.text).sha256) ||
+               equal(tools::Client(cfg).read_info(upstream_text(options, offer.id), offer.id).sha256,
+                     offer.info.sha256);
+    } catch (const tools::MirrorError&) {
+        return false;
+    }
+}
 
 Upstream::Upstream(const Options& options, std::string keys, Run& run)
     : options_(options), keys_(std::move(keys)), run_(run), cfg_(upstream_config(options)), client_(cfg_) {
@@ -61,28 +77,31 @@ void Upstream::download(const Offer& offer, const Delta& delta, const std::files
 
 // Throws std::exception when no delta gives the plain archive.
 void Upstream::apply_best_delta(const Offer& offer, const PlainInfo& plain, const Workplace& place) {
+    const auto path = place.work("plain");
     for (const auto& delta : plain.deltas) {
         const auto from = place.directory() / plain_name(options_.flavor, delta.from);
         if (!std::filesystem::is_regular_file(std::filesystem::symlink_status(from))) {
             continue;
         }
-        if (offer.info.size > 0 && delta.size >= static_cast<std::uintmax_t>(offer.info.size)) {
-            fail("the delta from " + delta.from + " is no smaller than the archive");
+        if (delta.size >= plain.size) {
+            fail("the delta from " + delta.from + " is too large");
         }
         download(offer, delta, place.work("delta"));
         run_.phase("applying the delta from " + delta.from);
-        apply_delta(from, place.work("delta"), place.work("plain"), plain.size);
-        if (!has_digest(place.work("plain"), plain.sha256, run_)) {
+        apply_delta(from, place.work("delta"), path, plain.size);
+        if (!has_digest(path, plain.sha256, run_)) {
             fail("the delta from " + delta.from + " does not give the digest " + plain.sha256);
         }
+        require_sound(offer, path);
         return;
     }
     fail("the upstream mirror has no delta from a plain archive that is here");
 }
 
-std::filesystem::path Upstream::make_plain(const Offer& offer, const Workplace& place) {
+std::string Upstream::make_plain(const Offer& offer, const Workplace& place) {
     const PlainInfo plain = plain_info(offer.text);
-    auto path = place.work("plain");
+    const auto path = place.work("plain");
+    std::string digest = plain.sha256;
     try {
         apply_best_delta(offer, plain, place);
     } catch (const std::exception& e) {
@@ -93,12 +112,14 @@ std::filesystem::path Upstream::make_plain(const Offer& offer, const Workplace& 
         download(offer, place.work("whole"));
         convert_to_plain(place.work("whole"), offer.info.cab_name, options_.flavor, path, run_);
         std::filesystem::remove(place.work("whole"));
-        if (!plain.sha256.empty() && !has_digest(path, plain.sha256, run_)) {
+        require_sound(offer, path);
+        digest = sha256_in(run_, path);
+        if (!plain.sha256.empty() && digest != plain.sha256) {
             add_warning("the plain archive of " + offer.id + " does not have the digest " + plain.sha256);
         }
     }
     flush(path);
-    return path;
+    return digest;
 }
 
 void Upstream::require_sound(const Offer& offer, const std::filesystem::path& archive) const {

@@ -23,6 +23,9 @@ struct Offer {
     zqu::CompleteInfo info;  // what that says; its names are usable
 };
 
+// Whether a release of the mirror, found sound, has the content of an offer: the archive, or the plain archive of it.
+[[nodiscard]] bool is_same(const Options& options, const Offer& offer, const zqu::CompleteInfo& known);
+
 class Upstream {
 public:
     // Keeps references to options and run, which must outlive it. Takes only what one of the keys has signed
@@ -43,9 +46,10 @@ public:
     // does not have the size and the digest that the INI gives.
     void download(const Offer& offer, const Delta& delta, const std::filesystem::path& path);
 
-    // Makes the plain archive of the release in the work directory: by a delta from a plain archive of the mirror, else
-    // from the whole archive, with a warning that says why. Returns its path, flushed.
-    [[nodiscard]] std::filesystem::path make_plain(const Offer& offer, const Workplace& place);
+    // Makes the plain archive of the release in the work directory, as "plain": by a delta from a plain archive of the
+    // mirror, else from the whole archive, with a warning that says why. Requires that clients would take it; flushes
+    // it. Returns its SHA-256.
+    [[nodiscard]] std::string make_plain(const Offer& offer, const Workplace& place);
 
     // Requires that the entries of the archive are such that clients would take it.
     void require_sound(const Offer& offer, const std::filesystem::path& archive) const;
