@@ -79,7 +79,7 @@ void add_deltas(const Options& options, const Offer& offer, Upstream& upstream, 
 }
 
 // Puts the release into place as a plain archive with an INI of its own, beside that of the upstream mirror.
-void add_plain(const Options& options, const Offer& offer, Upstream& upstream, Workplace& place, Run& run) {
+void add_plain(const Options& options, const Offer& offer, Upstream& upstream, Workplace& place) {
     const std::string info = info_name(options.flavor, offer.id);
     const std::string archive = plain_name(options.flavor, offer.id);
     if (fs::exists(fs::symlink_status(place.directory() / archive))) {
@@ -142,8 +142,10 @@ void follow(const Options& options, Upstream& upstream, Run& run) {
         report_nothing_new(options, "nothing new: ", run);
         return;
     }
-    if (!known) {
-        (options.plain ? add_plain : add_release)(options, offer, upstream, place, run);
+    if (!known && options.plain) {
+        add_plain(options, offer, upstream, place);
+    } else if (!known) {
+        add_release(options, offer, upstream, place, run);
     }
     const Examined release = examine(options, id, known ? Depth::entries : Depth::size, run);
     refuse(id + " is refused:", release.fault);
