@@ -9,11 +9,11 @@ from release import HIT, info_name
 
 def table(*rows):
     """The rows below their head, in columns that are as wide as they have to be."""
-    rows = [("ID", "PUBLISHED", "SIZE", "FORMAT", "STATE"), *rows]
-    widths = [max(len(row[column]) for row in rows) for column in range(4)]
+    rows = [("ID", "PUBLISHED", "SIZE", "FORMAT", "DELTAS", "STATE"), *rows]
+    widths = [max(len(row[column]) for row in rows) for column in range(5)]
     lines = (
-        f"{id:{widths[0]}}  {time:{widths[1]}}  {size:>{widths[2]}}  {form:{widths[3]}}  {state}".rstrip()
-        for id, time, size, form, state in rows
+        f"{id:{widths[0]}}  {time:{widths[1]}}  {size:>{widths[2]}}  {form:{widths[3]}}  {deltas:{widths[4]}}  {state}".rstrip()
+        for id, time, size, form, deltas, state in rows
     )
     return "".join(f"{line}\n" for line in lines)
 
@@ -24,7 +24,7 @@ def archive_of(own, id, form):
 
 def row(own, id, state="former", form="cab"):
     archive = archive_of(own, id, form)
-    return id, utc(archive.stat().st_mtime), str(archive.stat().st_size), form, state
+    return id, utc(archive.stat().st_mtime), str(archive.stat().st_size), form, "0", state
 
 
 @pytest.fixture
@@ -61,6 +61,7 @@ def entry(own, id, current=False, until=None, held=False, form="cab"):
         "archive": archive.name,
         "format": form,
         "size": archive.stat().st_size,
+        "deltas": [],
         "published_epoch": int(archive.stat().st_mtime),
         "current": current,
         "candidate": False,

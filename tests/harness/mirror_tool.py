@@ -5,7 +5,9 @@ import hashlib
 import os
 import re
 import shutil
+import struct
 import time
+import zlib
 
 from gateway import BUILD, preloading
 from mirrors import Mirror
@@ -46,6 +48,30 @@ def noise(size, seed):
     """Bytes that do not compress, the same in each run."""
     blocks = (hashlib.sha256(f"{seed} {i}".encode()).digest() for i in range(size // 32 + 1))
     return b"".join(blocks)[:size]
+
+
+def plain_archive(first, second, index=""):
+    """The plain archive of these definitions, put together field by field."""
+    files, body, directory, most = {FIRST: first, SECOND: second}, b"", b"", 2**32 - 1
+    index = index or "".join(f"{name}.sha256 = {sha256(content)}\n" for name, content in files.items())
+    for name, content in {INDEX: index.encode(), **files}.items():
+        size = len(content)
+        fields = struct.pack("<5H3IH", 45, 0, 0, 0, 0x21, zlib.crc32(content), most, most, len(name))
+        directory += b"PK\1\2\x2d\3" + fields + struct.pack("<HQHI", 28, 0, 0o100444, most) + name.encode()
+        directory += struct.pack("<HH3Q", 1, 24, size, size, len(body))
+        body += b"PK\3\4" + fields + struct.pack("<H", 20) + name.encode()
+        body += struct.pack("<HHQQ", 1, 16, size, size) + content
+    end = struct.pack("<QHHQ4Q", 44, 0x32D, 45, 0, 3, 3, len(directory), len(body))
+    locator = struct.pack("<IQI", 0, len(body + directory), 1)
+    return (
+        body
+        + directory
+        + b"PK\6\6"
+        + end
+        + b"PK\6\7"
+        + locator
+        + struct.pack("<4s4H2IH", b"PK\5\6", 0, 0, 3, 3, most, most, 0)
+    )
 
 
 def change_info(mirror, id, **changes):
