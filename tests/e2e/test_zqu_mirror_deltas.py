@@ -1,0 +1,360 @@
+"""Plain archives and deltas: what publish makes of them, and how mirror --plain gets the right bytes, come what may."""
+
+import itertools
+import json
+import os
+import re
+import shutil
+import subprocess
+from concurrent.futures import ThreadPoolExecutor
+
+import pytest
+from gateway import Gateway
+from mirror_tool import FIRST, HELD, INDEX, SECOND, SUBDIR, OwnMirror, cab, plain_archive, run
+from outcomes import published, tree
+from raw_archives import Entry, deflated, zip_bytes
+from release import HIT, info_name, sha256
+from signing import SigningKey
+from tools import under_strace
+
+ZSTD = ["zstd", "-q", "-d", "-f"]
+AIVSECON = b"signature\n" * 30
+
+
+def definitions(number):
+    """200 lines, of which another one differs with each number."""
+    return "".join(f"{sha256(b'%d' % (line + 1000 * (line < number)))}\n" for line in range(200)).encode()
+
+
+def plain(number):
+    return plain_archive(definitions(number), AIVSECON)
+
+
+def plain_name(id):
+    return f"antivir-v2-c-{id}.plain.zip"
+
+
+class Site:
+    """A mirror with deltas, and a mirror of plain archives that follows it."""
+
+    def __init__(self, base):
+        self.base = base
+        self.up, self.local = OwnMirror(base), OwnMirror(base)
+        self.local.root, self.local.folder = base / "local", base / "local" / SUBDIR
+        self.up.aivsecon.write_bytes(AIVSECON)
+
+    def publish(self, number, *flags, id=None, **options):
+        self.up.antivir.write_bytes(definitions(number))
+        return self.up.publish(id or f"{number}", *flags, **options)
+
+    def words(self, *words):
+        return ["mirror", "--plain", *words, f"file://{self.up.root}", self.local.root]
+
+    def mirror(self, *words, **options):
+        return run(*self.words(*words), **options)
+
+    def info(self, id):
+        return self.up.path(info_name(id)).read_text()
+
+    def deltas(self, id):
+        """What the INI says of the deltas: where each starts, its size and digest, and its name."""
+        found = re.findall(r"^def\.Current\.delta\.\d+ = (\S+) (\d+) (\S+)$", self.info(id), re.MULTILINE)
+        return [(start, int(size), digest, f"antivir-v2-c-{id}.{digest[:12]}.delta") for start, size, digest in found]
+
+    def set_delta(self, content, size=None, digest=None, start="1"):
+        """Replaces the delta to the release "2", as its INI names it."""
+        digest = digest or sha256(content)
+        line = f"def.Current.delta.1 = {start} {len(content) if size is None else size} {digest}"
+        self.up.write(info_name("2"), re.sub(r"def\.Current\.delta.*", line, self.info("2")))
+        self.up.write(f"antivir-v2-c-2.{digest[:12]}.delta", content)
+
+    def make_delta(self, content):
+        """A frame that leads from release "1" to this, by another program."""
+        for name, data in (("from", plain(1)), ("to", content)):
+            (self.base / name).write_bytes(data)
+        command = ["zstd", "-q", "-c", f"--patch-from={self.base / 'from'}", self.base / "to"]
+        return subprocess.run(command, check=True, capture_output=True).stdout
+
+    def expect_local(self, id, content):
+        """The local mirror serves this plain archive, and the upstream's INI is beside its own."""
+        assert self.local.path(plain_name(id)).read_bytes() == content
+        assert self.local.path(HIT).read_text() == f"[Current]\ndefId = {id}\n"
+        assert self.local.path(info_name(id)).read_text() == (
+            f"def.Current.defId = {id}\ndef.Current.name = {plain_name(id)}\n"
+            f"def.Current.SHA256 = {sha256(content)}\ndef.Current.size = {len(content)}\n"
+        )
+        assert self.local.path(f"{info_name(id)}.upstream").read_text() == self.info(id)
+
+
+@pytest.fixture
+def site(tmp_path):
+    return Site(tmp_path)
+
+
+@pytest.fixture(scope="module")
+def begun_once(tmp_path_factory):
+    site = Site(tmp_path_factory.mktemp("begun"))
+    assert site.publish(1)[0] == 0
+    assert site.mirror()[0] == 0
+    assert site.publish(2, "--deltas", "1")[0] == 0
+    return site
+
+
+@pytest.fixture
+def begun(begun_once, tmp_path):
+    """With the releases "1" and "2" upstream and a delta between them, and the first one here."""
+    return copy_of(begun_once, tmp_path)
+
+
+def copy_of(site, base):
+    shutil.copytree(site.base, base, dirs_exist_ok=True)
+    return Site(base)
+
+
+# ---- The plain archive ----
+
+
+def by_hand(*entries):
+    def make(site):
+        site.up.folder.mkdir(parents=True)
+        site.up.write("x.zip", zip_bytes(entries))
+        site.up.announce("1", "x.zip")
+
+    return make
+
+
+A, B, C = Entry(INDEX, b"; none\n"), Entry(FIRST, b"a\n"), Entry(SECOND, b"")
+TINY = plain_archive(b"a\n", b"", "; none\n")
+SOURCES = {
+    "in order": by_hand(A, B, C),
+    "deflated, in another order": by_hand(C, deflated(FIRST, b"a\n"), A),
+    "among others": by_hand(Entry("x", b"x"), A, Entry(f"sub/{FIRST}", b"longer\n"), B, Entry(SECOND, b"cd"), C),
+}
+
+
+@pytest.mark.parametrize("source", SOURCES)
+def test_same_definitions_give_the_same_plain_archive(site, source):
+    SOURCES[source](site)
+    assert site.mirror()[0] == 0
+    assert site.local.path(plain_name("1")).read_bytes() == TINY
+
+
+def test_plain_archive_of_a_release_without_index_has_none(site):
+    by_hand(C, B)(site)
+    assert site.mirror()[0] == 0
+    listed = subprocess.run(["bsdtar", "-tf", site.local.path(plain_name("1"))], capture_output=True, text=True)
+    assert listed.stdout.split() == [FIRST, SECOND]
+
+
+@pytest.mark.parametrize("form", ["cab", "zip", "zstd"])
+def test_plain_archive_has_the_same_bytes_for_ever(site, form):
+    """And other programs read it."""
+    site.up.antivir.write_bytes(b"a\n")
+    site.up.aivsecon.write_bytes(b"")
+    os.utime(site.up.antivir, (10**9, 10**9))
+    assert site.up.publish("1", "--allow-empty", "--format", form)[0] == 0
+    golden = "d3ae3b62d8f23dab67dcbbd6b1903a601477d34efdf98b206b0f6f8c39ae3bcd"
+    assert f"def.Current.plain.SHA256 = {golden}\n" in site.info("1")
+    assert site.mirror()[0] == 0
+    made = site.local.path(plain_name("1"))
+    assert sha256(made.read_bytes()) == golden
+    for reader in (["unzip", "-t"], ["bsdtar", "-xOf"]):
+        assert subprocess.run([*reader, made], capture_output=True).returncode == 0
+
+
+# ---- publish --deltas ----
+
+
+@pytest.mark.parametrize("count, starts", [("0", []), ("1", ["3"]), ("3", ["3", "2", "1"]), ("9", ["3", "2", "1"])])
+def test_publish_makes_deltas_from_the_last_releases(site, count, starts):
+    """Another program applies them."""
+    for number, form in ((1, "zip"), (2, "zstd"), (3, "cab")):
+        assert site.publish(number, "--format", form)[0] == 0
+        site.up.set_age(info_name(number), 9 - number)
+    before = site.up.files()
+    assert site.publish(4, "--deltas", count)[::2] == (0, "")
+    found = site.deltas("4")
+    assert [start for start, *_ in found] == starts
+    assert {*site.up.files()} - {*before} == {cab("4"), info_name("4"), *(name for *_, name in found)}
+    for start, size, digest, name in found:
+        data = site.up.path(name).read_bytes()
+        assert (len(data), sha256(data), size < 600) == (size, digest, True)
+        (site.base / "from").write_bytes(plain(int(start)))
+        applied = [*ZSTD, "-c", f"--patch-from={site.base / 'from'}", site.up.path(name)]
+        assert subprocess.run(applied, capture_output=True).stdout == plain(4)
+    lines = site.up.check()[1].splitlines()[-len(starts) :] if starts else []
+    assert lines == [f"ok       {name}, the delta from {start}, has its digest" for start, *_, name in found]
+    (listed,) = [release for release in json.loads(site.up.list("--json")[1])["releases"] if release["id"] == "4"]
+    assert listed["deltas"] == [{"from": start, "size": size} for start, size, *_ in found]
+    assert re.search(rf"^4 .* cab +{len(starts)} +current$", site.up.list()[1], re.MULTILINE)
+
+
+def test_delta_that_saves_less_than_half_is_not_kept(site):
+    assert site.publish(1)[0] == 0
+    assert site.publish(120, "--deltas", "1")[::2] == (0, "")
+    assert (site.deltas("120"), [name for name in site.up.files() if name.endswith(".delta")]) == ([], [])
+
+
+def test_damaged_release_gives_no_delta_but_a_warning(site):
+    assert site.publish(1)[0] == 0
+    os.truncate(site.up.path(cab("1")), 20)
+    code, out, err = site.publish(2, "--deltas", "1")
+    assert (code, site.deltas("2")) == (0, [])
+    assert re.fullmatch(rf"zqu-mirror: warning: there is no delta from 1: {cab('1')} has 20 bytes .*\n", err)
+
+
+def test_signed_candidate_has_deltas_and_goes_to_all_by_one(site):
+    key = SigningKey(site.base)
+    assert site.publish(1, "--sign", key.path)[0] == 0
+    assert site.mirror("--trust", key.public)[0] == 0
+    assert site.publish(2, "--sign", key.path, "--deltas", "1", "--percent", "10")[::2] == (0, "")
+    assert f"candidate 2: {site.deltas('2')[0][-1]}, the delta from 1, has its digest\n" in site.up.check()[1]
+    assert site.mirror()[1].startswith("nothing new: 1 ")
+    assert run("rollout", site.up.root, "100")[0] == 0
+    assert site.mirror("--percent", "10")[::2] == (0, "")
+    assert site.local.path(f"{HIT}.10").read_text() == "[Current]\ndefId = 2\n"
+    assert run("rollout", site.local.root, "100")[0] == 0
+    site.expect_local("2", plain(2))
+    further = ["mirror", "--trust", key.public, f"file://{site.local.root}", site.base / "further"]
+    refused = "is of a plain mirror, which has no signatures: name the mirror that it copies"
+    line = f"zqu-mirror: the upstream mirror's {info_name('2')} is refused: it {refused}\n"
+    assert run(*further) == (1, "", line)
+
+
+# ---- mirror --plain ----
+
+
+def test_delta_is_all_that_is_fetched_and_daemon_takes_it(copy):
+    site = Site(copy.base)
+    subdir = copy.upstream.subdir
+    words = ["--ca", copy.nginx.ca_path, "--upstream-subdir", subdir, copy.nginx.url(), site.local.root]
+    asked = []
+    gateway = Gateway(site.base, mirror_base_url=f"file://{site.local.root}", mirror_subdir=SUBDIR)
+    for number in (1, 2, 3):
+        flags = ["--deltas", "2", "--subdir", subdir]
+        assert site.publish(number, *flags, root=copy.nginx.root)[::2] == (0, "")
+        code, out, err = run("mirror", "--plain", *words)
+        first = "1 was not made by a delta: the upstream mirror has no delta from a plain archive that is here"
+        assert (code, err) == (0, f"zqu-mirror: warning: {first}\n" if number == 1 else "")
+        assert site.local.path(plain_name(number)).read_bytes() == plain(number)
+        fetched = copy.nginx.requests(subdir, 3 * number)[len(asked) :]
+        asked += fetched
+        archive = cab("1") if number == 1 else re.search(r"antivir-\S*\.delta", " ".join(fetched))[0]
+        assert fetched == [f"{name} 200" for name in (HIT, info_name(number), archive)]
+        assert gateway.run_once() == published(f"{number}", *([f"{number - 1}"] if number > 1 else []))
+        assert gateway.active_files() == {FIRST: definitions(number), SECOND: AIVSECON}
+    assert copy.upstream.path(archive).stat().st_size < copy.upstream.path(cab("3")).stat().st_size / 10
+    assert run("mirror", "--plain", *words) == (0, "nothing new: 3 is current\n", "")
+
+
+NO_DELTA = "the upstream mirror has no delta from a plain archive that is here"
+DIGEST = "the upstream mirror's {name} does not have the size and the digest that its INI gives"
+OTHER = "the delta from 1 does not give the digest {digest}"
+
+
+def plain_digest(site):
+    return re.search(r"plain.SHA256 = (.*)", site.info("2"))[1]
+
+
+def replace_line(pattern, line):
+    def change(site, delta):
+        text, count = re.subn(rf"def\.Current\.{pattern} = .*\n", line, site.info("2"))
+        assert count == 1
+        site.up.write(info_name("2"), text)
+
+    return change
+
+
+def delta_line(start="1", size=9, digest="0" * 64):
+    return replace_line(r"delta\.1", f"def.Current.delta.1 = {start} {size} {digest}\n")
+
+
+def of_content(content):
+    return lambda site, delta: site.set_delta(site.make_delta(content))
+
+
+def many_lines(site, delta):
+    lines = "".join(f"def.Current.delta.{number} = {number} 9 {0:064}\n" for number in range(3, 9_000))
+    replace_line(r"delta\.1", lines)(site, delta)
+
+
+def replace_local(site, delta):
+    site.local.path(plain_name("1")).rename(site.base / "moved")
+    site.local.path(plain_name("1")).symlink_to(site.base / "moved")
+
+
+# What is done to the upstream mirror, or to what is here, and why there is no delta then.
+FALLBACKS = {
+    "no delta": (replace_line(r"delta\.1", ""), NO_DELTA),
+    "missing": (lambda site, delta: delta.unlink(), "GET file://{path}: No such file or directory"),
+    "cut short": (lambda site, delta: os.truncate(delta, 20), DIGEST),
+    "empty": (lambda site, delta: os.truncate(delta, 0), DIGEST),
+    "longer": (lambda site, delta: os.truncate(delta, 9999), "GET file://{path}: longer than {size} bytes"),
+    "other bytes": (lambda site, delta: delta.write_bytes(bytes(delta.stat().st_size)), DIGEST),
+    "no frame": (lambda site, delta: site.set_delta(b"forged"), "libzstd: Src size is incorrect"),
+    "other content": (of_content(plain(3)), OTHER),
+    "more content": (of_content(plain(2) + b"x"), "libzstd: Destination buffer is too small"),
+    "less content": (of_content(plain(2)[:-1]), "the delta gives another size"),
+    "too large": (lambda site, delta: site.set_delta(b"", size=len(plain(2))), "the delta from 1 is too large"),
+    "digest of another": (replace_line("plain.SHA256", f"def.Current.plain.SHA256 = {0:064}\n"), OTHER),
+    "size of another": (replace_line("plain.size", "def.Current.plain.size = 999\n"), "libzstd: "),
+    "no plain archive": (replace_line("plain.size", ""), NO_DELTA),
+    "start is a path": (delta_line(start="../local/1"), NO_DELTA),
+    "start is nowhere": (delta_line(start=".."), NO_DELTA),
+    "many lines": (many_lines, NO_DELTA),
+    "damaged here": (lambda site, delta: os.truncate(site.local.path(plain_name("1")), 9000), "libzstd: "),
+    "missing here": (lambda site, delta: site.local.path(plain_name("1")).unlink(), NO_DELTA),
+    "link here": (replace_local, NO_DELTA),
+    **{f"size {size}": (delta_line(size=size), NO_DELTA) for size in (0, -1, 2**63 - 1, 2**64, "1e3x")},
+    **{
+        f"plain size {size}": (replace_line("plain.size", f"def.Current.plain.size = {size}\n"), NO_DELTA)
+        for size in (0, -1, 2**33 + 1, 2**64)
+    },
+    **{f"digest of {len(digest)}": (delta_line(digest=digest), NO_DELTA) for digest in ("0" * 63, "0" * 65)},
+    "digest in capitals": (delta_line(digest="A" * 64), NO_DELTA),
+    "digest is a path": (delta_line(digest="../" * 21 + "x"), NO_DELTA),
+}
+
+
+def test_without_a_good_delta_the_whole_archive_gives_the_same(begun_once, tmp_path):
+    """With one line of warning, and nothing is written elsewhere."""
+
+    def run_case(case):
+        change, reason = FALLBACKS[case]
+        site = copy_of(begun_once, tmp_path / case.replace(" ", "-"))
+        ((_, size, digest, name),) = site.deltas("2")
+        change(site, site.up.path(name))
+        before = {path for path in site.base.rglob("*")}
+        reason = reason.format(name=name, path=site.up.path(name), size=size, digest=plain_digest(site))
+        code, out, err = site.mirror()
+        assert (code, out.startswith("mirrored 2: ")) == (0, True), (case, err)
+        start = f"zqu-mirror: warning: 2 was not made by a delta: {reason}"
+        assert (err.startswith(start), err.count("\n")) == (True, 1 + (case == "digest of another")), (case, err)
+        site.expect_local("2", plain(2))
+        made = {site.local.path(name) for name in (plain_name(2), info_name(2), f"{info_name(2)}.upstream")}
+        assert {path for path in site.base.rglob("*")} - before == made, case
+
+    with ThreadPoolExecutor(3) as pool:
+        list(pool.map(run_case, FALLBACKS))
+
+
+def test_delta_damaged_at_any_byte_does_no_harm(begun_once, tmp_path, thorough):
+    """Its digest in the INI is that of the damaged one: what says no is libzstd, or the digest of the result."""
+    ((*_, name),) = begun_once.deltas("2")
+    good = begun_once.up.path(name).read_bytes()
+    ways = [lambda byte: byte ^ 1, lambda byte: byte ^ 0xFF, *([lambda byte: byte ^ 0x80, lambda byte: 0] * thorough)]
+    damages = itertools.product(range(len(good)), ways)
+
+    def run_one(numbered):
+        number, (place, way) = numbered
+        site = copy_of(begun_once, tmp_path / f"{number}")
+        site.set_delta(good[:place] + bytes([way(good[place])]) + good[place + 1 :])
+        code, out, err = site.mirror()
+        site.expect_local("2", plain(2))
+        assert (code, err.count("\n"), site.local.check()[0]) == (0, err.count("warning: 2 was not"), 0)
+        shutil.rmtree(site.base)
+        return err.count("\n")
+
+    with ThreadPoolExecutor(3) as pool:
+        warnings = list(pool.map(run_one, enumerate(damages)))
+    assert (len(warnings), sum(warnings)) == (2 * len(good), 0)
