@@ -96,9 +96,9 @@ FILES = "a file|other file|the directory"
 COMPLETIONS = {
     "zqu-mirror|": "publish mirror rollout activate repair prune list check",
     "zqu-mirror|-": "--help --version",
-    "zqu-mirror|publish|-": COMMON + "--quiet --id --sign --format --allow-empty --percent --replace",
+    "zqu-mirror|publish|-": COMMON + "--quiet --id --sign --format --deltas --allow-empty --percent --replace",
     "zqu-mirror|mirror|-": COMMON
-    + "--quiet --upstream-subdir --ca --timeout --allow-http --trust --max-age --verify --force --percent --replace",
+    + "--quiet --upstream-subdir --ca --timeout --allow-http --trust --max-age --plain --verify --force --percent --replace",
     "zqu-mirror|activate|-": COMMON + "--quiet",
     "zqu-mirror|repair|-": COMMON + "--from --upstream-subdir --ca --timeout --allow-http --yes",
     "zqu-mirror|repair|--from|": "",

@@ -86,7 +86,7 @@ LIBRARIES = {
 }
 LIBRARIES["updater"] = LIBRARIES["mirror"] | {"libsystemd.so.0"}
 LIBRARIES["mirror"] |= {"libgcab-1.0.so.0", "libgio-2.0.so.0", "libglib-2.0.so.0"}
-LIBRARIES["mirror"] |= {"libgobject-2.0.so.0", "libzstd.so.1"}
+LIBRARIES["mirror"] |= {"libgobject-2.0.so.0", "libzstd.so.1", "libz.so.1"}
 
 
 def by_name(lines):

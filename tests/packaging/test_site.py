@@ -13,7 +13,7 @@ from cryptography.hazmat.primitives.serialization import load_pem_private_key
 from mirror_tool import DAY, SUBDIR
 from mirrors_page import CONFIGURATIONS
 from pages import blocks, scripts, section
-from release import HIT, definitions, hit_ini
+from release import HIT, definition_names, definitions, hit_ini, info_name, sha256
 from signing import SigningKey
 
 PAGE = "mirrors.md"
@@ -52,16 +52,16 @@ class Site(Administrator):
             script = script.replace(before, after)
         return self.sh(script)
 
-    def publish(self, id, root=RELEASES, key="--sign release-key.pem"):
+    def publish(self, id, root=RELEASES, key="--sign release-key.pem", files=None):
         """The publisher's command on the page, for this release."""
-        for name, content in zip(("antivir.def", "aivsecon.def"), definitions(id).values()):
+        for name, content in zip(("antivir.def", "aivsecon.def"), (files or definitions(id)).values()):
             self.gateway.put(f"{DESK}/{name}", content)
         command = re.search(r"\$ (zqu-mirror publish --sign .*)", blocks(PAGE, "Signed releases")[0])[1]
         changes = {"--sign release-key.pem": key, "1004": id, RELEASES: root}
         self.sh(re.sub("|".join(changes), lambda found: changes[found[0]], command))
 
     def sync(self):
-        """What the timer starts: its exit status, and the lines that it logged."""
+        """What the timer starts: its exit status, and the lines that it logged; the last one is that of prune."""
         gateway = self.gateway
         gateway.run("systemctl", "reset-failed", SYNC, check=False)  # or systemd refuses the sixth start in ten seconds
         log = ["journalctl", "--quiet", "--output", "cat", "--identifier", "zqu-mirror"]
@@ -71,7 +71,7 @@ class Site(Administrator):
 
         def complete():  # the log daemon may be behind, and not know any more which run wrote a line
             said[:] = gateway.out(*log).splitlines()[before:]
-            return len(said) == (1 if code else 2)
+            return bool(said) and (code > 0 or said[-1].startswith("removed in all"))
 
         gateway.wait_for(complete)
         return code, *said
@@ -177,9 +177,9 @@ class Attacked:
     def write(self, name, content):
         self.path(name).write_bytes(content)
 
-    def publish(self, id, key="--sign release-key.pem", **signed):
+    def publish(self, id, key="--sign release-key.pem", files=None, **signed):
         """Offers a release, if need be signed again with these values."""
-        self.site.publish(id, self.root, key)
+        self.site.publish(id, self.root, key, files)
         if signed:
             self.key.sign_info(self, id, **signed)
 
@@ -205,11 +205,17 @@ ATTACKS = {
 }
 
 
-def test_gateway_of_the_page_stays_whole_under_attack_and_alarms(site, tmp_path):
-    upstream = Attacked(site, tmp_path)
-    upstream.publish("2001", age_s=3 * DAY)
+@pytest.fixture(scope="module")
+def upstream(site, tmp_path_factory):
+    """What the page's gateway that verifies copies; its release was signed three days ago."""
+    made = Attacked(site, tmp_path_factory.mktemp("keys"))
+    made.publish("2001", age_s=3 * DAY)
     site.gateway.run("systemctl", "disable", UNIT)
     site.do("A gateway that verifies for itself", **{"--max-age 2d": "--max-age 4d"})
+    return made
+
+
+def test_gateway_of_the_page_stays_whole_under_attack_and_alarms(site, upstream):
     assert site.gateway.out("systemctl", "is-enabled", UNIT).strip() == "enabled"
     site.expect("2001")
     site.sh(f"sed -i s/4d/2d/ /etc/systemd/system/{SYNC}.d/site.conf; systemctl daemon-reload")
@@ -225,3 +231,94 @@ def test_gateway_of_the_page_stays_whole_under_attack_and_alarms(site, tmp_path)
         assert site.sync()[0] == 0
         site.expect(id)
         assert upstream.alarm()[0] == 0
+
+
+# ---- A gateway that downloads deltas ----
+
+
+def changing(id):
+    """The definitions of a release; from 3001 on, each has one per cent of new lines."""
+    number = int(id) - 3000
+
+    def lines(name):
+        return [sha256(f"{name} {i} {i % 100 if i % 100 <= number else 0}".encode()) for i in range(1500)]
+
+    return {name: "\n".join([f"{name} of {id}", *lines(name), ""]).encode() for name in definition_names()}
+
+
+def offer(upstream, id, key="--sign release-key.pem"):
+    upstream.publish(id, key, changing(id))
+
+
+def deltas(upstream, id):
+    found = list(upstream.folder.glob(f"antivir-v2-c-{id}.*.delta"))
+    assert found
+    return found
+
+
+def damage(upstream, id):
+    offer(upstream, id)
+    for path in deltas(upstream, id):
+        data = path.read_bytes()
+        path.write_bytes(data[:-9] + bytes([data[-9] ^ 1]) + data[-8:])
+
+
+def lose(upstream, id):
+    offer(upstream, id)
+    for path in deltas(upstream, id):
+        path.unlink()
+
+
+def withdraw(upstream, id):
+    """Offers the release to the first gateways; the one that verifies must not take it."""
+    offer(upstream, id, "--sign release-key.pem --percent 10")
+    assert upstream.site.sync()[1] == "nothing new: 3005 is current"
+    upstream.site.sh(f"zqu-mirror rollout {upstream.root} withdraw")
+
+
+def forge(upstream, id):
+    """Names another delta in the INI."""
+    offer(upstream, id)
+    text = upstream.path(info_name(id)).read_text()
+    upstream.true_info = text
+    upstream.write(info_name(id), re.sub(r"(delta\.1 = \d+ \d+ )\w+", rf"\g<1>{sha256(b'forged')}", text).encode())
+
+
+def stop_forging(upstream, id):
+    upstream.write(info_name(id), upstream.true_info.encode())
+
+
+def go_back(upstream, id):
+    upstream.site.sh(f"zqu-mirror activate {upstream.root} {id}")
+
+
+# What the upstream does with a release; what the gateway downloads of it; how its warning or refusal ends; and what is in
+# service then.
+RELEASES_IN_TURN = [
+    ("3001", offer, ["cab"], "no delta from a plain archive that is here", "3001"),
+    ("3002", offer, ["delta"], "", "3002"),
+    ("3003", damage, ["delta", "cab"], "does not have the size and the digest that its INI gives", "3003"),
+    ("3004", offer, ["delta"], "", "3004"),
+    ("3005", lose, ["delta", "cab"], "HTTP response code said error", "3005"),
+    ("3006", withdraw, [], "", "3005"),
+    ("3007", forge, [], "is signed by none of the trusted keys, or was changed", "3005"),
+    ("3007", stop_forging, ["delta"], "", "3007"),
+    ("3008", lambda upstream, id: offer(upstream, id, ""), [], "has no signature of zqu-mirror publish --sign", "3007"),
+    ("3009", offer, ["delta"], "", "3009"),
+    ("3010", offer, ["delta"], "", "3010"),
+    ("3009", go_back, [], "", "3009"),
+]
+
+
+def test_gateway_of_the_page_follows_ten_releases_by_deltas(site, upstream):
+    log = site.gateway.path("/var/log/nginx/access.log")
+    cost = {"delta": [], "cab": []}
+    for id, act, kinds, reason, serves in RELEASES_IN_TURN:
+        act(upstream, id)
+        before = len(log.read_text().splitlines())
+        code, *said = site.sync()
+        asked = 2 + len(kinds) - 0
+        site.gateway.wait_for(lambda: len(log.read_text().splitlines()) - before >= asked)
+        found = re.findall(r'"GET \S+\.(delta|cab) HTTP/1.1" (\d+) (\d+)', "\n".join(log.read_text().splitlines()[before:]))
+        print(id, code, said, found)
+        site.expect(serves)

@@ -240,9 +240,12 @@ with --replace that fails may have ended the former rollout. Publishing the same
 that release current again; an id never gets other content. The order of the files counts: a pair whose names
 show that it is swapped is refused. A CAB holds 2147450880 bytes with its index; the other formats have no
 such limit. zstd gives the smallest archives, and takes minutes to pack; old gateways may be unable to read it.
+--deltas is for gateways and mirrors that copy with mirror --plain: a day's changes often fit into a hundredth of the
+archive's bytes.
 
 Examples:
   zqu-mirror publish --id 20240131.007 /srv/mirror antivir.def aivsecon.def
+  zqu-mirror publish --deltas 3 --id 20240131.008 /srv/mirror antivir.def aivsecon.def
   zqu-mirror publish --sign release-key.pem --id 20240131.007 /srv/mirror antivir.def aivsecon.def
   zqu-mirror publish --flavor v3 --format zstd --id 20240131.008 /srv/mirror big.def small.def
 )"},
@@ -252,11 +255,13 @@ it as a client would, and makes it current in one step, or with --percent the ca
 archive are the upstream's, to the byte. Nothing new is a success too, and changes nothing. So is a release that is
 held, and any other during a rollout: mirror waits for its end. When anything fails, one line says why, and the mirror
 is left as it was; an id never gets other content. Damaged files of the current release are a failure: repair restores
-them.
+them. With --plain, a release is kept as a plain archive with an INI of its own. Where the upstream has a delta from a
+release that is here, only that is downloaded. A warning says why when the whole archive was.
 
 Examples:
   zqu-mirror mirror https://definitions.zelgw.example /srv/mirror
   zqu-mirror mirror --trust release-pub.pem --max-age 2d https://definitions.zelgw.example /srv/mirror
+  zqu-mirror mirror --plain --trust release-pub.pem --max-age 2d https://definitions.zelgw.example /srv/mirror
   zqu-mirror mirror --flavor v3 --ca /etc/ssl/upstream-ca.pem https://mirror.example /srv/mirror
 )"},
     {"rollout", "Show or advance a rollout, or withdraw its release", add_rollout, done<rollout>, R"(
