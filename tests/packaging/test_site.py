@@ -3,12 +3,13 @@
 import json
 import re
 import ssl
+from functools import partial
 from http.client import HTTPSConnection
 from pathlib import Path
 
 import pytest
 from administrator import DESK, Administrator
-from booted_gateway import CONFIG, UNIT
+from booted_gateway import CONFIG, ROOT, UNIT
 from cryptography.hazmat.primitives.serialization import load_pem_private_key
 from mirror_tool import DAY, SUBDIR
 from mirrors_page import CONFIGURATIONS
@@ -19,6 +20,7 @@ from signing import SigningKey
 PAGE = "mirrors.md"
 NGINX, SYNC, TIMER = "nginx.service", "zqu-mirror-sync.service", "zqu-mirror-sync.timer"
 UPSTREAM, RELEASES = "https://definitions.zelgw.example", "/srv/releases"
+NOTHING_REMOVED = "removed in all: releases 0, leftovers 0, bytes 0"
 ADDRESSES = [f"127.0.0.{number}" for number in range(2, 62)]  # of gateways; that of ours is always the first
 
 
@@ -103,7 +105,7 @@ def site(bare_gateway, packages):
 def roll_out(site, id, former):
     """The candidate, in the four steps; a newer release waits meanwhile."""
     code, waits, removed = site.sync()
-    assert (code, removed) == (0, "removed in all: releases 0, leftovers 0, bytes 0")
+    assert (code, removed) == (0, NOTHING_REMOVED)
     assert waits.startswith(f"waits: {id} is the candidate for 1 per cent")
     seen = [set()]
     (script,) = scripts(PAGE, "A rollout in four steps")
@@ -235,6 +237,8 @@ def test_gateway_of_the_page_stays_whole_under_attack_and_alarms(site, upstream)
 
 # ---- A gateway that downloads deltas ----
 
+SIGN = "--sign release-key.pem"
+
 
 def changing(id):
     """The definitions of a release; from 3001 on, each has one per cent of new lines."""
@@ -246,79 +250,81 @@ def changing(id):
     return {name: "\n".join([f"{name} of {id}", *lines(name), ""]).encode() for name in definition_names()}
 
 
-def offer(upstream, id, key="--sign release-key.pem"):
+def offer(upstream, id, key=SIGN):
     upstream.publish(id, key, changing(id))
-
-
-def deltas(upstream, id):
-    found = list(upstream.folder.glob(f"antivir-v2-c-{id}.*.delta"))
-    assert found
-    return found
+    return list(upstream.folder.glob(f"antivir-v2-c-{id}.*.delta"))
 
 
 def damage(upstream, id):
-    offer(upstream, id)
-    for path in deltas(upstream, id):
-        data = path.read_bytes()
-        path.write_bytes(data[:-9] + bytes([data[-9] ^ 1]) + data[-8:])
+    for path in offer(upstream, id):
+        data = bytearray(path.read_bytes())
+        data[len(data) // 2] ^= 1
+        path.write_bytes(data)
 
 
 def lose(upstream, id):
-    offer(upstream, id)
-    for path in deltas(upstream, id):
+    for path in offer(upstream, id):
         path.unlink()
 
 
 def withdraw(upstream, id):
-    """Offers the release to the first gateways; the one that verifies must not take it."""
-    offer(upstream, id, "--sign release-key.pem --percent 10")
-    assert upstream.site.sync()[1] == "nothing new: 3005 is current"
+    """Offers it to the first gateways; those that verify for themselves must not take it."""
+    offer(upstream, id, f"{SIGN} --percent 10")
+    assert upstream.site.sync() == (0, "nothing new: 3005 is current", NOTHING_REMOVED)
     upstream.site.sh(f"zqu-mirror rollout {upstream.root} withdraw")
 
 
 def forge(upstream, id):
-    """Names another delta in the INI."""
+    """Has the INI give another digest for each delta."""
     offer(upstream, id)
-    text = upstream.path(info_name(id)).read_text()
-    upstream.true_info = text
-    upstream.write(info_name(id), re.sub(r"(delta\.1 = \d+ \d+ )\w+", rf"\g<1>{sha256(b'forged')}", text).encode())
+    upstream.true = upstream.path(info_name(id)).read_bytes()
+    upstream.write(info_name(id), re.sub(rb"(delta\.\d+ = .*)...", rb"\1bad", upstream.true))
 
 
-def stop_forging(upstream, id):
-    upstream.write(info_name(id), upstream.true_info.encode())
+def end_forgery(upstream, id):
+    upstream.write(info_name(id), upstream.true)
 
 
 def go_back(upstream, id):
     upstream.site.sh(f"zqu-mirror activate {upstream.root} {id}")
 
 
-# What the upstream does with a release; what the gateway downloads of it; how its warning or refusal ends; and what is in
-# service then.
-RELEASES_IN_TURN = [
-    ("3001", offer, ["cab"], "no delta from a plain archive that is here", "3001"),
-    ("3002", offer, ["delta"], "", "3002"),
-    ("3003", damage, ["delta", "cab"], "does not have the size and the digest that its INI gives", "3003"),
-    ("3004", offer, ["delta"], "", "3004"),
-    ("3005", lose, ["delta", "cab"], "HTTP response code said error", "3005"),
-    ("3006", withdraw, [], "", "3005"),
-    ("3007", forge, [], "is signed by none of the trusted keys, or was changed", "3005"),
-    ("3007", stop_forging, ["delta"], "", "3007"),
-    ("3008", lambda upstream, id: offer(upstream, id, ""), [], "has no signature of zqu-mirror publish --sign", "3007"),
-    ("3009", offer, ["delta"], "", "3009"),
-    ("3010", offer, ["delta"], "", "3010"),
-    ("3009", go_back, [], "", "3009"),
+# What the upstream does with a release; the gateway's requests besides those for the INIs, with their statuses; how its
+# warning or refusal ends; and what is in service then.
+STEPS = [
+    (offer, "3001", ["cab 200"], "the upstream mirror has no delta from a plain archive that is here", "3001"),
+    (offer, "3002", ["delta 200"], "", "3002"),
+    (damage, "3003", ["delta 200", "cab 200"], "does not have the size and the digest that its INI gives", "3003"),
+    (offer, "3004", ["delta 200"], "", "3004"),
+    (lose, "3005", ["delta 404", "cab 200"], "HTTP response code said error", "3005"),
+    (withdraw, "3006", [], "", "3005"),
+    (forge, "3007", [], "it is signed by none of the trusted keys, or was changed", "3005"),
+    (end_forgery, "3007", ["delta 200"], "", "3007"),
+    (partial(offer, key=""), "3008", [], "it has no signature of zqu-mirror publish --sign", "3007"),
+    (offer, "3009", ["delta 200"], "", "3009"),
+    (offer, "3010", ["delta 200"], "", "3010"),
+    (go_back, "3009", [], "", "3009"),
 ]
 
 
 def test_gateway_of_the_page_follows_ten_releases_by_deltas(site, upstream):
     log = site.gateway.path("/var/log/nginx/access.log")
-    cost = {"delta": [], "cab": []}
-    for id, act, kinds, reason, serves in RELEASES_IN_TURN:
+    sent = {"ini": [], "delta": [], "cab": []}
+    for act, id, requests, reason, serves in STEPS:
         act(upstream, id)
-        before = len(log.read_text().splitlines())
+        seen = len(log.read_text().splitlines())
         code, *said = site.sync()
-        asked = 2 + len(kinds) - 0
-        site.gateway.wait_for(lambda: len(log.read_text().splitlines()) - before >= asked)
-        found = re.findall(r'"GET \S+\.(delta|cab) HTTP/1.1" (\d+) (\d+)', "\n".join(log.read_text().splitlines()[before:]))
-        print(id, code, said, found)
+        assert code == bool(reason and not requests)
+        told = said if code else said[1:-1]
+        assert [line.endswith(reason) for line in told] == [True] * bool(reason), said
+        asked = ["ini 200", "ini 200", *requests]
+        site.gateway.wait_for(lambda: len(log.read_text().splitlines()) >= seen + len(asked))
+        found = re.findall(r'"GET \S+\.(\w+) HTTP/1.1" (\d+) (\d+) ', "\n".join(log.read_text().splitlines()[seen:]))
+        assert [f"{end} {status}" for end, status, _ in found] == asked
+        for end, _, size in found:
+            sent[end].append(int(size))
         site.expect(serves)
+        for name, content in changing(serves).items():
+            assert site.gateway.path(f"{ROOT}/active/{name}").read_bytes() == content
+    assert max(sent["delta"]) * 40 < min(sent["cab"])
+    assert sum(map(sum, sent.values())) < 3.3 * max(sent["cab"])  # ten releases, of which three by the archive
