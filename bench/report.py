@@ -43,8 +43,10 @@ class Pages:
         self.data = docs / "performance"
 
     def keep(self, section, **kept):
-        path = self.data / f"{section}.json"
-        path.write_text(json.dumps(kept, default=str) + "\n")
+        """Keeps six digits of a number, and no blanks."""
+        text = json.dumps(kept, default=str)
+        rounded = json.loads(text, parse_float=lambda number: float(f"{float(number):.6g}"))
+        (self.data / f"{section}.json").write_text(json.dumps(rounded, separators=(",", ":")) + "\n")
 
     def kept(self, section):
         return json.loads((self.data / f"{section}.json").read_text())

@@ -19,7 +19,7 @@ from scratch import scratch
 
 HERE = pathlib.Path(__file__).resolve().parent
 REPOSITORY = HERE.parent
-SECTIONS = "machine update memory check loop serving pieces startup publish formats fleet".split()
+SECTIONS = "machine update memory check loop serving pieces startup publish formats deltas fleet".split()
 
 
 class Bench:

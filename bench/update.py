@@ -55,12 +55,15 @@ class Update:
         if name == "floor":
             self.root.rmdir()
         cost = run([*prefix, *self.commands[name]], cwd=self.bench.directory)
+        self.require_same(name)
+        return cost
+
+    def require_same(self, name):
         files = sorted((self.root / "active").iterdir())
         kept = [sha256(path.read_bytes()) if self.bench.smoke else path.stat().st_size for path in files]
         left = listing(self.root), kept
         self.expected = self.expected or left
         assert left == self.expected, (name, left, self.expected)
-        return cost
 
     def contenders(self):
         return {name: lambda name=name: self.update(name) for name in self.commands}
