@@ -16,11 +16,10 @@ from update import Update
 ROUNDS = {20: 6, 200: 6, 1000: 2}  # by MB of definitions: multiples of the orders of two or three contenders
 SMOKE = {1: 2}
 # The share of the lines that change from one release to the next, and what changes in them.
-CHANGES = [(0.001, "pattern"), (0.01, "pattern"), (0.1, "pattern")]
-OTHER = (0.01, "line")
-OTHER_OF = (1, 200)  # MB for which this is measured, too
-ZSTD_UP_TO = 200  # MB: packing takes 0.4 s a MB. Once only, as nothing but the delta depends on what has changed
-ZSTD_AT = CHANGES[1]
+MAIN, OTHER = (0.01, "pattern"), (0.01, "line")
+CHANGES = {1: [MAIN, OTHER], 200: [(0.001, "pattern"), MAIN, (0.1, "pattern"), OTHER]}
+CHANGES[20] = CHANGES[1000] = CHANGES[200][:3]
+ZSTD_UP_TO = 200  # MB: packing takes 0.4 s a MB. With MAIN only, as nothing but the delta depends on the change
 TITLES = {"cab": "direct, CAB", "zstd": "direct, Zstandard"}
 LIMITS = {"bytes": 0.01, "cpu": 1}
 
@@ -29,7 +28,7 @@ class Counting(Server):
     LOG = "$status $bytes_sent"
 
     def sent(self, requests, since=0):
-        """How many bytes the answers after the first few had, all good, and how many there were; waits for them."""
+        """How many bytes nginx sent after those lines of its log, in so many good answers; waits for them."""
         for _ in range(3000):  # nginx writes its log after the answer
             lines = [line.split() for line in (self.folder / "access.log").read_text().splitlines()][since:]
             if len(lines) >= requests:
@@ -138,7 +137,7 @@ class Run:
             change(file, share, kind, self.id)
         publishing = self.publish("cab", "--deltas", "1")
         sites = dict(self.sites)
-        if (share, kind) == ZSTD_AT and self.size <= ZSTD_UP_TO:
+        if (share, kind) == MAIN and self.size <= ZSTD_UP_TO:
             self.publishing["zstd"] = self.publish("zstd")
             sites["zstd"] = Direct(self.bench, self.nginx, "zstd", "zstd")
         figures = {name: site.figures(str(self.id)) for name, site in sites.items()}
@@ -174,13 +173,16 @@ def measure(bench):
     try:
         for size, rounds in (SMOKE if bench.smoke else ROUNDS).items():
             of_size = Run(bench, nginx, size, rounds)
-            changes = [*CHANGES, *([OTHER] if size in OTHER_OF else [])]
-            steps = [of_size.step(share, kind) for share, kind in changes]
+            steps = [of_size.step(share, kind) for share, kind in CHANGES[size]]
             results[size] = {"changes": steps, "publishing": of_size.publishing}
             of_size.end()
     finally:
         nginx.stop()
     return results
+
+
+def _main(of):
+    return next(each for each in of["changes"] if (each["share"], each["kind"]) == MAIN)
 
 
 def _times(way):
@@ -198,7 +200,7 @@ def _peaks(way):
 def _direct_rows(results):
     for size, of in results.items():
         for name in of["publishing"]:
-            way = next(each for each in of["changes"] if (each["share"], each["kind"]) == ZSTD_AT)["ways"][name]
+            way = _main(of)["ways"][name]
             cost = _publishing(of["publishing"][name])
             yield f"{size} MB, {TITLES[name]}", f"{way['bytes']:,}", *_times(way), _peaks(way), cost
 
@@ -217,7 +219,7 @@ def _delta_rows(results):
 
 def figures(results, pages):
     judged = "200" if "200" in results else min(results)
-    each = next(each for each in results[judged]["changes"] if (each["share"], each["kind"]) == (0.01, "pattern"))
+    each = _main(results[judged])
     ratio = each["ways"]["delta"]["bytes"] / each["ways"]["cab"]["bytes"]
     ends = ("peak, KiB", "publishing, CPU / wall")
     delta = ("CPU, both", "wall", "of the CPU, the mirror", "CPU to the CAB", "peaks, KiB, mirror / daemon", ends[1])

@@ -11,6 +11,7 @@ from paced import PacedDaemon
 sys.path.append(str(REPOSITORY / "bench"))
 import check  # noqa: E402  (from the directory named just before)
 import compare  # noqa: E402
+import deltas  # noqa: E402
 import fleet  # noqa: E402
 import formats  # noqa: E402
 import loop  # noqa: E402
@@ -33,12 +34,13 @@ def test_orders_are_even_in_places_and_followers(count):
     assert (len(pairs), len(set(pairs.values()))) == (count * (count - 1), 1)
 
 
+PAIRED = [compare.CHECKS, compare.STARTS, compare.PEAKS]
 ROUNDS = {
     len(update.TITLES): update.SIZES.values(),
-    len(check.TITLES): [check.ROUNDS, formats.ROUNDS[1000]],
+    len(check.TITLES): [check.ROUNDS, formats.ROUNDS[1000], deltas.ROUNDS[20], deltas.ROUNDS[200]],
     len(formats.TITLES): [formats.ROUNDS[20], formats.ROUNDS[200]],
     len(startup.TITLES): [startup.ROUNDS],
-    len(compare.NAMES): [publish.ROUNDS, *compare.UPDATES.values(), compare.CHECKS, compare.STARTS, compare.PEAKS],
+    len(compare.NAMES): [publish.ROUNDS, deltas.ROUNDS[1000], *compare.UPDATES.values(), *PAIRED],
 }
 
 
