@@ -44,11 +44,6 @@ bool is_ascii_text(char c) {
     return c >= 0x20 && c <= 0x7E;
 }
 
-std::string pair_text(std::int64_t large, const char* large_unit, std::int64_t small, const char* small_unit) {
-    const std::string text = std::to_string(large) + large_unit;
-    return small == 0 ? text : text + " " + std::to_string(small) + small_unit;
-}
-
 }  // namespace
 
 std::string without_invisible(std::string text) {
@@ -92,18 +87,10 @@ std::string quoted(const std::string& text) {
 
 std::string excerpt(const std::string& text) {
     constexpr std::size_t most = 80;
-    if (text.size() <= most) {
-        return quoted(text);
-    }
-    std::size_t end = most;
-    while ((static_cast<unsigned char>(text[end]) & 0xC0) == 0x80 && end > most - 4) {
-        --end;  // not in the middle of a character
-    }
-    return quoted(text.substr(0, end)) + "...";
+    return quoted(text.substr(0, most)) + (text.size() > most ? "..." : "");
 }
 
-std::string shown(const std::string& text) {
-    constexpr std::size_t most = 200;
+std::string shown(const std::string& text, std::size_t most) {
     std::string result;
     for (const char c : text.substr(0, most)) {
         result += is_ascii_text(c) && c != '\\' && c != '|' ? std::string(1, c) : "\\x" + hex(std::string(1, c));
@@ -124,6 +111,16 @@ std::string shell_line(const std::string& command, const std::vector<std::string
         line += "'";
     }
     return line;
+}
+
+std::filesystem::path normal(const std::filesystem::path& path) {
+    return (path / ".").lexically_normal().parent_path();
+}
+
+bool is_within(const std::filesystem::path& path, const std::filesystem::path& directory) {
+    const auto inner = normal(path);
+    const auto outer = normal(directory);
+    return !outer.empty() && std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first == outer.end();
 }
 
 std::string hex(const std::string& bytes, const char* digits) {
@@ -147,16 +144,14 @@ std::optional<std::int64_t> parse_duration(const std::string& text) {
 }
 
 std::string duration_text(std::int64_t seconds) {
-    if (seconds < minute) {
-        return std::to_string(seconds) + " s";
-    }
-    if (seconds < hour) {
-        return pair_text(seconds / minute, " min", seconds % minute, " s");
-    }
-    if (seconds < day) {
-        return pair_text(seconds / hour, " h", seconds % hour / minute, " min");
-    }
-    return pair_text(seconds / day, " d", seconds % day / hour, " h");
+    static constexpr std::array<std::pair<std::int64_t, const char*>, 5> units{
+        {{day, " d"}, {hour, " h"}, {minute, " min"}, {1, " s"}, {1, ""}}};
+    const auto* const large =
+        std::find_if(units.begin(), units.end() - 2, [seconds](const auto& unit) { return unit.first <= seconds; });
+    const auto* const small = large + 1;
+    const std::int64_t rest = seconds % large->first / small->first;
+    return std::to_string(seconds / large->first) + large->second +
+           (rest == 0 ? "" : " " + std::to_string(rest) + small->second);
 }
 
 std::string utc_text(std::int64_t epoch) {

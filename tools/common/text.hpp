@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -26,12 +27,18 @@ namespace zqu::tools {
 [[nodiscard]] std::string excerpt(const std::string& text);
 
 // For monitoring systems: printable ASCII on one line. A backslash, a vertical bar and every other byte become \xNN in
-// lower case. A text of more than 200 bytes is cut, and "..." follows.
-[[nodiscard]] std::string shown(const std::string& text);
+// lower case. A text of more bytes than most is cut, and "..." follows.
+[[nodiscard]] std::string shown(const std::string& text, std::size_t most = 200);
 
 // A line for a shell: command, "--" and the paths, quoted. Empty when a path holds anything but printable ASCII: not
 // every terminal and form would leave it as it is.
 [[nodiscard]] std::string shell_line(const std::string& command, const std::vector<std::string>& paths);
+
+// path without "." and ".." and slashes that do not count; empty for the working directory. Links are not looked at.
+[[nodiscard]] std::filesystem::path normal(const std::filesystem::path& path);
+
+// Whether the text of path, so simplified, is that of the directory or lies below it. Nothing is within "".
+[[nodiscard]] bool is_within(const std::filesystem::path& path, const std::filesystem::path& directory);
 
 // Each byte as two of the hexadecimal digits given.
 [[nodiscard]] std::string hex(const std::string& bytes, const char* digits = "0123456789abcdef");

@@ -65,27 +65,14 @@ std::string reason(int error) {
     return std::string(" (") + std::strerror(error) + ")";
 }
 
-// Without "." and "..", and without a slash at the end: for comparing texts of paths.
-fs::path plain(const std::string& path) {
-    const fs::path normal = fs::path(path).lexically_normal();
-    return normal.has_filename() ? normal : normal.parent_path();
-}
-
-// Whether path is the directory or lies below it.
-bool is_within(const std::string& path, const std::string& directory) {
-    const fs::path inner = plain(path);
-    const fs::path outer = plain(directory);
-    return std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first == outer.end();
-}
-
 bool is_same_file(const std::string& a, const std::string& b) {
     std::error_code missing;
-    return plain(a) == plain(b) || fs::equivalent(a, b, missing);
+    return normal(a) == normal(b) || fs::equivalent(a, b, missing);
 }
 
 // The longest part of the path that exists.
 std::string existing_part(const std::string& path) {
-    fs::path part = plain(path);
+    fs::path part = normal(path);
     struct stat status {};
     while (lstat(part.c_str(), &status) != 0 && part.has_relative_path()) {
         part = part.parent_path();
@@ -165,7 +152,7 @@ struct Paths {
 
     void check_root() {
         const ConfiguredPath place = place_of("def_root", cfg.def_root);
-        if (place.path.empty() || plain(place.path) == "/") {
+        if (place.path.empty() || normal(place.path) == "/") {
             const std::string what = place.path.empty() ? "def_root: empty" : place.start();
             findings.error(place.line, what + ": the definitions lie in /snapshots; name a directory of their own");
             return;

@@ -180,16 +180,11 @@ void require(int result) {
     }
 }
 
-bool is_below(const fs::path& inner, const fs::path& outer) {
-    return std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first == outer.end();
-}
-
 // Of use are the paths above or below what the daemon writes, and the default root, which the unit itself names.
 bool is_of_use(const fs::path& writable, const Config& cfg) {
     const std::vector<fs::path> written{cfg.def_root, fs::path(cfg.status_path).parent_path(), Config().def_root};
     return std::any_of(written.begin(), written.end(), [&writable](const fs::path& directory) {
-        const fs::path used = (directory / ".").lexically_normal().parent_path();
-        return !used.empty() && (is_below(writable, used) || is_below(used, writable));
+        return is_within(writable, directory) || is_within(directory, writable);
     });
 }
 

@@ -15,6 +15,8 @@ constexpr std::int64_t old_definitions = 172800;  // two days
 constexpr std::int64_t tolerance = 60;            // by which a clock may be put back unnoticed
 constexpr std::int64_t settling = 60;             // from a publication to its status: flushing, pruning
 
+constexpr std::size_t whole = 2000;  // the reason of a transfer has many words about a certificate
+
 constexpr const char* restart = "systemctl restart zel_quorin_updater";
 
 bool is_one_of(const std::string& text, std::initializer_list<const char*> texts) {
@@ -25,25 +27,13 @@ bool is_in_the_way(const Place* place) {
     return place != nullptr && !S_ISDIR(place->found.st_mode);
 }
 
-// The text of a kind with what stands for %1 and %2.
-std::string filled(const std::string& text, const std::string& first, const std::string& second) {
-    std::string result;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const bool marked = text[i] == '%';
-        i += marked ? 1 : 0;
-        result += !marked ? std::string(1, text[i]) : text[i] == '1' ? first : second;
+// The text of a kind with what stands for %1 and %2, which comes after %1.
+std::string filled(std::string text, const std::string& first, const std::string& second) {
+    for (const auto& [mark, value] : {std::pair("%2", second), std::pair("%1", first)}) {
+        const std::size_t position = text.find(mark);
+        text = position == std::string::npos ? text : text.replace(position, 2, value);
     }
-    return result;
-}
-
-// What was fetched from a mirror has many words about its certificate.
-std::string shown_whole(const std::string& text) {
-    constexpr std::size_t piece = 200;
-    std::string result;
-    for (std::size_t i = 0; i < text.size() && i < 10 * piece; i += piece) {
-        result += shown(text.substr(i, piece));
-    }
-    return result;
+    return text;
 }
 
 class Judge {
@@ -262,10 +252,10 @@ private:
         } else if (comparison.state == ComparisonState::gone) {
             add("release_gone", shown(store_.version), shown(comparison.reason));
         } else if (comparison.state == ComparisonState::failed) {
-            add("not_compared", shown_whole(comparison.reason));
+            add("not_compared", shown(comparison.reason, whole));
         }
         for (const std::string& text : comparison.warnings) {
-            add(text.rfind("redirected", 0) == 0 ? "insecure_redirect" : "certificate_ends", shown_whole(text));
+            add(text.rfind("redirected", 0) == 0 ? "insecure_redirect" : "certificate_ends", shown(text, whole));
         }
     }
 

@@ -140,22 +140,13 @@ json active_json(const Store& store) {
             {"snapshots", known(store.snapshots.has_value(), store.snapshots.value_or(0))}};
 }
 
-json contents_json(const SnapshotStore::Status& status) {
-    return {{"schema_version", 1},
-            {"active_version", status.active_version},
-            {"engine_version", status.engine_version},
-            {"antivir_def_version", status.antivir_def_version},
-            {"aivsecon_def_version", status.aivsecon_def_version},
-            {"last_check_epoch", status.last_check_epoch},
-            {"last_success_epoch", status.last_success_epoch},
-            {"last_error", status.last_error}};
-}
-
 json status_json(const StatusFile& status) {
     const bool valid = status.state == StatusState::valid;
+    nlohmann::json contents = status.contents;
+    contents["schema_version"] = 1;
     return {{"state", name_of(status.state)},
             {"reason", known(!valid, status.reason)},
-            {"contents", known(valid, contents_json(status.contents))}};
+            {"contents", known(valid, contents)}};
 }
 
 json unit_json(const Unit& unit) {

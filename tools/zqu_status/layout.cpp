@@ -13,6 +13,7 @@
 
 #include "report.hpp"
 #include "settings.hpp"
+#include "text.hpp"
 
 namespace zqu::status_tool {
 
@@ -176,17 +177,12 @@ bool look(const std::string& path, bool follow, struct stat& found) {
     return (!follow || errno == ENOENT || errno == ELOOP || errno == ENOTDIR) && lstat(path.c_str(), &found) == 0;
 }
 
-// Without "." and ".." and slashes that do not count; empty for the working directory.
-fs::path normal(const fs::path& directory) {
-    return (directory / ".").lexically_normal().parent_path();
-}
-
 // The places to look at: role and path.
 std::vector<std::pair<Role, std::string>> places_of(const Config& cfg, const Store& store) {
     const std::string snapshots = cfg.def_root + "/snapshots";
     std::vector<std::pair<Role, std::string>> places{{Role::root, cfg.def_root}, {Role::snapshots, snapshots}};
-    const fs::path root = normal(cfg.def_root);
-    const fs::path directory = normal(fs::path(cfg.status_path).parent_path());
+    const fs::path root = tools::normal(cfg.def_root);
+    const fs::path directory = tools::normal(fs::path(cfg.status_path).parent_path());
     if (!cfg.status_path.empty() && directory != root && directory != root / "snapshots") {
         places.emplace_back(directory == root / "manifest" ? Role::manifest : Role::status_directory,
                             directory.empty() ? "." : directory);

@@ -9,6 +9,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <utility>
@@ -18,6 +19,11 @@
 #include "config.hpp"
 #include "monitoring.hpp"
 #include "snapshot_store.hpp"
+
+namespace zqu {
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(SnapshotStore::Status, active_version, engine_version, antivir_def_version,
+                                   aivsecon_def_version, last_check_epoch, last_success_epoch, last_error)
+}
 
 namespace zqu::status_tool {
 

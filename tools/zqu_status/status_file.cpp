@@ -2,7 +2,6 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <nlohmann/json.hpp>
 #include <set>
 #include <stdexcept>
 #include <system_error>
@@ -53,54 +52,27 @@ json parse_once_each(const std::string& text) {
     });
 }
 
-const json& member(const json& document, const char* name) {
-    if (!document.contains(name)) {
-        throw std::invalid_argument("there is no \"" + std::string(name) + "\"");
+// Throws std::invalid_argument for a member that is missing, or of another type than in a status file.
+SnapshotStore::Status contents_of(const json& document) {
+    json members = SnapshotStore::Status();
+    members["schema_version"] = 1;
+    for (const auto& [name, standard] : members.items()) {
+        const json value = document.value(name, json());
+        const bool whole = value.is_number_unsigned() && value.get<std::uint64_t>() <= INT64_MAX;
+        const char* wanted = standard.is_string() ? "no text" : "no whole number from 0 to 2^63 - 1";
+        if (standard.is_string() ? !value.is_string() : !whole) {
+            throw std::invalid_argument("\"" + name + "\" is " + (value.is_null() ? "missing" : wanted));
+        }
     }
-    return document.at(name);
-}
-
-void require(bool met, const std::string& name, const char* otherwise) {
-    if (!met) {
-        throw std::invalid_argument("\"" + name + "\" is " + otherwise);
-    }
-}
-
-using Contents = SnapshotStore::Status;
-
-Contents contents_of(const json& document) {
-    static constexpr std::array<std::pair<const char*, std::string Contents::*>, 5> texts{{
-        {"active_version", &Contents::active_version},
-        {"engine_version", &Contents::engine_version},
-        {"antivir_def_version", &Contents::antivir_def_version},
-        {"aivsecon_def_version", &Contents::aivsecon_def_version},
-        {"last_error", &Contents::last_error},
-    }};
-    static constexpr std::array<std::pair<const char*, std::int64_t Contents::*>, 2> times{{
-        {"last_check_epoch", &Contents::last_check_epoch},
-        {"last_success_epoch", &Contents::last_success_epoch},
-    }};
-    Contents contents;
-    for (const auto& [name, text] : texts) {
-        require(member(document, name).is_string(), name, "no text");
-        contents.*text = document.at(name).get<std::string>();
-    }
-    for (const auto& [name, time] : times) {
-        const json& value = member(document, name);
-        const bool large = value.is_number_unsigned() && value.get<std::uint64_t>() > INT64_MAX;
-        require(value.is_number_integer() && !large, name, "no whole number of 64 bits");
-        require(value.get<std::int64_t>() >= 0, name, "negative");
-        contents.*time = value.get<std::int64_t>();
-    }
-    return contents;
+    return document.get<SnapshotStore::Status>();
 }
 
 StatusFile interpret(const json& document) {
     if (!document.is_object()) {
-        return fault(StatusState::invalid, "it is no JSON object");
+        throw std::invalid_argument("it is no JSON object");
     }
-    const json& version = member(document, "schema_version");
-    if (version != json(1) || !version.is_number_integer()) {
+    const json version = document.value("schema_version", json());
+    if (!version.is_null() && (version != json(1) || !version.is_number_integer())) {
         return fault(StatusState::schema, "its schema_version is " + version.dump() + ", not 1");
     }
     return {StatusState::valid, "", contents_of(document), false};
