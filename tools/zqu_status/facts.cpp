@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <future>
-#include <nlohmann/json.hpp>
 #include <system_error>
 #include <thread>
 #include <tuple>
@@ -25,14 +24,11 @@
 
 namespace zqu::status_tool {
 
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Unit, load, active, sub, file, result, writable)  // what ask_systemd() fills
-
 using namespace tools;
 
 namespace {
 
 namespace fs = std::filesystem;
-using nlohmann::json;
 
 constexpr int looks = 26;  // opening with O_TRUNC may wait for a busy disk, with the file short meanwhile
 constexpr std::chrono::milliseconds between_looks(20);
@@ -155,16 +151,13 @@ bool leads_outside(const fs::path& root, const std::string& version) {
 }
 
 std::optional<std::size_t> count_snapshots(const std::string& path) {
-    std::error_code error;
-    std::size_t count = 0;
-    fs::directory_iterator entry(path, error);
-    while (!error && entry != fs::directory_iterator()) {
+    try {
         std::error_code ignored;
-        count += entry->is_directory(ignored) ? 1U : 0U;
-        entry.increment(error);
+        const auto is_snapshot = [&ignored](const fs::directory_entry& entry) { return entry.is_directory(ignored); };
+        return std::count_if(fs::directory_iterator(path), fs::directory_iterator(), is_snapshot);
+    } catch (const fs::filesystem_error& e) {
+        return is_absence(e.code().value()) ? std::optional<std::size_t>(0) : std::nullopt;
     }
-    const bool none = is_absence(error.value());
-    return error && !none ? std::nullopt : std::optional<std::size_t>(count);
 }
 
 constexpr const char* manager = "org.freedesktop.systemd1";
@@ -201,13 +194,13 @@ void ask_systemd(Unit& unit, const Config& cfg) {
         require(sd_bus_get_property_string(bus, manager, path, interface, name, nullptr, &value));
         return std::string(Text(value).get());
     };
-    unit.load = text(of_units, "LoadState");
-    if (unit.load == "not-found") {
+    unit.load_state = text(of_units, "LoadState");
+    if (unit.load_state == "not-found") {
         return;
     }
-    unit.active = text(of_units, "ActiveState");
-    unit.sub = text(of_units, "SubState");
-    unit.file = text(of_units, "UnitFileState");
+    unit.active_state = text(of_units, "ActiveState");
+    unit.sub_state = text(of_units, "SubState");
+    unit.unit_file_state = text(of_units, "UnitFileState");
     if (fs::path(unit.name).extension() != ".service") {
         return;
     }
@@ -232,24 +225,6 @@ std::string current_release(Client& client) {
     }
 }
 
-// Shows how far something is, while this thread waits for its end.
-class Ticker {
-public:
-    Ticker(Progress& progress, const Position& position)
-        : ticking_(std::async(std::launch::async, [&progress, position, over = over_.get_future()] {
-              while (over.wait_for(std::chrono::milliseconds(500)) == std::future_status::timeout) {
-                  progress.show(position());
-              }
-          })) {}
-    ~Ticker() { over_.set_value(); }
-    Ticker(const Ticker&) = delete;
-    Ticker& operator=(const Ticker&) = delete;
-
-private:
-    std::promise<void> over_;
-    std::future<void> ticking_;  // waits for the other thread when it is destroyed
-};
-
 // The SHA-256 of a file; shows how far it is, behind what was read before.
 std::string digest_of(const std::string& path, Progress& progress, std::uintmax_t& done) {
     return sha256(path, [&](std::size_t more) { progress.show(done += more); });
@@ -271,14 +246,24 @@ Fd fetch(Client& client, const CompleteInfo& info, Progress& progress) {
     return file;
 }
 
+// Shows how far the inspection is, while this thread waits for its end.
+Inspection inspect_archive(const Fd& archive, const std::string& name, const Config& cfg, Progress& progress) {
+    std::future<void> ticking;  // waits for the other thread when it is destroyed
+    std::promise<void> running;
+    progress.begin("checking the archive");
+    return inspect(memory_path(archive), name, cfg.flavor, [&](const Position& position) {
+        ticking = std::async(std::launch::async, [&progress, position, over = running.get_future()] {
+            while (over.wait_for(std::chrono::milliseconds(500)) == std::future_status::timeout) {
+                progress.show(position());
+            }
+        });
+    });
+}
+
 // By the SHA-256 of every byte.
 void compare(const Fd& archive, const std::string& name, const Config& cfg, const Store& store, Progress& progress,
              Comparison& result) {
-    progress.begin("checking the archive");
-    std::optional<Ticker> ticker;
-    const Inspection inspection = inspect(memory_path(archive), name, cfg.flavor,
-                                          [&](const Position& position) { ticker.emplace(progress, position); });
-    ticker.reset();
+    const Inspection inspection = inspect_archive(archive, name, cfg, progress);
     progress.begin("reading the definitions");
     std::uintmax_t done = 0;
     const std::string fault = first_fault(inspection);
@@ -353,11 +338,11 @@ Unit look_at_unit(const std::string& name, const Config& cfg) {
     }
     const auto ask = [&] {
         ask_systemd(unit, cfg);
-        return json(unit).dump();
+        return nlohmann::json(unit).dump();
     };
     const ChildResult asked = in_child([] {}, ask, patience);
     if (asked.succeeded()) {
-        json::parse(asked.output).get_to(unit);
+        nlohmann::json::parse(asked.output).get_to(unit);
     } else {
         unit.reason = asked.timed_out ? "no answer within 5 s" : asked.output;
     }

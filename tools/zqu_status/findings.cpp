@@ -106,28 +106,29 @@ private:
     [[nodiscard]] std::string enabling(const char* command) const {
         const Unit& unit = facts_.unit;
         std::string enable = shell_line(command, {unit.name});
-        if (!is_one_of(unit.file, {"masked", "masked-runtime"}) || enable.empty()) {
+        if (!is_one_of(unit.unit_file_state, {"masked", "masked-runtime"}) || enable.empty()) {
             return enable;
         }
-        const char* unmask = unit.file == "masked" ? "systemctl unmask" : "systemctl unmask --runtime";
+        const char* unmask = unit.unit_file_state == "masked" ? "systemctl unmask" : "systemctl unmask --runtime";
         return shell_line(unmask, {unit.name}) + " && " + enable;
     }
 
     void judge_unit() {
         const Unit& unit = facts_.unit;
         const std::string name = shown(unit.name);
-        const bool enabled = !is_one_of(unit.file, {"disabled", "enabled-runtime", "masked", "masked-runtime"});
+        const bool enabled =
+            !is_one_of(unit.unit_file_state, {"disabled", "enabled-runtime", "masked", "masked-runtime"});
         if (asked_for_ && !unit.reason.empty()) {
             add("service_unknown", name, shown(unit.reason));
-        } else if (asked_for_ && !unit.load.empty() && unit.active.empty()) {
+        } else if (asked_for_ && !unit.load_state.empty() && unit.active_state.empty()) {
             add("service_stopped", name, "not there");
-        } else if (unit.active == "failed" || unit.sub == "auto-restart") {
+        } else if (unit.active_state == "failed" || unit.sub_state == "auto-restart") {
             add("service_failed", name, unit.result, shell_line("systemctl restart", {unit.name}));
-        } else if (unit.active == "inactive") {
-            add("service_stopped", name, enabled ? "stopped" : "stopped and " + unit.file,
+        } else if (unit.active_state == "inactive") {
+            add("service_stopped", name, enabled ? "stopped" : "stopped and " + unit.unit_file_state,
                 enabled ? shell_line("systemctl start", {unit.name}) : enabling("systemctl enable --now"));
-        } else if (!unit.active.empty() && !enabled) {
-            add("service_disabled", name, unit.file, enabling("systemctl enable"));
+        } else if (!unit.active_state.empty() && !enabled) {
+            add("service_disabled", name, unit.unit_file_state, enabling("systemctl enable"));
         }
         for (const std::string& path : unit.writable) {
             add("drop_in_left", name, shown(path));
@@ -264,7 +265,7 @@ private:
             add("publication_in_future", utc_text(*store_.published));
         }
         if (store_.published) {
-            judge_age("definitions_old", *store_.published, limits_.definitions);
+            judge_age("definitions_old", *store_.published, limits_.definitions_age);
         }
     }
 
@@ -317,7 +318,7 @@ private:
         if (status.last_check_epoch > facts_.now + tolerance) {
             add("check_in_future", utc_text(status.last_check_epoch));
         }
-        judge_age("check_late", status.last_check_epoch, limits_.check);
+        judge_age("check_late", status.last_check_epoch, limits_.check_age);
         const bool readable = store_.link == LinkState::in_service || store_.link == LinkState::dangling;
         const bool fresh = age(facts_.now, store_.published.value_or(0)) <= settling;
         if (readable && !fresh && status.active_version != tools::as_utf8(store_.version)) {
@@ -342,10 +343,9 @@ std::int64_t longest_between_checks(const Config& cfg) {
     return std::int64_t{cfg.poll_interval_s} + std::int64_t{cfg.poll_jitter_s} + 2 * (3 * transfer + disk_work);
 }
 
-Limit limit_for(const std::optional<std::int64_t>& warning, const std::optional<std::int64_t>& critical,
-                std::int64_t standard) {
-    const std::int64_t first = warning.value_or(standard);
-    return {first, critical.value_or(2 * (first > 0 ? first : standard))};
+Limit limit_for(const Limit& wish, std::int64_t standard) {
+    const std::int64_t first = wish.warning < 0 ? standard : wish.warning;
+    return {first, wish.critical < 0 ? 2 * (first > 0 ? first : standard) : wish.critical};
 }
 
 }  // namespace
@@ -354,9 +354,9 @@ std::int64_t age(std::int64_t now, std::int64_t event) {
     return event >= now ? 0 : now - event;
 }
 
-Limits limits_for(const Wishes& wishes, const Config& cfg) {
-    return {limit_for(wishes.warn_age, wishes.crit_age, old_definitions),
-            limit_for(wishes.warn_check, wishes.crit_check, longest_between_checks(cfg))};
+Limits limits_for(const Limits& wishes, const Config& cfg) {
+    return {limit_for(wishes.definitions_age, old_definitions),
+            limit_for(wishes.check_age, longest_between_checks(cfg))};
 }
 
 Report judge(Facts facts, const Limits& limits, bool asked_for) {
@@ -367,10 +367,11 @@ Report judge(Facts facts, const Limits& limits, bool asked_for) {
 }
 
 std::string unit_text(const Unit& unit) {
-    if (!unit.active.empty()) {
-        return unit.active + " (" + unit.sub + ")" + (unit.file.empty() ? "" : ", " + unit.file);
+    if (!unit.active_state.empty()) {
+        return unit.active_state + " (" + unit.sub_state + ")" +
+               (unit.unit_file_state.empty() ? "" : ", " + unit.unit_file_state);
     }
-    return unit.reason.empty() ? unit.load : "not known: " + shown(unit.reason);
+    return unit.reason.empty() ? unit.load_state : "not known: " + shown(unit.reason);
 }
 
 }  // namespace zqu::status_tool

@@ -150,14 +150,12 @@ json status_json(const StatusFile& status) {
 }
 
 json unit_json(const Unit& unit) {
-    const bool found = !unit.active.empty();
-    return {{"name", unit.name},
-            {"load_state", known(!unit.load.empty(), unit.load)},
-            {"active_state", known(found, unit.active)},
-            {"sub_state", known(found, unit.sub)},
-            {"unit_file_state", known(found, unit.file)},
-            {"result", known(found, unit.result)},
-            {"reason", known(!unit.reason.empty(), unit.reason)}};
+    json words = nlohmann::json(unit);
+    words.erase("writable");
+    for (json& word : words) {
+        word = known(word != "", word);
+    }
+    return words;
 }
 
 json next_check_json(const Facts& facts) {
@@ -173,15 +171,11 @@ json comparison_json(const Comparison& comparison) {
             {"certificate_end_epoch", known(end != 0, end)}};
 }
 
-json limit_json(const Limit& limit) {
-    return {{"warning", limit.warning}, {"critical", limit.critical}};
-}
-
 std::string summary(const Report& report) {
     const Facts& facts = report.facts;
     const std::string unit = unit_text(facts.unit);
     std::string text;
-    bool unit_said = facts.unit.reason.empty() || !facts.unit.active.empty();
+    bool unit_said = facts.unit.reason.empty() || !facts.unit.active_state.empty();
     for (const Matter& finding : report.findings) {
         text += (text.empty() ? "" : "; ") + finding.text;
         unit_said = unit_said || finding.name == "service_unknown";
@@ -208,17 +202,13 @@ void unit(const Unit& unit, Exposition& out) {
     if (unit_text(unit).empty()) {
         return;
     }
-    const auto known_word = [&unit](const std::string& word) {
-        return unit.reason.empty() || !word.empty() ? word : "unknown";
-    };
+    const nlohmann::json words = unit;
+    Exposition::Labels labels{{"unit", unit.name}};
+    for (const char* name : {"load_state", "active_state", "sub_state", "unit_file_state", "result"}) {
+        labels.emplace_back(name, unit.reason.empty() || words[name] != "" ? words[name] : "unknown");
+    }
     out.head("unit_info", "The state of the updater's unit, in systemd's words, or unknown; always 1.");
-    out.sample({{"unit", unit.name},
-                {"load_state", known_word(unit.load)},
-                {"active_state", known_word(unit.active)},
-                {"sub_state", known_word(unit.sub)},
-                {"unit_file_state", known_word(unit.file)},
-                {"result", known_word(unit.result)}},
-               "1");
+    out.sample(labels, "1");
 }
 
 void store(const Facts& facts, Exposition& out) {
@@ -286,8 +276,7 @@ std::string json_form(const Report& report) {
         {"comparison",
          facts.comparison.state == ComparisonState::not_asked_for ? json() : comparison_json(facts.comparison)},
         {"unit", unit_text(facts.unit).empty() ? json() : unit_json(facts.unit)},
-        {"limits_s",
-         {{"definitions_age", limit_json(report.limits.definitions)}, {"check_age", limit_json(report.limits.check)}}},
+        {"limits_s", nlohmann::json(report.limits)},
     };
     return document.dump(2, ' ', true, json::error_handler_t::replace) + "\n";
 }
@@ -296,10 +285,11 @@ std::string nagios_form(const Report& report) {
     const Facts& facts = report.facts;
     std::string data;
     if (facts.store.published) {
-        data += performance("age", age(facts.now, *facts.store.published), report.limits.definitions);
+        data += performance("age", age(facts.now, *facts.store.published), report.limits.definitions_age);
     }
     if (facts.looked && facts.status.state == StatusState::valid) {
-        data += performance("check_age", age(facts.now, facts.status.contents.last_check_epoch), report.limits.check);
+        data +=
+            performance("check_age", age(facts.now, facts.status.contents.last_check_epoch), report.limits.check_age);
     }
     return nagios_line(nagios_service, report.verdict, summary(report), data);
 }
@@ -309,11 +299,12 @@ std::string prometheus_form(const Report& report) {
     verdicts(report, out);
     unit(report.facts.unit, out);
     out.limit("definitions_age_limit_seconds", "Age of the release from which on it is too old.",
-              report.limits.definitions);
+              report.limits.definitions_age);
     if (report.facts.looked) {
         store(report.facts, out);
         check(report.facts, out);
-        out.limit("check_age_limit_seconds", "Age of the last check from which on it is too old.", report.limits.check);
+        out.limit("check_age_limit_seconds", "Age of the last check from which on it is too old.",
+                  report.limits.check_age);
     }
     out.gauge("observation_timestamp_seconds", "When zqu-status looked.", report.facts.now);
     return out.text();

@@ -42,7 +42,7 @@ struct Request {
     bool prometheus = false;
     bool quiet = false;
     bool verify = false;
-    Wishes wishes;
+    Limits wishes = no_wishes;
 };
 
 void add_options(CLI::App& app, Request& request) {
@@ -65,12 +65,13 @@ void add_options(CLI::App& app, Request& request) {
         request.timeout_s = static_cast<std::uint32_t>(std::min<std::int64_t>(seconds, UINT32_MAX));
     };
     add_duration(app, "--timeout", take_timeout, "Longest time of one transfer (http_timeout_s)", 1)->needs(verify);
+    Limits& wishes = request.wishes;
     for (const auto& [name, limit, description] :
-         {std::tuple("--warn-age", &request.wishes.warn_age, "Warn when the release is older (2d)"),
-          std::tuple("--crit-age", &request.wishes.crit_age, "Critical when it is older (twice the warning)"),
-          std::tuple("--warn-check", &request.wishes.warn_check,
+         {std::tuple("--warn-age", &wishes.definitions_age.warning, "Warn when the release is older (2d)"),
+          std::tuple("--crit-age", &wishes.definitions_age.critical, "Critical when it is older (twice the warning)"),
+          std::tuple("--warn-check", &wishes.check_age.warning,
                      "Warn when the last check is older (the longest that two checks can be apart)"),
-          std::tuple("--crit-check", &request.wishes.crit_check, "Critical when it is older (twice the warning)")}) {
+          std::tuple("--crit-check", &wishes.check_age.critical, "Critical when it is older (twice the warning)")}) {
         add_duration(
             app, name, [limit = limit](std::int64_t seconds) { *limit = seconds; }, description);
     }
@@ -138,12 +139,6 @@ void replace_file(const std::filesystem::path& target, const std::string& text) 
     }
 }
 
-// What a signal that ends the plugin makes it print; made beforehand, as a handler may not.
-struct LastWords {
-    int signal;
-    std::string line{};
-};
-std::array<LastWords, 3> last_words{{{SIGTERM}, {SIGINT}, {SIGHUP}}};
 volatile std::sig_atomic_t answered = 0;
 const pid_t plugin = getpid();
 
@@ -153,23 +148,19 @@ void end_by(int signal) {
         static_cast<void>(raise(signal));
         return;
     }
-    for (const LastWords& words : last_words) {
-        if (words.signal == signal && answered == 0) {
-            static_cast<void>(write(STDOUT_FILENO, words.line.data(), words.line.size()) == 0);
-        }
+    for (const char* part : {nagios_service, " UNKNOWN - ended by signal: ", sigdescr_np(signal), "\n"}) {
+        static_cast<void>(answered == 0 && write(STDOUT_FILENO, part, std::strlen(part)) > 0);
     }
     _exit(could_not_tell);
 }
 
 // A monitoring system takes no other exit status than 0 to 3. Signals that were ignored at the start stay so.
 void answer_signals() {
-    for (LastWords& words : last_words) {
-        const std::string reason = std::string("ended by signal: ") + strsignal(words.signal);
-        words.line = nagios_line(nagios_service, Verdict::unknown, reason);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
         struct sigaction at_start {};
-        sigaction(words.signal, nullptr, &at_start);
+        sigaction(signal, nullptr, &at_start);
         if (at_start.sa_handler != SIG_IGN) {
-            static_cast<void>(std::signal(words.signal, end_by));
+            static_cast<void>(std::signal(signal, end_by));
         }
     }
 }

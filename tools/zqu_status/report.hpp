@@ -23,7 +23,10 @@
 namespace zqu {
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(SnapshotStore::Status, active_version, engine_version, antivir_def_version,
                                    aivsecon_def_version, last_check_epoch, last_success_epoch, last_error)
+namespace tools {
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Limit, warning, critical)
 }
+}  // namespace zqu
 
 namespace zqu::status_tool {
 
@@ -142,15 +145,17 @@ struct Layout {
 
 // The state of the daemon's unit, in systemd's words. No text but the name without systemd.
 struct Unit {
-    std::string name;                     // empty: not asked for
-    std::string reason;                   // why nothing is known
-    std::string load;                     // LoadState; with "not-found" nothing else is known
-    std::string active;                   // ActiveState
-    std::string sub;                      // SubState
-    std::string file;                     // UnitFileState
-    std::string result;                   // Result of its last run
+    std::string name;        // empty: not asked for
+    std::string reason;      // why nothing is known
+    std::string load_state;  // with "not-found" nothing else is known
+    std::string active_state;
+    std::string sub_state;
+    std::string unit_file_state;
+    std::string result;                   // of its last run
     std::vector<std::string> writable{};  // paths that drop-ins let it write, outside def_root and the status file
 };
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Unit, name, reason, load_state, active_state, sub_state, unit_file_state, result,
+                                   writable)
 
 enum class ComparisonState { not_asked_for, same, differs, gone, failed };
 inline const char* name_of(ComparisonState state) {
@@ -227,23 +232,19 @@ struct Matter {
 };
 
 struct Limits {
-    tools::Limit definitions;  // time since the publication
-    tools::Limit check;        // time since the last check
+    tools::Limit definitions_age;  // time since the publication
+    tools::Limit check_age;        // time since the last check
 };
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Limits, definitions_age, check_age)
 
-// The limits that the command line sets.
-struct Wishes {
-    std::optional<std::int64_t> warn_age;
-    std::optional<std::int64_t> crit_age;
-    std::optional<std::int64_t> warn_check;
-    std::optional<std::int64_t> crit_check;
-};
+// As wishes of the command line: none is set.
+inline constexpr Limits no_wishes{{-1, -1}, {-1, -1}};
 
-// The limits in force. Without wishes: a warning for definitions older than two days, and for checks further apart than
-// the longest wait and twice the longest check (three transfers, five minutes of work on the disk); twice because the
-// status says when a check began and is written when it ends. Critical is twice the warning, or twice its default when
-// the warning is off.
-[[nodiscard]] Limits limits_for(const Wishes& wishes, const Config& cfg);
+// The limits in force. Where no wish is set: a warning for definitions older than two days, and for checks further
+// apart than the longest wait and twice the longest check (three transfers, five minutes of work on the disk); twice
+// because the status says when a check began and is written when it ends. Critical is twice the warning, or twice its
+// default when the warning is off.
+[[nodiscard]] Limits limits_for(const Limits& wishes, const Config& cfg);
 
 // Seconds since an event; 0 for one that the clock has not reached.
 [[nodiscard]] std::int64_t age(std::int64_t now, std::int64_t event);
