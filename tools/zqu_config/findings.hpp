@@ -17,6 +17,7 @@ namespace zqu::config_tool {
 // A line that is not blank.
 struct Line {
     std::size_t number = 0;                 // from 1
+    std::size_t start = 0;                  // offset of its first byte in the file
     std::string text;                       // trimmed
     std::string key;                        // before the first "=", trimmed; for messages only
     std::string value;                      // after it, likewise
@@ -50,6 +51,9 @@ struct Reading {
 // note: worth knowing. warning: the daemon runs, but maybe not as meant. error: updates, the status file or the daemon
 // itself fail.
 enum class Severity { note, warning, error };
+inline constexpr auto note = Severity::note;
+inline constexpr auto warning = Severity::warning;
+inline constexpr auto error = Severity::error;
 
 struct LineFinding {
     Severity severity = Severity::note;
@@ -66,9 +70,7 @@ struct Rule {
 // In the order of the lines, those without a line last; on one line in the order they came.
 class Findings {
 public:
-    void note(std::size_t line, const std::string& text) { add(Severity::note, line, text); }
-    void warning(std::size_t line, const std::string& text) { add(Severity::warning, line, text); }
-    void error(std::size_t line, const std::string& text) { add(Severity::error, line, text); }
+    void add(Severity severity, std::size_t line, const std::string& text);
 
     // Adds the text of the first rule that applies, about key. Returns whether one does.
     bool first(std::size_t line, const std::string& key, const std::vector<Rule>& rules);
@@ -82,8 +84,6 @@ public:
     [[nodiscard]] std::string as_json(const std::string& path) const;
 
 private:
-    void add(Severity severity, std::size_t line, const std::string& text);
-
     std::vector<LineFinding> all_;
 };
 

@@ -48,12 +48,13 @@ Findings find(const ConfigRequest& request) {
     const Reading reading = read_configuration(request.paths.front());
     Findings findings;
     if (reading.denied && user.can_ask()) {
-        findings.error(
-            0, "user " + user.name + " may not read the file (Permission denied): the daemon would go by its defaults");
+        findings.add(
+            error, 0,
+            "user " + user.name + " may not read the file (Permission denied): the daemon would go by its defaults");
     } else if (reading.denied) {
-        findings.warning(0, reading.trouble + "; nothing was checked");
+        findings.add(warning, 0, reading.trouble + "; nothing was checked");
     } else if (!reading.trouble.empty()) {
-        findings.error(0, reading.trouble);
+        findings.add(error, 0, reading.trouble);
     }
     if (!reading.trouble.empty()) {
         return findings;
@@ -65,7 +66,7 @@ Findings find(const ConfigRequest& request) {
     check_values(reading, findings);
     check_libraries(findings);
     if (!user.remark.empty()) {
-        findings.note(0, user.remark);
+        findings.add(note, 0, user.remark);
     }
     check_paths(reading, user, findings);
     if (request.online) {
@@ -80,10 +81,10 @@ int check(const ConfigRequest& request) {
         const std::string& path = request.paths.front();
         print(request.json ? findings.as_json(path) : findings.as_text(path));
     }
-    if (findings.count(Severity::error) != 0) {
+    if (findings.count(error) != 0) {
         return faulty;
     }
-    return findings.count(Severity::warning) != 0 ? warned : clean;
+    return findings.count(warning) != 0 ? warned : clean;
 }
 
 int show(const ConfigRequest& request) {

@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <stdexcept>
 
 #include "descriptors.hpp"
@@ -46,14 +45,12 @@ int ask(const std::string& path, int mode) {
 
 // What is at a path, links followed.
 struct At {
-    explicit At(const std::string& path) { error = stat(path.c_str(), &status) == 0 ? 0 : errno; }
+    explicit At(const std::string& path) : status(fs::status(path, fault)) {}
 
-    [[nodiscard]] bool there() const { return error == 0; }
-    [[nodiscard]] bool is_directory() const { return there() && S_ISDIR(status.st_mode); }
-    [[nodiscard]] bool is_file() const { return there() && S_ISREG(status.st_mode); }
+    [[nodiscard]] bool has(fs::perms mode) const { return (status.permissions() & mode) != fs::perms::none; }
 
-    struct stat status {};
-    int error = 0;
+    std::error_code fault{};
+    fs::file_status status;
 };
 
 bool is_link(const std::string& path) {
@@ -61,8 +58,8 @@ bool is_link(const std::string& path) {
     return fs::is_symlink(fs::symlink_status(path, ignored));
 }
 
-std::string reason(int error) {
-    return std::string(" (") + std::strerror(error) + ")";
+std::string reason(const std::error_code& fault) {
+    return " (" + fault.message() + ")";
 }
 
 bool is_same_file(const std::string& a, const std::string& b) {
@@ -117,16 +114,17 @@ struct Paths {
     void check_configuration() {
         const std::string unreadable = why_not(reading.path, R_OK);
         if (!unreadable.empty()) {
-            findings.error(0, "user " + user.name + " may not read the file" + unreadable +
-                                  ": the daemon would go by its defaults");
+            findings.add(
+                error, 0,
+                "user " + user.name + " may not read the file" + unreadable + ": the daemon would go by its defaults");
         }
         const std::string directory = fs::absolute(reading.path).parent_path();
         check_writers({"", reading.path});
         check_writers({"", directory});
-        const bool sticky = (At(directory).status.st_mode & S_ISVTX) != 0;  // others' files cannot be replaced there
+        const bool sticky = At(directory).has(fs::perms::sticky_bit);  // others' files cannot be replaced there
         if (user.is_service && user.uid != 0 &&
             (refusal(user, reading.path, W_OK) == 0 || (!sticky && refusal(user, directory, W_OK | X_OK) == 0))) {
-            findings.warning(0, "user " + user.name + ", whom the daemon runs as, can change or replace the file");
+            findings.add(warning, 0, "user " + user.name + ", whom the daemon runs as, can change or replace the file");
         }
     }
 
@@ -137,8 +135,8 @@ struct Paths {
             return;
         }
         std::string fault;
-        if (!at.is_file()) {
-            fault = at.there() ? " is not a regular file" : " cannot be examined" + reason(at.error);
+        if (!fs::is_regular_file(at.status)) {
+            fault = at.fault ? " cannot be examined" + reason(at.fault) : " is not a regular file";
         } else {
             check_absolute(place);
             check_writers(place);
@@ -146,7 +144,7 @@ struct Paths {
             fault = fault.empty() ? fault_of_certificates(place.path) : " cannot be read by user " + user.name + fault;
         }
         if (!fault.empty()) {
-            error(place, fault + ": no transfer over https succeeds");
+            add(error, place, fault + ": no transfer over https succeeds");
         }
     }
 
@@ -154,22 +152,23 @@ struct Paths {
         const ConfiguredPath place = place_of("def_root", cfg.def_root);
         if (place.path.empty() || normal(place.path) == "/") {
             const std::string what = place.path.empty() ? "def_root: empty" : place.start();
-            findings.error(place.line, what + ": the definitions lie in /snapshots; name a directory of their own");
+            findings.add(error, place.line,
+                         what + ": the definitions lie in /snapshots; name a directory of their own");
             return;
         }
         check_absolute(place);
         check_directory(place);
-        if (!At(place.path).is_directory()) {
+        if (!fs::is_directory(At(place.path).status)) {
             return;
         }
         const ConfiguredPath snapshots = place_of("def_root", cfg.def_root + "/snapshots");
-        if (At(snapshots.path).error != ENOENT || is_link(snapshots.path)) {
+        if (At(snapshots.path).fault != std::errc::no_such_file_or_directory || is_link(snapshots.path)) {
             check_directory(snapshots);
         }
         for (const std::string name : {"/active", "/active.tmp"}) {
             const ConfiguredPath link = place_of("def_root", cfg.def_root + name);
-            if (At(link.path).is_directory() && !is_link(link.path)) {
-                error(link, " is a directory: no release can be put into service");
+            if (fs::is_directory(At(link.path).status) && !is_link(link.path)) {
+                add(error, link, " is a directory: no release can be put into service");
             }
         }
     }
@@ -177,17 +176,17 @@ struct Paths {
     void check_status() {
         const ConfiguredPath place = place_of("status_path", cfg.status_path);
         if (place.path.empty()) {
-            findings.warning(place.line, "status_path: empty: no status file is written");
+            findings.add(warning, place.line, "status_path: empty: no status file is written");
             return;
         }
         check_absolute(place);
         const Config defaults;
         if (!is_same_file(cfg.def_root, defaults.def_root) && is_within(place.path, defaults.def_root)) {
             const std::size_t line = place.line != 0 ? place.line : reading.line("def_root");
-            findings.warning(line, place.start() + " does not follow def_root, which is elsewhere");
+            findings.add(warning, line, place.start() + " does not follow def_root, which is elsewhere");
         }
         if (is_within(cfg.def_root, place.path)) {
-            error(place, " is def_root or contains it: no status file is written");
+            add(error, place, " is def_root or contains it: no status file is written");
         } else {
             check_status_place(place);
             check_status_file(place);
@@ -204,7 +203,7 @@ struct Paths {
              {place_of("ca_path", cfg.ca_path), place_of("mirror_base_url", local_path(cfg.mirror_base_url))}) {
             for (const std::string hidden : {"/home", "/root", "/run/user", "/tmp", "/var/tmp"}) {
                 if (is_within(place.path, hidden)) {
-                    warning(place, " is hidden from the service, as all of " + hidden + " is");
+                    add(warning, place, " is hidden from the service, as all of " + hidden + " is");
                 }
             }
         }
@@ -213,20 +212,22 @@ struct Paths {
     // A directory that the daemon writes into, and makes at its start when it is missing.
     void check_directory(const ConfiguredPath& place) {
         const At at(place.path);
-        if (at.error == ENOENT && !is_link(place.path)) {
+        if (at.fault == std::errc::no_such_file_or_directory && !is_link(place.path)) {
             const std::string existing = existing_part(place.path);
-            const std::string refused =
-                At(existing).is_directory() ? why_not(existing, W_OK | X_OK | room_too) : reason(ENOTDIR);
+            const std::string refused = fs::is_directory(At(existing).status)
+                                            ? why_not(existing, W_OK | X_OK | room_too)
+                                            : reason(std::make_error_code(std::errc::not_a_directory));
             if (refused.empty()) {
-                note(place, " is missing: the daemon makes it");
+                add(note, place, " is missing: the daemon makes it");
             } else {
-                error(place, " is missing, and user " + user.name + " cannot make it in " + quoted(existing) + refused);
+                add(error, place,
+                    " is missing, and user " + user.name + " cannot make it in " + quoted(existing) + refused);
             }
-        } else if (at.error != 0 && !is_hidden(place, at.error)) {
-            error(place, " cannot be examined" + reason(at.error));
-        } else if (at.there() && !at.is_directory()) {
-            error(place, " is no directory");
-        } else if (at.there()) {
+        } else if (at.fault && !is_hidden(place, at.fault.value())) {
+            add(error, place, " cannot be examined" + reason(at.fault));
+        } else if (!at.fault && !fs::is_directory(at.status)) {
+            add(error, place, " is no directory");
+        } else if (!at.fault) {
             require_writable(place, W_OK | X_OK | room_too);
             check_writers(place);
         }
@@ -236,29 +237,29 @@ struct Paths {
     void check_status_place(const ConfiguredPath& place) {
         for (const std::string name : {"/active", "/active.tmp", "/snapshots"}) {
             if (is_within(place.path, cfg.def_root + name)) {
-                error(place, " is in the way of " + quoted(cfg.def_root + name));
+                add(error, place, " is in the way of " + quoted(cfg.def_root + name));
             }
         }
         if (is_same_file(place.path, reading.path)) {
-            error(place, " is the configuration: the daemon would overwrite it");
+            add(error, place, " is the configuration: the daemon would overwrite it");
         }
         if (!cfg.ca_path.empty() && is_same_file(place.path, cfg.ca_path)) {
-            error(place, " is the file of ca_path: the daemon would overwrite it");
+            add(error, place, " is the file of ca_path: the daemon would overwrite it");
         }
     }
 
     void check_status_file(const ConfiguredPath& place) {
         const At at(place.path);
-        if (is_hidden(place, at.error)) {
+        if (is_hidden(place, at.fault.value())) {
             return;
         }
-        if (at.is_directory() || place.path.back() == '/') {
-            error(place, " is a directory: no status file is written");
-        } else if (at.there() && S_ISFIFO(at.status.st_mode)) {
-            error(place, " is a FIFO: the daemon waits for a reader");
-        } else if (at.there() && !at.is_file()) {
-            warning(place, " is not a regular file");
-        } else if (at.there()) {
+        if (fs::is_directory(at.status) || place.path.back() == '/') {
+            add(error, place, " is a directory: no status file is written");
+        } else if (fs::is_fifo(at.status)) {
+            add(error, place, " is a FIFO: the daemon waits for a reader");
+        } else if (fs::is_other(at.status)) {
+            add(warning, place, " is not a regular file");
+        } else if (fs::exists(at.status)) {
             require_writable(place, W_OK);
         } else {
             const std::string directory = fs::path(place.path).parent_path();
@@ -269,36 +270,36 @@ struct Paths {
     void check_writable_in_unit(const ConfiguredPath& place, const std::string& directory) {
         const Config defaults;
         if (!directory.empty() && directory.front() == '/' && !is_within(directory, defaults.def_root)) {
-            note(place, " needs a drop-in of the unit to be written by the service: ReadWritePaths=" + directory);
+            add(note, place, " needs a drop-in of the unit to be written by the service: ReadWritePaths=" + directory);
         }
     }
 
     void check_absolute(const ConfiguredPath& place) {
         if (place.path.front() != '/') {
-            warning(place, " depends on the directory that the daemon is started in");
+            add(warning, place, " depends on the directory that the daemon is started in");
         }
     }
 
     // They decide what is put into service.
     void check_writers(const ConfiguredPath& place) {
         const At at(place.path);
-        if (at.there() && (at.status.st_mode & S_IWOTH) != 0 && (at.status.st_mode & S_ISVTX) == 0) {
-            warning(place, " can be written by everybody");
+        if (!at.fault && at.has(fs::perms::others_write) && !at.has(fs::perms::sticky_bit)) {
+            add(warning, place, " can be written by everybody");
         }
     }
 
     void require_writable(const ConfiguredPath& place, int mode) {
         const std::string unwritable = why_not(place.path, mode);
         if (!unwritable.empty()) {
-            error(place, " cannot be written by user " + user.name + unwritable);
+            add(error, place, " cannot be written by user " + user.name + unwritable);
         }
     }
 
     // Whether the error is this program's, and says nothing about the daemon.
-    bool is_hidden(const ConfiguredPath& place, int error) {
-        const bool hidden = error == EACCES && !user.can_ask();
+    bool is_hidden(const ConfiguredPath& place, int fault) {
+        const bool hidden = fault == EACCES && !user.can_ask();
         if (hidden) {
-            warning(place, " cannot be read by you (user " + user.name + "): run as root; it was not checked");
+            add(warning, place, " cannot be read by you (user " + user.name + "): run as root; it was not checked");
         }
         return hidden;
     }
@@ -309,16 +310,12 @@ struct Paths {
 
     // Empty when the user may do that, and when that cannot be asked.
     [[nodiscard]] std::string why_not(const std::string& path, int mode) const {
-        const int error = user.can_ask() ? refusal(user, path, mode) : 0;
-        return error == 0 ? "" : reason(error);
+        const std::error_code refused(user.can_ask() ? refusal(user, path, mode) : 0, std::generic_category());
+        return refused ? reason(refused) : "";
     }
 
-    void note(const ConfiguredPath& place, const std::string& text) { findings.note(place.line, place.start() + text); }
-    void warning(const ConfiguredPath& place, const std::string& text) {
-        findings.warning(place.line, place.start() + text);
-    }
-    void error(const ConfiguredPath& place, const std::string& text) {
-        findings.error(place.line, place.start() + text);
+    void add(Severity severity, const ConfiguredPath& place, const std::string& text) {
+        findings.add(severity, place.line, place.start() + text);
     }
 };
 

@@ -33,64 +33,41 @@ Config filled(const std::string& text, std::uint32_t number) {
     return cfg;
 }
 
-// Learns what each line of a text does.
-class Learner {
-public:
-    explicit Learner(const std::string& text) : text_(text) {
-        for (std::size_t start = 0, end = 0, number = 1; start < text.size(); start = end + 1, ++number) {
-            end = std::min(text.find('\n', start), text.size());
-            add_line(number, start, trim(text.substr(start, end - start)));
-        }
-        starts_.push_back(text.size());
-    }
-
-    [[nodiscard]] std::vector<Line> learn() {
-        learn(0, lines_.size());
-        return std::move(lines_);
-    }
-
-private:
-    void add_line(std::size_t number, std::size_t start, const std::string& text) {
-        if (text.empty()) {
-            return;
-        }
-        const auto equals = std::min(text.find('='), text.size());
-        const std::string key = equals < text.size() ? trim(text.substr(0, equals)) : "";
-        const std::string value = equals < text.size() ? trim(text.substr(equals + 1)) : "";
-        lines_.push_back({number, text, key, value});
-        starts_.push_back(start);
-    }
-
-    // Loads the lines over two configurations that differ in each setting: one that is equal then was set by them. Goes
-    // into the parts of lines that have an effect.
-    void learn(std::size_t first, std::size_t end) {
-        const Fd file = memory_file(text_.substr(starts_[first], starts_[end] - starts_[first]));
-        const std::string path = memory_path(file);
-        Config a = filled("a", 0);
-        Config b = filled("b", 1);
-        const Fatal fatal = load_configuration(path, a);
-        static_cast<void>(load_configuration(path, b));
-        const auto is_set = [&](const Setting& setting) { return setting.of(a) == setting.of(b); };
-        const auto* const set = std::find_if(settings.begin(), settings.end(), is_set);
-        if (set == settings.end() && fatal == Fatal::no) {
-            return;
-        }
-        if (end - first == 1) {
-            lines_[first].fatal = fatal;
-            lines_[first].sets = fatal == Fatal::no ? set : nullptr;
-            lines_[first].daemons_value = lines_[first].sets != nullptr ? set->of(a) : "";
-            return;
-        }
-        const std::size_t step = (end - first + 15) / 16;
-        for (std::size_t next = first; next < end; next += step) {
-            learn(next, std::min(next + step, end));
+std::vector<Line> lines_of(const std::string& text) {
+    std::vector<Line> lines;
+    for (std::size_t start = 0, end = 0, number = 1; start < text.size(); start = end + 1, ++number) {
+        end = std::min(text.find('\n', start), text.size());
+        const std::string line = trim(text.substr(start, end - start));
+        const auto equals = line.find('=');
+        if (!line.empty()) {
+            const std::string value = trim(line.substr(std::min(equals, line.size() - 1) + 1));
+            lines.push_back({number, start, line, trim(line.substr(0, equals)), value});
         }
     }
+    return lines;
+}
 
-    const std::string& text_;
-    std::vector<std::size_t> starts_;  // of each line, and the end of the text
-    std::vector<Line> lines_;
-};
+// Learns what lines of the text do: loads them over two configurations that differ in each setting. One that is equal
+// then was set by them. Goes into the halves that have an effect.
+void learn(const std::string& text, std::vector<Line>& lines, std::size_t first, std::size_t end) {
+    const std::size_t start = first < end ? lines[first].start : text.size();
+    const Fd file = memory_file(text.substr(start, end < lines.size() ? lines[end].start - start : text.npos));
+    Config a = filled("a", 0);
+    Config b = filled("b", 1);
+    const Fatal fatal = load_configuration(memory_path(file), a);
+    static_cast<void>(load_configuration(memory_path(file), b));
+    const auto is_set = [&](const Setting& setting) { return setting.of(a) == setting.of(b); };
+    const auto* const set = std::find_if(settings.begin(), settings.end(), is_set);
+    if (end - first > 1 && (set != settings.end() || fatal != Fatal::no)) {
+        const std::size_t middle = first + (end - first) / 2;
+        learn(text, lines, first, middle);
+        learn(text, lines, middle, end);
+    } else if (set != settings.end() || fatal != Fatal::no) {
+        lines[first].fatal = fatal;
+        lines[first].sets = fatal == Fatal::no ? set : nullptr;
+        lines[first].daemons_value = fatal == Fatal::no ? set->of(a) : "";
+    }
+}
 
 std::string kind_of(mode_t mode) {
     if (S_ISDIR(mode)) {
@@ -129,15 +106,15 @@ void check_controls(const Line& line, Findings& findings) {
     if (found == line.text.end()) {
         return;
     }
-    findings.warning(line.number,
-                     *found == '\r' ? "a carriage return in the middle ends no line: what follows belongs to this one"
-                                    : "the control byte " + printable(std::string(1, *found)) + " is part of the line");
+    findings.add(warning, line.number,
+                 *found == '\r' ? "a carriage return in the middle ends no line: what follows belongs to this one"
+                                : "the control byte " + printable(std::string(1, *found)) + " is part of the line");
 }
 
 void check_mark(const Line& line, Findings& findings) {
     for (const std::string mark : {"\xEF\xBB\xBF", "\xFF\xFE", "\xFE\xFF"}) {
         if (line.text.compare(0, mark.size(), mark) == 0) {
-            findings.warning(line.number, "the byte order mark " + printable(mark) + " is part of the line");
+            findings.add(warning, line.number, "the byte order mark " + printable(mark) + " is part of the line");
         }
     }
 }
@@ -152,7 +129,7 @@ void check_no_equals(const Line& line, Findings& findings) {
     } else if (find_setting(word) != nullptr) {
         text = word + " is not set here: the line has no \"=\", and is ignored";
     }
-    findings.warning(line.number, text);
+    findings.add(warning, line.number, text);
 }
 
 // The key that shares most letters with name, at its start and its end; empty when more than a third of them differ.
@@ -191,17 +168,18 @@ std::string hint_at_key(const std::string& key) {
 
 void check_unknown_key(const Line& line, Findings& findings) {
     if (line.key.empty()) {
-        findings.warning(line.number, "no key before the \"=\": the line is ignored");
+        findings.add(warning, line.number, "no key before the \"=\": the line is ignored");
     } else {
-        findings.warning(line.number, "unknown key " + excerpt(line.key) + " is ignored" + hint_at_key(line.key));
+        findings.add(warning, line.number, "unknown key " + excerpt(line.key) + " is ignored" + hint_at_key(line.key));
     }
 }
 
 void check_fatal(const Line& line, Findings& findings) {
     const bool digits = line.fatal == Fatal::too_large;
-    findings.error(line.number, line.key + ": " + (line.value.empty() ? "the empty value" : excerpt(line.value)) +
-                                    (digits ? " is beyond 64 bits" : " does not begin with a digit") +
-                                    ": the daemon would end at its start");
+    findings.add(error, line.number,
+                 line.key + ": " + (line.value.empty() ? "the empty value" : excerpt(line.value)) +
+                     (digits ? " is beyond 64 bits" : " does not begin with a digit") +
+                     ": the daemon would end at its start");
 }
 
 // Explains why the daemon's number is not the text.
@@ -220,7 +198,7 @@ void check_number(const Line& line, Findings& findings) {
         why += ", only the low 32 bits are kept";
     }
     if (!why.empty()) {
-        findings.warning(line.number, line.key + ": " + excerpt(line.value) + " is read as " + read + why);
+        findings.add(warning, line.number, line.key + ": " + excerpt(line.value) + " is read as " + read + why);
     }
 }
 
@@ -248,7 +226,7 @@ void check_text(const Line& line, Findings& findings) {
     };
     for (const auto& [applies, what] : misunderstood) {
         if (applies) {
-            findings.warning(line.number, line.key + ": " + what + " of the value " + excerpt(value));
+            findings.add(warning, line.number, line.key + ": " + what + " of the value " + excerpt(value));
         }
     }
 }
@@ -291,7 +269,8 @@ Reading read_configuration(const std::string& path) {
     if (!reading.trouble.empty()) {
         return reading;
     }
-    reading.lines = Learner(text).learn();
+    reading.lines = lines_of(text);
+    learn(text, reading.lines, 0, reading.lines.size());
     const Fd file = memory_file(text);
     static_cast<void>(load_configuration(memory_path(file), reading.cfg));
     for (const Line& line : reading.lines) {
@@ -313,8 +292,8 @@ void check_lines(const Reading& reading, Findings& findings) {
         if (line.sets != nullptr || line.fatal != Fatal::no) {
             std::size_t& former = last[line.key];
             if (former != 0) {
-                findings.warning(former,
-                                 line.key + " is set again on line " + std::to_string(line.number) + ", which wins");
+                findings.add(warning, former,
+                             line.key + " is set again on line " + std::to_string(line.number) + ", which wins");
             }
             former = line.number;
         }

@@ -19,10 +19,6 @@ using namespace tools;
 
 namespace {
 
-constexpr auto note = Severity::note;
-constexpr auto warning = Severity::warning;
-constexpr auto error = Severity::error;
-
 // The parts of a URL as libcurl reads it for a transfer.
 class Url {
 public:
@@ -43,15 +39,6 @@ private:
     Handle<CURLU, curl_url_cleanup> url_;
     CURLUcode error_;
 };
-
-bool is_supported(const std::string& scheme) {
-    for (const char* const* known = curl_version_info(CURLVERSION_NOW)->protocols; *known != nullptr; ++known) {
-        if (scheme == *known) {
-            return true;
-        }
-    }
-    return false;
-}
 
 // What holds for each setting that becomes a part of the URLs. Returns whether there can be such a URL.
 bool check_url(const std::string& key, const std::string& value, const Url& url, std::size_t line, Findings& findings) {
@@ -77,9 +64,10 @@ bool check_url(const std::string& key, const std::string& value, const Url& url,
 
 void check_scheme(std::size_t line, const std::string& base, const std::string& scheme, Findings& findings) {
     const bool guessed = Url(base, CURLU_NON_SUPPORT_SCHEME).error() != CURLUE_OK;
+    const bool known = Url(base, CURLU_GUESS_SCHEME).error() != CURLUE_UNSUPPORTED_SCHEME;
     findings.first(line, "mirror_base_url",
                    {{guessed, warning, "no scheme: libcurl guesses " + scheme},
-                    {!is_supported(scheme), error, "libcurl knows no scheme " + quoted(scheme) + ": every check fails"},
+                    {!known, error, "libcurl knows no scheme " + quoted(scheme) + ": every check fails"},
                     {scheme == "http", warning, "over http anybody on the way can replace definitions and digests"},
                     {scheme == "file", note, "the mirror is a directory of this machine"},
                     {scheme != "https", warning, "the scheme is none of https, http and file"}});
@@ -107,11 +95,11 @@ void check_base_url(const Reading& reading, Findings& findings) {
     const std::string& value = reading.cfg.mirror_base_url;
     const std::size_t line = reading.line("mirror_base_url");
     if (value.empty()) {
-        findings.error(line, "mirror_base_url: empty: every check fails");
+        findings.add(error, line, "mirror_base_url: empty: every check fails");
         return;
     }
     if (line == 0) {
-        findings.warning(0, "mirror_base_url: not set: the daemon asks the default, " + value + "; set it");
+        findings.add(warning, 0, "mirror_base_url: not set: the daemon asks the default, " + value + "; set it");
     }
     // What the daemon puts before a path. With the path, libcurl would take its first part for a missing host.
     const std::string base = value.substr(0, value.find_last_not_of('/') + 1) + "/";
@@ -147,10 +135,10 @@ void check_flavor(const Reading& reading, Findings& findings) {
     const std::string& flavor = reading.cfg.flavor;
     const std::size_t line = reading.line("flavor");
     if (flavor.empty()) {
-        findings.warning(line, "flavor: empty: the names of all files have nothing in its place");
+        findings.add(warning, line, "flavor: empty: the names of all files have nothing in its place");
     }
     if (flavor.find('/') != std::string::npos) {
-        findings.error(line, "flavor: a \"/\" makes paths of the files' names: every update fails");
+        findings.add(error, line, "flavor: a \"/\" makes paths of the files' names: every update fails");
     }
     check_in_path(reading, "flavor", &Config::flavor, findings);
 }
@@ -160,7 +148,7 @@ void check_engine_version(const Reading& reading, Findings& findings) {
     const std::string& version = reading.cfg.engine_version;
     const auto raw = [](char c) { return static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\r'; };
     if (std::any_of(version.begin(), version.end(), raw) || as_utf8(version) != version) {
-        findings.warning(reading.line("engine_version"), "engine_version: the status file will be no valid JSON");
+        findings.add(warning, reading.line("engine_version"), "engine_version: the status file will be no valid JSON");
     }
 }
 
@@ -232,8 +220,9 @@ std::string ask(const Config& cfg, Progress& progress) {
 bool may_ask(const Config& cfg, const User& user, Findings& findings) {
     for (const std::string& path : {cfg.ca_path, local_path(MirrorClient(cfg).hit_ini_url())}) {
         if (!user.can_ask() && !path.empty() && access(path.c_str(), R_OK) != 0 && errno == EACCES) {
-            findings.warning(0, "the mirror was not asked: " + quoted(path) + " cannot be read by you (user " +
-                                    user.name + "): run as root");
+            findings.add(warning, 0,
+                         "the mirror was not asked: " + quoted(path) + " cannot be read by you (user " + user.name +
+                             "): run as root");
             return false;
         }
     }
@@ -260,7 +249,8 @@ void check_values(const Reading& reading, Findings& findings) {
 void check_libraries(Findings& findings) {
     const Handle<archive, archive_read_free> reader(archive_read_new());
     if (archive_read_support_filter_zstd(reader.get()) != ARCHIVE_OK) {  // it would look for a zstd(1) to run
-        findings.warning(0, "this machine's libarchive has no Zstandard: updates fail if the mirror has .zst archives");
+        findings.add(warning, 0,
+                     "this machine's libarchive has no Zstandard: updates fail if the mirror has .zst archives");
     }
 }
 
@@ -275,21 +265,21 @@ void check_online(const Reading& reading, const User& user, std::chrono::seconds
     progress.show(0);  // with this, clear() also clears what a child that was killed has shown
     progress.clear();
     if (child.timed_out) {
-        findings.error(0, "the mirror has not answered within " + duration_text(limit.count()));
+        findings.add(error, 0, "the mirror has not answered within " + duration_text(limit.count()));
         return;
     }
     if (!child.succeeded()) {
-        findings.error(0, "the mirror was not asked: " + printable(child.output));
+        findings.add(error, 0, "the mirror was not asked: " + printable(child.output));
         return;
     }
     const auto answer = nlohmann::json::parse(child.output);
     if (answer.contains("release")) {
-        findings.note(0, "the mirror answers: " + answer["release"].get<std::string>());
+        findings.add(note, 0, "the mirror answers: " + answer["release"].get<std::string>());
     } else {
-        findings.error(0, "the mirror does not serve a release: " + answer["failure"].get<std::string>());
+        findings.add(error, 0, "the mirror does not serve a release: " + answer["failure"].get<std::string>());
     }
     for (const auto& text : answer["warnings"]) {
-        findings.warning(0, text.get<std::string>());
+        findings.add(warning, 0, text.get<std::string>());
     }
 }
 
