@@ -30,6 +30,12 @@ const char* name_of(Verdict verdict) {
     return names.at(static_cast<std::size_t>(verdict));
 }
 
+std::string plugin_word(Verdict verdict) {
+    std::string word = name_of(verdict);
+    std::transform(word.begin(), word.end(), word.begin(), [](unsigned char c) { return std::toupper(c); });
+    return word;
+}
+
 int exit_status(Verdict verdict) {
     static constexpr std::array<int, 4> statuses{0, 1, 3, 2};
     return statuses.at(static_cast<std::size_t>(verdict));
@@ -49,10 +55,8 @@ std::string performance(const std::string& name, std::int64_t seconds, const Lim
 
 std::string nagios_line(const std::string& service, Verdict verdict, const std::string& summary,
                         const std::string& performance_data) {
-    std::string word = name_of(verdict);
-    std::transform(word.begin(), word.end(), word.begin(), [](unsigned char c) { return std::toupper(c); });
     const std::string data = performance_data.empty() ? "" : " |" + performance_data.substr(1);
-    return service + " " + word + " - " + summary + data + "\n";
+    return service + " " + plugin_word(verdict) + " - " + summary + data + "\n";
 }
 
 void Exposition::head(const std::string& name, const std::string& help) {

@@ -14,8 +14,9 @@ namespace zqu::tools {
 // In the order of their weight: the worst finding gives the verdict.
 enum class Verdict { ok, warning, unknown, critical };
 
-// The name, "ok", and the exit status of monitoring plugins: 0, 1, 3 and 2 in the order above.
+// The name, "ok", the word of monitoring plugins, "OK", and their exit status: 0, 1, 3 and 2 in the order above.
 [[nodiscard]] const char* name_of(Verdict verdict);
+[[nodiscard]] std::string plugin_word(Verdict verdict);
 [[nodiscard]] int exit_status(Verdict verdict);
 
 // Limits of one age, in seconds; 0 is none. The age has to exceed the limit.

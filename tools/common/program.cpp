@@ -1,8 +1,8 @@
 #include "program.hpp"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -73,29 +73,15 @@ void end_with_parent(pid_t parent) {
     _exit(status);
 }
 
-// Milliseconds until then, for poll(2).
-int left_ms(steady_clock::time_point end) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - steady_clock::now()).count();
-    return static_cast<int>(std::clamp<std::int64_t>(left, 0, 1'000'000));
-}
-
-// Returns false when the time was over before the report ended.
-bool read_report(int report, steady_clock::time_point end, std::string& text) {
-    std::array<char, 65536> block{};
-    while (text.size() <= longest_report) {
-        pollfd more{report, POLLIN, 0};
-        const int left = left_ms(end);
-        if (poll(&more, 1, left) == 0 && left_ms(end) == 0) {
-            return false;
-        }
-        const ssize_t count = more.revents != 0 ? read(report, block.data(), block.size()) : -1;
-        if (count == 0) {
-            break;
-        }
-        text.append(block.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+// Two connected sockets. Reading from the first fails when nothing comes within the limit.
+std::pair<Fd, Fd> channel(std::chrono::seconds limit) {
+    std::array<int, 2> ends{};
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
+        fail_errno("cannot make a pair of sockets");
     }
-    text.resize(std::min(text.size(), longest_report));
-    return true;
+    const timeval patience{limit.count(), 0};
+    static_cast<void>(setsockopt(ends[0], SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience));
+    return {Fd(ends[0]), Fd(ends[1])};
 }
 
 }  // namespace
@@ -205,14 +191,8 @@ void ChildResult::require(const std::string& did) const {
 
 ChildResult in_child(const std::function<void()>& prepare, const std::function<std::string()>& work,
                      std::chrono::seconds limit) {
-    const auto end = steady_clock::now() + std::min<std::chrono::seconds>(limit, std::chrono::hours(24 * 365));
     const pid_t parent = getpid();
-    std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-        fail_errno("cannot make a pipe");
-    }
-    const Fd report(ends[0]);
-    Fd to_report(ends[1]);
+    auto [report, to_report] = channel(limit);
     const pid_t child = fork();
     if (child < 0) {
         fail_errno("cannot make a process");
@@ -222,7 +202,11 @@ ChildResult in_child(const std::function<void()>& prepare, const std::function<s
     }
     close(to_report.release());
     ChildResult result;
-    result.timed_out = !read_report(report.get(), end, result.output);
+    try {
+        result.output = read_all(report.get(), longest_report, "a report").substr(0, longest_report);
+    } catch (const std::system_error&) {
+        result.timed_out = true;
+    }
     kill(child, SIGKILL);  // without effect on one that has reported and ends
     while (waitpid(child, &result.status, 0) < 0 && errno == EINTR) {
     }

@@ -1,9 +1,7 @@
 #include <fcntl.h>
 #include <grp.h>
-#include <openssl/bio.h>
 #include <openssl/err.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
+#include <openssl/x509_vfy.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -77,23 +75,12 @@ std::string existing_part(const std::string& path) {
     return part.empty() ? "." : part.string();
 }
 
-void free_infos(STACK_OF(X509_INFO) * infos) {
-    sk_X509_INFO_pop_free(infos, X509_INFO_free);
-}
-
-// What is wrong with a file of certificates, read as libssl does; empty when libcurl can use it.
-std::string fault_of_certificates(const std::string& path) {
-    constexpr std::size_t most = 16 << 20;
-    const std::string text = read_all(open_regular(path).get(), most, path);
-    const Handle<BIO, BIO_free> in(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
-    const Handle<STACK_OF(X509_INFO), free_infos> infos(PEM_X509_INFO_read_bio(in.get(), nullptr, nullptr, nullptr));
+// Whether libcurl can use a file of certificates, which libssl reads in the same way.
+bool holds_certificates(const std::string& path) {
+    const Handle<X509_STORE, X509_STORE_free> store(X509_STORE_new());
+    const bool loaded = X509_STORE_load_locations(store.get(), path.c_str(), nullptr) == 1;
     ERR_clear_error();
-    for (int i = 0; infos && i < sk_X509_INFO_num(infos.get()); ++i) {
-        if (sk_X509_INFO_value(infos.get(), i)->x509 != nullptr) {
-            return "";
-        }
-    }
-    return infos ? " holds no PEM certificate" : " is damaged";
+    return loaded;
 }
 
 // A path of the configuration: its key, or empty for the file itself, and the line that has set it.
@@ -141,7 +128,9 @@ struct Paths {
             check_absolute(place);
             check_writers(place);
             fault = why_not(place.path, R_OK);
-            fault = fault.empty() ? fault_of_certificates(place.path) : " cannot be read by user " + user.name + fault;
+            fault = fault.empty() ? "" : " cannot be read by user " + user.name + fault;
+            fault = !fault.empty() || holds_certificates(place.path) ? fault
+                                                                     : " holds no PEM certificate, or a damaged one";
         }
         if (!fault.empty()) {
             add(error, place, fault + ": no transfer over https succeeds");

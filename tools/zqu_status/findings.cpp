@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <set>
 
 #include "report.hpp"
 #include "text.hpp"
@@ -18,10 +19,6 @@ constexpr std::int64_t settling = 60;             // from a publication to its s
 constexpr std::size_t whole = 2000;  // the reason of a transfer has many words about a certificate
 
 constexpr const char* restart = "systemctl restart zel_quorin_updater";
-
-bool is_one_of(const std::string& text, std::initializer_list<const char*> texts) {
-    return std::any_of(texts.begin(), texts.end(), [&text](const char* other) { return text == other; });
-}
 
 bool is_in_the_way(const Place* place) {
     return place != nullptr && !S_ISDIR(place->found.st_mode);
@@ -61,11 +58,13 @@ public:
     }
 
 private:
+    // first and second stand for %1 and %2, once shown() has made them harmless.
     Matter& add(const std::string& name, const std::string& first, const std::string& second = "",
-                const std::string& command = "") {
+                const std::string& command = "", std::size_t most = 200) {
         const auto* const kind = std::find_if(kinds.begin(), kinds.end(),
                                               [&name](const FindingKind& candidate) { return candidate.name == name; });
-        found_.push_back({name, kind->verdict, filled(kind->text, first, second), kind->advice, command});
+        found_.push_back(
+            {name, kind->verdict, filled(kind->text, shown(first, most), shown(second, most)), kind->advice, command});
         return found_.back();
     }
 
@@ -94,8 +93,7 @@ private:
     void judge_configuration() {
         std::string reason;
         if (facts_.config_state != ConfigState::read) {
-            add(std::string("config_") + name_of(facts_.config_state), shown(facts_.config_path),
-                shown(facts_.config_reason));
+            add(std::string("config_") + name_of(facts_.config_state), facts_.config_path, facts_.config_reason);
         }
         if (facts_.looked && !facts_.cfg.validate(reason)) {
             add("config_unusable", reason);
@@ -106,7 +104,7 @@ private:
     [[nodiscard]] std::string enabling(const char* command) const {
         const Unit& unit = facts_.unit;
         std::string enable = shell_line(command, {unit.name});
-        if (!is_one_of(unit.unit_file_state, {"masked", "masked-runtime"}) || enable.empty()) {
+        if (unit.unit_file_state.rfind("masked", 0) != 0 || enable.empty()) {
             return enable;
         }
         const char* unmask = unit.unit_file_state == "masked" ? "systemctl unmask" : "systemctl unmask --runtime";
@@ -115,11 +113,11 @@ private:
 
     void judge_unit() {
         const Unit& unit = facts_.unit;
-        const std::string name = shown(unit.name);
-        const bool enabled =
-            !is_one_of(unit.unit_file_state, {"disabled", "enabled-runtime", "masked", "masked-runtime"});
+        const std::string& name = unit.name;
+        const std::set<std::string> not_at_boot{"disabled", "enabled-runtime", "masked", "masked-runtime"};
+        const bool enabled = not_at_boot.count(unit.unit_file_state) == 0;
         if (asked_for_ && !unit.reason.empty()) {
-            add("service_unknown", name, shown(unit.reason));
+            add("service_unknown", name, unit.reason);
         } else if (asked_for_ && !unit.load_state.empty() && unit.active_state.empty()) {
             add("service_stopped", name, "not there");
         } else if (unit.active_state == "failed" || unit.sub_state == "auto-restart") {
@@ -131,7 +129,7 @@ private:
             add("service_disabled", name, unit.unit_file_state, enabling("systemctl enable"));
         }
         for (const std::string& path : unit.writable) {
-            add("drop_in_left", name, shown(path));
+            add("drop_in_left", name, path);
         }
     }
 
@@ -154,48 +152,41 @@ private:
     void judge_kind(const Place& place) {
         const bool link = S_ISLNK(place.found.st_mode);
         const char* wrong = !link ? "is no directory" : place.role == Role::root ? "leads nowhere" : "is a link";
-        const std::string elsewhere =
-            place.role == Role::snapshots ? link_removal() : shell_line("rm -f", {place.path});
-        add("directory_kind", shown(place.path), wrong, restart_or(place.role == Role::root ? "" : elsewhere));
+        const std::string removal = place.role == Role::snapshots ? link_removal() : shell_line("rm -f", {place.path});
+        add("directory_kind", place.path, wrong, restart_or(place.role == Role::root ? "" : removal));
     }
 
     void judge_owner(const Place& place) {
         const Place* root = layout_.at(Role::root);
         const bool of_packages = place.found.st_uid == 0 && place.found.st_gid == layout_.group;
         if (layout_.packaged && !of_packages) {
-            add("directory_owner", shown(place.path), "", restart);
+            add("directory_owner", place.path, "does not belong to root and the group zel-quorin", restart);
         } else if (!layout_.packaged && root != nullptr && place.found.st_uid != root->found.st_uid) {
-            Matter& other = add("directory_owner", "");
-            other.text = shown(place.path) + " has another owner than the definitions root";
-            other.advice = "Give both to the user that runs the daemon.";
+            add("directory_owner", place.path, "has another owner than the definitions root").advice =
+                "Give both to the user that runs the daemon.";
         }
     }
 
     void judge_mode(const Place& place, bool file) {
         if (layout_.packaged && place.group_rights != (file ? 6 : 7)) {
-            add("directory_mode", shown(place.path), "is closed to the service", restart).advice =
+            add("directory_mode", place.path, "is closed to the service", restart).advice =
                 file ? "It cannot write its status." : "Its checks fail.";
         }
         if (layout_.packaged && !file && (place.found.st_mode & S_ISVTX) == 0) {
-            add("directory_mode", shown(place.path), "lacks the sticky bit", restart);
+            add("directory_mode", place.path, "lacks the sticky bit", restart);
         }
     }
 
     void judge_writers(const Place& place) {
         const bool unpacked = place.role == Role::snapshot || place.role == Role::definition;
-        const std::string path = shown(place.path);
         if (place.everybody && unpacked) {
             const std::string closing = shell_line("chmod o-rwx", {facts_.cfg.def_root});
-            add("writable_by_others", path, "everybody", restart_or(closing)).advice =
+            add("writable_by_others", place.path, "everybody", restart_or(closing)).advice =
                 "Files keep the mode that the archive gives them. Others must not reach them.";
         } else if (place.everybody) {
-            add("writable_by_others", path, "everybody", restart_or(shell_line("chmod o-w", {place.path})));
+            add("writable_by_others", place.path, "everybody", restart_or(shell_line("chmod o-w", {place.path})));
         } else if (!place.writers.empty()) {
-            std::string names;
-            for (const std::string& name : place.writers) {
-                names += (names.empty() ? "" : ", ") + shown(name);
-            }
-            Matter& writers = add("writable_by_others", path, names, restart_or(""));
+            Matter& writers = add("writable_by_others", place.path, place.writers, restart_or(""));
             writers.verdict = Verdict::warning;
             writers.advice = "Only the user that runs the daemon should write there.";
         }
@@ -207,9 +198,8 @@ private:
             const bool unreadable = store_.link == LinkState::unreadable;
             const std::string removal =
                 store_.link == LinkState::no_link ? shell_line("rm -rf", {below_root("active")}) : link_removal();
-            add(std::string("active_") + name_of(store_.link), shown(below_root("active")),
-                shown(unreadable ? store_.reason : store_.target),
-                unreadable ? "" : restart_or(missing ? "" : removal));
+            add(std::string("active_") + name_of(store_.link), below_root("active"),
+                unreadable ? store_.reason : store_.target, unreadable ? "" : restart_or(missing ? "" : removal));
         }
         for (const Definition& definition : store_.definitions) {
             judge_definition(definition);
@@ -217,46 +207,44 @@ private:
         judge_comparison();
         judge_publication();
         if (!store_.snapshots) {
-            add("snapshots_unreadable", shown(below_root("snapshots")));
+            add("snapshots_unreadable", below_root("snapshots"));
         }
     }
 
     void judge_definition(const Definition& definition) {
-        const std::string name = shown(definition.name);
         const bool present = definition.state == DefinitionState::present;
         const std::string path = below_root("snapshots/" + store_.version + "/" + definition.name);
         const auto place = std::find_if(layout_.places.begin(), layout_.places.end(),
                                         [&path](const Place& candidate) { return candidate.path == path; });
         if (!present) {
-            add(std::string("definition_") + name_of(definition.state), name, "",
+            add(std::string("definition_") + name_of(definition.state), definition.name, "",
                 definition.state == DefinitionState::unreadable ? "" : refetching());
         } else if (place != layout_.places.end() && place->closed) {
-            add("definition_closed", name, layout_.readers ? "the group zel-quorin-readers" : "anybody",
+            add("definition_closed", definition.name, layout_.readers ? "the group zel-quorin-readers" : "anybody",
                 restart_or(""));
         }
         const ComparisonState compared = facts_.comparison.state;
         const bool decided = compared == ComparisonState::same || compared == ComparisonState::differs;
         if (present && definition.changed && !decided) {
-            add("definition_changed", name);
+            add("definition_changed", definition.name);
         }
     }
 
     void judge_comparison() {
         const Comparison& comparison = facts_.comparison;
         for (const std::string& name : comparison.differing) {
-            add("definition_differs", shown(name), "", refetching());
+            add("definition_differs", name, "", refetching());
         }
         if (comparison.state == ComparisonState::gone && comparison.reason == store_.version) {
-            const std::string current = shown(store_.version);
-            add("release_gone", current, current + ", whose description is missing").advice =
+            add("release_gone", store_.version, store_.version + ", whose description is missing").advice =
                 "No gateway can fetch it: the mirror has to be repaired.";
         } else if (comparison.state == ComparisonState::gone) {
-            add("release_gone", shown(store_.version), shown(comparison.reason));
+            add("release_gone", store_.version, comparison.reason);
         } else if (comparison.state == ComparisonState::failed) {
-            add("not_compared", shown(comparison.reason, whole));
+            add("not_compared", comparison.reason, "", "", whole);
         }
         for (const std::string& text : comparison.warnings) {
-            add(text.rfind("redirected", 0) == 0 ? "insecure_redirect" : "certificate_ends", shown(text, whole));
+            add(text.rfind("redirected", 0) == 0 ? "insecure_redirect" : "certificate_ends", text, "", "", whole);
         }
     }
 
@@ -298,8 +286,8 @@ private:
         if (status.state == StatusState::valid) {
             return;
         }
-        Matter& fault = add(std::string("status_") + name_of(status.state), shown(facts_.cfg.status_path),
-                            shown(status.reason), status_command());
+        Matter& fault = add(std::string("status_") + name_of(status.state), facts_.cfg.status_path, status.reason,
+                            status_command());
         if (status.empty) {
             fault.text = "the status file " + shown(facts_.cfg.status_path) + " is empty";
             fault.advice = "No check has ended yet, or its disk is full.";
@@ -311,8 +299,7 @@ private:
     void judge_check() {
         const SnapshotStore::Status& status = facts_.status.contents;
         if (!status.last_error.empty()) {
-            add("check_failed", shown(status.last_error), "",
-                status.last_error == "publish/flip failed" ? restart_or("") : "")
+            add("check_failed", status.last_error, "", status.last_error == "publish/flip failed" ? restart_or("") : "")
                 .advice = advice_for(status.last_error);
         }
         if (status.last_check_epoch > facts_.now + tolerance) {
@@ -322,8 +309,7 @@ private:
         const bool readable = store_.link == LinkState::in_service || store_.link == LinkState::dangling;
         const bool fresh = age(facts_.now, store_.published.value_or(0)) <= settling;
         if (readable && !fresh && status.active_version != tools::as_utf8(store_.version)) {
-            add("version_differs", shown(store_.version),
-                status.active_version.empty() ? "none" : shown(status.active_version));
+            add("version_differs", store_.version, status.active_version.empty() ? "none" : status.active_version);
         }
     }
 

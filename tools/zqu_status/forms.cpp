@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cctype>
 #include <nlohmann/json.hpp>
 #include <set>
 
@@ -18,10 +17,8 @@ constexpr std::size_t value_width = 87;
 
 std::string word(Verdict verdict, bool colour) {
     static constexpr std::array<const char*, 4> colours{"\033[32m", "\033[33m", "\033[35m", "\033[31m"};
-    std::string name = name_of(verdict);
-    std::transform(name.begin(), name.end(), name.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    return colour ? colours.at(static_cast<std::size_t>(verdict)) + name + "\033[0m" : name;
+    return colour ? colours.at(static_cast<std::size_t>(verdict)) + plugin_word(verdict) + "\033[0m"
+                  : plugin_word(verdict);
 }
 
 std::string line(const std::string& label, const std::string& value) {

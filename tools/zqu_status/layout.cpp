@@ -58,15 +58,6 @@ std::vector<Subject> entries_of(const std::string& path, const struct stat& foun
     return entries;
 }
 
-// path leads over no link.
-std::optional<Access> access_to(const std::string& path) {
-    struct stat found {};
-    if (lstat(path.c_str(), &found) != 0) {
-        return std::nullopt;
-    }
-    return Access{found, entries_of(path, found)};
-}
-
 // What the subject may do by its number alone: acl(5), "access check algorithm".
 unsigned rights_of(const Subject& subject, const Access& access) {
     std::optional<unsigned> rights;
@@ -100,18 +91,19 @@ std::string name_of(const Subject& subject) {
     return "the group " + (entry != nullptr ? std::string(entry->gr_name) : std::to_string(subject.id));
 }
 
-// The directories from the one above path up to "/"; nothing when one of them cannot be looked at.
-std::vector<Access> directories_above(fs::path path) {
-    std::vector<Access> result;
-    while (path != path.parent_path()) {
-        path = path.parent_path();
-        const std::optional<Access> access = access_to(path);
-        if (!access) {
+// The rights to path, which leads over no link, and to each directory above it; none when one cannot be looked at.
+std::vector<Access> rights_along(fs::path path) {
+    std::vector<Access> chain;
+    for (bool below = true; below; path = path.parent_path()) {
+        Access access;
+        if (lstat(path.c_str(), &access.found) != 0) {
             return {};
         }
-        result.push_back(*access);
+        access.entries = entries_of(path, access.found);
+        chain.push_back(access);
+        below = path != path.parent_path();
     }
-    return result;
+    return chain;
 }
 
 // In a sticky directory nobody can replace the status file. A sticky directory of definitions is no better than
@@ -129,21 +121,22 @@ bool has_hidden_groups(const Access& access) {
     });
 }
 
-bool may_reach(const Subject& subject, const std::vector<Access>& above) {
-    return std::all_of(above.begin(), above.end(),
+// Whether the subject may search every directory above the first one of the chain.
+bool may_reach(const Subject& subject, const std::vector<Access>& chain) {
+    return std::all_of(chain.begin() + 1, chain.end(),
                        [&subject](const Access& directory) { return (rights_of(subject, directory) & 1U) != 0; });
 }
 
-void find_writers(Place& place, const Access& access, const std::vector<Access>& above, const Layout& layout) {
-    std::vector<Subject> candidates = access.entries;
+void find_writers(Place& place, const std::vector<Access>& chain, const Layout& layout) {
+    std::vector<Subject> candidates = chain.front().entries;
     candidates.push_back({ACL_OTHER, 0, place.found.st_mode & 7U});
     for (const Subject& subject : candidates) {
         const bool writes =
-            (subject.rights & 2U) != 0 && may_reach(subject, above) && is_stranger(subject, place.found.st_uid, layout);
+            (subject.rights & 2U) != 0 && may_reach(subject, chain) && is_stranger(subject, place.found.st_uid, layout);
         if (writes && subject.tag == ACL_OTHER) {
             place.everybody = true;
         } else if (writes) {
-            place.writers.push_back(name_of(subject));
+            place.writers += (place.writers.empty() ? "" : ", ") + name_of(subject);
         }
     }
 }
@@ -151,19 +144,18 @@ void find_writers(Place& place, const Access& access, const std::vector<Access>&
 void find_rights(Place& place, const Layout& layout) {
     std::error_code error;
     const fs::path path = fs::canonical(place.path, error);
-    const std::optional<Access> access = error ? std::nullopt : access_to(path);
-    const std::vector<Access> above = access ? directories_above(path) : std::vector<Access>();
-    if (above.empty()) {
+    const std::vector<Access> chain = error ? std::vector<Access>() : rights_along(path);
+    if (chain.size() < 2) {
         return;
     }
-    place.group_rights = access->entries.front().rights;
+    place.group_rights = chain.front().entries.front().rights;
     if (!may_be_shared(place)) {
-        find_writers(place, *access, above, layout);
+        find_writers(place, chain, layout);
     }
     const Subject readers{ACL_GROUP, layout.readers.value_or(0), 0};
-    const bool hidden = std::any_of(above.begin(), above.end(), has_hidden_groups) || has_hidden_groups(*access);
+    const bool hidden = std::any_of(chain.begin(), chain.end(), has_hidden_groups);
     if (layout.readers) {
-        place.closed = !hidden && (!may_reach(readers, above) || (rights_of(readers, *access) & 4U) == 0);
+        place.closed = !hidden && (!may_reach(readers, chain) || (rights_of(readers, chain.front()) & 4U) == 0);
     } else {
         place.closed = (place.found.st_mode & (S_IRUSR | S_IRGRP | S_IROTH)) == 0;
     }

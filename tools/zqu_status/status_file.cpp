@@ -22,11 +22,6 @@ StatusFile fault(StatusState state, std::string reason) {
     return {state, std::move(reason), {}, false};
 }
 
-StatusFile fault_of(int error) {
-    const bool missing = error == ENOENT || error == ENOTDIR;
-    return fault(missing ? StatusState::missing : StatusState::unreadable, std::generic_category().message(error));
-}
-
 // The text with the control characters inside its JSON texts escaped, as the daemon should have if it minded.
 std::string with_controls_escaped(const std::string& text) {
     std::string result;
@@ -95,26 +90,23 @@ StatusFile parse_status(const std::string& text) {
 }  // namespace
 
 StatusFile read_status(const std::string& path) {
-    struct stat found {};
-    // Looked at before it is opened: a daemon that waits for a reader of a FIFO must not be let go by us.
-    if (lstat(path.c_str(), &found) != 0) {
-        return fault_of(errno);
-    }
-    const bool regular = S_ISREG(found.st_mode);
-    const tools::Fd file(regular ? open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC) : -1);
-    if (regular && (file.get() < 0 || fstat(file.get(), &found) != 0)) {
-        return fault_of(errno);
-    }
-    if (!S_ISREG(found.st_mode)) {
-        return fault(StatusState::not_regular, "it is no regular file");
-    }
     try {
+        struct stat found {};
+        // Looked at before it is opened: a daemon that waits for a reader of a FIFO must not be let go by us.
+        if (lstat(path.c_str(), &found) != 0) {
+            tools::fail_errno(path);
+        }
+        if (!S_ISREG(found.st_mode)) {
+            return fault(StatusState::not_regular, "it is no regular file");
+        }
+        const tools::Fd file(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
         const std::string text = tools::read_all(file.get(), status_limit, path);
         return text.size() <= status_limit
                    ? parse_status(text)
                    : fault(StatusState::too_long, "it is longer than " + std::to_string(status_limit) + " bytes");
     } catch (const std::system_error& e) {
-        return fault_of(e.code().value());
+        const bool missing = e.code().value() == ENOENT || e.code().value() == ENOTDIR;
+        return fault(missing ? StatusState::missing : StatusState::unreadable, e.code().message());
     }
 }
 
