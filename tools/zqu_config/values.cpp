@@ -134,12 +134,10 @@ void check_subdir(const Reading& reading, Findings& findings) {
 void check_flavor(const Reading& reading, Findings& findings) {
     const std::string& flavor = reading.cfg.flavor;
     const std::size_t line = reading.line("flavor");
-    if (flavor.empty()) {
-        findings.add(warning, line, "flavor: empty: the names of all files have nothing in its place");
-    }
-    if (flavor.find('/') != std::string::npos) {
-        findings.add(error, line, "flavor: a \"/\" makes paths of the files' names: every update fails");
-    }
+    findings.first(line, "flavor",
+                   {{flavor.empty(), warning, "empty: the names of all files have nothing in its place"},
+                    {flavor.find('/') != std::string::npos, error,
+                     "a \"/\" makes paths of the files' names: every update fails"}});
     check_in_path(reading, "flavor", &Config::flavor, findings);
 }
 

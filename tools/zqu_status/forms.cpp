@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <set>
 
 #include "report.hpp"
@@ -13,7 +14,6 @@ using namespace tools;
 namespace {
 
 constexpr std::size_t label_width = 13;
-constexpr std::size_t value_width = 87;
 
 std::string word(Verdict verdict, bool colour) {
     static constexpr std::array<const char*, 4> colours{"\033[32m", "\033[33m", "\033[35m", "\033[31m"};
@@ -25,17 +25,10 @@ std::string line(const std::string& label, const std::string& value) {
     return label + std::string(label_width - label.size(), ' ') + value + "\n";
 }
 
-// Prose, broken at blanks.
+// Prose, broken at blanks into lines of at most 87 bytes behind the labels.
 std::string paragraph(const std::string& prose) {
-    std::string text;
-    for (std::size_t begin = 0; begin < prose.size();) {
-        const std::size_t blank = prose.rfind(' ', begin + value_width);
-        const bool rest = prose.size() - begin <= value_width || blank == std::string::npos || blank <= begin;
-        const std::size_t end = rest ? prose.size() : blank;
-        text += line("", prose.substr(begin, end - begin));
-        begin = end + 1;
-    }
-    return text;
+    static const std::regex row("(.{1,87})( |$)");
+    return std::regex_replace(prose, row, std::string(label_width, ' ') + "$1\n");
 }
 
 std::string moment(std::int64_t now, std::int64_t event) {
