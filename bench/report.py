@@ -43,9 +43,9 @@ class Pages:
         self.data = docs / "performance"
 
     def keep(self, section, **kept):
-        """Keeps six digits of a number, and no blanks."""
+        """Keeps eight digits of a number, and no blanks."""
         text = json.dumps(kept, default=str)
-        rounded = json.loads(text, parse_float=lambda number: float(f"{float(number):.6g}"))
+        rounded = json.loads(text, parse_float=lambda number: float(f"{float(number):.8g}"))
         (self.data / f"{section}.json").write_text(json.dumps(rounded, separators=(",", ":")) + "\n")
 
     def kept(self, section):
