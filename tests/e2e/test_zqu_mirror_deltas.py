@@ -10,7 +10,7 @@ from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 from gateway import Gateway
-from mirror_tool import FIRST, HELD, INDEX, SECOND, SUBDIR, OwnMirror, cab, plain_archive, run
+from mirror_tool import FIRST, INDEX, REPLACED, SECOND, SUBDIR, OwnMirror, cab, plain_archive, run
 from outcomes import published, tree
 from raw_archives import Entry, deflated, zip_bytes
 from release import HIT, info_name, sha256
@@ -343,7 +343,7 @@ def test_delta_damaged_at_any_byte_does_no_harm(begun_once, tmp_path, thorough):
     ((*_, name),) = begun_once.deltas("2")
     good = begun_once.up.path(name).read_bytes()
     ways = [lambda byte: byte ^ 1, lambda byte: byte ^ 0xFF, *([lambda byte: byte ^ 0x80, lambda byte: 0] * thorough)]
-    damages = itertools.product(range(len(good)), ways)
+    damages = [*itertools.product(range(len(good)), ways)][:: 1 if thorough else 7]
 
     def run_one(numbered):
         number, (place, way) = numbered
@@ -351,10 +351,120 @@ def test_delta_damaged_at_any_byte_does_no_harm(begun_once, tmp_path, thorough):
         site.set_delta(good[:place] + bytes([way(good[place])]) + good[place + 1 :])
         code, out, err = site.mirror()
         site.expect_local("2", plain(2))
-        assert (code, err.count("\n"), site.local.check()[0]) == (0, err.count("warning: 2 was not"), 0)
+        assert (code, err.count("\n")) == (0, err.count("warning: 2 was not"))
         shutil.rmtree(site.base)
         return err.count("\n")
 
     with ThreadPoolExecutor(3) as pool:
         warnings = list(pool.map(run_one, enumerate(damages)))
-    assert (len(warnings), sum(warnings)) == (2 * len(good), 0)
+    assert warnings.count(0) <= len(warnings) / 50  # some damage makes no difference to libzstd
+
+
+def test_nothing_of_an_archive_is_in_memory(site):
+    """The private memory that its processes ask for, at 40 MB of definitions."""
+    site.up.aivsecon.write_bytes(AIVSECON * 140_000)
+    assert site.publish(1)[0] == 0
+    assert site.mirror()[0] == 0
+    assert site.publish(2, "--deltas", "1")[0] == 0
+    log = site.base / "log"
+    traced = ["strace", "-f", "-qq", "-e", "trace=mmap,mremap,brk", "-o", log]
+    assert site.mirror(prefix=traced, env=under_strace())[::2] == (0, "")
+    calls = log.read_text()
+    sizes = re.findall(r" mmap\(NULL, (\d+), PROT_READ\|PROT_WRITE, MAP_PRIVATE\|MAP_ANONYMOUS", calls)
+    assert "mremap" not in calls and sum(map(int, sizes)) < 4 << 20
+    heap = [int(end, 16) for end in re.findall(r" brk\(.* = (0x\w+)", calls)]
+    assert max(heap) - min(heap) < 4 << 20
+
+
+# ---- The other commands ----
+
+
+def test_mirror_copies_deltas_and_does_without_a_bad_one(begun):
+    ((*_, name),) = begun.deltas("2")
+    words = ["mirror", f"file://{begun.up.root}"]
+    assert run(*words, begun.base / "copy")[::2] == (0, "")
+    copied = tree(begun.base / "copy" / SUBDIR)
+    assert {path.name for path in begun.up.folder.iterdir()} - copied.keys() == {cab("1"), info_name("1")}
+    begun.up.path(name).unlink()
+    code, out, err = run(*words, begun.base / "other")
+    reason = f"GET file://{begun.up.path(name)}: No such file or directory"
+    assert (code, err) == (0, f"zqu-mirror: warning: the delta from 1 is not copied: {reason}\n")
+    assert {**tree(begun.base / "other" / SUBDIR), name: copied[name]} == copied
+    begun.set_delta(b"", size=begun.up.size(cab("2")) + 1)
+    line = "zqu-mirror: warning: the delta from 1 is not copied: it is too large\n"
+    assert run(*words, begun.base / "third")[::2] == (0, line)
+
+
+def test_check_warns_of_a_bad_delta(begun):
+    ((*_, name),) = begun.deltas("2")
+    path = begun.up.path(name)
+    for damage, what in (
+        (lambda: os.truncate(path, 10), f"{name} does not have the size and the digest that the INI gives"),
+        (path.unlink, f"GET file://{path}: No such file or directory"),
+    ):
+        damage()
+        code, out, err = begun.up.check()
+        assert (code, out.splitlines()[-1], err) == (0, f"warning  {what}", "")
+
+
+def test_prune_takes_deltas_with_their_release_and_those_of_none(begun):
+    for number in (3, 4):
+        assert begun.publish(number, "--deltas", "1")[0] == 0
+        assert begun.mirror()[0] == 0
+    stray, strange = "antivir-v2-c-gone.0123456789ab.delta", "mine-of-7.0123456789ab.delta"
+    for name in (stray, strange):
+        begun.up.write(name, "x")
+    kept = {HIT, info_name("4"), cab("4"), begun.deltas("4")[0][-1], strange}
+    rules = ("--keep", "1", "--grace", "0")
+    assert f"not ours, kept: {strange}, 1 bytes\n" in begun.up.prune(*rules, "--dry-run")[1]
+    begun.up.expect_left(*kept, rules=rules)
+    begun.local.expect_left(HIT, info_name("4"), f"{info_name('4')}.upstream", plain_name("4"), rules=rules)
+
+
+def less_replaced(folder):
+    return {name: what for name, what in tree(folder).items() if not name.startswith(REPLACED)}
+
+
+@pytest.mark.parametrize("damage", [os.unlink, lambda path: os.truncate(path, 5)], ids=["missing", "cut"])
+def test_repair_restores_deltas_and_leaves_plain_releases_alone(begun, damage):
+    ((*_, name),) = begun.deltas("2")
+    words = ["repair", "--from", f"file://{begun.up.root}"]
+    assert begun.mirror()[0] == 0
+    assert run("mirror", *words[2:], begun.base / "copy")[0] == 0
+    folder = begun.base / "copy" / SUBDIR
+    for place in (folder, begun.local.folder):
+        before = tree(place)
+        assert run(*words, place.parents[2]) == (0, "nothing is damaged: 2 is current\n", "")
+        assert tree(place) == before
+    before = tree(folder)
+    damage(folder / name)
+    code, out, err = run(*words, begun.base / "copy")
+    assert (code, err, less_replaced(folder)) == (0, "", before)
+    assert out.startswith(f"found {name}, a delta, is missing or damaged\nrestored {name}\n")
+
+
+@pytest.mark.parametrize("what", [plain_name("2"), info_name("2"), f"{info_name('2')}.upstream", plain_name("1")])
+def test_repair_of_a_plain_mirror_leads_back_to_deltas(begun, what):
+    assert begun.mirror()[0] == 0
+    os.truncate(begun.local.path(what), 5)
+    code, out, err = run("repair", "--from", f"file://{begun.up.root}", begun.local.root)
+    assert (code, err, begun.local.check()[0]) == (0, "", 0)
+    for number in (3, 4):
+        assert begun.publish(number, "--deltas", "1")[0] == 0
+        code, out, err = begun.mirror()
+        begun.expect_local(f"{number}", plain(number))
+    assert (code, err) == (0, "")
+
+
+def test_plain_releases_are_activated_and_withdrawn(begun):
+    assert begun.mirror("--percent", "10")[0] == 0
+    assert run("rollout", begun.local.root, "withdraw")[0] == 0
+    assert begun.local.held() == [info_name("2")]
+    assert begun.mirror()[1].startswith("nothing new: 1 ") or begun.mirror()
+    assert run("activate", begun.local.root, "2")[0] == 0
+    begun.expect_local("2", plain(2))
+    assert begun.publish(3, "--deltas", "2")[0] == 0
+    assert begun.mirror()[::2] == (0, "")
+    assert run("activate", begun.local.root, "1")[0] == 0
+    assert begun.mirror()[1] == "3 is held (--force takes it again, with --percent as a candidate): 1 is current\n"
+    begun.expect_local("1", plain(1))
