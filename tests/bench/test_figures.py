@@ -40,7 +40,7 @@ ROUNDS = {
     len(check.TITLES): [check.ROUNDS, formats.ROUNDS[1000], deltas.ROUNDS[20], deltas.ROUNDS[200]],
     len(formats.TITLES): [formats.ROUNDS[20], formats.ROUNDS[200]],
     len(startup.TITLES): [startup.ROUNDS],
-    len(compare.NAMES): [publish.ROUNDS, deltas.ROUNDS[1000], *compare.UPDATES.values(), *PAIRED],
+    len(compare.NAMES): [publish.ROUNDS, deltas.ROUNDS[1000], deltas.OTHER_ROUNDS, *compare.UPDATES.values(), *PAIRED],
 }
 
 
