@@ -30,7 +30,9 @@ class SigningKey:
 
     def sign_info(self, mirror, id, age_s=0, more="", **changes):
         """Rewrites a release's complete-info INI, signed so long ago and with these changes."""
-        found = dict(re.findall(r"def\.Current\.(\w+) ?= ?(\S+)\n", mirror.path(info_name(id)).read_text()))
+        text = mirror.path(info_name(id)).read_text()
+        found = dict(re.findall(r"def\.Current\.(\w+) ?= ?(\S+)\n", text))
         values = {**found, "flavor": "v2", "published": int(time.time() - age_s), **changes}
         lines = "".join(f"def.Current.{key} = {value}\n" for key, value in values.items())
-        mirror.write(info_name(id), self.sign((lines + more).encode()))
+        others = "".join(re.findall(r"def\.Current\.\w+\..*\n", text))
+        mirror.write(info_name(id), self.sign((lines + others + more).encode()))

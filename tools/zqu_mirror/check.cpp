@@ -216,11 +216,14 @@ private:
         require_name("the id", id, info_name(options_.flavor, id));
         const std::string text = client_.fetch_info_text(id);
         found_.modified = client_.last_modified();
-        found_.published = signed_time(text) ? signed_time(text) : found_.modified;
         const zqu::CompleteInfo info = client_.read_info(text, id);
+        // In a directory of plain archives, the upstream mirror's INI is signed, and gives their digest.
+        const std::string upstream = is_url(options_.mirror) ? text : upstream_text(options_, id);
+        const std::string& signed_text = plain_info(upstream).sha256 == info.sha256 ? upstream : text;
+        found_.published = signed_time(signed_text) ? signed_time(signed_text) : found_.modified;
         found_.archive = info.cab_name;
         report(Verdict::ok, info_name(options_.flavor, id) + " names " + info.cab_name);
-        const std::string fault = distrust(options_, keys_, id, text);
+        const std::string fault = distrust(options_, keys_, id, signed_text);
         require(fault.empty(), fault);
         if (!keys_.empty()) {
             report(Verdict::ok, "a trusted key signed it, published " + tools::utc_text(*found_.published));
