@@ -104,50 +104,38 @@ def begun_once(tmp_path_factory):
     return site
 
 
+def copy_of(site, base):
+    shutil.copytree(site.base, base, dirs_exist_ok=True)
+    return Site(base)
+
+
 @pytest.fixture
 def begun(begun_once, tmp_path):
     """With the releases "1" and "2" upstream and a delta between them, and the first one here."""
     return copy_of(begun_once, tmp_path)
 
 
-def copy_of(site, base):
-    shutil.copytree(site.base, base, dirs_exist_ok=True)
-    return Site(base)
-
-
-# ---- The plain archive ----
-
-
-def by_hand(*entries):
-    def make(site):
-        site.up.folder.mkdir(parents=True)
-        site.up.write("x.zip", zip_bytes(entries))
-        site.up.announce("1", "x.zip")
-
-    return make
-
-
 A, B, C = Entry(INDEX, b"; none\n"), Entry(FIRST, b"a\n"), Entry(SECOND, b"")
-TINY = plain_archive(b"a\n", b"", "; none\n")
 SOURCES = {
-    "in order": by_hand(A, B, C),
-    "deflated, in another order": by_hand(C, deflated(FIRST, b"a\n"), A),
-    "among others": by_hand(Entry("x", b"x"), A, Entry(f"sub/{FIRST}", b"longer\n"), B, Entry(SECOND, b"cd"), C),
+    "in order": [A, B, C],
+    "deflated, in another order": [C, deflated(FIRST, b"a\n"), A],
+    "among others": [Entry("x", b"x"), A, Entry(f"sub/{FIRST}", b"longer\n"), B, Entry(SECOND, b"cd"), C],
+    "without index": [C, B],
 }
 
 
 @pytest.mark.parametrize("source", SOURCES)
 def test_same_definitions_give_the_same_plain_archive(site, source):
-    SOURCES[source](site)
+    site.up.folder.mkdir(parents=True)
+    site.up.write("x.zip", zip_bytes(SOURCES[source]))
+    site.up.announce("1", "x.zip")
     assert site.mirror()[0] == 0
-    assert site.local.path(plain_name("1")).read_bytes() == TINY
-
-
-def test_plain_archive_of_a_release_without_index_has_none(site):
-    by_hand(C, B)(site)
-    assert site.mirror()[0] == 0
-    listed = subprocess.run(["bsdtar", "-tf", site.local.path(plain_name("1"))], capture_output=True, text=True)
-    assert listed.stdout.split() == [FIRST, SECOND]
+    made = site.local.path(plain_name("1"))
+    if source == "without index":
+        listed = subprocess.run(["bsdtar", "-tf", made], capture_output=True, text=True)
+        assert listed.stdout.split() == [FIRST, SECOND]
+    else:
+        assert made.read_bytes() == plain_archive(b"a\n", b"", "; none\n")
 
 
 @pytest.mark.parametrize("form", ["cab", "zip", "zstd"])
@@ -164,9 +152,6 @@ def test_plain_archive_has_the_same_bytes_for_ever(site, form):
     assert sha256(made.read_bytes()) == golden
     for reader in (["unzip", "-t"], ["bsdtar", "-xOf"]):
         assert subprocess.run([*reader, made], capture_output=True).returncode == 0
-
-
-# ---- publish --deltas ----
 
 
 @pytest.mark.parametrize("count, starts", [("0", []), ("1", ["3"]), ("3", ["3", "2", "1"]), ("9", ["3", "2", "1"])])
@@ -212,13 +197,10 @@ def test_signed_candidate_has_deltas_and_goes_to_all_by_one(site):
     assert site.local.path(f"{HIT}.10").read_text() == "[Current]\ndefId = 2\n"
     assert run("rollout", site.local.root, "100")[0] == 0
     site.expect_local("2", plain(2))
+    why = "is of a plain mirror, which has no signatures: name the mirror that it copies"
+    line = f"zqu-mirror: the upstream mirror's {info_name('2')} is refused: it {why}\n"
     further = ["mirror", "--trust", key.public, f"file://{site.local.root}", site.base / "further"]
-    refused = "is of a plain mirror, which has no signatures: name the mirror that it copies"
-    line = f"zqu-mirror: the upstream mirror's {info_name('2')} is refused: it {refused}\n"
     assert run(*further) == (1, "", line)
-
-
-# ---- mirror --plain ----
 
 
 def test_delta_is_all_that_is_fetched_and_daemon_takes_it(copy):
@@ -244,10 +226,6 @@ def test_delta_is_all_that_is_fetched_and_daemon_takes_it(copy):
 
 DIGEST = "the upstream mirror's {name} does not have the size and the digest that its INI gives"
 OTHER = "the delta from 1 does not give the digest {digest}"
-
-
-def plain_digest(site):
-    return re.search(r"plain.SHA256 = (.*)", site.info("2"))[1]
 
 
 def line(key, value):
@@ -305,7 +283,9 @@ def test_without_a_good_delta_the_whole_archive_gives_the_same(begun_once, tmp_p
         ((_, size, digest, name),) = site.deltas("2")
         change(site, site.up.path(name))
         before = {path for path in site.base.rglob("*")}
-        reason = reason.format(name=name, path=site.up.path(name), size=size, digest=plain_digest(site))
+        reason = reason.format(
+            name=name, path=site.up.path(name), size=size, digest=re.search("plain.SHA256 = (.*)", site.info("2"))[1]
+        )
         code, out, err = site.mirror()
         assert (code, out.startswith("mirrored 2: "), err.startswith(warning("2", reason))) == (0, True, True), err
         assert err.count("\n") == 1 + (case == "digest of another")  # which the whole archive does not have, too
@@ -353,9 +333,6 @@ def test_nothing_of_an_archive_is_in_memory(site):
     assert "mremap" not in calls and sum(map(int, sizes)) < 4 << 20
     heap = [int(end, 16) for end in re.findall(r" brk\(.* = (0x\w+)", calls)]
     assert max(heap) - min(heap) < 4 << 20
-
-
-# ---- The other commands ----
 
 
 def test_check_and_mirror_warn_of_a_bad_delta(begun):
