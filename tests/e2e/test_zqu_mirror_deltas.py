@@ -302,7 +302,8 @@ def test_delta_damaged_at_any_byte_does_no_harm(begun_once, tmp_path, thorough):
     ((*_, name),) = begun_once.deltas("2")
     good = begun_once.up.path(name).read_bytes()
     ways = [lambda byte: byte ^ 1, lambda byte: byte ^ 0xFF, *([lambda byte: byte ^ 0x80, lambda byte: 0] * thorough)]
-    damages = [*itertools.product(range(len(good)), ways)][:: 1 if thorough else 7]
+    pairs = itertools.product(range(len(good)), enumerate(ways))
+    damages = [(place, way) for place, (number, way) in pairs if thorough or number == place % 2 and place % 3 == 0]
 
     def run_one(numbered):
         number, (place, way) = numbered

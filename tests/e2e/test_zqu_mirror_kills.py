@@ -516,7 +516,7 @@ def test_second_run_is_refused_while_one_is_at_work(own, name):
     refused = (1, "", f"zqu-mirror: another run is at work in {own.folder}\n")
     with own.stopped(COMMANDS[name].words(own, own.root), *COMMANDS[name].stop) as first:
         for second in (*COMMANDS, "prune --dry-run"):
-            if second == "mirror" and own.path(stage(1)).exists():
+            if second in ("mirror", "plain", "whole") and own.path(stage(1)).exists():
                 continue  # it waits for the end of the rollout, without the lock
             words = COMMANDS[second.split()[0]].words(own, own.root) + second.split()[1:]
             assert run(*words) == refused, second

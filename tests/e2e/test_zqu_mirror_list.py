@@ -10,9 +10,9 @@ from release import HIT, info_name
 def table(*rows):
     """The rows below their head, in columns that are as wide as they have to be."""
     rows = [("ID", "PUBLISHED", "SIZE", "FORMAT", "DELTAS", "STATE"), *rows]
-    widths = [max(len(row[column]) for row in rows) for column in range(5)]
+    a, b, c, d, e = (max(len(row[column]) for row in rows) for column in range(5))
     lines = (
-        f"{id:{widths[0]}}  {time:{widths[1]}}  {size:>{widths[2]}}  {form:{widths[3]}}  {deltas:{widths[4]}}  {state}".rstrip()
+        f"{id:{a}}  {time:{b}}  {size:>{c}}  {form:{d}}  {deltas:{e}}  {state}".rstrip()
         for id, time, size, form, deltas, state in rows
     )
     return "".join(f"{line}\n" for line in lines)
