@@ -98,7 +98,8 @@ COMPLETIONS = {
     "zqu-mirror|-": "--help --version",
     "zqu-mirror|publish|-": COMMON + "--quiet --id --sign --format --deltas --allow-empty --percent --replace",
     "zqu-mirror|mirror|-": COMMON
-    + "--quiet --upstream-subdir --ca --timeout --allow-http --trust --max-age --plain --verify --force --percent --replace",
+    + "--quiet --upstream-subdir --ca --timeout --allow-http --trust --max-age --plain --verify --force"
+    + " --percent --replace",
     "zqu-mirror|activate|-": COMMON + "--quiet",
     "zqu-mirror|repair|-": COMMON + "--from --upstream-subdir --ca --timeout --allow-http --yes",
     "zqu-mirror|repair|--from|": "",
