@@ -21,6 +21,16 @@ std::string directory_url(const std::string& mirror) {
     return url;
 }
 
+// The ends of the names of other files.
+std::string reserved_end(const std::string& name) {
+    for (const std::string end : {".ini", ".delta", ".upstream"}) {
+        if (ends_with(name, end)) {
+            return "must not end in " + end;
+        }
+    }
+    return "";
+}
+
 }  // namespace
 
 bool is_url(const std::string& mirror) {
@@ -83,7 +93,7 @@ std::string unusable_name(const std::string& name) {
 }
 
 std::string unusable_id(const std::string& id) {
-    const std::string reason = unusable_name(id);
+    const std::string reason = unusable_name(id) + reserved_end(id);
     const bool of_hit = ends_with("-" + id, "-hit") || ("-" + id).find(hit_end) != std::string::npos;
     return reason.empty() && of_hit ? "must not be \"hit\", end in -hit or hold -hit.ini" : reason;
 }
@@ -93,10 +103,8 @@ std::string unusable_archive(const std::string& name) {
     if (reason.empty() && name.front() == '.') {
         reason = "must not begin with a dot";
     }
-    for (const std::string end : {".ini", ".delta", ".upstream"}) {
-        if (reason.empty() && ends_with(name, end)) {
-            reason = "must not end in " + end;
-        }
+    if (reason.empty()) {
+        reason = reserved_end(name);
     }
     if (reason.empty() && name.find(hit_end) != std::string::npos) {  // a web server may serve it for a hit INI
         reason = "must not hold -hit.ini";

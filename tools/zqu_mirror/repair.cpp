@@ -309,10 +309,11 @@ private:
             if (!have) {
                 replace("archive", offer.info.cab_name);
             }
-            set_aside(upstream_info_name(name));
             if (releases_[offer.id].info.cab_name.empty() || text_of(place_.directory() / name) != offer.text) {
                 replace("info", name);
             }
+            set_aside(upstream_info_name(name));
+            set_aside(plain_name(options_.flavor, offer.id));
         });
         releases_[offer.id] = {"", offer.info};
         report("restored " + summary(place_.directory(), offer.id, offer.info));
