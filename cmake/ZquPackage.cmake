@@ -1,5 +1,5 @@
 # Two packages from one description, each as .deb and as .rpm: zel-quorin-updater, all that a gateway needs, and
-# zel-quorin-mirror, whose tool brings in libgcab and libzstd. scripts/package makes them.
+# zel-quorin-mirror, whose tool brings in libgcab, libzstd and zlib. scripts/package makes them.
 set(ZQU_PACKAGING "${CMAKE_CURRENT_SOURCE_DIR}")
 set(scripts "${CMAKE_CURRENT_BINARY_DIR}/scripts")
 set(maintainer_scripts deb/conffiles deb/postinst deb/prerm deb/postrm rpm/post rpm/preun rpm/postun)

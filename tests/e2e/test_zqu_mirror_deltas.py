@@ -18,7 +18,7 @@ from signing import SigningKey
 from tools import under_strace
 
 AIVSECON = b"signature\n" * 30
-NO_DELTA = "the upstream mirror has no delta from a plain archive that is here"
+NO_DELTA, NO_START = "the upstream mirror has none", "none starts from a plain archive that is here"
 
 
 def definitions(number):
@@ -35,7 +35,7 @@ def plain_name(id):
 
 
 def warning(id, reason):
-    return f"zqu-mirror: warning: {id} was not made by a delta: {reason}\n"
+    return f"zqu-mirror: warning: downloaded the whole archive of {id}, not a delta: {reason}\n"
 
 
 class Site:
@@ -213,6 +213,7 @@ def test_delta_is_all_that_is_fetched_and_daemon_takes_it(copy):
         assert site.publish(number, "--deltas", "2", "--subdir", subdir, root=copy.nginx.root)[::2] == (0, "")
         code, out, err = run("mirror", "--plain", *words)
         assert (code, err) == (0, warning("1", NO_DELTA) if number == 1 else "")
+        assert number == 1 or re.match(rf"mirrored {number} by a delta of \d+ bytes from {number - 1}: antivir-", out)
         assert site.local.path(plain_name(number)).read_bytes() == plain(number)
         fetched = copy.nginx.requests(subdir, 3 * number)[len(asked) :]
         asked += fetched
@@ -245,6 +246,13 @@ def move_plain(site, delta):
     site.local.path(plain_name("1")).symlink_to(site.base / "moved")
 
 
+def unsound(site, delta):
+    """Of the digest that the INI gives, but with a byte of the definitions changed."""
+    content = plain(2).replace(AIVSECON, AIVSECON[:-1] + b"!")
+    leading_to(content)(site, delta)
+    line("plain.SHA256", sha256(content))(site, delta)
+
+
 SIZES = (0, -1, 2**33 + 1, 2**63 - 1, 2**64, "1e3x", "")
 MANY = "".join(f"\ndef.Current.delta.{number} = {number} 9 {0:064}" for number in range(3, 9_000))
 # What is done to the upstream mirror, or to what is here, and why there is no delta then.
@@ -259,15 +267,16 @@ FALLBACKS = {
     "other content": (leading_to(plain(3)), OTHER),
     "more content": (leading_to(plain(2) + b"x"), "libzstd: Destination buffer is too small"),
     "less content": (leading_to(plain(2)[:-1]), "the delta gives another size"),
-    "too large": (lambda site, delta: site.set_delta(b"", size=len(plain(2))), "the delta from 1 is too large"),
+    "too large": (lambda site, delta: site.set_delta(b"", size=site.up.size(cab("2")) + 1), NO_DELTA),
+    "unsound": (unsound, "the upstream mirror's archive is refused: what the delta from 1 gives "),
     "digest of another": (line("plain.SHA256", f"{0:064}"), OTHER),
     "size of another": (line("plain.size", "999"), "libzstd: Destination buffer is too small"),
     "start is a path": (line("delta.1", f"../local/1 9 {0:064}"), NO_DELTA),
     "start is nowhere": (line("delta.1", f".. 9 {0:064}"), NO_DELTA),
-    "many lines": (line("delta.1", MANY), NO_DELTA),
+    "many lines": (line("delta.1", MANY), NO_START),
     "damaged here": (lambda site, delta: site.local.write(plain_name("1"), plain(3)), OTHER),
-    "missing here": (lambda site, delta: site.local.path(plain_name("1")).unlink(), NO_DELTA),
-    "link here": (move_plain, NO_DELTA),
+    "missing here": (lambda site, delta: site.local.path(plain_name("1")).unlink(), NO_START),
+    "link here": (move_plain, NO_START),
     **{f"size {size}": (line("delta.1", f"1 {size} {0:064}"), NO_DELTA) for size in SIZES},
     **{f"plain size {size}": (line("plain.size", size), NO_DELTA) for size in SIZES if size != "1e3x"},
     **{f"digest {end}": (line("delta.1", f"1 9 {0:063}{end}"), NO_DELTA) for end in ("", "00", "A", "/")},
@@ -287,8 +296,8 @@ def test_without_a_good_delta_the_whole_archive_gives_the_same(begun_once, tmp_p
             name=name, path=site.up.path(name), size=size, digest=re.search("plain.SHA256 = (.*)", site.info("2"))[1]
         )
         code, out, err = site.mirror()
-        assert (code, out.startswith("mirrored 2: "), err.startswith(warning("2", reason))) == (0, True, True), err
-        assert err.count("\n") == 1 + (case == "digest of another")  # which the whole archive does not have, too
+        assert (code, out.startswith("mirrored 2: antivir-"), err.startswith(warning("2", reason)[:-1])) == (0, True, True), err
+        assert err.count("\n") == 1
         site.expect_local("2", plain(2))
         made = {site.local.path(name) for name in (plain_name(2), info_name(2), f"{info_name(2)}.upstream")}
         assert {path for path in site.base.rglob("*")} - before == made, case
@@ -311,7 +320,7 @@ def test_delta_damaged_at_any_byte_does_no_harm(begun_once, tmp_path, thorough):
         site.set_delta(good[:place] + bytes([way(good[place])]) + good[place + 1 :])
         code, out, err = site.mirror()
         site.expect_local("2", plain(2))
-        assert (code, err.count("\n")) == (0, err.count("warning: 2 was not"))
+        assert (code, err.count("\n")) == (0, err.count("warning: downloaded the whole"))
         shutil.rmtree(site.base)
         return err.count("\n")
 
@@ -349,8 +358,8 @@ def test_check_and_mirror_warn_of_a_bad_delta(begun):
     line = f"{refused}the upstream mirror's {bad} its INI gives\n"
     assert run(*words, begun.base / "other")[::2] == (0, line)
     assert {**tree(begun.base / "other" / SUBDIR), name: copied[name]} == copied
-    begun.set_delta(b"", size=begun.up.size(cab("2")) + 1)
-    assert run(*words, begun.base / "third")[::2] == (0, f"{refused}it is too large\n")
+    begun.set_delta(b"", size=begun.up.size(cab("2")) + 1)  # as publish makes none
+    assert run(*words, begun.base / "third")[::2] == (0, "")
 
 
 def test_prune_takes_deltas_with_their_release_and_those_of_none(begun):
@@ -380,7 +389,7 @@ def test_repair_restores_deltas_and_leaves_plain_releases_alone(begun, damage):
     before = tree(copied)
     damage(copied / SUBDIR / name)
     code, out, err = run(*words, copied)
-    assert out.startswith(f"found {name}, a delta, is missing or damaged\nrestored {name}\n")
+    assert out.startswith(f"found 2: its delta {name} is missing or damaged\nrestored {name}\n")
     assert (code, err, {path: what for path, what in tree(copied).items() if REPLACED not in path}) == (0, "", before)
 
 

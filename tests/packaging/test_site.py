@@ -292,7 +292,7 @@ def go_back(upstream, id):
 # What the upstream does with a release; the gateway's requests besides those for the INIs, with their statuses; how its
 # warning or refusal ends; and what is in service then.
 STEPS = [
-    (offer, "3001", ["cab 200"], "the upstream mirror has no delta from a plain archive that is here", "3001"),
+    (offer, "3001", ["cab 200"], "the upstream mirror has none", "3001"),
     (offer, "3002", ["delta 200"], "", "3002"),
     (damage, "3003", ["delta 200", "cab 200"], "does not have the size and the digest that its INI gives", "3003"),
     (offer, "3004", ["delta 200"], "", "3004"),

@@ -93,7 +93,7 @@ void add_publish(CLI::App& command, Options& options) {
     command.add_option("--format", options.format, "Format of the archive")
         ->capture_default_str()
         ->check(CLI::IsMember(suffixes));
-    command.add_option("--deltas", options.deltas, "Also make deltas from so many releases, for mirror --plain")
+    command.add_option("--deltas", options.deltas, "Also make deltas from the last N releases, for mirror --plain")
         ->check(CLI::Range(0, 100));
     add_percent(command, options);
     command.add_flag("--allow-empty", options.allow_empty, "Publish empty definition files, too");

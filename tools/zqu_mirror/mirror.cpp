@@ -58,16 +58,10 @@ bool have_archive(const Options& options, const zqu::CompleteInfo& info, Run& ru
     return false;
 }
 
-// Gets the deltas, for those who copy from here. Gateways do without them. All together are no larger than the archive,
-// as publish makes them.
+// Gets the deltas, for those who copy from here. Gateways do without them.
 void add_deltas(const Options& options, const Offer& offer, Upstream& upstream, Workplace& place) {
-    std::uintmax_t left = fs::file_size(place.directory() / offer.info.cab_name);
     for (const auto& delta : plain_info(offer.text).deltas) {
         try {
-            if (delta.size > left) {
-                throw tools::MirrorError("it is too large");
-            }
-            left -= delta.size;
             upstream.download(offer, delta, place.work("delta"));
             place.add("delta", delta_name(options.flavor, offer.id, delta));
             flush(place.directory());
@@ -100,7 +94,7 @@ void add_release(const Options& options, const Offer& offer, Upstream& upstream,
     const std::string& archive = offer.info.cab_name;
     const bool have = have_archive(options, offer.info, run);
     if (have) {
-        upstream.require_sound(offer, place.directory() / archive);
+        upstream.require_sound(archive, place.directory() / archive);
     } else {
         upstream.download(offer, place.work("archive"));
         place.add("archive", archive);
@@ -156,7 +150,7 @@ void follow(const Options& options, Upstream& upstream, Run& run) {
         give_out(options, id, place, run);
     }
     const std::string done = known ? "made " + role_of(percent) + " again " + id
-                                   : "mirrored " + id + (percent == 0 ? "" : " as " + role_of(percent));
+                                   : "mirrored " + id + upstream.by() + (percent == 0 ? "" : " as " + role_of(percent));
     report(options, summary(place.directory(), done, release.info), run);
 }
 

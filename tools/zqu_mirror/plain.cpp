@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <sstream>
 
 #include "client.hpp"
@@ -28,7 +29,6 @@ const std::string key = "def.Current.";
 const std::string delta_end = ".delta";
 const std::string upstream_end = ".upstream";
 constexpr std::size_t digits = 12;  // of the digest, in the name of a delta
-constexpr std::size_t most_deltas = 1000;
 
 // A file in memory, for as long as this lives.
 class Mapping {
@@ -185,8 +185,9 @@ int window_for(std::uintmax_t size) {
 
 PlainInfo plain_info(const std::string& info) {
     PlainInfo found;
+    std::uintmax_t left = 0;
     std::istringstream lines(info);
-    for (std::string line; std::getline(lines, line) && found.deltas.size() < most_deltas;) {
+    for (std::string line; std::getline(lines, line);) {
         std::istringstream words(line);
         std::string name;
         std::string equals;
@@ -196,12 +197,22 @@ PlainInfo plain_info(const std::string& info) {
             words >> found.sha256;
         } else if (name == key + "plain.size") {
             words >> found.size;
+        } else if (name == key + "size") {
+            words >> left;
         } else if (begins_with(name, key + "delta.") && words >> delta.from >> delta.size >> delta.sha256 &&
-                   unusable_id(delta.from).empty() && is_size(delta.size) && is_digest(delta.sha256)) {
+                   delta.from.size() <= NAME_MAX && unusable_id(delta.from).empty() && is_size(delta.size) &&
+                   is_digest(delta.sha256)) {
             found.deltas.push_back(delta);
         }
     }
     std::sort(found.deltas.begin(), found.deltas.end(), [](auto& a, auto& b) { return a.size < b.size; });
+    left = std::min(left, tools::largest_file);
+    const auto beyond = std::find_if(found.deltas.begin(), found.deltas.end(), [&left](const Delta& delta) {
+        const bool fits = delta.size <= left;
+        left -= fits ? delta.size : 0;
+        return !fits;
+    });
+    found.deltas.erase(beyond, found.deltas.end());
     return is_digest(found.sha256) && is_size(found.size) ? found : PlainInfo();
 }
 

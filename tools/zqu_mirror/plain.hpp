@@ -30,7 +30,8 @@ struct Delta {
 struct PlainInfo {
     std::string sha256;  // empty when it says nothing, or not all, of a plain archive
     std::uintmax_t size = 0;
-    std::vector<Delta> deltas{};  // each with a usable id, size and digest; the smallest first
+    std::vector<Delta> deltas{};  // each with a usable id, size and digest; the smallest first; together no larger than
+                                  // the archive, for the upstream mirror may be hostile
 };
 
 [[nodiscard]] PlainInfo plain_info(const std::string& info);

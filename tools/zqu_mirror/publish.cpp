@@ -89,7 +89,15 @@ std::uintmax_t add_delta(const Options& options, const std::string& from, std::u
         return 0;
     }
     const std::string& name = old.info.cab_name;
-    convert_to_plain(place.directory() / name, name, options.flavor, place.work("old"), run);
+    try {
+        convert_to_plain(place.directory() / name, name, options.flavor, place.work("old"), run);
+    } catch (const std::system_error&) {
+        throw;
+    } catch (const std::runtime_error& e) {
+        complain("warning: there is no delta from " + from + ": " + e.what());
+        fs::remove(place.work("old"));
+        return 0;
+    }
     run.phase("making the delta from " + from, place.work("again"));
     const bool kept = make_delta(place.work("old"), place.work("plain"), place.work("delta"), most);
     if (kept) {
@@ -182,7 +190,9 @@ zqu::CompleteInfo require_release(const Options& options, const std::vector<Sour
 
 void publish(const Options& options, Run& run) {
     // The daemon downloads by way of "<archive>.part".
-    if (archive_name(options).size() + std::string(".part").size() > NAME_MAX) {
+    const std::size_t longest = archive_name(options).size() + std::string(".part").size();
+    const std::string of_delta = delta_name(options.flavor, options.id, {"", 0, std::string(64, '0')});
+    if (std::max(longest, options.deltas > 0 ? of_delta.size() : 0) > NAME_MAX) {
         fail("the id and the flavor are too long for a file name");
     }
     const std::string key = private_key(options);

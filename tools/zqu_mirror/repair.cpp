@@ -184,7 +184,10 @@ private:
         }
     }
 
-    [[nodiscard]] bool has_text(const Offer& offer) const { return offer.text == upstream_text(options_, offer.id); }
+    [[nodiscard]] bool has_text(const Offer& offer) const {
+        const bool own = offer.text == text_of(place_.directory() / info_name(options_.flavor, offer.id));
+        return own || (offer.text == upstream_text(options_, offer.id) && !has_other_size(releases_.at(offer.id).info));
+    }
 
     bool has_content(const Offer& offer) { return is_same(options_, offer, releases_[offer.id].info); }
 
@@ -297,7 +300,7 @@ private:
         const std::string name = info_name(options_.flavor, offer.id);
         const bool have = fs::is_regular_file(archive) && has_digest(archive, offer.info.sha256, run_);
         if (have) {
-            upstream_->require_sound(offer, archive);
+            upstream_->require_sound(offer.info.cab_name, archive);
         } else {
             require_not_needed(offer);
             upstream_->download(offer, place_.work("archive"));
@@ -328,7 +331,7 @@ private:
                 if (has_digest(place_.directory() / name, delta.sha256, run_)) {
                     continue;
                 }
-                found(name + ", a delta, is missing or damaged");
+                found(id + ": its delta " + name + " is missing or damaged");
                 try {
                     if (upstream_) {
                         upstream_->download({id, text, release.info}, delta, place_.work("delta"));

@@ -15,13 +15,15 @@ bool is_same(const Options& options, const Offer& offer, const zqu::CompleteInfo
     if (known.cab_name != plain_name(options.flavor, offer.id)) {
         return known.cab_name == offer.info.cab_name && equal(known.sha256, offer.info.sha256);
     }
+    if (equal(known.sha256, plain_info(offer.text).sha256)) {
+        return true;
+    }
+    const auto copied = directory_of(options) / upstream_info_name(info_name(options.flavor, offer.id));
     const zqu::Config cfg = client_config(options);
     try {
-        return equal(known.sha256, plain_info(offer.text).sha256) ||
-               equal(tools::Client(cfg).read_info(upstream_text(options, offer.id), offer.id).sha256,
-                     offer.info.sha256);
+        return equal(tools::Client(cfg).read_info(text_of(copied), offer.id).sha256, offer.info.sha256);
     } catch (const tools::MirrorError&) {
-        return false;
+        return true;  // lost or damaged: nothing says that it was another one
     }
 }
 
@@ -61,7 +63,7 @@ void Upstream::download(const Offer& offer, const std::filesystem::path& archive
         fail("the upstream mirror's " + offer.info.cab_name + " does not have the digest " + offer.info.sha256);
     }
     flush(archive);
-    require_sound(offer, archive);
+    require_sound(offer.info.cab_name, archive);
 }
 
 void Upstream::download(const Offer& offer, const Delta& delta, const std::filesystem::path& path) {
@@ -80,11 +82,9 @@ void Upstream::apply_best_delta(const Offer& offer, const PlainInfo& plain, cons
     const auto path = place.work("plain");
     for (const auto& delta : plain.deltas) {
         const auto from = place.directory() / plain_name(options_.flavor, delta.from);
-        if (!std::filesystem::is_regular_file(std::filesystem::symlink_status(from))) {
+        std::error_code unusable;
+        if (!std::filesystem::is_regular_file(std::filesystem::symlink_status(from, unusable))) {
             continue;
-        }
-        if (delta.size >= plain.size) {
-            fail("the delta from " + delta.from + " is too large");
         }
         download(offer, delta, place.work("delta"));
         run_.phase("applying the delta from " + delta.from);
@@ -92,10 +92,11 @@ void Upstream::apply_best_delta(const Offer& offer, const PlainInfo& plain, cons
         if (!has_digest(path, plain.sha256, run_)) {
             fail("the delta from " + delta.from + " does not give the digest " + plain.sha256);
         }
-        require_sound(offer, path);
+        require_sound("what the delta from " + delta.from + " gives", path);
+        by_ = " by a delta of " + std::to_string(delta.size) + " bytes from " + delta.from;
         return;
     }
-    fail("the upstream mirror has no delta from a plain archive that is here");
+    fail(plain.deltas.empty() ? "the upstream mirror has none" : "none starts from a plain archive that is here");
 }
 
 std::string Upstream::make_plain(const Offer& offer, const Workplace& place) {
@@ -104,27 +105,29 @@ std::string Upstream::make_plain(const Offer& offer, const Workplace& place) {
     std::string digest = plain.sha256;
     try {
         apply_best_delta(offer, plain, place);
+    } catch (const std::system_error&) {  // no room, for example: then there is none for the whole archive
+        throw;
     } catch (const std::exception& e) {
-        add_warning(offer.id + " was not made by a delta: " + e.what());
+        add_warning("downloaded the whole archive of " + offer.id + ", not a delta: " + e.what());
         for (const auto& left : {path, place.work("delta")}) {
             std::filesystem::remove(left);
         }
         download(offer, place.work("whole"));
         convert_to_plain(place.work("whole"), offer.info.cab_name, options_.flavor, path, run_);
         std::filesystem::remove(place.work("whole"));
-        require_sound(offer, path);
+        require_sound(plain_name(options_.flavor, offer.id), path);
         digest = sha256_in(run_, path);
         if (!plain.sha256.empty() && digest != plain.sha256) {
-            add_warning("the plain archive of " + offer.id + " does not have the digest " + plain.sha256);
+            warnings_.back() += "; its plain archive does not have the digest " + plain.sha256;
         }
     }
     flush(path);
     return digest;
 }
 
-void Upstream::require_sound(const Offer& offer, const std::filesystem::path& archive) const {
+void Upstream::require_sound(const std::string& name, const std::filesystem::path& archive) const {
     refuse("the upstream mirror's archive is refused:",
-           tools::first_fault(inspect_in(run_, "checking the archive", archive, offer.info.cab_name, options_.flavor)));
+           tools::first_fault(inspect_in(run_, "checking the archive", archive, name, options_.flavor)));
 }
 
 void Upstream::warn() const {

@@ -51,8 +51,11 @@ public:
     // it. Returns its SHA-256.
     [[nodiscard]] std::string make_plain(const Offer& offer, const Workplace& place);
 
-    // Requires that the entries of the archive are such that clients would take it.
-    void require_sound(const Offer& offer, const std::filesystem::path& archive) const;
+    // How make_plain() did it, to follow an id; empty for the whole archive.
+    [[nodiscard]] const std::string& by() const { return by_; }
+
+    // Requires that the entries of the archive, called name, are such that clients would take it.
+    void require_sound(const std::string& name, const std::filesystem::path& archive) const;
 
     // Says on standard error what an administrator should know of the transfers so far, and what was added.
     void warn() const;
@@ -67,6 +70,7 @@ private:
     const zqu::Config cfg_;
     tools::Client client_;
     std::vector<std::string> warnings_{};
+    std::string by_{};
 };
 
 }  // namespace zqu::mirror_tool
