@@ -42,7 +42,8 @@ set(mirror_description
 server can serve, and checks a mirror in the way that a gateway would see it.
 .
 This is for the machine that is the mirror. A gateway needs the package
-zel-quorin-updater; one that verifies signatures itself needs both.")
+zel-quorin-updater; one that verifies signatures itself, or downloads deltas,
+needs both.")
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)

@@ -240,7 +240,7 @@ with --replace that fails may have ended the former rollout. Publishing the same
 that release current again; an id never gets other content. The order of the files counts: a pair whose names
 show that it is swapped is refused. A CAB holds 2147450880 bytes with its index; the other formats have no
 such limit. zstd gives the smallest archives, and takes minutes to pack; old gateways may be unable to read it.
---deltas is for gateways and mirrors that copy with mirror --plain: a day's changes often fit into a hundredth of the
+--deltas is for gateways that copy with mirror --plain: a day's changes often fit into a hundredth of the
 archive's bytes.
 
 Examples:
