@@ -9,7 +9,7 @@ import subprocess
 from concurrent.futures import ThreadPoolExecutor
 
 import pytest
-from gateway import Gateway
+from gateway import SANITIZED, Gateway
 from mirror_tool import FIRST, INDEX, REPLACED, SECOND, SUBDIR, OwnMirror, cab, plain_archive, run
 from outcomes import published, tree
 from raw_archives import Entry, deflated, zip_bytes
@@ -176,7 +176,7 @@ def test_publish_makes_deltas_from_the_last_releases(site, count, starts):
     assert re.search(rf"^4 .* cab +{len(starts)} +current$", site.up.list()[1], re.MULTILINE)
 
 
-def test_delta_that_saves_little_or_starts_from_damage_is_not_made(site):
+def test_delta_that_saves_little_or_starts_from_damage_is_none(site):
     assert site.publish(1)[0] == 0
     assert site.publish(120, "--deltas", "1")[::2] == (0, "")
     os.truncate(site.up.path(cab("120")), 20)
@@ -296,8 +296,8 @@ def test_without_a_good_delta_the_whole_archive_gives_the_same(begun_once, tmp_p
             name=name, path=site.up.path(name), size=size, digest=re.search("plain.SHA256 = (.*)", site.info("2"))[1]
         )
         code, out, err = site.mirror()
-        assert (code, out.startswith("mirrored 2: antivir-"), err.startswith(warning("2", reason)[:-1])) == (0, True, True), err
-        assert err.count("\n") == 1
+        assert (code, out.startswith("mirrored 2: antivir-"), err.count("\n")) == (0, True, 1)
+        assert err.startswith(warning("2", reason)[:-1]), err
         site.expect_local("2", plain(2))
         made = {site.local.path(name) for name in (plain_name(2), info_name(2), f"{info_name(2)}.upstream")}
         assert {path for path in site.base.rglob("*")} - before == made, case
@@ -329,6 +329,7 @@ def test_delta_damaged_at_any_byte_does_no_harm(begun_once, tmp_path, thorough):
     assert warnings.count(0) <= len(warnings) / 50  # some damage makes no difference to libzstd
 
 
+@pytest.mark.skipif(SANITIZED, reason="the sanitizers need memory of their own")
 def test_nothing_of_an_archive_is_in_memory(site):
     """The private memory that its processes ask for, at 40 MB of definitions."""
     site.up.aivsecon.write_bytes(AIVSECON * 140_000)
