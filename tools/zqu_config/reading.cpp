@@ -51,7 +51,7 @@ std::vector<Line> lines_of(const std::string& text) {
 // then was set by them. Goes into the halves that have an effect.
 void learn(const std::string& text, std::vector<Line>& lines, std::size_t first, std::size_t end) {
     const std::size_t start = first < end ? lines[first].start : text.size();
-    const Fd file = memory_file(text.substr(start, end < lines.size() ? lines[end].start - start : text.npos));
+    const Fd file = memory_file(text.substr(start, end < lines.size() ? lines[end].start - start : std::string::npos));
     Config a = filled("a", 0);
     Config b = filled("b", 1);
     const Fatal fatal = load_configuration(memory_path(file), a);
