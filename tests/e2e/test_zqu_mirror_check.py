@@ -151,12 +151,8 @@ def test_certificate_that_is_refused_is_described(served, authority, tmp_path, c
     code, out, err = served.check()
     fault = out.splitlines()[0]
     assert (code, fault[:9], err) == (1, "FAULT    ", "")
-    assert (
-        f"the mirror's certificate {reason}; " in fault
-        and "(subject " in fault
-        and "valid from" in fault
-        and "issuer" in fault
-    )
+    for text in (f"the mirror's certificate {reason}; ", "(subject ", "valid from", "issuer"):
+        assert text in fault
 
 
 @pytest.mark.parametrize("days, warned", [(13, True), (15, False)])
@@ -228,10 +224,7 @@ def test_what_is_lacking_here_is_no_fault_of_the_mirror(own, temporary, case):
     code, out, err = own.check("--nagios", env=environment, prefix=prefix)
     assert (code, err) == (3, "") and re.fullmatch(r"MIRROR UNKNOWN - \w.*\n", out)
     code, out, err = own.check("--prometheus", env=environment, prefix=prefix)
-    assert (code, bool(re.search(r'^zelquorin_mirror_verdict{.*,verdict="unknown"} 1$', out, re.MULTILINE))) == (
-        0,
-        True,
-    )
+    assert code == 0 and re.search(r'^zelquorin_mirror_verdict{.*,verdict="unknown"} 1$', out, re.MULTILINE)
 
 
 # ---- Forms for monitoring systems ----

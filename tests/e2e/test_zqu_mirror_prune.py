@@ -228,16 +228,10 @@ def test_archive_of_ours_that_nothing_names_goes_after_the_grace(own):
 def test_archive_of_somebody_else_is_kept_and_listed(own, name):
     own.history(40, 30)
     own.write(name, b"x" * 5000)
-    line = f"not ours, kept: {name}, 5000 bytes\n"
-    assert own.prune("--grace", "0") == (0, line + total(0, 0, 0), "")
-    assert own.files() == sorted([*own.files_of("1", "2"), name])
-
-
-@pytest.mark.parametrize("name", ["mine.zip.zst", cab("q")])
-def test_directory_with_the_name_of_an_archive_is_kept(own, name):
-    own.history(40, 30)
-    own.path(name).mkdir()
-    assert own.prune("--grace", "0") == (0, f"not ours, kept: {name}\n" + total(0, 0, 0), "")
+    own.path(cab("q")).mkdir()  # and so is a directory, whatever its name
+    lines = sorted([f"not ours, kept: {name}, 5000 bytes\n", f"not ours, kept: {cab('q')}\n"])
+    assert own.prune("--grace", "0") == (0, "".join(lines) + total(0, 0, 0), "")
+    assert own.files() == sorted([*own.files_of("1", "2"), name, cab("q")])
 
 
 def test_what_is_neither_archive_nor_ini_of_a_release_stays(own):

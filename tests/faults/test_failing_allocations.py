@@ -7,19 +7,8 @@ directory finds no memory. Whatever it is, the snapshot in service is whole, and
 import signal
 
 import pytest
-from faults import (
-    DONE,
-    FORMER,
-    NEW,
-    OLD,
-    UNDONE,
-    UNSWEPT_INDEX,
-    Scene,
-    is_failed_transfer,
-    outcome_of,
-    refused,
-    snapshot,
-)
+from faults import DONE, FORMER, NEW, OLD, UNDONE, UNSWEPT_INDEX, Scene
+from faults import is_failed_transfer, outcome_of, refused, snapshot
 from gateway import APART, SANITIZED, may_mount
 from outcomes import Outcome, published
 

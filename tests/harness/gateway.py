@@ -88,13 +88,8 @@ class Gateway:
         self.status_path = folder / "status" / "status.json"
         self.log_path = folder / "log"
         self.daemons = []
-        self.settings = {
-            "engine_version": ENGINE,
-            "def_root": self.root,
-            "status_path": self.status_path,
-            "http_timeout_s": 60,
-            **settings,
-        }
+        paths = {"def_root": self.root, "status_path": self.status_path}
+        self.settings = {"engine_version": ENGINE, **paths, "http_timeout_s": 60, **settings}
 
     @property
     def config_path(self):
@@ -119,14 +114,8 @@ class Gateway:
         variables = self.environment(**environment)
         if "strace" in prefix:
             variables["ASAN_OPTIONS"] += ":detect_leaks=0"  # the leak check does not work under ptrace(2)
-        return subprocess.run(
-            [*prefix, DAEMON, *arguments],
-            env=variables,
-            stdin=subprocess.DEVNULL,
-            capture_output=True,
-            text=True,
-            timeout=120,
-        )
+        options = {"stdin": subprocess.DEVNULL, "capture_output": True, "text": True, "timeout": 120}
+        return subprocess.run([*prefix, DAEMON, *arguments], env=variables, **options)
 
     def run_once(self, prefix=(), **environment):
         """Runs one cycle, which must end well and print nothing; returns its log lines."""

@@ -62,16 +62,9 @@ def plain_archive(first, second, index=""):
         body += b"PK\3\4" + fields + struct.pack("<H", 20) + name.encode()
         body += struct.pack("<HHQQ", 1, 16, size, size) + content
     end = struct.pack("<QHHQ4Q", 44, 0x32D, 45, 0, 3, 3, len(directory), len(body))
-    locator = struct.pack("<IQI", 0, len(body + directory), 1)
-    return (
-        body
-        + directory
-        + b"PK\6\6"
-        + end
-        + b"PK\6\7"
-        + locator
-        + struct.pack("<4s4H2IH", b"PK\5\6", 0, 0, 3, 3, most, most, 0)
-    )
+    end += struct.pack("<4sIQI", b"PK\6\7", 0, len(body + directory), 1)
+    end += struct.pack("<4s4H2IH", b"PK\5\6", 0, 0, 3, 3, most, most, 0)
+    return body + directory + b"PK\6\6" + end
 
 
 def change_info(mirror, id, **changes):

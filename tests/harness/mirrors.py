@@ -72,15 +72,7 @@ class Nginx:
         # nginx takes over the sockets, which listen already: no port can be lost, and there is nothing to wait for.
         sockets = [socket.create_server(("127.0.0.1", port)) for port in self.ports.values()]
         descriptors = [s.fileno() for s in sockets]
-        nginx = [
-            "/usr/sbin/nginx",
-            "-p",
-            self.folder,
-            "-c",
-            self.folder / "nginx.conf",
-            "-e",
-            self.folder / "error.log",
-        ]
+        nginx = ["/usr/sbin/nginx", "-p", self.folder, "-c", "nginx.conf", "-e", "error.log"]
         self.process = subprocess.Popen(
             [*WITH_US, *self.prefix, *nginx],
             env={**os.environ, "NGINX": "".join(f"{fd};" for fd in descriptors)},

@@ -5,7 +5,6 @@
 
 #include <memory>
 #include <tuple>
-#include <type_traits>
 
 #include "http_server.hpp"
 #include "support.hpp"
@@ -45,15 +44,6 @@ protected:
     std::string body_ = "former content";
     const std::string dest_ = dir_ / "dest";
 };
-
-TEST_F(MirrorClientTest, IsNeitherCopiedNorMoved) {
-    EXPECT_FALSE(std::is_copy_constructible_v<MirrorClient>);
-    EXPECT_FALSE(std::is_move_constructible_v<MirrorClient>);
-    EXPECT_TRUE(std::is_nothrow_destructible_v<MirrorClient>);
-    EXPECT_TRUE((std::is_same_v<decltype(CompleteInfo::size), long>));
-    EXPECT_EQ(CompleteInfo().size, 0);
-    EXPECT_EQ(CompleteInfo().defid + CompleteInfo().cab_name + CompleteInfo().sha256, "");
-}
 
 TEST_F(MirrorClientTest, DefaultsGiveTheirUrls) {
     cfg_ = Config();
