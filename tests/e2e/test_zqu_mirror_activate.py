@@ -1,7 +1,7 @@
 """zqu-mirror activate: a release of the mirror is current again, and the one that it replaces stays away."""
 
 import pytest
-from mirror_tool import HELD, WORK, cab, cut, forge, remove, run, write
+from mirror_tool import HELD, cab, cut, forge, remove, run, write
 from release import HIT, info_name
 
 
@@ -113,11 +113,3 @@ def test_foreign_files_in_the_record_hold_nothing(own):
     assert run(*upstream)[0] == 0
     assert activate(own, "1")[0] == 0
     assert info_name("3") in own.held()
-
-
-@pytest.mark.parametrize("name", ["a/b", "..", "x-hit"])
-def test_id_that_cannot_be_one_is_a_wrong_command_line(own, name):
-    own.publish_small("1")
-    code, out, err = activate(own, name)
-    assert (code, out) == (2, "") and err.startswith("zqu-mirror: ID: ")
-    assert not own.path(WORK).exists()

@@ -4,9 +4,7 @@ import json
 import os
 
 import pytest
-from gateway import Gateway
 from mirror_tool import DAY, REPLACED, OwnMirror, cab, change_byte, cut, noise, remove, run, utc, write
-from outcomes import published
 from release import HIT, hit_ini, info_name
 from scripted_server import reply
 from tools import check_metrics
@@ -39,13 +37,6 @@ class Rolling(OwnMirror):
     def began_before(self, age):
         os.utime(self.path(FIRST), (self.began - age, self.began - age))
         return int(self.began - age)
-
-    def checked_by(self, gateway, stage):
-        """The log of a check by a gateway of this group."""
-        served = self.copied_to(gateway.folder / f"seen at {len(self.held())}")
-        served.write(HIT, hit_ini(self.named()[STAGES.index(stage)]))
-        gateway.settings["mirror_base_url"] = f"file://{served.root}".replace(" ", "%20")
-        return gateway.run_once()
 
 
 @pytest.fixture
@@ -90,15 +81,6 @@ def test_withdrawn_release_is_held_and_its_grace_begins(own):
     assert (own.named(), own.held()) == (["new"] * 4, [info_name("old")])
 
 
-def test_real_gateways_go_back_after_withdraw(own, tmp_path):
-    own.begin(1)
-    first, other = (Gateway(tmp_path / name) for name in ("first", "other"))
-    assert (own.checked_by(first, 1), own.checked_by(other, 10)) == (published("new"), published("old"))
-    assert own.rollout("withdraw")[0] == 0
-    assert (own.checked_by(first, 1), own.checked_by(other, 10)) == (published("old", "new"), [])
-    first.expect_status("old")
-
-
 def test_replaced_candidate_is_not_held_but_has_its_grace(own):
     own.begin(50)
     own.set_age(info_name("new"), 9)
@@ -120,27 +102,17 @@ def finish(own):
 NO_ROLLOUT = (
     "there is no rollout, and new is current: publish --percent starts one, activate goes back to a former release"
 )
+NOWHERE = f"{HIT} names no release to go back to: run zqu-mirror repair"
+PUBLISH = "publish --percent 1 --id new {root} {files}"
 # What is done to a mirror with the candidate "new" at 50 per cent, the words of a run, and why it is refused.
 REFUSED = {
     "no mirror": (None, "rollout {root}/typo", "{root}/typo/rhex/deffiles/def5-2 is no directory: there is no mirror"),
-    "replaced by itself": (
-        None,
-        "publish --percent 1 --replace --id new {root} {files}",
-        "{state}: only withdraw goes back",
-    ),
+    "replaced by itself": (None, f"{PUBLISH} --replace", "{state}: only withdraw goes back"),
     "lower stage": (None, "rollout {root} 10", "{state}: only withdraw goes back"),
     "activate": (None, "activate {root} old", "{state}: run zqu-mirror rollout MIRROR with 100 or withdraw first"),
     "damaged": (cut(cab("new"), 9), "rollout {root} 100", "new cannot be rolled out further: {cab} has 9 bytes {size}"),
-    "no hit INI": (
-        remove(HIT),
-        "rollout {root} withdraw",
-        "{hit} names no release to go back to: run zqu-mirror repair",
-    ),
-    "is current": (
-        finish,
-        "publish --percent 1 --id new {root} {files}",
-        "new is current already: --percent needs another release",
-    ),
+    "no hit INI": (remove(HIT), "rollout {root} withdraw", NOWHERE),
+    "is current": (finish, PUBLISH, "new is current already: --percent needs another release"),
     **{f"no rollout, {what}": (finish, f"rollout {{root}} {what}", NO_ROLLOUT) for what in ("10", "100", "withdraw")},
 }
 
@@ -149,9 +121,8 @@ REFUSED = {
 def test_step_that_cannot_be_is_refused(own, case):
     make, words, line = REFUSED[case]
     own.begin(50)
-    line = line.format(
-        root=own.root, state=own.state, hit=HIT, cab=cab("new"), size=f"instead of {own.size(cab('new'))}"
-    )
+    size = f"instead of {own.size(cab('new'))}"
+    line = line.format(root=own.root, state=own.state, cab=cab("new"), size=size)
     if make:
         make(own)
     own.expect_refused(line, *words.format(root=own.root, files="/etc/passwd /etc/group").split())

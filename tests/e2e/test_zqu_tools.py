@@ -5,6 +5,7 @@ import shlex
 
 import pytest
 from builds import REPOSITORY
+from mirror_tool import DOTS_RULE, HIT_RULE, NAME_RULE
 from tools import Tool
 
 VERSION = re.search(r"project\(\S+ VERSION (\S+)", (REPOSITORY / "CMakeLists.txt").read_text())[1]
@@ -21,6 +22,9 @@ REFUSED = {
     "zqu-mirror repair --from http://mirror.example m": "--from: must be an https or a file URL",
     "zqu-mirror repair": "MIRROR is required",
     "zqu-mirror activate m": "ID is required",
+    "zqu-mirror activate m a/b": f"ID: {NAME_RULE}",
+    "zqu-mirror activate m ..": f"ID: {DOTS_RULE}",
+    "zqu-mirror activate m x-hit": f"ID: {HIT_RULE}",
     "zqu-mirror rollout m 1": "ACTION: 1 not in {10,50,100,withdraw}",
     "zqu-mirror check --max-rollout 1d https://mirror.example": "--max-rollout requires the mirror's directory",
     "zqu-mirror check /nonexistent": "MIRROR: must be a directory or an http, https or file URL",

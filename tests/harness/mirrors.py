@@ -8,7 +8,6 @@ import socket
 import subprocess
 import textwrap
 import time
-from datetime import datetime, timedelta
 
 import trustme
 from gateway import wait_for
@@ -49,9 +48,9 @@ class Mirror:
 
 
 class Nginx:
-    """nginx over TLS on free loopback ports, with good and with bad certificates."""
+    """nginx over TLS on free loopback ports."""
 
-    CERTIFICATES = ("good", "wrong_host", "expired", "unknown_authority")
+    CERTIFICATES = ("good",)  # and the ports that show them
     EVENTS = ""  # lines of nginx.conf's block "events"
     LOG = "$uri $status"
     prefix = ()  # words before the command
@@ -108,10 +107,6 @@ class Nginx:
         process = self.process.pid
         return set(pathlib.Path(f"/proc/{process}/task/{process}/children").read_text().split())
 
-    def set_certificate(self, leaf):
-        """Replaces the file of the good certificate, which nginx takes over when it is started or reloaded."""
-        leaf.private_key_and_cert_chain_pem.write_to_path(self.folder / "good.pem")
-
     @staticmethod
     def _hold_port():
         holder = socket.socket()
@@ -122,14 +117,8 @@ class Nginx:
     def _make_certificates(self):
         self.authority = trustme.CA()
         self.authority.cert_pem.write_to_path(self.ca_path)
-        yesterday = datetime.utcnow() - timedelta(days=1)
-        self.leaves = {
-            "good": self.authority.issue_cert("localhost", "127.0.0.1"),
-            "wrong_host": self.authority.issue_cert("elsewhere.example"),
-            "expired": self.authority.issue_cert("localhost", not_after=yesterday),
-            "unknown_authority": trustme.CA().issue_cert("localhost"),
-        }
-        for name, leaf in self.leaves.items():
+        leaf = self.authority.issue_cert("localhost", "127.0.0.1")
+        for name in self.CERTIFICATES:
             leaf.private_key_and_cert_chain_pem.write_to_path(self.folder / f"{name}.pem")
 
     def _http_lines(self):

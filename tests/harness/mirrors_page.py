@@ -16,8 +16,6 @@ CONFIGURATIONS = re.findall(r"```nginx\n(.*?)```", PAGE, re.DOTALL)
 class Server(Nginx):
     """nginx with the split and one of the page's servers, set for this machine."""
 
-    CERTIFICATES = ("good",)
-
     def __init__(self, folder, authority, page, places="", rate=0, prefix=(), **changes):
         """Places are lines of the geo block, in the place of the page's examples."""
         folder.mkdir()

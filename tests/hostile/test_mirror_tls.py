@@ -22,35 +22,18 @@ def issuer(authority):
 
 
 # What is wrong with the certificate of a mirror: how an issuer makes its context, in a directory; what the tools say.
+NOT_TRUSTED, REFUSED = "comes from an authority that is not trusted", "is refused: [a-zA-Z ]+"
 BAD_CERTIFICATES = {
-    "unknown_authority": (
-        lambda issuer, folder: Issuer.unknown().context(folder, HERE),
-        "mirror's certificate comes from an authority that is not trusted",
-    ),
-    "self_signed": (
-        lambda issuer, folder: issuer.context(folder, HERE, self_signed=True),
-        "mirror's certificate is self-signed",
-    ),
-    "expired": (
-        lambda issuer, folder: issuer.context(folder, HERE, starts=-2 * DAY, ends=-DAY),
-        "mirror's certificate has expired",
-    ),
+    "unknown_authority": (lambda _, folder: Issuer.unknown().context(folder, HERE), NOT_TRUSTED),
+    "self_signed": (lambda issuer, folder: issuer.context(folder, HERE, self_signed=True), "is self-signed"),
+    "expired": (lambda issuer, folder: issuer.context(folder, HERE, starts=-2 * DAY, ends=-DAY), "has expired"),
     "not_yet_valid": (
         lambda issuer, folder: issuer.context(folder, HERE, starts=DAY, ends=2 * DAY),
-        "mirror's certificate is not valid yet",
+        "is not valid yet",
     ),
-    "missing_intermediate": (
-        lambda issuer, folder: issuer.below().context(folder, HERE, with_chain=False),
-        "mirror's certificate comes from an authority that is not trusted",
-    ),
-    "issued_by_a_leaf": (
-        lambda issuer, folder: issuer.below(is_authority=False).context(folder, HERE),
-        "certificate of the mirror's authorities is refused: [a-zA-Z ]+",
-    ),
-    "for_clients_only": (
-        lambda issuer, folder: issuer.context(folder, HERE, usage=CLIENTS_ONLY),
-        "mirror's certificate is refused: [a-zA-Z ]+",
-    ),
+    "missing_intermediate": (lambda issuer, to: issuer.below().context(to, HERE, with_chain=False), NOT_TRUSTED),
+    "issued_by_a_leaf": (lambda issuer, folder: issuer.below(is_authority=False).context(folder, HERE), REFUSED),
+    "for_clients_only": (lambda issuer, folder: issuer.context(folder, HERE, usage=CLIENTS_ONLY), REFUSED),
 }
 # Names in a certificate that are not the mirror's, by the address or name that it has in the configuration.
 BAD_NAMES = {
@@ -83,7 +66,8 @@ def without_clock(text):
 def test_bad_certificate_is_refused_before_anything_is_asked(trial, issuer, tmp_path, wrong):
     trial.server.context = BAD_CERTIFICATES[wrong][0](issuer, tmp_path)
     trial.fail("hit", UNTRUSTED)
-    fault = rf": (the|a) {BAD_CERTIFICATES[wrong][1]}; .+ \(subject \"CN=.*\", names .*, issuer \".*\"\)"
+    whose = "a certificate of the mirror's authorities" if wrong == "issued_by_a_leaf" else "the mirror's certificate"
+    fault = rf": {whose} {BAD_CERTIFICATES[wrong][1]}; .+ \(subject \"CN=.*\", names .*, issuer \".*\"\)"
     assert re.search(fault, said_by_tools(trial)[0])
     assert trial.server.targets() == []
     trial.heal()

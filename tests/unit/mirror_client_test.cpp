@@ -195,15 +195,6 @@ TEST_F(MirrorClientTest, DownloadLeavesTheDestinationOnly) {
     EXPECT_EQ(read_file(dest_), content);
 }
 
-TEST_F(MirrorClientTest, DownloadReplacesFormerFiles) {
-    write_file(dest_, "a former and longer file");
-    write_file(dir_ / "dest.part", "a former and much longer partial file");
-    server_.serve(cab, "");
-    EXPECT_TRUE(download());
-    EXPECT_EQ(listing(dir_.path()), Lines{"dest"});
-    EXPECT_EQ(read_file(dest_), "");
-}
-
 TEST_F(MirrorClientTest, FailedRenameIsSilentAndKeepsThePart) {
     server_.serve(cab, "content");
     make_dirs(dest_);

@@ -250,8 +250,8 @@ TEST_F(UpdaterTest, LeftOverStagingIsReused) {
     mirror_.publish("1");
     make_dirs(stage());
     write_file(stage() + "/antivir-v2.def", "stale, and longer than what replaces it: " + std::string(1000, 'x'));
-    write_file(stage() + "/release-1.cab.part", "stale");
-    write_file(stage() + "/release-1.cab", "stale");
+    write_file(stage() + "/release-1.cab.part", std::string(100'000, 'x'));
+    write_file(stage() + "/release-1.cab", std::string(100'000, 'x'));
     expect_updated("1");
     EXPECT_EQ(listing(cfg_.def_root), installed("1"));
     EXPECT_EQ(read_file(stage() + "/antivir-v2.def"), Mirror::content("antivir-v2.def", "1"));
