@@ -12,9 +12,8 @@ def output_of(*command):
 
 
 def needed_libraries():
-    return {
-        line.split("[")[1].rstrip("]") for line in output_of("readelf", "-dW", DAEMON).splitlines() if "NEEDED" in line
-    }
+    lines = output_of("readelf", "-dW", DAEMON).splitlines()
+    return {line.split("[")[1].rstrip("]") for line in lines if "NEEDED" in line}
 
 
 def test_the_three_libraries_are_linked_dynamically():

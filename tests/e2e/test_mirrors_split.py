@@ -37,9 +37,8 @@ def asked(server, addresses, **headers):
     """What gateways of these addresses get, over one connection."""
     connection = server.connection()
     answers = {at: server.get(PATH, connection, **{server.address_header: at}, **headers) for at in addresses}
-    assert {(status, fields["Cache-Control"]) for status, fields, _ in answers.values()} == {
-        (200, "private, max-age=60")
-    }
+    found = {(status, fields["Cache-Control"]) for status, fields, _ in answers.values()}
+    assert found == {(200, "private, max-age=60")}
     return {at: body.decode() for at, (_, _, body) in answers.items()}
 
 

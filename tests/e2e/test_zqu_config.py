@@ -53,9 +53,8 @@ class Configuration:
     def write(self, lines=b""):
         """Writes the lines, and behind them the harmless settings of the keys that they do not set."""
         content = lines if isinstance(lines, bytes) else lines.encode()
-        unset = {
-            key: value for key, value in self.harmless.items() if not re.search(rb"(?m)^%s *=" % key.encode(), content)
-        }
+        keys = [key for key in self.harmless if not re.search(rb"(?m)^%s *=" % key.encode(), content)]
+        unset = {key: self.harmless[key] for key in keys}
         self.path.write_bytes(content + configuration(unset).encode())
 
     def expand(self, text):
@@ -199,8 +198,6 @@ VALUES = {
         "ftp.mirror.example:8080": "warning: no scheme: libcurl guesses ftp",
         "HTTP://mirror.example": "warning: over http anybody on the way can replace definitions and digests",
         "ftp://mirror.example": OTHER_SCHEME,
-        "smtp://mirror.example": OTHER_SCHEME,
-        "telnet://mirror.example": OTHER_SCHEME,
         "hkps://mirror.example": 'error: libcurl knows no scheme "hkps": every check fails',
         "file:///media/definitions": DIRECTORY,
         "file://media/defs": f"{REFUSED.format('Bad file:// URL')}; write file:///DIRECTORY",
@@ -633,11 +630,10 @@ def test_mirror_that_fails_is_an_error_with_the_reason(online, nginx, mirror, cl
     online.expect(FAILS.format(f"GET {url}/d/{HIT}: Couldn't connect to server"), words=["--online"])
 
 
-@pytest.mark.parametrize("limit", ["1", "1s"])
-def test_mirror_that_stalls_is_given_up(conf, limit):
+def test_mirror_that_stalls_is_given_up(conf):
     with socket.create_server(("127.0.0.1", 0)) as stalling:
         conf.write(f"mirror_base_url = https://127.0.0.1:{stalling.getsockname()[1]}\n")
-        conf.expect(" error: the mirror has not answered within 1 s", words=["--online", "--timeout", limit])
+        conf.expect(" error: the mirror has not answered within 1 s", words=["--online", "--timeout", "1"])
 
 
 def test_waiting_is_shown_on_a_terminal_and_cleared(conf):

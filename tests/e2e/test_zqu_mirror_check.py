@@ -98,9 +98,8 @@ class Served:
     def __init__(self, own, scripted, *headers):
         self.own, self.scripted, self.server = own, scripted, scripted.server
         own.make_by_hand()
-        self.server.script = {
-            path.name: [reply(path.read_bytes(), "200 OK", *headers)] for path in own.folder.iterdir()
-        }
+        files = own.folder.iterdir()
+        self.server.script = {path.name: [reply(path.read_bytes(), "200 OK", *headers)] for path in files}
 
     def check(self, *words, **options):
         words = ["--subdir", "defs", "--ca", self.scripted.ca_path, *words]
@@ -147,6 +146,8 @@ def test_certificate_that_ends_within_two_weeks_is_a_warning(served, authority, 
 # ---- What is wrong here ----
 
 CANNOT_WRITE = "cannot write the archive: {}; name a directory with more room by TMPDIR"
+UNAVAILABLE = "Resource temporarily unavailable"
+STRACE = ["strace", "-qq", "-f", "-o", "/dev/null", "-e"]
 MOUNT = ["unshare", "--mount", "sh", "-c", 'mount -t tmpfs -o "$0" none "$TMPDIR" && exec "$@"']
 # A prefix of the command, and what is said on standard error.
 LACKING = {
@@ -161,7 +162,7 @@ LACKING = {
         "cannot read /proc/self/fd/[0-9]+: No such file or directory",
     ),
     "memory file": (
-        ["strace", "-qq", "-f", "-o", "/dev/null", "-e", "inject=memfd_create:error=ENFILE"],
+        [*STRACE, "inject=memfd_create:error=ENFILE"],
         "cannot create a file in memory: Too many open files in system",
     ),
     "memory": (
@@ -176,10 +177,7 @@ LACKING = {
         ["env", "--ignore-signal=CHLD", "setpriv", "--bounding-set=-setuid,-setgid", "--inh-caps=-all"],
         "cannot give up root's privileges: Operation not permitted",
     ),
-    "process": (
-        ["strace", "-qq", "-f", "-o", "/dev/null", "-e", "inject=clone,fork,vfork:error=EAGAIN"],
-        "cannot make a process: Resource temporarily unavailable",
-    ),
+    "process": ([*STRACE, "inject=clone,fork,vfork:error=EAGAIN"], f"cannot make a process: {UNAVAILABLE}"),
 }
 
 

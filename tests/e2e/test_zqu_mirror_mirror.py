@@ -96,6 +96,7 @@ def with_id(id):
 
 
 UPSTREAM = "the upstream mirror's"
+DAMAGED_FILE = "aivsecon-v2.def does not have the digest that the index gives"
 GET_ERROR = "GET {{url}}/{}: HTTP response code said error"
 NO_DIGEST = f"{UPSTREAM} {cab('1002')} does not have the digest {{digest}}"
 LONG = "x" * (255 - len(".cab.part")) + "y.cab"
@@ -123,10 +124,7 @@ TAMPERED = {
     "no digest": (change(SHA256=""), f"{info_name('1002')} names no archive or no digest"),
     "archive missing": (change(name="gone.cab"), GET_ERROR.format("gone.cab")),
     "archive damaged": (lambda copy: copy.upstream.write(cab("1002"), b"damaged"), NO_DIGEST),
-    "definition damaged": (
-        damage_definition,
-        f"{UPSTREAM} archive is refused: aivsecon-v2.def does not have the digest that the index gives",
-    ),
+    "definition damaged": (damage_definition, f"{UPSTREAM} archive is refused: {DAMAGED_FILE}"),
     **{f"id {id[:9]}": (with_id(id), f"{UPSTREAM} id {id} is refused: {why}") for id, why in REFUSED_IDS.items()},
     **{
         f"name {name[:9]}": (change(name=name), f"{UPSTREAM} archive name {name} is refused: it {rule}")
@@ -146,6 +144,8 @@ def test_what_a_client_would_refuse_leaves_the_mirror_untouched(copy, fault):
     copy.expect_refused(line, *copy.words())
 
 
+SHORT = f"{cab('1001')} has 7 bytes instead of {{size}}"
+TAKEN = f"{info_name('1001')} names it"
 OTHER_CONTENT = "1001 is on the mirror with other content: an id never gets other content"
 
 
@@ -170,14 +170,8 @@ def follow_and_take_name(copy):
 CONFLICTS = {
     "id here": (lambda copy: (copy.upstream.publish("1001"), copy.publish("1001")), OTHER_CONTENT),
     "id gets other content": (follow_and_change, OTHER_CONTENT),
-    "id here damaged": (
-        follow_and_damage,
-        f"1001 is on the mirror, but damaged: {cab('1001')} has 7 bytes instead of {{size}}; {REPAIR}",
-    ),
-    "archive name taken": (
-        follow_and_take_name,
-        f"{cab('1001')} is on the mirror with other content, and {info_name('1001')} names it",
-    ),
+    "id here damaged": (follow_and_damage, f"1001 is on the mirror, but damaged: {SHORT}; {REPAIR}"),
+    "archive name taken": (follow_and_take_name, f"{cab('1001')} is on the mirror with other content, and {TAKEN}"),
 }
 
 

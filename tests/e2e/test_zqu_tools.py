@@ -69,11 +69,7 @@ def test_wrong_command_line_is_refused(tmp_path, line):
 # The commands of each tool, what its help says of the exit status, and the status when output is lost.
 HELP = {
     "zqu-config": (["check", "show"], "", 2),
-    "zqu-mirror": (
-        ["publish", "mirror", "rollout", "activate", "repair", "prune", "list", "check"],
-        "Exit status: 0 done",
-        1,
-    ),
+    "zqu-mirror": ("publish mirror rollout activate repair prune list check".split(), "Exit status: 0 done", 1),
     "zqu-status": ([], "Exit status: 0 ok, 1 warning, 2 critical, 3 unknown", 3),
 }
 

@@ -94,9 +94,8 @@ class Shot(PacedDaemon):
         """The signal came before the handler, and nothing had happened yet."""
         assert events == self.outdated.events[: len(events)]
         assert f"handler {number:d}" not in events
-        assert not self.gateway.status_path.parent.exists() and tree(self.gateway.root) == tree(
-            self.outdated.gateway.root
-        )
+        assert not self.gateway.status_path.parent.exists()
+        assert tree(self.gateway.root) == tree(self.outdated.gateway.root)
 
 
 def without_signals(events):

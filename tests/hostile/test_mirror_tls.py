@@ -51,7 +51,9 @@ def said_by_tools(trial):
     config = trial.gateway.config_path
     settings = trial.gateway.settings
     words = ["--subdir", settings["mirror_subdir"], "--ca", settings["ca_path"], settings["mirror_base_url"]]
-    lines = [line.split(None, 1)[1] for line in Tool("zqu-mirror")("check", *words)[1].splitlines()]
+    report = Tool("zqu-mirror")("check", *words)[1]
+    assert report.startswith("FAULT") == (trial.server.targets() == [])
+    lines = [line.split(None, 1)[1] for line in report.splitlines()]
     findings = without_clock(Tool("zqu-config")("check", "--online", config)[1])
     said = [without_clock(line) for line in lines if "certificate" in line]
     assert [line for line in said if line not in findings] == []

@@ -1,12 +1,10 @@
 """What `cmake --install` puts where; tests/confinement/ runs what it installs."""
 
-import booted
 import pytest
 from booted_gateway import CONFIG, UNIT, install
 from builds import REPOSITORY
 from gateway import SANITIZED
 from outcomes import listing
-from packages import run
 from test_packages import MIRROR, UPDATER
 
 pytestmark = pytest.mark.skipif(SANITIZED, reason="the sanitized build is not for installing")
@@ -37,21 +35,3 @@ def test_installing_again_keeps_an_edited_configuration(tmp_path):
     configuration.write_text("mirror_base_url = https://mirror.example\n")
     assert f"-- Keeping: {configuration}\n" in install(tmp_path)
     assert configuration.read_text() == "mirror_base_url = https://mirror.example\n"
-
-
-CHROOT = """
-cd "$1"
-mount -t tmpfs tmpfs .
-mkdir usr proc sys dev tmp harness
-for folder in usr proc sys dev; do mount --rbind "/$folder" "$folder"; done
-mount --bind "$2" harness
-ln -s usr/bin usr/lib usr/lib64 usr/sbin .
-PYTHONPATH=/harness exec chroot . python3 -c 'import booted; print(booted.why_not_bootable())'
-"""
-
-
-@pytest.mark.skipif(bool(booted.why_not_bootable()), reason=booted.why_not_bootable())
-def test_no_system_is_booted_in_a_chroot(tmp_path):
-    """Its commands would be run in the system around the chroot."""
-    printed = run("unshare", "--mount", "sh", "-ec", CHROOT, "sh", tmp_path, REPOSITORY / "tests" / "harness")
-    assert printed == "booting a system does not go in a chroot\n"
