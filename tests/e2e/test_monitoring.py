@@ -59,10 +59,8 @@ def expressions():
 
 def test_dashboard_asks_in_well_formed_expressions(tmp_path):
     assert len(expressions()) >= len(DASHBOARD["panels"]) > 0
-    rules = [
-        {"record": f"panel:{number}", "expr": expression.replace("$instance", ".*")}
-        for number, expression in enumerate(expressions())
-    ]
+    asked = [expression.replace("$instance", ".*") for expression in expressions()]
+    rules = [{"record": f"panel:{number}", "expr": expression} for number, expression in enumerate(asked)]
     path = tmp_path / "rules.yml"
     path.write_text(json.dumps({"groups": [{"name": "dashboard", "rules": rules}]}))  # JSON is YAML
     code, out = promtool("check", "rules", path)

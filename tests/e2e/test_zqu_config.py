@@ -305,11 +305,6 @@ def test_libarchive_without_zstandard_is_reported(conf):
 # ---- The file itself ----
 
 
-def sparse(path):
-    path.touch()
-    os.truncate(path, 1048577)
-
-
 def test_longest_configuration_is_read(conf):
     conf.write()
     conf.path.write_bytes(conf.path.read_bytes().ljust(1048576, b"#"))
@@ -321,7 +316,7 @@ NO_FILES = {
     "directory": (lambda path: path.mkdir(), "is a directory: the daemon would go by its defaults, without a word"),
     "FIFO": (os.mkfifo, "is a FIFO: the daemon would wait at its start until something is written to it"),
     "device": (lambda path: path.symlink_to("/dev/zero"), "is not a regular file"),
-    "too long": (sparse, "is longer than 1048576 bytes: it was not checked"),
+    "too long": (lambda path: path.write_bytes(bytes(1048577)), "is longer than 1048576 bytes: it was not checked"),
 }
 
 

@@ -206,11 +206,6 @@ def test_what_is_lacking_here_is_no_fault_of_the_mirror(own, temporary, case):
 # ---- Forms for monitoring systems ----
 
 
-def set_published(own, age_s):
-    moment = time.time() - age_s
-    os.utime(own.path(INFO), (moment, moment))
-
-
 HOUR = 3600
 FUTURE = f"{INFO} is from the future: its age is unknown until then"
 # The age of the release in seconds, options, and the exit status, verdict, summary and limits.
@@ -227,7 +222,7 @@ MONITORED = {
 def test_plugin_judges_the_age_of_the_release(own, case):
     age, words, status, verdict, summary, limits = MONITORED[case]
     own.make_by_hand()
-    set_published(own, age)
+    os.utime(own.path(INFO), (time.time() - age, time.time() - age))
     code, out, err = own.check("--nagios", *words.split())
     assert (code, err) == (status, "")
     match = re.fullmatch(rf"MIRROR {verdict} - {summary} \|age=(\d+)s;{limits};0\n", out)

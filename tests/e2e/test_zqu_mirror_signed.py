@@ -82,10 +82,8 @@ def test_commands_of_the_manual_make_keys_and_verify(tmp_path):
 
 SHARED = "{} may be used by other users: make it your own with the mode 0600, or make a new key if one of them may"
 SHARED += " have it"
-ASKED = (
-    "{} has a pass phrase, and nobody is asked for it: take another key, or what openssl pkey -in {} -out FILE makes"
-)
-ASKED += " of it"
+ASKED = "{} has a pass phrase, and nobody is asked for it: take another key, or what openssl pkey -in {} -out FILE"
+ASKED += " makes of it"
 NO_KEY = "{} holds no Ed25519 private key in PEM: make one with openssl genpkey -algorithm ed25519"
 ROOTS = "the mirror's directory belongs to another user, who could get the key while root signs there: sign in a "
 ROOTS += "directory of root's, and copy that with zqu-mirror mirror"

@@ -102,9 +102,8 @@ class Run:
     def link_in_the_way(self):
         obstacle = self.gateway.root / "active.tmp"
         obstacle.mkdir()
-        staged = {
-            name: what for name, what in self.trial.after().items() if f"{name}/".startswith(f"{SNAPSHOTS}/{NEW}/")
-        }
+        after, place = self.trial.after(), f"{SNAPSHOTS}/{NEW}/"
+        staged = {name: what for name, what in after.items() if f"{name}/".startswith(place)}
         left = {**self.trial.tree(), **staged}
         self.expect(Case({}, [f"err publish: symlink {obstacle} failed"], OLD, "publish/flip failed", left))
         obstacle.rmdir()

@@ -42,10 +42,6 @@ BAD_NAMES = {
 }
 
 
-def address_by(trial, host):
-    trial.gateway.settings["mirror_base_url"] = f"https://{host}:{trial.server.port}"
-
-
 def said_by_tools(trial):
     """What zqu-mirror says of the mirror; zqu-config must say the same."""
     config = trial.gateway.config_path
@@ -77,7 +73,7 @@ def test_bad_certificate_is_refused_before_anything_is_asked(trial, issuer, tmp_
 
 @pytest.mark.parametrize("host", BAD_NAMES)
 def test_name_that_only_resembles_the_mirrors_is_refused(trial, issuer, tmp_path, host):
-    address_by(trial, host)
+    trial.gateway.settings["mirror_base_url"] = f"https://{host}:{trial.server.port}"
     for name in BAD_NAMES[host]:
         trial.server.context = issuer.context(tmp_path, [name] if name else [])
         trial.fail("hit", UNTRUSTED)
