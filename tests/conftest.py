@@ -89,9 +89,8 @@ def gateway(nginx, mirror, tmp_path):
 def gateway_in_memory(nginx, mirror):
     """On no disk, where each flush takes its time."""
     with tempfile.TemporaryDirectory(dir="/dev/shm", prefix="zqu-") as folder:
-        machine = Gateway(
-            pathlib.Path(folder), mirror_base_url=nginx.url(), mirror_subdir=mirror.subdir, ca_path=nginx.ca_path
-        )
+        where = {"mirror_base_url": nginx.url(), "mirror_subdir": mirror.subdir}
+        machine = Gateway(pathlib.Path(folder), ca_path=nginx.ca_path, **where)
         yield machine
         machine.end_all()
 

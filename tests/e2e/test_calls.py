@@ -170,10 +170,11 @@ def not_fetched(line, status, then):
 
 
 def cannot_open(text):
-    return (
-        refused("CAB extract", f"err extract: cannot open @/{CAB}: {text}"),
-        "err archive_read_free archive_write_free err",
-    )
+    outcome = refused("CAB extract", f"err extract: cannot open @/{CAB}: {text}")
+    return outcome, "err archive_read_free archive_write_free err"
+
+
+NOT_WRITTEN = "Failed writing received data to disk/application"
 
 
 def missing(name, *lines):
@@ -210,10 +211,7 @@ EXPECTED = {
     "curl_easy_cleanup": (FAILURE, [IGNORED]),
     "curl_global_cleanup": (FAILURE, [IGNORED]),
     "fopen": (errno.EMFILE, [(refused("download CAB", f"err download_cab: cannot create @/{CAB}.part"), "err err")]),
-    "fwrite": (
-        errno.ENOSPC,
-        [(not_downloaded("Failed writing received data to disk/application"), "fclose err remove err")],
-    ),
+    "fwrite": (errno.ENOSPC, [(not_downloaded(NOT_WRITTEN), "fclose err remove err")]),
     "fclose": (errno.EIO, [IGNORED]),
     "rename": (errno.EIO, [(refused("download CAB"), "err"), (unpublished("rename to active failed"), "err unlink")]),
     "remove": (errno.EIO, [IGNORED]),

@@ -284,6 +284,7 @@ def make_too_large(own):
     os.truncate(own.antivir, CAB_CAPACITY - index)
 
 
+OTHER = "other content: take a new id"
 # How the inputs or the mirror with the release "old" look, and what then is said of a publish.
 REFUSED = {
     "line break in a path": (
@@ -299,10 +300,7 @@ REFUSED = {
         lambda own: (own.publish("new"), os.truncate(own.path(cab("new")), 1 << 20), own.publish_small("old")),
         "new is on the mirror, but its INI file and its archive do not match",
     ),
-    "other content": (
-        lambda own: own.publish_small("new"),
-        "new was published before with other content: take a new id",
-    ),
+    "other content": (lambda own: own.publish_small("new"), f"new was published before with {OTHER}"),
     "more than a CAB": (
         make_too_large,
         f"the definitions do not fit into a CAB, which holds {CAB_CAPACITY} bytes with the index: "

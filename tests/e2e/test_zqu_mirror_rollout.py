@@ -99,9 +99,8 @@ def finish(own):
     assert own.rollout("100")[0] == 0
 
 
-NO_ROLLOUT = (
-    "there is no rollout, and new is current: publish --percent starts one, activate goes back to a former release"
-)
+NO_ROLLOUT = "there is no rollout, and new is current: "
+NO_ROLLOUT += "publish --percent starts one, activate goes back to a former release"
 NOWHERE = f"{HIT} names no release to go back to: run zqu-mirror repair"
 PUBLISH = "publish --percent 1 --id new {root} {files}"
 # What is done to a mirror with the candidate "new" at 50 per cent, the words of a run, and why it is refused.

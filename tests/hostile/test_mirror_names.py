@@ -64,14 +64,8 @@ PLAIN_IDS = ("active", "10%2f02", "%s%n%d", "10#02", "10?02", "...", "-rf", "$(i
 
 def test_odd_id_that_is_a_file_name_is_a_release_like_any_other(trial):
     trial.check_all(
-        Case(
-            announced(trial, version, **ASKED.get(version, {})),
-            published(version, OLD),
-            version,
-            "",
-            trial.after(version=version),
-        )
-        for version in PLAIN_IDS
+        Case(announced(trial, id, **ASKED.get(id, {})), published(id, OLD), id, "", trial.after(version=id))
+        for id in PLAIN_IDS
     )
 
 

@@ -266,5 +266,16 @@ TEST_F(UpdaterTest, ExceptionWhileStagingLeavesTheStagingWithoutAStatus) {
     EXPECT_EQ(listing(stage()), (Lines{"aivsecon-v2.def", "antivir-v2.def -> antivir-v2.def", "antivir-v2.ini"}));
 }
 
+TEST_F(UpdaterTest, ExceptionWhilePruningLeavesThePublishedSnapshot) {
+    install("1");
+    fs::remove(cfg_.status_path);
+    mirror_.publish("2");
+    fs::create_symlink("loop", cfg_.def_root + "/snapshots/loop");
+    EXPECT_THROW(run(), fs::filesystem_error);
+    EXPECT_EQ(active(), "snapshots/2");
+    EXPECT_FALSE(exists(cfg_.status_path));
+    EXPECT_EQ(log_.take(), Lines{"info published def snapshot 2"});
+}
+
 }  // namespace
 }  // namespace zqu::test
