@@ -338,6 +338,14 @@ def test_reader_that_is_killed_gives_no_verdict(hostile):
     assert (process.returncode, hostile.mirror.exists()) == (1, False)
 
 
+@needs_root
+def test_run_that_cannot_give_up_privileges_reads_no_archive(hostile):
+    hostile.put(new())
+    bare = ["setpriv", "--bounding-set=-setuid,-setgid", "--inh-caps=-all"]
+    line = "zqu-mirror: cannot give up root's privileges: Operation not permitted\n"
+    assert hostile.run("mirror", prefix=bare) == (1, "", line)
+
+
 def test_disk_that_fails_under_the_archive_gives_no_verdict(hostile):
     """It can be read once, for the digest."""
     hostile.put(new())

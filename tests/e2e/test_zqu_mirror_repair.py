@@ -9,21 +9,8 @@ import tempfile
 
 import pytest
 from gateway import wait_for
-from mirror_tool import (
-    HELD,
-    NAME_RULE,
-    REPLACED,
-    SUBDIR,
-    WORK,
-    cab,
-    change_byte,
-    change_info,
-    cut,
-    forge,
-    remove,
-    run,
-    write,
-)
+from mirror_tool import HELD, NAME_RULE, REPLACED, SUBDIR, WORK
+from mirror_tool import cab, change_byte, change_info, cut, forge, remove, run, write
 from release import HIT, good_files, info_name, sha256
 from scripted_server import reply, stall
 from tools import AS_ROOT, under_strace
