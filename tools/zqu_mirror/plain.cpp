@@ -33,7 +33,7 @@ constexpr std::size_t digits = 12;  // of the digest, in the name of a delta
 // A file in memory, for as long as this lives.
 class Mapping {
 public:
-    Mapping(const Fd& file, int protection) : size_(size_of(file)) {
+    Mapping(const Fd& file, int protection) : size_(static_cast<std::size_t>(lseek(file.get(), 0, SEEK_END))) {
         data_ = mmap(nullptr, size_, protection, MAP_SHARED, file.get(), 0);
         if (data_ == MAP_FAILED) {
             fail_errno("cannot map a file into memory");
@@ -47,12 +47,6 @@ public:
     [[nodiscard]] std::size_t size() const { return size_; }
 
 private:
-    static std::size_t size_of(const Fd& file) {
-        struct stat status {};
-        static_cast<void>(fstat(file.get(), &status));
-        return static_cast<std::size_t>(status.st_size);
-    }
-
     std::size_t size_;
     void* data_;
 };
