@@ -99,13 +99,6 @@ void write_zip(bool stored, const std::string& index, const std::string& index_n
     require_zip(zip, archive_write_close(zip));
 }
 
-std::size_t require_zstd(std::size_t result) {
-    if (ZSTD_isError(result) != 0) {
-        fail(std::string("libzstd: ") + ZSTD_getErrorName(result));
-    }
-    return result;
-}
-
 // As many threads as processors that this process may use, up to four for the memory that each takes. How many makes no
 // difference to the bytes, but whether libzstd has any does: one at least.
 int threads() {
@@ -131,6 +124,13 @@ tools::Handle<ZSTD_CCtx, ZSTD_freeCCtx> zstd_context(std::uintmax_t size) {
 }
 
 }  // namespace
+
+std::size_t require_zstd(std::size_t result) {
+    if (ZSTD_isError(result) != 0) {
+        fail(std::string("libzstd: ") + ZSTD_getErrorName(result));
+    }
+    return result;
+}
 
 void pack_cab(const std::filesystem::path& archive, const std::string& index, const std::string& index_name,
               const std::vector<Source>& sources, time_t index_time) {

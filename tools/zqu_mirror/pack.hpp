@@ -44,4 +44,7 @@ Packer pack_zip;
 // path. Reads the sources twice. Uses up to four of the processors that this process may use, and 90 MiB for each.
 Packer pack_zstd;
 
+// The result of a function of libzstd. Throws std::runtime_error when it is an error.
+std::size_t require_zstd(std::size_t result);
+
 }  // namespace zqu::mirror_tool

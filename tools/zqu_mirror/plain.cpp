@@ -158,13 +158,6 @@ void allocate(const Fd& file, std::uintmax_t size, const fs::path& path) {
     }
 }
 
-std::size_t require_zstd(std::size_t result) {
-    if (ZSTD_isError(result) != 0) {
-        fail(std::string("libzstd: ") + ZSTD_getErrorName(result));
-    }
-    return result;
-}
-
 // The smallest window that holds both files, or the largest one.
 int window_for(std::uintmax_t size) {
     const ZSTD_bounds bounds = ZSTD_cParam_getBounds(ZSTD_c_windowLog);
