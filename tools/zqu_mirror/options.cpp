@@ -99,20 +99,14 @@ std::string unusable_id(const std::string& id) {
 }
 
 std::string unusable_archive(const std::string& name) {
-    std::string reason = unusable_name(name);
-    if (reason.empty() && name.front() == '.') {
-        reason = "must not begin with a dot";
-    }
-    if (reason.empty()) {
-        reason = reserved_end(name);
-    }
-    if (reason.empty() && name.find(hit_end) != std::string::npos) {  // a web server may serve it for a hit INI
-        reason = "must not hold -hit.ini";
-    }
-    if (reason.empty() && name.size() + std::string(".part").size() > NAME_MAX) {
-        reason = "is too long for a file name";
-    }
-    return reason;
+    const bool of_hit = name.find(hit_end) != std::string::npos;  // a web server may serve it for a hit INI
+    const bool too_long = name.size() + std::string(".part").size() > NAME_MAX;
+    const std::string reasons[] = {unusable_name(name), begins_with(name, ".") ? "must not begin with a dot" : "",
+                                   reserved_end(name), of_hit ? "must not hold -hit.ini" : "",
+                                   too_long ? "is too long for a file name" : ""};
+    const auto* const first =
+        std::find_if(std::begin(reasons), std::end(reasons), [](const auto& reason) { return !reason.empty(); });
+    return first == std::end(reasons) ? "" : *first;
 }
 
 std::string unusable_subdir(const std::string& subdir) {
