@@ -176,8 +176,8 @@ void require(int result) {
 // Of use are the paths above or below what the daemon writes, and the default root, which the unit itself names.
 bool is_of_use(const fs::path& writable, const Config& cfg) {
     const std::vector<fs::path> written{cfg.def_root, fs::path(cfg.status_path).parent_path(), Config().def_root};
-    return std::any_of(written.begin(), written.end(), [&writable](const fs::path& directory) {
-        return is_within(writable, directory) || is_within(directory, writable);
+    return std::any_of(written.begin(), written.end(), [&writable](const fs::path& place) {
+        return is_within(writable, place) || is_within(place, writable);
     });
 }
 

@@ -143,7 +143,7 @@ json unit_json(const Unit& unit) {
     json words = nlohmann::json(unit);
     words.erase("writable");
     for (json& word : words) {
-        word = known(word != "", word);
+        word = known(word != json(""), word);
     }
     return words;
 }
@@ -195,7 +195,7 @@ void unit(const Unit& unit, Exposition& out) {
     const nlohmann::json words = unit;
     Exposition::Labels labels{{"unit", unit.name}};
     for (const char* name : {"load_state", "active_state", "sub_state", "unit_file_state", "result"}) {
-        labels.emplace_back(name, unit.reason.empty() || words[name] != "" ? words[name] : "unknown");
+        labels.emplace_back(name, unit.reason.empty() || words[name] != nlohmann::json("") ? words[name] : "unknown");
     }
     out.head("unit_info", "The state of the updater's unit, in systemd's words, or unknown; always 1.");
     out.sample(labels, "1");
