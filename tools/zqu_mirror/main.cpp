@@ -7,6 +7,7 @@
 
 #include "commands.hpp"
 #include "options.hpp"
+#include "plain.hpp"
 #include "program.hpp"
 #include "rollout.hpp"
 #include "run.hpp"
@@ -94,7 +95,7 @@ void add_publish(CLI::App& command, Options& options) {
         ->capture_default_str()
         ->check(CLI::IsMember(suffixes));
     command.add_option("--deltas", options.deltas, "Also make deltas from the last N releases, for mirror --plain")
-        ->check(CLI::Range(0, 100));
+        ->check(CLI::Range(std::size_t{0}, most_deltas));
     add_percent(command, options);
     command.add_flag("--allow-empty", options.allow_empty, "Publish empty definition files, too");
     add_mirror_directory(command, options, "; created when missing");

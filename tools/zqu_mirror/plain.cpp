@@ -194,8 +194,9 @@ PlainInfo plain_info(const std::string& info) {
     }
     std::sort(found.deltas.begin(), found.deltas.end(), [](auto& a, auto& b) { return a.size < b.size; });
     left = std::min(left, tools::largest_file);
-    const auto beyond = std::find_if(found.deltas.begin(), found.deltas.end(), [&left](const Delta& delta) {
-        const bool fits = delta.size <= left;
+    std::size_t number = 0;
+    const auto beyond = std::find_if(found.deltas.begin(), found.deltas.end(), [&](const Delta& delta) {
+        const bool fits = delta.size <= left && ++number <= most_deltas;
         left -= fits ? delta.size : 0;
         return !fits;
     });

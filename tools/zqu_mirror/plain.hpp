@@ -19,6 +19,8 @@
 
 namespace zqu::mirror_tool {
 
+inline constexpr std::size_t most_deltas = 100;
+
 // A difference between two plain archives.
 struct Delta {
     std::string from;  // the id of the release that it starts from
@@ -30,8 +32,8 @@ struct Delta {
 struct PlainInfo {
     std::string sha256;  // empty when it says nothing, or not all, of a plain archive
     std::uintmax_t size = 0;
-    std::vector<Delta> deltas{};  // each with a usable id, size and digest; the smallest first; together no larger than
-                                  // the archive, for the upstream mirror may be hostile
+    std::vector<Delta> deltas{};  // each with a usable id, size and digest; the smallest first; at most most_deltas,
+                                  // and together no larger than the archive, for the upstream mirror may be hostile
 };
 
 [[nodiscard]] PlainInfo plain_info(const std::string& info);
