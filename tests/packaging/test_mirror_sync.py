@@ -22,7 +22,7 @@ def mirror(gateway):
     """A booted mirror with the units, set as the sample says."""
     if not gateway.exists(INSTALLED):
         gateway.run("mv", "/usr/local/bin/zqu-mirror", INSTALLED)
-        _, *commands = scripts("mirrors.md", "Packages, user and directory")[0].splitlines()
+        commands = scripts("mirrors.md", "Packages, user and directory")[0].splitlines()[2:]  # the packages are there
         gateway.run("sh", "-ec", "\n".join(commands))
     text, timer = ((SAMPLES / name).read_text() for name in (SERVICE, TIMER))
     gateway.put(f"{UNITS}/{SERVICE}", text)
