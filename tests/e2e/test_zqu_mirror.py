@@ -269,6 +269,7 @@ def test_id_too_long_for_a_clients_temporary_name_is_refused(own, extension):
     longest = 255 - len(f"antivir-v2-c-.{extension}.part")
     line = "the id and the flavor are too long for a file name"
     own.expect_refused(line, *own.publishing("x" * (longest + 1), *FORMATS[extension]))
+    own.expect_refused(line, *own.publishing("x" * 224, *FORMATS[extension], "--deltas", "1"))
     assert own.publish("x" * longest, *FORMATS[extension])[0] == 0
     assert own.check()[0] == 0
 

@@ -13,7 +13,7 @@ from gateway import SANITIZED, Gateway
 from mirror_tool import FIRST, INDEX, REPLACED, SECOND, SUBDIR, OwnMirror, cab, plain_archive, run
 from outcomes import published, tree
 from raw_archives import Entry, deflated, zip_bytes
-from release import HIT, info_name, sha256
+from release import HIT, info_ini, info_name, sha256
 from signing import SigningKey
 from tools import under_strace
 
@@ -183,6 +183,10 @@ def test_delta_that_saves_little_or_starts_from_damage_is_none(site):
     code, out, err = site.publish(121, "--deltas", "1")
     assert (code, [name for name in site.up.files() if name.endswith(".delta")]) == (0, [])
     assert re.fullmatch(rf"zqu-mirror: warning: there is no delta from 120: {cab('120')} has 20 bytes .*\n", err)
+    site.up.write(cab("120"), "junk")
+    site.up.write(info_name("120"), info_ini("120", cab("120"), sha256(b"junk"), 4))
+    code, out, err = site.publish(122, "--deltas", "2")
+    assert code == 0 and err.startswith(f"zqu-mirror: warning: there is no delta from 120: {cab('120')} is refused: ")
 
 
 def test_signed_candidate_has_deltas_and_goes_to_all_by_one(site):
@@ -361,6 +365,10 @@ def test_check_and_mirror_warn_of_a_bad_delta(begun):
     assert {**tree(begun.base / "other" / SUBDIR), name: copied[name]} == copied
     begun.set_delta(b"", size=begun.up.size(cab("2")) + 1)  # as publish makes none
     assert run(*words, begun.base / "third")[::2] == (0, "")
+    assert run("repair", "--from", words[1], begun.base / "third") == (0, "nothing is damaged: 2 is current\n", "")
+    assert ".delta" not in begun.up.check()[1]
+    begun.set_line("delta.1", MANY)
+    assert len(json.loads(begun.up.list("--json")[1])["releases"][0]["deltas"]) == 100
 
 
 def test_prune_takes_deltas_with_their_release_and_those_of_none(begun):
@@ -389,14 +397,29 @@ def test_repair_restores_a_delta(begun):
     assert (code, err, {path: what for path, what in tree(copied).items() if REPLACED not in path}) == (0, "", before)
 
 
-@pytest.mark.parametrize("what", [plain_name("2"), info_name("2"), f"{info_name('2')}.upstream", plain_name("1")])
+def test_plain_release_whose_upstreams_ini_is_lost_stays(begun):
+    assert begun.mirror()[0] == 0
+    begun.local.path(f"{info_name('2')}.upstream").unlink()
+    begun.set_line("plain.SHA256", "")  # as from a publisher that knows no plain archives
+    assert begun.mirror() == (0, "nothing new: 2 is current\n", "")
+    assert run("repair", "--from", f"file://{begun.up.root}", begun.local.root)[::2] == (0, "")
+
+
+@pytest.mark.parametrize(
+    "what", ["size", plain_name("2"), info_name("2"), f"{info_name('2')}.upstream", plain_name("1")]
+)
 def test_repair_of_a_plain_mirror_leads_back_to_deltas(begun, what):
     assert begun.mirror()[0] == 0
     words = ["repair", "--from", f"file://{begun.up.root}", begun.local.root]
     assert run(*words) == (0, "nothing is damaged: 2 is current\n", "")
-    os.truncate(begun.local.path(what), 5)
+    if what == "size":
+        info = begun.local.path(info_name("2"))
+        info.write_text(info.read_text()[:-2] + "\n")  # clients succeed all the same
+    else:
+        os.truncate(begun.local.path(what), 5)
     assert run(*words)[::2] == (0, "")
-    assert begun.local.check()[0] == 0
+    code, out, err = begun.local.check()
+    assert (code, "warning" in out) == (0, False)
     for number in (3, 4):
         assert begun.publish(number, "--deltas", "1")[0] == 0
         code, out, err = begun.mirror()

@@ -25,6 +25,7 @@ REFUSED = {
     "zqu-mirror activate m a/b": f"ID: {NAME_RULE}",
     "zqu-mirror activate m ..": f"ID: {DOTS_RULE}",
     "zqu-mirror activate m x-hit": f"ID: {HIT_RULE}",
+    "zqu-mirror activate m x.delta": "ID: must not end in .delta",
     "zqu-mirror rollout m 1": "ACTION: 1 not in {10,50,100,withdraw}",
     "zqu-mirror check --max-rollout 1d https://mirror.example": "--max-rollout requires the mirror's directory",
     "zqu-mirror check /nonexistent": "MIRROR: must be a directory or an http, https or file URL",
