@@ -93,7 +93,8 @@ std::string unusable_name(const std::string& name) {
 }
 
 std::string unusable_id(const std::string& id) {
-    const std::string reason = unusable_name(id) + reserved_end(id);
+    const std::string unusable = unusable_name(id);
+    const std::string reason = unusable.empty() ? reserved_end(id) : unusable;
     const bool of_hit = ends_with("-" + id, "-hit") || ("-" + id).find(hit_end) != std::string::npos;
     return reason.empty() && of_hit ? "must not be \"hit\", end in -hit or hold -hit.ini" : reason;
 }
