@@ -33,8 +33,8 @@ function(zqu_install_filled template directory)
             PERMISSIONS ${ARGN})")
 endfunction()
 
-# zqu_install_manual(<component> <page>...): installs pages of the manual, compressed; their sections are the last part
-# of their names.
+# zqu_install_manual(<component> <page>...): installs pages of the manual, compressed and with the version; their
+# sections are the last part of their names.
 function(zqu_install_manual component)
     set(compressed "")
     foreach(page IN LISTS ARGN)
@@ -45,8 +45,8 @@ function(zqu_install_manual component)
         set(output "${CMAKE_CURRENT_BINARY_DIR}/${name}.gz")
         # Neither the name nor the time of the page, which would tell one build from another.
         add_custom_command(OUTPUT "${output}"
-            COMMAND gzip -9 --no-name --stdout "${page}" > "${output}"
-            DEPENDS "${page}"
+            COMMAND sed "s/^[.]Os$/.Os zel_quorin_updater ${PROJECT_VERSION}/" "${page}" | gzip -9 --no-name > "${output}"
+            DEPENDS "${page}" "${PROJECT_SOURCE_DIR}/debian/changelog"
             VERBATIM)
         list(APPEND compressed "${output}")
         install(FILES "${output}" DESTINATION "${CMAKE_INSTALL_MANDIR}/man${section}" COMPONENT "${component}")

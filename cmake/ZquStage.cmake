@@ -11,7 +11,7 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
     if(CPACK_GENERATOR STREQUAL "DEB")
         set(package "zel-quorin-${component}")
         execute_process(
-            COMMAND gzip -9 --no-name --stdout "${CPACK_ZQU_PACKAGING}/deb/changelog"
+            COMMAND gzip -9 --no-name --stdout "${CPACK_ZQU_PACKAGING}/../debian/changelog"
             OUTPUT_FILE "${root}/share/doc/${package}/changelog.gz"
             COMMAND_ERROR_IS_FATAL ANY)
         set(overrides "${CPACK_ZQU_PACKAGING}/deb/${package}.lintian-overrides")

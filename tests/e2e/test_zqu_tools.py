@@ -8,7 +8,7 @@ from builds import REPOSITORY
 from mirror_tool import DOTS_RULE, HIT_RULE, NAME_RULE
 from tools import Tool
 
-VERSION = re.search(r"project\(\S+ VERSION (\S+)", (REPOSITORY / "CMakeLists.txt").read_text())[1]
+VERSION = re.search(r"\((.+?)\)", (REPOSITORY / "debian" / "changelog").read_text())[1]
 DURATION = "{} is not a duration, such as 90, 5m, 2h, 1d or 1w"
 # Command lines, with what is said of them.
 REFUSED = {
