@@ -15,6 +15,8 @@ target_compile_options(zqu_warnings INTERFACE
     $<$<BOOL:${ZQU_WERROR}>:-Werror>)
 
 add_library(zqu_flags INTERFACE)
+# Where off_t would have 32 bits: archives and definition files may be larger.
+target_compile_definitions(zqu_flags INTERFACE $<$<EQUAL:${CMAKE_SIZEOF_VOID_P},4>:_FILE_OFFSET_BITS=64>)
 if(ZQU_SANITIZE)
     target_compile_options(zqu_flags INTERFACE
         -fsanitize=${ZQU_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
@@ -29,6 +31,8 @@ elseif(ZQU_HARDENING)
     target_link_options(zqu_flags INTERFACE $<${optimised}:LINKER:-z,relro,-z,now,-z,noexecstack>)
     if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
         target_compile_options(zqu_flags INTERFACE $<${optimised}:-fcf-protection>)
+    elseif(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")
+        target_compile_options(zqu_flags INTERFACE $<${optimised}:-mbranch-protection=standard>)
     endif()
 endif()
 if(ZQU_REPRODUCIBLE)

@@ -43,7 +43,8 @@ struct Config {
     // Overlays cfg with the settings in the file at path: lines of "key = value", split at the first "=" and trimmed;
     // a line that begins with "#", is blank or holds no "=" is skipped, and so is a key that names no member. The last
     // of several lines with one key wins. Text values are stored as they stand, also when empty. Numbers are read by
-    // std::stoul in base 10 and keep their low 32 bits: "-1" gives 4294967295, "4294967296" gives 0, "900s" gives 900.
+    // std::stoul, with 64 bits on every platform, in base 10, and keep their low 32 bits: "-1" gives 4294967295,
+    // "4294967296" gives 0, "900s" gives 900.
     //
     // Returns false, with cfg untouched, only when the file cannot be opened; true after reading it to its end, or to
     // the first failed read. Throws what std::stoul throws (std::invalid_argument, std::out_of_range) for a number

@@ -5,6 +5,7 @@
 // destination truncates it. One thread only: the handle is neither shared nor locked.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -14,10 +15,10 @@ namespace zqu {
 
 // What a complete-info INI says of one release. Nothing in it has been checked but that cab_name and sha256 are there.
 struct CompleteInfo {
-    std::string defid;     // the release's id; the one that was asked for when the INI names none
-    std::string cab_name;  // file name of the archive on the mirror
-    std::string sha256;    // the archive's SHA-256 in hexadecimal, as written
-    long size = 0;         // the archive's size in bytes, as written; 0 when absent or malformed; enforced nowhere
+    std::string defid;      // the release's id; the one that was asked for when the INI names none
+    std::string cab_name;   // file name of the archive on the mirror
+    std::string sha256;     // the archive's SHA-256 in hexadecimal, as written
+    std::int64_t size = 0;  // the archive's size in bytes, as written; 0 when absent or malformed; enforced nowhere
 };
 
 class MirrorClient {

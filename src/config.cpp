@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <fstream>
+#include <stdexcept>
 #include <utility>
 
 namespace zqu {
@@ -33,9 +34,19 @@ std::string read_text(std::istream& in) {
     return text;
 }
 
-// Keeps the low 32 bits of whatever strtoul accepts, without a range check: intended.
+// Keeps the low 32 bits of whatever strtoul accepts with 64 bits, without a range check: intended.
 std::uint32_t to_number(const std::string& value) {
-    return static_cast<std::uint32_t>(std::stoul(value));
+    if constexpr (sizeof(unsigned long) == sizeof(std::uint64_t)) {
+        return static_cast<std::uint32_t>(std::stoul(value));
+    } else {
+        try {
+            return static_cast<std::uint32_t>(std::stoull(value));
+        } catch (const std::invalid_argument&) {
+            throw std::invalid_argument("stoul");  // the same text on every platform
+        } catch (const std::out_of_range&) {
+            throw std::out_of_range("stoul");
+        }
+    }
 }
 
 void set_field(Config& cfg, const std::string& key, const std::string& value) {

@@ -71,9 +71,13 @@ std::optional<std::string> parse_hit_defid(const std::string& text) {
 }
 
 // A size that is no number counts as absent: it is carried along, never enforced.
-long parse_size(const std::string& value) {
+std::int64_t parse_size(const std::string& value) {
     try {
-        return std::stol(value);
+        if constexpr (sizeof(long) == sizeof(std::int64_t)) {
+            return std::stol(value);
+        } else {
+            return std::stoll(value);
+        }
     } catch (const std::logic_error&) {  // invalid_argument and out_of_range alike
         return 0;
     }

@@ -1,6 +1,7 @@
 """The main job, end to end: the daemon, nginx over TLS, real archives, published snapshots."""
 
 import os
+import zipfile
 
 import archives
 import pytest
@@ -32,6 +33,23 @@ def test_archive_of_any_compression_is_accepted(gateway, mirror, name):
     mirror.announce("1001", name)
     assert gateway.run_once() == published("1001")
     assert gateway.active_files() == definitions("1001", 40)
+
+
+@pytest.mark.long
+@pytest.mark.parametrize("hole, size", [((4 << 30) + 1, 1), (0, (4 << 30) + 1)], ids=["archive", "definitions"])
+def test_more_than_4_gib_by_a_file_url(gateway, mirror, tmp_path, hole, size):
+    """On 32-bit platforms too. The archive begins with a hole; one of the two files is zeros."""
+    zeros, names = tmp_path / "zeros", definition_names()
+    for path, length in ((zeros, size), (mirror.path("big.zip"), hole)):
+        with open(path, "wb") as file:
+            file.truncate(length)
+    with zipfile.ZipFile(mirror.path("big.zip"), "a", zipfile.ZIP_DEFLATED, compresslevel=1) as archive:
+        archive.write(zeros, names[0])
+        archive.writestr(names[1], b"x")
+    mirror.announce("1001", "big.zip")
+    gateway.settings |= {"mirror_base_url": mirror.folder.parent.as_uri(), "http_timeout_s": 0}
+    assert gateway.run_once() == published("1001")
+    assert [(gateway.root / "active" / name).stat().st_size for name in names] == [size, 1]
 
 
 @pytest.mark.skipif(SANITIZED, reason="the sanitizers need memory of their own")

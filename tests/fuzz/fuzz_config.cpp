@@ -15,7 +15,7 @@ using zqu::Config;
 std::string set_number(std::uint32_t& field, const std::string& value) {
     char* end = nullptr;
     errno = 0;
-    const unsigned long number = std::strtoul(value.c_str(), &end, 10);
+    const unsigned long long number = std::strtoull(value.c_str(), &end, 10);
     if (end == value.c_str()) {
         return "not a number";
     }

@@ -123,6 +123,7 @@ TEST_F(ConfigTest, NumbersAreWhatStoulReadsInTheirLow32Bits) {
         {"4294967295", 4294967295U},
         {"4294967296", 0},
         {"4294967297", 1},
+        {"9223372036854775808", 0},
         {"18446744073709551615", 0xFFFFFFFFU},
         {"-1", 0xFFFFFFFFU},
         {"5x", 5},

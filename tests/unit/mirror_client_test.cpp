@@ -165,14 +165,16 @@ TEST_F(MirrorClientTest, InfoWithoutNameOrDigestIsRefusedWithOneMessage) {
 }
 
 TEST_F(MirrorClientTest, SizeIsReadAsAPrefixOrZero) {
-    const std::pair<std::string, long> cases[] = {
+    const std::pair<std::string, std::int64_t> cases[] = {
         {"12abc", 12},
         {"abc", 0},
         {"-5", -5},
         {"", 0},
         {"+6", 6},
         {"0x1F", 0},
-        {"9223372036854775807", 9223372036854775807L},
+        {"2147483648", 2147483648},
+        {"-4294967297", -4294967297},
+        {"9223372036854775807", INT64_MAX},
         {"9223372036854775808", 0},
         {"-9223372036854775809", 0},
     };

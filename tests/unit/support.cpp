@@ -18,6 +18,8 @@
 #include <stdexcept>
 #include <utility>
 
+static_assert(sizeof(off_t) == sizeof(std::int64_t), "archives may be larger than 4 GiB on every platform");
+
 namespace zqu::test {
 namespace {
 

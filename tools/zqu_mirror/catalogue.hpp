@@ -28,7 +28,7 @@ struct Release {
     std::string flavor;                     // the longest known flavor that the name may begin with; else ""
     std::string id;                         // what follows the flavor in the name; empty without one
     std::string archive;                    // its file name, there or not; empty when the INI cannot be understood
-    long size = 0;                          // of the archive, as the INI says; 0 when it says nothing
+    std::int64_t size = 0;                  // of the archive, as the INI says; 0 when it says nothing
     std::vector<std::string> companions{};  // file names of its deltas, and of the upstream mirror's INI
     bool current = false;                   // a hit INI names it, of any flavor
     bool candidate = false;                 // stage files name it (rollout.hpp), of any flavor

@@ -38,7 +38,7 @@ void add_to_cab(GCabFolder* cab_folder, GCabFile* file, time_t modified) {
     status.require(gcab_folder_add_file(cab_folder, file, FALSE, nullptr, &status.error));
     // Local time within the years that a CAB can tell, a day off their ends for the time zones. Set now: adding a file
     // resets what was set before.
-    const time_t time = std::clamp<time_t>(modified, 315619200, 4354732800);
+    const auto time = std::clamp<std::int64_t>(modified, 315619200, 4354732800);
     const tools::Handle<GDateTime, g_date_time_unref> date(g_date_time_new_from_unix_local(time));
     gcab_file_set_date_time(file, date.get());
     // Without it the gateways' libarchive would unpack the definitions writable for everybody.

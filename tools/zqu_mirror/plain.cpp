@@ -33,10 +33,15 @@ constexpr std::size_t digits = 12;  // of the digest, in the name of a delta
 // A file in memory, for as long as this lives.
 class Mapping {
 public:
-    Mapping(const Fd& file, int protection) : size_(static_cast<std::size_t>(lseek(file.get(), 0, SEEK_END))) {
+    Mapping(const Fd& file, int protection) {
+        const auto size = static_cast<std::uintmax_t>(lseek(file.get(), 0, SEEK_END));
+        size_ = static_cast<std::size_t>(size);
+        if (size_ != size) {
+            fail("a file of " + std::to_string(size) + " bytes is too large for deltas on a 32-bit system");
+        }
         data_ = mmap(nullptr, size_, protection, MAP_SHARED, file.get(), 0);
         if (data_ == MAP_FAILED) {
-            fail_errno("cannot map a file into memory");
+            fail_errno("cannot map " + std::to_string(size) + " bytes of a file into memory");
         }
     }
     ~Mapping() { munmap(data_, size_); }
