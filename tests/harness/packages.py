@@ -7,7 +7,7 @@ import subprocess
 from builds import REPOSITORY
 
 EPOCH = 1700000000
-NEXT = "0.99.0"
+NEXT = "+next"
 # Works on the sources at their place, and goes on with the build that is there, but changes neither: what is written
 # there goes to a file system in memory that is laid over them. Makes the packages, the same under other circumstances,
 # and those of a higher version with another configuration and another unit.
@@ -18,7 +18,14 @@ mount -t tmpfs tmpfs "$output/memory"
 mkdir "$output/memory/upper" "$output/memory/work"
 mount -t overlay -o "lowerdir=$sources,upperdir=$output/memory/upper,workdir=$output/memory/work" overlay "$sources"
 cd "$sources"
+build_rpm() {
+    rpmbuild --quiet -bb --build-in-place --nodeps --define "_topdir $output/rpmbuild" --define "_vpath_builddir build" \
+        --define "_rpmfilename $1/%%{NAME}-%%{VERSION}-%%{RELEASE}.%%{ARCH}.rpm" --define "_rpmdir $output/rpm" \
+        --define "_build_id_links none" --define "debug_package %nil" "$output/zel-quorin.spec"
+}
 TMPDIR="$output/here" scripts/package --build build --output "$output/first"
+cp "$output/first/zel-quorin.spec" "$output/"
+build_rpm first
 (
     umask 077
     export TZ=Asia/Tokyo LC_ALL=C.UTF-8 HOME=/ TMPDIR="$output/there" CXXFLAGS=-g0
@@ -26,9 +33,10 @@ TMPDIR="$output/here" scripts/package --build build --output "$output/first"
 )
 echo "# a line that came with the next version" >>packaging/zel_quorin_updater.conf
 sed -i "s/^Description=.*/Description=The next version/" packaging/systemd/zel_quorin_updater.service.in
-for kind in DEB RPM; do
-    cpack --config build/CPackConfig.cmake -G $kind -B "$output/next" -D CPACK_PACKAGE_VERSION="$NEXT"
-done
+sed -i "1s/)/$NEXT)/" debian/changelog  # cmake takes digits and dots only, and need not build again
+sed -i "s/^Release:.*/Release: 2/" "$output/zel-quorin.spec"
+scripts/package --deb --build build --output "$output/next"
+build_rpm next
 """
 
 
@@ -59,7 +67,7 @@ class Packages:
         return self._only(folder or self.first, f"zel-quorin-{name}_*.deb")
 
     def rpm(self, name="updater", folder=None):
-        return self._only(folder or self.first, f"zel-quorin-{name}-*.rpm")
+        return self._only(self.folder / "rpm" / (folder or self.first).name, f"zel-quorin-{name}-*.rpm")
 
 
 def shared_packages(base):

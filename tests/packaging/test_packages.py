@@ -80,13 +80,6 @@ DIRECTORIES = {
     ],
     "mirror": [MIRROR_DOC, f"{MIRROR_DOC}/examples"],
 }
-LIBRARIES = {
-    "mirror": {"libarchive.so.13", "libc.so.6", "libcrypto.so.3", "libcurl.so.4", "libgcc_s.so.1", "libstdc++.so.6"}
-    | {"libssl.so.3", "libunistring.so.2"},
-}
-LIBRARIES["updater"] = LIBRARIES["mirror"] | {"libsystemd.so.0"}
-LIBRARIES["mirror"] |= {"libgcab-1.0.so.0", "libgio-2.0.so.0", "libglib-2.0.so.0"}
-LIBRARIES["mirror"] |= {"libgobject-2.0.so.0", "libzstd.so.1", "libz.so.1"}
 
 
 def by_name(lines):
@@ -128,44 +121,38 @@ def test_configuration_is_marked_as_such_in_both_kinds(packages):
 def test_deb_needs_no_interpreter_and_nothing_of_zqu_mirror(packages):
     output = run("dpkg-deb", "--field", packages.deb(), "Depends", "Pre-Depends", "Recommends")
     needed = dict(line.split(": ", 1) for line in output.splitlines())
-    names = {dependency.split()[0] for dependency in needed.pop("Depends").split(", ")}
+    names = {dependency.split()[0].removesuffix("t64") for dependency in needed.pop("Depends").split(", ")}
     libraries = {"libarchive13", "libc6", "libcurl4", "libgcc-s1", "libssl3", "libstdc++6"}
-    assert names == {*libraries, "libsystemd0", "libunistring2", "systemd"}
+    assert names - {"libunistring2", "libunistring5"} == {*libraries, "libsystemd0", "systemd"}
     assert needed == {"Recommends": "ca-certificates"}
 
 
-@pytest.mark.parametrize("name, others", [("updater", {"/bin/sh", "systemd"}), ("mirror", set())])
-def test_rpm_needs_these_libraries_and_no_interpreter_but_sh(packages, name, others):
-    lines = run("rpm", "--query", "--package", "--requires", packages.rpm(name)).splitlines()
-    needed = {line.split("(")[0] for line in lines if not line.startswith(("rpmlib(", "rtld(", "config("))}
-    assert needed == LIBRARIES[name] | others
-    assert run("rpm", "--query", "--package", "--recommends", packages.rpm(name)) == "ca-certificates\n"
-
-
-def test_versions_are_those_of_sources_and_changelogs(packages):
+def test_versions_are_that_of_the_changelog_with_the_release(packages):
     version = re.search(r"\((.+?)\)", (REPOSITORY / "debian" / "changelog").read_text())[1]
+    release = re.search(r'VERSION_ID="(\d+)"', pathlib.Path("/etc/os-release").read_text())[1]
     for name in ("updater", "mirror"):
-        assert run("dpkg-deb", "--field", packages.deb(name), "Version") == version + "\n"
-        query = ["--queryformat", "%{VERSION}-%{RELEASE} %{BUILDTIME} %{BUILDHOST}", packages.rpm(name)]
-        assert run("rpm", "--query", "--package", *query) == f"{version}-1 {EPOCH} localhost"
-    assert (REPOSITORY / "packaging" / "rpm" / "changelog").read_text().splitlines()[0].endswith(f" - {version}-1")
+        assert run("dpkg-deb", "--field", packages.deb(name), "Version") == f"{version}+deb{release}\n"
+        query = ["--queryformat", "%{VERSION}-%{RELEASE}", packages.rpm(name)]
+        assert run("rpm", "--query", "--package", *query) == f"{version}-1"
 
 
-def test_lintian_finds_just_what_is_explained(packages):
-    options = ["--allow-root", "--profile", "debian", "--pedantic", "--display-info", "--show-overrides"]
-    command = ["lintian", *options, packages.deb(), packages.deb("mirror")]
-    lines = subprocess.run(command, capture_output=True, text=True).stdout.splitlines()
-    assert [line for line in lines if not line.startswith(("O: ", "N: "))] == []
-    overrides = (REPOSITORY / "packaging" / "deb" / "zel-quorin-updater.lintian-overrides").read_text().splitlines()
-    assert overrides[0].startswith("# ")
-    tags = {line.split()[1] for line in overrides if not line.startswith("#")}
-    assert {line.split()[2] for line in lines if line.startswith("O: ")} == tags
+def test_lintian_finds_nothing_beyond_what_is_explained(packages):
+    command = [
+        "lintian",
+        "--allow-root",
+        "--profile",
+        "debian",
+        "--fail-on",
+        "warning,error",
+        *packages.first.glob("*.d*"),
+    ]
+    assert run(*command) == ""
 
 
 def test_rpmlint_finds_nothing_beyond_what_is_explained(packages):
     config = REPOSITORY / "packaging" / "rpm" / "rpmlint.toml"
-    output = run("rpmlint", "--config", config, packages.rpm(), packages.rpm("mirror"))
-    assert re.search(r"2 packages and 0 specfiles checked; 0 errors, 0 warnings", output), output
+    output = run("rpmlint", "--config", config, packages.rpm(), packages.rpm("mirror"), *packages.first.glob("*.spec"))
+    assert re.search(r"2 packages and 1 specfiles checked; 0 errors, 0 warnings", output), output
 
 
 def contents(folder):
@@ -173,7 +160,7 @@ def contents(folder):
 
 
 def test_packing_again_under_other_circumstances_is_the_same(packages):
-    assert len(contents(packages.first)) == 4
+    assert len(contents(packages.first)) == 6
     assert contents(packages.again) == contents(packages.first)
 
 
@@ -205,6 +192,6 @@ def test_building_a_commit_elsewhere_as_another_user_is_the_same(packages, open_
 
 def test_script_says_what_it_takes_and_refuses_the_rest():
     script = REPOSITORY / "scripts" / "package"
-    assert run(script, "--help").startswith("usage: scripts/package [--commit REVISION]")
+    assert run(script, "--help").startswith("usage: scripts/package [--deb]")
     for wrong in (["--outptu"], ["--output"]):
         assert subprocess.run([script, *wrong], capture_output=True).returncode == 2
