@@ -69,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     make_accessible(directory.path());  // an entry named ".." sets the mode of the directory above
     zqu::fuzz::require(names_in(directory.path()) == std::set<std::string>{"other", "stage"});
-    struct stat after {};
+    struct stat after = {};
     zqu::fuzz::require(lstat(other.c_str(), &after) == 0 && S_ISREG(after.st_mode) && after.st_nlink == 1);
     zqu::fuzz::require(zqu::fuzz::read_file(other) == content);
     zqu::fuzz::require(fs::is_directory(fs::symlink_status(stage)));

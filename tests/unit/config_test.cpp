@@ -11,7 +11,7 @@ namespace {
 
 // The defaults but for one field.
 template <typename Field, typename Value>
-Config with(Field Config::*field, const Value& value) {
+Config with(Field field, const Value& value) {
     Config cfg;
     cfg.*field = value;
     return cfg;

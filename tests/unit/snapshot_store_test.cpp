@@ -163,10 +163,10 @@ TEST_F(StatusTest, FileIsRewrittenInPlaceWithoutAFormerTail) {
     SnapshotStore::Status longer;
     longer.last_error = std::string(100'000, 'x');
     EXPECT_EQ(written(longer), status_text(longer));
-    struct stat before {};
+    struct stat before = {};
     ASSERT_EQ(stat(cfg_.status_path.c_str(), &before), 0);
     EXPECT_EQ(written({}), status_text({}));
-    struct stat after {};
+    struct stat after = {};
     ASSERT_EQ(stat(cfg_.status_path.c_str(), &after), 0);
     EXPECT_EQ(before.st_ino, after.st_ino);
     EXPECT_EQ(listing(dir_ / "manifest"), Lines{"status.json"});

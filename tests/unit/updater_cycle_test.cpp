@@ -178,7 +178,8 @@ const EntriesCase entries_cases[] = {
     {"MissingSecondFile", [](Entries& e) { e.erase(e.begin() + 1); }, "CAB missing aivsecon-v2.def"},
     {"DanglingLinkInPlaceOfAFile",
      [](Entries& e) {
-         e[0] = {"antivir-v2.def", "", symbolic_link, 0777, "nowhere"};
+         e.erase(e.begin());
+         e.push_back({"antivir-v2.def", "", symbolic_link, 0777, "nowhere"});
      },
      "CAB missing antivir-v2.def"},
     {"WrongFirstIsNamedAndSecondNotExamined",

@@ -125,7 +125,7 @@ TEST_F(ExtractTest, DestinationThatIsNoDirectoryGivesAFlushWarningOnly) {
 TEST_F(ExtractTest, ModeAndTimeComeFromTheArchiveButNotTheOwner) {
     write_zip(archive_, {{"x", "1", regular_file, 0604, "", 1'234'567'890, 12345}});
     EXPECT_TRUE(extract());
-    struct stat st {};
+    struct stat st = {};
     ASSERT_EQ(stat((dest_ + "/x").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777U, 0604U);
     EXPECT_EQ(st.st_mtime, 1'234'567'890);

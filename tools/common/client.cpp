@@ -252,7 +252,7 @@ void Client::require_taken(const std::string& url, const Target& target, bool to
 void Client::read_local(const std::string& url, Target& target) {
     const std::string path = part_of(url, CURLUPART_PATH);
     const Fd file = open_local(url, path);
-    struct stat status {};
+    struct stat status = {};
     static_cast<void>(fstat(file.get(), &status));
     require_taken(url, target, static_cast<std::uintmax_t>(status.st_size) > target.most);
     std::vector<char> block(65536);

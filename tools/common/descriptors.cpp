@@ -31,7 +31,7 @@ void fail_errno(const std::string& text) {
 }
 
 Fd open_regular(const std::filesystem::path& path) {
-    struct stat status {};
+    struct stat status = {};
     // Before it is opened, too: opening lets a writer of a FIFO go on, and does something to some devices.
     const bool other = stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
     Fd file(other ? -1 : open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));

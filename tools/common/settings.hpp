@@ -21,11 +21,14 @@ inline constexpr const char* service_user = "zel-quorin";
 // Bytes of a configuration that the tools look at. The daemon has no such bound.
 inline constexpr std::size_t largest_config = 1 << 20;
 
+template <typename Value>
+using Member = Value zqu::Config::*;
+
 // A setting and its member of Config: one of the two pointers is not null.
 struct Setting {
     const char* name;
-    std::string zqu::Config::*text;
-    std::uint32_t zqu::Config::*number;
+    Member<std::string> text;
+    Member<std::uint32_t> number;
 
     // Its value in cfg, as text.
     [[nodiscard]] std::string of(const zqu::Config& cfg) const;

@@ -27,7 +27,7 @@ namespace fs = std::filesystem;
 
 // statvfs(3): root alone may use what is reserved. A file system without a number of inodes gives 0 for all of them.
 bool has_room(const std::string& path) {
-    struct statvfs room {};
+    struct statvfs room = {};
     const bool known = statvfs(path.c_str(), &room) == 0;
     const bool root = geteuid() == 0;
     return !known || ((root ? room.f_bfree : room.f_bavail) != 0 &&
@@ -68,7 +68,7 @@ bool is_same_file(const std::string& a, const std::string& b) {
 // The longest part of the path that exists.
 std::string existing_part(const std::string& path) {
     fs::path part = normal(path);
-    struct stat status {};
+    struct stat status = {};
     while (lstat(part.c_str(), &status) != 0 && part.has_relative_path()) {
         part = part.parent_path();
     }

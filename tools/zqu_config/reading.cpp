@@ -79,7 +79,7 @@ std::string kind_of(mode_t mode) {
 
 // Returns why text is not the whole of the file; empty when it is.
 std::string read_file(const std::string& path, std::string& text) {
-    struct stat status {};
+    struct stat status = {};
     if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
         return kind_of(status.st_mode);
     }

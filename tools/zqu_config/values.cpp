@@ -114,7 +114,7 @@ void check_base_url(const Reading& reading, Findings& findings) {
 }
 
 // The setting alone, in the URL of the hit INI.
-void check_in_path(const Reading& reading, const char* key, std::string Config::*member, Findings& findings) {
+void check_in_path(const Reading& reading, const char* key, Member<std::string> member, Findings& findings) {
     Config cfg;
     cfg.*member = reading.cfg.*member;
     const Url url(MirrorClient(cfg).hit_ini_url());

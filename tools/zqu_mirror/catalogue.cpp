@@ -290,7 +290,7 @@ std::vector<std::string> archives_of_killed_run(const fs::path& directory) {
 }
 
 Times times_of(const fs::path& path) {
-    struct stat status {};
+    struct stat status = {};
     if (lstat(path.c_str(), &status) != 0) {
         fail_errno("cannot read the time of " + path.string());
     }

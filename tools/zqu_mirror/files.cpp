@@ -71,10 +71,10 @@ void remove_tree(const fs::path& path, std::error_code& error) {
 }
 
 void become_owner(const fs::path& path) {
-    struct stat status {};
+    struct stat status = {};
     fs::path prefix;
     for (auto part = path.begin(); part != path.end() && status.st_uid == 0; ++part) {
-        struct stat found {};
+        struct stat found = {};
         prefix /= *part;
         status = stat(prefix.c_str(), &found) == 0 ? found : status;
     }

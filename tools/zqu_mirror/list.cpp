@@ -27,7 +27,7 @@ std::string fault_of(const Release& release, const json& entry) {
 }
 
 json entry_of(const Release& release, bool held, const Options& options, std::int64_t now) {
-    struct stat archive {};
+    struct stat archive = {};
     const bool there = !release.archive.empty() &&
                        stat((directory_of(options) / release.archive).c_str(), &archive) == 0 &&
                        S_ISREG(archive.st_mode);
@@ -137,7 +137,8 @@ std::string table_of(const json& document) {
 // A line for the held releases that are not here any more.
 std::string held_elsewhere(const json& document) {
     std::string ids;
-    for (const std::string id : document["held"]) {
+    for (const auto& held : document["held"]) {
+        const auto id = held.get<std::string>();
         const auto& releases = document["releases"];
         const bool here = std::any_of(releases.begin(), releases.end(), [&](auto& entry) { return entry["id"] == id; });
         ids += here ? "" : " " + id;

@@ -182,8 +182,8 @@ void add_prune(CLI::App& command, Options& options) {
 
 void add_list(CLI::App& command, Options& options) {
     add_grace(command, options);
-    command.add_flag_callback(
-        "--json", [&options] { options.form = Form::json; }, "Print one JSON document");
+    const auto choose_json = [&options] { options.form = Form::json; };
+    command.add_flag_callback("--json", choose_json, "Print one JSON document");
     add_mirror_directory(command, options);
 }
 
@@ -196,10 +196,8 @@ void add_check(CLI::App& command, Options& options) {
     add_client(command, options);
     auto* quiet = command.add_flag("--quiet", options.quiet, "Print warnings and faults only");
     const auto add_form = [&](const std::string& name, Form form, const std::string& what) {
-        return command
-            .add_flag_callback(
-                name, [&options, form] { options.form = form; }, what)
-            ->excludes(quiet);
+        const auto choose = [&options, form] { options.form = form; };
+        return command.add_flag_callback(name, choose, what)->excludes(quiet);
     };
     auto* json = add_form("--json", Form::json, "Print one JSON document");
     auto* nagios = add_form("--nagios", Form::nagios, "Print one line for Nagios and the like")->excludes(json);

@@ -159,9 +159,10 @@ void pack_cab(const std::filesystem::path& archive, const std::string& index, co
 void pack_zip(const std::filesystem::path& path, const std::string& index, const std::string& index_name,
               const std::vector<Source>& sources, time_t index_time) {
     const Fd file(path, O_WRONLY | O_CREAT | O_TRUNC);
-    write_zip(false, index, index_name, sources, index_time, [&](const char* data, std::size_t size) {
+    const auto write = [&](const char* data, std::size_t size) {
         tools::write_all(file.get(), {data, size}, "the file");
-    });
+    };
+    write_zip(false, index, index_name, sources, index_time, write);
 }
 
 void pack_zstd(const std::filesystem::path& path, const std::string& index, const std::string& index_name,

@@ -18,7 +18,7 @@ namespace zqu::mirror_tool {
 struct Source {
     std::filesystem::path path;  // absolute
     std::string name;            // inside the archive
-    struct stat before {};       // as it was before anything of it was read
+    struct stat before = {};     // as it was before anything of it was read
     std::string digest;          // SHA-256 in lower-case hexadecimal; empty until it is computed
 };
 

@@ -31,7 +31,7 @@ Source measured(const std::string& path, const std::string& name, bool allow_emp
 
 // Throws when the file at the source's path is another one, or was written, since it was measured.
 void require_unchanged(const Source& source) {
-    struct stat now {};
+    struct stat now = {};
     const struct stat& before = source.before;
     if (stat(source.path.c_str(), &now) != 0 || now.st_dev != before.st_dev || now.st_ino != before.st_ino ||
         now.st_size != before.st_size || now.st_mtim.tv_sec != before.st_mtim.tv_sec ||

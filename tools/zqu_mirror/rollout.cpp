@@ -35,7 +35,7 @@ std::optional<std::string> readable_id(const Options& options, const std::string
 void read_stage(const Options& options, int below, int percent, const std::optional<std::string>& current,
                 Rollout& found) {
     const std::string name = stage_name(options.flavor, percent);
-    struct stat status {};
+    struct stat status = {};
     if (lstat((directory_of(options) / name).c_str(), &status) != 0) {  // before it is read, which would log an error
         return;
     }

@@ -127,7 +127,7 @@ sigset_t Run::ending_signals() {
     sigemptyset(&signals);
     sigaddset(&signals, SIGRTMIN);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        struct sigaction at_start {};
+        struct sigaction at_start = {};
         sigaction(signal, nullptr, &at_start);
         if (at_start.sa_handler != SIG_IGN) {
             sigaddset(&signals, signal);

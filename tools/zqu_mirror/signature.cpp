@@ -155,7 +155,7 @@ std::string private_key(const Options& options) {
             "directory of root's, and copy that with zqu-mirror mirror");
     }
     const Fd file = tools::open_regular(path);
-    struct stat status {};
+    struct stat status = {};
     const bool known = fstat(file.get(), &status) == 0;
     if (!known || status.st_uid != geteuid() || (status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
         fail(path +

@@ -30,7 +30,7 @@ const fs::path& make_directories(const fs::path& path, Run& run) {
     for (const auto& part : path) {
         const fs::path parent = prefix;
         prefix /= part;
-        struct stat found {};
+        struct stat found = {};
         if (stat(prefix.c_str(), &found) != 0) {
             run.make(prefix, [&] { make_directory(prefix, 0755); });
             flush(parent);
@@ -41,7 +41,7 @@ const fs::path& make_directories(const fs::path& path, Run& run) {
 
 // Best effort: an INI of another user stays as it is, and prune is the more careful then.
 void mark_as_former(const fs::path& info, const fs::path& hit) {
-    struct stat replaced {};
+    struct stat replaced = {};
     if (stat(hit.c_str(), &replaced) == 0) {
         const timespec times[] = {{0, UTIME_OMIT}, replaced.st_mtim};
         static_cast<void>(utimensat(AT_FDCWD, info.c_str(), times, AT_SYMLINK_NOFOLLOW));

@@ -115,7 +115,7 @@ bool is_zeroed(int directory, const std::string& name, off_t size) {
 }
 
 Definition look_at_definition(int directory, const std::string& name, const struct stat& link) {
-    struct stat found {};
+    struct stat found = {};
     if (fstatat(directory, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
         return {name, is_absence(errno) ? DefinitionState::missing : DefinitionState::unreadable};
     }
@@ -316,7 +316,7 @@ Facts observe(const std::string& path) {
 Store look_at_store(const Config& cfg) {
     Store store;
     const std::string path = cfg.def_root + "/active";
-    struct stat link {};
+    struct stat link = {};
     read_link(path, link, store);
     if (store.link == LinkState::in_service) {
         look_at_definitions(path, cfg.flavor, link, store);

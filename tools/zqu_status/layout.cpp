@@ -33,7 +33,7 @@ struct Subject {
 
 // The rights to one file or directory: its mode, and its groups and named users, the owning group first.
 struct Access {
-    struct stat found {};
+    struct stat found = {};
     std::vector<Subject> entries;
 };
 

@@ -72,8 +72,8 @@ void add_options(CLI::App& app, Request& request) {
           std::tuple("--warn-check", &wishes.check_age.warning,
                      "Warn when the last check is older (the longest that two checks can be apart)"),
           std::tuple("--crit-check", &wishes.check_age.critical, "Critical when it is older (twice the warning)")}) {
-        add_duration(
-            app, name, [limit = limit](std::int64_t seconds) { *limit = seconds; }, description);
+        const auto take = [limit = limit](std::int64_t seconds) { *limit = seconds; };
+        add_duration(app, name, take, description);
     }
     app.footer(about_more);
 }
@@ -119,7 +119,7 @@ std::string render(const Report& report, const Request& request) {
 // By rename(2), so that a reader sees the old content or the new. Not flushed to disk: after a power cut the file may
 // be empty.
 void replace_file(const std::filesystem::path& target, const std::string& text) {
-    struct stat found {};
+    struct stat found = {};
     if (lstat(target.c_str(), &found) == 0 && !S_ISREG(found.st_mode)) {
         throw std::runtime_error("cannot replace " + target.string() + ": it is not a regular file; name another one");
     }
@@ -157,7 +157,7 @@ void end_by(int signal) {
 // A monitoring system takes no other exit status than 0 to 3. Signals that were ignored at the start stay so.
 void answer_signals() {
     for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
-        struct sigaction at_start {};
+        struct sigaction at_start = {};
         sigaction(signal, nullptr, &at_start);
         if (at_start.sa_handler != SIG_IGN) {
             static_cast<void>(std::signal(signal, end_by));

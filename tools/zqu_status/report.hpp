@@ -124,7 +124,7 @@ enum class Role {
 struct Place {
     Role role = Role::root;
     std::string path;           // by the configuration; links in it are not resolved
-    struct stat found {};       // of a link itself, except at def_root and at a status_directory
+    struct stat found = {};     // of a link itself, except at def_root and at a status_directory
     unsigned group_rights = 0;  // of the owning group: 4 reads, 2 writes, 1 searches
     bool everybody = false;     // whether every user of the machine can write it
     std::string writers{};      // other strangers who can: "the group staff, the user 1000"

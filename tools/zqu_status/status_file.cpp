@@ -91,7 +91,7 @@ StatusFile parse_status(const std::string& text) {
 
 StatusFile read_status(const std::string& path) {
     try {
-        struct stat found {};
+        struct stat found = {};
         // Looked at before it is opened: a daemon that waits for a reader of a FIFO must not be let go by us.
         if (lstat(path.c_str(), &found) != 0) {
             tools::fail_errno(path);
