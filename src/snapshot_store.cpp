@@ -130,7 +130,7 @@ void SnapshotStore::prune() {
     std::make_heap(snapshots.begin(), snapshots.end(), older);
     std::sort_heap(snapshots.begin(), snapshots.end(), older);
     // The difference modulo 2^32, read as signed: intended, also where it wraps.
-    auto excess = static_cast<std::int32_t>(static_cast<std::uint32_t>(snapshots.size()) - cfg_.retained_snapshots);
+    auto excess = static_cast<std::int32_t>(snapshots.size() - cfg_.retained_snapshots);
     for (const auto& snapshot : snapshots) {
         if (excess <= 0) {
             return;

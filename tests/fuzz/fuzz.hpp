@@ -36,9 +36,8 @@ inline void write_file(const std::string& path, const std::string& content) {
 }
 
 inline std::string read_file(const std::string& path) {
-    std::string content(std::filesystem::file_size(path), '\0');
-    std::ifstream(path, std::ios::binary).read(content.data(), static_cast<std::streamsize>(content.size()));
-    return content;
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // A directory in memory, removed with all it holds.

@@ -7,7 +7,7 @@
 
 namespace {
 
-long number_in(const std::string& value) {
+std::int64_t number_in(const std::string& value) {
     errno = 0;
     const long long number = std::strtoll(value.c_str(), nullptr, 10);  // no digits: 0
     return errno == ERANGE ? 0 : number;

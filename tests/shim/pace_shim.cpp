@@ -30,14 +30,15 @@ namespace {
 
 constexpr std::int64_t billion = 1'000'000'000;
 
-std::int64_t setting(const char* name, std::int64_t otherwise) {
+template <typename Number>
+Number setting(const char* name, Number otherwise) {
     const char* value = std::getenv(name);
-    return value != nullptr ? std::atoll(value) : otherwise;
+    return value != nullptr ? static_cast<Number>(std::atoll(value)) : otherwise;
 }
 
 // Allocates nothing: the daemon's memory is measured, and one of the callers is a signal handler.
 __attribute__((format(printf, 1, 2))) void tell(const char* format, ...) {
-    static const int fd = static_cast<int>(setting("ZQU_PACE_EVENTS", -1));
+    static const int fd = setting("ZQU_PACE_EVENTS", -1);
     char line[100];
     std::va_list arguments;
     va_start(arguments, format);
@@ -48,13 +49,13 @@ __attribute__((format(printf, 1, 2))) void tell(const char* format, ...) {
     }
 }
 
-std::int64_t& now() {
-    static std::int64_t seconds = setting("ZQU_PACE_EPOCH", 0);
+std::time_t& now() {
+    static auto seconds = setting("ZQU_PACE_EPOCH", std::time_t{0});
     return seconds;
 }
 
 void wait_at_gate() {
-    static const int fd = static_cast<int>(setting("ZQU_PACE_GATES", -1));
+    static const int fd = setting("ZQU_PACE_GATES", -1);
     static std::int64_t reading = 0;
     static std::int64_t gate = 1;
     if (++reading != gate || fd < 0) {
@@ -79,7 +80,7 @@ void on_signal(int number) {
 // For spans of a second at most: a longer one would overflow.
 timespec scaled(const timespec& span, std::int64_t numerator, std::int64_t denominator) {
     const std::int64_t result = (span.tv_sec * billion + span.tv_nsec) * numerator / denominator;
-    return {result / billion, result % billion};
+    return {static_cast<int>(result / billion), static_cast<int>(result % billion)};
 }
 
 }  // namespace
@@ -92,7 +93,7 @@ std::time_t time(std::time_t* result) {
         return real(result);
     }
     wait_at_gate();
-    const std::int64_t seconds = now()++;
+    const std::time_t seconds = now()++;
     tell("time %lld\n", static_cast<long long>(seconds));
     if (result != nullptr) {
         *result = seconds;
@@ -102,11 +103,12 @@ std::time_t time(std::time_t* result) {
 
 int nanosleep(const timespec* request, timespec* remainder) {
     static const auto real = next(&nanosleep, "nanosleep");
-    static const std::int64_t second_ns = setting("ZQU_PACE_SECOND_NS", 0);
+    static const std::int64_t second_ns = setting("ZQU_PACE_SECOND_NS", std::int64_t{0});
     if (!in_program(__builtin_return_address(0))) {
         return real(request, remainder);
     }
-    tell("sleep %ld %ld %s\n", request->tv_sec, request->tv_nsec, request == remainder ? "same" : "other");
+    tell("sleep %lld %ld %s\n", static_cast<long long>(request->tv_sec), request->tv_nsec,
+         request == remainder ? "same" : "other");
     timespec left{};
     const timespec span = scaled(*request, second_ns, billion);
     if (second_ns == 0 || real(&span, &left) == 0) {
@@ -115,7 +117,7 @@ int nanosleep(const timespec* request, timespec* remainder) {
     }
     if (remainder != nullptr) {
         *remainder = scaled(left, billion, second_ns);
-        tell("interrupted %ld %ld\n", remainder->tv_sec, remainder->tv_nsec);
+        tell("interrupted %lld %ld\n", static_cast<long long>(remainder->tv_sec), remainder->tv_nsec);
     }
     errno = EINTR;
     return -1;

@@ -64,7 +64,7 @@ protected:
     void answer(httplib::Response& response) {
         on_check();
         if (cycles_ > 0) {
-            waits_.push_back(static_cast<std::uint32_t>(clock_.sleeps.size() - slept_));
+            waits_.emplace_back(clock_.sleeps.size() - slept_);
         }
         slept_ = clock_.sleeps.size();
         const bool throws = cycles_ < throwing_.size() && throwing_[cycles_];
@@ -181,11 +181,11 @@ const JitterCase jitter_cases[] = {
     {"AddsToTheInterval", 4242, first_check, 3, 120, 3 + 42},
     {"OfOneIsAlwaysZero", 4242, first_check, 3, 1, 3},
     {"SumWithTheIntervalWraps", 4242, first_check, 4294967295U, 120, 41},
-    // 2^31 - 1 times the factor needs 63 bits, and the limit does not fit into 31:
-    // 5700357388759500367 + 3474701533 is 5 more than a multiple of 2^32 - 1.
-    {"IsComputedIn64Bits", 2147483647, 3'474'701'533, 0, 4294967295U, 5},
-    {"NegativeRemainderWraps", 1, -2'654'435'761 - 2, 6, 120, 4},
-    // 1800000000 - 2654435761 is -854435761
+    // 2^31 - 2 times the factor needs 63 bits, and the limit does not fit into 31:
+    // 5700357386105064606 + 1834169999 is 5 more than a multiple of 2^32 - 1.
+    {"IsComputedIn64Bits", 2147483646, 1'834'169'999, 0, 4294967295U, 5},
+    // 1800000000 - 2654435761 is -854435761, and 1 less than a multiple of 120
+    {"NegativeRemainderWraps", -1, first_check - 1, 6, 120, 4},
     {"ProcessIdIsWidenedWithItsSign", -1, first_check, 761 + 5, 1000, 5},
 };
 INSTANTIATE_TEST_SUITE_P(Case, JitterTest, ::testing::ValuesIn(jitter_cases), ByVerdict());

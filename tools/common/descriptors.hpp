@@ -47,6 +47,12 @@ private:
     int fd_;
 };
 
+// A size that is known to fit into memory. On some platforms the type of sizes of files has more bits.
+template <typename Size>
+[[nodiscard]] std::size_t in_memory(Size size) {
+    return static_cast<std::size_t>(size);
+}
+
 // Throws std::system_error with text and the reason that errno gives now.
 [[noreturn]] void fail_errno(const std::string& text);
 

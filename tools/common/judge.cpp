@@ -211,7 +211,7 @@ private:
         if (lseek(to_->file, static_cast<off_t>(offset + at), SEEK_SET) < 0) {
             fail_errno("cannot write " + name);
         }
-        write_all(to_->file, {data, std::min<std::uintmax_t>(length, most - at)}, name);
+        write_all(to_->file, {data, in_memory(std::min<std::uintmax_t>(length, most - at))}, name);
     }
 
     void judge_definition(const std::string& name, const std::map<std::string, std::string>& digests,

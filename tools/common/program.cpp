@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <exception>
 #include <sstream>
 #include <stdexcept>
@@ -74,7 +75,7 @@ void end_with_parent(pid_t parent) {
 }
 
 // Two connected sockets. Reading from the first fails when nothing comes within the limit.
-std::pair<Fd, Fd> channel(std::chrono::seconds limit) {
+std::pair<Fd, Fd> channel(std::chrono::duration<std::time_t> limit) {
     std::array<int, 2> ends{};
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
         fail_errno("cannot make a pair of sockets");

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <ctime>
 #include <map>
 
@@ -155,10 +156,11 @@ std::string duration_text(std::int64_t seconds) {
 }
 
 std::string utc_text(std::int64_t epoch) {
-    const std::time_t time = epoch;
+    const std::chrono::duration<std::time_t> since = std::chrono::seconds(epoch);
+    const std::time_t time = since.count();  // which has 32 bits on some platforms
     std::tm broken_down{};
     std::array<char, 64> text{};
-    if (gmtime_r(&time, &broken_down) == nullptr ||
+    if (time != epoch || gmtime_r(&time, &broken_down) == nullptr ||
         std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S UTC", &broken_down) == 0) {
         return "@" + std::to_string(epoch);
     }

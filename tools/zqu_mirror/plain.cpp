@@ -35,7 +35,7 @@ class Mapping {
 public:
     Mapping(const Fd& file, int protection) {
         const auto size = static_cast<std::uintmax_t>(lseek(file.get(), 0, SEEK_END));
-        size_ = static_cast<std::size_t>(size);
+        size_ = tools::in_memory(size);
         if (size_ != size) {
             fail("a file of " + std::to_string(size) + " bytes is too large for deltas on a 32-bit system");
         }
@@ -140,7 +140,7 @@ void finish(const Fd& file, const std::vector<Member>& members) {
     std::uint64_t offset = 0;
     for (const auto& member : members) {
         const auto* data = static_cast<const Bytef*>(all.data()) + offset + header_size(member);
-        const std::uint64_t crc = crc32_z(0, data, member.size);
+        const std::uint64_t crc = crc32_z(0, data, tools::in_memory(member.size));
         directory += directory_entry_of(member, crc, offset);
         put(file, offset, header_of(member, crc));
         offset += header_size(member) + member.size;
