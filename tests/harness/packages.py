@@ -2,11 +2,14 @@
 
 import fcntl
 import os
+import pathlib
+import re
 import subprocess
 
 from builds import REPOSITORY
 
 EPOCH = 1700000000
+RELEASE = re.search(r'VERSION_ID="(\d+)"', pathlib.Path("/etc/os-release").read_text())[1]
 NEXT = "+next"
 # Works on the sources at their place, and goes on with the build that is there, but changes neither: what is written
 # there goes to a file system in memory that is laid over them. Makes the packages, the same under other circumstances,
@@ -19,8 +22,9 @@ mkdir "$output/memory/upper" "$output/memory/work"
 mount -t overlay -o "lowerdir=$sources,upperdir=$output/memory/upper,workdir=$output/memory/work" overlay "$sources"
 cd "$sources"
 build_rpm() {
-    rpmbuild --quiet -bb --build-in-place --nodeps --define "_topdir $output/rpmbuild" --define "_vpath_builddir build" \
-        --define "_rpmfilename $1/%%{NAME}-%%{VERSION}-%%{RELEASE}.%%{ARCH}.rpm" --define "_rpmdir $output/rpm" \
+    rpmbuild --quiet -bb --build-in-place --nodeps --define "_vpath_builddir build" \
+        --define "_topdir $output/rpmbuild" --define "_rpmdir $output/rpm" \
+        --define "_rpmfilename $1/%%{NAME}-%%{VERSION}-%%{RELEASE}.%%{ARCH}.rpm" \
         --define "_build_id_links none" --define "debug_package %nil" "$output/zel-quorin.spec"
 }
 TMPDIR="$output/here" scripts/package --build build --output "$output/first"

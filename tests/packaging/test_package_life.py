@@ -6,12 +6,12 @@ import re
 
 import pytest
 from booted_gateway import CONFIG, HOME, LAYOUT, PROGRAM, ROOT, UNIT
-from packages import NEXT
+from packages import NEXT, RELEASE
 
 NAME = "zel-quorin-updater"
 DEB = "dpkg --force-confold"
-# Debian's rpm needs to be forced; what it requires came with Debian's packages, which its own database does not name.
-RPM = "rpm --dbpath /var/lib/rpm-of-tests --force-debian --nodeps"
+# What it requires came with Debian's packages, which its own database does not name. In Debian 12 it has to be forced.
+RPM = "rpm --dbpath /var/lib/rpm-of-tests --nodeps" + " --force-debian" * (RELEASE == "12")
 COMMANDS = {
     "deb": {"install": f"{DEB} --install", "upgrade": f"{DEB} --install", "remove": "dpkg --remove"},
     "rpm": {"install": f"{RPM} --install", "upgrade": f"{RPM} --upgrade", "remove": f"{RPM} --erase"},

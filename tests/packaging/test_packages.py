@@ -9,7 +9,7 @@ import tempfile
 import pytest
 from booted_gateway import CONFIG
 from builds import REPOSITORY, copy_sources
-from packages import EPOCH, run
+from packages import EPOCH, RELEASE, run
 
 DOC = "/usr/share/doc/zel-quorin-updater"
 MIRROR_DOC = "/usr/share/doc/zel-quorin-mirror"
@@ -129,9 +129,8 @@ def test_deb_needs_no_interpreter_and_nothing_of_zqu_mirror(packages):
 
 def test_versions_are_that_of_the_changelog_with_the_release(packages):
     version = re.search(r"\((.+?)\)", (REPOSITORY / "debian" / "changelog").read_text())[1]
-    release = re.search(r'VERSION_ID="(\d+)"', pathlib.Path("/etc/os-release").read_text())[1]
     for name in ("updater", "mirror"):
-        assert run("dpkg-deb", "--field", packages.deb(name), "Version") == f"{version}+deb{release}\n"
+        assert run("dpkg-deb", "--field", packages.deb(name), "Version") == f"{version}+deb{RELEASE}\n"
         query = ["--queryformat", "%{VERSION}-%{RELEASE}", packages.rpm(name)]
         assert run("rpm", "--query", "--package", *query) == f"{version}-1"
 
