@@ -5,7 +5,7 @@ import sys
 
 import pytest
 from builds import REPOSITORY
-from gateway import SANITIZED, STARTED
+from gateway import SANITIZED, STARTED, may_mount
 from paced import PacedDaemon
 
 sys.path.append(str(REPOSITORY / "bench"))
@@ -100,11 +100,16 @@ def test_handshakes_follow_from_connections_and_sessions():
     assert list(loop.handshakes(requests)) == ["full", "none", "resumed", "none", "full", "full"]
 
 
+NEW_IDS = ("unshare", "--pid", "--fork", "--kill-child")  # as in a container, where the daemon is process 1
+in_container = pytest.mark.skipif(not may_mount(), reason="needs the right to make namespaces of its own")
+
+
+@pytest.mark.parametrize("prefix", [(), pytest.param(NEW_IDS, marks=in_container)], ids=["machine", "container"])
 @pytest.mark.parametrize("poll", [(900, 120), (601, 127), (3, 1000), (0, 61)], ids=str)
-def test_waits_of_the_model_are_the_daemons(poll, gateway, mirror):
+def test_waits_of_the_model_are_the_daemons(poll, prefix, gateway, mirror):
     gateway.settings.update(poll_interval_s=poll[0], poll_jitter_s=poll[1])
     mirror.publish("1001")
-    with PacedDaemon(gateway) as daemon:
+    with PacedDaemon(gateway, prefix=prefix) as daemon:
         daemon.until_gate()
         daemon.run_until(25)  # two readings of the clock for each cycle
         events = [event.split() for event in daemon.until_gate()]
@@ -115,7 +120,8 @@ def test_waits_of_the_model_are_the_daemons(poll, gateway, mirror):
             waits.append(0)
         elif event[0] == "sleep":
             waits[-1] += 1
-    assert waits[1::2] == [model.wait_s(daemon.process.pid, end, *poll) for end in ends[1::2]]
+    pid = 1 if prefix else daemon.process.pid
+    assert waits[1::2] == [model.wait_s(pid, end, *poll) for end in ends[1::2]]
     assert waits[::2] == [0] * 12 and len(set(waits)) > 2
 
 

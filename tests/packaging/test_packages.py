@@ -40,6 +40,7 @@ UPDATER = [
     f"-rw-r--r-- {DOC}/monitoring/zel-quorin-updater.rules.yml",
     f"-rw-r--r-- {DOC}/operations.md",
     f"-rw-r--r-- {DOC}/security.md",
+    f"-rw-r--r-- {DOC}/without-systemd.md",
     "-rw-r--r-- /usr/share/man/man1/zqu-config.1.gz",
     "-rw-r--r-- /usr/share/man/man1/zqu-status.1.gz",
     "-rw-r--r-- /usr/share/man/man5/zel_quorin_updater.conf.5.gz",
