@@ -88,8 +88,10 @@ void unpack(const char* path) {
 
 void flush(const char* path, int flags) {
     const int fd = open(path, flags);
-    fsync(fd);
-    close(fd);
+    if (fd >= 0) {
+        fsync(fd);
+        close(fd);
+    }
 }
 
 int check(const char* ca_path, const char* url) {
@@ -125,6 +127,9 @@ int main(int argc, char* argv[]) {
         return 1;
     }
     std::FILE* file = std::fopen("archive.part", "wb");
+    if (file == nullptr) {
+        return 1;
+    }
     const bool whole = transfer(curl, argv[1], argv[4], store, file);
     std::fclose(file);
     std::rename("archive.part", "archive");

@@ -374,6 +374,7 @@ std::string Client::reason_of(int result) const {
 
 std::vector<std::string> Client::warnings() const {
     std::vector<std::string> found;
+    found.reserve(insecure_.size());
     for (const std::string& url : insecure_) {
         found.push_back("redirected from https to " + url.substr(0, longest_address) +
                         ": anybody on the way can change the answer");

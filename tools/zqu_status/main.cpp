@@ -72,7 +72,7 @@ void add_options(CLI::App& app, Request& request) {
           std::tuple("--warn-check", &wishes.check_age.warning,
                      "Warn when the last check is older (the longest that two checks can be apart)"),
           std::tuple("--crit-check", &wishes.check_age.critical, "Critical when it is older (twice the warning)")}) {
-        const auto take = [limit = limit](std::int64_t seconds) { *limit = seconds; };
+        const auto take = [threshold = limit](std::int64_t seconds) { *threshold = seconds; };
         add_duration(app, name, take, description);
     }
     app.footer(about_more);
