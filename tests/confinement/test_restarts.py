@@ -36,7 +36,7 @@ def test_malformed_number_fails_the_unit_after_ten_starts(gateway):
     assert gateway.show(UNIT, "Result") == "signal"
     assert sum(line.startswith("  what():  stoul") for line in gateway.take_log()) == 10
     expect_both(gateway, "failed", "active")
-    assert gateway.out("systemctl", "--failed", "--plain", "--no-legend").split()[0] == UNIT
+    assert UNIT in gateway.out("systemctl", "--failed", "--plain", "--no-legend").split()
     gateway.run("systemctl", "stop", UNIT)
     expect_both(gateway, "failed", "inactive")
 

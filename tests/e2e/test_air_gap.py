@@ -5,7 +5,7 @@ import shutil
 import pytest
 from gateway import Gateway
 from mirror_tool import SUBDIR
-from outcomes import published, snapshot_listing
+from outcomes import NO_FILE, published, snapshot_listing
 
 
 def medium_of(own, id):
@@ -26,7 +26,7 @@ def test_new_medium_is_an_update_and_a_missing_one_costs_nothing(own):
     assert served["aivsecon-v2.def"] == b"definitions 1001\n"
     drive.unlink()
     url = f"file://{drive}/{SUBDIR}/antivir-v2-hit.ini"
-    assert site.run_once() == [f"err GET {url}: Couldn't read a file:// file"]
+    assert site.run_once() == [f"err GET {url}: {NO_FILE}"]
     site.expect_status("1001", error="defId fetch failed")
     assert (site.listing(), site.active_files()) == (snapshot_listing("1001", "1001"), served)
     drive.symlink_to(media[0])

@@ -5,6 +5,7 @@ import subprocess
 
 import pytest
 from gateway import APART, DAEMON, STARTED, STOPPED, Gateway, configuration, may_mount
+from outcomes import NO_FILE
 
 DEFAULT_CONFIG = "/usr/local/zelgw/opt/av/quorin/etc/zel_quorin_updater.conf"
 OPENED = "open zel_quorin_updater 3 24"
@@ -152,4 +153,4 @@ def test_read_error_keeps_the_settings_on_the_whole_lines(gateway):
     rule = ["-e", "trace=read", "-P", path, "-e", "inject=read:error=EIO:when=2+"]
     process = gateway.run("--config", path, "--once", prefix=[*APART, *QUIET, "-o", "/dev/null", *rule])
     assert process.returncode == 0
-    assert gateway.take_log() == [get_of("v3", "file:///nowhere", "Couldn't read a file:// file")]
+    assert gateway.take_log() == [get_of("v3", "file:///nowhere", NO_FILE)]

@@ -5,7 +5,7 @@ import os
 import pytest
 from gateway import DAEMON, Gateway
 from mirror_tool import DAY, HELD, NAME_RULE, SUBDIR, WORK, cab, utc
-from outcomes import published
+from outcomes import NO_FILE, published
 from release import HIT, info_name
 from tools import Stopped
 
@@ -202,7 +202,7 @@ def test_client_on_its_way_is_served_within_the_grace(own, grace, left):
         own.publish_small("3")
         own.expect_left(*own.files_of(*left), rules=["--keep", "1", "--grace", grace])
         assert daemon.finish()[0] == 0
-    refused = [f"err GET file://{own.folder}/{info_name('2')}: Couldn't read a file:// file"]
+    refused = [f"err GET file://{own.folder}/{info_name('2')}: {NO_FILE}"]
     assert gateway.take_log() == (published("2") if "2" in left else refused)
 
 

@@ -8,7 +8,7 @@ from datetime import datetime, timedelta
 
 import pytest
 from gateway import SANITIZED, STOPPED
-from outcomes import published
+from outcomes import NO_CONNECTION, published
 from paced import SLICE, PacedDaemon
 from raw_archives import LINK, release
 from scripted_server import ScriptedServer, reply
@@ -93,7 +93,7 @@ class Run:
         for _ in self.contexts:
             former = self.trial.server
             former.stop()
-            self.expect(self.trial.case("hit", [], "Couldn't connect to server"))
+            self.expect(self.trial.case("hit", [], NO_CONNECTION))
             self.contexts.append(self.contexts.pop(0))
             self.trial.server = ScriptedServer(self.contexts[-1], port=former.port)
             expired = self.contexts[-1] is self.expired

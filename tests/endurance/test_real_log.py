@@ -14,7 +14,7 @@ from collections import namedtuple
 import pytest
 from builds import REPOSITORY
 from gateway import SANITIZED, STARTED, STOPPED, Gateway, in_own_dev, may_mount, wait_for
-from outcomes import published
+from outcomes import NO_FILE, NO_HOST, published
 from raw_archives import LINK, release
 from release import info_name
 from scripted_server import reply
@@ -172,12 +172,12 @@ def log_settings(machine):
     machine.settings = {"def_root": machine.root, "status_path": machine.status_path, "mirror_base_url": ""}
     assert machine.run_once() == [unset, get.format("", "v2", BAD_URL)]
     machine.settings |= {"mirror_base_url": "file:///nowhere", "flavor": ""}
-    unread = get.format("file:///nowhere", "", "Couldn't read a file:// file")
+    unread = get.format("file:///nowhere", "", NO_FILE)
     assert machine.run_once() == ["warning config: flavor is not set", unread]
     hide = 'for place in /usr/local /run; do mount -t tmpfs none $place; done; exec "$@"'
     apart = ["unshare", "--mount", "--net", "sh", "-ec", hide, "sh"]
     assert machine.run("--config", "/nowhere", "--once", prefix=apart).returncode == 0
-    unresolved = get.format("https://definitions.zelgw.example", "v2", "Couldn't resolve host name")
+    unresolved = get.format("https://definitions.zelgw.example", "v2", NO_HOST)
     assert machine.take_log() == ["warning could not read config /nowhere; using defaults", unresolved]
 
 

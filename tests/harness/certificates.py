@@ -61,7 +61,7 @@ class Issuer:
         self, names, subject="leaf", starts=-DAY, ends=DAY, is_authority=False, usage=None, self_signed=False
     ):
         key = ec.generate_private_key(ec.SECP256R1())
-        now = datetime.datetime.utcnow()
+        now = datetime.datetime.now(datetime.timezone.utc)
         builder = (
             x509.CertificateBuilder()
             .subject_name(common_name(subject))

@@ -1,5 +1,6 @@
 """What a run of the daemon leaves: its log, its status file, and what is on the disk."""
 
+import ctypes
 import os
 import pathlib
 import stat
@@ -8,6 +9,10 @@ from dataclasses import dataclass
 from release import definition_names
 
 ENGINE = "engine 7"
+# Texts of libcurl's that change with its version.
+_libcurl = ctypes.CDLL("libcurl.so.4")
+_libcurl.curl_easy_strerror.restype = ctypes.c_char_p
+NO_PROXY, NO_HOST, NO_CONNECTION, NO_FILE = (_libcurl.curl_easy_strerror(code).decode() for code in (5, 6, 7, 37))
 _ESCAPES = {"\t": "\\t", "\n": "\\n", "\r": "\\r", '"': '\\"', "\\": "\\\\"}
 
 

@@ -6,6 +6,7 @@ import pytest
 import trustme
 from administrator import Administrator
 from booted_gateway import AUTHORITY, CONFIG, PROGRAM, RESTART, ROOT, STATUS, UNIT
+from outcomes import NO_PROXY
 from pages import blocks
 from trials import server_context
 
@@ -65,10 +66,10 @@ def test_no_proxy_spares_the_mirror_the_proxy_of_the_drop_in(administrator, gate
     (block,) = blocks("operations.md", "A proxy")
     administrator.edit_unit(block)
     gateway.expect_check(gateway.version, REFUSED)
-    assert gateway.take_log()[-1].endswith(": Couldn't resolve proxy name")
+    assert gateway.take_log()[-1].endswith(f": {NO_PROXY}")
     shell = "https_proxy=http://127.0.0.1:1 no_proxy=localhost"  # what the shell has does not count
     gateway.expect_check(gateway.version, REFUSED, command=f"{shell} {RESTART}")
-    assert gateway.take_log()[-1].endswith(": Couldn't resolve proxy name")
+    assert gateway.take_log()[-1].endswith(f": {NO_PROXY}")
     administrator.edit_unit(block + "Environment=no_proxy=localhost\n")
     gateway.expect_check(gateway.version)
 

@@ -43,7 +43,8 @@ private:
 // What holds for each setting that becomes a part of the URLs. Returns whether there can be such a URL.
 bool check_url(const std::string& key, const std::string& value, const Url& url, std::size_t line, Findings& findings) {
     const std::string refused = "libcurl refuses the URL (" + std::string(curl_url_strerror(url.error())) + ")";
-    const bool blank = url.error() == CURLUE_BAD_PATH && value.find(' ') != std::string::npos;
+    const bool spelling = url.error() == CURLUE_BAD_PATH || url.error() == CURLUE_MALFORMED_INPUT;
+    const bool blank = spelling && value.find(' ') != std::string::npos;
     const char* of_file = url.error() == CURLUE_BAD_FILE_URL ? "; write file:///DIRECTORY" : "";
     const char* hint = blank ? "; write %20 for a blank" : of_file;
     const bool fails = findings.first(
