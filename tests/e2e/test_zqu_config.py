@@ -8,7 +8,7 @@ import random
 import re
 import socket
 import tempfile
-from datetime import datetime, timedelta
+from datetime import datetime, timedelta, timezone
 
 import pytest
 import trustme
@@ -388,7 +388,7 @@ ca_path = {root}                1: error: ca_path: "{root}" is not a regular fil
 @pytest.fixture(scope="module")
 def certificates():
     """In PEM: an authority's, and one that has expired."""
-    yesterday = datetime.utcnow() - timedelta(days=1)
+    yesterday = datetime.now(timezone.utc) - timedelta(days=1)
     authority = trustme.CA()
     return authority.cert_pem.bytes(), authority.issue_cert("x.example", not_after=yesterday).cert_chain_pems[0].bytes()
 

@@ -1086,7 +1086,7 @@ def test_comparing_needs_little_memory_for_large_definitions(watched):
 
 
 def test_end_of_the_mirrors_chain_is_told_14_days_before(watched, scripted, authority):
-    end = datetime.utcnow().replace(microsecond=0) + timedelta(days=13)
+    end = datetime.now(timezone.utc).replace(microsecond=0, tzinfo=None) + timedelta(days=13)
     scripted.server.context = server_context(authority.issue_cert("127.0.0.1", not_after=end))
     scripted.server.script = Release("1001").script
     watched.configure(mirror_base_url=scripted.url, mirror_subdir="defs", ca_path=scripted.ca_path)

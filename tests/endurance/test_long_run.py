@@ -4,7 +4,7 @@ has to, and nothing grows."""
 import os
 import re
 import signal
-from datetime import datetime, timedelta
+from datetime import datetime, timedelta, timezone
 
 import pytest
 from gateway import SANITIZED, STOPPED
@@ -51,7 +51,7 @@ class Run:
         self.trial, self.gateway = trial, trial.gateway
         self.cycles = 0
         good = [server_context(authority.issue_cert("127.0.0.1")) for _ in range(2)]
-        yesterday = datetime.utcnow() - timedelta(days=1)
+        yesterday = datetime.now(timezone.utc) - timedelta(days=1)
         self.expired = server_context(authority.issue_cert("127.0.0.1", not_after=yesterday))
         self.contexts = [self.expired, *good]
         self.gateway.settings.update(poll_interval_s=INTERVAL, poll_jitter_s=1)

@@ -25,11 +25,12 @@ class Point:
 
     index: int  # among the points
     name: str
+    kind: str  # the name, but "fstat" also for what an older glibc calls instead
     number: int  # among the calls of that name since the process began, as strace counts them
     text: str  # the arguments as strace shows them
     path: str  # what it is about, relative to the gateway's folder, or as it stands; "" when there is none
     opened: int  # how often that path has been opened by then
-    repeated: int  # how many calls of that name there were on that path, since it was opened
+    repeated: int  # how many calls of that kind there were on that path, since it was opened
 
     @property
     def vague(self):
@@ -124,9 +125,10 @@ class Scene:
             if begun:
                 path = self.path_in(text)
                 opened[path] = opened.get(path, 0) + (name == "openat")
-                repeats = (name, path, opened[path])
+                kind = "fstat" if name == "newfstatat" and re.match(r'\d+<[^>]*>, ""', text) else name
+                repeats = (kind, path, opened[path])
                 repeated[repeats] = repeated.get(repeats, 0) + 1
-                found.append(Point(len(found), name, counts[name], text, path, opened[path], repeated[repeats]))
+                found.append(Point(len(found), name, kind, counts[name], text, path, opened[path], repeated[repeats]))
         return found
 
     def path_in(self, text):
