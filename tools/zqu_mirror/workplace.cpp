@@ -24,7 +24,7 @@ bool has_record(const fs::path& record) {
     return has_directory(record, " is no directory: remove it, then every release that was held is released");
 }
 
-const fs::path& make_directories(const fs::path& path, Run& run) {
+fs::path make_directories(const fs::path& path, Run& run) {
     become_owner(path);
     fs::path prefix;
     for (const auto& part : path) {
