@@ -210,7 +210,7 @@ void store(const Facts& facts, Exposition& out) {
                     {"flavor", facts.cfg.flavor},
                     {"engine_version", valid ? facts.status.contents.engine_version : facts.cfg.engine_version}},
                    "1");
-        out.gauge("publication_timestamp_seconds", "When the release in service was published.", *store.published);
+        out.gauge("publication_timestamp_seconds", "When the release in service was published.", store.published);
     }
     static constexpr std::array<const char*, 2> kinds{"antivir", "aivsecon"};
     if (!store.definitions.empty()) {
