@@ -75,12 +75,13 @@ void end_with_parent(pid_t parent) {
 }
 
 // Two connected sockets. Reading from the first fails when nothing comes within the limit.
-std::pair<Fd, Fd> channel(std::chrono::duration<std::time_t> limit) {
+std::pair<Fd, Fd> channel(std::chrono::seconds limit) {
     std::array<int, 2> ends{};
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
         fail_errno("cannot make a pair of sockets");
     }
-    const timeval patience{limit.count(), 0};
+    const std::chrono::duration<std::time_t> bounded = std::min(limit, std::chrono::seconds(INT32_MAX));  // 68 years
+    const timeval patience{bounded.count(), 0};
     static_cast<void>(setsockopt(ends[0], SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience));
     return {Fd(ends[0]), Fd(ends[1])};
 }
