@@ -36,8 +36,9 @@ inline void write_file(const std::string& path, const std::string& content) {
 }
 
 inline std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
+    std::ostringstream content;
+    content << std::ifstream(path, std::ios::binary).rdbuf();
+    return content.str();
 }
 
 // A directory in memory, removed with all it holds.
