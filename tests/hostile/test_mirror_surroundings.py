@@ -2,7 +2,7 @@
 
 from outcomes import published, status_text
 from scripted_server import ScriptedServer, finish, reply
-from trials import ACTIVE, NEW, NO_HANDSHAKE, OLD, UNTRUSTED
+from trials import NEW, NO_HANDSHAKE, OLD, UNTRUSTED
 
 
 def run_once(trial, **environment):
@@ -57,17 +57,6 @@ def test_files_changed_in_service_are_not_noticed(trial):
     assert trial.gateway.run_once() == []
     trial.gateway.expect_status(NEW)
     assert file.read_bytes() == b"other content"
-
-
-def test_link_that_leads_elsewhere_is_believed_by_its_last_name(trial):
-    elsewhere = trial.folder / "elsewhere" / NEW
-    elsewhere.mkdir(parents=True)
-    link = trial.folder / ACTIVE
-    link.unlink()
-    link.symlink_to(elsewhere)
-    assert trial.gateway.run_once() == []
-    trial.gateway.expect_status(NEW)
-    assert link.readlink() == elsewhere
 
 
 def test_status_is_written_through_a_link(trial):
