@@ -166,9 +166,8 @@ class Attacked:
         self.site, self.gateway = site, site.gateway
         self.root = "/srv/upstream"
         self.folder = self.gateway.path(f"{self.root}/{SUBDIR}")
-        self.key, self.other = SigningKey(folder), SigningKey(folder, "other")
+        self.key = SigningKey(folder)
         self.key.key = load_pem_private_key(self.gateway.path(f"{DESK}/release-key.pem").read_bytes(), None)
-        self.gateway.put(f"{DESK}/other.pem", self.other.path.read_bytes(), 0o600)
         moved = f"mv /srv/mirror {self.root}; chown -R root: {self.root}; systemctl restart nginx"
         site.sh(f"sed -i s,/srv/mirror,{self.root}, /etc/nginx/sites-enabled/mirror; {moved}")
         site.sh(scripts(PAGE, "Packages, user and directory")[0].splitlines()[-1])
@@ -195,12 +194,6 @@ class Attacked:
 # What the upstream does, and why that is refused; the release in service was signed three days ago.
 ATTACKS = {
     "forged": (lambda upstream: upstream.publish("2002", ""), "has no signature of zqu-mirror publish --sign"),
-    "other key": (
-        lambda upstream: upstream.publish("2003", "--sign other.pem"),
-        "is signed by none of the trusted keys, or was changed",
-    ),
-    "other flavor": (lambda upstream: upstream.publish("2004", flavor="v3"), "is signed for another flavor: v3"),
-    "other id": (lambda upstream: upstream.publish("2005", defId="2001"), "is signed for another id: 2001"),
     "held back": (lambda upstream: upstream.write(HIT, hit_ini("2001")), "was published 3 d ago, longer than 2 d"),
     "replayed": (lambda upstream: upstream.publish("2000", age_s=4 * DAY), "was published 4 d ago, longer than 2 d"),
     "away": (lambda upstream: upstream.path(HIT).unlink(), "HTTP response code said error"),
