@@ -137,16 +137,8 @@ def test_versions_are_that_of_the_changelog_with_the_release(packages):
 
 
 def test_lintian_finds_nothing_beyond_what_is_explained(packages):
-    command = [
-        "lintian",
-        "--allow-root",
-        "--profile",
-        "debian",
-        "--fail-on",
-        "warning,error",
-        *packages.first.glob("*.d*"),
-    ]
-    assert run(*command) == ""
+    options = ["--allow-root", "--profile", "debian", "--fail-on", "warning,error"]
+    assert run("lintian", *options, *packages.first.glob("*.d*")) == ""
 
 
 def test_rpmlint_finds_nothing_beyond_what_is_explained(packages):
