@@ -3,7 +3,7 @@
 option(ZQU_WERROR "Treat warnings as errors (for CI)" OFF)
 option(ZQU_HARDENING "Harden optimised builds" ON)
 option(ZQU_COVERAGE "Instrument for gcov" OFF)
-option(ZQU_REPRODUCIBLE "Keep the names of this machine's folders out of the programs" OFF)
+option(ZQU_REPRODUCIBLE "Keep the names of this machine's directories out of the programs" OFF)
 set(ZQU_SANITIZE "" CACHE STRING "Sanitizers to build with, as a comma-separated list (address,undefined)")
 
 add_library(zqu_warnings INTERFACE)
