@@ -82,7 +82,7 @@ def probe(gateway, *lines):
     gateway.run("systemctl", "start", UNIT)
     gateway.wait_for(lambda: gateway.state() == "inactive")
     assert gateway.show(UNIT, "Result") == "success"
-    # What systemd forbids by a filter, a newer one has the kernel forbid, with another error: PR_SET_MDWE, prctl(2).
+    # A newer systemd has the kernel forbid this by PR_SET_MDWE, prctl(2), not by a filter, which gives another error.
     log = [re.sub("^(m.* memory.*): EACCES", r"\1: EPERM", line) for line in gateway.take_log()]
     found = [line.split(": ", 1) for line in log]
     assert len(found) == len(dict(found)) or lines, found

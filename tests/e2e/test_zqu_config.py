@@ -79,7 +79,7 @@ class Configuration:
         kinds = {severity_of(finding) for finding in findings}
         status = 2 if "error" in kinds else 1 if "warning" in kinds else 0
         found = self.check(*words, user=user, **options)
-        # Releases of libcurl differ in the reason, and in whether they refuse a host that the tool has to refuse.
+        # Releases of libcurl give other reasons. Some accept a host, which the tool then refuses itself.
         given = re.sub(r'libcurl refuses the URL \(.*?\)|no host can have the name ".*"', REFUSAL, found[1])
         assert (found[0], given, found[2]) == (status, text, "")
 

@@ -9,7 +9,7 @@ from dataclasses import dataclass
 from release import definition_names
 
 ENGINE = "engine 7"
-# Texts of libcurl's that change with its version.
+# Texts of libcurl that change with its version.
 _libcurl = ctypes.CDLL("libcurl.so.4")
 _libcurl.curl_easy_strerror.restype = ctypes.c_char_p
 NO_PROXY, NO_HOST, NO_CONNECTION, NO_FILE = (_libcurl.curl_easy_strerror(code).decode() for code in (5, 6, 7, 37))

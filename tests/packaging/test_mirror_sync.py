@@ -42,7 +42,7 @@ def publish(mirror, version):
 
 
 def sync(mirror, check=True):
-    start = f"systemctl reset-failed {SERVICE}; systemctl start {SERVICE}"  # a sixth in ten seconds is refused
+    start = f"systemctl reset-failed {SERVICE}; systemctl start {SERVICE}"  # a sixth start in ten seconds is refused
     return mirror.run("sh", "-c", start, check=check).returncode
 
 
