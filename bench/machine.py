@@ -44,7 +44,8 @@ def compiler(build):
 def measure(bench):
     flags = _field("/proc/cpuinfo", "flags", "Features").split()
     memory = round(int(_field("/proc/meminfo", "MemTotal").split()[0]) / 2**20)
-    versions = (f"{name} {_output('dpkg-query', '--show', '--showformat', '${Version}', name)}" for name in PACKAGES)
+    query = ("dpkg-query", "--show", "--showformat", "${Version}")  # of one of the two names, which releases differ in
+    versions = (f"{name} {_output(*query, name, f'{name}t64', check=False)}" for name in PACKAGES)
     return {
         "Processor": f"{os.cpu_count()} cores of {_field('/proc/cpuinfo', 'model name')}, {platform.machine()}, with "
         + (", ".join(flag for flag in FLAGS if flag in flags) or "no instructions for ciphers and digests"),

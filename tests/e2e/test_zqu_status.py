@@ -186,13 +186,13 @@ rm $status; listen $status # heals      critical status_not_regular: the status 
 printf %70000s >>$status; truncate -s 65537 $status
     unknown status_too_long: the status file {status} is not looked at: it is longer than 65536 bytes
 printf %70000s >>$status; truncate -s 65536 $status             nothing
-member last_check_epoch 2145916800
-    warning check_in_future: the last check is in the future, at 2038-01-01 00:00:00 UTC
+member last_check_epoch 4102444800
+    warning check_in_future: the last check is in the future, at 2100-01-01 00:00:00 UTC
 member last_check_epoch 9223372036854775807
     warning check_in_future: the last check is in the future, at @9223372036854775807
 member last_check_epoch $((now + 50))           nothing
-touch -hd @2145916800 active
-    warning publication_in_future: the publication is in the future, at 2038-01-01 00:00:00 UTC
+touch -hd @4102444800 active
+    warning publication_in_future: the publication is in the future, at 2100-01-01 00:00:00 UTC
 member last_check_epoch $((now - LONGEST - 90))
     warning check_late: the last check began 34 min ago, more than 33 min
 member last_check_epoch $((now - 2 * LONGEST - 90))
