@@ -270,7 +270,11 @@ def reader_of(process):
 
     def is_at_work():
         for child in pathlib.Path(f"/proc/{process.pid}/task/{process.pid}/children").read_text().split():
-            if len(os.listdir(f"/proc/{child}/fd")) == 4:
+            try:
+                at_work = len(os.listdir(f"/proc/{child}/fd")) == 4
+            except PermissionError:  # only root may look into a process that has given up its privileges
+                at_work = True
+            if at_work:
                 found.append(int(child))
         return found
 
@@ -346,6 +350,7 @@ def test_run_that_cannot_give_up_privileges_reads_no_archive(hostile):
     assert hostile.run("mirror", prefix=bare) == (1, "", line)
 
 
+@pytest.mark.skipif(not AS_ROOT, reason="strace finds no paths of a process that has given up its privileges")
 def test_disk_that_fails_under_the_archive_gives_no_verdict(hostile):
     """It can be read once, for the digest."""
     hostile.put(new())
