@@ -7,6 +7,7 @@ import re
 import pytest
 from booted_gateway import CONFIG, HOME, LAYOUT, PROGRAM, ROOT, UNIT
 from packages import NEXT, RELEASE
+from pages import scripts
 
 NAME = "zel-quorin-updater"
 DEB = "dpkg --force-confold"
@@ -253,3 +254,28 @@ def test_package_comes_and_goes_where_no_systemd_runs(deb):
     assert deb.gateway.enabled() == "disabled"
     deb.gateway.run(*bare, "dpkg", "--purge", NAME)
     assert not deb.gateway.exists(ROOT)
+
+
+def test_scripts_without_systemd_run_and_stop_the_daemon(deb):
+    deb.install()
+    gateway = deb.gateway
+    page = "without-systemd.md"
+    gateway.path(f"/etc/sv/{PROGRAM}").mkdir(parents=True)
+    files = {
+        f"/etc/sv/{PROGRAM}/run": scripts(page, "runit, and others that run a script")[0],
+        f"/etc/init.d/{PROGRAM}": "#!/bin/sh\n" + scripts(page, "sysvinit")[0],
+    }
+    for path, text in files.items():
+        gateway.path(path).write_text(text)
+        gateway.path(path).chmod(0o755)
+    gateway.configure()
+    gateway.publish("1001")
+    gateway.expect_check("1001", command=f"/etc/init.d/{PROGRAM} start")
+    gateway.run(f"/etc/init.d/{PROGRAM}", "start")
+    [process] = gateway.out("pgrep", "-x", "zel_quorin_upda").split()
+    status = dict(line.split(":", 1) for line in gateway.path(f"/proc/{process}/status").read_text().splitlines())
+    known = {name: status[name].strip() for name in ("CapBnd", "NoNewPrivs", "Umask", "Groups")}
+    assert known == {"CapBnd": "0" * 16, "NoNewPrivs": "1", "Umask": "0022", "Groups": ""}
+    assert gateway.out("ps", "-o", "user:20=,group:20=", "-p", process).split() == ["zel-quorin"] * 2
+    gateway.run(f"/etc/init.d/{PROGRAM}", "stop")
+    assert gateway.run("pgrep", "-f", f"/{PROGRAM}", check=False).stdout == ""
