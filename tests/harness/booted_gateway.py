@@ -6,6 +6,7 @@ import os
 import pathlib
 import queue
 import re
+import shlex
 import shutil
 import stat
 import subprocess
@@ -128,7 +129,7 @@ class BootedGateway(Booted):
             self.run("cp", "-a", f"{tree}/.", "/")
             (block,) = blocks("packaging.md", "Without packages")
             for command in re.findall(r"^sudo (system.*)$", block, re.MULTILINE):
-                self.run(*command.split())
+                self.run(*shlex.split(command, comments=True))
             self.run("systemctl", "enable", UNIT)
             self.run("useradd", "--no-create-home", STRANGER)
             self.run("useradd", "--no-create-home", "--groups", READERS, READER)
