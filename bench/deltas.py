@@ -31,7 +31,7 @@ class Counting(Server):
     def sent(self, requests, since=0):
         """How many bytes nginx sent after those lines of its log, in so many good answers; waits for them."""
         for _ in range(3000):  # nginx writes its log after the answer
-            lines = [line.split() for line in (self.folder / "access.log").read_text().splitlines()][since:]
+            lines = [line.split() for line in (self.directory / "access.log").read_text().splitlines()][since:]
             if len(lines) >= requests:
                 assert [status for status, _ in lines] == ["200"] * requests, lines
                 return sum(int(count) for _, count in lines)
@@ -64,7 +64,7 @@ class Direct(Update):
     def figures(self, expected):
         """What it takes to get what is current now, apart from time. Requires that it is the release expected."""
         self.expected = None
-        since = len((self.nginx.folder / "access.log").read_text().splitlines())
+        since = len((self.nginx.directory / "access.log").read_text().splitlines())
         self.clear()
         peaks = {step: peak_kib(command) for step, command in self.steps.items()}
         sent = self.nginx.sent(3, since)  # hit INI, complete-info INI, and the archive or the delta

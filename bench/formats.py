@@ -64,17 +64,17 @@ class Packed(Update):
 
     def __init__(self, bench, nginx, form, files):
         self.bench, self.source, self.expected = bench, nginx.root / form, None
-        folder = self.source / SUBDIR
-        folder.mkdir(parents=True)
+        directory = self.source / SUBDIR
+        directory.mkdir(parents=True)
         if form in PUBLISHED:
             self.packing = run(publishing(bench, self.source, files, form=form))
-            archive = next(path for path in folder.iterdir() if path.suffix != ".ini")
+            archive = next(path for path in directory.iterdir() if path.suffix != ".ini")
         else:
             suffix, script = PIPELINES[form]
-            archive, names = folder / f"archive.{suffix}", ["antivir-v2.ini", *definition_names()]
+            archive, names = directory / f"archive.{suffix}", ["antivir-v2.ini", *definition_names()]
             self.packing = run(["sh", "-c", script, archive, *names], cwd=files[0].parent)
-            (folder / "antivir-v2-hit.ini").write_bytes(hit_ini(ID))
-            (folder / info_name(ID)).write_bytes(info_ini(ID, archive.name, sha256(archive.read_bytes())))
+            (directory / "antivir-v2-hit.ini").write_bytes(hit_ini(ID))
+            (directory / info_name(ID)).write_bytes(info_ini(ID, archive.name, sha256(archive.read_bytes())))
         self.archive = archive.stat().st_size
         base = bench.directory / form
         base.mkdir(exist_ok=True)

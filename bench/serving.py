@@ -38,7 +38,7 @@ def bulk(bench, nginx):
 
 
 def key(nginx):
-    command = ["openssl", "x509", "-in", nginx.folder / "good.pem", "-noout", "-text"]
+    command = ["openssl", "x509", "-in", nginx.directory / "good.pem", "-noout", "-text"]
     text = subprocess.run(command, capture_output=True, text=True, check=True).stdout
     return ", ".join(re.search(r"Public Key Algorithm: (\S+)\s+Public-Key: \((.*)\)", text).groups())
 

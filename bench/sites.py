@@ -34,7 +34,7 @@ class Server(Nginx):
         self.authority.cert_pem.write_to_path(self.ca_path)
         leaf = self.authority.issue_cert("localhost", "127.0.0.1")
         for name in self.lines:
-            leaf.private_key_and_cert_chain_pem.write_to_path(self.folder / f"{name}.pem")
+            leaf.private_key_and_cert_chain_pem.write_to_path(self.directory / f"{name}.pem")
 
     def _http_lines(self):
         return "ssl_protocols TLSv1.2 TLSv1.3;"
@@ -49,7 +49,7 @@ class Server(Nginx):
         """The requests that a server has answered after the first few, each as connection, "r" for a resumed session,
         status and protocol; waits until there are at least so many."""
         for _ in range(3000):  # nginx writes its log after the answer
-            lines = [line.split() for line in (self.folder / "access.log").read_text().splitlines()]
+            lines = [line.split() for line in (self.directory / "access.log").read_text().splitlines()]
             found = [line[1:] for line in lines if line[0] == str(self.ports[name])][since:]
             if len(found) >= count:
                 assert {line[2] for line in found} <= {"200"}, found

@@ -2,12 +2,12 @@
 # already stays as it is.
 function(zqu_install_configuration file path)
     cmake_path(ABSOLUTE_PATH file NORMALIZE)
-    cmake_path(GET path PARENT_PATH folder)
+    cmake_path(GET path PARENT_PATH directory)
     install(CODE "
         if(EXISTS \"\$ENV{DESTDIR}${path}\")
             message(STATUS \"Keeping: \$ENV{DESTDIR}${path}\")
         else()
-            file(INSTALL DESTINATION \"${folder}\" TYPE FILE FILES \"${file}\")
+            file(INSTALL DESTINATION \"${directory}\" TYPE FILE FILES \"${file}\")
         endif()")
 endfunction()
 

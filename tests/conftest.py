@@ -88,9 +88,9 @@ def gateway(nginx, mirror, tmp_path):
 @pytest.fixture
 def gateway_in_memory(nginx, mirror):
     """On no disk, where each flush takes its time."""
-    with tempfile.TemporaryDirectory(dir="/dev/shm", prefix="zqu-") as folder:
+    with tempfile.TemporaryDirectory(dir="/dev/shm", prefix="zqu-") as directory:
         where = {"mirror_base_url": nginx.url(), "mirror_subdir": mirror.subdir}
-        machine = Gateway(pathlib.Path(folder), ca_path=nginx.ca_path, **where)
+        machine = Gateway(pathlib.Path(directory), ca_path=nginx.ca_path, **where)
         yield machine
         machine.end_all()
 
@@ -117,8 +117,8 @@ def scripted_context(authority):
 @pytest.fixture
 def trial(authority, scripted_context, tmp_path, record_property, thorough):
     """A gateway with a release in service, and a mirror that does what the test says; in memory, as above."""
-    with tempfile.TemporaryDirectory(dir="/dev/shm", prefix="zqu-") as folder:
-        trial = Trial(pathlib.Path(folder), tmp_path / "kept", scripted_context, authority, thorough)
+    with tempfile.TemporaryDirectory(dir="/dev/shm", prefix="zqu-") as directory:
+        trial = Trial(pathlib.Path(directory), tmp_path / "kept", scripted_context, authority, thorough)
         try:
             trial.begin()
             yield trial

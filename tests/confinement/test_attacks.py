@@ -49,9 +49,9 @@ ATTACKS = {
 
 
 def open_places(gateway):
-    folders = [f"/{place}" for place in PLACES]
-    files = [f"{folder}/file" for folder in folders]
-    gateway.run("sh", "-ec", 'install -d -m 777 "$@"', "sh", *folders)
+    directories = [f"/{place}" for place in PLACES]
+    files = [f"{directory}/file" for directory in directories]
+    gateway.run("sh", "-ec", 'install -d -m 777 "$@"', "sh", *directories)
     gateway.run("sh", "-ec", 'printf "precious\\n" | tee "$@"; chmod 666 "$@"', "sh", *files)
 
 

@@ -20,10 +20,10 @@ FORBIDDEN = {
     "NoNewPrivs": "1",
     "Seccomp": "2",
     "other processes": "0",
-    **{f"write {folder}/zqu-open/file": "EROFS" for folder in OPEN[:10]},
-    **{f"write {folder}/zqu-open/file": "EACCES" for folder in OPEN[10:14]},
+    **{f"write {directory}/zqu-open/file": "EROFS" for directory in OPEN[:10]},
+    **{f"write {directory}/zqu-open/file": "EACCES" for directory in OPEN[10:14]},
     f"write {CONFIG}": "EROFS",
-    **{f"read {folder}/zqu-open/file": "EACCES" for folder in ("/home", "/root", "/run/user")},
+    **{f"read {directory}/zqu-open/file": "EACCES" for directory in ("/home", "/root", "/run/user")},
     **{f"write /{name}": "ENOENT" for name in ("proc/sys/kernel/core_pattern", "dev/kmsg")},
     "write /sys/fs/cgroup/cgroup.procs": "ENOENT",
     **{f"read /proc/{name}": "ENOENT" for name in ("meminfo", "1/comm")},
@@ -66,9 +66,9 @@ NEEDED = {
 def probed(module_gateway):
     """The booted gateway with the probe in the daemon's place, and directories that are open to everybody."""
     gateway = module_gateway
-    for folder in OPEN:
-        gateway.run("install", "-d", "-m", "777", f"{folder}/zqu-open")
-        gateway.put(f"{folder}/zqu-open/file", "precious\n", 0o666)
+    for directory in OPEN:
+        gateway.run("install", "-d", "-m", "777", f"{directory}/zqu-open")
+        gateway.put(f"{directory}/zqu-open/file", "precious\n", 0o666)
     opened = [name for name in {**FORBIDDEN, **NEEDED} if name.startswith(("read ", "write "))]
     gateway.put(CONFIG, "\n".join(opened), 0o666)
     gateway.put(DAEMON, (BUILD / "zqu_probe").read_bytes(), 0o755)

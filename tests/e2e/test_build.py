@@ -58,8 +58,8 @@ def test_missing_library_is_named_with_its_package(copy, package, debian):
 
 def test_source_that_no_target_lists_fails_the_configure_step(copy):
     assert configure(copy).returncode == 0
-    for folder in ("src", "tools", "tests/unit", "tests/e2e"):
-        forgotten = copy / folder / "forgotten.cpp"
+    for directory in ("src", "tools", "tests/unit", "tests/e2e"):
+        forgotten = copy / directory / "forgotten.cpp"
         forgotten.write_text("int forgotten;\n")
         process = configure(copy)
         assert process.returncode != 0

@@ -287,7 +287,7 @@ def check(scene, unbroken, function, number, value, expected):
     outcome, then = expected
     scene.set_back()
     process, calls = run(scene.gateway, f"{function}:{number}:{value}")
-    outcome_of(scene, process, messages(calls)).expect(outcome, folder=scene.gateway.folder)
+    outcome_of(scene, process, messages(calls)).expect(outcome, directory=scene.gateway.directory)
     names = names_of(calls)
     if then == UNCHANGED:
         assert [name for name in names if name != "fault"] == unbroken
@@ -368,7 +368,7 @@ def test_failed_allocation_in_the_index_leaves_nothing_unchecked(gateway, mirror
 
 def trace_disk(gateway):
     """One cycle: the system calls that change the disk or list directories, in order, and the writes to the log."""
-    trace = gateway.folder / "trace"
+    trace = gateway.directory / "trace"
     calls = "mkdir,unlink,unlinkat,rmdir,openat,symlink,rename,write,getdents64"
     gateway.run_once(prefix=["strace", "-f", "-qq", "-s", "200", "-o", trace, "-e", f"trace={calls}"])
     return [line.split(maxsplit=1)[1] for line in trace.read_text().splitlines()]

@@ -8,7 +8,7 @@ from builds import REPOSITORY
 from gateway import BUILD
 
 TESTS = REPOSITORY / "tests"
-PAGES = {"testing.md": TESTS, "security.md": TESTS / "hostile"}  # and the folder that their paths begin at
+PAGES = {"testing.md": TESTS, "security.md": TESTS / "hostile"}  # and the directory that their paths begin at
 
 
 def named(page):
@@ -42,7 +42,7 @@ def test_every_test_that_a_page_names_is_there(page):
     pairs, unit_tests = named(page)
     assert pairs
     for file, test in pairs:
-        path = next((folder / file for folder in (PAGES[page], TESTS) if (folder / file).is_file()), None)
+        path = next((directory / file for directory in (PAGES[page], TESTS) if (directory / file).is_file()), None)
         assert path, file
         assert test is None or f"\ndef {test}(" in path.read_text(), f"{file} has no {test}"
     existing = all_unit_tests()

@@ -89,8 +89,8 @@ def test_advance_waits_unless_prometheus_vouches_in_full(own):
 class Fleet:
     """Gateways with a real one's metrics, but ids and ages of their own, and a Prometheus that sees them."""
 
-    def __init__(self, folder, server, text):
-        self.folder, self.server, self.text = folder, server, text
+    def __init__(self, directory, server, text):
+        self.directory, self.server, self.text = directory, server, text
 
     def set(self, name, id, success=1, verdict="ok", checks=True, **ages):
         """The gateway's state from now on, with ages in seconds. Without checks, the time of the last stays."""
@@ -119,11 +119,11 @@ class Fleet:
             "rule_files": [f"{MONITORING}/*.rules.yml"],
             "scrape_configs": [{"job_name": "fleet", "static_configs": jobs}],
         }
-        (self.folder / "prometheus.json").write_text(json.dumps(config))  # JSON is YAML
+        (self.directory / "prometheus.json").write_text(json.dumps(config))  # JSON is YAML
         words = ["prometheus", "--config.file=prometheus.json", f"--web.console.templates={MONITORING}"]
         words += ["--storage.tsdb.path=data", f"--web.listen-address={self.url.removeprefix('http://')}"]
-        log = open(self.folder / "prometheus.log", "w")
-        self.process = subprocess.Popen([*WITH_US, *words], cwd=self.folder, stderr=log)
+        log = open(self.directory / "prometheus.log", "w")
+        self.process = subprocess.Popen([*WITH_US, *words], cwd=self.directory, stderr=log)
         wait_for(lambda: self.ask("up == 1", expected=len(paths)), self.process)
 
     def ask(self, query, expected):
@@ -223,7 +223,7 @@ def test_fleet_page_shows_ids_stage_failures_and_ages(own, fleet):
     page = f"{fleet.url}/consoles/zel-quorin-fleet.html"
 
     def browse(*words):
-        words = [*CHROMIUM, f"--user-data-dir={fleet.folder}/chromium", *words, page]
+        words = [*CHROMIUM, f"--user-data-dir={fleet.directory}/chromium", *words, page]
         return subprocess.run(words, capture_output=True, text=True, timeout=120, check=True).stdout
 
     def rows(table):
@@ -233,7 +233,7 @@ def test_fleet_page_shows_ids_stage_failures_and_ages(own, fleet):
         shown = [" | ".join(html.unescape(re.sub(r"<[^>]*>|\s+", " ", cell)).strip() for cell in row) for row in cells]
         return [re.sub(r" +[0-9.]+s\b|(?<= ) +", "", row).strip() for row in shown]
 
-    picture = os.environ.get("ZQU_PICTURE", fleet.folder / "fleet.png")
+    picture = os.environ.get("ZQU_PICTURE", fleet.directory / "fleet.png")
     browse(f"--screenshot={picture}")
     assert 20_000 < os.path.getsize(picture) < 100_000
     assert rows("rollouts") == ["/srv/mirror | v2 | 1002 | 10 % | 2h 30m ago | 2 | 1"]

@@ -42,9 +42,9 @@ def test_commands_of_the_page_answer_as_it_says(tmp_path):
         assert (program, code, masked(out), err) == ("zqu-mirror", 0, masked(answer), "")
 
 
-def gateway_of(server, folder):
-    folder.mkdir()
-    return Gateway(folder, mirror_base_url=server.url(), mirror_subdir=SUBDIR, ca_path=server.ca_path)
+def gateway_of(server, directory):
+    directory.mkdir()
+    return Gateway(directory, mirror_base_url=server.url(), mirror_subdir=SUBDIR, ca_path=server.ca_path)
 
 
 def test_page_shows_just_the_split_and_two_servers():
@@ -59,7 +59,7 @@ def test_mirror_of_the_page_serves_each_file_as_it_says(tmp_path, servers):
     assert own.publish("1002", "--format", "zstd")[0] == 0
     server = servers.mirror(own.root)
     lifetimes = {".ini": "public, max-age=60", ".cab": "public, max-age=31536000, immutable"}
-    for path in own.folder.iterdir():
+    for path in own.directory.iterdir():
         status, headers, body = server.get(f"{SUBDIR}/{path.name}")
         assert (status, body) == (200, path.read_bytes())
         assert headers["Content-Length"] == str(path.stat().st_size)

@@ -22,7 +22,7 @@ PATH = f"{SUBDIR}/{HIT}"
 @pytest.fixture
 def marked(own):
     """A mirror whose stage files say which they are."""
-    own.folder.mkdir(parents=True)
+    own.directory.mkdir(parents=True)
     own.write(HIT, "current")
     for stage in STAGES:
         own.write(f"{HIT}.{stage}", stage)
@@ -146,7 +146,7 @@ def asking(servers, marked):
         if min(collections.Counter(drawn.values())[group] for group in GROUPS) >= 2:
             break
     addresses = first_of_each(drawn, 2, 2, 2, 2)
-    for path in marked.folder.iterdir():
+    for path in marked.directory.iterdir():
         path.unlink()
     ended, answers = threading.Event(), []
 

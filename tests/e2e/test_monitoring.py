@@ -89,10 +89,10 @@ def test_panels_have_ids_of_their_own_and_do_not_overlap():
     assert len(set(cells)) == len(cells)
 
 
-def served_by_node_exporter(folder):
+def served_by_node_exporter(directory):
     """What the node exporter with nothing but its textfile collector serves, on a loopback port that it takes over."""
     start = 'LISTEN_PID=$$ LISTEN_FDS=1 exec "$@" 3<&"$SOCKET"'  # the descriptor is for the process that it becomes
-    words = ["--collector.disable-defaults", "--collector.textfile", f"--collector.textfile.directory={folder}"]
+    words = ["--collector.disable-defaults", "--collector.textfile", f"--collector.textfile.directory={directory}"]
     with socket.create_server(("127.0.0.1", 0)) as server:
         url = f"http://127.0.0.1:{server.getsockname()[1]}/metrics"
         process = subprocess.Popen(
@@ -123,12 +123,12 @@ def test_node_exporter_serves_what_the_tool_wrote(gateway, mirror, tmp_path):
     mirror.publish("1001")
     gateway.run_once()
     written = tmp_path / "run" / "zel-quorin-updater.prom"
-    folder = tmp_path / "node-exporter"
-    folder.mkdir()
+    directory = tmp_path / "node-exporter"
+    directory.mkdir()
     written.parent.mkdir()
-    (folder / written.name).symlink_to(written)
+    (directory / written.name).symlink_to(written)
     assert run("--config", gateway.config_path, "--prometheus", "--output", written) == (0, "", "")
-    served = served_by_node_exporter(folder)
+    served = served_by_node_exporter(directory)
     assert samples_of(served) == samples_of(written.read_text()) != {}
     assert "\nnode_textfile_scrape_error 0\n" in served
 

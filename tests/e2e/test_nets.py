@@ -64,10 +64,10 @@ def test_broken_copy_is_caught(tmp_path, name, before, after, net):
     assert text.count(before) == 1
     (copy / "src" / name).write_text(text.replace(before, after))
     options = ["-DCMAKE_BUILD_TYPE=Debug", "-DZQU_BUILD_TOOLS=OFF", "-DZQU_BUILD_TESTS=ON", option]
-    folder = builds.build(copy, *options, targets=["zel_quorin_updater", "zqu_log_shim"])
+    directory = builds.build(copy, *options, targets=["zel_quorin_updater", "zqu_log_shim"])
     process = subprocess.run(
         ["/usr/bin/python3", "-m", "pytest", "-vv", "--no-header", f"--basetemp={tmp_path / 'e2e'}", test],
-        env={**os.environ, "ZQU_BUILD_DIR": str(folder)},
+        env={**os.environ, "ZQU_BUILD_DIR": str(directory)},
         cwd=builds.REPOSITORY / "tests",
         capture_output=True,
         text=True,

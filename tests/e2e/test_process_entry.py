@@ -48,7 +48,7 @@ def run(gateway, *words, name=DAEMON, **options):
     process = subprocess.run(
         [name, *words],
         executable=DAEMON,
-        cwd=gateway.folder,
+        cwd=gateway.directory,
         env=gateway.environment(**options),
         capture_output=True,
         text=True,
@@ -104,7 +104,7 @@ def test_once_makes_just_these_calls_and_exits_with_zero(idle, name, words):
 )
 def test_last_config_with_a_value_counts_whatever_its_name(idle, words, flavor):
     for name in ("a", "b", "--help", "--once", "--config"):
-        (idle.folder / name).write_text(configuration({**idle.settings, "flavor": name}))
+        (idle.directory / name).write_text(configuration({**idle.settings, "flavor": name}))
     output, log = run(idle, *words)
     assert (output, log[2]) == ("", get_of(flavor))
 

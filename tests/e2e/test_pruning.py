@@ -72,7 +72,7 @@ def test_snapshot_whose_time_cannot_be_read_is_the_oldest(gateway, mirror, unrea
 def test_service_is_read_before_the_listing_and_times_often(many):
     gateway, names, set_back = many
     set_back()
-    trace = gateway.folder / "trace"
+    trace = gateway.directory / "trace"
     gateway.run_once(prefix=[*STRACE, trace])
     pruning = trace.read_text(errors="replace").partition("published def snapshot 1002")[2]
     assert pruning.index("readlink(") < re.search(r"openat\(.*/snapshots\"", pruning).start()

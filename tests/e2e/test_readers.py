@@ -10,8 +10,8 @@ from release import definition_names, definitions
 SLOWLY = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=unlink,symlink,rename:delay_exit=10000"]
 
 
-def read_at(folder, name):
-    with open(os.open(name, os.O_RDONLY, dir_fd=folder), "rb") as file:
+def read_at(directory, name):
+    with open(os.open(name, os.O_RDONLY, dir_fd=directory), "rb") as file:
         return file.read()
 
 
@@ -33,15 +33,15 @@ class Reader(threading.Thread):
 
     def _look(self):
         try:
-            folder = os.open(self.root / "active", os.O_RDONLY | os.O_DIRECTORY)
+            directory = os.open(self.root / "active", os.O_RDONLY | os.O_DIRECTORY)
         except FileNotFoundError:
             return "no link"
         try:
-            return self.names.get(tuple(read_at(folder, name) for name in definition_names()), "mixed")
+            return self.names.get(tuple(read_at(directory, name) for name in definition_names()), "mixed")
         except FileNotFoundError:
             return "file vanished"
         finally:
-            os.close(folder)
+            os.close(directory)
 
     def end(self):
         self.ended = True

@@ -47,7 +47,7 @@ def test_more_than_4_gib_by_a_file_url(gateway, mirror, tmp_path, hole, size):
         archive.write(zeros, names[0])
         archive.writestr(names[1], b"x")
     mirror.announce("1001", "big.zip")
-    gateway.settings |= {"mirror_base_url": mirror.folder.parent.as_uri(), "http_timeout_s": 0}
+    gateway.settings |= {"mirror_base_url": mirror.directory.parent.as_uri(), "http_timeout_s": 0}
     assert gateway.run_once() == published("1001")
     assert [(gateway.root / "active" / name).stat().st_size for name in names] == [size, 1]
 

@@ -180,7 +180,7 @@ def test_time_that_a_cab_cannot_hold_becomes_its_nearest(own, time, shown):
 def test_each_part_of_a_publish_shows_its_progress_and_clears_it(own):
     """Each 420th read of the files takes 1.6 seconds."""
     own.antivir.write_bytes(os.urandom(1_000_000) * 30)
-    archives = [*(own.folder / WORK / name for name in ("archive", "plain")), own.path(cab("1"))]
+    archives = [*(own.directory / WORK / name for name in ("archive", "plain")), own.path(cab("1"))]
     paths = [word for path in (own.antivir, *archives) for word in ("-P", path)]
     slow = ["strace", "-qq", "-f", "-o", "/dev/null", *paths, "-e", "inject=read:delay_enter=1600000:when=420+420"]
     code, shown = run.on_terminal("stderr", *own.publishing("1"), prefix=slow, env=under_strace())

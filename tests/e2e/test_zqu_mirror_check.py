@@ -82,7 +82,7 @@ def test_check_reports_faults_and_warnings(own, temporary, case):
     """A fault is what a client fails on, with the exit status 1. What it accepts is at most a warning."""
     made, start, end, others = CHECKS[case]
     clean = clean_report("7", "x.zip", own.make_by_hand(**made))
-    lines = [*clean[:start], *(line.format(own.folder) for line in others), *clean[end:]]
+    lines = [*clean[:start], *(line.format(own.directory) for line in others), *clean[end:]]
     fault = any(line.startswith("FAULT") for line in lines)
     for root in (own.root, f"file://{own.root}"):
         assert own.check(root=root, env=temporary) == (int(fault), "".join(f"{line}\n" for line in lines), "")
@@ -99,7 +99,7 @@ class Served:
     def __init__(self, own, scripted, *headers):
         self.own, self.scripted, self.server = own, scripted, scripted.server
         own.make_by_hand()
-        files = own.folder.iterdir()
+        files = own.directory.iterdir()
         self.server.script = {path.name: [reply(path.read_bytes(), "200 OK", *headers)] for path in files}
 
     def check(self, *words, **options):
@@ -298,7 +298,7 @@ def test_page_names_every_metric(own, scripted):
 
 
 def test_metrics_of_an_empty_mirror_leave_out_what_is_unknown(own):
-    own.folder.mkdir(parents=True)
+    own.directory.mkdir(parents=True)
     found = metrics(own)
     assert found.pop("observation_timestamp_seconds ")
     assert {key.split()[0] for key in found} == {"verdict"}

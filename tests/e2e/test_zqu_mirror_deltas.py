@@ -44,7 +44,7 @@ class Site:
     def __init__(self, base):
         self.base = base
         self.up, self.local = OwnMirror(base), OwnMirror(base)
-        self.local.root, self.local.folder = base / "local", base / "local" / SUBDIR
+        self.local.root, self.local.directory = base / "local", base / "local" / SUBDIR
         self.up.aivsecon.write_bytes(AIVSECON)
 
     def publish(self, number, *flags, id=None, **options):
@@ -126,7 +126,7 @@ SOURCES = {
 
 @pytest.mark.parametrize("source", SOURCES)
 def test_same_definitions_give_the_same_plain_archive(site, source):
-    site.up.folder.mkdir(parents=True)
+    site.up.directory.mkdir(parents=True)
     site.up.write("x.zip", zip_bytes(SOURCES[source]))
     site.up.announce("1", "x.zip")
     assert site.mirror()[0] == 0
@@ -355,7 +355,7 @@ def test_check_and_mirror_warn_of_a_bad_delta(begun):
     words = ["mirror", f"file://{begun.up.root}"]
     assert run(*words, begun.base / "copy")[::2] == (0, "")
     copied = tree(begun.base / "copy" / SUBDIR)
-    assert {path.name for path in begun.up.folder.iterdir()} - copied.keys() == {cab("1"), info_name("1")}
+    assert {path.name for path in begun.up.directory.iterdir()} - copied.keys() == {cab("1"), info_name("1")}
     os.truncate(begun.up.path(name), 10)
     bad = f"{name} does not have the size and the digest that"
     assert begun.up.check()[1].endswith(f"\nwarning  {bad} the INI gives\n")

@@ -59,8 +59,8 @@ class Hostile:
 
 @pytest.fixture
 def hostile():
-    with tempfile.TemporaryDirectory(prefix="zqu-hostile-") as folder:
-        yield Hostile(pathlib.Path(folder))
+    with tempfile.TemporaryDirectory(prefix="zqu-hostile-") as directory:
+        yield Hostile(pathlib.Path(directory))
 
 
 # ---- What an archive may hold ----

@@ -69,7 +69,7 @@ def publishing_upstream(own, id, *flags):
 
 def prepare_plain(own, upstream, *flags):
     """Releases "base" and "new", of which the second one is upstream only."""
-    shutil.rmtree(upstream.folder)
+    shutil.rmtree(upstream.directory)
     own.antivir.write_bytes(noise(2000, "base"))
     publishing_upstream(own, "base")
     assert own.run("--plain")[0] == 0
@@ -284,7 +284,7 @@ class Campaign:
         """Runs the command while strace sees to the calls that name or use something on the mirror."""
         work = [f"{WORK}/{name}" for name in ("", *self.command.work)]
         names = {*self.own.files(), HIT, info_name("new"), self.command.archive, *work, *self.command.others}
-        top = [mirror.root, mirror.root / "rhex", mirror.root / "rhex/deffiles", mirror.folder]
+        top = [mirror.root, mirror.root / "rhex", mirror.root / "rhex/deffiles", mirror.directory]
         paths = [word for path in (*top, *map(mirror.path, sorted(names))) for word in ("-P", path)]
         prefix = ["strace", "-D", "-y", "-o", log, *options, *paths]
         return run(*self.command.words(self.own, mirror.root), prefix=prefix, env=under_strace())
@@ -336,10 +336,10 @@ def expect_whole(mirror):
     """Clients find a release, and every INI its archive."""
     code, out, err = mirror.check()  # of the candidate, too
     assert (code, err) == (0, ""), out
-    stages = sorted(mirror.folder.glob(f"{HIT}.*"))
+    stages = sorted(mirror.directory.glob(f"{HIT}.*"))
     assert [path.name for path in stages] == [*STAGES][: len(stages)]
     assert len({path.read_bytes() for path in stages}) <= 1
-    for path in mirror.folder.glob("antivir-v2-c-*.ini"):
+    for path in mirror.directory.glob("antivir-v2-c-*.ini"):
         archive = re.search(r"def.Current.name *= *(\S+)", path.read_text())[1]
         assert mirror.path(archive).exists(), f"{path.name} names {archive}, which is gone"
 
@@ -413,7 +413,7 @@ def test_each_step_is_on_disk_before_the_next(own, name):
     """The hit INI comes last, and an archive goes after its INI."""
     campaign = Campaign(name, own)
     _, lines = campaign.calls(own, shown="fsync,rename,unlink")
-    text = "\n".join(lines).replace(str(own.folder), "D").replace(WORK, "W").replace('"', "")
+    text = "\n".join(lines).replace(str(own.directory), "D").replace(WORK, "W").replace('"', "")
     text = re.sub(r"[0-9a-f]{12}(?=\.delta)", "DIGEST", text)
     text = re.sub(rf"D/{REPLACED}/[^/]+", "R", text)
     steps = re.findall(r"^(\w+)\((?:\d+<)?(.*?)>?\) += 0$", text, re.MULTILINE)
@@ -453,7 +453,7 @@ def test_failed_removal_ends_a_prune_and_the_rest_stays(own, injection):
     line, removed, gone = PRUNE_FAILURES[injection]
     before = own.files()
     code, out, err = campaign.traced(own, "-e", f"inject={injection}")
-    assert (code, err) == (1, f"zqu-mirror: {line.format(own.folder)}\n")
+    assert (code, err) == (1, f"zqu-mirror: {line.format(own.directory)}\n")
     assert re.findall(r"^removed (\d):", out, re.MULTILINE) == [*removed]
     assert own.files() == sorted({*before} - gone)
 
@@ -512,7 +512,7 @@ def test_signal_ends_a_prune_between_two_releases(own):
 def test_second_run_is_refused_while_one_is_at_work(own, name):
     for prepared in ("trust", "prune", name):
         COMMANDS[prepared].prepare(own, own.upstream)
-    refused = (1, "", f"zqu-mirror: another run is at work in {own.folder}\n")
+    refused = (1, "", f"zqu-mirror: another run is at work in {own.directory}\n")
     with own.stopped(COMMANDS[name].words(own, own.root), *COMMANDS[name].stop) as first:
         for second in (*COMMANDS, "prune --dry-run"):
             if second in ("mirror", "plain", "whole") and own.path(stage(1)).exists():

@@ -39,7 +39,7 @@ def listed(own):
     own.write(cab("stray"), "no INI names it")
     own.write("antivir-v2-c-1.ini.bak", "not an INI")
     own.write("README", "mine")
-    (own.folder / WORK).mkdir()
+    (own.directory / WORK).mkdir()
     own.replaced = own.path(HIT).stat().st_mtime
     return own
 
@@ -75,7 +75,7 @@ def test_json_is_one_document_with_all_of_it(listed):
     code, out, err = listed.list("--json")
     assert (code, err, out[-1]) == (0, "", "\n")
     assert json.loads(out) == {
-        "directory": str(listed.folder),
+        "directory": str(listed.directory),
         "flavor": "v2",
         "current": "4",
         "held": ["2"],
@@ -93,9 +93,9 @@ def test_json_is_one_document_with_all_of_it(listed):
 def test_held_release_that_is_gone_is_named(own):
     """Not the current one, which is in the record when an activate was killed."""
     own.publish_small("1", "2")
-    (own.folder / HELD).mkdir()
+    (own.directory / HELD).mkdir()
     for id in "27":
-        (own.folder / HELD / info_name(id)).touch()
+        (own.directory / HELD / info_name(id)).touch()
     lines = own.list()[1].splitlines()
     assert lines[1].endswith("  current") and lines[-1] == "held, but not on this mirror: 7"
 
@@ -137,7 +137,7 @@ def test_damaged_mirror_is_listed_with_what_is_broken(own, case):
 
 
 def test_mirror_that_is_not_there_is_an_error(own):
-    line = f"zqu-mirror: cannot open {own.folder}: No such file or directory\n"
+    line = f"zqu-mirror: cannot open {own.directory}: No such file or directory\n"
     assert own.list() == own.list("--json") == (1, "", line)
 
 

@@ -27,7 +27,7 @@ def expect_files(copy, *ids):
     names = [name for id in ids for name in (info_name(id), cab(id))]
     content = {name: ("100644", copy.upstream.path(name).read_bytes()) for name in names}
     hit = ("100644", f"[Current]\ndefId = {ids[-1]}\n".encode())
-    assert tree(copy.folder, modes=True) == {".": ("40755", None), HIT: hit, **content}
+    assert tree(copy.directory, modes=True) == {".": ("40755", None), HIT: hit, **content}
 
 
 def archives_asked(copy, count):
@@ -226,7 +226,7 @@ def test_damage_here_is_found_while_upstreams_release_is_held(copy):
 
 def test_file_of_others_with_the_archives_name_is_kept(copy):
     copy.upstream.publish("1001")
-    copy.folder.mkdir(parents=True)
+    copy.directory.mkdir(parents=True)
     copy.write(cab("1001"), b"of others")
     reason = "is on the mirror with other content, and not of this program: remove or rename it"
     assert copy.run() == (1, "", f"zqu-mirror: {cab('1001')} {reason}\n")

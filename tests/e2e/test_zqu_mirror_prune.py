@@ -202,7 +202,7 @@ def test_client_on_its_way_is_served_within_the_grace(own, grace, left):
         own.publish_small("3")
         own.expect_left(*own.files_of(*left), rules=["--keep", "1", "--grace", grace])
         assert daemon.finish()[0] == 0
-    refused = [f"err GET file://{own.folder}/{info_name('2')}: {NO_FILE}"]
+    refused = [f"err GET file://{own.directory}/{info_name('2')}: {NO_FILE}"]
     assert gateway.take_log() == (published("2") if "2" in left else refused)
 
 
@@ -283,7 +283,7 @@ def test_file_in_the_place_of_the_work_directory_is_refused(own, command):
     own.write(WORK, "mine")
     words = {"prune": ["prune", own.root], "publish": own.publishing("3")}
     line = "is not a directory, but zqu-mirror prepares files in one of that name: remove or rename it"
-    own.expect_refused(f"{own.folder}/{WORK} {line}", *words[command])
+    own.expect_refused(f"{own.directory}/{WORK} {line}", *words[command])
 
 
 # ---- What cannot be understood ----
@@ -299,7 +299,7 @@ NOT_UNDERSTOOD = [
     (HIT, None, "{name} is missing: nothing says which release is current"),
     (HIT, "", "{name} names no release"),
     (HIT, "defId = a%41\n", f"{{name}}: the name a%41 {NAME_RULE}"),
-    (HIT, "defId = gone\n", f"GET file://{{folder}}/{info_name('gone')}: No such file or directory"),
+    (HIT, "defId = gone\n", f"GET file://{{directory}}/{info_name('gone')}: No such file or directory"),
     ("antivir-v3-hit.ini", "?", "{name} names no release"),
     ("antivir-v3 x-hit.ini", "defId = 1\n", f"{{name}}: the name {{name}} {NAME_RULE}"),
     ("antivir-v2-c-hit.ini", "?", "{name} names no release"),
@@ -317,7 +317,7 @@ def test_ini_that_is_not_understood_ends_it_before_all(own, number):
     name, what, line = NOT_UNDERSTOOD[number]
     own.history(40, 30, 20)
     own.path(name).unlink() if what is None else own.write(name, what)
-    own.expect_refused(line.format(name=name, folder=own.folder), "prune", "--keep", "1", own.root)
+    own.expect_refused(line.format(name=name, directory=own.directory), "prune", "--keep", "1", own.root)
 
 
 # ---- While it runs ----

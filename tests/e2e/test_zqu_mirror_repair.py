@@ -90,12 +90,12 @@ def test_damage_is_repaired_from_the_upstream_to_the_byte(copy, case):
     }
     old = copy.summary(OLD, f"antivir-v2-{OLD}.cab")
     damage(copy)
-    damaged = {path.name: path.read_bytes() for path in copy.folder.iterdir() if path.is_file()}
+    damaged = {path.name: path.read_bytes() for path in copy.directory.iterdir() if path.is_file()}
     code, out, err = run(*from_upstream(copy))
     assert (code, err) == (0, "")
     assert files(copy) == whole
     restored = "" if made else f"restored {old if 'former' in case else names['new']}\n"
-    end = f"what was replaced is in {copy.folder}/{REPLACED}/TIME\n" if copy.path(REPLACED).exists() else ""
+    end = f"what was replaced is in {copy.directory}/{REPLACED}/TIME\n" if copy.path(REPLACED).exists() else ""
     assert masked(out) == f"found {found}\n{restored}{made}{end}".format(**names)
     assert all(damaged[name] == data for name, data in kept(copy).items())
     assert {*kept(copy)} == {name for name in damaged if damaged[name] != copy.path(name).read_bytes()}
@@ -141,7 +141,7 @@ def test_release_that_no_side_has_gives_way_to_the_upstreams(copy, scheme):
     where = [f"file://{copy.nginx.root}", "--upstream-subdir", copy.upstream.subdir]
     code, out, err = run(*from_upstream(copy) if scheme == "https" else ("repair", "--from", *where, copy.root))
     made = copy.summary("1003", "antivir-v2-1003.cab")
-    end = f"set aside {NEW}\nwhat was replaced is in {copy.folder}/{REPLACED}/TIME\n"
+    end = f"set aside {NEW}\nwhat was replaced is in {copy.directory}/{REPLACED}/TIME\n"
     assert (code, masked(out), err) == (0, f"{found}restored {made}\nmade current {made}\n{end}", "")
     assert {*kept(copy)} == {HIT, INFO, ARCHIVE}
     new = (f"{SUBDIR}/{name}" for name in (info_name("1003"), "antivir-v2-1003.cab"))
@@ -228,7 +228,7 @@ def test_release_before_becomes_current_only_with_consent(own, case):
     code, out, err = run("repair", "--yes", own.root)
     did = f"made current {own.summary(made)}\n" if made else ""
     did += f"set aside {gone}\n" if gone else ""
-    end = f"what was replaced is in {own.folder}/{REPLACED}/TIME\n" if own.path(REPLACED).exists() else ""
+    end = f"what was replaced is in {own.directory}/{REPLACED}/TIME\n" if own.path(REPLACED).exists() else ""
     assert (code, masked(out), err) == (0, found + did + end, "")
     assert [name for name in own.files() if not name.startswith(".")] == sorted({*left, HIT})
     assert own.check()[1].startswith(f"ok       {HIT} names {made or 3}\n")
@@ -278,7 +278,7 @@ def test_release_is_compared_with_the_upstreams_to_the_byte(copy, case):
 def test_signal_ends_a_repair_also_when_the_release_is_current(copy, scripted):
     """While it restores a former release."""
     copy.follow(OLD, NEW)
-    sizes = {path.name: [reply(path.read_bytes())] for path in copy.folder.iterdir()}
+    sizes = {path.name: [reply(path.read_bytes())] for path in copy.directory.iterdir()}
     scripted.server.script = {**sizes, f"antivir-v2-{OLD}.cab": [stall]}
     cut(f"antivir-v2-{OLD}.cab", 9)(copy)
     remove(HIT)(copy)

@@ -194,7 +194,7 @@ def test_mirror_waits_for_the_end_of_a_rollout(copy):
 
 def test_only_copies_ask_for_the_current_release(own, scripted):
     own.begin(50)
-    scripted.server.script = {path.name: [reply(path.read_bytes())] for path in own.folder.iterdir()}
+    scripted.server.script = {path.name: [reply(path.read_bytes())] for path in own.directory.iterdir()}
     root, options = own.base / "copy", ["--ca", scripted.ca_path, "--upstream-subdir", "defs"]
     for words, asks in (
         (["mirror", *options, scripted.url, root], True),
@@ -240,7 +240,7 @@ def test_stage_file_that_belongs_to_no_rollout_is_a_fault(own, case):
     assert (code, err) == (0, "")
     assert out.splitlines()[:-1] == [f"found {fault}" for fault in faults] + [f"removed {name}" for name in names]
     assert sorted(os.listdir(next(own.path(REPLACED).iterdir()))) == sorted(names)
-    assert len([*own.folder.glob(f"{HIT}.*")]) == left
+    assert len([*own.directory.glob(f"{HIT}.*")]) == left
     assert own.check()[0] == own.list()[0] == own.prune("--keep", "1")[0] == 0
 
 

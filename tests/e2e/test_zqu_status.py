@@ -93,7 +93,7 @@ class Watched:
         return text.format(root=self.root, status=self.status_path, config=self.config, mirror=mirror)
 
     def change(self, script):
-        sh(script, self.root, mirror=str(self.mirror.folder))
+        sh(script, self.root, mirror=str(self.mirror.directory))
 
     def rewrite(self, **members):
         """Changes members of the status file, which stays as the daemon lays it out."""
@@ -254,7 +254,7 @@ def test_commands_spare_what_a_link_leads_to(watched):
     assert len(commands) == 2
     for command in reversed(commands):
         subprocess.run(["sh", "-ec", command], check=True)
-    assert (watched.gateway.folder / "elsewhere" / FIRST).read_text() == "spared\n"
+    assert (watched.gateway.directory / "elsewhere" / FIRST).read_text() == "spared\n"
     watched.check()
     assert watched.found() == []
 
@@ -277,7 +277,7 @@ def test_command_is_quoted_or_left_out(watched):
 @pytest.fixture
 def reachable(gateway_in_memory, mirror):
     """A root below directories that everybody may search, which keeps others out."""
-    gateway_in_memory.folder.chmod(0o755)
+    gateway_in_memory.directory.chmod(0o755)
     made = Watched(gateway_in_memory, mirror)
     made.root.chmod(0o750)
     return made
@@ -297,7 +297,7 @@ chmod 751 .; chmod 777 snapshots
     critical: {root}/snapshots/1001/aivsecon-v2.def by everybody
 chmod 777 snapshots             nothing
 chmod 751 .; chmod 772 $one     critical: {root}/snapshots/1001 by everybody
-chmod 777 ../status             critical: {status_folder} by everybody
+chmod 777 ../status             critical: {status_directory} by everybody
 chmod 1777 ../status            nothing
 chmod 666 $status               critical: {status} by everybody
 setfacl -m u:54321:rwx .        warning: {root} by the user 54321
@@ -317,7 +317,7 @@ def test_strangers_who_can_write_are_named(reachable, change, expected):
     if change.startswith("give") and not AS_ROOT:
         pytest.skip("only root can give files away")
     reachable.change(change)
-    places = {"root": reachable.root, "status": reachable.status_path, "status_folder": reachable.status_path.parent}
+    places = {"root": reachable.root, "status": reachable.status_path, "status_directory": reachable.status_path.parent}
     expected = sorted(line.format(**places).replace(" by ", " can be written by ") for line in expected)
     findings = reachable.report()["findings"]
     assert sorted(f"{finding['verdict']}: {finding['text']}" for finding in findings) == expected
@@ -500,9 +500,9 @@ def test_status_cut_at_any_length_is_unfinished(watched):
     config = watched.config.read_text()
 
     def look(length):
-        status = watched.gateway.folder / f"cut-{length}"
+        status = watched.gateway.directory / f"cut-{length}"
         status.write_bytes(text[:length])
-        path = watched.gateway.folder / f"cut-{length}.conf"
+        path = watched.gateway.directory / f"cut-{length}.conf"
         path.write_text(config + f"status_path = {status}\n")
         return json.loads(run("--json", "--config", path)[1])
 
@@ -560,7 +560,7 @@ def test_status_that_is_none_is_unknown_and_said_why(watched):
 
 def test_short_status_is_read_again_until_it_is_whole(watched):
     """strace lets the first three reads of the status file find nothing, as if it had just been truncated."""
-    log = watched.gateway.folder / "strace"
+    log = watched.gateway.directory / "strace"
     nothing_at_first = ["strace", "-f", "-o", log, "-P", watched.status_path]
     nothing_at_first += ["-e", "trace=openat,read", "-e", "inject=read:retval=0:when=1..3"]
     assert watched.found(prefix=nothing_at_first, env=under_strace()) == []
@@ -950,11 +950,11 @@ def test_nothing_is_created_or_changed_by_looking(watched):
         paths = [watched.root, *watched.root.rglob("*"), *watched.status_path.parent.glob("*")]
         return {path: (path.lstat().st_mtime_ns, path.lstat().st_mode) for path in paths}
 
-    watched.configure(status_path=watched.gateway.folder / "nowhere" / "status.json")
+    watched.configure(status_path=watched.gateway.directory / "nowhere" / "status.json")
     before = everything()
     assert watched.run("--json")[0] == 0
     assert everything() == before
-    assert not (watched.gateway.folder / "nowhere").exists()
+    assert not (watched.gateway.directory / "nowhere").exists()
 
 
 # ---- Beside the mirror's ----

@@ -32,18 +32,18 @@ Message = namedtuple("Message", "facility severity program process text")
 class LogDaemon:
     """An rsyslogd of the test's own: its socket is named log, and it writes down what arrives, in order."""
 
-    def __init__(self, folder):
-        self.socket_path = folder / "dev" / "log"
+    def __init__(self, directory):
+        self.socket_path = directory / "dev" / "log"
         self.socket_path.parent.mkdir()
-        self.received = folder / "received"
+        self.received = directory / "received"
         self.received.touch()
         self.fences = itertools.count()
-        configuration = folder / "rsyslog.conf"
+        configuration = directory / "rsyslog.conf"
         configuration.write_text(
             textwrap.dedent(
                 f"""\
                 global(
-                    workDirectory="{folder}"
+                    workDirectory="{directory}"
                     parser.escapeControlCharactersOnReceive="off"
                     parser.escape8BitCharactersOnReceive="off"
                 )
@@ -57,7 +57,7 @@ class LogDaemon:
             )
         )
         self.process = subprocess.Popen(
-            [RSYSLOG, "-n", "-f", configuration, "-i", folder / "pid"], stdin=subprocess.DEVNULL
+            [RSYSLOG, "-n", "-f", configuration, "-i", directory / "pid"], stdin=subprocess.DEVNULL
         )
         wait_for(lambda: self.socket_path.exists(), self.process)
 
@@ -78,8 +78,8 @@ class LogDaemon:
 class Machine(Gateway):
     """A gateway with that log daemon in the place of the library that records what is logged."""
 
-    def __init__(self, folder, log_daemon, **settings):
-        super().__init__(folder, **settings)
+    def __init__(self, directory, log_daemon, **settings):
+        super().__init__(directory, **settings)
         self.log_daemon, self.taken = log_daemon, 0
         self.apart = in_own_dev(log_daemon.socket_path.parent)
 
@@ -105,11 +105,11 @@ def trial(tmp_path_factory, scripted_context, authority):
     """Not in /dev/shm, since the daemon has a /dev of its own."""
     if not may_mount() or RSYSLOG is None or SANITIZED:
         pytest.skip("needs rsyslogd, a mount namespace, and a /dev that is enough for the daemon")
-    folder = tmp_path_factory.mktemp("log")  # a short path: that of a socket has 107 bytes at most
-    log_daemon = LogDaemon(folder)
+    directory = tmp_path_factory.mktemp("log")  # a short path: that of a socket has 107 bytes at most
+    log_daemon = LogDaemon(directory)
     machine = functools.partial(Machine, log_daemon=log_daemon)
-    (folder / "trial").mkdir()
-    trial = Trial(folder / "trial", folder / "kept", scripted_context, authority, machine=machine)
+    (directory / "trial").mkdir()
+    trial = Trial(directory / "trial", directory / "kept", scripted_context, authority, machine=machine)
     trial.begin()
     yield trial
     trial.end()

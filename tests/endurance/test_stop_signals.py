@@ -15,17 +15,17 @@ from paced import SLICE, PacedDaemon
 from release import definitions, info_ini, info_name
 
 
-def a_copy(gateway, folder):
-    shutil.copytree(gateway.root, folder / "defs", symlinks=True)
-    settings = {**gateway.settings, "def_root": folder / "defs", "status_path": folder / "status" / "status.json"}
-    return Gateway(folder, **settings)
+def a_copy(gateway, directory):
+    shutil.copytree(gateway.root, directory / "defs", symlinks=True)
+    settings = {**gateway.settings, "def_root": directory / "defs", "status_path": directory / "status" / "status.json"}
+    return Gateway(directory, **settings)
 
 
 class Outdated:
     """A gateway with release 1000 in service and 1001 to fetch, and what 20 undisturbed cycles of its loop do."""
 
-    def __init__(self, gateway, mirror, folder):
-        self.folder = folder / "shot"
+    def __init__(self, gateway, mirror, directory):
+        self.directory = directory / "shot"
         gateway.settings.update(poll_interval_s=2, poll_jitter_s=1)
         mirror.publish("1000")
         gateway.run_once()
@@ -38,11 +38,11 @@ class Outdated:
         self.version, self.error = "1000", "CAB sha256 mismatch"
 
     def observe(self):
-        with PacedDaemon(a_copy(self.gateway, self.folder)) as daemon:
+        with PacedDaemon(a_copy(self.gateway, self.directory)) as daemon:
             self.events = daemon.until_gate()
             daemon.run_until(41)  # a cycle reads the clock twice
             self.events += daemon.until_gate()
-        shutil.rmtree(self.folder)
+        shutil.rmtree(self.directory)
         times = [number for number, event in enumerate(self.events) if event.startswith("time ")]
         self.starts = times[::2]
         self.slices = [number for number, event in enumerate(self.events) if event == SLICE]
@@ -75,7 +75,7 @@ class Shot(PacedDaemon):
 
     def __init__(self, outdated, **pace):
         self.outdated = outdated
-        self.gateway = a_copy(outdated.gateway, outdated.folder)
+        self.gateway = a_copy(outdated.gateway, outdated.directory)
         super().__init__(self.gateway, gates=False, **pace)
 
     def expect_clean_stop(self, events):
@@ -135,7 +135,7 @@ def test_signal_at_any_moment_ends_the_daemon_cleanly(outdated, release, thoroug
     moments = Counter()
     for _ in range(2_000 if thorough else 60):
         moments[shoot(outdated, chance)] += 1
-        shutil.rmtree(outdated.folder)
+        shutil.rmtree(outdated.directory)
     print(dict(moments))
     record_property("signals_at_random_moments", sum(moments.values()))
     assert {"before the handlers", "in a cycle", "in a wait"} <= set(moments)

@@ -28,7 +28,7 @@ def run(scene, **environment):
 
 def allocations_of_update(scene):
     """How many there are until the settings are read, and in all."""
-    path = scene.gateway.folder / "allocations"
+    path = scene.gateway.directory / "allocations"
     run(scene, ZQU_ALLOCATIONS_FILE=str(path))
     return map(int, path.read_text().split())
 
@@ -76,7 +76,7 @@ def is_told(outcome, errors):
 def check(scene, number):
     process = run(scene, ZQU_FAIL_ALLOCATION=str(number))
     outcome = outcome_of(scene, process)
-    where = f"the files are in {scene.gateway.folder}"
+    where = f"the files are in {scene.gateway.directory}"
     assert is_told(
         outcome, process.stderr
     ), f"expected one of the known outcomes, came\n{outcome}\n{process.stderr}\n{where}"

@@ -144,7 +144,7 @@ def check(scene, point, error, points):
     if wanted == TRANSFER:
         assert found == good() or is_failed_transfer(found)
     else:
-        found.expect(*(wanted if isinstance(wanted, tuple) else (wanted,)), folder=scene.gateway.folder)
+        found.expect(*(wanted if isinstance(wanted, tuple) else (wanted,)), directory=scene.gateway.directory)
     scene.heal(pruned=wanted is not EITHER_PRUNED)
     return True
 

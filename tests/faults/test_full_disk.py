@@ -15,8 +15,8 @@ def blocks(size):
     return -(-size // BLOCK)
 
 
-def resize(folder, count):
-    subprocess.run(["mount", "-o", f"remount,size={count * BLOCK}", folder], check=True)
+def resize(directory, count):
+    subprocess.run(["mount", "-o", f"remount,size={count * BLOCK}", directory], check=True)
 
 
 @pytest.fixture
@@ -87,5 +87,5 @@ def test_limit_inside_a_file_is_refused_and_healed(gateway, mirror):
     # Writes fail instead of ending the process.
     prefix = ["sh", "-c", 'trap "" XFSZ; exec prlimit --fsize=20000 "$@"', "sh"]
     process = gateway.run("--config", gateway.config_path, "--once", prefix=prefix)
-    outcome_of(scene, process).expect(refused("CAB extract"), folder=gateway.folder)
+    outcome_of(scene, process).expect(refused("CAB extract"), directory=gateway.directory)
     scene.heal()

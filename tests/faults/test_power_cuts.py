@@ -26,11 +26,11 @@ SIZE = 8 << 20
 
 
 class Disk:
-    """An ext4 file system in a file, mounted at a folder."""
+    """An ext4 file system in a file, mounted at a directory."""
 
-    def __init__(self, folder, options="data=ordered"):
-        self.image = folder / "image"
-        self.mounted_at = folder / "disk"
+    def __init__(self, directory, options="data=ordered"):
+        self.image = directory / "image"
+        self.mounted_at = directory / "disk"
         self.mounted_at.mkdir()
         self.options = options
         self.mounted = False
@@ -75,7 +75,7 @@ class SceneOnDisk(Scene):
         gateway.settings.update(def_root=gateway.root, status_path=gateway.status_path)
         super().__init__(gateway, mirror, first=first)
         super().set_back()
-        self.saved_image = gateway.folder / "saved image"
+        self.saved_image = gateway.directory / "saved image"
         disk.copy(disk.image, self.saved_image)
 
     def set_back(self):
@@ -93,11 +93,11 @@ def keep_mounts_to_ourselves():
     subprocess.run(["mount", "--make-rprivate", "/"], check=True)
 
 
-def make_disk(folder, options):
+def make_disk(directory, options):
     if not may_mount() or shutil.which("mkfs.ext4") is None:
         pytest.skip("needs the right to mount, and mkfs.ext4")
     keep_mounts_to_ourselves()
-    disk = Disk(folder, options)
+    disk = Disk(directory, options)
     try:
         disk.mount()
         disk.cut_power(LAST_ACTS["journal_lost"])

@@ -54,9 +54,9 @@ else
     mkdir sys/fs/cgroup/unified
     mount -t cgroup2 cgroup2 sys/fs/cgroup/unified
     for options in $HIERARCHIES; do
-        folder=sys/fs/cgroup/${options#none,name=}
-        mkdir "$folder"
-        mount -t cgroup -o "$options" cgroup "$folder"
+        directory=sys/fs/cgroup/${options#none,name=}
+        mkdir "$directory"
+        mount -t cgroup -o "$options" cgroup "$directory"
     done
 fi
 for shared; do
@@ -102,11 +102,11 @@ def why_not_bootable():
     if root.returncode == 0 and root.stdout.decode() != f"{os.stat('/').st_dev} {os.stat('/').st_ino}\n":
         return "booting a system does not go in a chroot"
     tried = ["unshare", "--pid", "--mount", "--net", "--uts", "--ipc", "--cgroup", "--fork", "sh", "-ec"]
-    with tempfile.TemporaryDirectory() as folder:
+    with tempfile.TemporaryDirectory() as directory:
         overlay = (
             'mount -t tmpfs tmpfs "$1"; cd "$1"; mkdir u w m; mount -t overlay -o lowerdir=/,upperdir=u,workdir=w o m'
         )
-        process = subprocess.run([*tried, overlay, "sh", folder], capture_output=True, text=True)
+        process = subprocess.run([*tried, overlay, "sh", directory], capture_output=True, text=True)
     return f"booting a system: {process.stderr.strip()}" if process.returncode else ""
 
 
@@ -124,7 +124,7 @@ class Booted:
 
     def __init__(self, *shared):
         """Boots; the directories are this machine's own, at the same path, for both to read and write."""
-        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="zqu-boot-"))
+        self.directory = pathlib.Path(tempfile.mkdtemp(prefix="zqu-boot-"))
         self.groups = []
         try:
             self.groups = [_new_group(hierarchy) for hierarchy in _hierarchies()]
@@ -142,9 +142,9 @@ class Booted:
         command = ["sh", "-ec", enter, "sh", "unshare", *namespaces, "--kill-child", "sh", "-ec", _BOOT, "sh"]
         groups = " ".join(map(str, self.groups))
         hierarchies = " ".join(filter(None, _hierarchies().values()))
-        self.console = open(self.folder.with_suffix(".console"), "w+")
+        self.console = open(self.directory.with_suffix(".console"), "w+")
         return subprocess.Popen(
-            [*command, self.folder, *shared],
+            [*command, self.directory, *shared],
             env={**os.environ, "HIERARCHIES": hierarchies, "GROUPS_TO_ENTER": groups},
             stdin=subprocess.DEVNULL,
             stdout=self.console,
@@ -245,14 +245,14 @@ class Booted:
             self._remove_group(group)
         with contextlib.suppress(AttributeError):
             self.console.close()
-        self.folder.with_suffix(".console").unlink(missing_ok=True)
-        shutil.rmtree(self.folder, ignore_errors=True)
+        self.directory.with_suffix(".console").unlink(missing_ok=True)
+        shutil.rmtree(self.directory, ignore_errors=True)
 
     @staticmethod
     def _remove_group(group):
         for _ in range(500):  # its processes take a moment to vanish
             with contextlib.suppress(OSError):
-                for folder, _, _ in os.walk(group, topdown=False):
-                    os.rmdir(folder)
+                for directory, _, _ in os.walk(group, topdown=False):
+                    os.rmdir(directory)
                 return
             time.sleep(0.02)

@@ -14,10 +14,10 @@ def installation(tmp_path_factory):
         pytest.skip(booted.why_not_bootable())
     if SANITIZED:
         pytest.skip("a sanitizer does not fit the units' limits")
-    folder = tmp_path_factory.mktemp("installation")
-    folder.chmod(0o755)  # it is laid over the root of the system
-    install(folder)
-    return folder
+    directory = tmp_path_factory.mktemp("installation")
+    directory.chmod(0o755)  # it is laid over the root of the system
+    install(directory)
+    return directory
 
 
 @pytest.fixture(scope="module")
@@ -48,6 +48,6 @@ def bare_gateway(packages):
     """A booted system that sees the packages, none of which is installed."""
     if booted.why_not_bootable():
         pytest.skip(booted.why_not_bootable())
-    made = BootedGateway(shared=[packages.folder])
+    made = BootedGateway(shared=[packages.directory])
     yield made
     made.end()

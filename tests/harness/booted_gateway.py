@@ -49,12 +49,12 @@ systemd-tmpfiles --create {PROGRAM}.conf
 _CHURN = ("run/systemd", "run/log", "run/written", "run/udev", "var/log/journal", "var/lib/systemd", "run/zqu-cursor")
 
 
-def install(folder, *options):
+def install(directory, *options):
     """Installs the build below a directory, as a package would; returns what was said."""
     alone = ["flock", BUILD / "CMakeCache.txt"]  # units are filled in within the build, which tests share
     process = subprocess.run(
         [*alone, "cmake", "--install", BUILD, *options],
-        env={**os.environ, "DESTDIR": str(folder)},
+        env={**os.environ, "DESTDIR": str(directory)},
         capture_output=True,
         text=True,
     )
@@ -272,11 +272,11 @@ class BootedGateway(Booted):
         found = {}
         for top in ("run/written", "run", "tmp", "var/tmp", "dev/shm"):
             base = self.path(f"/{top}")
-            for folder, folders, files in os.walk(base):
-                inside = os.path.relpath(folder, base)
+            for directory, directories, files in os.walk(base):
+                inside = os.path.relpath(directory, base)
                 place = os.path.normpath(inside if top == "run/written" else f"{top}/{inside}")
-                names = {name: os.path.normpath(os.path.join(place, name)) for name in (*folders, *files)}
+                names = {name: os.path.normpath(os.path.join(place, name)) for name in (*directories, *files)}
                 names = {name: full for name, full in names.items() if full not in _CHURN and f"/{full}" != ROOT}
-                folders[:] = [name for name in folders if name in names]
-                found |= {full: _identity(os.path.join(folder, name)) for name, full in names.items()}
+                directories[:] = [name for name in directories if name in names]
+                found |= {full: _identity(os.path.join(directory, name)) for name, full in names.items()}
         return found

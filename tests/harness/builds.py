@@ -8,7 +8,7 @@ REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
 
 
 def copy_sources(target):
-    """Copies every file that git knows, or would know, to a new folder."""
+    """Copies every file that git knows, or would know, to a new directory."""
     listed = subprocess.run(
         ["git", "-C", REPOSITORY, "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
         capture_output=True,
@@ -22,17 +22,17 @@ def copy_sources(target):
     return target
 
 
-def configure(source, *options, folder="build"):
-    return subprocess.run(["cmake", "-S", source, "-B", source / folder, *options], capture_output=True, text=True)
+def configure(source, *options, directory="build"):
+    return subprocess.run(["cmake", "-S", source, "-B", source / directory, *options], capture_output=True, text=True)
 
 
-def build(source, *options, folder="build", targets=(), jobs=2):
-    """Configures and builds a copy of the sources; returns the folder with the programs."""
-    process = configure(source, *options, folder=folder)
+def build(source, *options, directory="build", targets=(), jobs=2):
+    """Configures and builds a copy of the sources; returns the directory with the programs."""
+    process = configure(source, *options, directory=directory)
     assert process.returncode == 0, process.stderr
     chosen = ["--target", *targets] if targets else []
     process = subprocess.run(
-        ["cmake", "--build", source / folder, "--parallel", str(jobs), *chosen], capture_output=True, text=True
+        ["cmake", "--build", source / directory, "--parallel", str(jobs), *chosen], capture_output=True, text=True
     )
     assert process.returncode == 0, process.stdout + process.stderr
-    return source / folder
+    return source / directory

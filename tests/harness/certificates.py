@@ -43,14 +43,14 @@ class Issuer:
         )
         return Issuer(certificate, key, Issuer(certificate, key).pem() + self.chain)
 
-    def context(self, folder, names, with_chain=True, **options):
+    def context(self, directory, names, with_chain=True, **options):
         """A server's TLS context with a certificate for these names."""
         certificate, key = self._certificate(names, **options)
         pem = key.private_bytes(
             serialization.Encoding.PEM, serialization.PrivateFormat.PKCS8, serialization.NoEncryption()
         )
         pem += certificate.public_bytes(serialization.Encoding.PEM) + (self.chain if with_chain else b"")
-        path = folder / "server.pem"
+        path = directory / "server.pem"
         path.write_bytes(pem)
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         context.load_cert_chain(path)

@@ -28,7 +28,7 @@ class Point:
     kind: str  # the name, but "fstat" also for what an older glibc calls instead
     number: int  # among the calls of that name since the process began, as strace counts them
     text: str  # the arguments as strace shows them
-    path: str  # what it is about, relative to the gateway's folder, or as it stands; "" when there is none
+    path: str  # what it is about, relative to the gateway's directory, or as it stands; "" when there is none
     opened: int  # how often that path has been opened by then
     repeated: int  # how many calls of that kind there were on that path, since it was opened
 
@@ -75,29 +75,29 @@ class Scene:
             self.archive_size = mirror.path(f"antivir-v2-{version}.cab").stat().st_size
             if version != NEW:
                 gateway.run_once()
-        self._saved = gateway.folder / "saved"
-        for folder in self.folders:
-            shutil.copytree(folder, self._saved / folder.name, symlinks=True)
+        self._saved = gateway.directory / "saved"
+        for directory in self.directories:
+            shutil.copytree(directory, self._saved / directory.name, symlinks=True)
         self.status_before = gateway.status_path.read_bytes()
 
     @property
-    def folders(self):
+    def directories(self):
         return (self.gateway.root, self.gateway.status_path.parent)
 
     def set_back(self):
         """Puts everything back to the moment before the update."""
-        for folder in self.folders:
-            for entry in folder.iterdir() if folder.exists() else ():  # the folder itself may be a mount point
+        for directory in self.directories:
+            for entry in directory.iterdir() if directory.exists() else ():  # the directory itself may be a mount point
                 entry.unlink() if entry.is_symlink() or entry.is_file() else shutil.rmtree(entry)
             if self.first:
-                shutil.rmtree(folder, ignore_errors=True)
+                shutil.rmtree(directory, ignore_errors=True)
             else:
-                shutil.copytree(self._saved / folder.name, folder, symlinks=True, dirs_exist_ok=True)
+                shutil.copytree(self._saved / directory.name, directory, symlinks=True, dirs_exist_ok=True)
         self.gateway.log_path.unlink(missing_ok=True)
 
     def run_traced(self, options, **environment):
         """Runs the update under strace; returns the process and strace's lines."""
-        trace = self.gateway.folder / "trace"
+        trace = self.gateway.directory / "trace"
         prefix = ["strace", "-f", "-y", "-s", "8", "-o", trace, *options]
         process = self.gateway.run("--config", self.gateway.config_path, "--once", prefix=prefix, **environment)
         return process, trace.read_text(errors="replace").splitlines()
@@ -138,7 +138,7 @@ class Scene:
             text = text.partition(", ")[2]  # the target of a link
         match = re.match(r'"(?P<text>/[^"]*)"|\d+<(?P<descriptor>[^>]*)>', text)
         path = re.sub(r":\[\d+\]", "", (match["text"] or match["descriptor"] or "") if match else "")
-        return os.path.relpath(path, self.gateway.folder) if path.startswith(str(self.gateway.folder)) else path
+        return os.path.relpath(path, self.gateway.directory) if path.startswith(str(self.gateway.directory)) else path
 
     def inject(self, point, what):
         """Runs the update with an injection at a point; returns the process once it has hit.
@@ -173,9 +173,9 @@ class Scene:
             try:
                 reached += bool(check(case))
             except (AssertionError, OSError) as fault:
-                kept = self.gateway.folder / f"failed-{len(faults)}"
-                for folder in filter(os.path.exists, self.folders):
-                    shutil.copytree(folder, kept / folder.name, symlinks=True)
+                kept = self.gateway.directory / f"failed-{len(faults)}"
+                for directory in filter(os.path.exists, self.directories):
+                    shutil.copytree(directory, kept / directory.name, symlinks=True)
                 faults.append(f"{case}: {fault}\nwhat it left is in {kept}")
         assert not faults, "\n".join(faults)
         return reached
@@ -269,7 +269,7 @@ def outcome_of(scene, process, log=None):
     gateway = scene.gateway
     url = f"{gateway.settings['mirror_base_url']}/{gateway.settings['mirror_subdir']}"
     log = gateway.take_log() if log is None else log
-    lines = tuple(line.replace(url, "URL").replace(str(gateway.folder), "@") for line in log)
+    lines = tuple(line.replace(url, "URL").replace(str(gateway.directory), "@") for line in log)
     return Outcome(lines, scene.status(), frozenset(gateway.listing()), process.returncode)
 
 

@@ -48,7 +48,7 @@ def preloading(*libraries):
     return " ".join(libraries)
 
 
-# A /dev of the namespace's own, with what lies in the folder and the few devices that the libraries open.
+# A /dev of the namespace's own, with what lies in the directory and the few devices that the libraries open.
 _ENTER_DEV = """
 for device in null zero random urandom; do cp -a /dev/$device "$1"; done
 mount --bind "$1" /dev
@@ -57,9 +57,9 @@ exec "$@"
 """
 
 
-def in_own_dev(folder):
-    """What to put before a command that is to find that folder's entries in /dev, in a mount namespace of its own."""
-    return ["unshare", "--mount", "sh", "-ec", _ENTER_DEV, "sh", folder]
+def in_own_dev(directory):
+    """What to put before a command that finds that directory's entries in /dev, in its own mount namespace."""
+    return ["unshare", "--mount", "sh", "-ec", _ENTER_DEV, "sh", directory]
 
 
 def wait_for(condition, process=None):
@@ -80,20 +80,20 @@ def may_mount():
 
 
 class Gateway:
-    """One machine that runs the daemon: its configuration, definitions root and status file, below a folder."""
+    """One machine that runs the daemon: its configuration, definitions root and status file, below a directory."""
 
-    def __init__(self, folder, **settings):
-        self.folder = folder
-        self.root = folder / "defs"
-        self.status_path = folder / "status" / "status.json"
-        self.log_path = folder / "log"
+    def __init__(self, directory, **settings):
+        self.directory = directory
+        self.root = directory / "defs"
+        self.status_path = directory / "status" / "status.json"
+        self.log_path = directory / "log"
         self.daemons = []
         paths = {"def_root": self.root, "status_path": self.status_path}
         self.settings = {"engine_version": ENGINE, **paths, "http_timeout_s": 60, **settings}
 
     @property
     def config_path(self):
-        path = self.folder / "updater.conf"
+        path = self.directory / "updater.conf"
         path.write_text(configuration(self.settings))
         return path
 
@@ -148,7 +148,7 @@ class Gateway:
         found = self.status_path.read_text(errors="surrogateescape")
         checked = json.loads(found, strict=False)["last_check_epoch"]
         expected = status_text(version, checked, error, self.settings["engine_version"])
-        assert found == expected, f"expected\n{expected}\ncame\n{found}\nthe files are in {self.folder}"
+        assert found == expected, f"expected\n{expected}\ncame\n{found}\nthe files are in {self.directory}"
 
     def listing(self):
         return listing(self.root)

@@ -129,7 +129,7 @@ class OwnMirror(Mirror):
     def __init__(self, base):
         self.base = base
         self.subdir = SUBDIR
-        self.root, self.folder = base / "mirror", base / "mirror" / SUBDIR
+        self.root, self.directory = base / "mirror", base / "mirror" / SUBDIR
         self.antivir = base / "first input"
         self.aivsecon = base / "second input"
         self.antivir.write_bytes(noise(70000, "antivir"))
@@ -141,7 +141,7 @@ class OwnMirror(Mirror):
     def copied_to(self, root):
         """The same mirror, inputs included, with its files at another place."""
         made = copy.copy(self)
-        made.root, made.folder = root, root / SUBDIR
+        made.root, made.directory = root, root / SUBDIR
         if self.root.exists():
             shutil.copytree(self.root, root)
         return made
@@ -178,7 +178,7 @@ class OwnMirror(Mirror):
     # ---- What is there ----
 
     def files(self):
-        return sorted(os.listdir(self.folder))
+        return sorted(os.listdir(self.directory))
 
     def files_of(self, *ids, flavors=("v2",)):
         """The files of these releases, and the hit INIs."""
@@ -237,7 +237,7 @@ class OwnMirror(Mirror):
     def make_by_hand(self, entries=(), id="7", hit="[Current]\ndefId = 7\n", **changes):
         """Puts a ZIP there with these entries in the place of the good ones or besides them (None drops one), and
         changes lines of its complete-info INI. Returns the ZIP."""
-        self.folder.mkdir(parents=True)
+        self.directory.mkdir(parents=True)
         contents = {**dict(good_files("7")), **dict(entries)}
         made = [Entry(name, data) for name, data in contents.items() if data is not None]
         self.write("x.zip", zip_bytes(made))

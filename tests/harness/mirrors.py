@@ -22,11 +22,11 @@ class Mirror:
 
     def __init__(self, root, subdir):
         self.subdir = subdir
-        self.folder = root / subdir
-        self.folder.mkdir(parents=True)
+        self.directory = root / subdir
+        self.directory.mkdir(parents=True)
 
     def path(self, name):
-        return self.folder / name
+        return self.directory / name
 
     def write(self, name, content):
         self.path(name).write_bytes(content if isinstance(content, bytes) else content.encode())
@@ -55,11 +55,11 @@ class Nginx:
     LOG = "$uri $status"
     prefix = ()  # words before the command
 
-    def __init__(self, folder):
-        self.folder = folder
-        self.root = folder / "www"
+    def __init__(self, directory):
+        self.directory = directory
+        self.root = directory / "www"
         self.root.mkdir()
-        self.ca_path = folder / "ca.pem"
+        self.ca_path = directory / "ca.pem"
         self._make_certificates()
         # Bound as long as the object lives, though they never listen: the ports stay ours while nginx is stopped.
         self.holders = {name: self._hold_port() for name in self.CERTIFICATES}
@@ -71,7 +71,7 @@ class Nginx:
         # nginx takes over the sockets, which listen already: no port can be lost, and there is nothing to wait for.
         sockets = [socket.create_server(("127.0.0.1", port)) for port in self.ports.values()]
         descriptors = [s.fileno() for s in sockets]
-        nginx = ["/usr/sbin/nginx", "-p", self.folder, "-c", "nginx.conf", "-e", "error.log"]
+        nginx = ["/usr/sbin/nginx", "-p", self.directory, "-c", "nginx.conf", "-e", "error.log"]
         self.process = subprocess.Popen(
             [*WITH_US, *self.prefix, *nginx],
             env={**os.environ, "NGINX": "".join(f"{fd};" for fd in descriptors)},
@@ -86,7 +86,7 @@ class Nginx:
     def requests(self, subdir, count):
         """The paths requested below a subdirectory, with the status answered; waits until there are so many."""
         for _ in range(3000):  # nginx writes its log after the answer
-            lines = (self.folder / "access.log").read_text().splitlines()
+            lines = (self.directory / "access.log").read_text().splitlines()
             found = [line.replace(f"/{subdir}/", "") for line in lines if f"/{subdir}/" in line]
             if len(found) >= count:
                 break
@@ -119,7 +119,7 @@ class Nginx:
         self.authority.cert_pem.write_to_path(self.ca_path)
         leaf = self.authority.issue_cert("localhost", "127.0.0.1")
         for name in self.CERTIFICATES:
-            leaf.private_key_and_cert_chain_pem.write_to_path(self.folder / f"{name}.pem")
+            leaf.private_key_and_cert_chain_pem.write_to_path(self.directory / f"{name}.pem")
 
     def _http_lines(self):
         """Lines of nginx.conf's block "http"."""
@@ -133,28 +133,29 @@ class Nginx:
         return f"""
             server {{
                 listen 127.0.0.1:{self.ports[name]} ssl;
-                ssl_certificate "{self.folder}/{name}.pem";
-                ssl_certificate_key "{self.folder}/{name}.pem";
+                ssl_certificate "{self.directory}/{name}.pem";
+                ssl_certificate_key "{self.directory}/{name}.pem";
                 root "{self.root}";
                 {self._server_lines(name)}
             }}"""
 
     def _write_configuration(self):
         temporary = "\n            ".join(
-            f'{kind}_temp_path "{self.folder}/{kind}";' for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
+            f'{kind}_temp_path "{self.directory}/{kind}";'
+            for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
         )
         text = f"""
         daemon off;
         {"user root;" if os.geteuid() == 0 else ""}
         worker_processes 1;
-        pid "{self.folder}/nginx.pid";
+        pid "{self.directory}/nginx.pid";
         events {{ {self.EVENTS} }}
         http {{
             {temporary}
             log_format harness "{self.LOG}";
-            access_log "{self.folder}/access.log" harness;
+            access_log "{self.directory}/access.log" harness;
             {self._http_lines()}
             {"".join(map(self._server, self.CERTIFICATES))}
         }}
         """
-        (self.folder / "nginx.conf").write_text(textwrap.dedent(text))
+        (self.directory / "nginx.conf").write_text(textwrap.dedent(text))

@@ -16,23 +16,25 @@ CONFIGURATIONS = re.findall(r"```nginx\n(.*?)```", PAGE, re.DOTALL)
 class Server(Nginx):
     """nginx with the split and one of the page's servers, set for this machine."""
 
-    def __init__(self, folder, authority, page, places="", rate=0, prefix=(), **changes):
+    def __init__(self, directory, authority, page, places="", rate=0, prefix=(), **changes):
         """Places are lines of the geo block, in the place of the page's examples."""
-        folder.mkdir()
+        directory.mkdir()
         self.authority = authority
         self.page = page
-        self.address_header = f"X-{folder.name}"  # stands for the address, so that one connection can be many gateways
+        self.address_header = (
+            f"X-{directory.name}"  # stands for the address, so that one connection can be many gateways
+        )
         self.split, count = re.subn(r"(default chance;).*?}", rf"\1 {places} }}", CONFIGURATIONS[0], 1, re.DOTALL)
         assert count
         self.rate = rate
         self.prefix = prefix
         self.changes = changes
-        super().__init__(folder)
+        super().__init__(directory)
 
     def _make_certificates(self):
         self.authority.cert_pem.write_to_path(self.ca_path)
         leaf = self.authority.issue_cert("localhost", "127.0.0.1", "mirror.example")
-        leaf.private_key_and_cert_chain_pem.write_to_path(self.folder / "good.pem")
+        leaf.private_key_and_cert_chain_pem.write_to_path(self.directory / "good.pem")
 
     def _http_lines(self):
         by_header = f"set_real_ip_from 127.0.0.0/8; real_ip_header {self.address_header};"
@@ -43,13 +45,13 @@ class Server(Nginx):
         changes = {
             r"listen \[::\]:443 ssl;": "",  # the kernel may lack IPv6
             r"listen 443 ssl;": f"listen 127.0.0.1:{self.ports[name]} ssl;",
-            r"/etc/ssl/(mirror|proxy)\.pem|/etc/ssl/private/\w+\.key": f"{self.folder}/{name}.pem",
+            r"/etc/ssl/(mirror|proxy)\.pem|/etc/ssl/private/\w+\.key": f"{self.directory}/{name}.pem",
             **self.changes,
         }
         for pattern, new in changes.items():
             text, count = re.subn(pattern, lambda unused: new, text)
             assert count, pattern
-        assert not re.search(r"/etc/|/srv/|/var/|\b443\b", text.replace(str(self.folder), ""))
+        assert not re.search(r"/etc/|/srv/|/var/|\b443\b", text.replace(str(self.directory), ""))
         return text
 
     def connection(self, source=None):
@@ -66,7 +68,7 @@ class Server(Nginx):
         return answer.status, dict(answer.headers), answer.read()
 
     def asked_for(self, suffix):
-        lines = (self.folder / "access.log").read_text().splitlines()
+        lines = (self.directory / "access.log").read_text().splitlines()
         return [line for line in lines if line.split()[0].endswith(suffix)]
 
 
@@ -79,8 +81,8 @@ class Servers(list):
         self.authority = trustme.CA()
 
     def _start(self, number, *words, **options):
-        folder = self.base / f"nginx-{len(self)}"
-        self.append(Server(folder, self.authority, CONFIGURATIONS[number], *words, **options))
+        directory = self.base / f"nginx-{len(self)}"
+        self.append(Server(directory, self.authority, CONFIGURATIONS[number], *words, **options))
         return self[-1]
 
     def mirror(self, root, *words, **options):

@@ -19,9 +19,9 @@ _ESCAPES = {"\t": "\\t", "\n": "\\n", "\r": "\\r", '"': '\\"', "\\": "\\\\"}
 def listing(root):
     """Everything below root, sorted: directories with a trailing slash, links with their target."""
     names = []
-    for folder, folders, files in os.walk(root):
-        for name in folders + files:
-            path = os.path.join(folder, name)
+    for directory, directories, files in os.walk(root):
+        for name in directories + files:
+            path = os.path.join(directory, name)
             relative = os.path.relpath(path, root)
             if os.path.islink(path):
                 names.append(f"{relative} -> {os.readlink(path)}")
@@ -91,8 +91,8 @@ class Outcome:
         lines = "".join(f"\n    {line}" for line in self.log)
         return f"  exit status {self.exit_status}, status {self.status}\n  log:{lines}\n  definitions root:{names}"
 
-    def expect(self, *wanted, folder):
-        """Requires one of these outcomes; folder is where to look at what is left."""
+    def expect(self, *wanted, directory):
+        """Requires one of these outcomes; directory is where to look at what is left."""
         if self not in wanted:
             expected = "\nor\n".join(map(str, wanted))
-            raise AssertionError(f"expected\n{expected}\ncame\n{self}\nthe files are in {folder}")
+            raise AssertionError(f"expected\n{expected}\ncame\n{self}\nthe files are in {directory}")

@@ -54,33 +54,33 @@ def run(*command, **options):
 class Packages:
     """The packages of the sources as they are, the same made again, and those of the next version."""
 
-    def __init__(self, folder):
-        self.folder = folder
-        self.first, self.again, self.next = (folder / name for name in ("first", "again", "next"))
+    def __init__(self, directory):
+        self.directory = directory
+        self.first, self.again, self.next = (directory / name for name in ("first", "again", "next"))
 
     def make(self):
         environment = {**os.environ, "SOURCE_DATE_EPOCH": str(EPOCH), "NEXT": NEXT}
-        run("unshare", "--mount", "sh", "-ec", _MAKE, "sh", REPOSITORY, self.folder, env=environment)
+        run("unshare", "--mount", "sh", "-ec", _MAKE, "sh", REPOSITORY, self.directory, env=environment)
 
     @staticmethod
-    def _only(folder, pattern):
-        (found,) = folder.glob(pattern)
+    def _only(directory, pattern):
+        (found,) = directory.glob(pattern)
         return found
 
-    def deb(self, name="updater", folder=None):
-        return self._only(folder or self.first, f"zel-quorin-{name}_*.deb")
+    def deb(self, name="updater", directory=None):
+        return self._only(directory or self.first, f"zel-quorin-{name}_*.deb")
 
-    def rpm(self, name="updater", folder=None):
-        return self._only(self.folder / "rpm" / (folder or self.first).name, f"zel-quorin-{name}-*.rpm")
+    def rpm(self, name="updater", directory=None):
+        return self._only(self.directory / "rpm" / (directory or self.first).name, f"zel-quorin-{name}-*.rpm")
 
 
 def shared_packages(base):
     """Those of this run; the first of several processes makes them."""
-    folder = (base.parent if "PYTEST_XDIST_WORKER" in os.environ else base) / "packages"
-    folder.mkdir(exist_ok=True)
-    with open(folder / "lock", "w") as lock:
+    directory = (base.parent if "PYTEST_XDIST_WORKER" in os.environ else base) / "packages"
+    directory.mkdir(exist_ok=True)
+    with open(directory / "lock", "w") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
-        if not (folder / "done").exists():
-            Packages(folder).make()
-            (folder / "done").touch()
-    return Packages(folder)
+        if not (directory / "done").exists():
+            Packages(directory).make()
+            (directory / "done").touch()
+    return Packages(directory)

@@ -17,9 +17,9 @@ def private_pem(key, password=b""):
 class SigningKey:
     """An Ed25519 key, and the files of its halves."""
 
-    def __init__(self, folder, name="key"):
+    def __init__(self, directory, name="key"):
         self.key = Ed25519PrivateKey.generate()
-        self.path, self.public = folder / f"{name}.pem", folder / f"{name}-pub.pem"
+        self.path, self.public = directory / f"{name}.pem", directory / f"{name}-pub.pem"
         self.path.touch(0o600)
         self.path.write_bytes(private_pem(self.key))
         public = form.PublicFormat.SubjectPublicKeyInfo

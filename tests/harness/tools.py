@@ -35,10 +35,10 @@ class Tool:
         done = subprocess.run([*prefix, self.path, *words], capture_output=True, timeout=300, **options)
         return done.returncode, done.stdout.decode(), done.stderr.decode()
 
-    def copied_to(self, folder):
+    def copied_to(self, directory):
         """A copy that everybody who may enter the directory can run."""
         copy = Tool(self.name)
-        copy.path = folder / self.name
+        copy.path = directory / self.name
         copy.path.write_bytes(self.path.read_bytes())
         copy.path.chmod(0o755)
         return copy
@@ -94,8 +94,8 @@ class Stopped:
     """A program that stands still at its first call of a kind on a path."""
 
     def __init__(self, command, path, call="openat", env=None):
-        with tempfile.TemporaryDirectory() as folder:
-            log = os.path.join(folder, "log")
+        with tempfile.TemporaryDirectory() as directory:
+            log = os.path.join(directory, "log")
             stop = ["strace", "-D", "-o", log, "-P", path, "-e", f"inject={call}:signal=STOP:when=1"]
             streams = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE}
             self.process = subprocess.Popen([*stop, *command], env=env or under_strace(), **streams)

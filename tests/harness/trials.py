@@ -55,21 +55,21 @@ def without(tree, *prefixes):
 class Trial:
     """A gateway with release 1001 in service, two directories below the test's own; its mirror has release 1002."""
 
-    def __init__(self, folder, kept, context, authority, thorough=False, machine=Gateway):
-        self.folder = folder
+    def __init__(self, directory, kept, context, authority, thorough=False, machine=Gateway):
+        self.directory = directory
         self.kept = kept  # gets a copy of the files when a check does not end as it has to
         self.thorough = thorough
         self.modes = True  # compares them, too
         self.tried = 0  # how many cases
         self.context = context
         self.server = ScriptedServer(context)
-        (folder / "machine").mkdir()
-        authority.cert_pem.write_to_path(folder / "machine" / "ca.pem")
+        (directory / "machine").mkdir()
+        authority.cert_pem.write_to_path(directory / "machine" / "ca.pem")
         self.gateway = machine(
-            folder / "machine",
+            directory / "machine",
             mirror_base_url=self.server.base().removesuffix(f"/{SUBDIR}"),
             mirror_subdir=SUBDIR,
-            ca_path=folder / "machine" / "ca.pem",
+            ca_path=directory / "machine" / "ca.pem",
             http_timeout_s=TIMEOUT_S,
             retained_snapshots=1,
         )
@@ -95,7 +95,7 @@ class Trial:
 
     def tree(self):
         """All that the daemon may have written, but for the status: the test's whole directory."""
-        return without(tree(self.folder, self.modes), *ALWAYS_WRITTEN)
+        return without(tree(self.directory, self.modes), *ALWAYS_WRITTEN)
 
     def name(self, request):
         return self.new.files[request][0]
@@ -258,7 +258,7 @@ class Trial:
             if expected != came
         ]
         if differences:
-            subprocess.run(["cp", "-a", self.folder, self.kept], check=True)
+            subprocess.run(["cp", "-a", self.directory, self.kept], check=True)
             raise AssertionError(f"of {case.script!r:.1000}\n{''.join(differences)}the files are in {self.kept}")
         return case
 

@@ -54,12 +54,12 @@ IN_CAB = snapshot(mode="100666")
 @pytest.fixture(autouse=True)
 def beside(trial):
     """A directory with files that links lead to."""
-    folder = trial.gateway.folder / "beside"
-    folder.mkdir()
+    directory = trial.gateway.directory / "beside"
+    directory.mkdir()
     for name, content in (("kept", b"kept"), ("same", CONTENT[FIRST]), ("index", WRONG_INDEX.content)):
-        (folder / name).write_bytes(content)
+        (directory / name).write_bytes(content)
     trial.before = trial.tree()
-    return folder
+    return directory
 
 
 def check(trial, *cases):

@@ -95,9 +95,9 @@ def test_id_with_slashes_lands_elsewhere_and_is_never_current(trial, unpruned, v
 @pytest.fixture
 def precious(trial):
     """Files beside the definitions root."""
-    (trial.folder / "outside").mkdir()
+    (trial.directory / "outside").mkdir()
     for name in ("precious", "outside/precious"):
-        (trial.folder / name).write_text("data")
+        (trial.directory / name).write_text("data")
     trial.before = trial.tree()
 
 

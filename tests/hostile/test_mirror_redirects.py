@@ -62,7 +62,7 @@ SCHEMES = ("dict", "gopher", "imap", "ldap", "pop3", "rtsp", "scp", "sftp", "smb
 
 def test_redirect_to_another_scheme_is_refused(trial):
     """A file of this machine cannot be had by a redirect, nor can another protocol be spoken but FTP."""
-    secret = trial.folder / "secret"
+    secret = trial.directory / "secret"
     secret.write_bytes(trial.new.archive)
     trial.before = trial.tree()
     locations = [f"file://{secret}", f"FILE://localhost{secret}", "javascript:x"]

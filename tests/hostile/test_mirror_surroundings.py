@@ -25,17 +25,17 @@ def test_proxy_of_the_environment_is_asked_and_not_believed(trial):
 
 def test_environment_may_have_the_keys_of_tls_written_down(trial):
     """Whoever sets it can read, but not change, what was recorded on the way: so a clean environment."""
-    keys = trial.folder / "keys"
+    keys = trial.directory / "keys"
     assert run_once(trial, SSLKEYLOGFILE=str(keys)) == published(NEW, OLD)
     assert "CLIENT_TRAFFIC_SECRET_0 " in keys.read_text()
 
 
 def test_files_of_the_users_home_are_not_read(trial):
     """Neither credentials nor options for other programs count here, and requests tell nothing about the gateway."""
-    (trial.folder / ".netrc").write_text("machine 127.0.0.1 login user password secret\n")
-    (trial.folder / ".curlrc").write_text("insecure\nuser-agent = other\n")
+    (trial.directory / ".netrc").write_text("machine 127.0.0.1 login user password secret\n")
+    (trial.directory / ".curlrc").write_text("insecure\nuser-agent = other\n")
     trial.before = trial.tree()
-    trial.expect(trial.published({}), run_once(trial, HOME=str(trial.folder), CURL_HOME=str(trial.folder)))
+    trial.expect(trial.published({}), run_once(trial, HOME=str(trial.directory), CURL_HOME=str(trial.directory)))
     host, names = f"127.0.0.1:{trial.server.port}", map(trial.name, ("hit", "info", "archive"))
     assert trial.server.requests == [[f"GET /defs/{name} HTTP/1.1", f"Host: {host}", "Accept: */*"] for name in names]
 
@@ -61,7 +61,7 @@ def test_files_changed_in_service_are_not_noticed(trial):
 
 def test_status_is_written_through_a_link(trial):
     """So its directory belongs to the daemon's user alone."""
-    victim = trial.folder / "victim"
+    victim = trial.directory / "victim"
     victim.write_text("precious " * 1000)
     trial.gateway.status_path.unlink()
     trial.gateway.status_path.symlink_to(victim)

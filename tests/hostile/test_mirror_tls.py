@@ -24,16 +24,16 @@ def issuer(authority):
 # What is wrong with the certificate of a mirror: how an issuer makes its context, in a directory; what the tools say.
 NOT_TRUSTED, REFUSED = "comes from an authority that is not trusted", "is refused: [a-zA-Z ]+"
 BAD_CERTIFICATES = {
-    "unknown_authority": (lambda _, folder: Issuer.unknown().context(folder, HERE), NOT_TRUSTED),
-    "self_signed": (lambda issuer, folder: issuer.context(folder, HERE, self_signed=True), "is self-signed"),
-    "expired": (lambda issuer, folder: issuer.context(folder, HERE, starts=-2 * DAY, ends=-DAY), "has expired"),
+    "unknown_authority": (lambda _, directory: Issuer.unknown().context(directory, HERE), NOT_TRUSTED),
+    "self_signed": (lambda issuer, directory: issuer.context(directory, HERE, self_signed=True), "is self-signed"),
+    "expired": (lambda issuer, directory: issuer.context(directory, HERE, starts=-2 * DAY, ends=-DAY), "has expired"),
     "not_yet_valid": (
-        lambda issuer, folder: issuer.context(folder, HERE, starts=DAY, ends=2 * DAY),
+        lambda issuer, directory: issuer.context(directory, HERE, starts=DAY, ends=2 * DAY),
         "is not valid yet",
     ),
     "missing_intermediate": (lambda issuer, to: issuer.below().context(to, HERE, with_chain=False), NOT_TRUSTED),
-    "issued_by_a_leaf": (lambda issuer, folder: issuer.below(is_authority=False).context(folder, HERE), REFUSED),
-    "for_clients_only": (lambda issuer, folder: issuer.context(folder, HERE, usage=CLIENTS_ONLY), REFUSED),
+    "issued_by_a_leaf": (lambda issuer, directory: issuer.below(is_authority=False).context(directory, HERE), REFUSED),
+    "for_clients_only": (lambda issuer, directory: issuer.context(directory, HERE, usage=CLIENTS_ONLY), REFUSED),
 }
 # Names in a certificate that are not the mirror's, by the address or name that it has in the configuration.
 BAD_NAMES = {
@@ -136,12 +136,12 @@ def test_file_without_the_mirrors_authority_refuses_it(trial):
     """An empty name of the file stands for the system's authorities."""
     texts = {"empty": b"", "garbage": bytes(range(256)) * 16, "other": Issuer.unknown().pem()}
     for name, text in texts.items():
-        (trial.folder / name).write_bytes(text)
-    (trial.folder / "directory").mkdir()
+        (trial.directory / name).write_bytes(text)
+    (trial.directory / "directory").mkdir()
     trial.before = trial.tree()
     outcomes = dict.fromkeys(("missing", "directory", *texts), BAD_AUTHORITIES) | {"other": UNTRUSTED}
     for name, text in outcomes.items():
-        trial.gateway.settings["ca_path"] = trial.folder / name
+        trial.gateway.settings["ca_path"] = trial.directory / name
         trial.fail("hit", text)
     trial.gateway.settings["ca_path"] = ""
     trial.refuse("hit", UNTRUSTED)

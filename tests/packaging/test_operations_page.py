@@ -74,10 +74,10 @@ def test_no_proxy_spares_the_mirror_the_proxy_of_the_drop_in(administrator, gate
     gateway.expect_check(gateway.version)
 
 
-def everything_below(gateway, folder):
+def everything_below(gateway, directory):
     """Names, modes, owners, times, links and ACLs."""
-    listed = gateway.out("find", folder, "-printf", "%P %M %u:%g %T@ %l\\n")
-    acls = gateway.out("sh", "-c", f"cd {folder} && getfacl --recursive .")
+    listed = gateway.out("find", directory, "-printf", "%P %M %u:%g %T@ %l\\n")
+    acls = gateway.out("sh", "-c", f"cd {directory} && getfacl --recursive .")
     return sorted(listed.splitlines()), sorted(acls.split("\n\n"))
 
 

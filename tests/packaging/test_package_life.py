@@ -36,7 +36,9 @@ class Package:
 
     def __init__(self, kind, gateway, packages):
         self.kind, self.gateway = kind, gateway
-        self.first, self.next = (getattr(packages, kind)(folder=folder) for folder in (packages.first, packages.next))
+        self.first, self.next = (
+            getattr(packages, kind)(directory=directory) for directory in (packages.first, packages.next)
+        )
 
     def act(self, action, subject):
         return self.gateway.run(*COMMANDS[self.kind][action].split(), subject)
@@ -174,13 +176,13 @@ def files(gateway):
     """Whatever differs from this machine's files: all but directories that are the same there."""
     found = set()
     written = gateway.path("/run/written")
-    for folder, folders, names in os.walk(written):
-        place = f"/{os.path.relpath(folder, written)}/".replace("/./", "/")
-        folders[:] = [name for name in folders if place + name not in OTHERS_WRITE]
-        for path in (place + name for name in (*folders, *names)):
+    for directory, directories, names in os.walk(written):
+        place = f"/{os.path.relpath(directory, written)}/".replace("/./", "/")
+        directories[:] = [name for name in directories if place + name not in OTHERS_WRITE]
+        for path in (place + name for name in (*directories, *names)):
             stat = os.lstat(f"{written}{path}")
             kind = stat.st_mode, stat.st_uid, stat.st_gid
-            own = os.lstat(path) if path.rpartition("/")[2] in folders and os.path.isdir(path) else None
+            own = os.lstat(path) if path.rpartition("/")[2] in directories and os.path.isdir(path) else None
             if not re.fullmatch(ACCOUNTS, path) and kind != (own and (own.st_mode, own.st_uid, own.st_gid)):
                 found.add((path, *kind))
     return found

@@ -147,8 +147,8 @@ def test_rpmlint_finds_nothing_beyond_what_is_explained(packages):
     assert re.search(r"2 packages and 1 specfiles checked; 0 errors, 0 warnings", output), output
 
 
-def contents(folder):
-    return {path.name: path.read_bytes() for path in sorted(folder.iterdir())}
+def contents(directory):
+    return {path.name: path.read_bytes() for path in sorted(directory.iterdir())}
 
 
 def test_packing_again_under_other_circumstances_is_the_same(packages):
@@ -157,16 +157,16 @@ def test_packing_again_under_other_circumstances_is_the_same(packages):
 
 
 @pytest.fixture
-def open_folder():
+def open_directory():
     """A directory that every user may get to, which those of pytest are not."""
-    with tempfile.TemporaryDirectory(dir="/var/tmp") as folder:
-        os.chmod(folder, 0o755)
-        yield pathlib.Path(folder)
+    with tempfile.TemporaryDirectory(dir="/var/tmp") as directory:
+        os.chmod(directory, 0o755)
+        yield pathlib.Path(directory)
 
 
 @pytest.mark.long
-def test_building_a_commit_elsewhere_as_another_user_is_the_same(packages, open_folder):
-    sources = copy_sources(open_folder / "a" / "deeper" / "place")
+def test_building_a_commit_elsewhere_as_another_user_is_the_same(packages, open_directory):
+    sources = copy_sources(open_directory / "a" / "deeper" / "place")
     identity = ["-c", "user.name=somebody", "-c", "user.email=somebody@example.invalid"]
     dates = {"GIT_COMMITTER_DATE": f"@{EPOCH} +0000", "GIT_AUTHOR_DATE": "@1 +0000"}
     run("git", "-C", sources, "init", "--quiet")
@@ -175,11 +175,11 @@ def test_building_a_commit_elsewhere_as_another_user_is_the_same(packages, open_
     (sources / "src" / "main.cpp").write_text("not committed\n")
     become = []
     if os.geteuid() == 0:
-        run("chown", "-R", "nobody:nogroup", open_folder)
+        run("chown", "-R", "nobody:nogroup", open_directory)
         become = ["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"]
-    command = [*become, sources / "scripts" / "package", "--commit", "HEAD", "--output", open_folder / "output"]
+    command = [*become, sources / "scripts" / "package", "--commit", "HEAD", "--output", open_directory / "output"]
     run(*command, env={"PATH": os.environ["PATH"], "LANG": "C.UTF-8", "TMPDIR": "/var/tmp"}, umask=0o027)
-    assert contents(open_folder / "output") == contents(packages.first)
+    assert contents(open_directory / "output") == contents(packages.first)
 
 
 def test_script_says_what_it_takes_and_refuses_the_rest():

@@ -162,18 +162,18 @@ def test_site_of_the_page_rolls_out_withdraws_and_is_watched(site):
 class Attacked:
     """The page's gateway that verifies, and the upstream mirror, which is the attacker's now."""
 
-    def __init__(self, site, folder):
+    def __init__(self, site, directory):
         self.site, self.gateway = site, site.gateway
         self.root = "/srv/upstream"
-        self.folder = self.gateway.path(f"{self.root}/{SUBDIR}")
-        self.key = SigningKey(folder)
+        self.directory = self.gateway.path(f"{self.root}/{SUBDIR}")
+        self.key = SigningKey(directory)
         self.key.key = load_pem_private_key(self.gateway.path(f"{DESK}/release-key.pem").read_bytes(), None)
         moved = f"mv /srv/mirror {self.root}; chown -R root: {self.root}; systemctl restart nginx"
         site.sh(f"sed -i s,/srv/mirror,{self.root}, /etc/nginx/sites-enabled/mirror; {moved}")
         site.sh(scripts(PAGE, "Packages, user and directory")[0].splitlines()[-1])
 
     def path(self, name):
-        return self.folder / name
+        return self.directory / name
 
     def write(self, name, content):
         self.path(name).write_bytes(content)
@@ -245,7 +245,7 @@ def changing(id):
 
 def offer(upstream, id, key=SIGN):
     upstream.publish(id, key, changing(id))
-    return list(upstream.folder.glob(f"antivir-v2-c-{id}.*.delta"))
+    return list(upstream.directory.glob(f"antivir-v2-c-{id}.*.delta"))
 
 
 def damage(upstream, id):
