@@ -21,8 +21,8 @@ std::string trim(std::string s) {
     return s.substr(start);
 }
 
-// All lines, less one that a read error has cut short. Not by std::getline, which takes a failed allocation for the end
-// of the file: the settings that it leaves out would silently be the defaults.
+// All lines, except one that a read error has cut short. Not by std::getline: on a failed allocation it reports the end
+// of the file, and the settings that follow would silently keep their defaults.
 std::string read_text(std::istream& in) {
     std::string text;
     for (char c = 0; in.get(c);) {
@@ -34,7 +34,7 @@ std::string read_text(std::istream& in) {
     return text;
 }
 
-// Keeps the low 32 bits of whatever strtoul accepts with 64 bits, without a range check: intended.
+// Keeps the low 32 bits of what strtoul accepts with 64 bits, without a range check: intended.
 std::uint32_t to_number(const std::string& value) {
     if constexpr (sizeof(unsigned long) == sizeof(std::uint64_t)) {
         return static_cast<std::uint32_t>(std::stoul(value));

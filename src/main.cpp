@@ -23,7 +23,7 @@ struct CommandLine {
     bool help = false;
 };
 
-// Loose and silent on purpose: unknown words are ignored, and so is a "--config" without a value.
+// Ignores unknown words, and a "--config" without a value, silently: intended.
 CommandLine scan(int argc, char** argv) {
     CommandLine result;
     for (int i = 1; i < argc && !result.help; ++i) {
@@ -41,7 +41,7 @@ CommandLine scan(int argc, char** argv) {
 
 }  // namespace
 
-// Catches nothing on purpose: a malformed number in the configuration ends the process.
+// Catches nothing: a malformed number in the configuration ends the process. Intended.
 int main(int argc, char** argv) {
     const CommandLine command = scan(argc, argv);
     if (command.help) {
@@ -66,6 +66,6 @@ int main(int argc, char** argv) {
     } else {
         updater.run_loop(g_stop);
     }
-    closelog();  // before the updater lets go of libcurl
+    closelog();  // before the updater releases libcurl
     return 0;
 }

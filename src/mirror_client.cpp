@@ -13,7 +13,7 @@ namespace zqu {
 namespace {
 
 struct CloseFile {
-    // What fclose reports is not looked at: a file cut short fails its digest check.
+    // The result of fclose is not checked: a file cut short fails its digest check.
     void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }
 };
 using File = std::unique_ptr<std::FILE, CloseFile>;
@@ -45,7 +45,7 @@ bool iequals(const std::string& a, const std::string& b) {
     return true;
 }
 
-// The value of the first line with that key, in whatever section it stands: the lookup is flat on purpose.
+// The value of the first line with that key, in any section: intended.
 std::optional<std::string> ini_lookup(const std::string& text, const std::string& key) {
     for (std::size_t start = 0, end = 0; start < text.size(); start = end + 1) {
         end = std::min(text.find('\n', start), text.size());
@@ -70,7 +70,7 @@ std::optional<std::string> parse_hit_defid(const std::string& text) {
     return std::nullopt;
 }
 
-// A size that is no number counts as absent: it is carried along, never enforced.
+// A size that is no number counts as absent: the size is never enforced.
 std::int64_t parse_size(const std::string& value) {
     try {
         if constexpr (sizeof(long) == sizeof(std::int64_t)) {

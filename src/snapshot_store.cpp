@@ -45,7 +45,7 @@ std::string json_escape(const std::string& in) {
 
 std::vector<fs::directory_entry> directories_below(const std::string& root) {
     std::vector<fs::directory_entry> found;
-    std::error_code ignored;  // a root that cannot be opened is an empty one; a listing that breaks off throws
+    std::error_code ignored;  // a root that cannot be opened counts as empty; a listing that breaks off throws
     for (const auto& entry : fs::directory_iterator(root, ignored)) {
         if (entry.is_directory()) {
             found.push_back(entry);
@@ -54,13 +54,13 @@ std::vector<fs::directory_entry> directories_below(const std::string& root) {
     return found;
 }
 
-// Reads both times afresh; one that cannot be read is the smallest there is. Equal times have no order: intended.
+// Reads both times again; one that cannot be read is the smallest time. Equal times have no order: intended.
 bool older(const fs::directory_entry& a, const fs::directory_entry& b) {
     std::error_code ignored;
     return fs::last_write_time(a.path(), ignored) < fs::last_write_time(b.path(), ignored);
 }
 
-// Makes a rename inside the directory outlast a power cut, as far as the file system lets us.
+// Makes a rename inside the directory survive a power cut, as far as the file system allows.
 void flush_directory(const std::string& path) {
     const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY);
     if (fd >= 0) {
@@ -125,8 +125,8 @@ void SnapshotStore::prune() {
     if (snapshots.empty()) {
         return;
     }
-    // Not by std::sort, which reads past the end when the comparison contradicts itself, and it does once a time cannot
-    // be read that could be read before.
+    // Not by std::sort, which reads past the end when the comparison contradicts itself. That happens when a time could
+    // be read before and cannot be read now.
     std::make_heap(snapshots.begin(), snapshots.end(), older);
     std::sort_heap(snapshots.begin(), snapshots.end(), older);
     // The difference modulo 2^32, read as signed: intended, also where it wraps.
@@ -140,7 +140,7 @@ void SnapshotStore::prune() {
         }
         std::error_code ignored;
         fs::remove_all(snapshot.path(), ignored);
-        --excess;  // also when the removal failed, lest a newer one goes in its stead
+        --excess;  // also when the removal failed, so that no newer one goes instead
     }
 }
 

@@ -34,8 +34,8 @@ void set_versions(SnapshotStore::Status& st, const std::string& version) {
     st.aivsecon_def_version = version;
 }
 
-// The file's content; empty when it is missing or cannot be read. Not by a stream's operator<<, which would take a
-// failed allocation for the end of the file, and an index cut short leaves files unchecked.
+// The file's content; empty when it is missing or cannot be read. Not by a stream's operator<<: on a failed allocation
+// it reports the end of the file, and an index cut short leaves files unchecked.
 std::string read_file(const std::string& path) {
     std::ifstream in(path, std::ios::in | std::ios::binary);
     std::vector<char> block(65536);
@@ -47,8 +47,8 @@ std::string read_file(const std::string& path) {
     return in.bad() ? "" : text;
 }
 
-// Returns what is wrong with the definition files in stage, or "". A file that the index does not name is accepted as
-// it is: intended. Throws when a file's status cannot be told.
+// Returns what is wrong with the definition files in stage, or "". A file that the index does not name is accepted:
+// intended. Throws when a file's status cannot be read.
 std::string check_definitions(const std::string& stage, const std::string& flavor, const DefinitionNames& names) {
     const auto index = verifier::parse_def_index(read_file(stage + "/antivir-" + flavor + ".ini"));
     for (const auto& name : {names.antivir, names.aivsecon}) {
@@ -66,7 +66,7 @@ std::string check_definitions(const std::string& stage, const std::string& flavo
 
 // Removes everything but the definition files; what cannot be removed, such as a directory with content, stays.
 void sweep(const std::string& stage, const DefinitionNames& names) {
-    std::error_code ignored;  // a directory that cannot be opened is an empty one; a listing that breaks off throws
+    std::error_code ignored;  // a directory that cannot be opened counts as empty; a listing that breaks off throws
     for (const auto& entry : fs::directory_iterator(stage, ignored)) {
         const std::string name = entry.path().filename().string();
         if (name != names.antivir && name != names.aivsecon) {
@@ -124,7 +124,7 @@ bool Updater::run_once() {
 
     const auto fail = [&](const std::string& reason) {
         set_versions(st, active.value_or(""));
-        st.last_error = reason;  // last_success_epoch stays 0: the status tells of this check only
+        st.last_error = reason;  // last_success_epoch stays 0: the status describes this check only
         store_.write_status(st);
         return false;
     };

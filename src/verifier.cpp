@@ -72,8 +72,8 @@ std::string to_hex(const unsigned char* bytes, unsigned int count) {
     return hex;
 }
 
-// The file's SHA-256 in lower-case hexadecimal, or "" when it cannot be had. A read error ends the file early; the
-// comparison with the expected digest catches that.
+// The file's SHA-256 in lower-case hexadecimal, or "" when it cannot be computed. A read error ends the file early;
+// the comparison with the expected digest catches that.
 std::string sha256_file(const std::string& path) {
     std::ifstream in(path, std::ios::in | std::ios::binary);
     if (!in) {
@@ -134,7 +134,7 @@ bool copy_data(archive* reader, archive* writer) {
     la_int64_t offset = 0;
     int result = archive_read_data_block(reader, &block, &size, &offset);
     while (result == ARCHIVE_OK) {
-        // A failed write is not looked at: intended. The file's digest catches it where the index gives one, which an
+        // A failed write is not checked: intended. The file's digest catches it when the index names the file, but an
         // index that was itself written to a full disk does not.
         archive_write_data_block(writer, block, size, offset);
         result = archive_read_data_block(reader, &block, &size, &offset);
@@ -142,7 +142,7 @@ bool copy_data(archive* reader, archive* writer) {
     return result == ARCHIVE_EOF;
 }
 
-// Writes out every entry and appends the paths of the regular files to files. Whatever ends the headers ends the
+// Writes every entry and appends the paths of the regular files to files. Anything that ends the headers ends the
 // extraction as a success: intended.
 bool write_entries(archive* reader, archive* writer, const std::string& dest_dir, std::vector<std::string>& files) {
     archive_entry* entry = nullptr;
