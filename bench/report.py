@@ -5,7 +5,7 @@ import json
 import re
 import sys
 
-# Of middle lightness, for light and dark pages, and told apart also by those who see few colours.
+# Of middle lightness, for light and dark pages, and distinct also for readers who see few colours.
 COLOURS = ["#3b82c4", "#d9822b", "#3a9e6f", "#b55fb0", "#c94f4f", "#8a8a3c"]
 INK = "#808080"
 STYLE = {

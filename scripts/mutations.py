@@ -1,5 +1,5 @@
-"""Finds what can be changed in a C++ source, one thing at a time. libclang tells a template's bracket from a
-comparison, and the end of a statement from a semicolon in a text."""
+"""Finds what can be changed in a C++ source, one thing at a time. libclang distinguishes a template's
+bracket from a comparison, and the end of a statement from a semicolon in a text."""
 
 import dataclasses
 import hashlib

@@ -32,7 +32,7 @@ def calls(path, left_out):
     text = re.sub(r'"(?!https|snapshots/)[^"\n]*/', '"', text).replace('""', '"snapshot or root"')
     text = re.sub(r'(?<=")(antivir-v2-1001\.cab|archive)(?=["\.](?!ini))', "ARCHIVE", text)
     text = re.sub(r'^open ".*" 0$', "open FILE", text, flags=re.MULTILINE)
-    text = re.sub(r'^open ".*" 65536$', "open FOLDER", text, flags=re.MULTILINE).replace("remove ", "unlink ")
+    text = re.sub(r'^open ".*" 65536$', "open DIRECTORY", text, flags=re.MULTILINE).replace("remove ", "unlink ")
     for pattern in left_out:
         assert re.search(pattern, text), pattern
         text = re.sub(f"(?m:^){pattern}", "", text)

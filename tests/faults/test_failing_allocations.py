@@ -1,8 +1,8 @@
-"""Allocations fail, one at a time, whoever makes them: the daemon, the standard library or another.
+"""Allocations fail, one at a time, in the daemon, the standard library or another library.
 
-What the daemon's own code does then is told: the exception ends a single check. A library may bear it, fail its call,
-or end the process: libarchive gives up, libcrypto may crash, and the standard library terminates when the listing of a
-directory finds no memory. Whatever it is, the snapshot in service is whole, and one clean run heals it."""
+In the daemon's own code the exception ends a single check. A library may go on, fail its call, or end the process:
+libarchive gives up, libcrypto may crash, and the standard library terminates when the listing of a directory finds no
+memory. In all cases the snapshot in service is whole, and one clean run heals the rest."""
 
 import signal
 
@@ -34,7 +34,7 @@ def allocations_of_update(scene):
 
 
 def is_ended(outcome, errors):
-    """Whether the process ended before its time, in a way that is known, and left the status alone."""
+    """Whether the process ended early, in a known way, and left the status alone."""
     uncaught = outcome.exit_status == -signal.SIGABRT and errors.startswith("terminate called ")
     given_up = outcome.exit_status == 1 and errors.startswith(LIBARCHIVE_GIVES_UP)
     crashed = outcome.exit_status == -signal.SIGSEGV and errors == ""  # inside libcrypto and libarchive only
@@ -48,10 +48,10 @@ def is_ended(outcome, errors):
 
 def is_published(outcome):
     """Whether the release was put into service, with flushes, sweep, pruning or status left out for want of memory."""
-    *before, told, updated = outcome.log if len(outcome.log) >= 2 else ("", "", "")
+    *before, published_line, updated = outcome.log if len(outcome.log) >= 2 else ("", "", "")
     return (
         outcome.exit_status == 0
-        and told == published(NEW)[0]
+        and published_line == published(NEW)[0]
         and updated in (published(NEW, FORMER)[1], published(NEW)[1])
         and all(line.startswith("warning fsync: ") for line in before)
         and outcome.status in (f"{NEW}/", "before", "empty")

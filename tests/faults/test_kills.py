@@ -7,7 +7,7 @@ import re
 import signal
 
 import pytest
-from faults import FORMER, NEW, OLD, Scene, telling
+from faults import FORMER, NEW, OLD, Scene, informative
 from outcomes import published, snapshot_listing
 
 LINK = "defs/active.tmp"
@@ -85,5 +85,5 @@ def test_kill_leaves_what_the_calls_before_it_made_and_heals(gateway, mirror, fi
     points = scene.points()
     listing = snapshot_listing(NEW, NEW) if first else snapshot_listing(NEW, FORMER, NEW)
     assert wanted(scene, points, len(points)) == (listing, published(NEW, scene.former or "none"), f"{NEW}/")
-    chosen = points if thorough else telling(points)
+    chosen = points if thorough else informative(points)
     record_property("kills", scene.go_through(chosen[part::2], lambda point: check(scene, points, point)))

@@ -14,7 +14,7 @@ import struct
 import subprocess
 
 import pytest
-from faults import NEW, Scene, telling
+from faults import NEW, Scene, informative
 from gateway import may_mount
 
 EXT4_IOC_SHUTDOWN = 0x8004587D  # _IOR('X', 125, __u32)
@@ -161,6 +161,6 @@ SCENES = {
 def test_power_cut_leaves_a_whole_snapshot_and_heals(scene_on, kind, last_act, thorough, record_property):
     scene = scene_on(**SCENES[kind])
     points = scene.points()
-    chosen = points if thorough else telling(points)
+    chosen = points if thorough else informative(points)
     reached = scene.go_through(chosen, lambda point: check(scene, points, point, LAST_ACTS[last_act]))
     record_property("power_cuts", reached)

@@ -11,15 +11,15 @@ from gi.repository import GCab, Gio, GLib  # noqa: E402  (the version has to be 
 
 def _write_cab(out, files):
     """MSZIP-compressed; files are pairs of a name and bytes or the path of a file."""
-    folder = GCab.Folder.new(GCab.Compression.MSZIP)
+    cab_folder = GCab.Folder.new(GCab.Compression.MSZIP)
     for name, content in files:
         if isinstance(content, bytes):
             file = GCab.File.new_with_bytes(name, GLib.Bytes.new(content))
         else:
             file = GCab.File.new_with_file(name, Gio.File.new_for_path(str(content)))
-        folder.add_file(file, False, None)
+        cab_folder.add_file(file, False, None)
     cabinet = GCab.Cabinet.new()
-    cabinet.add_folder(folder)
+    cabinet.add_folder(cab_folder)
     cabinet.write_simple(out, None, None, None)
     out.close(None)
 

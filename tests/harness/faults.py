@@ -47,9 +47,9 @@ class Point:
         return f"{self.name} #{self.number} {self.path} (opened {self.opened} times, repeated {self.repeated} times)"
 
 
-def telling(points):
-    """The points right after a change of the disk, and the first of each kind of call: at any other point the disk is
-    as at the one before."""
+def informative(points):
+    """The points right after a change of the disk, and the first of each kind of call. At any other point the disk is
+    as at the point before."""
     seen = set()
     chosen = [p for p in points if points[p.index - 1].changes or p.name not in seen and not seen.add(p.name)]
     return chosen

@@ -35,7 +35,7 @@ def finish(connection):
 
 
 def cut(connection):
-    """Ends TCP alone, without a word from TLS, as whoever sits on the way can."""
+    """Ends TCP alone, without a word from TLS, as anyone on the way can."""
     connection.socket.shutdown(socket.SHUT_RDWR)
 
 

@@ -52,7 +52,7 @@ def test_hit_ini_without_a_length_names_another_id_when_cut(trial, end):
 
 @either_end
 def test_hit_ini_cut_to_the_id_in_service_hides_the_new_release(trial, end):
-    """Whoever cuts the connection at the right byte keeps a gateway on what it has, with a status of success."""
+    """A cut at the right byte keeps the gateway on its old release, and the status file shows success."""
     script = {HIT: [head() + f"defId={OLD}".encode(), end]}
     cases = [trial.refused(script, ""), *trial.cases("hit", script[HIT], OR_REFUSED[end])]
     trial.check(cases[-1 if RELEASE == "13" else 0])

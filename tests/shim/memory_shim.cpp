@@ -1,6 +1,6 @@
 // Preloaded into the daemon, makes one allocation fail: the one that ZQU_FAIL_ALLOCATION numbers, counted from the
-// opening of the log, by malloc, calloc and realloc alike and whoever calls them. At the end of the process the number
-// of allocations goes to the file that ZQU_ALLOCATIONS_FILE names.
+// opening of the log, by malloc, calloc and realloc, in the program and all libraries. At the end of the process the
+// number of allocations goes to the file that ZQU_ALLOCATIONS_FILE names.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <syslog.h>
@@ -26,7 +26,7 @@ unsigned long allocations = 0;
 unsigned long allocations_of_start = 0;
 unsigned long due = 0;
 
-// Counts an allocation; tells whether it has to fail.
+// Counts an allocation; returns whether it has to fail.
 bool fails() {
     if (!counting || ++allocations != due) {
         return false;
