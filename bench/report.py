@@ -13,6 +13,7 @@ STYLE = {
     **{"xtick.color": INK, "ytick.color": INK, "grid.color": INK, "grid.alpha": 0.3, "axes.grid": True},
     **{"axes.spines.right": False, "axes.spines.top": False, "legend.frameon": False, "legend.labelcolor": INK},
     **{"figure.figsize": (8, 4), "figure.constrained_layout.use": True, "font.size": 11},
+    **{"font.sans-serif": ["DejaVu Sans"]},  # no longer list, because each text of a picture repeats it
     **{"savefig.transparent": True, "svg.fonttype": "none", "svg.hashsalt": "zel_quorin_updater"},
 }
 
@@ -31,7 +32,7 @@ def plotter():
 
 def compact(svg):
     """The picture in tenths of a point, with no line ends in paths and no blanks before tags: much smaller."""
-    svg = re.sub(r"\d+\.\d{2,}", lambda number: f"{float(number[0]):.1f}", svg)
+    svg = re.sub(r"(?<!version=\")\b\d+\.\d+", lambda number: f"{float(number[0]):.1f}".removesuffix(".0"), svg)
     return re.sub(r" *\n +| *\n(?=[LMz\"])", lambda end: "\n" if end[0][-1] == " " else " ", svg)
 
 
@@ -81,7 +82,7 @@ class Pages:
         axes.minorticks_off()
         axes.legend()
         path = self.data / f"{name}.svg"
-        figure.savefig(path, metadata={"Date": None})
+        figure.savefig(path, metadata=dict.fromkeys(("Creator", "Date", "Format", "Type")))
         plotter().close(figure)
         path.write_text(compact(path.read_text()))
 
