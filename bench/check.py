@@ -1,4 +1,4 @@
-"""A check that finds nothing new, against curl and against the bare calls: costs, instructions and bytes."""
+"""A check that finds nothing new, compared with curl and with the bare calls: costs, instructions and bytes."""
 
 import pathlib
 

@@ -1,4 +1,4 @@
-"""One daemon against another, in turn: whole updates, checks with nothing new, start-up, memory and size."""
+"""One daemon compared with another, in turn: whole updates, checks with nothing new, start-up, memory and size."""
 
 import subprocess
 

@@ -1,4 +1,4 @@
-"""Ways of a changed release to a gateway: direct, as CAB or Zstandard, and by a delta to a local mirror on it."""
+"""How a changed release reaches a gateway: direct, as CAB or Zstandard, or by a delta to its local mirror."""
 
 import os
 import random
@@ -40,7 +40,7 @@ class Counting(Server):
 
 
 class Direct(Update):
-    """A gateway that takes what is current at a mirror behind nginx."""
+    """A gateway that downloads the current release of a mirror behind nginx."""
 
     def __init__(self, bench, nginx, name, mirror):
         self.bench, self.nginx, self.name = bench, nginx, name
@@ -62,7 +62,7 @@ class Direct(Update):
         return {field: sum(cost[field] for cost in costs.values()) for field in costs["daemon"]} | {"steps": costs}
 
     def figures(self, expected):
-        """What it takes to get what is current now, apart from time. Requires that it is the release expected."""
+        """The cost of getting the current release, except time. Requires that it is the expected release."""
         self.expected = None
         since = len((self.nginx.directory / "access.log").read_text().splitlines())
         self.clear()
@@ -73,7 +73,7 @@ class Direct(Update):
         return {"bytes": sent, "peaks": peaks}
 
     def advance(self):
-        """Goes on from the release that the last update has brought."""
+        """Continues with the release of the last update."""
 
     def end(self):
         shutil.rmtree(self.directory)

@@ -1,8 +1,8 @@
-// What an update cannot cost less than: the calls of libcurl, libcrypto and libarchive that one update makes, in the
-// same order and with the same values (tests/bench/test_floor.py), and what files and directories need to get into
-// place safely, but with no decisions, no error handling and no strings of its own. Left out are: the configuration,
-// the status file and the log; names of entries, asked for and set again; the index, which is never read; any look at
-// what is there already, and pruning. Paths are relative.
+// The least that an update can cost: the calls of libcurl, libcrypto and libarchive that one update makes, in the same
+// order and with the same values (tests/bench/test_floor.py), and the system calls that put files and directories into
+// place safely. It has no decisions, no error handling and no strings of its own. It leaves out the configuration, the
+// status file and the log, reading and setting the names of entries, the index, existing files, and pruning. Paths are
+// relative.
 //
 // usage: zqu_floor CA-FILE HIT-URL COMPLETE-URL ARCHIVE-URL DEFINITIONS-ROOT ID
 //        zqu_floor CA-FILE HIT-URL
@@ -23,7 +23,7 @@ namespace {
 
 constexpr std::size_t block_size = 65536;
 char block[block_size];
-char answer[block_size];  // an INI file, which nobody reads
+char answer[block_size];  // an INI file, which is never parsed
 std::size_t answered = 0;
 
 std::size_t keep(char* data, std::size_t size, std::size_t count, void* /*unused*/) {

@@ -1,4 +1,4 @@
-"""The loop with nothing new: what its later checks make of connections and sessions, and what an hour costs."""
+"""The loop with nothing new: how its later checks use connections and sessions, and what an hour costs."""
 
 import collections
 import concurrent.futures
@@ -12,7 +12,7 @@ from relay import Relay
 from sites import Loop, BenchGateway, server
 
 SHOWN = 3  # checks of each loop
-# How mirror and loop suit each other: seconds for which nginx keeps an idle connection and a TLS session, seconds
+# Settings of mirror and loop: seconds for which nginx keeps an idle connection and a TLS session, seconds
 # between checks, how many of them are watched, and what else nginx is set to.
 Pace = collections.namedtuple("Pace", "keepalive session interval checks options", defaults=[""])
 TLS12, CACHE = "ssl_protocols TLSv1.2;", "ssl_session_cache shared:sessions:1m;"
@@ -74,7 +74,7 @@ def measure(bench):
         for name, pace in paces.items()
     }
     with server(bench, **lines) as nginx, concurrent.futures.ThreadPoolExecutor() as pool:
-        # All at once: next to nothing happens in them.
+        # All at once: almost nothing happens in them.
         watched = {name: pool.submit(watch, bench, nginx, name, pace) for name, pace in paces.items()}
         checks = {name: future.result() for name, future in watched.items()}
         waits = waiting(bench, nginx, 1 if bench.smoke else WAIT_S)

@@ -9,7 +9,7 @@ import subprocess
 
 from report import table
 
-# Whatever is measured, or measures.
+# What is measured, or measures.
 PACKAGES = (
     *("libcurl4", "libssl3", "libarchive13", "zlib1g", "libstdc++6", "libc6", "nginx"),
     *("curl", "openssl", "libarchive-tools", "cabextract", "coreutils", "valgrind"),

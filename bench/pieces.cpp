@@ -1,9 +1,9 @@
-// The daemon's components through their public headers, each against the size of what it works on.
+// The daemon's components through their public headers, each by the size of its data.
 //
 // usage: zqu_bench_pieces DIRECTORY LARGEST [options of Google Benchmark]
 //
-// Works in DIRECTORY, which has to be there, and leaves nothing in it. LARGEST bounds the sizes: snapshots and lines as
-// they are, files at a thousand times as many bytes.
+// Works in DIRECTORY, which must exist, and leaves nothing in it. LARGEST is the largest number of snapshots and lines;
+// files have up to a thousand times as many bytes.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <syslog.h>
@@ -52,14 +52,14 @@ void shuffle(std::vector<T>& items) {
     std::shuffle(items.begin(), items.end(), std::mt19937(seed));
 }
 
-// A definitions root with so many snapshots, empty ones, the last one in service. The one that the benchmarks share
-// stays until one of another size is asked for: it takes its time to make.
+// A definitions root with so many snapshots, empty ones, the last one in service. The benchmarks share one,
+// until they need another size, because it is slow to make.
 class Snapshots {
 public:
     static Snapshots& of(std::int64_t count) {
         static std::unique_ptr<Snapshots> current;
         if (!current || current->count_ != count) {
-            current.reset();  // before another one takes its place
+            current.reset();  // before another one replaces it
             current = std::make_unique<Snapshots>(count);
         }
         return *current;
@@ -79,7 +79,7 @@ public:
     Snapshots(const Snapshots&) = delete;
     Snapshots& operator=(const Snapshots&) = delete;
 
-    // One more, older than all others, with two definition files that have next to nothing in them.
+    // One more, older than all others, with two tiny definition files.
     void add_oldest() {
         const fs::path snapshot = store_->stage_dir("oldest");
         write(snapshot / "antivir-v2.def", "antivir");

@@ -18,8 +18,8 @@ SMALL = 100_000  # bytes of definitions, which a check with nothing new never re
 
 
 class Server(Nginx):
-    """nginx with a server for each of these lines of configuration, all with one certificate. Its log says what became
-    of connections and sessions."""
+    """nginx with a server for each of these lines of configuration, all with one certificate. Its log shows what
+    happened to connections and sessions."""
 
     LOG = "$server_port $connection $ssl_session_reused $status $ssl_protocol"
 

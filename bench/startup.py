@@ -1,4 +1,4 @@
-"""What starting the daemon costs, and what of that is the dynamic linker's."""
+"""What starting the daemon costs, and the dynamic linker's share."""
 
 import json
 import os
@@ -33,7 +33,7 @@ def without_network(bench):
 
 
 def linker(command, environment):
-    """What the dynamic linker says of its work (LD_DEBUG, ld.so(8)): libraries, symbols and relative relocations."""
+    """What the dynamic linker counts (LD_DEBUG, ld.so(8)): libraries, symbols and relative relocations."""
 
     def said(what):
         options = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": subprocess.PIPE}

@@ -1,4 +1,4 @@
-"""A whole update, against two scripts that do the same and against the bare calls of the libraries; where time goes."""
+"""A whole update, compared with two scripts that do the same and with the bare calls; where the time goes."""
 
 import os
 import shutil
@@ -17,13 +17,13 @@ SCRIPTS = {"openssl": "curl, openssl, bsdtar", "cabextract": "curl, sha256sum, c
 TITLES = {"daemon": "the daemon", "floor": "bare calls", **SCRIPTS}
 # The limits of the ratios to the scripts at 200 MB, of those to the bare calls, and of the share of the own code.
 LIMITS, FLOOR, OWN = {"openssl": 0.95, "cabextract": 0.55}, 1.02, 0.005
-# What hides the processor's instructions for ciphers and digests from libcrypto.
+# Hides the processor's instructions for ciphers and digests from libcrypto.
 WITHOUT = {"OPENSSL_ia32cap": "~0x200000200000000:~0x20000000", "OPENSSL_armcap": "0"}
 OURS = ("zel_quorin_updater", "libstdc++")
 
 
 class Update:
-    """A mirror with one release, and all that can take it from there."""
+    """A mirror with one release, and the programs that fetch it."""
 
     def __init__(self, bench, nginx, size, compressible=True):
         self.bench = bench

@@ -1,4 +1,4 @@
-# zqu_require(<package> <debian package>): finds a library that the product cannot do without, or stops with a message
+# zqu_require(<package> <debian package>): finds a library that the product needs, or stops with a message
 # that names what to install.
 macro(zqu_require package debian_package)
     find_package(${package} QUIET)

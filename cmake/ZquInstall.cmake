@@ -1,5 +1,5 @@
-# zqu_install_configuration(<file> <absolute path>): installs a file that the administrator changes; one that is there
-# already stays as it is.
+# zqu_install_configuration(<file> <absolute path>): installs a file that the administrator changes; an existing one
+# stays.
 function(zqu_install_configuration file path)
     cmake_path(ABSOLUTE_PATH file NORMALIZE)
     cmake_path(GET path PARENT_PATH directory)
@@ -43,7 +43,7 @@ function(zqu_install_manual component)
         cmake_path(GET page EXTENSION LAST_ONLY section)
         string(SUBSTRING "${section}" 1 -1 section)
         set(output "${CMAKE_CURRENT_BINARY_DIR}/${name}.gz")
-        # Neither the name nor the time of the page, which would tell one build from another.
+        # Without the name and the time of the page: the same bytes in every build.
         add_custom_command(OUTPUT "${output}"
             COMMAND sed "s/^[.]Os$/.Os zel_quorin_updater ${PROJECT_VERSION}/" "${page}" | gzip -9 --no-name > "${output}"
             DEPENDS "${page}" "${PROJECT_SOURCE_DIR}/debian/changelog"

@@ -33,7 +33,7 @@ def pytest_collection_modifyitems(config, items):
 
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item, call):
-    """Ends the report of a failed test with where its files are; the files of a passed one go."""
+    """Adds to the report of a failed test where its files are, and removes the files of one that passed."""
     report = (yield).get_result()
     files = item.stash.get(FILES, None)
     if report.failed:
@@ -41,7 +41,7 @@ def pytest_runtest_makereport(item, call):
         report.sections.append(("files", str(files)))
     elif files and call.when == "teardown" and not item.stash.get(FAILED, False):
         shutil.rmtree(files, ignore_errors=True)
-        files.mkdir(exist_ok=True)  # keeps its name from being given again: a mirror has it too
+        files.mkdir(exist_ok=True)  # so that its name is not used again: a mirror has it too
 
 
 @pytest.fixture(autouse=True)
@@ -50,7 +50,7 @@ def _files(request, tmp_path):
 
 
 def pytest_terminal_summary(terminalreporter):
-    """Adds up what the tests say of themselves by record_property: calls failed, power cuts, cycles and so on."""
+    """Adds up what the tests count by record_property: calls failed, power cuts, cycles and so on."""
     totals = collections.Counter()
     ends = [report for report in terminalreporter.stats.get("", []) if report.when == "teardown"]
     for report in ends:
@@ -87,7 +87,7 @@ def gateway(nginx, mirror, tmp_path):
 
 @pytest.fixture
 def gateway_in_memory(nginx, mirror):
-    """On no disk, where each flush takes its time."""
+    """Not on a disk, where each flush is slow."""
     with tempfile.TemporaryDirectory(dir="/dev/shm", prefix="zqu-") as directory:
         where = {"mirror_base_url": nginx.url(), "mirror_subdir": mirror.subdir}
         machine = Gateway(pathlib.Path(directory), ca_path=nginx.ca_path, **where)
@@ -97,7 +97,7 @@ def gateway_in_memory(nginx, mirror):
 
 @pytest.fixture
 def closed_port():
-    """A loopback port on which nothing listens, and nothing will."""
+    """A loopback port on which nothing listens, now or later."""
     with socket.socket() as holder:
         holder.bind(("127.0.0.1", 0))
         yield holder.getsockname()[1]
@@ -116,7 +116,7 @@ def scripted_context(authority):
 
 @pytest.fixture
 def trial(authority, scripted_context, tmp_path, record_property, thorough):
-    """A gateway with a release in service, and a mirror that does what the test says; in memory, as above."""
+    """A gateway with a release in service, and a mirror that does what the test says, in memory, as above."""
     with tempfile.TemporaryDirectory(dir="/dev/shm", prefix="zqu-") as directory:
         trial = Trial(pathlib.Path(directory), tmp_path / "kept", scripted_context, authority, thorough)
         try:

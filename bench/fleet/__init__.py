@@ -1,4 +1,4 @@
-"""What a fleet asks of its mirror, by the daemon's own schedule, and how large a mirror has to be."""
+"""The load of a fleet on its mirror, by the daemon's own schedule, and how large a mirror must be."""
 
 import math
 
@@ -82,7 +82,7 @@ def _check_rows(sizes, costs, received):
 
 
 def served_by(lines):
-    """What can fill so many lines, and what is left to the mirror then: hit INIs for four groups."""
+    """What can fill so many lines, and the rest for the mirror: hit INIs for four groups."""
     if lines == 1:
         return "one nginx", "all"
     if lines < PROXIES:

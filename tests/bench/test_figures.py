@@ -1,4 +1,4 @@
-"""What figures are computed with: orders, ratios, instructions of a profile, handshakes, and the waits of a fleet."""
+"""The computations behind the figures: orders, ratios, instructions of a profile, handshakes, waits of a fleet."""
 
 import collections
 import sys

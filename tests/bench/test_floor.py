@@ -1,4 +1,4 @@
-"""The bare calls that an update is held against are the daemon's own, less what is named here."""
+"""The bare calls that an update is compared with are the daemon's own, without those named here."""
 
 import re
 import subprocess
@@ -9,7 +9,7 @@ from release import good_files
 
 pytestmark = pytest.mark.skipif(SANITIZED, reason="measured is what is shipped")
 
-# What the daemon does besides: each is a pattern of whole lines.
+# What the daemon also does: each is a pattern of whole lines.
 DAEMON_ONLY = [
     r"openlog .*\nopen zel_quorin_updater .*\n",
     r"signal \d+\n",

@@ -1,4 +1,4 @@
-"""Every benchmark works: it measures with tiny sizes, and its tables are in the pages. No time is judged."""
+"""Every benchmark works: it measures with tiny sizes, and its tables are in the pages. No time is checked."""
 
 import fcntl
 import json
@@ -30,7 +30,7 @@ def run_command(command, timeout=300):
     return process.returncode, process.stdout, process.stderr
 
 
-# These run for many seconds even so, and share what they do with the others.
+# These still run for many seconds, and the others cover most of what they do.
 SLOW = ("check", "loop", "serving")
 SECTIONS = [pytest.param(name, marks=[pytest.mark.long] if name in SLOW else []) for name in run.SECTIONS]
 

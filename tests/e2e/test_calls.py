@@ -1,5 +1,5 @@
-"""The daemon's own calls of its libraries and of the system: which an update makes, in what order and with what values,
-and what follows when one of them fails."""
+"""The daemon's own calls of its libraries and of the system: which ones an update makes, in which order and with which
+values, and what follows when one of them fails."""
 
 import errno
 import re
@@ -83,7 +83,7 @@ def scene(gateway, mirror, tmp_path, monkeypatch):
 
 
 def test_update_makes_just_these_calls_in_order(scene, nginx):
-    root, timeout = scene.gateway.root, 4294967295  # libcurl refuses such a time-out, and that is not looked at
+    root, timeout = scene.gateway.root, 4294967295  # libcurl refuses such a time-out, and the daemon ignores that
     scene.gateway.settings["http_timeout_s"] = timeout
     url = f"{scene.gateway.settings['mirror_base_url']}/{scene.gateway.settings['mirror_subdir']}/antivir-v2-"
     stage = f"{root}/snapshots/{NEW}"
@@ -160,7 +160,7 @@ MEMORY, FATAL = 27, -30  # CURLE_OUT_OF_MEMORY, ARCHIVE_FATAL
 NULL = FAILURE = 0
 OTHER_RESULTS = (-10, -20, -25)  # ARCHIVE_RETRY, ARCHIVE_WARN, ARCHIVE_FAILED
 NOT_EXTRACTED = (refused("CAB extract"), "archive_read_free archive_write_free err")
-# What is called afterwards where a result is not looked at: all that an unbroken update calls; or any calls at all.
+# The calls that follow an ignored result: those of an undisturbed update; or any.
 UNCHANGED, ANY = "unchanged", "any"
 IGNORED = (good(), UNCHANGED)
 
@@ -182,7 +182,7 @@ def missing(name, *lines):
 
 
 def crashed():
-    """libarchive takes no null pointer for a handle. A handle is only missing for want of memory."""
+    """libarchive accepts no null pointer as a handle. A handle is only missing when memory is."""
     staged = {"snapshots/" + CAB.partition("snapshots/")[2], f"snapshots/{NEW}/"}
     return Outcome((), "before", frozenset(UNDONE | staged), -signal.SIGSEGV), ANY
 
@@ -191,8 +191,8 @@ def each(outcomes, then):
     return [(outcome, then) for outcome in outcomes]
 
 
-# What the function gives when it fails, and by the number of the call the outcome and the names of the calls to follow
-# to the end of the log; the last one stands for all further calls.
+# What the function returns when it fails, and by the number of the call the outcome and the names of the next calls
+# to the end of the log; the last entry is for all further calls.
 EXPECTED = {
     "signal": (errno.EINVAL, [IGNORED]),
     "curl_global_init": (MEMORY, [IGNORED]),
@@ -234,7 +234,7 @@ EXPECTED = {
     "archive_write_disk_new": (NULL, [crashed()]),
     "archive_write_disk_set_options": (FATAL, [IGNORED]),
     "archive_read_open_filename": (FATAL, [cannot_open("(null)")]),
-    # Whatever ends the headers is taken for the end of the archive; without the index nothing is checked.
+    # Anything that ends the headers counts as the end of the archive; without the index nothing is checked.
     "archive_read_next_header": (FATAL, [missing(NAMES[0]), missing(NAMES[1]), (good(), ANY), IGNORED]),
     # It gets the name of the staging directory, which is there.
     "archive_entry_pathname": (
@@ -273,7 +273,7 @@ OTHERS = [
     *(("archive_read_data_block", 2, value, NOT_EXTRACTED) for value in (2, *OTHER_RESULTS)),
     ("archive_write_data_block", 1, -25, (DIGESTS[1], ANY)),
 ]
-# Of functions that only set something or let go of it; leaving them out leaks.
+# Of functions that only set or release something; without them memory leaks.
 LEAKING = {"curl_easy_cleanup", "curl_global_cleanup", "EVP_MD_CTX_free", "archive_read_free", "archive_write_free"}
 
 

@@ -18,7 +18,7 @@ def get_of(flavor, base="", text="URL using bad/illegal format or missing URL"):
     return f"err GET {base}/x/antivir-{flavor}-hit.ini: {text}"
 
 
-# All calls of a cycle, but for the options of the transfer.
+# All calls of a cycle, except the options of the transfer.
 IDLE_CYCLE = [
     'openlog "zel_quorin_updater" 3 24',
     OPENED,
@@ -44,7 +44,7 @@ def idle(tmp_path):
 
 
 def run(gateway, *words, name=DAEMON, **options):
-    """A run from the gateway's directory under that name, which has to end well; its output and the whole log."""
+    """A run from the gateway's directory under that name, which must succeed; its output and the whole log."""
     process = subprocess.run(
         [name, *words],
         executable=DAEMON,
@@ -110,7 +110,7 @@ def test_last_config_with_a_value_counts_whatever_its_name(idle, words, flavor):
 
 
 def test_unreadable_configuration_is_one_warning(idle, tmp_path):
-    """The defaults serve then. They might lead to a real installation: no directory is made, and no cycle begins."""
+    """The defaults apply then. They might name a real installation: no directory is made, and no cycle begins."""
     path = tmp_path / "none.conf"
     prefix = [*QUIET, "-o", "/dev/null", "-e", "inject=mkdir:error=EACCES"]
     process = idle.run("--config", path, prefix=prefix, calls=True, ZQU_FAULT="curl_global_init:1:term")
@@ -126,7 +126,7 @@ def test_unreadable_configuration_is_one_warning(idle, tmp_path):
 def test_without_a_value_the_default_configuration_is_read(idle, words):
     assert len(DEFAULT_CONFIG) == 58
     prefix = [*QUIET, "-P", DEFAULT_CONFIG, "-e", "trace=openat", "-e", "inject=openat:signal=KILL"]
-    # A daemon that opens another file is ended before it could touch anything.
+    # A daemon that opens another file is ended before it can change anything.
     process = idle.run(*words, prefix=prefix, calls=True, ZQU_FAULT="signal:1:term")
     assert f'openat(AT_FDCWD, "{DEFAULT_CONFIG}", O_RDONLY)' in process.stderr
     assert process.stdout == ""

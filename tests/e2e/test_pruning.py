@@ -39,7 +39,7 @@ def many(gateway, mirror):
 
 
 def failing(path, calls, rule):
-    """What to put before a command whose calls on that path are to fail."""
+    """The prefix for a command whose calls on that path must fail."""
     return [*STRACE, "/dev/null", "-P", path, "-e", f"trace={calls}", "-e", f"inject={calls}:{rule}"]
 
 
@@ -62,7 +62,7 @@ def test_snapshot_whose_time_cannot_be_read_is_the_oldest(gateway, mirror, unrea
     (gateway.root / "snapshots" / "1004").mkdir()
     mirror.publish("1005")
     gateway.settings["retained_snapshots"] = 4
-    # Neither its time can be read nor can it be removed, which counts all the same.
+    # Its time cannot be read, and it cannot be removed; that counts as removed.
     prefix = failing(gateway.root / "snapshots" / unreadable, "newfstatat,openat,unlinkat", "error=EACCES")
     assert gateway.run_once(prefix=prefix) == published("1005", "1003")
     versions = sorted(path.name for path in (gateway.root / "snapshots").iterdir())

@@ -1,4 +1,4 @@
-"""What those see who read the definitions while they are replaced."""
+"""What readers of the definitions see while these are replaced."""
 
 import os
 import threading
@@ -6,7 +6,7 @@ import threading
 from outcomes import published
 from release import definition_names, definitions
 
-# Each step of a publication takes its time, so that a moment without the link cannot go unnoticed.
+# Each step of a publication is slow, so that a moment without the link is noticed.
 SLOWLY = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=unlink,symlink,rename:delay_exit=10000"]
 
 
@@ -16,7 +16,7 @@ def read_at(directory, name):
 
 
 class Reader(threading.Thread):
-    """Follows the link without a pause; whatever it has seen, each time that it was another, is one of the names."""
+    """Follows the link without a pause, and records each change; every value must be one of the names."""
 
     def __init__(self, root, names):
         super().__init__()

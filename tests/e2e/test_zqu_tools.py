@@ -10,7 +10,7 @@ from tools import Tool
 
 VERSION = re.search(r"\((.+?)\)", (REPOSITORY / "debian" / "changelog").read_text())[1]
 DURATION = "{} is not a duration, such as 90, 5m, 2h, 1d or 1w"
-# Command lines, with what is said of them.
+# Command lines, and the error messages.
 REFUSED = {
     "zqu-mirror": "A subcommand is required",
     "zqu-mirror frob": "there is no command frob",

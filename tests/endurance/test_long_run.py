@@ -1,5 +1,5 @@
-"""Thousands of cycles of one process, with whatever a mirror can do to it: each logs, waits and changes the disk as it
-has to, and nothing grows."""
+"""Thousands of cycles of one process, with all that a mirror can do to it: each logs, waits and changes the disk as it
+must, and nothing grows."""
 
 import os
 import re
@@ -61,7 +61,7 @@ class Run:
         self.back = Case(trial.old.script, published(OLD, NEW), OLD, "", trial.before)
 
     def check(self, case, *waits):
-        """Lets the daemon run a cycle for each wait, which all have to go as the case says."""
+        """Lets the daemon run a cycle for each wait; each must end as the case says."""
         self.trial.server.script = {**self.trial.new.script, **case.script}
         self.cycles += len(waits)
         self.daemon.run_until(2 * self.cycles + 1)  # a cycle reads the clock twice

@@ -22,8 +22,8 @@ from trials import BAD_URL, NEW, OLD, SERVERS_REFUSAL, Trial
 
 RSYSLOG = shutil.which("rsyslogd", path=f"{os.environ['PATH']}:/usr/sbin")
 
-# Bytes that a log daemon might escape, and a reader of the log might stumble over: controls, quotes, a percent sign,
-# what is no UTF-8. libcurl refuses such an address.
+# Bytes that a log daemon might escape, or a reader of the log might misread: controls, quotes, a percent sign,
+# invalid UTF-8. libcurl refuses such an address.
 ODD = b"10%s-\x01\t\"'\\-\xc3\xa9-\xff"
 
 Message = namedtuple("Message", "facility severity program process text")
@@ -166,7 +166,7 @@ def log_exception(trial):
 
 
 def log_settings(machine):
-    """A mirror or a flavor that is not set; and no configuration, where the defaults lead nowhere."""
+    """A mirror or a flavor that is not set; and no configuration, with defaults that reach nothing."""
     get = "err GET {}/rhex/deffiles/def5-2/antivir-{}-hit.ini: {}"
     unset = "warning config: mirror_base_url is not set (the updater will idle, performing no checks)"
     machine.settings = {"def_root": machine.root, "status_path": machine.status_path, "mirror_base_url": ""}

@@ -1,4 +1,4 @@
-"""Stop signals at random moments: the daemon always ends cleanly, after the cycle at hand.
+"""Stop signals at random moments: the daemon always ends cleanly, after the running cycle.
 
 Up to there its events are those of a daemon that nothing disturbs, and the disk is as the last cycle leaves it."""
 
@@ -82,7 +82,7 @@ class Shot(PacedDaemon):
         """Requires what is known; returns where the first signal found the daemon."""
         assert self.process.wait(timeout=60) == 0
         before = next(number for number, event in enumerate(events) if event.startswith("signal "))
-        # The loop may have looked at the flag just before the signal came.
+        # The loop may have read the flag just before the signal came.
         known = dict(map(self.outdated.stopped_at, (before, before + 1)))
         found = tuple(without_signals(events))
         assert found in known, f"expected one of {list(known)}\ncame {found}"
@@ -99,7 +99,7 @@ class Shot(PacedDaemon):
 
 
 def without_signals(events):
-    """The events but those of signals, and of what these leave of a slice: that is slept at once, whatever comes."""
+    """The events without those of signals and of the rest of an interrupted slice, which is slept at once."""
     left = None
     for event in events:
         word, _, rest = event.partition(" ")
@@ -117,7 +117,7 @@ def shoot(outdated, chance):
     number = chance.choice((SIGTERM, SIGINT))
     with Shot(outdated, second_ns=2_000_000) as daemon:
         events = [daemon.next_event() for _ in range(chance.randrange(24))]
-        time.sleep(chance.choice((0, 0.001, 0.01)) * chance.random())  # no wait for anything: the moment is the point
+        time.sleep(chance.choice((0, 0.001, 0.01)) * chance.random())  # waits for nothing: the moment itself is random
         daemon.send(number)
         events += daemon.rest()
         if daemon.process.wait(timeout=60) == -number:

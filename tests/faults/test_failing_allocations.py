@@ -47,7 +47,7 @@ def is_ended(outcome, errors):
 
 
 def is_published(outcome):
-    """Whether the release was put into service, with flushes, sweep, pruning or status left out for want of memory."""
+    """Whether the release was put into service, without flushes, sweep, pruning or status when memory is missing."""
     *before, published_line, updated = outcome.log if len(outcome.log) >= 2 else ("", "", "")
     return (
         outcome.exit_status == 0

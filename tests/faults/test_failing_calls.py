@@ -26,7 +26,7 @@ from faults import (
 from outcomes import published
 
 ERRORS = ("ENOSPC", "EIO", "EACCES", "EMFILE", "EINTR", "EROFS", "EDQUOT", "EFBIG")
-# These cannot fail, or for want of memory only, which the tests of allocations see to.
+# These cannot fail, or only without memory, which the tests of allocations cover.
 NEVER_FAIL = {"brk", "mmap", "munmap", "futex", "getpid", "geteuid", "umask", "rt_sigaction", "exit_group"}
 STAGE = f"defs/snapshots/{NEW}"
 CAB = f"{STAGE}/antivir-v2-{NEW}.cab"
@@ -62,8 +62,8 @@ def of_definition(path):
     ]
 
 
-# The call, the path that it is about, how often that has been opened, how often the call was made since, the outcome.
-# The first row that fits counts. What is in none of them fails without any consequence.
+# The call, its path, how often that has been opened, how often the call was made since, the outcome.
+# The first row that fits counts. A call in no row fails without any consequence.
 EXPECTED = [
     # Nothing is known of the order of calls on the network.
     (".*", r".*/ca\.pem|socket|", None, None, TRANSFER),
@@ -89,7 +89,7 @@ EXPECTED = [
     ("fsync", INDEX, 2, None, unflushed(f"@/{INDEX}")),
     ("openat", STAGE, 1, None, unflushed(f"open @/{STAGE}")),
     ("fsync", STAGE, 1, None, unflushed(f"@/{STAGE}")),
-    # The sweep: one that cannot begin removes nothing, one that breaks off throws.
+    # The sweep: when it cannot begin, it removes nothing; when it breaks off, it throws.
     ("openat|fcntl", STAGE, 2, None, UNSWEPT),
     ("fstat|getdents64", STAGE, 2, 1, UNSWEPT),
     ("getdents64", STAGE, 2, 2, aborted(listing=STAGED)),

@@ -30,7 +30,7 @@ def small_disk(gateway):
     subprocess.run(["umount", gateway.root], check=True)
 
 
-# What an update comes to that does not find room enough.
+# The results of an update without enough room.
 NO_ROOM = [
     not_downloaded("Failed writing received data to disk/application"),
     refused("CAB sha256 mismatch"),
@@ -58,7 +58,7 @@ def outcome_with_room(scene, disk, room):
 
 @pytest.mark.parametrize("index_first", [True, False], ids=["index_first", "index_last"])
 def test_full_disk_is_refused_but_where_the_index_is_lost(gateway, mirror, small_disk, index_first, record_property):
-    """A failed write is not looked at, and an index that is not there checks nothing. So damaged files are put into
+    """A failed write is ignored, and a missing index checks nothing. So damaged files are put into
     service when the archive fits and the index does not: at one level when it comes first, as zqu-mirror writes it, and
     at all levels that are too small when it comes last."""
     scene = Scene(gateway, mirror, index_first)

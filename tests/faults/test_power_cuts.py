@@ -18,7 +18,7 @@ from faults import NEW, Scene, informative
 from gateway import may_mount
 
 EXT4_IOC_SHUTDOWN = 0x8004587D  # _IOR('X', 125, __u32)
-# What becomes of the changes to directories and inodes that are not on the disk yet: written as a last act, without the
+# The changes to directories and inodes that are not on the disk yet are written as a last act, without the
 # data of files for which no blocks are allocated yet, or lost altogether.
 LAST_ACTS = {"journal_flushed": 1, "journal_lost": 2}
 CLONE_NEWNS = 0x00020000
@@ -48,7 +48,7 @@ class Disk:
             self.mounted = False
 
     def copy(self, source, target):
-        """Of the whole file system, or back."""
+        """A copy of the whole file system, or back."""
         self.unmount()
         subprocess.run(["cp", "--sparse=always", source, target], check=True)
         self.mount()

@@ -1,5 +1,5 @@
-// Feeds the extraction with what may be a CAB or a ZIP, from within its destination as the daemon does. Whatever the
-// archive holds, what lies beside the destination must stay as it is, and nothing may come to be there.
+// Feeds the extraction with what may be a CAB or a ZIP, from within its destination as the daemon does. For any
+// archive, the files beside the destination must stay as they are, and nothing may be added there.
 //
 // The archive may ask for anything: the target gives up the superuser's rights, and no file may grow large.
 #include <sys/resource.h>

@@ -15,7 +15,7 @@ import time
 CLONE_NEWNET = 0x40000000
 _ENVIRONMENT = ["env", "-i", "PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C.UTF-8", "SYSTEMD_PAGER=", "TERM=dumb"]
 
-# $1 is the empty directory to work in; the others are directories to be seen at the same place in the booted system.
+# $1 is the empty directory to work in; the others are directories to show at the same path in the booted system.
 _BOOT = r"""
 work=$1; shift
 mount -t tmpfs -o mode=755 tmpfs "$work"
@@ -23,8 +23,8 @@ mkdir "$work/upper" "$work/work" "$work/root"
 mount -t overlay -o "lowerdir=/,upperdir=$work/upper,workdir=$work/work" overlay "$work/root"
 cd "$work/root"
 : >etc/fstab
-rm -rf usr/local/zelgw  # an updater of this machine is none of theirs
-# A container's, which would hold back services; and what would have each package index all pages of the manual.
+rm -rf usr/local/zelgw  # this machine's own updater does not belong there
+# A container's, which would block services; and a hook with which each package indexes all manual pages.
 rm -f usr/sbin/policy-rc.d var/lib/man-db/auto-update
 rm -f etc/machine-id; : >etc/machine-id
 printf '[Unit]\nRequires=basic.target\nAfter=basic.target\n' >etc/systemd/system/bare.target
@@ -79,7 +79,7 @@ def _hierarchies():
         _, point, kind, options = line.split()[:4]
         names = [name for name in options.split(",") if name in kinds or name.startswith("name=")]
         if not point.startswith("/sys/"):
-            continue  # seen a second time, by a chroot
+            continue  # a second time, in a chroot
         if kind == "cgroup2":
             found.setdefault(pathlib.Path(point), "")
         elif kind == "cgroup" and names:
@@ -90,14 +90,14 @@ def _hierarchies():
 
 @functools.cache
 def why_not_bootable():
-    """What stands in the way of booting a system here; empty when nothing does."""
+    """Why no system can be booted here; empty when one can."""
     if os.geteuid() != 0:
         return "booting a system needs root"
     if not pathlib.Path("/lib/systemd/systemd").exists():
         return "booting a system needs systemd"
     if "" not in _hierarchies().values():
         return "booting a system needs a cgroup2 hierarchy"
-    # Who enters a namespace comes to its root, which in a chroot is another system's: nothing may be done there.
+    # Entering a namespace leads to its root, which in a chroot is another system's: leave that alone.
     root = subprocess.run(["nsenter", "--mount=/proc/self/ns/mnt", "stat", "-c", "%d %i", "/"], capture_output=True)
     if root.returncode == 0 and root.stdout.decode() != f"{os.stat('/').st_dev} {os.stat('/').st_ino}\n":
         return "booting a system does not go in a chroot"
@@ -112,7 +112,7 @@ def why_not_bootable():
 
 def _new_group(hierarchy):
     group = pathlib.Path(tempfile.mkdtemp(prefix="zqu-boot-", dir=hierarchy))
-    for name in ("cpuset.cpus", "cpuset.mems"):  # empty in a new group of version 1, which lets nobody in then
+    for name in ("cpuset.cpus", "cpuset.mems"):  # empty in a new group of version 1, which then accepts no process
         if (hierarchy / name).exists():
             (group / name).write_text((hierarchy / name).read_text())
     return group
@@ -174,7 +174,7 @@ class Booted:
         raise AssertionError(self._said())
 
     def command(self, *arguments, user=None):
-        """What to run on this machine so that the command runs in the booted system, with a clean environment."""
+        """The words that run the command in the booted system, with a clean environment."""
         become = ["setpriv", f"--reuid={user}", f"--regid={user}", "--init-groups"] if user else []
         return ["nsenter", "-t", str(self.init), "-a", "--", *_ENVIRONMENT, *become, *map(str, arguments)]
 
@@ -230,7 +230,7 @@ class Booted:
                     raise OSError(ctypes.get_errno(), "setns")
             outcome.append(action())
 
-        thread = threading.Thread(target=act)  # only this thread changes over
+        thread = threading.Thread(target=act)  # only this thread changes its namespace
         thread.start()
         thread.join()
         assert outcome, "the action failed, see above"
@@ -250,7 +250,7 @@ class Booted:
 
     @staticmethod
     def _remove_group(group):
-        for _ in range(500):  # its processes take a moment to vanish
+        for _ in range(500):  # its processes take a moment to end
             with contextlib.suppress(OSError):
                 for directory, _, _ in os.walk(group, topdown=False):
                     os.rmdir(directory)

@@ -1,4 +1,4 @@
-"""Copies of the sources, changed in one place and built elsewhere: the tree itself is never touched."""
+"""Copies of the sources, changed in one place and built elsewhere: the tree itself does not change."""
 
 import pathlib
 import shutil

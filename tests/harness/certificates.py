@@ -1,4 +1,4 @@
-"""Certificates as no honest authority issues them; trustme makes the honest ones."""
+"""Certificates that no honest authority issues; trustme makes the honest ones."""
 
 import datetime
 import ssl
@@ -30,14 +30,14 @@ class Issuer:
 
     @classmethod
     def unknown(cls):
-        """An authority of its own, which nobody has heard of."""
+        """An unknown authority of its own."""
         return cls(*cls(None, None)._certificate([], subject="unknown", is_authority=True, self_signed=True))
 
     def pem(self):
         return self.certificate.public_bytes(serialization.Encoding.PEM)
 
     def below(self, is_authority=True):
-        """An intermediate authority, or a leaf that plays one."""
+        """An intermediate authority, or a leaf that pretends to be one."""
         certificate, key = self._certificate(
             [], subject=f"below {self.certificate.serial_number}", is_authority=is_authority
         )

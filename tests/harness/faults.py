@@ -1,4 +1,4 @@
-"""One complete update, and the means to break it off at any of its system calls or to make any of them fail.
+"""One complete update, and the means to stop it at any of its system calls or to make any of them fail.
 
 Before the update there are release 1001, in service, the older 1000, which the update prunes, and a status. The mirror
 has release 1002.
@@ -28,13 +28,13 @@ class Point:
     kind: str  # the name, but "fstat" also for what an older glibc calls instead
     number: int  # among the calls of that name since the process began, as strace counts them
     text: str  # the arguments as strace shows them
-    path: str  # what it is about, relative to the gateway's directory, or as it stands; "" when there is none
-    opened: int  # how often that path has been opened by then
+    path: str  # what it is about, relative to the gateway's directory, or unchanged; "" when there is none
+    opened: int  # how often that path was opened before
     repeated: int  # how many calls of that kind there were on that path, since it was opened
 
     @property
     def vague(self):
-        """Whether it may come earlier or later in another run, with the rhythm of the network or of the heap."""
+        """Whether it may come earlier or later in another run, with the timing of the network or of the heap."""
         return self.name in ("poll", "recvfrom", "sendto", "rt_sigaction", "getpid", "futex", "brk", "mmap", "munmap")
 
     @property
@@ -56,7 +56,7 @@ def informative(points):
 
 
 class Scene:
-    """A gateway just before the update, which can be set back to that moment as often as it takes."""
+    """A gateway just before the update, which can be set back to that moment again and again."""
 
     def __init__(self, gateway, mirror, index_first=False, first=False):
         """With first=True there is nothing on the machine yet."""
@@ -103,7 +103,7 @@ class Scene:
         return process, trace.read_text(errors="replace").splitlines()
 
     def points(self):
-        """The system calls from the store's first touch of the disk to the exit, found by tracing an update.
+        """The system calls from the store's first access to the disk to the exit, found by tracing an update.
 
         Of three updates the one with the fewest, since a busy machine makes further calls on the network."""
         return min((self._points_of_a_run() for _ in range(3)), key=len)
@@ -181,7 +181,7 @@ class Scene:
         return reached
 
     def in_service(self):
-        """The version in service, which has to be whole, byte for byte; none at first."""
+        """The version in service, which must be whole, byte for byte; none at first."""
         if self.first and not (self.gateway.root / "active").is_symlink():
             return None
         version = os.readlink(self.gateway.root / "active").removeprefix("snapshots/")
@@ -226,7 +226,7 @@ class Scene:
             assert listing == snapshot_listing(NEW, FORMER, NEW)
 
 
-# What an update comes to when something in it fails. In the log, "@" stands for the gateway's directory, and "URL" for
+# The results of an update in which something fails. In the log, "@" stands for the gateway's directory, and "URL" for
 # the address of the mirror's.
 
 
@@ -265,7 +265,7 @@ def unflushed(what):
 
 
 def outcome_of(scene, process, log=None):
-    """What the update has left; with its log, where that has been taken already."""
+    """What the update has left; with its log, if that was read already."""
     gateway = scene.gateway
     url = f"{gateway.settings['mirror_base_url']}/{gateway.settings['mirror_subdir']}"
     log = gateway.take_log() if log is None else log
@@ -274,7 +274,7 @@ def outcome_of(scene, process, log=None):
 
 
 def is_failed_transfer(outcome):
-    """Whether just one transfer failed, of whichever file and for whatever reason."""
+    """Whether just one transfer failed, of any file and for any reason."""
     for file, log, status in (
         ("hit.ini", (), f"{FORMER}/defId fetch failed"),
         (f"c-{NEW}.ini", (), f"{FORMER}/complete-info fetch failed for {NEW}"),

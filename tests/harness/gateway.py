@@ -15,7 +15,7 @@ DAEMON = BUILD / "zel_quorin_updater"
 for proxy in ("http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"):
     os.environ.pop(proxy, None)  # libcurl would send the requests to this machine's servers through it
 SANITIZED = b"__asan_init" in DAEMON.read_bytes()
-# What to put before a command that might go by the default settings: they lead to a mirror elsewhere and to a tree of
+# A prefix for a command that might use the default settings: they name a mirror elsewhere and a tree of
 # the machine's own.
 APART = ["unshare", "--mount", "--net", "sh", "-ec", 'mount -t tmpfs tmpfs /usr/local; exec "$@"', "sh"]
 STARTED = "info zel_quorin_updater loop started (interval={}s jitter={}s)"
@@ -42,13 +42,13 @@ def configuration(settings):
 
 
 def preloading(*libraries):
-    """A value of LD_PRELOAD. Without one of them the dynamic linker goes on, and the daemon may never end."""
+    """A value of LD_PRELOAD. When a library is missing, the dynamic linker continues, and the daemon may never end."""
     missing = [name for name in libraries if not (BUILD / name).exists()]
     assert not missing, f"not in {BUILD}: {', '.join(missing)}; all is built with cmake -DZQU_BUILD_TESTS=ON"
     return " ".join(libraries)
 
 
-# A /dev of the namespace's own, with what lies in the directory and the few devices that the libraries open.
+# A /dev of the namespace's own, with the directory's files and the few devices that the libraries open.
 _ENTER_DEV = """
 for device in null zero random urandom; do cp -a /dev/$device "$1"; done
 mount --bind "$1" /dev
@@ -58,7 +58,7 @@ exec "$@"
 
 
 def in_own_dev(directory):
-    """What to put before a command that finds that directory's entries in /dev, in its own mount namespace."""
+    """The prefix for a command that finds that directory's entries in /dev, in its own mount namespace."""
     return ["unshare", "--mount", "sh", "-ec", _ENTER_DEV, "sh", directory]
 
 
@@ -74,7 +74,7 @@ def wait_for(condition, process=None):
 
 @functools.cache
 def may_mount():
-    """Whether this process may make mount and network namespaces, and mount in them; not every root may."""
+    """Whether this process may make mount and network namespaces, and mount in them; some roots may not."""
     tried = ["unshare", "--mount", "--net", "mount", "-t", "tmpfs", "tmpfs", "/mnt"]
     return os.geteuid() == 0 and subprocess.run(tried, capture_output=True).returncode == 0
 
@@ -104,7 +104,7 @@ class Gateway:
             shims.insert(0, "libzqu_call_shim.so")
             result["ZQU_CALL_FILE"] = str(self.log_path)
         result["LD_PRELOAD"] = preloading(*shims)
-        result["LD_LIBRARY_PATH"] = str(BUILD)  # the path may hold a blank, which would part it in LD_PRELOAD
+        result["LD_LIBRARY_PATH"] = str(BUILD)  # the path may hold a blank, which would split it in LD_PRELOAD
         # A sanitizer's run-time library cannot come first when something is preloaded.
         result["ASAN_OPTIONS"] = os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
         return result
@@ -118,7 +118,7 @@ class Gateway:
         return subprocess.run([*prefix, DAEMON, *arguments], env=variables, **options)
 
     def run_once(self, prefix=(), **environment):
-        """Runs one cycle, which must end well and print nothing; returns its log lines."""
+        """Runs one cycle, which must succeed and print nothing; returns its log lines."""
         process = self.run("--config", self.config_path, "--once", prefix=prefix, **environment)
         assert (process.returncode, process.stdout, process.stderr) == (0, "", "")
         return self.take_log()
@@ -144,7 +144,7 @@ class Gateway:
         return json.loads(self.status_path.read_text())
 
     def expect_status(self, version, error=""):
-        """Compares the whole status file, but for the time of the check."""
+        """Compares the whole status file, except the time of the check."""
         found = self.status_path.read_text(errors="surrogateescape")
         checked = json.loads(found, strict=False)["last_check_epoch"]
         expected = status_text(version, checked, error, self.settings["engine_version"])

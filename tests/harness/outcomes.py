@@ -48,7 +48,7 @@ def tree(root, modes=False):
 
 
 def snapshot_listing(active, *versions, flavor="v2"):
-    """The listing of a definitions root that holds just these whole snapshots."""
+    """The listing of a definitions root with exactly these whole snapshots."""
     names = ["snapshots/"] + ([f"active -> snapshots/{active}"] if active else [])
     for version in versions:
         names.append(f"snapshots/{version}/")
@@ -62,7 +62,7 @@ def published(version, former="none"):
 
 
 def escaped(text):
-    """As a text stands in the status file."""
+    """A text as the status file has it."""
     return "".join(_ESCAPES.get(char, char) for char in text)
 
 
@@ -79,10 +79,10 @@ def status_text(version, checked, error="", engine=ENGINE):
 
 @dataclass(frozen=True)
 class Outcome:
-    """What a run leaves; another is expected to be equal."""
+    """What a run leaves; comparable with another."""
 
     log: tuple
-    status: str  # "version/error" of a whole file, or a word for what it is otherwise
+    status: str  # "version/error" of a whole file, or another word
     listing: frozenset  # of the definitions root
     exit_status: int = 0
 
@@ -92,7 +92,7 @@ class Outcome:
         return f"  exit status {self.exit_status}, status {self.status}\n  log:{lines}\n  definitions root:{names}"
 
     def expect(self, *wanted, directory):
-        """Requires one of these outcomes; directory is where to look at what is left."""
+        """Requires one of these outcomes; the message of a failure names the directory."""
         if self not in wanted:
             expected = "\nor\n".join(map(str, wanted))
             raise AssertionError(f"expected\n{expected}\ncame\n{self}\nthe files are in {directory}")

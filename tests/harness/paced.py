@@ -17,7 +17,7 @@ def _default_signals():
 
 
 class PacedDaemon:
-    """The loop under the pace shim. Unless gates are left out, it stands still before its first cycle."""
+    """The loop under the pace shim. With gates, it stops before its first cycle."""
 
     def __init__(self, gateway, second_ns=0, gates=True, prefix=(), **extra):
         events, ours = os.pipe()
@@ -63,7 +63,7 @@ class PacedDaemon:
         return [line.rstrip("\n") for line in self.events]
 
     def until_gate(self):
-        """The events until the daemon stands still."""
+        """The events until the daemon waits at a gate."""
         events = []
         while True:
             event = self.next_event()
@@ -74,7 +74,7 @@ class PacedDaemon:
             events.append(event)
 
     def run_until(self, reading):
-        """Lets the daemon run until it stands still before it reads the clock for the time of that number."""
+        """Lets the daemon run until it waits before that reading of the clock."""
         os.write(self.gates, struct.pack("q", reading))
 
     def send(self, number):

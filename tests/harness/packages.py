@@ -11,8 +11,8 @@ from builds import REPOSITORY
 EPOCH = 1700000000
 RELEASE = re.search(r'VERSION_ID="(\d+)"', pathlib.Path("/etc/os-release").read_text())[1]
 NEXT = "+next"
-# Works on the sources at their place, and goes on with the build that is there, but changes neither: what is written
-# there goes to a file system in memory that is laid over them. Makes the packages, the same under other circumstances,
+# Uses the sources and their build in place, but changes neither: what is written
+# there goes to a file system in memory above them. Makes the packages, the same under other circumstances,
 # and those of a higher version with another configuration and another unit.
 _MAKE = """
 sources=$1 output=$2

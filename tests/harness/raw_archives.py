@@ -1,4 +1,4 @@
-"""CABs and ZIPs put together field by field, so that a test can have any of them wrong."""
+"""CABs and ZIPs made field by field, so that a test can make any field wrong."""
 
 import dataclasses
 import stat
@@ -14,7 +14,7 @@ UNIX = 3  # the "made by" system of a ZIP entry whose mode counts
 
 @dataclasses.dataclass
 class Entry:
-    """An entry; of a ZIP's fields, whatever is given replaces what follows from the content."""
+    """An entry. A given field of a ZIP replaces the one that follows from the content."""
 
     name: bytes | str
     content: bytes = b""
@@ -46,7 +46,7 @@ class Entry:
 
 
 def release(text):
-    """The entries of a release as small as it gets; the index comes first, as zqu-mirror writes it."""
+    """The entries of the smallest release; the index comes first, as zqu-mirror writes it."""
     files = {name: f"{name} {text}\n".encode() for name in definition_names()}.items()
     return [Entry(name, content) for name, content in (index_of(files), *files)]
 
@@ -99,7 +99,7 @@ def cab_data(data, size=None, checksum=True):
 
 
 def cab_bytes(entries, blocks=None, method=0, flags=0, extra=b"", checksum=True):
-    """A CAB of one folder. Blocks (the CFDATA) default to one with all contents, stored. The extra bytes stand behind
+    """A CAB of one folder. Blocks (the CFDATA) default to one with all contents, stored. The extra bytes follow
     the header, as flags say."""
     data = b"".join(entry.content for entry in entries)
     blocks = [cab_data(data, checksum=checksum)] if blocks is None else blocks

@@ -17,7 +17,7 @@ def definition_names(flavor="v2"):
 
 
 def definitions(version, size=1000, flavor="v2"):
-    """Two files of about that size: one line over and over, which names the release."""
+    """Two files of about that size: one repeated line, which names the release."""
     return {name: f"{name} of {version}\n".encode() * (size // 20) for name in definition_names(flavor)}
 
 

@@ -1,4 +1,4 @@
-"""A server that does what a test's script says, byte for byte: answers of every kind, and every way to break off.
+"""A server that does what a test's script says, byte for byte: answers of every kind, and every way to stop early.
 
 A script maps the name of a requested file to steps. A step is bytes to send, or a function that is given the
 connection: one of those below, or a test's own. After the last step the server awaits the next request on the same
@@ -46,19 +46,19 @@ def reset(connection):
 
 
 def stall(connection):
-    """Says nothing more until the client hangs up."""
+    """Sends nothing more until the client closes the connection."""
     while connection.socket.recv(4096):
         pass
     raise ConnectionAbortedError
 
 
 def receive(connection):
-    """Takes what the client has sent, and does nothing with it."""
+    """Reads what the client has sent, and ignores it."""
     connection.socket.recv(65536)
 
 
 def flood(data, interval_s=0):
-    """Sends the data again and again until the client hangs up: as fast as it takes it, or at an interval."""
+    """Sends the data again and again until the client closes the connection: as fast as it reads, or at an interval."""
 
     def step(connection):
         while not select.select([connection.socket], [], [], interval_s)[0]:
@@ -115,7 +115,7 @@ class ScriptedServer:
     def __init__(self, context=None, address="127.0.0.1", port=0):
         self.context = context
         self.script = {}  # file name: steps, or a function of no arguments that returns them
-        self.opening = None  # steps in the place of the TLS handshake; the connection ends with them
+        self.opening = None  # steps instead of the TLS handshake; the connection ends with them
         self.requests = []  # the head of every request, as lines
         self.connections = 0
         self.mistakes = []  # exceptions that no connection explains: the test itself is wrong

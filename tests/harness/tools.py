@@ -36,7 +36,7 @@ class Tool:
         return done.returncode, done.stdout.decode(), done.stderr.decode()
 
     def copied_to(self, directory):
-        """A copy that everybody who may enter the directory can run."""
+        """A copy that every user of the directory can run."""
         copy = Tool(self.name)
         copy.path = directory / self.name
         copy.path.write_bytes(self.path.read_bytes())
@@ -48,7 +48,7 @@ class Tool:
         return self(*words, prefix=["sh", "-c", 'exec "$@" >/dev/full', "sh"])[::2]
 
     def on_terminal(self, stream, *words, prefix=(), **options):
-        """The exit status, and what is written to a terminal in the place of one stream."""
+        """The exit status, and the output of one stream that is a terminal."""
         master, slave = pty.openpty()
         streams = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL, stream: slave}
         process = subprocess.Popen([*prefix, self.path, *words], **streams, **options)
@@ -63,8 +63,8 @@ class Tool:
         return process.wait(timeout=60), shown
 
     def measured(self, *words):
-        """What a run ends with, and the most memory it had, in MB. By time(1): a child of this process would begin with
-        what this one has."""
+        """The result of a run, and its peak memory in MB. By time(1): a child of this process would begin with the
+        memory of this one."""
         with tempfile.NamedTemporaryFile("r") as used:
             result = self(*words, prefix=["time", "--quiet", "--format=%M", f"--output={used.name}"])
             return result, int(used.read()) / 1024
@@ -79,7 +79,7 @@ class Tool:
 
 
 def check_metrics(text):
-    """The samples of an exposition, by name and labels, once promtool has found no fault with it."""
+    """The samples of an exposition, by name and labels, after promtool has accepted it."""
     done = subprocess.run(["promtool", "check", "metrics"], input=text, capture_output=True, text=True)
     assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
     return dict(line.rpartition(" ")[::2] for line in text.splitlines() if not line.startswith("#"))
@@ -91,7 +91,7 @@ def under_strace():
 
 
 class Stopped:
-    """A program that stands still at its first call of a kind on a path."""
+    """A program that stops at its first call of a kind on a path."""
 
     def __init__(self, command, path, call="openat", env=None):
         with tempfile.TemporaryDirectory() as directory:
@@ -111,7 +111,7 @@ class Stopped:
             self.process.communicate()
 
     def finish(self, *signals):
-        """Sends the signals, and lets the program go on to its end."""
+        """Sends the signals, and lets the program run to its end."""
         for number in (*signals, signal.SIGCONT):
             self.process.send_signal(number)
         out, err = self.process.communicate(timeout=120)
@@ -120,7 +120,7 @@ class Stopped:
 
 def cases(table):
     """The cases of a table in text: lines, and what is expected of them, or "nothing". That is in the second column, or
-    indented below. An expectation goes on where it is indented further."""
+    indented below. A line that is indented further continues an expectation."""
     table = re.sub(r"^([^ \n].*?) {4,}", r"\1\n    ", table, flags=re.MULTILINE)
     found = re.findall(r"((?:^[^ \n].*\n)+)((?:^    .*\n)+)", table, re.MULTILINE)
     assert "".join(lines + expected for lines, expected in found) == table[1:]

@@ -1,4 +1,4 @@
-"""Archives that are wrong in any one byte, or end anywhere, while their digest is announced as it is.
+"""Archives that are wrong in any one byte, or end anywhere, but match their announced digest.
 
 Whatever libarchive makes of them: the daemon goes on, one whole release is in service, and the outcome is one of those
 that an archive may have, with its log lines, its status and its tree."""
@@ -41,7 +41,7 @@ def bytes_replaced(data, thorough):
 
 
 def outcomes_of(trial, archives, record_property):
-    """What became of the archives, as the status says; every fifth goes to a sanitized daemon, which is slow."""
+    """The results of the archives in the status; every fifth goes to a sanitized daemon, which is slow."""
     trial.modes = False  # they may be damaged too
     trial.before = trial.tree()
     whole = {entry.name.decode(): entry.content for entry in release(NEW)[1:]}

@@ -1,4 +1,4 @@
-"""What an archive may hold besides two definition files and their index, while its digest is announced as it is.
+"""What an archive may hold besides two definition files and their index, with a digest that matches.
 
 Each case says what libarchive makes of such an archive, by what the daemon then logs, says and leaves behind: a reason
 to refuse it, or the snapshot that goes into service. Beside the definitions root lies a directory that no archive may
@@ -66,7 +66,7 @@ def check(trial, *cases):
     trial.check_all(trial.archive_case(*case) for case in cases)
 
 
-# Types and modes of a ZIP's entries. A mode is applied as it is, whatever the daemon's umask.
+# Types and modes of a ZIP's entries. A mode is applied unchanged, without the daemon's umask.
 
 as_root = pytest.mark.skipif(os.geteuid() != 0, reason="only the superuser can use what has such a mode")
 FILE_MODES = {
@@ -108,7 +108,7 @@ def test_unindexed_definition_of_a_special_type_is_published(trial, special):
 
 
 def test_index_of_a_special_type_checks_nothing(trial, special):
-    """The definitions are taken as they are, as if the archive held no index."""
+    """The definitions are accepted unchecked, as if the archive held no index."""
     _, *definitions = changed(1, content=b"tampered")
     check(trial, *(([changed(0, mode=mode)[0], *definitions], TAMPERED) for mode in [*special, LINK]))
 
@@ -157,7 +157,7 @@ def test_index_that_is_a_link_is_read_from_where_it_leads(trial, beside):
 
 
 def test_entry_in_place_of_the_staging_directory_is_refused(trial, beside):
-    """The archive itself lies in that directory, which therefore cannot be replaced."""
+    """The archive itself is in that directory, which therefore cannot be replaced."""
     names = ("", ".", "..", "a/.", "a/..")
     entries = [Entry(name, bytes(beside), mode) for name in names for mode in (REGULAR, LINK)]
     check(
@@ -168,8 +168,8 @@ def test_entry_in_place_of_the_staging_directory_is_refused(trial, beside):
 
 
 def test_archive_that_lies_elsewhere_may_have_it_replaced(trial, beside):
-    """A mirror that announces such a name, and such an archive, reaches whatever the daemon may write to: the entries
-    land where the link leads, and what else lies there is swept."""
+    """A mirror that announces such a name, and such an archive, reaches all that the daemon may write to: the entries
+    go where the link points, and all else there is removed."""
     archive = zip_bytes([link("", beside), *new()])
     trial.server.script = {**Release(NEW, archive=archive, archive_name="../x.zip").script, "/x.zip": [reply(archive)]}
     assert trial.gateway.run_once() == published(NEW, OLD)
@@ -235,18 +235,18 @@ def test_entries_behind_a_warning_are_not_there(trial):
     check(trial, ([*definitions, Entry("ä", b"x", fields=UTF_8), index], TAMPERED))
 
 
-# Shapes: what stands around the entries.
+# Shapes: what is around the entries.
 
 
 def zip64(size, packed_size):
-    """A leading entry whose sizes stand in a ZIP64 field, as they are given."""
+    """A leading entry with the given sizes in a ZIP64 field."""
     extra = struct.pack("<HHQQ", 1, 16, size, packed_size)
     fields = {"size": 2**32 - 1, "packed_size": 2**32 - 1, "local_extra": extra, "central_extra": extra}
     return new(first=[Entry("x", b"x", fields=fields)])
 
 
 CAB, ZIP = cab_bytes(new()), zip_bytes(new())
-STREAMED = snapshot(mode="100664")  # without the modes, which stand at a ZIP's end
+STREAMED = snapshot(mode="100664")  # without the modes, which are at a ZIP's end
 SHAPES_TAKEN = {
     "cab_behind_a_program": (b"MZ" + b"x" * 70_000 + CAB, IN_CAB),
     "cab_before_a_zip": (CAB + zip_bytes(release("other")), IN_CAB),

@@ -10,16 +10,16 @@ BAD_ENCODING = "Unrecognized or bad HTTP Content or Transfer-Encoding"
 ACCEPTED, UNREADABLE = "accepted", "unreadable"
 NO_HTTP = (UNSUPPORTED, WEIRD)
 
-# Each function gives the steps of answers in the place of one with this content, and what comes of them: a tuple where
+# Each function gives the steps of answers instead of one with this content, and their outcome: a tuple where
 # releases of libcurl differ.
 
 
 def statuses(content):
-    """400 and above are refused, and any other is taken for good; a redirect to nowhere is no redirect."""
+    """400 and above are refused, all others accepted; a redirect without a target is no redirect."""
     outcomes = {
         **{f"{code} x": SERVERS_REFUSAL for code in (400, 401, 404, 407, 429, 499, 500, 503, 600, 999)},
         **{f"{code} x": ACCEPTED for code in (200, 203, 206, 299, 300, 301, 302, 303, 307, 308, 399)},
-        **{f"{code} x": UNREADABLE for code in (204, 304)},  # these two have no body, whatever comes
+        **{f"{code} x": UNREADABLE for code in (204, 304)},  # these two never have a body
         **{status: NO_HTTP for status in ("000 x", "99 x", "1000 x", "abc", "")},
     }
     return [([reply(content, status), finish], outcome) for status, outcome in outcomes.items()]
@@ -74,7 +74,7 @@ def lengths(content):
 
 
 def chunks(content):
-    """A length is of no account beside them."""
+    """A length beside them is ignored."""
     size, end, whole = len(content), chunk(b""), chunk(content)
     bodies = {
         whole + end: ACCEPTED,

@@ -1,4 +1,4 @@
-"""Answers without end: what bounds them besides the time-out is the limits that the surroundings set."""
+"""Answers without end: the time-out stops them, and so do limits from outside."""
 
 import signal
 
@@ -8,7 +8,7 @@ from release import HIT
 from scripted_server import flood, head
 from trials import NEW, SNAPSHOTS, without
 
-# Address space that a check needs many times less of, and that a flood fills within a fraction of a second.
+# Address space: many times what a check needs, and filled by a flood within a fraction of a second.
 MEMORY = ["prlimit", f"--as={256 << 20}", "--core=0"]
 FILE_SIZE = ["prlimit", f"--fsize={1 << 20}", "--core=0"]
 unlimited_address_space = pytest.mark.skipif(SANITIZED, reason="a sanitizer needs terabytes of address space")
@@ -44,7 +44,7 @@ def test_limit_on_file_sizes_otherwise_ends_the_process(trial, endless_archive):
 
 @unlimited_address_space
 def test_endless_ini_under_a_limit_of_memory_ends_one_check(trial, endless_ini):
-    """The process is aborted, since nothing catches the failed allocation: no status, but nothing touched either."""
+    """The process is aborted, since nothing catches the failed allocation: no status, and nothing changed."""
     before = trial.gateway.status_path.read_bytes()
     process = trial.gateway.run("--config", trial.gateway.config_path, "--once", prefix=MEMORY)
     assert process.returncode == -signal.SIGABRT

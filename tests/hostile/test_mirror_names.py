@@ -1,5 +1,5 @@
-"""Ids and archive names that a mirror should not use. They are not screened: this is what they do, below the test's own
-directory."""
+"""Ids and archive names that a mirror should not use. The daemon does not check them. These tests show what they do,
+below the test's own directory."""
 
 import posixpath
 
@@ -106,7 +106,7 @@ def not_found(trial, name="antivir-v2-1002.cab"):
 
 
 def test_id_that_climbs_out_removes_what_it_names_if_it_fails(trial, precious):
-    """The staging directory is removed whole, whatever it held before."""
+    """The staging directory is removed with all that it held before."""
     script = announced(trial, "../../../outside", answer=NOT_FOUND)
     tree = without(trial.before, "outside")
     expect(trial, trial.unstaged(script, *not_found(trial)), tree)
@@ -154,7 +154,7 @@ def test_archive_named_like_the_index_is_taken_unchecked(trial):
 
 
 def test_archive_name_that_climbs_out_removes_what_it_names(trial, precious):
-    """The archive takes the file's place, and is removed when it has been unpacked."""
+    """The archive replaces the file, and is removed when it has been unpacked."""
     script = announced(trial, name="../../../../precious")
     expect_published(trial, script, NEW, without(trial.after(), "precious"))
 

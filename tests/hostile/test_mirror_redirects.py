@@ -17,7 +17,7 @@ def aside(trial):
 
 
 def check(trial, outcomes):
-    """Answers in the place of the archive, which lies aside as well."""
+    """Answers instead of the archive, which has a second path."""
     cases = [trial.case("archive", [answer], outcome) for answer, outcome in outcomes.items()]
     for case in cases:
         case.script.update(aside(trial))
@@ -50,7 +50,7 @@ def test_certificate_is_checked_after_a_redirect_too(trial, authority):
 
 
 def test_redirect_to_plain_http_is_followed(trial):
-    """From there on anybody on the way can write what the gateway reads."""
+    """From there on anyone on the way can change what the gateway reads."""
     with ScriptedServer() as plain:
         plain.script = aside(trial)
         check(trial, {moved(f"{plain.base()}/aside"): "accepted"})
@@ -61,7 +61,7 @@ SCHEMES = ("dict", "gopher", "imap", "ldap", "pop3", "rtsp", "scp", "sftp", "smb
 
 
 def test_redirect_to_another_scheme_is_refused(trial):
-    """A file of this machine cannot be had by a redirect, nor can another protocol be spoken but FTP."""
+    """A redirect reaches no file of this machine, and no other protocol except FTP."""
     secret = trial.directory / "secret"
     secret.write_bytes(trial.new.archive)
     trial.before = trial.tree()

@@ -43,7 +43,7 @@ DRIPS = {
 
 @pytest.mark.parametrize("request_kind, start, drip", DRIPS.values(), ids=DRIPS)
 def test_answer_that_drips_too_long_ends_with_the_time_out(impatient, request_kind, start, drip):
-    """All comes in good time, but the time-out is for the whole. What came until then is let go, or removed."""
+    """Each part arrives in time, but the time-out is for the whole. What arrived before is dropped or removed."""
     impatient.server.script[impatient.name(request_kind)] = [start, flood(drip, interval_s=0.02)]
     impatient.refuse(request_kind, TIMED_OUT)
 

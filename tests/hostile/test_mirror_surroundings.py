@@ -1,4 +1,4 @@
-"""What the machine around the daemon can do to its conversation with the mirror: the environment and local users."""
+"""What the environment and local users can do to the daemon's requests to the mirror."""
 
 from outcomes import published, status_text
 from scripted_server import ScriptedServer, finish, reply
@@ -12,7 +12,7 @@ def run_once(trial, **environment):
 
 
 def test_proxy_of_the_environment_is_asked_and_not_believed(trial):
-    """libcurl looks at it unasked. TLS is spoken with the mirror, through the proxy, which has no certificate."""
+    """libcurl uses it by itself. TLS runs between daemon and mirror, through the proxy, which has no certificate."""
     target = f"127.0.0.1:{trial.server.port}"
     with ScriptedServer() as proxy:
         proxy.script[target] = [b"HTTP/1.1 200 OK\r\n\r\n", reply(b"defId=666"), finish]
@@ -31,7 +31,7 @@ def test_environment_may_have_the_keys_of_tls_written_down(trial):
 
 
 def test_files_of_the_users_home_are_not_read(trial):
-    """Neither credentials nor options for other programs count here, and requests tell nothing about the gateway."""
+    """Neither credentials nor options for other programs count here, and requests say nothing about the gateway."""
     (trial.directory / ".netrc").write_text("machine 127.0.0.1 login user password secret\n")
     (trial.directory / ".curlrc").write_text("insecure\nuser-agent = other\n")
     trial.before = trial.tree()
@@ -60,7 +60,7 @@ def test_files_changed_in_service_are_not_noticed(trial):
 
 
 def test_status_is_written_through_a_link(trial):
-    """So its directory belongs to the daemon's user alone."""
+    """So only the daemon's user owns its directory."""
     victim = trial.directory / "victim"
     victim.write_text("precious " * 1000)
     trial.gateway.status_path.unlink()

@@ -148,7 +148,7 @@ def test_file_without_the_mirrors_authority_refuses_it(trial):
 
 
 def test_configured_plain_http_is_spoken(trial):
-    """Nothing insists on TLS but the configuration's own https."""
+    """Only the https of the configuration demands TLS."""
     trial.gateway.settings["mirror_base_url"] = f"http://127.0.0.1:{trial.server.port}"
     trial.server.context = None
     trial.accept()

@@ -1,4 +1,4 @@
-"""What `cmake --install` puts where; tests/confinement/ runs what it installs."""
+"""What `cmake --install` installs, and where; tests/confinement/ runs it."""
 
 import pytest
 from booted_gateway import CONFIG, UNIT, install

@@ -1,5 +1,5 @@
 """zqu-status and what ships for monitoring, in a booted gateway: the state of the service, and the timer for a node
-exporter with its own user and all of its confinement."""
+exporter with its own user and full confinement."""
 
 import json
 import re
@@ -32,7 +32,7 @@ def look(gateway):
 
 NO_UPDATES = "the definitions get no updates"
 STOPPED = f"service_stopped: {UNIT} is stopped: {NO_UPDATES}"
-# What is done to the service; its state; the finding; its command, which heals it; the alert that is raised.
+# The action on the service; its state; the finding; its command, which heals it; the alert.
 STATES = {
     "running": (":", "active (running), enabled", "", "", ""),
     "stopped": ("systemctl stop $unit", "inactive (dead), enabled", STOPPED, "start", "ZelQuorinServiceDown"),
@@ -201,7 +201,7 @@ def test_unreachable_bus_is_unknown_only_when_asked_for(serving):
 
 
 def test_silent_bus_is_given_up(serving):
-    """Its connections are accepted, and nobody reads what they say."""
+    """Connections are accepted, and nothing is read from them."""
     serving.run("systemd-run", "--unit", "silent", "--socket-property=ListenStream=/run/silent", "sleep", "300")
     try:
         command = ["env", "DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/silent", "timeout", "40", "/usr/local/bin/zqu-status"]
@@ -248,7 +248,7 @@ def test_timer_writes_the_metrics_as_the_confined_user(gateway):
 
 
 def lines_about(gateway, action):
-    """What the journal of the whole system holds of the status unit, and its timer, after an action."""
+    """The lines about the status unit and its timer in the journal after an action."""
     gateway.run("sh", "-ec", "journalctl --sync; journalctl --quiet --cursor-file /run/status-cursor >/dev/null || :")
     action()
     command = (

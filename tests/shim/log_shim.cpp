@@ -1,4 +1,4 @@
-// Stands in for syslog(3) in tests: appends one line for each call to the file that ZQU_LOG_FILE names. Preloaded into
+// Replaces syslog(3) in tests: appends one line for each call to the file that ZQU_LOG_FILE names. Preloaded into
 // the real programs, linked into the unit tests.
 //
 //   open <ident> <options> <facility>

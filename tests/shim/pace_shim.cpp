@@ -6,7 +6,7 @@
 //   time <epoch>                              the clock was read
 //   sleep <seconds> <nanoseconds> same|other  a sleep begins; whether the time left goes into the same record
 //   interrupted <seconds> <nanoseconds>       a signal broke it off, and so much is left
-//   gate <bytes>                              the daemon waits to be let on; what it holds in allocated memory
+//   gate <bytes>                              the daemon waits for permission; what it holds in allocated memory
 //
 // The clock starts at ZQU_PACE_EPOCH and goes on by a second with every reading and with every sleep that ends.
 // ZQU_PACE_SECOND_NS says how long a second of sleep lasts, in nanoseconds; 0 makes sleeps end at once.

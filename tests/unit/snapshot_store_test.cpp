@@ -24,7 +24,7 @@ protected:
     [[nodiscard]] std::string snapshots() const { return root() + "/snapshots"; }
     [[nodiscard]] std::string link() const { return root() + "/active"; }
 
-    // Publishes a version, which has to leave the link and nothing else beside the snapshots.
+    // Publishes a version, which must leave the link and nothing else beside the snapshots.
     void expect_published(SnapshotStore& store, const std::string& version) {
         EXPECT_TRUE(store.publish(version));
         EXPECT_EQ(fs::read_symlink(link()), "snapshots/" + version);
@@ -100,7 +100,7 @@ TEST_F(SnapshotStoreTest, ActiveThatIsNoLinkIsNoVersion) {
 TEST_F(SnapshotStoreTest, FirstPublicationMakesARelativeLink) {
     SnapshotStore store(cfg_);
     expect_published(store, "100");
-    EXPECT_EQ(listing(root()), (Lines{"active -> snapshots/100", "snapshots/"}));  // dangling, and no matter
+    EXPECT_EQ(listing(root()), (Lines{"active -> snapshots/100", "snapshots/"}));  // dangling, which does not matter
     EXPECT_EQ(store.active_version(), "100");
 }
 

@@ -16,7 +16,7 @@ constexpr std::time_t first_check = 1'800'000'000;
 using Waits = std::vector<std::uint32_t>;
 
 // Runs the loop against a server that sees each cycle begin: it counts the sleeps between two requests of the hit INI
-// and decides what that cycle will meet.
+// and decides what that cycle will find.
 class RunLoopTest : public LoggedTest {
 protected:
     RunLoopTest() : cfg_(mirror_.config(dir_.path())) {
@@ -37,8 +37,8 @@ protected:
                          [this](const httplib::Request&, httplib::Response& response) { answer(response); });
     }
 
-    // Runs one cycle for each element, which says whether it ends in an exception, and a last one in whose midst the
-    // stop flag is raised. Returns the seconds waited after each but the last.
+    // Runs one cycle for each element, which says whether it ends in an exception, and a last one that raises the
+    // stop flag. Returns the seconds waited after each but the last.
     Waits waits_after(const std::vector<bool>& throwing) {
         throwing_ = throwing;
         Updater(cfg_).run_loop(stop_);
@@ -97,7 +97,7 @@ protected:
     Config cfg_;
     FakeClock clock_;
     volatile std::sig_atomic_t stop_ = 0;
-    std::function<void()> on_check = [] {};  // called in the midst of every cycle
+    std::function<void()> on_check = [] {};  // called during every cycle
     std::vector<bool> throwing_;
     std::size_t cycles_ = 0;
     std::size_t slept_ = 0;
