@@ -33,7 +33,7 @@ def plotter():
 def compact(svg):
     """The picture in tenths of a point, with no line ends in paths and no blanks before tags: much smaller."""
     svg = re.sub(r"(?<!version=\")\b\d+\.\d+", lambda number: f"{float(number[0]):.1f}".removesuffix(".0"), svg)
-    return re.sub(r" *\n +| *\n(?=[LMz\"])", lambda end: "\n" if end[0][-1] == " " else " ", svg)
+    return re.sub(r" *\n +| *\n(?=[CLMz\"])", lambda end: "\n" if end[0][-1] == " " else " ", svg)
 
 
 class Pages:
