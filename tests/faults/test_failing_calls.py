@@ -111,7 +111,7 @@ EXPECTED = [
     ("openat", STATUS, None, None, good(status="before")),
     ("write", STATUS, None, None, good(status="empty")),
 ]
-# The standard library and libarchive try again when a signal interrupts them, but for what libarchive writes.
+# The standard library and libarchive try again when a signal interrupts them, except when libarchive writes.
 TRIED_AGAIN = [("read", r"defs/.*"), ("write", STATUS)]
 
 

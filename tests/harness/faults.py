@@ -161,7 +161,7 @@ class Scene:
         return process
 
     def go_through(self, points, check):
-        """Checks point after point; returns how many were reached, which are all but for some vague ones."""
+        """Checks point after point; returns how many were reached: all except some vague ones."""
         reached = self.try_all(points, check)
         assert len(points) - reached <= sum(point.vague for point in points) / 3
         return reached

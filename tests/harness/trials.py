@@ -94,7 +94,7 @@ class Trial:
         self.server.stop()
 
     def tree(self):
-        """All that the daemon may have written, but for the status: the test's whole directory."""
+        """All that the daemon may have written, except the status: the test's whole directory."""
         return without(tree(self.directory, self.modes), *ALWAYS_WRITTEN)
 
     def name(self, request):

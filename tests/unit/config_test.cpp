@@ -9,7 +9,7 @@
 namespace zqu::test {
 namespace {
 
-// The defaults but for one field.
+// The defaults except one field.
 template <typename Field, typename Value>
 Config with(Field field, const Value& value) {
     Config cfg;
