@@ -73,7 +73,7 @@ def test_hundred_addresses_keep_their_groups_over_restarts(servers, marked):
 
 
 def test_group_is_that_of_the_ipv4_address_or_the_ipv6_network(servers, marked):
-    """Whatever the bytes of the address are: line ends, NUL, what is not UTF-8."""
+    """For any bytes of the address: line ends, NUL, what is not UTF-8."""
     server = servers.mirror(marked.root)
     v4 = [f"10.{i}.{j}.255" for i in (0, 10, 13, 200) for j in range(0, 256, 9)]
     groups = asked(server, v4)

@@ -213,7 +213,7 @@ def test_archive_of_ours_that_nothing_names_goes_after_the_grace(own):
     own.history(40, 30)
     name = "antivir-v3-beta-c-9.zip.zst"
     own.write(name, b"x" * 5000)
-    os.utime(own.path(name), (1, 1))  # but it came a moment ago, whatever its time
+    os.utime(own.path(name), (1, 1))  # its time is old, but it came a moment ago
     assert own.prune(env={**os.environ}) == NOTHING
     line = f"{{}} {name}, which no INI names: 5000 bytes\n"
     would = own.prune("--grace", "0", "--dry-run")
@@ -228,7 +228,7 @@ def test_archive_of_ours_that_nothing_names_goes_after_the_grace(own):
 def test_archive_of_somebody_else_is_kept_and_listed(own, name):
     own.history(40, 30)
     own.write(name, b"x" * 5000)
-    own.path(cab("q")).mkdir()  # and so is a directory, whatever its name
+    own.path(cab("q")).mkdir()  # and so is a directory with the name of an archive
     lines = sorted([f"not ours, kept: {name}, 5000 bytes\n", f"not ours, kept: {cab('q')}\n"])
     assert own.prune("--grace", "0") == (0, "".join(lines) + total(0, 0, 0), "")
     assert own.files() == sorted([*own.files_of("1", "2"), name, cab("q")])
@@ -260,7 +260,7 @@ def test_what_a_killed_publish_has_left_goes(own):
 
 @pytest.mark.parametrize("command", ["prune", "publish"])
 def test_archive_that_a_killed_mirror_has_left_goes_at_once(copy, command):
-    """It has the upstream's name, which only the INI in the work directory tells apart from other files."""
+    """It has the upstream's name: only the INI in the work directory shows that it is no other file."""
     copy.publish_small("old")
     copy.upstream.publish("1001")
     archive = "antivir-v2-1001.cab"

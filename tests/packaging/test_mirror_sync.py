@@ -14,7 +14,7 @@ SAMPLES = REPOSITORY / "packaging" / "mirror"
 UNITS = "/etc/systemd/system"
 SERVICE, TIMER = "zqu-mirror-sync.service", "zqu-mirror-sync.timer"
 INSTALLED = "/usr/bin/zqu-mirror"  # by the package
-FOLDER = f"/srv/mirror/{SUBDIR}"
+DIRECTORY = f"/srv/mirror/{SUBDIR}"
 
 
 @pytest.fixture
@@ -47,9 +47,9 @@ def sync(mirror, check=True):
 
 
 def expect_copy_of(mirror, release):
-    assert mirror.path(f"{FOLDER}/{HIT}").read_text() == f"[Current]\ndefId = {release.version}\n"
+    assert mirror.path(f"{DIRECTORY}/{HIT}").read_text() == f"[Current]\ndefId = {release.version}\n"
     for name, content in release.files.values():
-        copy = mirror.path(f"{FOLDER}/{name}")
+        copy = mirror.path(f"{DIRECTORY}/{name}")
         assert name == HIT or copy.read_bytes() == content
         assert copy.stat().st_mode & 0o777 == 0o644
 
@@ -66,11 +66,11 @@ def test_timer_starts_the_service_which_copies_each_release(mirror):
     sync(mirror)
     said = ["nothing new: 1002 is current", "removed in all: releases 0, leftovers 0, bytes 0"]
     assert mirror.journal(SERVICE)[-2:] == said
-    before = mirror.listing(FOLDER)
+    before = mirror.listing(DIRECTORY)
     mirror.server.script = {}
     assert sync(mirror, check=False) == 1
     assert mirror.show(SERVICE, "Result") == "exit-code"
-    assert mirror.listing(FOLDER) == before
+    assert mirror.listing(DIRECTORY) == before
 
 
 def test_advance_service_advances_with_the_same_confinement(mirror):

@@ -12,7 +12,6 @@ from administrator import DESK, Administrator
 from booted_gateway import CONFIG, ROOT, UNIT
 from cryptography.hazmat.primitives.serialization import load_pem_private_key
 from mirror_tool import DAY, SUBDIR
-from mirrors_page import CONFIGURATIONS
 from pages import blocks, scripts, section
 from release import HIT, definition_names, definitions, hit_ini, info_name, sha256
 from signing import SigningKey
@@ -34,21 +33,18 @@ class Site(Administrator):
         self.do("Signed releases")
         self.publish("1004")
         self.do("Certificate")
-        split = CONFIGURATIONS[0].replace("192.0.2.7 first;", "127.0.0.1 first;")
-        server = CONFIGURATIONS[1]
+        edits = "sed -i 's/192.0.2.7 first;/127.0.0.1 first;/' /etc/nginx/conf.d/zqu-split.conf\n"
         if not Path("/proc/net/if_inet6").exists():
-            server = server.replace("listen [::]:443 ssl;", "")
-        for path, text in zip(re.findall("`(/etc/nginx/.*?)`", section(PAGE, "Web server")), (split, server)):
-            gateway.put(path, text)
-        self.do("Web server")
+            edits += "sed -i '/listen .::/d' /etc/nginx/sites-enabled/mirror\n"
+        self.do("Web server", **{"nginx -t": f"{edits}nginx -t"})
         self.do("The first release and the timer", **{UPSTREAM: f"file://{RELEASES}"})
         assert gateway.state(TIMER) == "active"
         gateway.run("systemctl", "stop", TIMER)  # the test is the clock
         self.do("Gateways")
 
-    def do(self, heading, **changes):
-        """Does what the first block below a heading says, changed for this machine; returns what was said."""
-        script = scripts(PAGE, heading)[0]
+    def do(self, heading, number=0, **changes):
+        """Runs a block below a heading, the first one by default, changed for this machine; returns the output."""
+        script = scripts(PAGE, heading)[number]
         for before, after in changes.items():
             assert before in script
             script = script.replace(before, after)
@@ -58,7 +54,7 @@ class Site(Administrator):
         """The publisher's command on the page, for this release."""
         for name, content in zip(("antivir.def", "aivsecon.def"), (files or definitions(id)).values()):
             self.gateway.put(f"{DESK}/{name}", content)
-        command = re.search(r"\$ (zqu-mirror publish --sign .*)", blocks(PAGE, "Signed releases")[0])[1]
+        command = scripts(PAGE, "Signed releases")[1]
         changes = {"--sign release-key.pem": key, "1004": id, RELEASES: root}
         self.sh(re.sub("|".join(changes), lambda found: changes[found[0]], command))
 
@@ -108,8 +104,7 @@ def roll_out(site, id, former):
     assert (code, removed) == (0, NOTHING_REMOVED)
     assert waits.startswith(f"waits: {id} is the candidate for 1 per cent")
     seen = [set()]
-    (script,) = scripts(PAGE, "A rollout in four steps")
-    for line in script.splitlines():
+    for line in scripts(PAGE, "Staged rollout")[0].splitlines():
         assert id in site.sh(line)
         named = site.named()
         seen.append({address for address in named if named[address] == id})
@@ -126,23 +121,26 @@ def test_site_of_the_page_rolls_out_withdraws_and_is_watched(site):
     roll_out(site, "1005", "1004")
     site.sync()
     site.expect("1006")
-    assert "1005 is current for all" in site.do("A withdrawal")
+    assert "1005 is current for all" in site.do("Staged rollout", 1)
     site.expect("1005")
     assert site.sync()[1].startswith("1006 is held")
-    again = scripts(PAGE, "A withdrawal")[1].replace(UPSTREAM, f"file://{RELEASES}")
-    assert "the candidate for 1 per cent again 1006" in site.sh(again)
-    site.do("A withdrawal")
+    again = site.do("Staged rollout", 2, **{UPSTREAM: f"file://{RELEASES}"})
+    assert "the candidate for 1 per cent again 1006" in again
+    site.do("Staged rollout", 1)
     site.expect("1005")
-    far, near, metrics = scripts(PAGE, "Watching the mirror")[0].splitlines()
+    far, near = scripts(PAGE, "Monitoring")[0].splitlines()
     for line in (far, near):
         assert site.sh(line).startswith("MIRROR OK - 1005 is current and sound")
-    assert re.search(r'^zelquorin_mirror_verdict{.*verdict="ok"} 1$', site.sh(metrics), re.MULTILINE)
+    site.sh("mkdir -p /var/lib/prometheus/node-exporter")
+    site.do("Monitoring", 1)
+    metrics = site.sh("cat /var/lib/prometheus/node-exporter/mirror.prom")
+    assert re.search(r'^zelquorin_mirror_verdict{.*verdict="ok"} 1$', metrics, re.MULTILINE)
     site.publish("1007")
     assert site.sync()[0] == 0
     site.sh("touch -d '2 days ago' /srv/mirror/*/*/*/*.ini.1")
     assert site.sh(f"{near} || :").startswith("MIRROR WARNING - the rollout of 1007 began 2 d ago")
     site.sh("zqu-mirror rollout /srv/mirror 100")
-    carry, take = scripts(PAGE, "A part without a network")[0].splitlines()
+    carry, take = scripts(PAGE, "A site without a network")[0].splitlines()
     site.sh(carry)
     site.gateway.run("systemctl", "stop", NGINX)
     assert site.sh(f"{far} || :").startswith("MIRROR CRITICAL")
@@ -308,8 +306,8 @@ def test_gateway_of_the_page_follows_ten_releases_by_deltas(site, upstream):
         seen = len(log.read_text().splitlines())
         code, *said = site.sync()
         assert code == bool(reason and not requests)
-        told = said if code else said[1:-1]
-        assert [line.endswith(reason) for line in told] == [True] * bool(reason), said
+        reasons = said if code else said[1:-1]
+        assert [line.endswith(reason) for line in reasons] == [True] * bool(reason), said
         asked = ["ini 200", "ini 200", *requests]
         site.gateway.wait_for(lambda: len(log.read_text().splitlines()) >= seen + len(asked))
         found = re.findall(r'"GET \S+\.(\w+) HTTP/1.1" (\d+) (\d+) ', "\n".join(log.read_text().splitlines()[seen:]))
