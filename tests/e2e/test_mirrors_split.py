@@ -1,4 +1,4 @@
-"""A rollout behind the page's nginx configurations: who gets the candidate, and that everybody gets an answer."""
+"""A rollout behind the page's nginx configurations: who gets the candidate, and that all get an answer."""
 
 import collections
 import contextlib
@@ -49,7 +49,7 @@ def expect_shares(groups):
 
 
 def first_of_each(groups, *counts):
-    """Of each group the first addresses, so many."""
+    """The first addresses of each group."""
     found = [[at for at in groups if groups[at] == group][:count] for group, count in zip(GROUPS, counts)]
     assert [*map(len, found)] == [*counts]
     return sum(found, [])

@@ -623,7 +623,7 @@ def test_mirror_that_fails_is_an_error_with_the_reason(online, nginx, mirror, cl
     online.expect(FAILS.format(f"{HIT} names no release"), words=["--online"])
     mirror.write(HIT, "defId = \u009b\u202e\n")
     url = f"{nginx.url()}/{mirror.subdir}/antivir-v2-c-\\xC2\\x9B\\xE2\\x80\\xAE.ini"
-    online.expect(FAILS.format(f"GET {url}: HTTP response code said error"), words=["--online"])
+    online.expect(FAILS.format(f"GET {url}: HTTP response code said error: 404"), words=["--online"])
     url = f"https://127.0.0.1:{closed_port}"
     online.write(f"mirror_base_url = {url}\nmirror_subdir = d\n")
     online.expect(FAILS.format(f"GET {url}/d/{HIT}: {NO_CONNECTION}"), words=["--online"])
@@ -654,7 +654,7 @@ def test_redirect_to_http_is_a_warning_with_the_address(conf, scripted):
         scripted.server.script = {HIT: [reply(b"", "302 Found", f"Location: {address}")]}
         warning = f" warning: redirected from https to {address}: anybody on the way can change the answer"
         plain.script = {HIT: [reply(b"", "404 Not Found")]}
-        fails = FAILS.format(f"GET {scripted.url}/defs/{HIT}: HTTP response code said error")
+        fails = FAILS.format(f"GET {scripted.url}/defs/{HIT}: HTTP response code said error: 404")
         conf.expect(fails, warning, words=["--online"])
 
 

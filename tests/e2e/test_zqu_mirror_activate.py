@@ -73,7 +73,7 @@ def test_hold_counts_for_its_flavor_alone(own):
     assert own.held() == [info_name("2")]
 
 
-# What is done to a mirror with the releases 1 and 2, and what is said of activating 1.
+# A change to a mirror with the releases 1 and 2, and the message of activate for 1.
 REFUSED = {
     "missing": (remove(info_name("1")), f"1 cannot be made current: {info_name('1')} is missing"),
     "damaged": (cut(cab("1"), 30), f"1 cannot be made current: {cab('1')} has 30 bytes instead of {{size}}"),

@@ -67,8 +67,8 @@ CHECKS = {
     "no archive": other_name("y.zip", "y.zip", GET.format("y.zip")),
     "name a path": other_name("../y.zip", "../y.zip", "the archive's name is a path: ../y.zip"),
     "name too long": other_name(LONG, LONG, f"the archive's name is too long for a file: {LONG}"),
-    "id makes no URL": other_id("7\x1b[2J\rok", "7\\x1B[2J\\x0Dok", "the id makes no URL: 7\\x1B[2J\\x0Dok"),
-    "id with delete": other_id("7\x7f7", "7\\x7F7", "the id makes no URL: 7\\x7F7"),
+    "id not for URLs": other_id("7\x1b[2J\rok", "7\\x1B[2J\\x0Dok", "the id cannot be part of a URL: 7\\x1B[2J\\x0Dok"),
+    "id with delete": other_id("7\x7f7", "7\\x7F7", "the id cannot be part of a URL: 7\\x7F7"),
     "id of dots": other_id("..", "..", "the id is a path: .."),
     "id a path": other_id("a/b", "a/b", "the id is a path: a/b"),
     "other digest": ({"SHA256": "00"}, 3, 7, ["FAULT    x.zip does not have the digest 00"]),
@@ -150,7 +150,7 @@ CANNOT_WRITE = "cannot write the archive: {}; name a directory with more room by
 UNAVAILABLE = "Resource temporarily unavailable"
 STRACE = ["strace", "-qq", "-f", "-o", "/dev/null", "-e"]
 MOUNT = ["unshare", "--mount", "sh", "-c", 'mount -t tmpfs -o "$0" none "$TMPDIR" && exec "$@"']
-# A prefix of the command, and what is said on standard error.
+# A prefix of the command, and the text on standard error.
 LACKING = {
     "room": ([*MOUNT, "size=100k"], CANNOT_WRITE.format("No space left on device")),
     "inodes": (

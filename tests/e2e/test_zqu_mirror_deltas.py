@@ -1,4 +1,4 @@
-"""Plain archives and deltas: what publish makes of them, and how mirror --plain gets the right bytes, come what may."""
+"""Plain archives and deltas: how publish makes them, and that mirror --plain gets the right bytes in any case."""
 
 import itertools
 import json

@@ -28,7 +28,7 @@ needs_root = pytest.mark.skipif(not AS_ROOT, reason="takes on another user")
 
 
 class Hostile:
-    """An upstream mirror of one release, and a mirror to copy it to, in a place that everybody may enter."""
+    """An upstream mirror of one release, and a mirror to copy it to, in a directory that all users may enter."""
 
     def __init__(self, base):
         self.base = base

@@ -108,7 +108,7 @@ def test_releases_of_another_flavor_have_a_list_of_their_own(own):
 
 NO_ARCHIVE = f"{info_name('1')} names no archive or no digest"
 GONE = f"{cab('1')} is missing or not a regular file, but {info_name('1')} names it"
-# What is damaged, what is said of it, which release is current then, and the archives of the two releases.
+# A damage, the message, the release that is then current, and the archives of the two releases.
 DAMAGED = {
     "no hit INI": (remove(HIT), f"{HIT} is missing: nothing says which release is current", None, "21"),
     "hit INI cut short": (write(HIT, "[Curr"), f"{HIT} names no release", None, "21"),

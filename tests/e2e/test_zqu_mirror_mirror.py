@@ -31,7 +31,7 @@ def expect_files(copy, *ids):
 
 
 def archives_asked(copy, count):
-    """The archives that the upstream was asked for, once it has seen so many requests."""
+    """The archives that the upstream was asked for, after this number of requests."""
     return [line for line in copy.nginx.requests(copy.upstream.subdir, count) if ".cab" in line]
 
 
@@ -97,7 +97,7 @@ def with_id(id):
 
 UPSTREAM = "the upstream mirror's"
 DAMAGED_FILE = "aivsecon-v2.def does not have the digest that the index gives"
-GET_ERROR = "GET {{url}}/{}: HTTP response code said error"
+GET_ERROR = "GET {{url}}/{}: HTTP response code said error: 404"
 NO_DIGEST = f"{UPSTREAM} {cab('1002')} does not have the digest {{digest}}"
 LONG = "x" * (255 - len(".cab.part")) + "y.cab"
 REFUSED_IDS = {
@@ -115,7 +115,7 @@ REFUSED_ARCHIVES = {
     f"{HIT}.10": "must not hold -hit.ini",
     LONG: "is too long for a file name",
 }
-# What is done to an upstream with the release 1002, and what is then said.
+# A change to an upstream with the release 1002, and the message.
 TAMPERED = {
     "no hit INI": (lambda copy: copy.upstream.path(HIT).unlink(), GET_ERROR.format(HIT)),
     "no id": (with_id(""), f"{HIT} names no release"),
@@ -182,7 +182,7 @@ def test_conflict_with_what_is_here_is_refused(copy, case):
     copy.expect_refused(line.format(size=copy.upstream.path(cab("1001")).stat().st_size), *copy.words())
 
 
-# What is done to the current release here, and what is then said of it, instead of "nothing new".
+# A change to the current release here, and the message, instead of "nothing new".
 DAMAGED = {
     "size": (cut(cab("1001"), 20), "has 20 bytes instead of {size}", []),
     "gone": (remove(cab("1001")), "is missing", []),
@@ -228,7 +228,7 @@ def test_file_of_others_with_the_archives_name_is_kept(copy):
     copy.upstream.publish("1001")
     copy.directory.mkdir(parents=True)
     copy.write(cab("1001"), b"of others")
-    reason = "is on the mirror with other content, and not of this program: remove or rename it"
+    reason = "is on the mirror with other content, and is not from zqu-mirror: remove or rename it"
     assert copy.run() == (1, "", f"zqu-mirror: {cab('1001')} {reason}\n")
     assert copy.path(cab("1001")).read_bytes() == b"of others"
 

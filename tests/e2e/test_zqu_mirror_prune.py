@@ -294,7 +294,7 @@ def names(archive):
 
 
 NO_ARCHIVE = "{name} names no archive or no digest"
-# A file of the mirror, what it holds, and what is then said.
+# A file of the mirror, its content, and the message.
 NOT_UNDERSTOOD = [
     (HIT, None, "{name} is missing: nothing says which release is current"),
     (HIT, "", "{name} names no release"),

@@ -157,11 +157,12 @@ def test_upstream_that_fails_is_not_one_that_lacks_the_release(copy, scripted, s
     where = ["--from", scripted.url, "--ca", scripted.ca_path, "--upstream-subdir", "defs"]
     before = copy.seen()
     code, out, err = run("repair", *where, "--yes", copy.root)
-    assert code == 1 and err.startswith(f"zqu-mirror: GET {scripted.url}/defs/{INFO}: HTTP response code said error")
+    reason = f"HTTP response code said error: {status[:3]}"
+    assert code == 1 and err.startswith(f"zqu-mirror: GET {scripted.url}/defs/{INFO}: {reason}")
     assert copy.seen() == before
 
 
-# What a hostile upstream mirror has in the place of the release, and what is said of it.
+# A hostile upstream mirror's change to the release, and the message.
 HOSTILE = {
     "archive damaged": (write(ARCHIVE, "x"), f"the upstream mirror's {ARCHIVE} does not have the digest"),
     "archive missing": (remove(ARCHIVE), "GET "),
@@ -346,7 +347,7 @@ def test_mirror_without_a_sound_release_is_left_alone(own):
     own.publish_small("1")
     cut(cab("1"), 9)(own)
     before = own.seen()
-    line = "zqu-mirror: no release here is both sound and not held: use --from, or publish one\n"
+    line = "zqu-mirror: there is no sound release here that is not held: use --from, or publish one\n"
     assert run("repair", "--yes", own.root)[::2] == (1, line)
     assert own.seen() == before
 

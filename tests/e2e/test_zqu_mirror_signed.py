@@ -82,12 +82,12 @@ def test_commands_of_the_manual_make_keys_and_verify(tmp_path):
 
 SHARED = "{} may be used by other users: make it your own with the mode 0600, or make a new key if one of them may"
 SHARED += " have it"
-ASKED = "{} has a pass phrase, and nobody is asked for it: take another key, or what openssl pkey -in {} -out FILE"
-ASKED += " makes of it"
+ASKED = "{} has a pass phrase, which zqu-mirror does not ask for: use another key, or remove it by openssl pkey -in {}"
+ASKED += " -out FILE"
 NO_KEY = "{} holds no Ed25519 private key in PEM: make one with openssl genpkey -algorithm ed25519"
-ROOTS = "the mirror's directory belongs to another user, who could get the key while root signs there: sign in a "
-ROOTS += "directory of root's, and copy that with zqu-mirror mirror"
-# What is done to a site whose key is good, and what is then said of the key, or of the mirror.
+ROOTS = "the mirror's directory belongs to another user, who could read the key while root signs there: sign in a "
+ROOTS += "directory that belongs to root, and copy that with zqu-mirror mirror"
+# A change to a site whose key is good, and the message about the key or the mirror.
 UNUSABLE = {
     "group may read": (lambda site: site.key.path.chmod(0o640), SHARED),
     "others may write": (lambda site: site.key.path.chmod(0o602), SHARED),
@@ -212,7 +212,7 @@ def test_first_run_that_fails_keeps_the_keys_alone(tmp_path):
     """Without keys no time limit is accepted, whichever key signed."""
     site = Site(tmp_path)
     site.publish("1000", key=site.other)
-    line = "zqu-mirror: --max-age counts from a time that a trusted key has signed: name one by --trust\n"
+    line = "zqu-mirror: --max-age needs a signed time, and no key is trusted here: give one by --trust\n"
     assert (site.mirror("--max-age", "1d"), site.copy.root.exists()) == ((1, "", line), False)
     for words in (site.trust, []):
         assert site.mirror(*words) == (1, "", refusal(UNTRUSTED, "1000"))
@@ -244,7 +244,7 @@ def replaced(make):
     return lambda site: (site.stored.unlink(), make(site.stored))
 
 
-# What is done to the stored keys, and what is then said of them.
+# A change to the stored keys, and the message.
 DAMAGED = {
     "empty": (lambda site: os.truncate(site.stored, 0), ONLY),
     "cut": (lambda site: os.truncate(site.stored, 100), ONLY),

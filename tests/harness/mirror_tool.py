@@ -210,7 +210,7 @@ class OwnMirror(Mirror):
         assert self.files() == sorted(names)
 
     def summary(self, id, archive=None):
-        """What is said of a release when it is published."""
+        """The message of publish for a release."""
         archive = archive or cab(id)
         data = self.path(archive).read_bytes()
         return f"{id}: {archive}, {len(data)} bytes, SHA-256 {sha256(data)}"
@@ -227,7 +227,7 @@ class OwnMirror(Mirror):
         os.utime(self.path(name), (self.began - days * DAY, self.began - days * DAY))
 
     def history(self, *days, flavor="v2"):
-        """Releases "1", "2" and so on; each was published so many days ago, and replaced by the next."""
+        """Releases "1", "2" and so on; each was published this number of days ago, and replaced by the next."""
         ids = [str(number) for number in range(1, len(days) + 1)]
         self.publish_small(*ids, flavor=flavor)
         for id, age in zip(ids, days):

@@ -84,7 +84,7 @@ class Nginx:
         return f"https://{host}:{self.ports[certificate]}"
 
     def requests(self, subdir, count):
-        """The paths requested below a subdirectory, with the status answered; waits until there are so many."""
+        """The paths requested below a subdirectory, with the status answered; waits until there are this many."""
         for _ in range(3000):  # nginx writes its log after the answer
             lines = (self.directory / "access.log").read_text().splitlines()
             found = [line.replace(f"/{subdir}/", "") for line in lines if f"/{subdir}/" in line]

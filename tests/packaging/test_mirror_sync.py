@@ -55,7 +55,7 @@ def expect_copy_of(mirror, release):
 
 
 def test_timer_starts_the_service_which_copies_each_release(mirror):
-    """And fails without a trace."""
+    """A run that fails changes nothing."""
     first = publish(mirror, "1001")
     mirror.run("systemctl", "start", TIMER)
     mirror.wait_for(lambda: mirror.show(SERVICE, "ExecMainExitTimestamp") and mirror.state(SERVICE) == "inactive")
@@ -97,7 +97,7 @@ def test_advance_service_advances_with_the_same_confinement(mirror):
 
 
 def test_service_writes_only_to_its_mirror_and_runs_nothing_else(mirror):
-    """Tried from inside, by a probe in the place of the program, so after the other tests."""
+    """A probe replaces the program and tries it from inside; so this runs after the other tests."""
     places = "/etc /usr /usr/lib /usr/lib64 /var /opt /run /run/lock /dev/shm".split()
     for place in places:
         mirror.run("install", "-d", "-m", "777", f"{place}/zqu-open")

@@ -20,7 +20,7 @@ PAGE = "mirrors.md"
 NGINX, SYNC, TIMER = "nginx.service", "zqu-mirror-sync.service", "zqu-mirror-sync.timer"
 UPSTREAM, RELEASES = "https://definitions.zelgw.example", "/srv/releases"
 NOTHING_REMOVED = "removed in all: releases 0, leftovers 0, bytes 0"
-ADDRESSES = [f"127.0.0.{number}" for number in range(2, 62)]  # of gateways; that of ours is always the first
+ADDRESSES = [f"127.0.0.{number}" for number in range(2, 62)]  # of gateways; the booted one always has the first
 
 
 class Site(Administrator):
@@ -194,7 +194,7 @@ ATTACKS = {
     "forged": (lambda upstream: upstream.publish("2002", ""), "has no signature of zqu-mirror publish --sign"),
     "held back": (lambda upstream: upstream.write(HIT, hit_ini("2001")), "was published 3 d ago, longer than 2 d"),
     "replayed": (lambda upstream: upstream.publish("2000", age_s=4 * DAY), "was published 4 d ago, longer than 2 d"),
-    "away": (lambda upstream: upstream.path(HIT).unlink(), "HTTP response code said error"),
+    "away": (lambda upstream: upstream.path(HIT).unlink(), "HTTP response code said error: 404"),
 }
 
 
@@ -287,7 +287,7 @@ STEPS = [
     (offer, "3002", ["delta 200"], "", "3002"),
     (damage, "3003", ["delta 200", "cab 200"], "does not have the size and the digest that its INI gives", "3003"),
     (offer, "3004", ["delta 200"], "", "3004"),
-    (lose, "3005", ["delta 404", "cab 200"], "HTTP response code said error", "3005"),
+    (lose, "3005", ["delta 404", "cab 200"], "HTTP response code said error: 404", "3005"),
     (withdraw, "3006", [], "", "3005"),
     (forge, "3007", [], "it is signed by none of the trusted keys, or was changed", "3005"),
     (end_forgery, "3007", ["delta 200"], "", "3007"),

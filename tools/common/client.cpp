@@ -117,7 +117,8 @@ std::pair<std::string, std::string> explain(int error, const std::string& host) 
                     "name the PEM file of that authority by ca_path or --ca; the mirror must send all certificates "
                     "between its own and that one"};
         default:
-            return {std::string("is refused: ") + X509_verify_cert_error_string(error), "see to the mirror's TLS"};
+            return {std::string("is refused: ") + X509_verify_cert_error_string(error),
+                    "check the mirror's certificate and TLS settings"};
     }
 }
 
@@ -226,9 +227,7 @@ void Client::transfer(const std::string& url, Target& target) {
         throw std::runtime_error(std::string(curl_easy_strerror(result)) +
                                  "; install ca-certificates, or name a PEM file by --ca or ca_path");
     }
-    long status = 0;
-    curl_easy_getinfo(curl_, CURLINFO_RESPONSE_CODE, &status);
-    if (result == CURLE_HTTP_RETURNED_ERROR && (status == 404 || status == 410)) {
+    if (result == CURLE_HTTP_RETURNED_ERROR && (http_status() == 404 || http_status() == 410)) {
         throw MissingFile("GET " + url + ": " + reason_of(result));
     }
     if (result != CURLE_OK) {
@@ -334,7 +333,7 @@ void Client::observe_url() {
     was_https_ = was_https_ || https;
 }
 
-// The place of X509_verify_cert(3) in the handshake: SSL_CTX_set_cert_verify_callback(3).
+// Called instead of X509_verify_cert(3) in the handshake: SSL_CTX_set_cert_verify_callback(3).
 int Client::verify(X509_STORE_CTX* store, void* client) {
     const int verified = X509_verify_cert(store);
     static_cast<Client*>(client)->observe(store);
@@ -362,8 +361,17 @@ std::string Client::trouble(const std::string& host) const {
     return whose + fault + "; " + advice + " (" + certificate_ + ")";
 }
 
+long Client::http_status() const {
+    long status = 0;
+    curl_easy_getinfo(curl_, CURLINFO_RESPONSE_CODE, &status);
+    return status;
+}
+
 std::string Client::reason_of(int result) const {
     const std::string reason = curl_easy_strerror(static_cast<CURLcode>(result));
+    if (result == CURLE_HTTP_RETURNED_ERROR) {
+        return reason + ": " + std::to_string(http_status());
+    }
     if (result == CURLE_UNSUPPORTED_PROTOCOL && !insecure_.empty()) {
         return "redirected from https to " + insecure_.back() +
                ", where anybody on the way can change the answer: give --allow-http to permit it";

@@ -39,10 +39,10 @@ struct ChainEnd {
     std::string subject;     // may hold any bytes
 };
 
-// Every member that fetches throws MirrorError when the transfer fails: "GET <URL>: <reason>", with libcurl's text and,
-// where TLS has refused a certificate, what is wrong with it; "longer than <n> bytes"; or "not a regular file" for a
-// file:// URL that leads to anything else. Throws std::system_error when this machine is at fault: no file in memory,
-// no room for a download.
+// Every member that fetches throws MirrorError when the transfer fails: "GET <URL>: <reason>". The reason is libcurl's
+// text, with the HTTP status if that is an error; what is wrong with a certificate that TLS has refused; "longer than
+// <n> bytes"; or "not a regular file" for a file:// URL of anything else. Throws std::system_error when this machine is
+// at fault: no file in memory, no room for a download.
 class Client {
 public:
     // Keeps a reference to cfg, which must outlive the client and is read on every call.
@@ -54,7 +54,7 @@ public:
     // From now on, a redirect from https to another scheme is a MirrorError, and nothing connects there.
     void refuse_insecure_redirects() { refuses_insecure_ = true; }
 
-    // From now on, requests have a header by which a mirror gives what is current, and not the candidate of a rollout.
+    // From now on, requests have a header that asks for the current release, not for the candidate of a rollout.
     void ask_for_current() { asks_for_current_ = true; }
 
     // Called with the bytes that have arrived, from time to time during a transfer.
@@ -76,7 +76,7 @@ public:
     // Both together.
     [[nodiscard]] zqu::CompleteInfo fetch_info(const std::string& id) { return read_info(fetch_info_text(id), id); }
 
-    // GETs the mirror's file name and writes it to the descriptor: at most so many bytes.
+    // GETs the mirror's file name and writes at most "most" bytes to the descriptor.
     void download(const std::string& name, int file, std::uintmax_t most = largest_file);
 
     // When the last file that was fetched was modified, in seconds since the Unix epoch, by its time or its
@@ -95,6 +95,7 @@ private:
     std::string fetch_text(const std::string& url);
     void transfer(const std::string& url, Target& target);
     void set_options(const std::string& url, Target& target);
+    [[nodiscard]] long http_status() const;
     [[nodiscard]] std::string reason_of(int result) const;
     void observe_url();
     void read_local(const std::string& url, Target& target);

@@ -60,7 +60,7 @@ template <typename Size>
 // a FIFO, and opens no device.
 [[nodiscard]] Fd open_regular(const std::filesystem::path& path);
 
-// Reads fd from where it stands to its end, or until the text is longer than most bytes. what names it in a failure.
+// Reads fd from its offset to its end, or until the text is longer than most bytes. what names it in a failure.
 [[nodiscard]] std::string read_all(int fd, std::size_t most, const std::string& what);
 
 // Writes all of text. what names the file in a failure: "cannot write <what>".
@@ -69,7 +69,7 @@ void write_all(int fd, std::string_view text, const std::string& what);
 // A file without a name, in the directory for temporary files. Throws std::runtime_error with what to do.
 [[nodiscard]] Fd temporary_file();
 
-// A file in memory with this content. It stands at its beginning.
+// A file in memory with this content; its offset is 0.
 [[nodiscard]] Fd memory_file(const std::string& text);
 
 // Where this process can open a file without a name.

@@ -1,4 +1,4 @@
-// What clients make of a release's archive.
+// Reads a release's archive as clients do.
 //
 // The archive may be hostile, and libarchive reads it: this happens in a process of its own that can do no harm. That
 // process has none of root's privileges, and a user id and a session of its own. It has no descriptors except those

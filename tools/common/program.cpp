@@ -69,7 +69,7 @@ void end_with_parent(pid_t parent) {
         }
         write_all(STDOUT_FILENO, text, "a report");
     } catch (const std::exception&) {
-        status = 1;  // nobody listens any more
+        status = 1;  // the parent has gone
     }
     _exit(status);
 }

@@ -38,7 +38,7 @@ void print(const std::string& text);
 CLI::Option* add_duration(CLI::App& app, const std::string& name, std::function<void(std::int64_t)> take,
                           const std::string& description, std::int64_t least = 0);
 
-// What work in a process of its own has come to.
+// The result of work in a process of its own.
 struct ChildResult {
     std::string output;      // at most 1 MiB of what work returned
     int status = 0;          // of waitpid(2)
@@ -66,7 +66,7 @@ public:
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
-    // Begins something else; an empty text ends it. Clears the line.
+    // Begins a phase with this text; an empty text ends it. Clears the line.
     void begin(const std::string& text);
 
     // Shows how far it is, five times a second at most.

@@ -30,8 +30,8 @@ namespace zqu::tools {
 // lower case. A text of more bytes than most is cut, and "..." follows.
 [[nodiscard]] std::string shown(const std::string& text, std::size_t most = 200);
 
-// A line for a shell: command, "--" and the paths, quoted. Empty when a path holds anything but printable ASCII: not
-// every terminal and form would leave it as it is.
+// A line for a shell: command, "--" and the paths, quoted. Empty when a path holds anything but printable ASCII: some
+// terminals and forms would change it.
 [[nodiscard]] std::string shell_line(const std::string& command, const std::vector<std::string>& paths);
 
 // path without "." and ".." and slashes that do not count; empty for the working directory. Links are not looked at.

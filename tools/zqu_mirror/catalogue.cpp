@@ -58,14 +58,14 @@ public:
     // The file names in the directory, sorted.
     [[nodiscard]] const std::vector<std::string>& names() const { return names_; }
 
-    // Which of the marks parts flavor and id makes no difference to the file that is read.
+    // When a name has several marks, any of them may end the flavor: the file that is read is the same.
     zqu::CompleteInfo info(const std::string& name) {
         require_plain(name, name);
         const auto mark = name.find(info_mark, prefix.size());
         const auto id_at = mark + info_mark.size();
         cfg_.flavor = name.substr(prefix.size(), mark - prefix.size());
         auto found = client_.fetch_info(name.substr(id_at, name.size() - id_at - info_suffix.size()));
-        // That of an INI file would have that removed instead of the archive.
+        // With the name of an INI file, prune would remove that instead of the archive.
         refuse(name + ": the archive's name " + found.cab_name, unusable_archive(found.cab_name));
         return found;
     }
@@ -133,7 +133,7 @@ private:
         }
     }
 
-    // A file that turns out to be the INI of a release whose id ends in "hit" is left out.
+    // Leaves out a file that is the INI of a release whose id ends in "hit".
     void read_hit(const std::string& name, Current& current) {
         require_plain(name, name);
         const std::string flavor = cfg_.flavor = flavor_of_hit(name);

@@ -1,7 +1,7 @@
 // What a mirror's directory holds, read as the daemon does: the releases, which of them are current, which clients may
 // still ask for, and the archives that no release has.
 //
-// Functions without a state of their own, for one thread. They write nothing and wait for nothing: an INI is a regular
+// Stateless functions, for one thread. They write nothing and wait for nothing: an INI is a regular
 // file of at most 1 MiB. They throw std::system_error when the directory cannot be read.
 #pragma once
 
@@ -19,7 +19,7 @@ namespace zqu::mirror_tool {
 // Times of a file, in nanoseconds since the Unix epoch.
 struct Times {
     std::int64_t modified_ns = 0;  // its mtime
-    std::int64_t changed_ns = 0;   // the later of mtime and ctime, which nobody can set (inode(7))
+    std::int64_t changed_ns = 0;   // the later of mtime and ctime, which no program can set (inode(7))
 };
 
 // A complete-info INI and what it names.
@@ -36,7 +36,7 @@ struct Release {
     std::int64_t grace_ns = 0;  // when the grace ends, set by newest_first()
 };
 
-// What clients are told to take now.
+// The releases that the mirror gives to clients now.
 struct Current {
     std::map<std::string, std::string> ids;         // by flavor
     std::map<std::string, std::string> candidates;  // by flavor
@@ -60,7 +60,7 @@ struct Catalogue {
 // Reads everything. A release with the id "hit" has an INI that could be a hit INI by its name: its content decides.
 [[nodiscard]] Catalogue read_catalogue(const Options& options);
 
-// Throws std::runtime_error with the first problem: nothing may be removed on the strength of a guess.
+// Throws std::runtime_error with the first problem: nothing may be removed by a guess.
 void require_understood(const Catalogue& catalogue);
 
 // The releases of options.flavor with the ends of their graces, the current one first, then the newest. The grace of a

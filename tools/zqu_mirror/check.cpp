@@ -30,7 +30,7 @@ struct Found {
     std::optional<std::uintmax_t> size;     // of the archive, in bytes
     std::optional<std::int64_t> modified;   // the time of the complete-info INI, in seconds since the Unix epoch
     std::optional<std::int64_t> published;  // what a signed one says, or else the same
-    std::optional<std::int64_t> chain_end;  // when the part of the mirror's chain ends that ends first
+    std::optional<std::int64_t> chain_end;  // when the first certificate of the mirror's chain ends
 };
 
 constexpr std::size_t most_shown = 3;  // remarks in a line
@@ -169,11 +169,11 @@ private:
         }
     }
 
-    // Refuses what clients would take for a path, would make no URL of, or could not give the name of a file.
+    // Refuses what clients would use as a path, could not put into a URL, or could not use as the name of a file.
     static void require_name(const std::string& what, const std::string& name, const std::string& file) {
         const auto control = [](unsigned char c) { return c < 0x20 || c == 0x7F; };
         require(name.find('/') == std::string::npos && name != "." && name != "..", what + " is a path: " + name);
-        require(std::none_of(name.begin(), name.end(), control), what + " makes no URL: " + name);
+        require(std::none_of(name.begin(), name.end(), control), what + " cannot be part of a URL: " + name);
         require(file.size() <= NAME_MAX, what + " is too long for a file: " + name);
     }
 
@@ -183,7 +183,7 @@ private:
         release(id);
     }
 
-    // The candidate is checked like the current release. What is found stays that of the current one.
+    // Checks the candidate like the current release. Ids, sizes and times in the output stay those of the current one.
     void rollout() {
         Found facts = found_;
         facts.rollout = rollout_of(options_);
@@ -279,7 +279,7 @@ private:
         }
     }
 
-    // Only mirror --plain takes deltas, and does without them.
+    // Only mirror --plain takes deltas, and it does not need them.
     void judge_delta(const Delta& delta) {
         const std::string name = delta_name(options_.flavor, found_.id, delta);
         const tools::Fd file = tools::temporary_file();

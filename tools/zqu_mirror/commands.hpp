@@ -34,7 +34,7 @@ inline constexpr const char* replaced_directory_name = ".zqu-mirror.replaced";
 
 // Removes releases of options.flavor by number (options.keep) and age (options.older_than_s), and what killed runs have
 // left; with options.dry_run only says so, and why it keeps the others. Never removes what is current or a candidate of
-// any flavor, even since this run began, except in the instant between the last look and the removal; nor what is in
+// any flavor, even since this run began, except between the last check of that and the removal; nor what is in
 // its grace; nor an archive that another INI names, or that is not ours. Removes nothing when an INI cannot be
 // understood. A release's INI goes first, then its archive; a signal takes effect between two releases.
 void prune(const Options& options, Run& run);

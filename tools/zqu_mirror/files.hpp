@@ -38,8 +38,8 @@ void make_directory(const std::filesystem::path& path, mode_t mode);
 // Removes path with all that it holds, also directories that their owner may not enter; says in error why it could not.
 void remove_tree(const std::filesystem::path& path, std::error_code& error);
 
-// Run by root, becomes for good the first owner other than root of a directory on the way to path: that user could
-// otherwise lead root elsewhere by links, and would not own what root has made.
+// When root runs it, becomes for good the first owner other than root of a directory on the way to path. Otherwise that
+// user could lead root elsewhere by links, and would not own what root has made.
 void become_owner(const std::filesystem::path& path);
 
 // The right to change a mirror's directory, which must exist: flock(2), which the kernel ends with the process. Does

@@ -81,7 +81,7 @@ std::function<std::string(const std::string&)> name_is_not(const std::string& ot
 }
 
 void add_percent(CLI::App& command, Options& options) {
-    command.add_option("--percent", options.percent, "Begin a rollout: give it to so many per cent of the gateways")
+    command.add_option("--percent", options.percent, "Begin a rollout: give it to this percentage of the gateways")
         ->check(CLI::IsMember(stages));
     command.add_flag("--replace", options.replace, "End the rollout of another release first");
 }
@@ -132,7 +132,7 @@ void add_upstream(CLI::App& command, Options& options, const std::string& name, 
     };
     command.add_option(name, options.upstream, description)->check(no_upstream);
     command
-        .add_option("--upstream-subdir", options.upstream_subdir, "Directory below the upstream's root, when another")
+        .add_option("--upstream-subdir", options.upstream_subdir, "Directory below the upstream's root, if it differs")
         ->check(unusable_subdir);
     add_client(command, options);
     command.add_flag("--allow-http", options.allow_http, "Follow redirects from https to http");
@@ -166,13 +166,13 @@ void add_rollout(CLI::App& command, Options& options) {
 
 void add_repair(CLI::App& command, Options& options) {
     add_upstream(command, options, "--from", "URL of the upstream mirror to restore from: scheme and host");
-    command.add_flag("--yes", options.yes, "Make the release current that was so before, when there is no other way");
+    command.add_flag("--yes", options.yes, "Make the release current that was current before, if nothing else helps");
     add_mirror_directory(command, options);
 }
 
 void add_prune(CLI::App& command, Options& options) {
     add_quiet(command, options);
-    command.add_option("--keep", options.keep, "Keep so many releases, the current one included")
+    command.add_option("--keep", options.keep, "Keep this many releases, the current one included")
         ->check(CLI::Range(1, 1000000));
     add_age(command, "--older-than", options.older_than_s, "Remove only what is older than this");
     add_grace(command, options);
@@ -234,13 +234,12 @@ struct Entry {
 const Entry entries[] = {
     {"publish", "Publish a release and make it current", add_publish, done<publish>, R"(
 Writes the release and then, in one step, makes it current, or with --percent the candidate of a rollout. Clients see
-the old release or the new one, whole. When anything fails, one line says why and the mirror is left as it was. A run
-with --replace that fails may have ended the former rollout. Publishing the same content again makes
-that release current again; an id never gets other content. The order of the files counts: a pair whose names
-show that it is swapped is refused. A CAB holds 2147450880 bytes with its index; the other formats have no
-such limit. zstd gives the smallest archives, and takes minutes to pack; old gateways may be unable to read it.
---deltas is for gateways that copy with mirror --plain: a day's changes often fit into a hundredth of the
-archive's bytes.
+the old release or the new one, whole. When anything fails, one line says why, and the mirror stays as it was. But a
+run with --replace that fails may have ended the former rollout. Publishing the same content again makes that release
+current again. An id never gets other content. Files in the wrong order are refused, if their names show it. A CAB
+holds 2147450880 bytes with its index; the other formats have no such limit. zstd gives the smallest archives, and
+takes minutes to pack. Old gateways may be unable to read it. --deltas is for gateways that copy with mirror --plain:
+a day's changes often need a hundredth of the archive's bytes.
 
 Examples:
   zqu-mirror publish --id 20240131.007 /srv/mirror antivir.def aivsecon.def
@@ -249,13 +248,13 @@ Examples:
   zqu-mirror publish --flavor v3 --format zstd --id 20240131.008 /srv/mirror big.def small.def
 )"},
     {"mirror", "Copy the current release of an upstream mirror", add_mirror, done<mirror>, R"(
-Asks the upstream mirror for its current release and, when that is another one than here, downloads it, verifies
-it as a client would, and makes it current in one step, or with --percent the candidate of a rollout. Id, INI file and
-archive are the upstream's, to the byte. Nothing new is a success too, and changes nothing. So is a release that is
-held, and any other during a rollout: mirror waits for its end. When anything fails, one line says why, and the mirror
-is left as it was; an id never gets other content. Damaged files of the current release are a failure: repair restores
-them. With --plain, a release is kept as a plain archive with an INI of its own. Where the upstream has a delta from a
-release that is here, only that is downloaded. A warning says why when the whole archive was.
+Asks the upstream mirror for its current release. When that is not the one here, downloads it, verifies it as a client
+would, and makes it current in one step, or with --percent the candidate of a rollout. Id, INI file and archive are the
+upstream's, to the byte. When there is nothing new, when the release is held, and during a rollout, it succeeds and
+changes nothing. When anything fails, one line says why, and the mirror stays as it was. An id never gets other content.
+It fails when files of the current release are damaged: repair restores them. With --plain, it keeps a release as a
+plain archive with an INI of its own, and downloads only a delta when the upstream has one from a release that is here.
+A warning says why when it downloaded the whole archive.
 
 Examples:
   zqu-mirror mirror https://definitions.zelgw.example /srv/mirror
@@ -283,9 +282,9 @@ Example:
 )"},
     {"repair", "Restore what is damaged", add_repair, done<repair>, R"(
 Finds INI files and archives that are missing, cut short or changed, and what killed runs have left. With --from,
-restores the files from there, to the byte; when no side has the release that the hit INI names, makes the
-upstream's current one current. Otherwise makes the release current that was so before, with --yes only. Never
-chooses a held release. Moves what it replaces below .zqu-mirror.replaced, which is not served.
+restores the files from there, to the byte. When no side has the release that the hit INI names, makes the
+upstream's current release current. Otherwise, with --yes only, makes the release current that was current before.
+Never chooses a held release. Moves what it replaces below .zqu-mirror.replaced, which is not served.
 
 Examples:
   zqu-mirror repair --from https://definitions.zelgw.example /srv/mirror
@@ -293,19 +292,19 @@ Examples:
 )"},
     {"prune", "Remove old releases", add_prune, done<prune>, R"(
 Removes the releases that neither --keep nor --older-than keeps (without these two: none), and what killed runs
-have left. A release's age counts from when it was published or ceased to be current. What the hit INI of any
-flavor names is always kept, and what was current within the grace, because clients may be about to fetch it.
-Archives that no INI names are removed if they have a name of ours; others are kept and listed. When an INI file
-cannot be understood, nothing is removed.
+have left. A release's age counts from when it was published or ceased to be current. Always keeps what the hit INI
+of any flavor names, and what was current within the grace, because clients may still fetch it. Removes archives that
+no INI names if they have a name that publish gives; keeps and lists others. When an INI file cannot be understood,
+removes nothing.
 
 Examples:
   zqu-mirror prune --keep 5 --dry-run /srv/mirror
   zqu-mirror prune --keep 5 --older-than 30d /srv/mirror
 )"},
     {"list", "List the releases on a mirror", add_list, list, R"(
-Lists the releases, the current one first, then the newest. The states are: current; within the grace, which is
-the time that prune leaves to clients; held, which is what mirror does not take again; damaged; former. What is
-wrong with the mirror is said on standard error, and the exit status is 1 then.
+Lists the releases, the current one first, then the newest. The states are: current; candidate; within the grace:
+clients may still ask for it, and prune keeps it; held: mirror does not take it again; damaged; former. When something
+is wrong with the mirror, lines on standard error say what, and the exit status is 1.
 
 Examples:
   zqu-mirror list /srv/mirror
@@ -313,9 +312,9 @@ Examples:
 )"},
     {"check", "Check what clients find on a mirror", add_check, check, R"(
 Reads the mirror as the daemon does, downloads the archive of the current release below $TMPDIR (/tmp), and
-prints one line per step: ok, warning (clients succeed all the same) or FAULT (clients fail, or cannot read the
-index). The archive is read by a process without root's privileges, and not unpacked to disk. What goes wrong on
-this machine, such as too little room, is no FAULT: one line on standard error says what it is.
+prints one line per step: ok, warning (clients still succeed) or FAULT (clients fail, or cannot read the index).
+A process without root's privileges reads the archive, and does not unpack it to disk. A failure of this machine,
+such as too little room, is no FAULT: one line on standard error says what it is.
 
 --nagios exits with 0 ok, 1 warning, 2 critical (a FAULT) or 3 unknown, --prometheus with 0.
 

@@ -14,7 +14,7 @@ namespace {
 
 constexpr const char* advice = "; run zqu-mirror repair --from UPSTREAM MIRROR";
 
-// Says so, unless the files of what is current here are damaged. Takes no lock: changes nothing.
+// Reports what, unless the files of the current release are damaged. Takes no lock, because it changes nothing.
 void report_nothing_new(const Options& options, const std::string& what, Run& run) {
     const auto current = current_id(options);
     if (!current) {
@@ -27,7 +27,7 @@ void report_nothing_new(const Options& options, const std::string& what, Run& ru
     report(options, what + *current + " is current", run);
 }
 
-// Requires that the id, if it is known here, stands for the same archive.
+// Whether the id is known here. Requires that it then has the same archive.
 bool require_same_content(const Options& options, const Offer& offer, Run& run) {
     if (!fs::exists(fs::symlink_status(directory_of(options) / info_name(options.flavor, offer.id)))) {
         return false;
@@ -53,12 +53,12 @@ bool have_archive(const Options& options, const zqu::CompleteInfo& info, Run& ru
         fail(info.cab_name + " is on the mirror with other content, and " + other + " names it");
     }
     if (!is_ours(info.cab_name)) {
-        fail(info.cab_name + " is on the mirror with other content, and not of this program: remove or rename it");
+        fail(info.cab_name + " is on the mirror with other content, and is not from zqu-mirror: remove or rename it");
     }
     return false;
 }
 
-// Gets the deltas, for those who copy from here. Gateways do without them.
+// Gets the deltas, for mirrors that copy from this one. Gateways do not need them.
 void add_deltas(const Options& options, const Offer& offer, Upstream& upstream, Workplace& place) {
     for (const auto& delta : plain_info(offer.text).deltas) {
         try {

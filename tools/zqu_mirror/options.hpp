@@ -1,4 +1,4 @@
-// What the command line says and where that leads; the names on a mirror, and what a name may hold.
+// The options of the command line; the names of files on a mirror, and what a name may hold.
 //
 // Pure functions; none fails.
 #pragma once
@@ -30,7 +30,7 @@ struct Options {
     std::string sign;            // path of the private key that signs; empty for none
     std::string format = "cab";  // of the archive to pack: a key of suffixes
     bool allow_empty = false;
-    std::size_t deltas = 0;  // from so many releases, to the new one
+    std::size_t deltas = 0;  // how many to make, each from an older release to the new one
 
     std::string upstream;         // URL of the mirror to copy from; empty for none
     std::string upstream_subdir;  // directory there; empty for the same as subdir

@@ -36,12 +36,12 @@ struct GlibError {
 void add_to_cab(GCabFolder* cab_folder, GCabFile* file, time_t modified) {
     GlibError status;
     status.require(gcab_folder_add_file(cab_folder, file, FALSE, nullptr, &status.error));
-    // Local time within the years that a CAB can tell, a day off their ends for the time zones. Set now: adding a file
+    // Local time within the years that a CAB can hold, a day off their ends for the time zones. Set now: adding a file
     // resets what was set before.
     const auto time = std::clamp<std::int64_t>(modified, 315619200, 4354732800);
     const tools::Handle<GDateTime, g_date_time_unref> date(g_date_time_new_from_unix_local(time));
     gcab_file_set_date_time(file, date.get());
-    // Without it the gateways' libarchive would unpack the definitions writable for everybody.
+    // Without it the gateways' libarchive would make the definitions writable for all users.
     gcab_file_set_attributes(file, GCAB_FILE_ATTRIBUTE_RDONLY);
 }
 

@@ -34,7 +34,7 @@ using Packer = void(const std::filesystem::path& archive, const std::string& ind
                     const std::vector<Source>& sources, time_t index_time);
 
 // An MSZIP-compressed CAB at a path where nothing may be yet. The index and the sources must fit into cab_capacity.
-// Times are those of the local time zone, kept within the years that a CAB can tell.
+// Times are those of the local time zone, kept within the years that a CAB can hold.
 Packer pack_cab;
 
 // A deflated ZIP, which has no such limit. Replaces what is at the path.

@@ -28,9 +28,9 @@ struct Delta {
     std::string sha256;  // in lower-case hexadecimal, as all here
 };
 
-// What a complete-info INI says of the plain archive, in lines that the daemon does not look for.
+// What a complete-info INI says of the plain archive, in lines that the daemon ignores.
 struct PlainInfo {
-    std::string sha256;  // empty when it says nothing, or not all, of a plain archive
+    std::string sha256;  // empty when the INI does not describe a plain archive completely
     std::uintmax_t size = 0;
     std::vector<Delta> deltas{};  // each with a usable id, size and digest; the smallest first; at most most_deltas,
                                   // and together no larger than the archive, for the upstream mirror may be hostile
@@ -52,7 +52,7 @@ inline const std::string plain_end = ".plain.zip";
 // The name of the INI beside which a delta or an upstream mirror's INI of this name belongs; empty for other names.
 [[nodiscard]] std::string owner_of(const std::string& name);
 
-// Writes the plain archive of what is to be published.
+// Writes the plain archive of the sources.
 void write_plain(const std::filesystem::path& target, const std::string& index, const std::string& index_name,
                  const std::vector<Source>& sources);
 
@@ -61,8 +61,8 @@ void write_plain(const std::filesystem::path& target, const std::string& index, 
 void convert_to_plain(const std::filesystem::path& archive, const std::string& name, const std::string& flavor,
                       const std::filesystem::path& target, Run& run);
 
-// Writes the delta that leads from one file to another. Returns whether it has at most so many bytes, which there must
-// be room for; else it is no delta. Throws std::runtime_error when libzstd fails.
+// Writes the delta that leads from one file to another. Returns whether it has at most most bytes, for which there must
+// be room; if not, target is no delta. Throws std::runtime_error when libzstd fails.
 [[nodiscard]] bool make_delta(const std::filesystem::path& from, const std::filesystem::path& to,
                               const std::filesystem::path& target, std::uintmax_t most);
 

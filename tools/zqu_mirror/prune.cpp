@@ -49,7 +49,7 @@ public:
     }
 
     void release(const Release& release) {
-        const Current current = read_current(options_);  // once more: not everybody who changes a mirror takes the lock
+        const Current current = read_current(options_);  // again: other programs change a mirror without the lock
         for (const auto& [named, role] : {std::pair(current.ids, "current"), {current.candidates, "a candidate"}}) {
             if (std::any_of(named.begin(), named.end(),
                             [&](const auto& each) { return info_name(each.first, each.second) == release.info; })) {
@@ -152,7 +152,7 @@ private:
     std::size_t others_ = 0;
 };
 
-// The archives before the work directory: only that says which of them a killed run has left.
+// The archives before the work directory: only its INIs show which of them a killed run has left.
 void remove_what_killed_runs_left(Remover& remover, const fs::path& place, Catalogue& catalogue) {
     for (const auto& name : catalogue.leftovers) {
         remover.orphan(name, "a killed run has left");

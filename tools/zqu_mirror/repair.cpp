@@ -65,7 +65,7 @@ private:
         }
     }
 
-    // As an INI gives that was cut short within the number. Clients do not look at it.
+    // As in an INI that was cut short within the number. Clients do not read it.
     [[nodiscard]] bool has_other_size(const zqu::CompleteInfo& info) const {
         return info.size != 0 &&
                static_cast<std::uintmax_t>(info.size) != fs::file_size(place_.directory() / info.cab_name);
@@ -106,7 +106,7 @@ private:
         }
     }
 
-    // An id that is the beginning of another one may be what is left of that.
+    // An id may be the beginning of another one that was cut short.
     void look_at_hit() {
         const std::string name = hit_name(options_.flavor);
         const fs::path path = place_.directory() / name;
@@ -131,7 +131,7 @@ private:
         return release != releases_.end() && release->second.fault.empty();
     }
 
-    // The releases whose INIs are here, but not all of what they promise; and a candidate without INI.
+    // The releases whose INI is here, but without all files that it names; and a candidate without INI.
     [[nodiscard]] std::vector<std::string> damaged() const {
         std::vector<std::string> ids;
         if (rollout_.percent > 0 && times_.count(rollout_.id) == 0) {
@@ -172,7 +172,7 @@ private:
         target_ = former();
     }
 
-    // What is sound here, but for its INI's bytes, gets those of the upstream mirror.
+    // A release that is sound here except for the bytes of its INI gets the upstream mirror's INI.
     void compare_with_upstream() {
         if (!offer_ || has_text(*offer_)) {
             offer_.reset();
@@ -191,7 +191,7 @@ private:
 
     bool has_content(const Offer& offer) { return is_same(options_, offer, releases_[offer.id].info); }
 
-    // The INIs of former releases that are sound here, but for their INI's bytes.
+    // The same for former releases.
     void compare_former() {
         for (const auto& [id, unused] : times_) {
             const auto offer = is_sound(id) && id != target_ ? offered(id) : std::nullopt;
@@ -245,7 +245,7 @@ private:
                 return id;
             }
         }
-        fail("no release here is both sound and not held: use --from, or publish one");
+        fail("there is no sound release here that is not held: use --from, or publish one");
     }
 
     // Whether there is a file of the release that the hit INI names.

@@ -24,7 +24,7 @@ inline constexpr std::array<int, 3> stages{1, 10, 50};
 
 [[nodiscard]] std::string stage_name(const std::string& flavor, int percent);
 
-// What a release is with so many per cent of the gateways, in words: "current" for 0.
+// The role of a release that this percentage of the gateways gets, in words: "current" for 0.
 [[nodiscard]] std::string role_of(int percent);
 
 // A stage file that belongs to no rollout.
@@ -53,10 +53,10 @@ struct Rollout {
 // The same. Throws std::runtime_error, with what to do, when a stage file belongs to no rollout.
 [[nodiscard]] Rollout sound_rollout(const Options& options);
 
-// Gives the grace of prune to a release that ends to be a candidate. Best effort, as for one that ends to be current.
+// Gives the grace of prune to a release that stops being a candidate. Best effort, as for one that stops being current.
 void start_grace(const Options& options, const std::string& id);
 
-// All below are for who has the mirror's lock.
+// For all functions below, the caller must have the mirror's lock.
 
 // Removes what a killed run has left of a rollout.
 void remove_leftover_stages(const Options& options);

@@ -49,7 +49,7 @@ public:
     // Returns that path. One per run.
     std::filesystem::path make_scratch(const std::function<std::filesystem::path()>& action);
 
-    // Does what makes the run's work good: nothing but the scratch directory is undone afterwards, by no signal either.
+    // Does what makes the run's work final: afterwards only the scratch directory is undone, also by a signal.
     void commit(const std::function<void()>& action);
 
     // After a commit: lets a signal end the run again.
@@ -58,7 +58,7 @@ public:
     // Does what cannot be undone. A signal that came before ends the run without it.
     void step(const std::function<void()>& action);
 
-    // Undoes at once what would be undone at the end: for who is about to give up a lock on where it happens.
+    // Undoes at once what would be undone at the end: for a caller that is about to unlock the directory.
     void clean_up();
 
     // Names what is going on now; nothing is shown while text is empty. Its bytes are those given to advance(), what

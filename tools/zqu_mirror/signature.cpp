@@ -38,7 +38,7 @@ Bio reader_of(const std::string& text) {
     return Bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
 }
 
-// In the place of the callback that asks on the terminal: pem_password_cb(3).
+// Instead of the callback that asks on the terminal: pem_password_cb(3).
 int no_pass_phrase(char* /*buffer*/, int /*size*/, int /*writes*/, void* asked) {
     *static_cast<bool*>(asked) = true;
     return -1;
@@ -48,8 +48,10 @@ Key read_private(const std::string& pem, const std::string& path = "the key") {
     bool asked = false;
     Key key(PEM_read_bio_PrivateKey(reader_of(pem).get(), nullptr, no_pass_phrase, &asked));
     if (asked) {
-        fail(path + " has a pass phrase, and nobody is asked for it: take another key, or what openssl pkey -in " +
-             path + " -out FILE makes of it");
+        fail(path +
+             " has a pass phrase, which zqu-mirror does not ask for: use another key, or remove it by openssl "
+             "pkey -in " +
+             path + " -out FILE");
     }
     if (!key || EVP_PKEY_get_id(key.get()) != EVP_PKEY_ED25519) {
         fail(path + " holds no Ed25519 private key in PEM: make one with openssl genpkey -algorithm ed25519");
@@ -57,7 +59,7 @@ Key read_private(const std::string& pem, const std::string& path = "the key") {
     return key;
 }
 
-// What is written otherwise may hold a key that is not read.
+// Refuses any other form: it may hold a key that is not read.
 std::string public_keys(const fs::path& path) {
     static const std::regex key(
         "-----BEGIN PUBLIC KEY-----\n"
@@ -151,8 +153,8 @@ std::string private_key(const Options& options) {
     become_owner(directory_of(options));
     if (root && geteuid() != 0) {
         fail(
-            "the mirror's directory belongs to another user, who could get the key while root signs there: sign in a "
-            "directory of root's, and copy that with zqu-mirror mirror");
+            "the mirror's directory belongs to another user, who could read the key while root signs there: sign in a "
+            "directory that belongs to root, and copy that with zqu-mirror mirror");
     }
     const Fd file = tools::open_regular(path);
     struct stat status = {};
@@ -208,7 +210,7 @@ std::string trusted_keys(const Options& options, Run& run) {
         return public_keys(path);
     }
     if (keys.empty() && options.max_age_s > 0) {
-        fail("--max-age counts from a time that a trusted key has signed: name one by --trust");
+        fail("--max-age needs a signed time, and no key is trusted here: give one by --trust");
     }
     if (!keys.empty() && (!fs::exists(found) || text_of(path) != keys)) {
         Workplace place(directory_of(options), run);

@@ -15,8 +15,8 @@
 namespace zqu::mirror_tool {
 
 // The private key in the file options.sign; empty for none. Refuses one that users other than its owner may use, and
-// never asks for a pass phrase. Run by root, refuses to sign in a directory of another user: the run goes on as that
-// user there (become_owner), who could read the key in its memory.
+// never asks for a pass phrase. When root runs it, refuses to sign in a directory of another user: the run continues as
+// that user (become_owner), who could read the key in its memory.
 [[nodiscard]] std::string private_key(const Options& options);
 
 [[nodiscard]] std::string public_half(const std::string& private_key);
@@ -30,7 +30,7 @@ namespace zqu::mirror_tool {
 
 // The same, and stores them in options' mirror, a directory, unless just these are stored. Makes and locks it for that;
 // a run that fails later keeps both. Without options.trust, those that are stored there. Throws also when something
-// other than a regular file has its name, and when there is options.max_age_s but no key: nobody signs a time then.
+// other than a regular file has its name, and when there is options.max_age_s but no key: no time is signed then.
 [[nodiscard]] std::string trusted_keys(const Options& options, Run& run);
 
 // Why the text of the complete-info INI of the release id is not to be taken; empty when there are no keys, or when one

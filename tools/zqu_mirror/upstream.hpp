@@ -2,7 +2,7 @@
 // before anything of it gets a name here.
 //
 // For the thread that works with the run. Every member throws MirrorError when a transfer fails, and std::runtime_error
-// with the reason when what the upstream mirror says is refused.
+// with the reason when it refuses what the upstream mirror sends.
 #pragma once
 
 #include <filesystem>

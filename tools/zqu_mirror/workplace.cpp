@@ -39,7 +39,7 @@ fs::path make_directories(const fs::path& path, Run& run) {
     return path;
 }
 
-// Best effort: an INI of another user stays as it is, and prune is the more careful then.
+// Best effort: an INI of another user stays as it is, and prune is then more careful.
 void mark_as_former(const fs::path& info, const fs::path& hit) {
     struct stat replaced = {};
     if (stat(hit.c_str(), &replaced) == 0) {
@@ -231,7 +231,7 @@ Workplace::Workplace(const fs::path& directory, Run& run)
       run_(run) {
     removed_leftover_ = has_work_directory(directory_);
     if (removed_leftover_) {
-        for (const auto& archive : archives_of_killed_run(directory_)) {  // only that directory says whose they are
+        for (const auto& archive : archives_of_killed_run(directory_)) {  // only that directory shows whose they are
             fs::remove(directory_ / archive);
         }
     }

@@ -1,4 +1,4 @@
-// What commands do in a mirror's directory: look at releases, hold them, and put files into place.
+// What commands do in a mirror's directory: examine releases, hold them, and put files into place.
 //
 // For the thread that works with the run. What fails throws std::system_error, unless a function says more.
 #pragma once
@@ -42,7 +42,7 @@ inline constexpr const char* work_directory_name = ".zqu-mirror.work";
 // The directory of options' mirror. Throws std::runtime_error when there is none.
 [[nodiscard]] std::filesystem::path existing_directory(const Options& options);
 
-// How closely a release is looked at; each includes the ones before. Where the INI gives another size than the archive
+// How much of a release is examined; each includes the ones before. Where the INI gives another size than the archive
 // has, or none, the digest decides.
 enum class Depth { size, digest, entries };
 
@@ -52,7 +52,7 @@ struct Examined {
     zqu::CompleteInfo info{};  // what its INI says; its names are plain when it has been understood
 };
 
-// Looks at the files that the mirror, a directory, has of the release id. Throws what inspect() throws.
+// Examines the files that the mirror, a directory, has of the release id. Throws what inspect() throws.
 [[nodiscard]] Examined examine(const Options& options, const std::string& id, Depth depth, Run& run);
 
 // inspect(), and the SHA-256 of a file, with the progress of the run's phase.
@@ -88,8 +88,8 @@ inline constexpr const char* held_directory_name = ".zqu-mirror.held";
 // Throws std::runtime_error, with what to do, when something other than a directory is in its place. Takes no lock.
 [[nodiscard]] std::set<std::string> held_ids(const Options& options);
 
-// Holds the release id, on disk when this returns, and undone with the run; or ends its hold, if there is one. For who
-// has the mirror's lock.
+// Holds the release id, on disk when this returns, and undone with the run; or ends its hold, if there is one. The
+// caller must have the mirror's lock.
 void hold(const Options& options, const std::string& id, Run& run);
 void end_hold(const Options& options, const std::string& id);
 
@@ -105,7 +105,7 @@ public:
     // Throws what Lock throws, too.
     Workplace(const std::filesystem::path& directory, Run& run);
 
-    // Undoes what was not committed, and only then unlocks: the next run must not meet what is about to vanish.
+    // Undoes what was not committed, and only then unlocks: the next run must not find files that are about to go.
     ~Workplace() { run_.clean_up(); }
 
     Workplace(const Workplace&) = delete;
