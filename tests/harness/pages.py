@@ -4,7 +4,6 @@ import re
 import textwrap
 
 from builds import REPOSITORY
-from gateway import SETTINGS
 
 
 def section(page, heading):
@@ -16,7 +15,7 @@ def section(page, heading):
 def blocks(page, heading):
     """The indented blocks below a heading, ready to run."""
     found = re.findall(r"^((?:    .*\n)+(?:\n*(?:    .*\n)+)*)", section(page, heading), re.MULTILINE)
-    return [textwrap.dedent(block).replace("…/defs", SETTINGS["def_root"]) for block in found]
+    return [textwrap.dedent(block) for block in found]
 
 
 def scripts(page, heading):

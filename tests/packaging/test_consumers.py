@@ -60,6 +60,7 @@ def consumer(gateway):
 
 def test_each_of_ten_updates_is_loaded_once(consumer):
     consumer.watch()
+    assert (consumer.look(), consumer.loads()) == (0, [])  # before the first one
     releases = [*(str(1000 + number) for number in range(9)), "1009\\c"]
     for number, release in enumerate(releases):
         consumer.update_to(release)
@@ -100,17 +101,18 @@ def test_load_that_failed_is_tried_again_by_the_next_look(consumer):
 
 def test_c_lines_of_the_page_open_both_files(consumer, tmp_path):
     (lines,) = blocks("consumers.md", "Open the directory once")
-    program = f"#include <fcntl.h>\nint main() {{\n{lines}return antivir < 0 || aivsecon < 0;\n}}\n"
+    lines = lines.replace("\n", "\nif (release < 0) return errno;\n", 1)
+    program = f"#include <cerrno>\n#include <fcntl.h>\nint main() {{\n{lines}return antivir < 0 || aivsecon < 0;\n}}\n"
     (tmp_path / "reader.cpp").write_text(program)
     subprocess.run(["g++", "-o", tmp_path / "reader", tmp_path / "reader.cpp"], check=True)
     consumer.gateway.put("/usr/bin/zqu-reader", (tmp_path / "reader").read_bytes(), 0o755)
-    assert consumer.gateway.run("zqu-reader", check=False).returncode == 1
+    assert consumer.gateway.run("zqu-reader", check=False).returncode == 2  # ENOENT, as the page says
     consumer.update_to("1001")
     consumer.gateway.run("zqu-reader", user=USER)
 
 
 def test_page_shows_the_samples_as_they_are():
-    shown = blocks("consumers.md", "Being told")
+    shown = blocks("consumers.md", "Load each update")
     for name in ("zel-quorin-reload.path", RELOAD):
         lines = (SAMPLES / name).read_text().splitlines(keepends=True)
         assert "".join(line for line in lines if not line.startswith("#")) in shown, name
