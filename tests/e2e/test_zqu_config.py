@@ -152,8 +152,11 @@ retained_snapshots = -4294967294.5
         only the low 32 bits are kept
 poll_interval_s = 0
 poll_jitter_s = 0
-    2: warning: poll_interval_s: 0: checks follow each other without a pause
+    1: warning: poll_interval_s: 0: checks follow each other without a pause
     2: note: poll_jitter_s: gateways that start together ask the mirror together
+poll_jitter_s = 4294966397
+    1: warning: poll_interval_s: with the jitter of up to 4294966396 s the wait wraps around at 2^32 s,
+        and may be none
 """
 
 
