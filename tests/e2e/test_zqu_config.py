@@ -71,7 +71,7 @@ class Configuration:
     def expect(self, *findings, words=(), user=CALLER, **options):
         """Compares the whole report; a finding is "LINE: severity: text" or " severity: text" without a line."""
         if not AS_ROOT:
-            changeable = f" warning: user {CALLER}, whom the daemon runs as, can change or replace the file"
+            changeable = f" warning: user {CALLER} (the daemon's) can change or replace the file"
             online = [finding for finding in findings if re.match(r" \w+: (the mirror|redirected) ", finding)]
             findings = [*(finding for finding in findings if finding not in online), changeable, *online]
         text = "".join(f"{self.path}:{finding}\n" for finding in findings)
@@ -126,16 +126,16 @@ engine_version = 7\\            1: warning: engine_version: lines are not joined
     1: warning: unknown key "\xEF\xBB\xBFflavor" is ignored; there is an invisible character beside flavor
 engine_version = 7\0
     1: warning: the control byte \x00 is part of the line
-    1: warning: engine_version: the status file will be no valid JSON
+    1: warning: engine_version: the status file will not be valid JSON
 flavor = v\0
     1: warning: the control byte \x00 is part of the line
     1: error: flavor: the URLs end at the byte \x00: every check fails
 mirror_subdir = a\1b
     1: warning: the control byte \x01 is part of the line
     1: error: mirror_subdir: libcurl refuses the URL: every check fails
-engine_version = \xff\xc0\xaf           1: warning: engine_version: the status file will be no valid JSON
+engine_version = \xff\xc0\xaf           1: warning: engine_version: the status file will not be valid JSON
 # old\rflavor = v3
-    1: warning: a carriage return in the middle ends no line: what follows belongs to this one
+    1: warning: a carriage return in the middle does not end the line: what follows is part of it
 # \x1b[31m                      nothing
 flavor\xc2\xa0= v3
     1: warning: unknown key "flavor\xC2\xA0" is ignored; there is an invisible character beside flavor
@@ -237,8 +237,8 @@ VALUES = {
         "gr\u00f6n": "warning: nothing is encoded; bytes beyond ASCII go into the URLs as they are",
     },
     "flavor": {
-        "": "warning: empty: the names of all files have nothing in its place",
-        "a/b": 'error: a "/" makes paths of the files\' names: every update fails',
+        "": "warning: empty: it is missing from the names of all files",
+        "a/b": 'error: with a "/" the file names become paths: every update fails',
         "a b": BLANK,
         "v?": NOT_ENCODED.format("?"),
     },
@@ -255,7 +255,7 @@ VALUES = {
         "0": "warning: 0: only the one in service is kept, as with 1",
         "1": "note: 1: only the one in service is kept",
         "2147483648": "",
-        "2147483651": "warning: wraps around unless there are 3 snapshots: all but the one in service are removed",
+        "2147483651": "warning: too large: with fewer than 3 snapshots, all but the one in service are removed",
     },
     "http_timeout_s": {
         "0": "warning: 0: no time-out, a stalled mirror stalls the daemon",
@@ -319,8 +319,8 @@ def test_longest_configuration_is_read(conf):
 
 
 NO_FILES = {
-    "missing": (lambda path: None, "cannot be read: No such file or directory (the daemon would go by its defaults)"),
-    "directory": (lambda path: path.mkdir(), "is a directory: the daemon would go by its defaults, without a word"),
+    "missing": (lambda path: None, "cannot be read: No such file or directory (the daemon would use its defaults)"),
+    "directory": (lambda path: path.mkdir(), "is a directory: the daemon would use its defaults and log nothing"),
     "FIFO": (os.mkfifo, "is a FIFO: the daemon would wait at its start until something is written to it"),
     "device": (lambda path: path.symlink_to("/dev/zero"), "is not a regular file"),
     "too long": (lambda path: path.write_bytes(bytes(1048577)), "is longer than 1048576 bytes: it was not checked"),
@@ -351,7 +351,7 @@ def test_file_that_everybody_can_write_is_reported(conf):
 PATHS = r"""
 def_root = {base}/missing       1: note: def_root: "{base}/missing" is missing: the daemon makes it
 def_root =
-    1: error: def_root: empty: the definitions lie in /snapshots; name a directory of their own
+    1: error: def_root: empty: the definitions would be in /snapshots; set a directory of their own
 def_root = {base}/file          1: error: def_root: "{base}/file" is no directory
 def_root = {base}/file/defs     1: error: def_root: "{base}/file/defs" cannot be examined (Not a directory)
 def_root = {base}/dangling      1: error: def_root: "{base}/dangling" cannot be examined (No such file or directory)
@@ -373,7 +373,7 @@ status_path = {base}/a/b
     1: note: def_root: "{base}/a/b/c" is missing: the daemon makes it
     2: error: status_path: "{base}/a/b" is def_root or contains it: no status file is written
 def_root = /..
-    1: error: def_root: "/..": the definitions lie in /snapshots; name a directory of their own
+    1: error: def_root: "/..": the definitions would be in /snapshots; set a directory of their own
 status_path = /dev/null         1: warning: status_path: "/dev/null" is not a regular file
 status_path = {base}/a/b        1: note: status_path: "{base}/a" is missing: the daemon makes it
 status_path = {path}            1: error: status_path: "{path}" is the configuration: the daemon would overwrite it
@@ -485,7 +485,7 @@ def test_what_the_user_may_not_do_is_an_error(open_conf):
         f'1: error: ca_path: "{secret}" cannot be read {denied}: no transfer over https succeeds',
         f'3: error: def_root: "{conf.root}" cannot be written {denied}',
         f'4: error: status_path: "{conf.status}" cannot be written {denied}',
-        " error: user nobody may not read the file (Permission denied): the daemon would go by its defaults",
+        " error: user nobody may not read the file (Permission denied): the daemon would use its defaults",
         user="nobody",
     )
     conf.root.rmdir()
@@ -513,7 +513,7 @@ def test_user_may_write_all_but_the_file(open_conf):
     conf.expect(user="nobody")
     conf.base.chmod(0o755)
     os.chown(conf.path, nobody.pw_uid, nobody.pw_gid)
-    conf.expect(" warning: user nobody, whom the daemon runs as, can change or replace the file", user="nobody")
+    conf.expect(" warning: user nobody (the daemon's) can change or replace the file", user="nobody")
 
 
 _WITH_USERS = 'mount --bind "$1" /etc/passwd; mount --bind "$2" /etc/group; shift 2; exec "$@"'
@@ -568,7 +568,7 @@ def test_what_the_caller_cannot_read_is_no_error(open_conf):
     assert as_nobody(conf, user="nobody") == (2, [*errors, ": 2 errors"])
     conf.path.chmod(0o600)
     assert as_nobody(conf, user="root") == (1, [f": warning: {NOT_YOURS}; nothing was checked", ": 1 warning"])
-    ends = "may not read the file (Permission denied): the daemon would go by its defaults"
+    ends = "may not read the file (Permission denied): the daemon would use its defaults"
     assert as_nobody(conf, user="nobody") == (2, [f": error: user nobody {ends}", ": 1 error"])
     nobody = pwd.getpwnam("nobody").pw_uid
     shown = (2, f"{conf.path}: error: {NOT_YOURS}\n", "")
@@ -807,10 +807,10 @@ def test_what_the_service_unit_forbids_is_reported(conf, default_run):
     def findings(**settings):
         conf.path.write_text(configuration(settings))
         found = json.loads(default_run("check", "--json", "--user", CALLER)[1])["findings"]
-        about_unit = [each for each in found if re.search("drop-in of the unit|hidden from the service", each["text"])]
+        about_unit = [each for each in found if re.search("drop-in of its unit|hidden from the service", each["text"])]
         return [f"{each['line']}: {each['severity']}: {each['text']}" for each in about_unit]
 
-    drop_in = '{}: note: {}: "{}" needs a drop-in of the unit to be written by the service: ReadWritePaths={}'
+    drop_in = '{}: note: {}: "{}" cannot be written by the service without a drop-in of its unit: ReadWritePaths={}'
     hidden = '{}: warning: {}: "{}" is hidden from the service, as all of {} is'
     default = SETTINGS["def_root"]
     inside = {"def_root": f"{default}/more", "status_path": f"{default}/status.json", "ca_path": "/etc/ca.pem"}

@@ -638,7 +638,7 @@ ADVICE = {
     f"CAB missing {SECOND}": "The archive lacks this definition file",
     f"sha256 mismatch {SECOND}": "This definition file is not the one",
     "publish/flip failed": "The link active could not be replaced",
-    "download CAB!": "No text of this daemon's",
+    "download CAB!": "Not a text of this daemon",
 }
 
 

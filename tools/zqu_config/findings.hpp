@@ -1,4 +1,4 @@
-// How the daemon reads a configuration file, what zqu-config finds in it, and the user that the checks ask for.
+// How the daemon reads a configuration file, what zqu-config finds in it, and the user that access is checked for.
 #pragma once
 
 #include <sys/types.h>
@@ -29,9 +29,9 @@ struct Line {
 struct Reading {
     std::string path;
     std::string trouble;  // why the file cannot be read; empty when it can be
-    bool denied = false;  // the trouble is this program's user's only
+    bool denied = false;  // only this program's user may not read it
     std::vector<Line> lines;
-    Config cfg;             // without a text: the defaults; with a fatal line: what the lines before it left
+    Config cfg;             // without a text: the defaults; with a fatal line: the settings of the lines before it
     std::size_t fatal = 0;  // the first line that ends the daemon at its start; 0: none
     std::map<std::string, std::size_t> set_on;  // key: the line that has its value
 
@@ -67,7 +67,7 @@ struct Rule {
     std::string text;
 };
 
-// In the order of the lines, those without a line last; on one line in the order they came.
+// Sorted by line, those without a line last. Those of one line keep the order in which they were added.
 class Findings {
 public:
     void add(Severity severity, std::size_t line, const std::string& text);
@@ -87,15 +87,16 @@ private:
     std::vector<LineFinding> all_;
 };
 
-// Whom access is asked for. Only root can ask for another user; what a service manager forbids on top is not included.
+// The user that access is checked for. Only root can check for another user. What a service manager forbids is not
+// included.
 struct User {
     std::string name;
     uid_t uid = 0;
     gid_t gid = 0;
     bool is_service = false;  // the user that the daemon runs as
-    std::string remark;       // why it is the caller instead; empty when is_service
+    std::string remark;       // why it is the caller instead; empty with is_service
 
-    // Whether answers for this user say something about the daemon. Root's do when no such user is known.
+    // Whether results for this user hold for the daemon. Those for root do when there is no such user.
     [[nodiscard]] bool can_ask() const { return is_service || uid == 0; }
 };
 
@@ -116,13 +117,13 @@ inline constexpr int room_too = 8;
 // Turns this process into one of user, with all groups of user. Throws std::runtime_error when that fails.
 void become(const User& user);
 
-// What the daemon ignores in the lines, and reads otherwise than written.
+// What the daemon ignores in the lines, or reads in another way than it is written.
 void check_lines(const Reading& reading, Findings& findings);
 
 // What the settings mean. Nothing on the disk is looked at.
 void check_values(const Reading& reading, Findings& findings);
 
-// Whether the libraries that the daemon uses can read what mirrors have.
+// Whether the libraries that the daemon uses can read the archives that mirrors serve.
 void check_libraries(Findings& findings);
 
 // Whether the paths can be used. Throws what refusal() throws.

@@ -1,4 +1,4 @@
-// zqu-config: shows what the daemon makes of its configuration file, and finds what it would ignore or fail on.
+// zqu-config: shows how the daemon reads its configuration file, and finds what it would ignore or fail on.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 
@@ -12,7 +12,7 @@ using namespace zqu::tools;
 
 struct ConfigRequest {
     std::vector<std::string> paths = {default_config_path};
-    std::string user;  // whom access is asked for; empty: the default one
+    std::string user;  // access is checked for this user; empty: for the default one
     bool online = false;
     std::int64_t timeout_s = 30;
     bool json = false;
@@ -27,13 +27,13 @@ constexpr int faulty = 2;
 constexpr const char* about = "Reads the configuration of zel_quorin_updater as the daemon does, and shows the result.";
 
 constexpr const char* about_check =
-    "Prints one line for each thing that the daemon would ignore silently, or that would make it fail: note, warning\n"
-    "(it runs, but maybe not as meant) or error (updates, the status file or the daemon itself fail).\n"
-    "What can be read and written is checked for the user zel-quorin; only root can do that.\n\n"
+    "Prints one line for each thing that the daemon would ignore silently, or that would make it fail. It is a note,\n"
+    "a warning (the daemon runs, but maybe not as meant) or an error (updates, the status file or the daemon fail).\n"
+    "What can be read and written is checked for the user zel-quorin, if root runs the check.\n\n"
     "Examples:\n"
     "  zqu-config check\n"
     "  zqu-config check --online --user nobody updater.conf\n\n"
-    "Exit status: 0 at most notes; 1 warnings; 2 errors, not checked, or wrong command line.";
+    "Exit status: 0 nothing found, or only notes; 1 warnings; 2 errors, no check was made, or wrong command line.";
 
 constexpr const char* about_show =
     "Prints the settings that the daemon would use, the line that each comes from, and what follows from them.\n\n"
@@ -50,7 +50,7 @@ Findings find(const ConfigRequest& request) {
     if (reading.denied && user.can_ask()) {
         findings.add(
             error, 0,
-            "user " + user.name + " may not read the file (Permission denied): the daemon would go by its defaults");
+            "user " + user.name + " may not read the file (Permission denied): the daemon would use its defaults");
     } else if (reading.denied) {
         findings.add(warning, 0, reading.trouble + "; nothing was checked");
     } else if (!reading.trouble.empty()) {
@@ -104,7 +104,7 @@ CLI::App* add_check(CLI::App& app, ConfigRequest& request) {
     auto* online = command->add_flag("--online", request.online, "Ask the mirror for its current release too");
     add_duration(
         *command, "--timeout", [&](std::int64_t seconds) { request.timeout_s = seconds; },
-        "How long the mirror has for that [30]", 1)
+        "How long to wait for the mirror [30]", 1)
         ->needs(online);
     auto* json = command->add_flag("--json", request.json, "Print one JSON object");
     command->add_flag("--quiet", request.quiet, "Print nothing")->excludes(json);
@@ -115,7 +115,7 @@ CLI::App* add_check(CLI::App& app, ConfigRequest& request) {
 void add_show(CLI::App& app, ConfigRequest& request) {
     CLI::App* command = app.add_subcommand("show", "Print the settings that the daemon would use");
     command->add_option("FILE", request.paths, "The configurations")->capture_default_str();
-    command->add_flag("--json", request.json, "Print one JSON object for each, on a line");
+    command->add_flag("--json", request.json, "Print one JSON object for each, on a line of its own");
     command->footer(about_show);
 }
 

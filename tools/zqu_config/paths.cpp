@@ -25,7 +25,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// statvfs(3): root alone may use what is reserved. A file system without a number of inodes gives 0 for all of them.
+// statvfs(3): only root may use the reserved blocks. A file system that does not count inodes gives 0 for all of them.
 bool has_room(const std::string& path) {
     struct statvfs room = {};
     const bool known = statvfs(path.c_str(), &room) == 0;
@@ -103,7 +103,7 @@ struct Paths {
         if (!unreadable.empty()) {
             findings.add(
                 error, 0,
-                "user " + user.name + " may not read the file" + unreadable + ": the daemon would go by its defaults");
+                "user " + user.name + " may not read the file" + unreadable + ": the daemon would use its defaults");
         }
         const std::string directory = fs::absolute(reading.path).parent_path();
         check_writers({"", reading.path});
@@ -111,7 +111,7 @@ struct Paths {
         const bool sticky = At(directory).has(fs::perms::sticky_bit);  // others' files cannot be replaced there
         if (user.is_service && user.uid != 0 &&
             (refusal(user, reading.path, W_OK) == 0 || (!sticky && refusal(user, directory, W_OK | X_OK) == 0))) {
-            findings.add(warning, 0, "user " + user.name + ", whom the daemon runs as, can change or replace the file");
+            findings.add(warning, 0, "user " + user.name + " (the daemon's) can change or replace the file");
         }
     }
 
@@ -142,7 +142,7 @@ struct Paths {
         if (place.path.empty() || normal(place.path) == "/") {
             const std::string what = place.path.empty() ? "def_root: empty" : place.start();
             findings.add(error, place.line,
-                         what + ": the definitions lie in /snapshots; name a directory of their own");
+                         what + ": the definitions would be in /snapshots; set a directory of their own");
             return;
         }
         check_absolute(place);
@@ -182,7 +182,7 @@ struct Paths {
         }
     }
 
-    // What the service unit forbids on top, which nothing on the disk shows. It is that of the default file only.
+    // What the service unit forbids besides. Nothing on the disk shows that. The unit uses the default file only.
     void check_unit() {
         const std::string of_status = fs::path(cfg.status_path).parent_path();
         check_writable_in_unit(place_of("def_root", cfg.def_root), cfg.def_root);
@@ -222,7 +222,7 @@ struct Paths {
         }
     }
 
-    // Writing there would break what lies there.
+    // Writing there would destroy the file or the link that belongs there.
     void check_status_place(const ConfiguredPath& place) {
         for (const std::string name : {"/active", "/active.tmp", "/snapshots"}) {
             if (is_within(place.path, cfg.def_root + name)) {
@@ -259,7 +259,8 @@ struct Paths {
     void check_writable_in_unit(const ConfiguredPath& place, const std::string& directory) {
         const Config defaults;
         if (!directory.empty() && directory.front() == '/' && !is_within(directory, defaults.def_root)) {
-            add(note, place, " needs a drop-in of the unit to be written by the service: ReadWritePaths=" + directory);
+            add(note, place,
+                " cannot be written by the service without a drop-in of its unit: ReadWritePaths=" + directory);
         }
     }
 
@@ -269,7 +270,7 @@ struct Paths {
         }
     }
 
-    // They decide what is put into service.
+    // Who can write there decides what is put into service.
     void check_writers(const ConfiguredPath& place) {
         const At at(place.path);
         if (!at.fault && at.has(fs::perms::others_write) && !at.has(fs::perms::sticky_bit)) {
@@ -284,7 +285,7 @@ struct Paths {
         }
     }
 
-    // Whether the error is this program's, and says nothing about the daemon.
+    // Whether only this program's user is refused, which says nothing about the daemon.
     bool is_hidden(const ConfiguredPath& place, int fault) {
         const bool hidden = fault == EACCES && !user.can_ask();
         if (hidden) {
@@ -297,7 +298,7 @@ struct Paths {
         return {key, path, reading.line(key)};
     }
 
-    // Empty when the user may do that, and when that cannot be asked.
+    // Empty when the user may do that, and when only root could check it.
     [[nodiscard]] std::string why_not(const std::string& path, int mode) const {
         const std::error_code refused(user.can_ask() ? refusal(user, path, mode) : 0, std::generic_category());
         return refused ? reason(refused) : "";

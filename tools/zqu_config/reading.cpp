@@ -47,8 +47,8 @@ std::vector<Line> lines_of(const std::string& text) {
     return lines;
 }
 
-// Learns what lines of the text do: loads them over two configurations that differ in each setting. One that is equal
-// then was set by them. Goes into the halves that have an effect.
+// Finds out what lines of the text do: loads them over two configurations that differ in each setting. A setting that
+// is then equal in both was set by the lines. Repeats this for each half of lines that have an effect.
 void learn(const std::string& text, std::vector<Line>& lines, std::size_t first, std::size_t end) {
     const std::size_t start = first < end ? lines[first].start : text.size();
     const Fd file = memory_file(text.substr(start, end < lines.size() ? lines[end].start - start : std::string::npos));
@@ -71,7 +71,7 @@ void learn(const std::string& text, std::vector<Line>& lines, std::size_t first,
 
 std::string kind_of(mode_t mode) {
     if (S_ISDIR(mode)) {
-        return "is a directory: the daemon would go by its defaults, without a word";
+        return "is a directory: the daemon would use its defaults and log nothing";
     }
     return S_ISFIFO(mode) ? "is a FIFO: the daemon would wait at its start until something is written to it"
                           : "is not a regular file";
@@ -95,8 +95,8 @@ std::string lower(std::string name) {
     return name;
 }
 
-// One finding for a line, for its first control byte. Those in a comment do no harm, but for one that others may have
-// taken for the end of the comment.
+// One finding for a line, for its first control byte. In a comment only a carriage return is reported: an editor may
+// show what follows as a line of its own.
 void check_controls(const Line& line, Findings& findings) {
     const bool comment = line.text[0] == '#';
     const auto is_control = [comment](char c) {
@@ -107,7 +107,7 @@ void check_controls(const Line& line, Findings& findings) {
         return;
     }
     findings.add(warning, line.number,
-                 *found == '\r' ? "a carriage return in the middle ends no line: what follows belongs to this one"
+                 *found == '\r' ? "a carriage return in the middle does not end the line: what follows is part of it"
                                 : "the control byte " + printable(std::string(1, *found)) + " is part of the line");
 }
 
@@ -132,7 +132,7 @@ void check_no_equals(const Line& line, Findings& findings) {
     findings.add(warning, line.number, text);
 }
 
-// The key that shares most letters with name, at its start and its end; empty when more than a third of them differ.
+// The key that shares most letters with name at the start and the end; empty when more than a third of them differ.
 std::string nearest_key(std::string name) {
     std::replace(name.begin(), name.end(), '-', '_');
     std::string nearest;
@@ -262,7 +262,7 @@ Reading read_configuration(const std::string& path) {
         reading.trouble = read_file(path, text);
     } catch (const std::system_error& e) {
         reading.denied = e.code().value() == EACCES && geteuid() != 0;
-        const char* then = e.code().value() == EIO ? "" : " (the daemon would go by its defaults)";
+        const char* then = e.code().value() == EIO ? "" : " (the daemon would use its defaults)";
         reading.trouble = reading.denied ? "cannot be read by you (user " + caller() + "): run as root"
                                          : "cannot be read: " + e.code().message() + then;
     }

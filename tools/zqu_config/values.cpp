@@ -40,7 +40,7 @@ private:
     CURLUcode error_;
 };
 
-// What holds for each setting that becomes a part of the URLs. Returns whether there can be such a URL.
+// The checks for each setting that is a part of the URLs. Returns whether libcurl accepts such a URL.
 bool check_url(const std::string& key, const std::string& value, const Url& url, std::size_t line, Findings& findings) {
     const std::string refused = "libcurl refuses the URL (" + std::string(curl_url_strerror(url.error())) + ")";
     const bool spelling = url.error() == CURLUE_BAD_PATH || url.error() == CURLUE_MALFORMED_INPUT;
@@ -102,7 +102,7 @@ void check_base_url(const Reading& reading, Findings& findings) {
     if (line == 0) {
         findings.add(warning, 0, "mirror_base_url: not set: the daemon asks the default, " + value + "; set it");
     }
-    // What the daemon puts before a path. With the path, libcurl would take its first part for a missing host.
+    // What the daemon puts before a path. With a path behind it, libcurl would use the path's first part as the host.
     const std::string base = value.substr(0, value.find_last_not_of('/') + 1) + "/";
     const Url url(base);
     if (check_url("mirror_base_url", value, url, line, findings)) {
@@ -136,9 +136,9 @@ void check_flavor(const Reading& reading, Findings& findings) {
     const std::string& flavor = reading.cfg.flavor;
     const std::size_t line = reading.line("flavor");
     findings.first(line, "flavor",
-                   {{flavor.empty(), warning, "empty: the names of all files have nothing in its place"},
+                   {{flavor.empty(), warning, "empty: it is missing from the names of all files"},
                     {flavor.find('/') != std::string::npos, error,
-                     "a \"/\" makes paths of the files' names: every update fails"}});
+                     "with a \"/\" the file names become paths: every update fails"}});
     check_in_path(reading, "flavor", &Config::flavor, findings);
 }
 
@@ -147,7 +147,7 @@ void check_engine_version(const Reading& reading, Findings& findings) {
     const std::string& version = reading.cfg.engine_version;
     const auto raw = [](char c) { return static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\r'; };
     if (std::any_of(version.begin(), version.end(), raw) || as_utf8(version) != version) {
-        findings.add(warning, reading.line("engine_version"), "engine_version: the status file will be no valid JSON");
+        findings.add(warning, reading.line("engine_version"), "engine_version: the status file will not be valid JSON");
     }
 }
 
@@ -177,8 +177,8 @@ void check_retained(const Reading& reading, Findings& findings) {
     const std::uint32_t retained = reading.cfg.retained_snapshots;
     findings.first(reading.line("retained_snapshots"), "retained_snapshots",
                    {{retained > wrapping, warning,
-                     "wraps around unless there are " + std::to_string(retained - wrapping) +
-                         " snapshots: all but the one in service are removed"},
+                     "too large: with fewer than " + std::to_string(retained - wrapping) +
+                         " snapshots, all but the one in service are removed"},
                     {retained == 0, warning, "0: only the one in service is kept, as with 1"},
                     {retained == 1, note, "1: only the one in service is kept"}});
 }
@@ -193,7 +193,7 @@ void check_timeout(const Reading& reading, Findings& findings) {
                     {timeout < 30, warning, "a whole archive has to arrive within " + std::to_string(timeout) + " s"}});
 }
 
-// Of what a mirror sends, which may be long.
+// Shortens and cleans a text of a mirror.
 std::string line_of(const std::string& text) {
     return printable(text.substr(0, 4096));
 }
@@ -217,7 +217,7 @@ std::string ask(const Config& cfg, Progress& progress) {
     return answer.dump();
 }
 
-// Whether the caller, who asks instead of the daemon's user, may read what the transfer needs.
+// Whether the caller, who asks the mirror instead of the daemon's user, may read the files that the transfer needs.
 bool may_ask(const Config& cfg, const User& user, Findings& findings) {
     for (const std::string& path : {cfg.ca_path, local_path(MirrorClient(cfg).hit_ini_url())}) {
         if (!user.can_ask() && !path.empty() && access(path.c_str(), R_OK) != 0 && errno == EACCES) {

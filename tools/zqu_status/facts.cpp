@@ -30,7 +30,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int looks = 26;  // opening with O_TRUNC may wait for a busy disk, with the file short meanwhile
+constexpr int looks = 26;  // with O_TRUNC, open(2) may wait for a busy disk; the file is short meanwhile
 constexpr std::chrono::milliseconds between_looks(20);
 
 bool is_absence(int error) {
@@ -63,9 +63,9 @@ void look(Facts& facts) {
 bool settled(const Store& before, const Facts& facts) {
     const StatusFile& status = facts.status;
     const Store& now = facts.store;
-    const bool told = status.state == StatusState::valid ? status.contents.active_version == as_utf8(now.version)
-                                                         : status.state != StatusState::unfinished;
-    return told &&
+    const bool complete = status.state == StatusState::valid ? status.contents.active_version == as_utf8(now.version)
+                                                             : status.state != StatusState::unfinished;
+    return complete &&
            std::tie(before.link, before.target, before.published) == std::tie(now.link, now.target, now.published);
 }
 
@@ -92,9 +92,9 @@ std::pair<time_t, long> exact(const timespec& time) {
     return {time.tv_sec, time.tv_nsec};
 }
 
-// Whether the file was changed after the link was set. ctime alone tells it of most files, as mtime comes from the
-// archive. But each start of the packaged service renews the ctime of the link: a file that was written before that
-// has the same mtime and ctime, later than the link's mtime.
+// Whether the file was changed after the link was set. For most files the ctime alone shows it, because the mtime comes
+// from the archive. But each start of the packaged service renews the ctime of the link: a file that was written before
+// that has the same mtime and ctime, later than the link's mtime.
 bool is_changed(const struct stat& file, const struct stat& link) {
     const auto changed = exact(file.st_ctim);
     return changed > exact(link.st_mtim) && (changed == exact(file.st_mtim) || changed > exact(link.st_ctim));

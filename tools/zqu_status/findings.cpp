@@ -13,10 +13,10 @@ namespace {
 constexpr std::int64_t disk_work = 300;           // of one check: digests, unpacking, flushing, pruning
 constexpr std::int64_t assumed_transfer = 300;    // when nothing bounds it
 constexpr std::int64_t old_definitions = 172800;  // two days
-constexpr std::int64_t tolerance = 60;            // by which a clock may be put back unnoticed
+constexpr std::int64_t tolerance = 60;            // a clock that was put back by less is not reported
 constexpr std::int64_t settling = 60;             // from a publication to its status: flushing, pruning
 
-constexpr std::size_t whole = 2000;  // the reason of a transfer has many words about a certificate
+constexpr std::size_t whole = 2000;  // the reason of a failed transfer is long when it is about a certificate
 
 constexpr const char* restart = "systemctl restart zel_quorin_updater";
 
@@ -58,7 +58,7 @@ public:
     }
 
 private:
-    // first and second stand for %1 and %2, once shown() has made them harmless.
+    // first and second replace %1 and %2, made harmless by shown().
     Matter& add(const std::string& name, const std::string& first, const std::string& second = "",
                 const std::string& command = "", std::size_t most = 200) {
         const auto* const kind = std::find_if(kinds.begin(), kinds.end(),
@@ -76,7 +76,7 @@ private:
     [[nodiscard]] std::string below_root(const std::string& name) const { return facts_.cfg.def_root + "/" + name; }
 
     // Removes the link active; all snapshots too when the daemon would unpack through a link. Names nothing below
-    // snapshots: its owner could lead a command of root's elsewhere.
+    // snapshots: its owner could lead root's command elsewhere with a link.
     [[nodiscard]] std::string link_removal() const {
         const std::string link = below_root("active");
         return is_in_the_way(layout_.at(Role::snapshots)) || is_in_the_way(layout_.at(Role::snapshot))
@@ -84,7 +84,7 @@ private:
                    : shell_line("rm -f", {link});
     }
 
-    // For a damaged snapshot, which no restart touches while the link names it.
+    // For a damaged snapshot. A restart does not touch it while the link names it.
     [[nodiscard]] std::string refetching() const {
         const std::string removal = link_removal();
         return layout_.packaged && !removal.empty() ? removal + " && " + restart : removal;

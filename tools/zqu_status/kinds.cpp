@@ -16,10 +16,11 @@ constexpr auto critical = Verdict::critical;
 constexpr const char* permission =
     "Run zqu-status as a user who may: the daemon's, one of the readers' group, or root.";
 constexpr const char* no_definitions =
-    "Nothing can be scanned with these definitions. Start the daemon, or see why its checks fail.";
+    "Nothing can be scanned without definitions. Start the daemon, or find out why its checks fail.";
 constexpr const char* without_link = "Without the link, the next check fetches the release again.";
 constexpr const char* damaged =
-    "The mirror serves it so, the disk was full, or it is damaged. Without the link active, the next check fetches the "
+    "The mirror serves it like this, the disk was full, or it was damaged here. Without the link active, the next "
+    "check fetches the "
     "release again.";
 constexpr const char* rewritten =
     "The next check rewrites it. If it stays, something else writes it, or the daemon is of another version.";
@@ -43,8 +44,8 @@ constexpr std::array<Advice, 8> of_errors{{
      "room and the permissions below def_root, http_timeout_s and the mirror."},
     {"CAB sha256 mismatch",
      "The archive is not the one that the mirror describes: damaged on its way, replaced, or still being copied to the "
-     "mirror; or def_root was full. Check the room below def_root. With room, of no concern once; when it stays, the "
-     "mirror has to be repaired."},
+     "mirror; or def_root was full. Check the room below def_root. If there is room, a single failure "
+     "does not matter. If it stays, repair the mirror."},
     {"CAB extract",
      "The archive could not be unpacked: it is damaged or holds what cannot be written, or def_root is full. Check the "
      "room below def_root, then the release on the mirror."},
@@ -68,11 +69,11 @@ const std::array<FindingKind, 44> kinds{{
      "The daemon does not start: poll_interval_s, poll_jitter_s, retained_snapshots and http_timeout_s have to "
      "begin with a number of at most 64 bits."},
     {"config_unusable", warning, "%1",
-     "Set it in the configuration and restart the daemon: no check can succeed without."},
+     "Set it in the configuration and restart the daemon: no check can succeed without it."},
     {"service_failed", critical, "%1 has failed: %2",
-     "Look at its log: journalctl -u and the name. systemctl restart tries it again at once."},
+     "Read its log: journalctl -u and the name of the unit. systemctl restart tries it again at once."},
     {"service_stopped", critical, "%1 is %2: the definitions get no updates",
-     "Start it. If the daemon runs without a unit, or by another one, use --unit."},
+     "Start it. If the daemon runs without a unit or in another one, use --unit."},
     {"service_disabled", warning, "%1 runs, but does not start at boot: it is %2", "Enable it."},
     {"service_unknown", unknown, "the state of %1 is not known: %2", "See that the system bus (dbus) runs."},
     {"drop_in_left", warning, "%1 may still write %2, which the configuration no longer names",
@@ -82,7 +83,7 @@ const std::array<FindingKind, 44> kinds{{
     {"active_no_link", critical, "%1 is no link", "The daemon replaces a file, but not a directory."},
     {"active_dangling", critical, "%1 leads nowhere: %2 is no directory", without_link},
     {"active_outside", critical, "%1 leads to %2, which is no snapshot", without_link},
-    {"directory_kind", critical, "%1 %2", "Once it is gone, the next start of the daemon makes the directory."},
+    {"directory_kind", critical, "%1 %2", "When it is removed, the next start of the daemon makes the directory."},
     {"directory_owner", warning, "%1 %2", "A hostile mirror could change its mode."},
     {"directory_mode", warning, "%1 %2", "A hostile mirror could replace what root has put there."},
     {"writable_by_others", critical, "%1 can be written by %2",
@@ -96,10 +97,10 @@ const std::array<FindingKind, 44> kinds{{
     {"definition_empty", critical, "%1 in the snapshot in service is empty", damaged},
     {"definition_zeroed", critical, "%1 in the snapshot in service begins and ends with zero bytes only", damaged},
     {"definition_closed", critical, "%1 in the snapshot in service cannot be read by %2",
-     "The programs that scan with it fail, or go on with old definitions. The archive gives a file its mode."},
+     "The programs that scan with it fail, or go on with old definitions. The file's mode comes from the archive."},
     {"definition_changed", warning, "%1 in the snapshot in service was changed after it was put into service",
-     "A copied or restored root looks so too. zqu-status --verify compares it with the mirror's. In doubt remove "
-     "the link active: the next check fetches the release again."},
+     "A copied or restored definitions root looks the same. zqu-status --verify compares it with the mirror's. In "
+     "doubt remove the link active: the next check fetches the release again."},
     {"definition_differs", critical, "%1 in the snapshot in service differs from the mirror's file of that release",
      "Somebody has changed it, its disk is damaged, or the mirror has changed the release. Without the link, the "
      "next check fetches the release again."},
@@ -119,20 +120,21 @@ const std::array<FindingKind, 44> kinds{{
      "directory."},
     {"status_unreadable", unknown, "the status file %1 cannot be read: %2", permission},
     {"status_not_regular", critical, "the status file %1 is no regular file",
-     "The daemon cannot write its status there. Restart it once that is gone."},
+     "The daemon cannot write its status there. Remove it, or correct status_path, and restart the daemon."},
     {"status_too_long", unknown, "the status file %1 is not looked at: %2",
      "The daemon writes that much only when the mirror gives such ids: look at the mirror."},
     {"status_unfinished", unknown, "the status file %1 is cut short: %2",
      "Its disk is full, or the daemon was killed while it wrote: make room. The next check rewrites it."},
-    {"status_invalid", unknown, "the status file %1 is none: %2", rewritten},
-    {"status_schema", unknown, "the status file %1 is not known: %2", rewritten},
+    {"status_invalid", unknown, "the status file %1 is not valid: %2", rewritten},
+    {"status_schema", unknown, "the status file %1 has another format: %2", rewritten},
     {"check_failed", warning, "the last check failed: %1", ""},
     {"check_late", critical, "the last check began %1",
      "The daemon is stopped, hangs in a transfer, fails before it can report (the log has run_once exception), or "
      "can no longer write its status file."},
     {"check_in_future", warning, "the last check is in the future, at %1", clock_back},
     {"version_differs", warning, "active leads to %1, but the last check left %2",
-     "Somebody else has set the link, or the daemon was ended right after it. The next check tells."},
+     "Somebody else has set the link, or the daemon was ended right after it set the link. The next check "
+     "writes a new status."},
 }};
 
 const char* advice_for(const std::string& last_error) {
@@ -142,7 +144,7 @@ const char* advice_for(const std::string& last_error) {
     });
     return found != of_errors.end()
                ? found->text
-               : "No text of this daemon's: the status file comes from another version, or another program.";
+               : "Not a text of this daemon: the status file comes from another version or another program.";
 }
 
 }  // namespace zqu::status_tool

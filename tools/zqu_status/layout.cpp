@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 constexpr const char* readers_group = "zel-quorin-readers";
 constexpr std::size_t longest_list = 65536;  // of an extended attribute: xattr(7)
 
-// Somebody with rights: ACL_USER or ACL_GROUP with a number, or ACL_OTHER for everybody else.
+// Someone with rights: ACL_USER or ACL_GROUP with a number, or ACL_OTHER for everybody else.
 struct Subject {
     unsigned tag = ACL_OTHER;
     id_t id = 0;
@@ -91,7 +91,7 @@ std::string name_of(const Subject& subject) {
     return "the group " + (entry != nullptr ? std::string(entry->gr_name) : std::to_string(subject.id));
 }
 
-// The rights to path, which leads over no link, and to each directory above it; none when one cannot be looked at.
+// The rights to path, which holds no links, and to each directory above it; none when one cannot be examined.
 std::vector<Access> rights_along(fs::path path) {
     std::vector<Access> chain;
     for (bool below = true; below; path = path.parent_path()) {
@@ -106,8 +106,8 @@ std::vector<Access> rights_along(fs::path path) {
     return chain;
 }
 
-// In a sticky directory nobody can replace the status file. A sticky directory of definitions is no better than
-// another: the next release could be made there first.
+// In a sticky directory nobody can replace the status file. For definitions the sticky bit is not enough: others could
+// make the directory of the next release first.
 bool may_be_shared(const Place& place) {
     const bool of_status = place.role == Role::manifest || place.role == Role::status_directory;
     const mode_t mode = place.found.st_mode;
@@ -161,7 +161,7 @@ void find_rights(Place& place, const Layout& layout) {
     }
 }
 
-// Whether path could be looked at. A link that leads nowhere is looked at itself.
+// Whether path could be examined. A link that leads nowhere is examined itself.
 bool look(const std::string& path, bool follow, struct stat& found) {
     if (follow && stat(path.c_str(), &found) == 0) {
         return true;
@@ -169,7 +169,7 @@ bool look(const std::string& path, bool follow, struct stat& found) {
     return (!follow || errno == ENOENT || errno == ELOOP || errno == ENOTDIR) && lstat(path.c_str(), &found) == 0;
 }
 
-// The places to look at: role and path.
+// The places to examine: role and path.
 std::vector<std::pair<Role, std::string>> places_of(const Config& cfg, const Store& store) {
     const std::string snapshots = cfg.def_root + "/snapshots";
     std::vector<std::pair<Role, std::string>> places{{Role::root, cfg.def_root}, {Role::snapshots, snapshots}};

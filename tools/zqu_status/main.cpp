@@ -20,17 +20,17 @@ namespace {
 using namespace zqu::status_tool;
 using namespace zqu::tools;
 
-constexpr int could_not_tell = 3;
+constexpr int not_known = 3;
 
 constexpr const char* about =
     "Shows the state of the antivirus definitions and of their updater zel_quorin_updater: what is in service since "
     "when, how the last check went, and whether something has to be done.";
 
 constexpr const char* about_more =
-    "DURATION is a number of seconds, or of minutes, hours, days or weeks with m, h, d or w after it; as a limit, 0 is "
+    "DURATION is a number of seconds, or a number and m, h, d or w, such as 90, 15m or 2d. As a limit, 0 means "
     "none.\n\n"
     "Exit status: 0 ok, 1 warning, 2 critical, 3 unknown, wrong command line, or the output could not be written.\n"
-    "With --json and --prometheus, 0 whenever the output was written. The manual page has examples.\n";
+    "With --json and --prometheus, 0 if the output was written. The manual page has examples.\n";
 
 struct Request {
     std::string config = default_config_path;
@@ -48,17 +48,16 @@ struct Request {
 void add_options(CLI::App& app, Request& request) {
     app.add_option("--config", request.config, "The daemon's configuration file")->capture_default_str();
     CLI::Option* json = app.add_flag("--json", request.json, "Write JSON");
-    CLI::Option* nagios = app.add_flag("--nagios", request.nagios, "Write a line as monitoring plugins do");
-    CLI::Option* prometheus = app.add_flag("--prometheus", request.prometheus, "Write metrics");
+    CLI::Option* nagios = app.add_flag("--nagios", request.nagios, "Write one line for Nagios and similar systems");
+    CLI::Option* prometheus = app.add_flag("--prometheus", request.prometheus, "Write metrics for a node exporter");
     CLI::Option* quiet = app.add_flag("--quiet", request.quiet, "Write nothing: the exit status is the verdict");
     json->excludes(nagios)->excludes(prometheus)->excludes(quiet);
     nagios->excludes(prometheus)->excludes(quiet);
     prometheus->excludes(quiet);
     app.add_option("--output", request.output, "Replace this regular file, atomically, instead of standard output")
         ->excludes(quiet);
-    app.add_option(
-        "--unit", request.unit,
-        "The daemon's systemd unit, or none (zel_quorin_updater.service for the default configuration, else none)");
+    app.add_option("--unit", request.unit,
+                   "The daemon's systemd unit, or none (zel_quorin_updater.service; with another --config, none)");
     CLI::Option* verify =
         app.add_flag("--verify", request.verify, "Compare every byte of the definitions with the mirror's");
     const auto take_timeout = [&request](std::int64_t seconds) {
@@ -116,8 +115,8 @@ std::string render(const Report& report, const Request& request) {
     return request.prometheus ? prometheus_form(report) : text_form(report, request.output.empty() && colour_wanted());
 }
 
-// By rename(2), so that a reader sees the old content or the new. Not flushed to disk: after a power cut the file may
-// be empty.
+// By rename(2), so that a reader sees the old content or the new, never a mixture. Not flushed to disk: after a power
+// cut the file may be empty.
 void replace_file(const std::filesystem::path& target, const std::string& text) {
     struct stat found = {};
     if (lstat(target.c_str(), &found) == 0 && !S_ISREG(found.st_mode)) {
@@ -151,10 +150,10 @@ void end_by(int signal) {
     for (const char* part : {nagios_service, " UNKNOWN - ended by signal: ", sigdescr_np(signal), "\n"}) {
         static_cast<void>(answered == 0 && write(STDOUT_FILENO, part, std::strlen(part)) > 0);
     }
-    _exit(could_not_tell);
+    _exit(not_known);
 }
 
-// A monitoring system takes no other exit status than 0 to 3. Signals that were ignored at the start stay so.
+// A monitoring system accepts only the exit statuses 0 to 3. Signals that were ignored at the start stay ignored.
 void answer_signals() {
     for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
         struct sigaction at_start = {};
@@ -181,7 +180,7 @@ int parse_and_carry_out(int argc, char** argv, bool nagios) {
     CLI::App app(about, "zqu-status");
     app.set_version_flag("--version", "zqu-status " ZQU_VERSION);
     add_options(app, request);
-    if (const auto status = parse(app, argc, argv, could_not_tell)) {
+    if (const auto status = parse(app, argc, argv, not_known)) {
         return *status;
     }
     if (nagios) {
@@ -200,6 +199,6 @@ int parse_and_carry_out(int argc, char** argv, bool nagios) {
 int main(int argc, char** argv) {
     const bool nagios = std::find(argv, argv + argc, std::string("--nagios")) != argv + argc;
     return run_program(
-        "zqu-status", could_not_tell, [&] { return parse_and_carry_out(argc, argv, nagios); },
+        "zqu-status", not_known, [&] { return parse_and_carry_out(argc, argv, nagios); },
         nagios ? nagios_service : nullptr);
 }

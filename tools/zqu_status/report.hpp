@@ -1,7 +1,7 @@
-// What zqu-status looks at, at one moment; what is to be said of it; and the forms that it is said in.
+// What zqu-status observes at one moment, the findings, and the forms of its output.
 //
-// Creates and changes nothing, and keeps nothing between calls. Judging and the forms are pure functions. Nothing
-// throws, but for lack of memory.
+// Creates and changes nothing, and keeps nothing between calls. judge() and the forms are pure functions. Nothing
+// throws except when memory runs out.
 #pragma once
 
 #include <sys/stat.h>
@@ -30,11 +30,11 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Limit, warning, critical)
 
 namespace zqu::status_tool {
 
-// What the daemon makes of its configuration. The names of all states are those in JSON.
+// How the daemon reads its configuration. The names of all states are those in JSON.
 enum class ConfigState {
     read,
-    missing,     // the daemon goes on with the defaults
-    unreadable,  // by us: what the daemon reads there is not known
+    missing,     // the daemon uses the defaults
+    unreadable,  // for this program; what the daemon reads there is not known
     malformed,   // the daemon does not start
 };
 inline const char* name_of(ConfigState state) {
@@ -46,7 +46,7 @@ enum class StatusState {
     missing,
     unreadable,
     not_regular,  // something else is in its place, a link included; not opened
-    too_long,     // more than 65536 bytes: every text in it is one that a mirror gave
+    too_long,     // more than 65536 bytes, which only texts of a mirror can cause
     unfinished,   // the beginning of a status file, or nothing
     invalid,      // bad JSON, a member missing, twice or of another type, a negative time
     schema,       // of another schema version
@@ -67,7 +67,7 @@ struct StatusFile {
 enum class LinkState {
     in_service,  // a snapshot: a directory directly below "snapshots"
     missing,     // there is no link
-    unreadable,  // it, or where it leads, cannot be looked at
+    unreadable,  // the link or its target cannot be examined
     no_link,     // something else is in its place
     dangling,    // no directory
     outside,     // a directory elsewhere
@@ -118,9 +118,9 @@ enum class Role {
     definition,
 };
 
-// Strangers to a place are all but root, its owner, the owner's primary group (the one of the owner's number counts
-// too), and the packaged service where root or it owns the place. A stranger can write when the mode or the access ACL
-// (acl(5)) permits it and lets the stranger search every directory above.
+// Strangers to a place are all except root, its owner, the owner's primary group (a group with the owner's number
+// counts too), and the packaged service where root or the service owns the place. A stranger can write when the mode or
+// the access ACL (acl(5)) permits it and lets the stranger search every directory above.
 struct Place {
     Role role = Role::root;
     std::string path;           // by the configuration; links in it are not resolved
@@ -137,7 +137,7 @@ struct Layout {
     std::optional<uid_t> user;     // that the packaged service runs as, when it exists
     std::optional<gid_t> group;    // its primary group
     std::optional<gid_t> readers;  // the readers' group of the packages, when packaged
-    std::vector<Place> places;     // in the order of their roles; without those that cannot be looked at
+    std::vector<Place> places;     // in the order of their roles; without those that cannot be examined
 
     // The first place of a role; null when there is none.
     [[nodiscard]] const Place* at(Role role) const;
@@ -175,27 +175,27 @@ struct Facts {
     std::string config_path;
     ConfigState config_state = ConfigState::read;
     std::string config_reason;  // why it is unreadable
-    Config cfg;                 // what the daemon goes by; of no use when unreadable or malformed
-    bool looked = false;        // whether status and store were looked at: not when cfg is of no use
+    Config cfg;                 // the daemon's settings; not valid when unreadable or malformed
+    bool looked = false;        // whether status and store were examined, which needs a valid cfg
     StatusFile status;
     Store store;
     Layout layout;
     Unit unit;
     Comparison comparison;
-    std::int64_t now = 0;  // seconds since the Unix epoch, once all was looked at
+    std::int64_t now = 0;  // seconds since the Unix epoch, after all was examined
 };
 
-// When the last check and the settings let the next one begin, at the earliest and at the latest; it comes later by
-// what the last one took. No value when the time of the last one is not known or too far ahead.
+// The earliest and the latest time at which the next check begins, by the last check and the settings. It begins later
+// by the time that the last check took. No value when the time of the last check is not known or too far ahead.
 [[nodiscard]] std::optional<std::pair<std::int64_t, std::int64_t>> next_check(const Facts& facts);
 
-// Looks at the configuration at path and at what it names, but for unit and comparison. While the daemon is at work,
-// that is while the status file is short or names another version than the link, or the link changes, it looks again:
-// 25 times at most, 20 ms apart. Never waits for anything else.
+// Reads the configuration at path and examines what it names, without unit and comparison. Looks again while the daemon
+// is at work: the status file is short or names another version than the link, or the link changes. At most 25 times,
+// 20 ms apart. Never waits for anything else.
 [[nodiscard]] Facts observe(const std::string& path);
 
-// The parts of it. Control characters inside the status file's texts, which the daemon writes as they are, are
-// accepted; bytes that are not UTF-8 become U+FFFD; further members are ignored.
+// Its parts. Control characters inside the status file's texts, which the daemon writes as they are, are
+// accepted. Bytes that are not UTF-8 become U+FFFD. Further members are ignored.
 [[nodiscard]] StatusFile read_status(const std::string& path);
 [[nodiscard]] Store look_at_store(const Config& cfg);
 [[nodiscard]] Layout look_at_layout(const std::string& config_path, const Config& cfg, const Store& store);
@@ -210,16 +210,16 @@ struct Facts {
 // Begins the line of --nagios.
 inline constexpr const char* nagios_service = "DEFINITIONS";
 
-// What can be found. The names are stable: other programs go by them.
+// What can be found. The names are stable: other programs read them.
 struct FindingKind {
     const char* name;
-    tools::Verdict verdict;  // of limits and of writers it depends on the facts
-    const char* text;        // what is the matter; %1 and %2 depend on the facts
-    const char* advice;      // what to do about it
+    tools::Verdict verdict;  // for limits and writers it depends on the facts
+    const char* text;        // what is wrong; %1 and %2 depend on the facts
+    const char* advice;      // what to do
 };
 extern const std::array<FindingKind, 44> kinds;
 
-// What a last_error means, and what to do about it; a text that the daemon does not write is said to be unknown.
+// What a last_error means and what to do; for other texts, that the daemon does not write them.
 [[nodiscard]] const char* advice_for(const std::string& last_error);
 
 // All texts are printable ASCII on one line, as shown() makes them.
@@ -228,7 +228,7 @@ struct Matter {
     tools::Verdict verdict = tools::Verdict::ok;
     std::string text;
     std::string advice;
-    std::string command;  // one line for a shell that repairs it; empty when none does
+    std::string command;  // one shell line that repairs it; may be empty
 };
 
 struct Limits {
@@ -237,11 +237,11 @@ struct Limits {
 };
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Limits, definitions_age, check_age)
 
-// As wishes of the command line: none is set.
+// The wishes of a command line that sets no limit.
 inline constexpr Limits no_wishes{{-1, -1}, {-1, -1}};
 
-// The limits in force. Where no wish is set: a warning for definitions older than two days, and for checks further
-// apart than the longest wait and twice the longest check (three transfers, five minutes of work on the disk); twice
+// The limits in force. By default, definitions older than two days are a warning, and so are checks that are further
+// apart than the longest wait and twice the longest check (three transfers, five minutes of work on the disk). Twice,
 // because the status says when a check began and is written when it ends. Critical is twice the warning, or twice its
 // default when the warning is off.
 [[nodiscard]] Limits limits_for(const Limits& wishes, const Config& cfg);
@@ -259,11 +259,11 @@ struct Report {
 // asked_for: whether the unit was named on the command line.
 [[nodiscard]] Report judge(Facts facts, const Limits& limits, bool asked_for);
 
-// "active (running), enabled", or why that is not known; empty when there is nothing to say.
+// "active (running), enabled", or why that is not known; empty without a unit.
 [[nodiscard]] std::string unit_text(const Unit& unit);
 
-// Aligned lines for people, with colour by the sequences of ECMA-48; one JSON object of valid UTF-8; the line of a
-// monitoring plugin; and metrics for the textfile collector of a node exporter. The manual page describes them.
+// Aligned lines for people, with colours by the sequences of ECMA-48; one JSON object of valid UTF-8; the line of a
+// monitoring plugin; metrics for the textfile collector of a node exporter. The manual page describes them.
 [[nodiscard]] std::string text_form(const Report& report, bool colour);
 [[nodiscard]] std::string json_form(const Report& report);
 [[nodiscard]] std::string nagios_form(const Report& report);

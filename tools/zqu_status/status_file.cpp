@@ -22,7 +22,8 @@ StatusFile fault(StatusState state, std::string reason) {
     return {state, std::move(reason), {}, false};
 }
 
-// The text with the control characters inside its JSON texts escaped, as the daemon should have if it minded.
+// The text with the control characters inside its JSON texts escaped, as valid JSON needs it; the daemon does not do
+// this.
 std::string with_controls_escaped(const std::string& text) {
     std::string result;
     bool inside = false;
@@ -92,7 +93,7 @@ StatusFile parse_status(const std::string& text) {
 StatusFile read_status(const std::string& path) {
     try {
         struct stat found = {};
-        // Looked at before it is opened: a daemon that waits for a reader of a FIFO must not be let go by us.
+        // Examined before it is opened: opening a FIFO would release a daemon that waits there for a reader.
         if (lstat(path.c_str(), &found) != 0) {
             tools::fail_errno(path);
         }
