@@ -1,5 +1,6 @@
 """The manual pages, README and the pages for operators, held against the programs."""
 
+import gzip
 import re
 import subprocess
 
@@ -76,11 +77,20 @@ def test_page_is_clean_for_both_programs_that_show_it(page):
     assert set(re.findall(r"^\.Xr (z\S+) \d", page.read_text(), re.MULTILINE)) <= NAMES
 
 
+@pytest.mark.parametrize("page", PAGES, ids=lambda page: page.name)
+def test_page_is_installed_with_the_version(page):
+    version = re.search(r"\((.+?)\)", (REPOSITORY / "debian" / "changelog").read_text())[1]
+    installed = gzip.decompress((BUILD / "packaging" / f"{page.name}.gz").read_bytes()).decode()
+    assert installed == page.read_text().replace("\n.Os\n", f"\n.Os zel_quorin_updater {version}\n")
+    assert installed.count(version) == 1
+
+
 def test_page_of_the_daemon_has_its_options_and_its_messages():
     page = REPOSITORY / "docs" / "man" / "zel_quorin_updater.8"
     usage = subprocess.run([DAEMON, "--help"], capture_output=True, text=True, check=True).stdout
     text = rendered(page)
-    assert options(usage) | {"--help"} == options(text.split("\nEXIT STATUS")[0])
+    assert options(usage) | {"--help", "--version"} == options(text.split("\nEXIT STATUS")[0])
+    assert "--version and -h are no options: with them, the daemon starts." in text
     heads = {line.strip() for line in text.split("\nDIAGNOSTICS")[1].splitlines()}
     assert [message for _, message in messages() if message not in heads] == []
     assert {head for head in heads if "%" in head or head.startswith("publish")} <= {m for _, m in messages()}
