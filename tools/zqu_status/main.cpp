@@ -27,7 +27,7 @@ constexpr const char* about =
     "when, how the last check went, and whether something has to be done.";
 
 constexpr const char* about_more =
-    "DURATION is a number of seconds, or a number and m, h, d or w, such as 90, 15m or 2d. As a limit, 0 means "
+    "DURATION is a number of seconds, or a number and s, m, h, d or w, such as 90, 15m or 2d. As a limit, 0 means "
     "none.\n\n"
     "Exit status: 0 ok, 1 warning, 2 critical, 3 unknown, wrong command line, or the output could not be written.\n"
     "With --json and --prometheus, 0 if the output was written. The manual page has examples.\n";
