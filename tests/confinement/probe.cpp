@@ -1,5 +1,5 @@
-// Tries from inside what the unit is to forbid, in the daemon's place, and prints what came of each try. Nothing is
-// harmed where a try is not forbidden: its arguments are impossible, or what it makes is its own. The daemon's file of
+// Runs instead of the daemon, tries what the unit has to forbid, and prints the result of each try. A try that is not
+// forbidden does no harm: its arguments are impossible, or what it makes is its own. The daemon's file of
 // settings has the files to open, as lines such as "read /path".
 #include <fcntl.h>
 #include <linux/bpf.h>
@@ -68,7 +68,7 @@ void files(const std::string& own) {
     say("create a file of its own", outcome(creat((own + "/file").c_str(), 0600)));
 }
 
-// A file system that is writable here but for the definitions root is one too many.
+// Except for the definitions root, no file system may be writable here.
 void writable_mounts() {
     std::ifstream mounts("/proc/self/mountinfo");
     for (std::string line; std::getline(mounts, line);) {

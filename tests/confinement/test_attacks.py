@@ -1,5 +1,5 @@
-"""A hostile mirror against the unit: whatever it announces, nothing outside the definitions root changes, no other
-service suffers, and the next sound release goes into service without help. The same without the unit, for the record.
+"""A hostile mirror against the unit: nothing outside the definitions root changes, other services go on, and the next
+sound release goes into service without help. And the same attacks without the unit, for comparison.
 """
 
 import posixpath
@@ -11,8 +11,8 @@ from release import HIT, Release, hit_ini, info_ini, info_name, sha256
 from scripted_server import SUBDIR, flood, head, reply
 from trials import NEW, OLD
 
-UP = "../" * 12  # to the root of the file system, from wherever
-# Directories, each with a file in it, that are open to everybody: nothing but the sandbox stands before them.
+UP = "../" * 12  # to the root of the file system, from any directory
+# Directories, each with a file in it, that everybody can write: only the sandbox protects them.
 PLACES = [f"{top}/zqu-open" for top in "etc usr usr/lib usr/lib64 var srv opt run mnt tmp".split()]
 PLACES += [f"{top}/zqu-open" for top in ("var/tmp", "run/lock", "dev/shm", "home", "root", f"{HOME}/etc".lstrip("/"))]
 GOOD = zip_bytes(entries_of("new"))
@@ -20,7 +20,7 @@ NOT_FOUND = reply(b"", "404 Not Found")
 
 
 def asked_for(name):
-    """What libcurl makes of dots in a path before it asks for it."""
+    """The path that libcurl asks for: it removes dots first."""
     return posixpath.normpath(f"/{SUBDIR}/{name}").removeprefix(f"/{SUBDIR}/")
 
 
@@ -67,7 +67,7 @@ def changes(before, after):
 
 
 class Front:
-    """The unit at work with a release in service, its mirror, and all that has to stay as it is."""
+    """The running unit with a release in service, its mirror, and all that must not change."""
 
     def __init__(self, gateway):
         self.gateway = gateway
@@ -83,7 +83,7 @@ class Front:
         self.services = running(gateway)
 
     def restart(self, drop_in):
-        """With a changed unit; the check that waits is answered, or the stop would wait for it."""
+        """With a changed unit. A waiting check gets its answer first: otherwise the stop would wait for it."""
         self.gateway.drop_in(drop_in)
         self.gateway.run("systemctl", "restart", "--no-block", UNIT)
         self.mirror.answers.put(self.releases[OLD][HIT])
@@ -95,7 +95,7 @@ class Front:
         assert self.gateway.show(UNIT, "NRestarts") == restarts
 
     def expect_recovery(self):
-        """The mirror comes to reason; nobody touches the unit."""
+        """The mirror is sound again; nobody touches the unit."""
         self.gateway.take_log()
         self.mirror.check(self.releases["1003"])
         assert self.gateway.take_log()[-1] == f"def snapshot updated: {OLD} -> 1003"
@@ -121,7 +121,7 @@ def test_attack_reaches_nothing_outside_the_root(front, record_property):
 @pytest.mark.long
 @pytest.mark.parametrize("attack", ATTACKS)
 def test_attack_without_the_unit_reaches_everything(gateway, attack):
-    """By a daemon that runs as root. So the attacks are real, and it is the unit that holds them."""
+    """By a daemon that runs as root. So the attacks are real, and the unit stops them."""
     gateway.configure()
     open_places(gateway)
     before = gateway.outside()

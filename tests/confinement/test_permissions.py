@@ -1,4 +1,4 @@
-"""Who may do what with the definitions, whatever modes an archive gives: readers may read, strangers nothing."""
+"""Who may do what with the definitions, with any modes in an archive: readers may read, strangers nothing."""
 
 import stat
 
@@ -12,8 +12,8 @@ STAGE = f"{ROOT}/snapshots/{NEW}"
 FILE = f"{ROOT}/active/antivir-v2.def"
 CONTENT = entries_of("new")[1].content.decode().rstrip("\n")
 (RECIPE,) = blocks("operations.md", "The root is out of order")
-UNPREPARED = "[Service]\nExecStartPre=\n"  # a start that heals nothing
-# Each tries something without a sound; its exit status says what came of it.
+UNPREPARED = "[Service]\nExecStartPre=\n"  # a start that repairs nothing
+# Each tries something silently; its exit status is the result.
 TRIES = {
     "list": f"ls {ROOT}/snapshots",
     "read": f"cat {FILE}",
@@ -34,13 +34,13 @@ NOT_THE_FILES = ["list", "read the status"]
 
 
 def may(gateway, user, tries=TRIES):
-    """What of all that the user can do."""
+    """Which of all these the user can do."""
     script = "".join(f"({command}) >/dev/null 2>&1 && echo '{name}'\n" for name, command in tries.items())
     return gateway.run("sh", "-c", script, user=user, check=False).stdout.splitlines()
 
 
 def expect_rights(gateway, readers):
-    """That a reader can do just this, and a stranger nothing."""
+    """A reader can do exactly this, and a stranger nothing."""
     assert {user: may(gateway, user) for user in (READER, STRANGER)} == {READER: readers, STRANGER: []}
 
 
@@ -64,7 +64,7 @@ def zip_with_mode(mode):
 
 
 def zip_with_directory(mode):
-    """A directory entry by the staging directory's own name hands that its mode."""
+    """A directory entry with the staging directory's name gives it its mode."""
     return zip_bytes([Entry(".", b"", stat.S_IFDIR | mode), *entries_of("new")])
 
 
@@ -91,7 +91,7 @@ def test_readers_at_most_read_and_strangers_do_nothing(gateway, archive, place, 
 
 
 def test_definition_of_mode_0000_is_refused_by_its_digest(gateway):
-    """Right as it is; for it cannot be read. Nor can an index of that mode, which then checks nothing."""
+    """The digest is right, but the file cannot be read. Nor can an index of that mode, which then checks nothing."""
     index, definition, other = entries_of("new")
     definition.mode = stat.S_IFREG
     serve(gateway, zip_bytes([index, definition, other]))
@@ -106,7 +106,7 @@ def test_definition_of_mode_0000_is_refused_by_its_digest(gateway):
 
 @pytest.mark.long
 def test_directory_of_mode_0000_costs_its_id_until_a_restart(gateway):
-    """The staging directory stays, shut to the unit itself: that id is lost, the next one is not."""
+    """The staging directory stays, closed to the unit itself: that id fails, the next one does not."""
     gateway.drop_in(UNPREPARED)
     serve(gateway, zip_with_directory(0))
     gateway.run("sh", "-c", RESTART)
@@ -128,7 +128,7 @@ def test_directory_of_mode_0000_costs_its_id_until_a_restart(gateway):
 
 @pytest.mark.long
 def test_unwritable_snapshot_stays_until_a_restart(gateway):
-    """What else the archive held stays in it."""
+    """The other files of the archive stay in it."""
     gateway.drop_in(UNPREPARED)
     update(gateway, zip_with_directory(0o555))
 
@@ -145,7 +145,7 @@ def test_unwritable_snapshot_stays_until_a_restart(gateway):
 
 @pytest.fixture
 def without_acls(gateway):
-    """The definitions root on a file system that knows no ACLs."""
+    """The definitions root on a file system without ACLs."""
     gateway.run("mount", "-t", "ramfs", "ramfs", ROOT)
     yield gateway
     gateway.stop()

@@ -1,4 +1,4 @@
-"""How the unit ends and comes back: failures, stops, signals, and a check by hand beside it."""
+"""How the unit ends and starts again: failures, stops, signals, and a check by hand beside it."""
 
 import threading
 
@@ -50,7 +50,7 @@ def test_unit_that_failed_for_good_is_started_by_the_timer(gateway):
 
 
 def test_daemon_terminated_past_systemd_is_left_to_the_timer(served):
-    """It ends well, which is no failure; but nobody stopped the unit."""
+    """It ends with success, which is no failure. But nobody stopped the unit."""
     served.run("systemctl", "kill", "--signal=TERM", UNIT)
     served.wait_for(lambda: served.state() == "inactive")
     expect_both(served, "inactive", "active")
@@ -77,7 +77,7 @@ def begin_download(gateway):
 
 
 def test_restarts_count_as_starts_until_the_count_is_reset(served):
-    """A sound service that is restarted too often is down until the timer starts it again."""
+    """A sound service that is restarted too often is stopped until the timer starts it again."""
     served.drop_in("[Unit]\nStartLimitBurst=2\n")
     restarted = [served.run("systemctl", "restart", UNIT, check=False).returncode for _ in range(3)]
     assert restarted == [0, 0, 1]
@@ -97,7 +97,7 @@ def owners(gateway):
 
 
 def test_start_takes_over_what_a_check_by_hand_as_root_made(served):
-    """Link, snapshot and status: without that the unit could replace, prune and write none of them."""
+    """Link, snapshot and status: otherwise the unit could not replace, prune or write them."""
     served.configure(retained_snapshots=1)
     served.run("systemctl", "stop", UNIT)
     served.path(STATUS).unlink()
@@ -114,8 +114,8 @@ def test_start_takes_over_what_a_check_by_hand_as_root_made(served):
 
 
 def test_download_is_lost_to_a_check_by_hand_and_to_a_stop(served):
-    """Two daemons at once know nothing of each other: the failure of one takes away what the other is filling. The stop
-    ends in a kill, and the next start heals."""
+    """Two daemons do not know of each other: a failure of one removes what the other is filling. The stop ends in a
+    kill, and the next start repairs it."""
     begin_download(served)
     new = served.publish(NEW)
     served.server.script[new.archive_name] = [reply(b"", "404 Not Found")]

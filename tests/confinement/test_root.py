@@ -1,5 +1,5 @@
 """What a hostile mirror can do inside the definitions root: ids and archive names that climb, and archives that change
-modes or leave links and directories where the daemon wants its own."""
+modes or leave links and directories in place of the daemon's own."""
 
 import json
 import subprocess
@@ -57,7 +57,7 @@ IN_THE_WAY = {"active_is_a_directory": "", "active_tmp_is_a_directory": OLD}  # 
 
 
 class Root(Front):
-    """The unit at work, and the definitions root with all that a mirror, a reader and a stranger make of it."""
+    """The running unit, and the definitions root with all that a mirror, a reader and a stranger can do there."""
 
     def suffer(self, name):
         for check in ATTACKS[name][0]:
@@ -71,7 +71,7 @@ class Root(Front):
         self.gateway.path(STATUS).write_text("")  # what comes now is of a check after that
 
     def findings(self):
-        """By their names; the gravest first."""
+        """By their names; the worst first."""
         report = json.loads(self.gateway.run("/usr/local/bin/zqu-status", "--json", "--unit", "none").stdout)
         return {finding["finding"]: finding for finding in report["findings"]}
 
@@ -83,7 +83,7 @@ class Root(Front):
         assert set(may(self.gateway, READER, tries)) <= set(READING)
 
     def expect_order(self, version):
-        """Nothing is there but whole snapshots and what is ours, and zqu-status finds nothing."""
+        """Only whole snapshots and the daemon's own files are there, and zqu-status finds nothing."""
         self.gateway.wait_for_status(version)
         self.gateway.run("systemctl", "stop", UNIT)
         assert self.findings() == {}
@@ -105,7 +105,7 @@ def root(gateway):
 
 @pytest.mark.parametrize("name", ATTACKS)
 def test_attack_ends_with_the_next_sound_release(root, name):
-    """But for a directory in the way of the link, which a restart removes."""
+    """Except a directory in place of the link, which a restart removes."""
     root.suffer(name)
     assert not ATTACKS[name][1] or ATTACKS[name][1] in root.findings()
     root.expect_nobody_gained()
@@ -128,7 +128,7 @@ def test_attack_is_found_and_the_pasted_command_ends_it(root, name):
     root.expect_order(OLD)
 
 
-# A local user who got into a root that an older version left open, and who swaps what he can for links.
+# A local user who entered a root that an older version left open, and who replaces what he can by links.
 RACER = f"""
 umask 077; cd {ROOT}/snapshots/1001 || exit 1
 touch {EVIL}/racing
@@ -138,7 +138,7 @@ while [ -e {EVIL}/racing ]; do
     mv ../1001 ../other && ln -s /srv/victim ../1001 && rm -f ../1001 && mv ../other ../1001
 done 2>/dev/null
 """
-# Slow enough for him to come between a look and a change.
+# Slow enough for him to act between a look and a change.
 SLOWLY = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=fchownat,fchmodat:delay_enter=30000"]
 
 

@@ -1,5 +1,5 @@
-"""What the unit's sandbox forbids, tried from inside: a probe runs in the daemon's place under the very unit, and says
-what came of each try. Each line of the unit is then taken away, and the tries that it guards have to succeed."""
+"""What the unit's sandbox forbids, tried from inside: a probe runs under the unit instead of the daemon, and prints the
+result of each try. Then each line of the unit is removed, and the tries that it forbids have to succeed."""
 
 import re
 
@@ -8,7 +8,7 @@ from booted_gateway import CONFIG, DAEMON, ROOT, TIMER, UNIT
 from builds import REPOSITORY
 from gateway import BUILD
 
-# Open to everybody, so that nothing but the sandbox stands before them.
+# Everybody can write them, so that only the sandbox protects them.
 OPEN = (
     "/etc /usr /usr/lib /usr/lib32 /usr/lib64 /var /srv /run /opt /mnt "
     "/run/lock /dev/shm /tmp /var/tmp /home /root /run/user"
@@ -64,7 +64,7 @@ NEEDED = {
 
 @pytest.fixture(scope="module")
 def probed(module_gateway):
-    """The booted gateway with the probe in the daemon's place, and directories that are open to everybody."""
+    """The booted gateway with the probe instead of the daemon, and directories that everybody can write."""
     gateway = module_gateway
     for directory in OPEN:
         gateway.run("install", "-d", "-m", "777", f"{directory}/zqu-open")
@@ -76,7 +76,7 @@ def probed(module_gateway):
 
 
 def probe(gateway, *lines):
-    """What comes of each try under the unit with these lines changed."""
+    """The result of each try under the unit with these lines changed."""
     gateway.drop_in("\n".join(("[Service]", *lines)))
     gateway.take_log()
     gateway.run("systemctl", "start", UNIT)
@@ -93,8 +93,8 @@ def test_sandbox_forbids_all_but_what_an_update_needs(probed):
     assert probe(probed) == {**FORBIDDEN, **NEEDED}
 
 
-# Lines of the unit that give a guard up, and the tries that have to go otherwise then.
-AS_ROOT = ["User=root", "PrivateUsers=no", "CapabilityBoundingSet=~"]  # nothing but the filter is in the way then
+# Lines of the unit that remove a guard, and the tries whose results have to change then.
+AS_ROOT = ["User=root", "PrivateUsers=no", "CapabilityBoundingSet=~"]  # then only the filter forbids it
 GUARDS = {
     "ProtectSystem": (["ProtectSystem=no"], ["write /etc/zqu-open/file", f"write {CONFIG}"]),
     "ReadOnlyPaths": (["ReadOnlyPaths="], ["write /run/zqu-open/file"]),
@@ -103,7 +103,7 @@ GUARDS = {
         [f"write /usr/{lib}/zqu-open/file" for lib in ("lib", "lib32", "lib64")],
     ),
     "InaccessiblePaths": (["InaccessiblePaths="], ["write /dev/shm/zqu-open/file", "write /tmp/zqu-open/file"]),
-    # NoExecPaths= names the root too, and what it names ProtectSystem= spares.
+    # NoExecPaths= names the root too, and ProtectSystem= does not cover what it names.
     "ReadWritePaths": (
         ["ReadWritePaths=", "NoExecPaths=", "NoExecPaths=/"],
         ["create a file of its own", "writable mount"],
@@ -156,7 +156,7 @@ SAMPLES = [path for kind in ("consumer", "mirror") for path in sorted((REPOSITOR
 
 @pytest.fixture
 def with_samples(probed):
-    """Every unit that there is."""
+    """Every installed unit."""
     probed.drop_in("")
     probed.put("/usr/local/sbin/zqu-mirror-advance", "", 0o755)
     for sample in SAMPLES:

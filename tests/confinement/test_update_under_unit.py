@@ -49,7 +49,7 @@ def test_update_leaves_files_status_and_log_as_the_services_user(configured):
 
 
 def test_update_makes_no_call_that_the_filter_refuses(configured):
-    """A refused call is an error to the daemon as a rule; here it is its end."""
+    """A refused call usually is an error for the daemon; here it ends the daemon."""
     configured.drop_in("[Service]\nSystemCallErrorNumber=kill\n")
     configured.expect_check(OLD)
     configured.run("systemctl", "stop", UNIT)
@@ -97,7 +97,7 @@ def test_update_from_a_medium(gateway):
     gateway.expect_check(OLD)
 
 
-# Definitions of real sizes, on a disk: what lies in a file system in memory would count as the unit's memory.
+# Definitions of real sizes, on a disk: files in a file system in memory would count as the unit's memory.
 
 
 @pytest.fixture

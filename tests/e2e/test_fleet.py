@@ -87,7 +87,7 @@ def test_advance_waits_unless_prometheus_vouches_in_full(own):
 
 
 class Fleet:
-    """Gateways with a real one's metrics, but ids and ages of their own, and a Prometheus that sees them."""
+    """Gateways with the metrics of a real one, but their own ids and ages, and a Prometheus that sees them."""
 
     def __init__(self, directory, server, text):
         self.directory, self.server, self.text = directory, server, text
@@ -157,7 +157,7 @@ def test_advance_follows_what_gateways_report_to_prometheus(own, fleet):
     fleet.start()
 
     def expect(line, percent, *before):
-        """Runs it until it says this. Before that it says nothing but that it waits, for one of these reasons."""
+        """Runs it until it says this. Before that it says only that it waits, for one of these reasons."""
         for _ in range(100):
             out = advance(own, fleet.url, GATEWAYS="2", TIME="6s")
             if line in out:

@@ -1,4 +1,4 @@
-"""What is shipped for monitoring systems: alerts, dashboard, and the metrics by way of a real node exporter."""
+"""What is shipped for monitoring systems: alerts, dashboard, and the metrics as a real node exporter serves them."""
 
 import itertools
 import json
@@ -90,7 +90,7 @@ def test_panels_have_ids_of_their_own_and_do_not_overlap():
 
 
 def served_by_node_exporter(directory):
-    """What the node exporter with nothing but its textfile collector serves, on a loopback port that it takes over."""
+    """What the node exporter serves with only its textfile collector, on a loopback port that it is given."""
     start = 'LISTEN_PID=$$ LISTEN_FDS=1 exec "$@" 3<&"$SOCKET"'  # the descriptor is for the process that it becomes
     words = ["--collector.disable-defaults", "--collector.textfile", f"--collector.textfile.directory={directory}"]
     with socket.create_server(("127.0.0.1", 0)) as server:
@@ -118,7 +118,7 @@ def samples_of(text):
 
 
 def test_node_exporter_serves_what_the_tool_wrote(gateway, mirror, tmp_path):
-    """By way of a link, as the service unit has it."""
+    """Through a link, as with the service unit."""
     gateway.settings["engine_version"] = 'engine "7" \\ | \x1b'
     mirror.publish("1001")
     gateway.run_once()

@@ -1,4 +1,4 @@
-"""zqu-config: what it makes of a configuration, held against the daemon, and what it finds wrong with one."""
+"""zqu-config: how it reads a configuration, compared with the daemon, and what it finds wrong."""
 
 import json
 import os
@@ -41,7 +41,7 @@ def summary(findings):
 
 
 class Configuration:
-    """A configuration that nothing can be said against, but for the lines that a test adds."""
+    """A configuration without findings, except in the lines that a test adds."""
 
     def __init__(self, base):
         self.base = base
@@ -160,7 +160,7 @@ poll_jitter_s = 4294966397
 """
 
 
-# Lines with which nothing else is looked at, and what is found in them.
+# Lines after which nothing else is checked, and what is found in them.
 FATAL = {
     "poll_interval_s = soon\nflavor =\n": ['1: error: poll_interval_s: "soon" does not begin with a digit'],
     "http_timeout_s =\n": ["1: error: http_timeout_s: the empty value does not begin with a digit"],
@@ -544,7 +544,7 @@ def test_unknown_user_is_refused(conf):
 
 
 def as_nobody(conf, *words, user):
-    """The report that somebody else's user gets, without the configuration's name, and the exit status."""
+    """The report that another user gets, without the configuration's name, and the exit status."""
     nobody = pwd.getpwnam("nobody")
     tool = run.copied_to(conf.base)
     code, out, err = tool("check", *words, "--user", user, conf.path, user=nobody.pw_uid, group=nobody.pw_gid)
@@ -558,7 +558,7 @@ UNASKED = ": note: what user root may read and write was not checked: run as roo
 
 @needs_root
 def test_what_the_caller_cannot_read_is_no_error(open_conf):
-    """Nor that it cannot write where the daemon can; but the daemon's own user is answered for itself."""
+    """Nor that it cannot write where the daemon can. But the daemon's own user is checked for itself."""
     conf = open_conf
     conf.write()
     assert as_nobody(conf, user="root") == (0, [UNASKED, ": 1 note"])
@@ -661,7 +661,7 @@ def test_redirect_to_http_is_a_warning_with_the_address(conf, scripted):
         conf.expect(fails, warning, words=["--online"])
 
 
-# ---- Held against the daemon ----
+# ---- Compared with the daemon ----
 
 
 # Lines that the daemon's own reader was tried with, and what stands before and behind an equals sign in them.
@@ -688,15 +688,15 @@ def shown_of(base, contents):
 
 
 def picked(content, shown):
-    """Of a configuration the lines that are shown as the origins of settings, or as what ends the daemon."""
+    """The lines of a configuration that are shown as origins of settings, or that end the daemon."""
     lines = content.split(b"\n")
     numbers = [shown["line"]] if "error" in shown else [entry["line"] for entry in shown["settings"].values()]
     return b"\n".join(lines[number - 1] for number in sorted(filter(None, numbers)))
 
 
 def test_settings_of_nasty_files_come_from_their_lines(tmp_path, record_property):
-    """A file of only the lines that are shown as origins gives the same settings; one that ends the daemon does so
-    alone, and what stands before it does not."""
+    """A file of only the lines that are shown as origins gives the same settings. A line that ends the daemon does so
+    alone, and the lines before it do not."""
     chooser = random.Random(20261121)
     contents = [nasty_file(chooser) for _ in range(2000)]
     shown = shown_of(tmp_path, contents)
@@ -832,7 +832,7 @@ def test_what_the_service_unit_forbids_is_reported(conf, default_run):
 
 
 def test_sample_configuration_has_every_default(conf):
-    """And nothing is found in it but that the mirror is not set, which is a warning. Only the jitter is set: its
+    """The only finding is the warning that the mirror is not set. Only the jitter is set: its
     default does not spread gateways."""
     sample = (REPOSITORY / "packaging" / "zel_quorin_updater.conf").read_text()
     conf.path.write_text(sample)

@@ -1,4 +1,4 @@
-"""zqu-status: its verdict on everything that a gateway can look like, and the four forms that it gives it in."""
+"""zqu-status: its verdict on every state of a gateway, and the four forms of its output."""
 
 import json
 import os
@@ -51,13 +51,13 @@ def sh(script, *words, **variables):
 
 
 def in_forms(watched, forms=FORMS):
-    """The results in these forms, got at the same time: a broken store is looked at for half a second."""
+    """The results in these forms, from parallel runs: for a broken store a run takes half a second."""
     with ThreadPoolExecutor(len(forms)) as pool:
         return list(pool.map(lambda form: watched.run(*form), forms))
 
 
 class Watched:
-    """A gateway with release 1001 in service by the daemon's own doing, looked at by the tool."""
+    """A gateway where the daemon has put release 1001 into service, examined by the tool."""
 
     def __init__(self, gateway, mirror):
         self.gateway, self.mirror = gateway, mirror
@@ -75,7 +75,7 @@ class Watched:
     def check(self):
         """Lets the daemon make one check, with the configuration as it is."""
         assert self.gateway.run("--config", self.config, "--once").returncode == 0
-        time.sleep(0.02)  # the times of files go on in steps of up to 10 ms
+        time.sleep(0.02)  # times of files change in steps of up to 10 ms
 
     def run(self, *words, **options):
         return run("--config", self.config, *words, **options)
@@ -117,8 +117,8 @@ def watched(gateway, mirror):
     return Watched(gateway, mirror)
 
 
-# What is done to a gateway, and what is found then, the gravest first. "heals" says that the command of the gravest
-# finding heals, alone or with the daemon's next check; "has a command" that there is one, which does not.
+# What is done to a gateway, and what is found then, the worst first. "heals" says that the command of the worst
+# finding repairs it, alone or with the daemon's next check; "has a command" that there is one, which does not.
 LOOKS = r"""
 :                               nothing
 echo poll_interval_s = often >>$conf    critical config_malformed: the configuration {config} holds a malformed number
@@ -212,7 +212,7 @@ member last_check_epoch $((now - LONGEST - 90)); member last_error '"download CA
 
 @pytest.mark.parametrize("change, expected", cases(LOOKS))
 def test_verdict_follows_the_gravest_finding(watched, change, expected):
-    """And a command that is pasted heals."""
+    """And a command that is pasted repairs it."""
     watched.change(change.replace("LONGEST", str(LONGEST)))
     (code, text, err), (_, report, _) = in_forms(watched, FORMS[:2])
     report = json.loads(report)
@@ -276,7 +276,7 @@ def test_command_is_quoted_or_left_out(watched):
 
 @pytest.fixture
 def reachable(gateway_in_memory, mirror):
-    """A root below directories that everybody may search, which keeps others out."""
+    """A root that is closed to others, below directories that everybody may search."""
     gateway_in_memory.directory.chmod(0o755)
     made = Watched(gateway_in_memory, mirror)
     made.root.chmod(0o750)
@@ -339,7 +339,7 @@ def test_directories_of_two_owners_are_a_warning(watched):
 
 # ---- The packages' layout ----
 
-# Makes the machine one that has the packages: the user, the configuration and the definitions root.
+# Makes the machine look like one with the packages: the user, the configuration and the definitions root.
 PACKAGED = """
 mount -t tmpfs -o mode=755 tmpfs /usr/local
 for base in passwd group; do
@@ -481,7 +481,7 @@ def test_configuration_that_is_no_file_or_too_long_is_unknown(watched, tmp_path)
 
 
 def test_fifo_as_status_file_is_not_waited_for(watched):
-    """And its writer is not let go."""
+    """And its writer still waits."""
     watched.change("rm $status; mkfifo $status")
     with subprocess.Popen(["sh", "-c", 'echo {} >"$0"', watched.status_path]) as writer:
         try:
@@ -593,7 +593,7 @@ def test_daemon_at_work_is_never_taken_for_a_fault(watched):
 
 
 def test_texts_of_mirror_and_disk_are_harmless_in_all_forms(watched):
-    """The id comes from the mirror, through the daemon, which writes control characters as they are."""
+    """The id comes from the mirror, and the daemon writes its control characters unchanged."""
     evil = b'9\x1b]0;x\x07\x01"\\|\xff\xe9\xc3\xa9\x7f\xc2\x9b'
     watched.mirror.write(HIT, b"[Current]\ndefId=" + evil + b"\n")
     watched.check()
@@ -628,7 +628,7 @@ def test_long_texts_are_cut_where_they_are_shown(watched):
     assert watched.report()["status"]["contents"]["last_error"] == "x" * 60000
 
 
-# The texts of last_error, with the beginning of what is advised. The last one is no text of the daemon's.
+# The texts of last_error, with the beginning of what is advised. The last one is not a text of the daemon.
 ADVICE = {
     "defId fetch failed": "The mirror's current id",
     "complete-info fetch failed for 7": "The mirror names this release",
@@ -895,7 +895,7 @@ def test_output_replaces_nothing_but_a_regular_file(watched, tmp_path):
 
 
 def metrics(watched, *words):
-    """The samples that the tool writes, once promtool has looked at them."""
+    """The samples that the tool writes, after a check by promtool."""
     code, out, err = watched.run("--prometheus", *words)
     assert (code, err) == (0, "")
     return check_metrics(out)

@@ -59,7 +59,7 @@ class Package:
         return self.gateway.run(*PURGE[self.kind].split(), check=False)
 
     def clear(self):
-        """Makes the system forget what a test has installed or left."""
+        """Removes what a test has installed or left."""
         self.gateway.run("systemctl", "unmask", UNIT, check=False)
         self.purge()
         self.gateway.run("sh", "-c", f"rm -rf /usr/local/zelgw /srv/* /etc/systemd/system/{UNIT}.d")
@@ -130,7 +130,7 @@ def test_upgrade_restarts_and_removing_keeps_what_is_the_users(package):
 
 @pytest.mark.parametrize("action, state", [("enable", "enabled"), ("mask", "masked")])
 def test_upgrade_leaves_a_stopped_service_as_it_was(package, action, state):
-    """And brings the new configuration in place of one that nobody has edited."""
+    """And replaces a configuration that nobody has edited by the new one."""
     package.gateway.run("systemctl", action, UNIT)
     package.upgrade()
     assert package.gateway.path(CONFIG).read_text().endswith("# a line that came with the next version\n")
@@ -141,7 +141,7 @@ def test_upgrade_leaves_a_stopped_service_as_it_was(package, action, state):
         assert how_it_runs(package.gateway) == ("masked", "inactive")
 
 
-# What brings the root to the new layout is the same in both kinds, but for who calls it.
+# Both kinds use the same script to change the root to the new layout; only the caller differs.
 ROOTS = {"deb": ("deb", ROOT, False), "rpm": ("rpm", MOVED, False), "running": ("rpm", MOVED, True)}
 
 
@@ -173,7 +173,7 @@ ACCOUNTS = r"/etc/((passwd|group|shadow|gshadow|subuid|subgid)-?|\.pwd\.lock)"
 
 
 def files(gateway):
-    """Whatever differs from this machine's files: all but directories that are the same there."""
+    """What differs from this machine's files: all except directories that are the same there."""
     found = set()
     written = gateway.path("/run/written")
     for directory, directories, names in os.walk(written):
@@ -193,7 +193,7 @@ def verdict(gateway):
 
 
 def test_whole_life_ends_with_the_system_as_it_was(deb):
-    """But for the users. In between the gateway is watched, updated and upgraded."""
+    """Except for the users. In between the gateway is watched, updated and upgraded."""
     gateway = deb.gateway
     before = files(gateway)
     deb.install()
@@ -220,7 +220,7 @@ def test_whole_life_ends_with_the_system_as_it_was(deb):
 OTHERS = "mkdir /srv/other; cd /srv/other; touch status.json 1001"
 STAYS = f"{PROGRAM}: {ROOT} stays: something is mounted in its snapshots\n"
 MOUNT = "snapshots/1001/more"
-# What is done before, and what purging has to leave of the directories then; all of them when something is mounted.
+# What is done before, and which directories purging has to leave then; all of them when something is mounted.
 KEPT = {
     "notes": (
         f"cd {HOME}; touch defs/notes defs/manifest/notes etc/notes",

@@ -1,4 +1,4 @@
-"""What the packages hold and need, what the linters of both kinds find, and that building again gives the same."""
+"""The contents and needs of the packages, the findings of both linters, and that building again gives the same."""
 
 import os
 import pathlib
@@ -158,7 +158,7 @@ def test_packing_again_under_other_circumstances_is_the_same(packages):
 
 @pytest.fixture
 def open_directory():
-    """A directory that every user may get to, which those of pytest are not."""
+    """A directory that every user can reach, unlike those of pytest."""
     with tempfile.TemporaryDirectory(dir="/var/tmp") as directory:
         os.chmod(directory, 0o755)
         yield pathlib.Path(directory)
