@@ -195,7 +195,7 @@ def stopped(module_gateway):
 
 
 @pytest.mark.parametrize("settings", SETTINGS)
-def test_preparation_goes_by_the_settings(stopped, settings):
+def test_preparation_follows_the_settings(stopped, settings):
     """And removes neither a snapshot in service nor files of others."""
     gateway = stopped
     gateway.run("sh", "-ec", OTHERS)

@@ -30,7 +30,7 @@ def named(page):
 
 
 def all_unit_tests():
-    """Every name of a unit test, less what tells parameters apart."""
+    """Every name of a unit test, without the part that names parameters."""
     output = subprocess.run([BUILD / "unit_tests", "--gtest_list_tests"], capture_output=True, text=True, check=True)
     suite, names = "", set()
     for line in output.stdout.splitlines():

@@ -74,7 +74,7 @@ def test_help_prints_the_usage_and_nothing_else_happens(idle, name, words):
     assert not idle.root.exists()
 
 
-ODD = ["-h", "help", "--Help", "-c", "--config=/nowhere", "--onc", "--once=1", "", "file", "--"]
+ODD = ["-h", "--version", "help", "--Help", "-c", "--config=/nowhere", "--onc", "--once=1", "", "file", "--"]
 
 
 @pytest.mark.parametrize(

@@ -421,7 +421,7 @@ def on_packages(change, *words):
 
 @pytest.mark.skipif(not may_mount(), reason="this process may not make mount namespaces")
 @pytest.mark.parametrize("change, expected", cases(ON_PACKAGES))
-def test_layout_of_the_packages_is_judged(change, expected):
+def test_layout_of_the_packages_is_checked(change, expected):
     findings = on_packages(change)
     assert [f"{f['finding']}: {f['text']}" for f in findings] == [line.format(defs=DEFS) for line in expected]
     for finding in findings:
@@ -1085,7 +1085,7 @@ def test_comparing_needs_little_memory_for_large_definitions(watched):
     assert (code, err) == (0, "") and most < 60, (out, most)
 
 
-def test_end_of_the_mirrors_chain_is_told_14_days_before(watched, scripted, authority):
+def test_end_of_the_mirrors_chain_is_a_warning_14_days_before(watched, scripted, authority):
     end = datetime.now(timezone.utc).replace(microsecond=0, tzinfo=None) + timedelta(days=13)
     scripted.server.context = server_context(authority.issue_cert("127.0.0.1", not_after=end))
     scripted.server.script = Release("1001").script

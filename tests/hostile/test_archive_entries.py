@@ -167,7 +167,7 @@ def test_entry_in_place_of_the_staging_directory_is_refused(trial, beside):
     )
 
 
-def test_archive_that_lies_elsewhere_may_have_it_replaced(trial, beside):
+def test_archive_that_is_elsewhere_may_have_it_replaced(trial, beside):
     """A mirror that announces such a name, and such an archive, reaches all that the daemon may write to: the entries
     go where the link points, and all else there is removed."""
     archive = zip_bytes([link("", beside), *new()])

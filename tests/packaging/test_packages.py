@@ -14,6 +14,8 @@ from packages import EPOCH, RELEASE, run
 DOC = "/usr/share/doc/zel-quorin-updater"
 MIRROR_DOC = "/usr/share/doc/zel-quorin-mirror"
 COMPLETIONS = "/usr/share/bash-completion/completions"
+PAGES = """consumers.md design.md mirrors.md monitoring.md operations.md performance.md security.md troubleshooting.md
+without-systemd.md copyright images/fleet.png performance/fleet.svg performance/pieces.svg performance/update.svg"""
 UPDATER = [
     "-rwxr-xr-x /usr/bin/zqu-config",
     "-rwxr-xr-x /usr/bin/zqu-status",
@@ -28,19 +30,13 @@ UPDATER = [
     "-rwxr-xr-x /usr/sbin/zel_quorin_updater",
     f"-rw-r--r-- {COMPLETIONS}/zqu-config",
     f"-rw-r--r-- {COMPLETIONS}/zqu-status",
-    f"-rw-r--r-- {DOC}/consumers.md",
-    f"-rw-r--r-- {DOC}/copyright",
+    *(f"-rw-r--r-- {DOC}/{page}" for page in PAGES.split()),
     f"-rw-r--r-- {DOC}/examples/zel-quorin-reload.path",
     f"-rw-r--r-- {DOC}/examples/zel-quorin-reload.service",
     f"-rw-r--r-- {DOC}/examples/zel-quorin-reload.timer",
-    f"-rw-r--r-- {DOC}/images/fleet.png",
-    f"-rw-r--r-- {DOC}/monitoring.md",
     f"-rw-r--r-- {DOC}/monitoring/zel-quorin-fleet.html",
     f"-rw-r--r-- {DOC}/monitoring/zel-quorin-updater.dashboard.json",
     f"-rw-r--r-- {DOC}/monitoring/zel-quorin-updater.rules.yml",
-    f"-rw-r--r-- {DOC}/operations.md",
-    f"-rw-r--r-- {DOC}/security.md",
-    f"-rw-r--r-- {DOC}/without-systemd.md",
     "-rw-r--r-- /usr/share/man/man1/zqu-config.1.gz",
     "-rw-r--r-- /usr/share/man/man1/zqu-status.1.gz",
     "-rw-r--r-- /usr/share/man/man5/zel_quorin_updater.conf.5.gz",
@@ -49,13 +45,12 @@ UPDATER = [
 MIRROR = [
     "-rwxr-xr-x /usr/bin/zqu-mirror",
     f"-rw-r--r-- {COMPLETIONS}/zqu-mirror",
-    f"-rw-r--r-- {MIRROR_DOC}/copyright",
+    *(f"-rw-r--r-- {MIRROR_DOC}/{page}" for page in PAGES.split()),
     f"-rw-r--r-- {MIRROR_DOC}/examples/zqu-mirror-advance",
     f"-rw-r--r-- {MIRROR_DOC}/examples/zqu-mirror-advance.service",
     f"-rw-r--r-- {MIRROR_DOC}/examples/zqu-mirror-advance.timer",
     f"-rw-r--r-- {MIRROR_DOC}/examples/zqu-mirror-sync.service",
     f"-rw-r--r-- {MIRROR_DOC}/examples/zqu-mirror-sync.timer",
-    f"-rw-r--r-- {MIRROR_DOC}/mirrors.md",
     "-rw-r--r-- /usr/share/man/man1/zqu-mirror.1.gz",
 ]
 # What a .deb has besides.
@@ -78,8 +73,9 @@ DIRECTORIES = {
         f"{DOC}/examples",
         f"{DOC}/images",
         f"{DOC}/monitoring",
+        f"{DOC}/performance",
     ],
-    "mirror": [MIRROR_DOC, f"{MIRROR_DOC}/examples"],
+    "mirror": [MIRROR_DOC, *(f"{MIRROR_DOC}/{name}" for name in ("examples", "images", "performance"))],
 }
 
 

@@ -163,7 +163,7 @@ private:
         const std::string text = about_ + what;
         run_.phase("");  // clears the progress, and says nothing more once a signal is ending the run
         found_.remarks.emplace_back(verdict, text);
-        if (options_.form == Form::text && !(options_.quiet && verdict == Verdict::ok)) {
+        if (options_.form == Form::text && (!options_.quiet || verdict != Verdict::ok)) {
             const std::string word = word_of(verdict);
             say(word + std::string(9 - word.size(), ' ') + text);
         }

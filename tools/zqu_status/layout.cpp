@@ -111,7 +111,7 @@ std::vector<Access> rights_along(fs::path path) {
 bool may_be_shared(const Place& place) {
     const bool of_status = place.role == Role::manifest || place.role == Role::status_directory;
     const mode_t mode = place.found.st_mode;
-    return (of_status && (mode & S_ISVTX) != 0) || !(S_ISDIR(mode) || S_ISREG(mode));
+    return (of_status && (mode & S_ISVTX) != 0) || (!S_ISDIR(mode) && !S_ISREG(mode));
 }
 
 // In a user namespace that lacks a group, ACLs show it as (gid_t)-1.
