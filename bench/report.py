@@ -106,7 +106,7 @@ def seconds(spread):
     return with_spread(spread, *next(format for limit, *format in limits if spread["median"] < limit))
 
 
-COLUMNS = {"cpu": "CPU", "system": "of it system", "wall": "wall", "faults": "page faults"}
+COLUMNS = {"cpu": "CPU", "system": "kernel", "wall": "wall", "faults": "page faults"}
 
 
 def costs(title, contests, ratio, columns, fields=tuple(COLUMNS)):

@@ -198,13 +198,13 @@ member last_check_epoch $((now - LONGEST - 90))
 member last_check_epoch $((now - 2 * LONGEST - 90))
     critical check_late: the last check began 1 h 7 min ago, more than 1 h 6 min
 aged active $((2 * day + hour + 30))
-    warning definitions_old: the definitions were published 2 d 1 h ago, more than 2 d
+    warning definitions_old: the definitions came into service 2 d 1 h ago, more than 2 d
 aged active $((4 * day + hour + 30))
-    critical definitions_old: the definitions were published 4 d 1 h ago, more than 4 d
+    critical definitions_old: the definitions came into service 4 d 1 h ago, more than 4 d
 aged active $((5 * day + 30)); rm active/antivir-v2.def
 member last_check_epoch $((now - LONGEST - 90)); member last_error '"download CAB"' # has a command
     critical definition_missing: antivir-v2.def is missing from the snapshot in service
-    critical definitions_old: the definitions were published 5 d ago, more than 4 d
+    critical definitions_old: the definitions came into service 5 d ago, more than 4 d
     warning check_failed: the last check failed: download CAB
     warning check_late: the last check began 34 min ago, more than 33 min
 """
@@ -985,7 +985,7 @@ echo "[Current]" >"$mirror/antivir-v2-c-1000.ini"
         archive or no digest
 rm "$mirror"/*.ini
     unknown not_compared: the definitions could not be compared with the mirror's: GET {mirror}/antivir-v2-c-1001.ini:
-        HTTP response code said error
+        HTTP response code said error: 404
 printf x >>active/antivir-v2.def; : >"$mirror/antivir-v2-1001.cab"
     unknown not_compared: the definitions could not be compared with the mirror's: antivir-v2-1001.cab does not have
         the digest that the mirror gives
@@ -1012,7 +1012,7 @@ def test_definitions_are_compared_with_the_mirrors(watched, change, expected):
 # What the mirror answers for the archive of a sound release, and why nothing was compared then.
 UNUSABLE = {
     "antivir-v2-1001.cab does not have the digest that the mirror gives": [reply(b"other")],
-    "GET {}/defs/antivir-v2-1001.cab: HTTP response code said error": [reply(b"", "404 Not Found")],
+    "GET {}/defs/antivir-v2-1001.cab: HTTP response code said error: 404": [reply(b"", "404 Not Found")],
     "GET {}/defs/antivir-v2-1001.cab: Timeout was reached": [stall],
     "GET {}/defs/antivir-v2-1001.cab: longer than 8589934592 bytes": [head("200 OK", f"Content-Length: {9 << 30}")],
     "antivir-v2-1001.cab cannot be unpacked: Unrecognized archive format": Release("1001", archive=b"no archive" * 99),

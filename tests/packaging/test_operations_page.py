@@ -25,7 +25,7 @@ def administrator(bare_gateway, packages):
     made.said = made.sh(block.replace("zqu-status\n", f"until [ -s {STATUS} ]; do sleep 0.1; done\nzqu-status\n"))
     gateway.run("useradd", "--no-create-home", USER)
     made.refused = gateway.run("cat", f"{ROOT}/active/antivir-v2.def", user=USER, check=False).stderr
-    (block,) = blocks("consumers.md", "May read")
+    (block,) = blocks("consumers.md", "Who may read")
     made.sh(block)
     return made
 

@@ -60,7 +60,7 @@ public:
     // Called with the bytes that have arrived, from time to time during a transfer.
     void on_progress(std::function<void(std::uintmax_t)> show) { show_ = std::move(show); }
 
-    // The id that the hit INI names, never empty. Throws MirrorError "<file> names no release" also.
+    // The id that the hit INI names, never empty. Also throws MirrorError "<file> names no release".
     [[nodiscard]] std::string fetch_id();
 
     // The id that the text of a hit INI names.

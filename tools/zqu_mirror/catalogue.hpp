@@ -32,7 +32,7 @@ struct Release {
     std::vector<std::string> companions{};  // file names of its deltas, and of the upstream mirror's INI
     bool current = false;                   // a hit INI names it, of any flavor
     bool candidate = false;                 // stage files name it (rollout.hpp), of any flavor
-    Times times;                // of the INI: when the release was published or last ceased to be current or candidate
+    Times times;                // of the INI: when the release was published or stopped being current or candidate
     std::int64_t grace_ns = 0;  // when the grace ends, set by newest_first()
 };
 
@@ -65,7 +65,7 @@ void require_understood(const Catalogue& catalogue);
 
 // The releases of options.flavor with the ends of their graces, the current one first, then the newest. The grace of a
 // former release lasts for options.grace_s from changed_ns: a copy may have kept the mtime. Workplace::make_current
-// gives a release that ceases to be current the mtime of the new hit INI. Where that was not done, the newest one whose
+// gives a release that stops being current the mtime of the new hit INI. Where that was not done, the newest one whose
 // grace has ended may have been current until the hit INI was replaced.
 [[nodiscard]] std::vector<Release> newest_first(const Catalogue& catalogue, const Options& options,
                                                 std::int64_t now_ns);

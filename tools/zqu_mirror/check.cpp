@@ -261,7 +261,7 @@ private:
         found_.size = fs::file_size(path);
         const std::string size = std::to_string(*found_.size);
         report(Verdict::ok, info.cab_name + " can be downloaded: " + size + " bytes");
-        // A size behind all others counts only where there is no other.
+        // The first size counts. So one that is added at the end counts only if the INI has none.
         if (info.size == 0 && client_.read_info(info_text + "\ndef.Current.size = 1", found_.id).size == 1) {
             report(Verdict::warning, "def.Current.size is missing");
         } else if (std::to_string(info.size) != size) {

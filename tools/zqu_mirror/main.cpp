@@ -81,7 +81,9 @@ std::function<std::string(const std::string&)> name_is_not(const std::string& ot
 }
 
 void add_percent(CLI::App& command, Options& options) {
-    command.add_option("--percent", options.percent, "Begin a rollout: give it to this percentage of the gateways")
+    command
+        .add_option("--percent", options.percent,
+                    "Begin a rollout: give the release to this percentage of the gateways")
         ->check(CLI::IsMember(stages));
     command.add_flag("--replace", options.replace, "End the rollout of another release first");
 }
@@ -113,7 +115,7 @@ void add_client(CLI::App& command, Options& options) {
     tools::add_duration(
         command, "--timeout",
         [&options](auto seconds) { options.timeout_s = static_cast<std::uint32_t>(std::min(seconds, longest_s)); },
-        "Time for one whole transfer", 1)
+        "Longest time of one transfer", 1)
         ->default_str("5m");
 }
 
@@ -176,7 +178,7 @@ void add_prune(CLI::App& command, Options& options) {
         ->check(CLI::Range(1, 1000000));
     add_age(command, "--older-than", options.older_than_s, "Remove only what is older than this");
     add_grace(command, options);
-    command.add_flag("--dry-run", options.dry_run, "Say what would be removed, what not and why; remove nothing");
+    command.add_flag("--dry-run", options.dry_run, "Say what would be removed and what kept, and why; remove nothing");
     add_mirror_directory(command, options);
 }
 
@@ -194,7 +196,7 @@ void add_check(CLI::App& command, Options& options) {
         return url || fs::is_directory(mirror) ? "" : std::string("must be a directory or an http, https or file URL");
     };
     add_client(command, options);
-    auto* quiet = command.add_flag("--quiet", options.quiet, "Print warnings and faults only");
+    auto* quiet = command.add_flag("--quiet", options.quiet, "Print warnings and FAULTs only");
     const auto add_form = [&](const std::string& name, Form form, const std::string& what) {
         const auto choose = [&options, form] { options.form = form; };
         return command.add_flag_callback(name, choose, what)->excludes(quiet);
@@ -237,9 +239,9 @@ Writes the release and then, in one step, makes it current, or with --percent th
 the old release or the new one, whole. When anything fails, one line says why, and the mirror stays as it was. But a
 run with --replace that fails may have ended the former rollout. Publishing the same content again makes that release
 current again. An id never gets other content. Files in the wrong order are refused, if their names show it. A CAB
-holds 2147450880 bytes with its index; the other formats have no such limit. zstd gives the smallest archives, and
-takes minutes to pack. Old gateways may be unable to read it. --deltas is for gateways that copy with mirror --plain:
-a day's changes often need a hundredth of the archive's bytes.
+holds at most 2147450880 bytes with its index; the other formats have no such limit. zstd gives the smallest archives,
+and takes minutes to pack. Gateways without Zstandard in libarchive cannot read it. --deltas is for gateways that copy
+with mirror --plain: a day's changes often need a hundredth of the archive's bytes.
 
 Examples:
   zqu-mirror publish --id 20240131.007 /srv/mirror antivir.def aivsecon.def
@@ -292,7 +294,7 @@ Examples:
 )"},
     {"prune", "Remove old releases", add_prune, done<prune>, R"(
 Removes the releases that neither --keep nor --older-than keeps (without these two: none), and what killed runs
-have left. A release's age counts from when it was published or ceased to be current. Always keeps what the hit INI
+have left. A release's age counts from when it was published or stopped being current. Always keeps what the hit INI
 of any flavor names, and what was current within the grace, because clients may still fetch it. Removes archives that
 no INI names if they have a name that publish gives; keeps and lists others. When an INI file cannot be understood,
 removes nothing.

@@ -221,8 +221,8 @@ private:
         }
     }
 
-    // The release that was current before. The one that last ceased to be current has the time of the hit INI, or, when
-    // that is lost, the newest time (Workplace::make_current). It comes first when the current one is damaged, and last
+    // The release that was current before. The one that was current last has the time of the hit INI, or, when that
+    // is lost, the newest time (Workplace::make_current). It comes first when the current one is damaged, and last
     // when it is not known which one that was. A candidate never was.
     std::string former() {
         needs_consent_ = true;

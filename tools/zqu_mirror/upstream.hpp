@@ -35,8 +35,8 @@ public:
     // The id of the current release there, a usable one.
     [[nodiscard]] std::string current();
 
-    // What the upstream mirror says of the release id. Throws tools::MissingFile when it does not have it, and
-    // Distrusted.
+    // What the upstream mirror says of the release id. Throws tools::MissingFile when it does not have the release,
+    // Distrusted when its signature is refused.
     [[nodiscard]] Offer release(const std::string& id);
 
     // Downloads the archive to a path in the work directory and requires that clients would take it; flushes it.

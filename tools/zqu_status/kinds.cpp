@@ -20,8 +20,7 @@ constexpr const char* no_definitions =
 constexpr const char* without_link = "Without the link, the next check fetches the release again.";
 constexpr const char* damaged =
     "The mirror serves it like this, the disk was full, or it was damaged here. Without the link active, the next "
-    "check fetches the "
-    "release again.";
+    "check fetches the release again.";
 constexpr const char* rewritten =
     "The next check rewrites it. If it stays, something else writes it, or the daemon is of another version.";
 constexpr const char* clock_back = "The clock was put back: a daemon that hangs is not noticed before the next check.";
@@ -110,7 +109,7 @@ const std::array<FindingKind, 44> kinds{{
      "zqu-config check --online tries the mirror."},
     {"certificate_ends", warning, "%1", "With an expired certificate no check succeeds."},
     {"insecure_redirect", warning, "%1", "The mirror has to name an https address."},
-    {"definitions_old", critical, "the definitions were published %1",
+    {"definitions_old", critical, "the definitions came into service %1",
      "If the checks succeed, the mirror has had no new release since: look at the mirror."},
     {"publication_in_future", warning, "the publication is in the future, at %1",
      "The clock was put back: its age is not known before the next publication."},

@@ -23,8 +23,8 @@ using namespace zqu::tools;
 constexpr int not_known = 3;
 
 constexpr const char* about =
-    "Shows the state of the antivirus definitions and of their updater zel_quorin_updater: what is in service since "
-    "when, how the last check went, and whether something has to be done.";
+    "Shows the state of the antivirus definitions and of their updater zel_quorin_updater: what is in service and "
+    "since when, the result of the last check, and what has to be done.";
 
 constexpr const char* about_more =
     "DURATION is a number of seconds, or a number and s, m, h, d or w, such as 90, 15m or 2d. As a limit, 0 means "
