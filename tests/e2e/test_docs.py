@@ -8,6 +8,7 @@ from builds import REPOSITORY
 from certificates import DAY, Issuer
 from cryptography import x509
 from gateway import BUILD
+from outcomes import CURL_TEXTS
 from pages import blocks, section
 from tools import Tool
 
@@ -75,7 +76,7 @@ def test_every_path_and_link_of_a_page_leads_somewhere(page):
         assert linked.is_file(), target
         headings = re.findall(r"^#+ (.*)$", linked.read_text(errors="replace"), re.MULTILINE)
         assert anchor in ("", *(heading.lower().replace(" ", "-") for heading in headings)), anchor
-    assert "…/" not in text  # commands can be pasted
+    assert "…/" not in text and not re.search(r"^    # [a-z]+ .*[/-]", text, re.MULTILINE)  # commands can be pasted
 
 
 def test_installed_pages_link_to_installed_pages_only():
@@ -98,6 +99,12 @@ BAD_CERTIFICATES = {  # by what the page calls them
 }
 
 
+def test_reasons_that_the_page_explains_are_those_of_libcurl():
+    known = {text.replace("Could not", "Couldn't").replace("hostname", "host name") for text in CURL_TEXTS}
+    listed = re.findall(r"^\| `(.+?)` \|", section(HELP, "The mirror cannot be asked"), re.MULTILINE)
+    assert len(listed) > 5 and set(listed) <= known
+
+
 def expect_shown(trial, heading):
     """A check shows what the page has below a heading: findings, the one line of the log, and lines of the status."""
     base = f"https://localhost:{trial.server.port}"
@@ -113,7 +120,7 @@ def expect_shown(trial, heading):
 
 def test_bad_certificates_show_what_the_page_says(trial, authority, tmp_path):
     (block,) = blocks(HELP, "Certificate")
-    for name, here in {MIRROR: "localhost", "443": str(trial.server.port), "/etc/ssl/mirror-ca.pem": "ca.pem"}.items():
+    for name, here in {MIRROR: "localhost", "443": str(trial.server.port), "/etc/ssl/fleet-ca.pem": "ca.pem"}.items():
         block = block.replace(name, here)
     said = subprocess.getoutput(block := f"cd {trial.directory}/machine; {block}")
     assert all(line in said for line in ("\nVerification: OK\n", "\nissuer=", "\nnotAfter=", "DNS:localhost")), said

@@ -109,7 +109,20 @@ def test_page_for_operators_has_just_the_texts_of_last_error():
     assert listed == errors()
 
 
-def test_readme_has_keys_and_manual_page_every_key_with_its_default():
+def test_pages_have_the_limit_of_starts_of_the_unit():
+    unit = (REPOSITORY / "packaging/systemd/zel_quorin_updater.service.in").read_text()
+    assert "StartLimitIntervalSec=5min\nStartLimitBurst=10\n" in unit
+    for page in (
+        "operations.md",
+        "security.md",
+        "without-systemd.md",
+        "troubleshooting.md",
+        "man/zel_quorin_updater.8",
+    ):
+        assert re.search(r"ten\b[^.|]*\bfive minutes", (REPOSITORY / "docs" / page).read_text()), page
+
+
+def test_readme_has_keys_and_manual_page_all_with_their_defaults():
     known = {key: str(default) for key, default in SETTINGS.items()}
     rows = table(REPOSITORY / "README.md", "Configure")
     listed = {re.match(r"`(\w+)`", cells[0])[1]: cells[1].strip("`") for cells in rows}

@@ -154,8 +154,9 @@ poll_interval_s = 0
 poll_jitter_s = 0
     1: warning: poll_interval_s: 0: checks follow each other without a pause
     2: note: poll_jitter_s: gateways that start together ask the mirror together
+poll_interval_s = 900
 poll_jitter_s = 4294966397
-    1: warning: poll_interval_s: with the jitter of up to 4294966396 s the wait wraps around at 2^32 s,
+    2: warning: poll_interval_s: with the jitter of up to 4294966396 s the wait wraps around at 2^32 s,
         and may be none
 """
 
@@ -243,7 +244,7 @@ VALUES = {
         "v?": NOT_ENCODED.format("?"),
     },
     "poll_interval_s": {
-        "0": "warning: 0: checks follow each other without a pause but the jitter",
+        "0": "warning: 0: checks follow each other without a pause except the jitter",
         "59": "warning: the mirror is asked every 59 s",
         "60": "",
         "604800": "",
@@ -630,6 +631,11 @@ def test_mirror_that_fails_is_an_error_with_the_reason(online, nginx, mirror, cl
     url = f"https://127.0.0.1:{closed_port}"
     online.write(f"mirror_base_url = {url}\nmirror_subdir = d\n")
     online.expect(FAILS.format(f"GET {url}/d/{HIT}: {NO_CONNECTION}"), words=["--online"])
+    with ScriptedServer() as proxy:
+        proxy.script[f"127.0.0.1:{closed_port}"] = [reply(b"", "407 Proxy Authentication Required")]
+        prefix = ["env", f"https_proxy=http://127.0.0.1:{proxy.port}", "no_proxy="]
+        reason = "HTTP response code said error: 407 by the proxy"
+        online.expect(FAILS.format(f"GET {url}/d/{HIT}: {reason}"), words=["--online"], prefix=prefix)
 
 
 def test_mirror_that_stalls_is_given_up(conf):

@@ -12,7 +12,8 @@ ENGINE = "engine 7"
 # Texts of libcurl that change with its version.
 _libcurl = ctypes.CDLL("libcurl.so.4")
 _libcurl.curl_easy_strerror.restype = ctypes.c_char_p
-NO_PROXY, NO_HOST, NO_CONNECTION, NO_FILE = (_libcurl.curl_easy_strerror(code).decode() for code in (5, 6, 7, 37))
+CURL_TEXTS = [_libcurl.curl_easy_strerror(code).decode() for code in range(100)]
+NO_PROXY, NO_HOST, NO_CONNECTION, NO_FILE = (CURL_TEXTS[code] for code in (5, 6, 7, 37))
 _ESCAPES = {"\t": "\\t", "\n": "\\n", "\r": "\\r", '"': '\\"', "\\": "\\\\"}
 
 

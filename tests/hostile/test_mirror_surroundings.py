@@ -24,7 +24,7 @@ def test_proxy_of_the_environment_is_asked_and_not_believed(trial):
 
 
 def test_environment_may_have_the_keys_of_tls_written_down(trial):
-    """Who sets it can read recorded traffic, but not change it. Hence a clean environment."""
+    """Who sets it can read recorded traffic, but not change it. So give the daemon a clean environment."""
     keys = trial.directory / "keys"
     assert run_once(trial, SSLKEYLOGFILE=str(keys)) == published(NEW, OLD)
     assert "CLIENT_TRAFFIC_SECRET_0 " in keys.read_text()

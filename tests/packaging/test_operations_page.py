@@ -104,6 +104,19 @@ def test_rollback_by_hand_lasts_until_the_service_is_started(administrator, gate
     assert gateway.in_service() == bad
 
 
+def test_page_for_troubles_repairs_definitions_and_a_failed_unit(administrator, gateway):
+    _, compare, fetch = blocks("troubleshooting.md", "Full disk")
+    damaged = gateway.path(f"{ROOT}/active/antivir-v2.def")
+    sound = damaged.read_bytes()
+    damaged.write_bytes(b"cut")
+    assert "antivir-v2.def" in administrator.sh(f"{compare.strip()} || :")
+    gateway.expect_check(gateway.version, command=fetch)
+    assert damaged.read_bytes() == sound
+    (start,) = blocks("troubleshooting.md", "The unit is failed")
+    gateway.run("systemctl", "kill", "--signal", "SEGV", UNIT)
+    gateway.expect_check(gateway.version, command=start)
+
+
 MOVED = "/srv/definitions"
 
 

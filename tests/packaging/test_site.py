@@ -104,7 +104,7 @@ def roll_out(site, id, former):
     assert (code, removed) == (0, NOTHING_REMOVED)
     assert waits.startswith(f"waits: {id} is the candidate for 1 per cent")
     seen = [set()]
-    for line in scripts(PAGE, "Staged rollout")[0].splitlines():
+    for line in scripts(PAGE, "Staged rollout")[1].splitlines():
         assert id in site.sh(line)
         named = site.named()
         seen.append({address for address in named if named[address] == id})
@@ -114,6 +114,7 @@ def roll_out(site, id, former):
 
 def test_site_of_the_page_rolls_out_withdraws_and_is_watched(site):
     site.expect("1004")
+    site.do("Staged rollout")
     site.publish("1005")
     site.sync()
     site.expect("1005")
@@ -121,12 +122,12 @@ def test_site_of_the_page_rolls_out_withdraws_and_is_watched(site):
     roll_out(site, "1005", "1004")
     site.sync()
     site.expect("1006")
-    assert "1005 is current for all" in site.do("Staged rollout", 1)
+    assert "1005 is current for all" in site.do("Staged rollout", 2)
     site.expect("1005")
     assert site.sync()[1].startswith("1006 is held")
-    again = site.do("Staged rollout", 2, **{UPSTREAM: f"file://{RELEASES}"})
+    again = site.do("Staged rollout", 3, **{UPSTREAM: f"file://{RELEASES}"})
     assert "the candidate for 1 per cent again 1006" in again
-    site.do("Staged rollout", 1)
+    site.do("Staged rollout", 2)
     site.expect("1005")
     far, near = scripts(PAGE, "Monitoring")[0].splitlines()
     for line in (far, near):

@@ -370,7 +370,10 @@ long Client::http_status() const {
 std::string Client::reason_of(int result) const {
     const std::string reason = curl_easy_strerror(static_cast<CURLcode>(result));
     if (result == CURLE_HTTP_RETURNED_ERROR) {
-        return reason + ": " + std::to_string(http_status());
+        long of_proxy = 0;  // its answer to CONNECT, when the mirror could not be asked
+        curl_easy_getinfo(curl_, CURLINFO_HTTP_CONNECTCODE, &of_proxy);
+        const long status = http_status();
+        return reason + ": " + (status != 0 ? std::to_string(status) : std::to_string(of_proxy) + " by the proxy");
     }
     if (result == CURLE_UNSUPPORTED_PROTOCOL && !insecure_.empty()) {
         return "redirected from https to " + insecure_.back() +

@@ -154,18 +154,17 @@ void check_engine_version(const Reading& reading, Findings& findings) {
 void check_interval(const Reading& reading, Findings& findings) {
     const std::uint32_t interval = reading.cfg.poll_interval_s;
     const std::uint32_t jitter = reading.cfg.poll_jitter_s;
-    // With the default interval, only the jitter can make the wait wrap around.
-    const std::size_t own = reading.line("poll_interval_s");
-    const std::size_t line = own != 0 ? own : reading.line("poll_jitter_s");
     // The longest jitter is one second less than poll_jitter_s; the sum keeps its low 32 bits.
     const std::uint32_t longest = jitter == 0 ? 0 : jitter - 1;
     const bool wraps = interval + longest < interval;
+    // The line of the number that is too large.
+    const std::size_t line = reading.line(wraps && longest > interval ? "poll_jitter_s" : "poll_interval_s");
     const std::string without = "0: checks follow each other without a pause";
     findings.first(line, "poll_interval_s",
                    {{wraps, warning,
                      "with the jitter of up to " + std::to_string(longest) +
                          " s the wait wraps around at 2^32 s, and may be none"},
-                    {interval == 0, warning, without + (longest > 0 ? " but the jitter" : "")},
+                    {interval == 0, warning, without + (longest > 0 ? " except the jitter" : "")},
                     {interval < 60, warning, "the mirror is asked every " + std::to_string(interval) + " s"},
                     {interval > 7 * 86400, warning, "checks are " + std::to_string(interval / 86400) + " days apart"}});
     findings.first(reading.line("poll_jitter_s"), "poll_jitter_s",

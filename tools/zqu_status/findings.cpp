@@ -121,7 +121,8 @@ private:
         } else if (asked_for_ && !unit.load_state.empty() && unit.active_state.empty()) {
             add("service_stopped", name, "not there");
         } else if (unit.active_state == "failed" || unit.sub_state == "auto-restart") {
-            add("service_failed", name, unit.result, shell_line("systemctl restart", {unit.name}));
+            add("service_failed", name, unit.result,
+                shell_line("systemctl reset-failed", {name}) + " && " + shell_line("systemctl restart", {name}));
         } else if (unit.active_state == "inactive") {
             add("service_stopped", name, enabled ? "stopped" : "stopped and " + unit.unit_file_state,
                 enabled ? shell_line("systemctl start", {unit.name}) : enabling("systemctl enable --now"));

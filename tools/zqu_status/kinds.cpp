@@ -70,7 +70,8 @@ const std::array<FindingKind, 44> kinds{{
     {"config_unusable", warning, "%1",
      "Set it in the configuration and restart the daemon: no check can succeed without it."},
     {"service_failed", critical, "%1 has failed: %2",
-     "Read its log: journalctl -u and the name of the unit. systemctl restart tries it again at once."},
+     "Read its log: journalctl -u and the name of the unit. After the repair, restart it. After ten failed starts that "
+     "needs systemctl reset-failed first."},
     {"service_stopped", critical, "%1 is %2: the definitions get no updates",
      "Start it. If the daemon runs without a unit or in another one, use --unit."},
     {"service_disabled", warning, "%1 runs, but does not start at boot: it is %2", "Enable it."},
