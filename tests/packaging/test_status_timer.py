@@ -64,12 +64,12 @@ STATES = {
         "unmask --runtime && enable",
         "ZelQuorinOddity",
     ),
-    "failed": (
-        "printf '[Service]\\nRestart=no\\n' >$drop_in; "
-        "systemctl daemon-reload; systemctl kill --signal=ABRT $unit; until systemctl is-failed $unit; do :; done",
+    "failed too often": (
+        "printf '[Service]\\nRestartSec=0\\n' >$drop_in; systemctl daemon-reload; "
+        "until systemctl is-failed $unit; do systemctl kill --signal=ABRT $unit || :; done",
         "failed (failed), enabled",
         f"service_failed: {UNIT} has failed: signal",
-        "restart",
+        "reset-failed && restart",
         "ZelQuorinServiceDown",
     ),
     "waiting for its restart": (
@@ -77,7 +77,7 @@ STATES = {
         "until [ $(systemctl show --property SubState --value $unit) = auto-restart ]; do :; done",
         "activating (auto-restart), enabled",
         f"service_failed: {UNIT} has failed: signal",
-        "restart",
+        "reset-failed && restart",
         "ZelQuorinServiceDown",
     ),
 }

@@ -35,7 +35,7 @@ bool fails() {
     return true;
 }
 
-__attribute__((destructor)) void tell() {
+__attribute__((destructor)) void report() {
     const char* const path = std::getenv("ZQU_ALLOCATIONS_FILE");
     const int fd = path != nullptr ? open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666) : -1;
     if (fd >= 0) {

@@ -37,7 +37,7 @@ Number setting(const char* name, Number otherwise) {
 }
 
 // Allocates nothing: the daemon's memory is measured, and one of the callers is a signal handler.
-__attribute__((format(printf, 1, 2))) void tell(const char* format, ...) {
+__attribute__((format(printf, 1, 2))) void report(const char* format, ...) {
     static const int fd = setting("ZQU_PACE_EVENTS", -1);
     char line[100];
     std::va_list arguments;
@@ -61,7 +61,7 @@ void wait_at_gate() {
     if (++reading != gate || fd < 0) {
         return;
     }
-    tell("gate %zu\n", mallinfo2().uordblks);
+    report("gate %zu\n", mallinfo2().uordblks);
     ssize_t size = 0;
     do {
         size = read(fd, &gate, sizeof gate);
@@ -72,7 +72,7 @@ sighandler_t handlers[NSIG];
 
 void on_signal(int number) {
     const int saved = errno;
-    tell("signal %d\n", number);
+    report("signal %d\n", number);
     handlers[number](number);
     errno = saved;
 }
@@ -94,7 +94,7 @@ std::time_t time(std::time_t* result) {
     }
     wait_at_gate();
     const std::time_t seconds = now()++;
-    tell("time %lld\n", static_cast<long long>(seconds));
+    report("time %lld\n", static_cast<long long>(seconds));
     if (result != nullptr) {
         *result = seconds;
     }
@@ -107,8 +107,8 @@ int nanosleep(const timespec* request, timespec* remainder) {
     if (!in_program(__builtin_return_address(0))) {
         return real(request, remainder);
     }
-    tell("sleep %lld %ld %s\n", static_cast<long long>(request->tv_sec), request->tv_nsec,
-         request == remainder ? "same" : "other");
+    report("sleep %lld %ld %s\n", static_cast<long long>(request->tv_sec), request->tv_nsec,
+           request == remainder ? "same" : "other");
     timespec left{};
     const timespec span = scaled(*request, second_ns, billion);
     if (second_ns == 0 || real(&span, &left) == 0) {
@@ -117,7 +117,7 @@ int nanosleep(const timespec* request, timespec* remainder) {
     }
     if (remainder != nullptr) {
         *remainder = scaled(left, billion, second_ns);
-        tell("interrupted %lld %ld\n", static_cast<long long>(remainder->tv_sec), remainder->tv_nsec);
+        report("interrupted %lld %ld\n", static_cast<long long>(remainder->tv_sec), remainder->tv_nsec);
     }
     errno = EINTR;
     return -1;
@@ -130,7 +130,7 @@ sighandler_t signal(int number, sighandler_t handler) {
     }
     handlers[number] = handler;
     const sighandler_t former = real(number, on_signal);
-    tell("handler %d\n", number);
+    report("handler %d\n", number);
     return former;
 }
 
