@@ -66,7 +66,7 @@ STATES = {
     ),
     "failed too often": (
         "printf '[Service]\\nRestartSec=0\\n' >$drop_in; systemctl daemon-reload; "
-        "until systemctl is-failed $unit; do systemctl kill --signal=ABRT $unit || :; done",
+        "until systemctl is-failed $unit; do systemctl kill --signal=KILL $unit || :; done",
         "failed (failed), enabled",
         f"service_failed: {UNIT} has failed: signal",
         "reset-failed && restart",
